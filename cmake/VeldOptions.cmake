@@ -1,0 +1,34 @@
+# The build's switches and the flags that every target of this project gets.
+include_guard(GLOBAL)
+
+option(VELD_WERROR "Treat warnings as errors" OFF)
+option(VELD_TESTS "Build the tests" ON)
+set(VELD_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
+
+find_program(VELD_CCACHE ccache)
+if(VELD_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${VELD_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${VELD_CCACHE})
+endif()
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+set(CMAKE_CXX_FLAGS_RELEASE "-O2")
+set(CMAKE_C_FLAGS_RELEASE "-O2")
+
+# Target with the warnings and the sanitizer; link it privately.
+add_library(veld_flags INTERFACE)
+target_compile_options(veld_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+  $<$<BOOL:${VELD_WERROR}>:-Werror>)
+target_include_directories(veld_flags INTERFACE ${CMAKE_SOURCE_DIR})
+if(VELD_SANITIZE)
+  target_compile_options(veld_flags INTERFACE
+    -fsanitize=${VELD_SANITIZE} -fno-omit-frame-pointer -g)
+  target_link_options(veld_flags INTERFACE -fsanitize=${VELD_SANITIZE})
+  if(VELD_SANITIZE MATCHES "undefined")
+    target_compile_options(veld_flags INTERFACE -fno-sanitize-recover=undefined)
+  endif()
+endif()

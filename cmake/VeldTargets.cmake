@@ -1,0 +1,55 @@
+# Helpers with which the folders declare their targets.
+include_guard(GLOBAL)
+
+# veld_add_library(NAME sources...): a static library with the project's flags.
+function(veld_add_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE veld_flags)
+endfunction()
+
+# veld_add_test(NAME SOURCES sources... LIBRARIES libraries... [ARGUMENTS arguments...])
+# One GoogleTest program, registered as one ctest test; its name says what it covers.
+function(veld_add_test name)
+  cmake_parse_arguments(TEST "" "" "SOURCES;LIBRARIES;ARGUMENTS" ${ARGN})
+  add_executable(${name} ${TEST_SOURCES})
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE ${TEST_LIBRARIES} GTest::gmock_main veld_flags)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  add_test(NAME ${name} COMMAND ${name} ${TEST_ARGUMENTS})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+endfunction()
+
+# Collects the sources of every target below `folder` into `out`, as absolute paths.
+function(veld_collect_sources folder out)
+  set(all "")
+  get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(target IN LISTS targets)
+    get_target_property(sources ${target} SOURCES)
+    get_target_property(base ${target} SOURCE_DIR)
+    foreach(source IN LISTS sources)
+      if(source MATCHES "\\.(c|cpp)$")
+        cmake_path(ABSOLUTE_PATH source BASE_DIRECTORY ${base} NORMALIZE)
+        list(APPEND all ${source})
+      endif()
+    endforeach()
+  endforeach()
+  get_property(folders DIRECTORY ${folder} PROPERTY SUBDIRECTORIES)
+  foreach(inner IN LISTS folders)
+    veld_collect_sources(${inner} below)
+    list(APPEND all ${below})
+  endforeach()
+  set(${out} ${all} PARENT_SCOPE)
+endfunction()
+
+# A test that no target builds would pass for ever, so it stops the build.
+function(veld_require_every_test_source_in_a_target)
+  veld_collect_sources(${CMAKE_SOURCE_DIR}/tests built)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS
+    ${CMAKE_SOURCE_DIR}/tests/*.cpp ${CMAKE_SOURCE_DIR}/tests/*.c)
+  foreach(source IN LISTS sources)
+    if(NOT source IN_LIST built)
+      message(FATAL_ERROR "${source} is in no target: add it to a veld_add_test")
+    endif()
+  endforeach()
+endfunction()

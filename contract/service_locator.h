@@ -1,0 +1,28 @@
+// zel::IServiceLocator, the host's directory of services. The host implements it.
+#pragma once
+
+#include "types/object.h"
+#include "types/ref.h"
+
+namespace zel {
+
+// Threads: any. The module asks on callers' threads, on the timer's and on the HTTP client's.
+class IServiceLocator : public IObject {
+ public:
+  // `interfaceId`: which service. `reserved`: always 0. On success (a result that isn't negative) `*out`
+  // holds a new reference for the caller, cast to exactly that interface; on failure it stays null. A service
+  // may be asked for any number of times, and whether the answer is one shared object is the locator's
+  // choice.
+  virtual ResultCode GetInterface(InterfaceId interfaceId, std::uint32_t reserved, void** out) = 0;
+
+ protected:
+  ~IServiceLocator() = default;
+};
+
+// Looks up interface I by its own id.
+template <class I>
+ResultCode GetInterface(IServiceLocator* locator, Ref<I>& out) {
+  return locator->GetInterface(I::iid, 0, out.OutVoid());
+}
+
+}  // namespace zel

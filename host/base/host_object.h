@@ -1,0 +1,80 @@
+// HostObject, the base with which the host kit's services implement interfaces of the contract.
+//
+// It gives the reference count and QueryInterface; a service derives from it and writes its operations.
+// Objects are made by MakeObject, with one reference for the maker, and end with the last Release. Not for
+// objects that are members of others.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <new>
+#include <tuple>
+#include <utility>
+
+#include "types/object.h"
+#include "types/ref.h"
+
+namespace veld_report::host {
+
+// `Interfaces`: what the object implements; id 0 asks for the first. One without an id of its own (no `iid`
+// member) is reached by no id but 0.
+template <class... Interfaces>
+class HostObject : public Interfaces... {
+ public:
+  HostObject() = default;
+  HostObject(const HostObject&) = delete;
+  HostObject& operator=(const HostObject&) = delete;
+
+  std::uint32_t AddRef() override { return references_.fetch_add(1, std::memory_order_relaxed) + 1; }
+  std::uint32_t Release() override {
+    const std::uint32_t left = references_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) delete this;
+    return left;
+  }
+  zel::ResultCode QueryInterface(zel::InterfaceId interfaceId, void** out) override {
+    *out = nullptr;
+    using First = std::tuple_element_t<0, std::tuple<Interfaces...>>;
+    if (interfaceId == 0) {
+      *out = static_cast<First*>(this);
+    } else {
+      (Offer<Interfaces>(interfaceId, out), ...);
+    }
+    if (!*out) return zel::eInterfaceNotSupported;
+    AddRef();
+    return zel::sOk;
+  }
+
+ protected:
+  virtual ~HostObject() = default;
+
+ private:
+  template <class I>
+  void Offer(zel::InterfaceId interfaceId, void** out) {
+    if constexpr (requires { I::iid; }) {
+      if (interfaceId == I::iid) *out = static_cast<I*>(this);
+    }
+  }
+
+  std::atomic<std::uint32_t> references_{1};
+};
+
+// Makes a T with the one reference that the result owns.
+template <class T, class... Arguments>
+zel::Ref<T> MakeObject(Arguments&&... arguments) {
+  return zel::Ref<T>::Attach(new T(std::forward<Arguments>(arguments)...));
+}
+
+// Runs `body`, which returns a ResultCode, and turns what it throws into a code: no host operation of the kit
+// lets an exception cross the boundary.
+template <class Body>
+zel::ResultCode Guarded(Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return zel::eOutOfMemory;
+  } catch (...) {
+    return zel::eUnspecifiedError;
+  }
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,72 @@
+// Memory of framework objects: the host's zel::IAllocator, and zel::Allocator, which containers hold.
+//
+// The rule: memory comes from the allocator that the host gave to the owning object, and from the process
+// heap (malloc and free) where no allocator is in sight. A block goes back where it came from. Since the
+// process heap is the same on both sides of the boundary, a container without an allocator may be filled by
+// the host and freed by the module.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+#include "types/object.h"
+#include "types/ref.h"
+
+namespace zel {
+
+// The host's allocator. Called from any thread.
+class IAllocator : public IObject {
+ public:
+  static constexpr InterfaceId iid = 0x9cca5603;
+  // Returns `size` bytes, aligned for any type, or null.
+  virtual void* Allocate(std::uint64_t size) = 0;
+  // Never called by the module.
+  virtual ResultCode ReservedAllocatorOperation() = 0;
+  // Takes back what Allocate of the same allocator gave.
+  virtual void Free(void* memory) = 0;
+
+ protected:
+  ~IAllocator() = default;
+};
+
+// Returns `size` bytes from `allocator`, or from the process heap if that is null. Throws std::bad_alloc.
+inline void* AllocateMemory(IAllocator* allocator, std::uint64_t size) {
+  void* memory = allocator ? allocator->Allocate(size) : std::malloc(size);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+
+// Gives back what AllocateMemory with the same allocator returned.
+inline void FreeMemory(IAllocator* allocator, void* memory) {
+  if (allocator) {
+    allocator->Free(memory);
+  } else {
+    std::free(memory);
+  }
+}
+
+// What a container of T holds: one counted reference on an IAllocator, or none for the process heap.
+// Copying it takes a reference. Two are the same when their services are the same object.
+template <class T>
+class Allocator {
+ public:
+  Allocator() = default;
+  explicit Allocator(IAllocator* service) : service_(service) {}
+
+  IAllocator* Service() const { return service_.Get(); }
+  // Room for `count` objects, which the caller constructs. Throws std::bad_alloc.
+  T* Allocate(std::uint64_t count) const {
+    return static_cast<T*>(AllocateMemory(service_.Get(), count * sizeof(T)));
+  }
+  void Free(T* memory) const { FreeMemory(service_.Get(), memory); }
+
+  friend bool operator==(const Allocator& left, const Allocator& right) {
+    return left.Service() == right.Service();
+  }
+
+ private:
+  Ref<IAllocator> service_;
+};
+
+}  // namespace zel

@@ -1,0 +1,224 @@
+// zel::types::vector_t, the vector that crosses between host and module.
+//
+// It differs from std::vector in three ways that the binary contract fixes: its four words are public and in
+// a fixed order, its memory follows the rule of types/allocator.h, and it grows to the larger of twice its
+// size and what is needed, starting from its size and not from its capacity.
+//
+// Elements keep the allocators of what they are copied from, not the vector's. A vector belongs to one thread
+// at a time. Growth that fails leaves the vector as it was.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+#include "types/allocator.h"
+
+namespace zel::types {
+
+template <class T, class A = Allocator<T>>
+struct vector_t {
+  static constexpr std::uint64_t maxSize = UINT64_MAX / sizeof(T);
+
+  T* first = nullptr;
+  T* last = nullptr;
+  T* end = nullptr;
+  A allocator;
+
+  vector_t() = default;
+  explicit vector_t(IAllocator* service) : allocator(service) {}
+
+  // Shares the source's allocator and has room for exactly its elements.
+  vector_t(const vector_t& other) : allocator(other.allocator) {
+    const std::uint64_t count = other.size();
+    if (count > maxSize) throw std::length_error("construct");
+    if (count == 0) return;
+    NewBlock block(allocator, count);
+    for (const T& element : other) block.Construct(element);
+    Adopt(block.Detach(), count, count);
+  }
+  vector_t(vector_t&& other) noexcept : allocator(other.allocator) { Steal(other); }
+
+  // The old elements go only after the copy has succeeded; the allocator of `other` is taken over.
+  vector_t& operator=(const vector_t& other) {
+    vector_t copy(other);
+    swap(copy);
+    return *this;
+  }
+  vector_t& operator=(vector_t&& other) noexcept {
+    vector_t taken(std::move(other));
+    swap(taken);
+    return *this;
+  }
+  ~vector_t() {
+    Truncate(0);
+    if (first) allocator.Free(first);
+  }
+
+  std::uint64_t size() const { return static_cast<std::uint64_t>(last - first); }
+  std::uint64_t capacity() const { return static_cast<std::uint64_t>(end - first); }
+  bool empty() const { return first == last; }
+  T& operator[](std::uint64_t index) { return first[index]; }
+  const T& operator[](std::uint64_t index) const { return first[index]; }
+
+  // Throws std::bad_alloc, std::length_error ("vector::append") and what T's copy throws.
+  void push_back(const T& value) {
+    if (last != end) {
+      std::construct_at(last, value);
+      ++last;
+      return;
+    }
+    Grow(1, [&](NewBlock& block) { block.Construct(value); });
+  }
+  void push_back(T&& value) {
+    if (last != end) {
+      std::construct_at(last, std::move(value));
+      ++last;
+      return;
+    }
+    Grow(1, [&](NewBlock& block) { block.Construct(std::move(value)); });
+  }
+  // Appends `count` default elements.
+  void append(std::uint64_t count) {
+    if (count <= static_cast<std::uint64_t>(end - last)) {
+      ConstructGuard guard{last, last};
+      for (std::uint64_t i = 0; i < count; ++i) guard.Construct();
+      last = guard.Detach();
+      return;
+    }
+    Grow(count, [&](NewBlock& block) {
+      for (std::uint64_t i = 0; i < count; ++i) block.Construct();
+    });
+  }
+  // Replaces the content by a copy of `count` elements; keeps the block where they fit. For plain elements.
+  void assign(const T* source, std::uint64_t count) requires std::is_trivially_copyable_v<T> {
+    if (count > capacity()) {
+      if (count > maxSize) throw std::length_error("construct");
+      T* block = allocator.Allocate(count);
+      if (first) allocator.Free(first);
+      Adopt(block, 0, count);
+    }
+    last = std::uninitialized_copy(source, source + count, first);
+  }
+  void clear() { Truncate(0); }
+  // Destroys the elements from index `count` on, in ascending order. The block stays.
+  void Truncate(std::uint64_t count) {
+    std::destroy(first + count, last);
+    last = first + count;
+  }
+  void swap(vector_t& other) noexcept {
+    std::swap(first, other.first);
+    std::swap(last, other.last);
+    std::swap(end, other.end);
+    std::swap(allocator, other.allocator);
+  }
+
+ private:
+  // Elements that were built at the end of the block and aren't counted yet.
+  struct ConstructGuard {
+    T* begin;
+    T* place;
+    template <class... Arguments>
+    void Construct(Arguments&&... arguments) {
+      std::construct_at(place, std::forward<Arguments>(arguments)...);
+      ++place;
+    }
+    T* Detach() {
+      begin = place;
+      return place;
+    }
+    void Rollback() {
+      while (place != begin) std::destroy_at(--place);
+    }
+    ~ConstructGuard() { Rollback(); }
+  };
+
+  // A block under construction: if it isn't detached, its elements go, last first, and then its memory.
+  class NewBlock {
+   public:
+    NewBlock(const A& allocator, std::uint64_t capacity, std::uint64_t offset = 0)
+        : allocator_(allocator),
+          memory_(allocator.Allocate(capacity)),
+          guard_{memory_ + offset, memory_ + offset} {}
+    NewBlock(const NewBlock&) = delete;
+    NewBlock& operator=(const NewBlock&) = delete;
+    ~NewBlock() {
+      if (!memory_) return;
+      guard_.Rollback();
+      allocator_.Free(memory_);
+    }
+    template <class... Arguments>
+    void Construct(Arguments&&... arguments) {
+      guard_.Construct(std::forward<Arguments>(arguments)...);
+    }
+    T* Detach() {
+      guard_.Detach();
+      return std::exchange(memory_, nullptr);
+    }
+
+   private:
+    const A& allocator_;
+    T* memory_;
+    ConstructGuard guard_;
+  };
+
+  // The new elements are built at their final place before anything moves, so a failure changes nothing, and
+  // an element of this very vector may be the source.
+  template <class Construct>
+  void Grow(std::uint64_t count, Construct&& construct) {
+    const std::uint64_t oldSize = size();
+    if (count > maxSize - oldSize) throw std::length_error("vector::append");
+    const std::uint64_t doubled = oldSize > maxSize / 2 ? maxSize : 2 * oldSize;
+    const std::uint64_t newCapacity = doubled > oldSize + count ? doubled : oldSize + count;
+    NewBlock block(allocator, newCapacity, oldSize);
+    construct(block);
+    T* memory = block.Detach();
+    std::uninitialized_move(first, last, memory);
+    Truncate(0);
+    if (first) allocator.Free(first);
+    Adopt(memory, oldSize + count, newCapacity);
+  }
+  void Adopt(T* block, std::uint64_t count, std::uint64_t capacityOfBlock) {
+    first = block;
+    last = block + count;
+    end = block + capacityOfBlock;
+  }
+  void Steal(vector_t& other) {
+    first = std::exchange(other.first, nullptr);
+    last = std::exchange(other.last, nullptr);
+    end = std::exchange(other.end, nullptr);
+  }
+};
+
+// For range-based for: the field `end` keeps the names begin and end from being members.
+template <class T, class A>
+T* begin(vector_t<T, A>& vector) {
+  return vector.first;
+}
+template <class T, class A>
+T* end(vector_t<T, A>& vector) {
+  return vector.last;
+}
+template <class T, class A>
+const T* begin(const vector_t<T, A>& vector) {
+  return vector.first;
+}
+template <class T, class A>
+const T* end(const vector_t<T, A>& vector) {
+  return vector.last;
+}
+
+static_assert(sizeof(vector_t<int>) == 32);
+static_assert(offsetof(vector_t<int>, first) == 0 && offsetof(vector_t<int>, last) == 8);
+static_assert(offsetof(vector_t<int>, end) == 16 && offsetof(vector_t<int>, allocator) == 24);
+
+}  // namespace zel::types
+
+namespace zel {
+template <class T>
+using vector_t = types::vector_t<T, Allocator<T>>;
+}  // namespace zel

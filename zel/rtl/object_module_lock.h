@@ -1,0 +1,37 @@
+// The module's bookkeeping of live objects.
+//
+// ModuleObjectCount is what zelCanUnloadModule reads; the per-class values are for a debugger: how many of
+// one class live, and the XOR of their addresses, which is 0 again when the last has gone. The values are
+// three separate atomics, not one transaction.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace zel {
+
+extern constinit std::atomic<std::uint32_t> ModuleObjectCount;
+
+// An empty first base of each concrete object, so that it is built before everything else of the object and
+// goes after it.
+template <class T>
+class ObjectModuleAutoLockTyped {
+ public:
+  ObjectModuleAutoLockTyped() {
+    ModuleObjectCount.fetch_add(1);
+    addresses.fetch_xor(reinterpret_cast<std::uint64_t>(this));
+    liveCount.fetch_add(1);
+  }
+  ObjectModuleAutoLockTyped(const ObjectModuleAutoLockTyped&) = delete;
+  ObjectModuleAutoLockTyped& operator=(const ObjectModuleAutoLockTyped&) = delete;
+  ~ObjectModuleAutoLockTyped() {
+    addresses.fetch_xor(reinterpret_cast<std::uint64_t>(this));
+    liveCount.fetch_sub(1);
+    ModuleObjectCount.fetch_sub(1);
+  }
+
+  static inline constinit std::atomic<std::uint32_t> liveCount{0};
+  static inline constinit std::atomic<std::uint64_t> addresses{0};
+};
+
+}  // namespace zel
