@@ -1,0 +1,96 @@
+// The send cycle, and the drain of the pending submissions.
+#include <utility>
+
+#include "facade/veld_report/src/veld_report_sender.h"
+#include "trace/trace_stream.h"
+#include "zel/rtl/error_handling/exception_conversion.h"
+
+namespace orvel::veld_report {
+
+void VeldReportSenderImpl::OnSendTimeout(void* /*argument*/) {
+  zel::TraceText(tracer.Get(), zel::normalLevel, "OnSendTimeout called");
+  timerSink.Disarm();
+  SenderSnapshot snapshot;
+  SendTotals totals;
+  const std::uint32_t flags = TakeSnapshot(snapshot);
+  try {
+    RunCycle(snapshot, flags, totals);
+  } catch (...) {
+    // The totals keep what had been added; the end of the cycle decides by them.
+    zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::OnSendTimeout");
+  }
+  // A cycle that is stopped says nothing more and leaves the list of the walk to the destructor.
+  if (!stopping.load(std::memory_order_acquire)) EndCycle(snapshot, totals);
+}
+
+std::uint32_t VeldReportSenderImpl::TakeSnapshot(SenderSnapshot& snapshot) {
+  const std::lock_guard lock(settingsLock);
+  snapshot = live;
+  return std::exchange(updateFlags, 0);
+}
+
+void VeldReportSenderImpl::RunCycle(const SenderSnapshot& snapshot, std::uint32_t flags, SendTotals& totals) {
+  if (flags != 0) UpdateQueues(snapshot, flags);
+  // Before the gate: data reach the persistent queues also while sending is disabled.
+  QueuePendingData(snapshot);
+  if (BackgroundDisabled()) {
+    totals.needToSend = 1;
+    return;
+  }
+  HandleQueueList(snapshot, totals);
+}
+
+// Traces a closed gate.
+bool VeldReportSenderImpl::BackgroundDisabled() const {
+  if (!executionModeProvider || executionModeProvider->IsBackgroundDisabled() == 0) return false;
+  zel::TraceText(tracer.Get(), zel::normalLevel,
+                 "Background activities disabled or network disabled by provider");
+  return true;
+}
+
+void VeldReportSenderImpl::EndCycle(const SenderSnapshot& snapshot, const SendTotals& totals) {
+  if (totals.needToSend != 0) {
+    zel::TraceLine(tracer.Get(), zel::normalLevel, [&](zel::TraceStream& line) {
+      line.PutText("Not all data were sent. NeedToSend size = ").PutUInt32(totals.needToSend);
+      line.PutText(". Sended size = ").PutUInt32(totals.sent);
+    });
+    static_cast<void>(timerSink.Arm(snapshot.sendTimeout));
+  } else {
+    zel::TraceText(tracer.Get(), zel::normalLevel,
+                   "Threre are no more data to send. Timer for sending was cancelled");
+  }
+  shuffledQueues.reset();
+}
+
+void VeldReportSenderImpl::QueuePendingData(const SenderSnapshot& snapshot) {
+  for (;;) {
+    PendingStatistic element;
+    if (!TakePending(element)) return;
+    try {
+      QueueElement(snapshot, element);
+    } catch (...) {
+      // Costs this element its remaining rows; elements are never put back.
+      zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::QueuePendingData");
+    }
+  }
+}
+
+bool VeldReportSenderImpl::TakePending(PendingStatistic& element) {
+  const std::lock_guard lock(pendingLock);
+  if (pending.empty()) return false;
+  element.consumer.swap(pending.front().consumer);
+  element.payload.swap(pending.front().payload);
+  pending.pop_front();
+  return true;
+}
+
+void VeldReportSenderImpl::QueueElement(const SenderSnapshot& snapshot, const PendingStatistic& element) {
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(element.payload.data);
+  const zel::ByteRange data{bytes, bytes + element.payload.size};
+  for (const ConsumerEndpoint& row : snapshot.endpoints) {
+    const bool matches = element.consumer.empty() || row.consumer == element.consumer;
+    if (matches) QueuePendingData(row.queueName, QueueLimitBytes(snapshot), &data);
+  }
+}
+
+}  // namespace orvel::veld_report

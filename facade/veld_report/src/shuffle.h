@@ -1,0 +1,40 @@
+// An unbiased shuffle from a random source that gives 15 bits at a time.
+//
+// std::shuffle would draw in an order of the library's own; here the draws are fixed: one for each position
+// from the second on, each of as many pieces as the position needs, thrown away where it would favour a
+// value.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+namespace orvel::veld_report {
+
+// A number below `k`, which isn't 0. `random15` gives numbers; those above 32767 are passed over.
+template <class Random15>
+std::uint64_t DrawBelow(std::uint64_t k, Random15&& random15) {
+  for (;;) {
+    std::uint64_t value = 0;
+    std::uint64_t mask = 0;
+    do {
+      std::uint32_t piece;
+      do {
+        piece = random15();
+      } while (piece > 32767);
+      value = (value << 15) | piece;
+      mask = (mask << 15) | 32767;
+    } while (mask < k - 1);
+    if (value / k < mask / k || mask % k == k - 1) return value % k;
+  }
+}
+
+// `names`: anything with size() and operator[]. Fewer than two elements draw nothing.
+template <class Names, class Random15>
+void Shuffle(Names& names, Random15&& random15) {
+  for (std::uint64_t i = 1; i < names.size(); ++i) {
+    const std::uint64_t j = DrawBelow(i + 1, random15);
+    std::swap(names[i], names[j]);
+  }
+}
+
+}  // namespace orvel::veld_report

@@ -1,0 +1,140 @@
+// The sender's life and the submission of statistics.
+#include "facade/veld_report/src/veld_report_sender.h"
+
+#include <utility>
+
+#include "facade/veld_report/src/throw_sites.h"
+#include "orvel_tools/json_helpers.h"
+#include "trace/trace_stream.h"
+#include "zel/rtl/error_handling/exception_conversion.h"
+
+namespace orvel::veld_report {
+namespace {
+
+// How long after a submission a cycle begins, whatever sendTimeout says.
+constexpr std::uint32_t submissionDelayMs = 1000;
+
+}  // namespace
+
+VeldReportSenderImpl::VeldReportSenderImpl(zel::IServiceLocator* source)
+    : ObjectRootEx(source), ServiceProvider(source) {}
+
+VeldReportSenderImpl::~VeldReportSenderImpl() = default;
+
+zel::ResultCode VeldReportSenderImpl::QueryInterface(zel::InterfaceId interfaceId, void** out) {
+  switch (interfaceId) {
+    case 0:
+    case IVeldReportSender::iid:
+      *out = static_cast<IVeldReportSender*>(this);
+      break;
+    case IVeldReportSenderConstruct::iid:
+      *out = static_cast<IVeldReportSenderConstruct*>(this);
+      break;
+    case IVeldReportSenderSettings::iid:
+      *out = static_cast<IVeldReportSenderSettings*>(this);
+      break;
+    default:
+      *out = nullptr;
+      return zel::eInterfaceNotSupported;
+  }
+  static_cast<IVeldReportSender*>(this)->AddRef();
+  return zel::sOk;
+}
+
+zel::ResultCode VeldReportSenderImpl::Construct(const SenderSettings& settings) {
+  try {
+    Require(zel::GetInterface(locator.Get(), queueFactory), site::getQueueFactory);
+    zel::Ref<network_services::IHttpClientFactory> clientFactory;
+    Require(zel::GetInterface(locator.Get(), clientFactory), site::getHttpClientFactory);
+    Require(clientFactory->CreateClient(httpClient.Out()), site::createHttpClient);
+    requestOptions.headers.push_back({zel::string("Content-Type"), zel::string("application/json")});
+
+    const auto note = [&](std::string_view text) { zel::TraceText(tracer.Get(), zel::normalLevel, text); };
+    note("INetworkInformationProvider is not used in this BSK version");
+    if (zel::Failed(zel::GetInterface(locator.Get(), executionModeProvider))) {
+      note("IExecutionModeProvider interface is not available!");
+    }
+    if (zel::Failed(zel::GetInterface(locator.Get(), signatureProvider))) {
+      note("Cann't get ISignatureProvider iface");
+    }
+    if (zel::Failed(zel::GetInterface(locator.Get(), requestsNotification))) {
+      note("Cann't get IRequestsNotification iface");
+    }
+
+    // Before SetSettings, which refuses to work otherwise.
+    constructed.store(true, std::memory_order_release);
+    Require(static_cast<IVeldReportSenderSettings*>(this)->SetSettings(settings), site::applySettings);
+
+    // Last, so that nothing runs before the first submission: the arming in SetSettings found no service.
+    timerSink.Bind(this, &VeldReportSenderImpl::OnSendTimeout);
+    static_cast<void>(zel::GetInterface(locator.Get(), timerSink.timerService));
+    return zel::sOk;
+  } catch (...) {
+    constructed.store(false, std::memory_order_release);
+    return zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::Construct");
+  }
+}
+
+void VeldReportSenderImpl::FinalRelease() {
+  zel::TraceText(tracer.Get(), zel::normalLevel, "FinalRelease called");
+  stopping.store(true, std::memory_order_release);
+  {
+    // Ends the wait of a running cycle.
+    const std::lock_guard lock(requestLock);
+    if (currentRequest) currentRequest->Cancel();
+  }
+  timerSink.Stop();
+  timerSink.Cancel();
+  if (!queueFactory) return;
+  try {
+    // Nobody else is left, so the live record is read without its lock.
+    QueuePendingData(live);
+  } catch (...) {
+    zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::FinalRelease");
+  }
+}
+
+zel::ResultCode VeldReportSenderImpl::SendStatistic(zel::AnyPtr data) {
+  return static_cast<IVeldReportSender*>(this)->SendStatistic(zel::string(), data);
+}
+
+zel::ResultCode VeldReportSenderImpl::SendStatistic(const zel::string& consumer, zel::AnyPtr data) {
+  if (!constructed.load(std::memory_order_acquire)) return zel::eNotInitialized;
+  zel::ResultCode result = zel::sOk;
+  try {
+    Submit(consumer, data);
+  } catch (...) {
+    result =
+        zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::SendStatistic");
+  }
+  TraceSubmission(consumer, data, result);
+  // The outcome of the attempt reaches nobody but the trace line.
+  return zel::sOk;
+}
+
+void VeldReportSenderImpl::Submit(const zel::string& consumer, const zel::AnyPtr& data) {
+  PendingStatistic element;
+  element.payload = orvel_tools::SerializeToJson(locator.Get(), data);
+  element.consumer = consumer;
+  {
+    const std::lock_guard lock(pendingLock);
+    pending.push_back(element);
+  }
+  timerSink.ArmAlways(submissionDelayMs);
+}
+
+void VeldReportSenderImpl::TraceSubmission(const zel::string& consumer, const zel::AnyPtr& data,
+                                           zel::ResultCode result) {
+  zel::TraceLine(tracer.Get(), zel::normalLevel, [&](zel::TraceStream& line) {
+    line.PutText("SendStatistic. Data with serId=").PutUInt32(data.descriptor->serId);
+    line.PutText(zel::Failed(result) ? " wasn't" : " was").PutText(" added to sending queue for ");
+    if (consumer.empty()) {
+      line.PutText("all consumers");
+    } else {
+      line.PutText(zel::types::Prepend("consumer ", zel::string(consumer)));
+    }
+    line.PutText(". Result is").PutInt32(result);
+  });
+}
+
+}  // namespace orvel::veld_report

@@ -1,0 +1,56 @@
+#include "formats/base64.h"
+
+#include <array>
+#include <cstring>
+
+namespace orvel::veld_report {
+namespace {
+
+constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+struct Pair {
+  char characters[2];
+};
+
+// The two characters of each 12-bit number, so that a group of three bytes costs two look-ups.
+constexpr std::array<Pair, 4096> MakePairs() {
+  std::array<Pair, 4096> pairs{};
+  for (std::uint32_t bits = 0; bits < pairs.size(); ++bits) {
+    pairs[bits] = {{alphabet[bits >> 6], alphabet[bits & 0x3f]}};
+  }
+  return pairs;
+}
+constexpr std::array<Pair, 4096> pairs = MakePairs();
+
+// Writes the four characters of a 24-bit number.
+char* PutGroup(char* place, std::uint32_t bits) {
+  std::memcpy(place, pairs[bits >> 12].characters, 2);
+  std::memcpy(place + 2, pairs[bits & 0xfff].characters, 2);
+  return place + 4;
+}
+
+}  // namespace
+
+void Base64Encode(const std::uint8_t* bytes, std::uint64_t count, zel::string* out) {
+  const std::uint64_t length = 4 * (count / 3 + (count % 3 != 0 ? 1 : 0));
+  out->size = 0;
+  out->data[0] = '\0';
+  out->reserve_extra(length);
+  char* place = out->data;
+  const std::uint64_t whole = count - count % 3;
+  for (std::uint64_t i = 0; i < whole; i += 3) {
+    place =
+        PutGroup(place, (std::uint32_t{bytes[i]} << 16) | (std::uint32_t{bytes[i + 1]} << 8) | bytes[i + 2]);
+  }
+  if (count % 3 == 1) {
+    place = PutGroup(place, std::uint32_t{bytes[whole]} << 16);
+    std::memset(place - 2, '=', 2);
+  } else if (count % 3 == 2) {
+    place = PutGroup(place, (std::uint32_t{bytes[whole]} << 16) | (std::uint32_t{bytes[whole + 1]} << 8));
+    place[-1] = '=';
+  }
+  out->size = length;
+  *place = '\0';
+}
+
+}  // namespace orvel::veld_report

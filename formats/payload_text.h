@@ -1,0 +1,13 @@
+// BuildPayloadText, the text that joins the items of one packet: {"array":[ITEM,ITEM]}.
+#pragma once
+
+#include "types/basic_string.h"
+#include "types/vector.h"
+
+namespace orvel::veld_report {
+
+// The items go in as they stand, by their stored length, unescaped and unchecked. The text is allocated once,
+// without allocator. Throws std::length_error and std::bad_alloc.
+zel::string BuildPayloadText(const zel::vector_t<zel::string>& items);
+
+}  // namespace orvel::veld_report

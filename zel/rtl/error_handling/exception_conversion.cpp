@@ -1,0 +1,126 @@
+#include "zel/rtl/error_handling/exception_conversion.h"
+
+#include <exception>
+#include <new>
+#include <stdexcept>
+#include <string_view>
+
+#include "trace/trace_stream.h"
+#include "zel/rtl/error_handling/exceptions.h"
+
+namespace zel {
+namespace {
+
+std::string_view WhatText(const std::exception& exception) {
+  const char* text = exception.what();
+  return text ? text : "(null)";
+}
+
+// Writes one line of that level whose pieces `write` gives; there is no tag in front.
+template <class Write>
+void ExceptionLine(ITracer* tracer, std::uint32_t level, Write&& write) {
+  TraceRecord record;
+  OpenTraceRecord(&record, tracer, level);
+  if (!record.buffer) return;
+  TraceStream stream(std::move(record));
+  write(stream);
+  stream.Commit();
+}
+
+// The framework's table. `line` is given the writer of the piece behind the prefix.
+template <class Line>
+ResultCode ConvertInFlight(Line&& line) {
+  const auto put = [](const Exception& exception) {
+    return [&exception](TraceStream& stream) { stream.PutException(exception); };
+  };
+  const auto putWhat = [](const std::exception& exception) {
+    return [&exception](TraceStream& stream) { stream.PutText(WhatText(exception)); };
+  };
+  try {
+    throw;
+  } catch (const contract::RequireViolation& exception) {
+    line(put(exception));
+    return eRequireViolation;
+  } catch (const contract::InvariantViolation& exception) {
+    line(put(exception));
+    return eInvariantViolation;
+  } catch (const contract::EnsureViolation& exception) {
+    line(put(exception));
+    return eEnsureViolation;
+  } catch (const ResultCodeException& exception) {
+    line(put(exception));
+    return exception.code == sOk ? eUnexpected : exception.code;
+  } catch (const Exception& exception) {
+    line(put(exception));
+    return eUnknownException;
+  } catch (const std::bad_alloc& exception) {
+    line(putWhat(exception));
+    return eOutOfMemory;
+  } catch (const std::length_error& exception) {
+    line(putWhat(exception));
+    return eOutOfMemory;
+  } catch (const std::exception& exception) {
+    line(putWhat(exception));
+    return eUnknownException;
+  } catch (...) {
+    // An exception of no known class has nothing to tell.
+    return eUnknownException;
+  }
+}
+
+}  // namespace
+
+ResultCode ReportCaughtException(ITracer* tracer, const char* functionName) {
+  const auto line = [&](auto&& write) {
+    ExceptionLine(tracer, failureLevel, [&](TraceStream& stream) {
+      stream.PutLocation({moduleTag, functionName});
+      write(stream);
+    });
+  };
+  try {
+    throw;
+  } catch (const ResultCodeException& exception) {
+    line([&](TraceStream& stream) { stream.PutException(exception); });
+    return exception.code;
+  } catch (const Exception& exception) {
+    line([&](TraceStream& stream) { stream.PutText("zel::Exception ").PutException(exception); });
+    return eUnspecifiedError;
+  } catch (const std::bad_alloc& exception) {
+    line([&](TraceStream& stream) { stream.PutText("std::bad_alloc ").PutText(WhatText(exception)); });
+    return eOutOfMemory;
+  } catch (const std::exception& exception) {
+    line([&](TraceStream& stream) { stream.PutText("std::exception ").PutText(WhatText(exception)); });
+    return eUnspecifiedError;
+  } catch (...) {
+    line([&](TraceStream& stream) { stream.PutText("Unknown exception"); });
+    return eUnspecifiedError;
+  }
+}
+
+ResultCode ReportCaughtException(IServiceLocator* locator, const char* functionName) {
+  Ref<ITracer> tracer;
+  // A locator without a tracer only costs the line.
+  static_cast<void>(GetInterface(locator, tracer));
+  return ReportCaughtException(tracer.Get(), functionName);
+}
+
+ResultCode ExceptionToResultCode() {
+  return ConvertInFlight([](auto&&) {});
+}
+
+ResultCode TraceExceptionToResultCode(const ExceptionTraceContext& context) {
+  return ConvertInFlight([&](auto&& write) {
+    ExceptionLine(context.tracer, context.level, [&](TraceStream& stream) {
+      stream.PutText(std::string_view(context.prefix ? context.prefix : ""));
+      write(stream);
+    });
+  });
+}
+
+ResultCode ConstructionExceptionToResultCode(IServiceLocator* locator) {
+  Ref<ITracer> tracer;
+  if (!locator || Failed(GetInterface(locator, tracer))) return ExceptionToResultCode();
+  return TraceExceptionToResultCode({tracer.Get(), "Exception during object construction: ", failureLevel});
+}
+
+}  // namespace zel
