@@ -1,0 +1,78 @@
+// TimerQueue, the pending firings of a timer service and the loop that runs them.
+//
+// It is apart from the service so that it can outlive it: the thread in Loop owns the queue too, and the
+// service's last Release may come from a Run on that very thread.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "contract/timer.h"
+#include "contract/tracer.h"
+#include "host/base/clock.h"
+#include "types/ref.h"
+
+namespace veld_report::host {
+
+// Life: made -> looping (one thread in Loop) -> stopped (by Stop). Operations on a stopped queue arm nothing.
+// Threads: any, for all but Loop. The operations are those of TimerService, which describes them.
+class TimerQueue final : private IClockListener {
+ public:
+  TimerQueue(std::shared_ptr<Clock> clock, zel::Ref<zel::ITracer> tracer);
+  TimerQueue(const TimerQueue&) = delete;
+  TimerQueue& operator=(const TimerQueue&) = delete;
+  ~TimerQueue();
+
+  // Runs what is due until Stop; then a Run in progress has ended.
+  void Loop();
+  void Stop();
+
+  zel::ResultCode Arm(zel::IRunnable* sink, std::uint32_t delayMs);
+  void Disarm(zel::IRunnable* sink);
+  void Cancel(zel::IRunnable* sink);
+
+  std::size_t FireNow();
+  bool IsArmed() const;
+  std::uint64_t RunsStarted() const;
+  std::uint64_t FailedRuns() const;
+  bool WaitForRun(std::uint64_t startedAfter, std::chrono::steady_clock::time_point deadline);
+
+ private:
+  struct Firing {
+    Clock::TimePoint due;
+    std::uint64_t sequence;  // of two due at once, the one armed first runs first
+    zel::IRunnable* sink;
+    friend auto operator<=>(const Firing&, const Firing&) = default;
+  };
+
+  void OnClockAdvanced() override;
+  void Insert(zel::IRunnable* sink, Clock::TimePoint due);
+  bool Remove(zel::IRunnable* sink);
+  void RunFirst(std::unique_lock<std::mutex>& lock);
+  bool RunGuarded(zel::IRunnable* sink) noexcept;
+
+  const std::shared_ptr<Clock> clock_;
+  const zel::Ref<zel::ITracer> tracer_;
+
+  // Guards all below; never held across a call of a sink, of the tracer or of AddListener.
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;   // for Loop: the first firing may be another one
+  std::condition_variable finished_;  // for waiters: a Run has ended
+  std::set<Firing> order_;
+  std::map<zel::IRunnable*, Firing> pending_;
+  std::thread::id loopThread_;
+  zel::IRunnable* running_ = nullptr;
+  bool runningCancelled_ = false;  // a Cancel waits for the Run in progress, so its sink can't be armed
+  std::uint64_t sequence_ = 0;
+  std::uint64_t runsStarted_ = 0;
+  std::uint64_t runsFinished_ = 0;
+  std::uint64_t failedRuns_ = 0;
+  bool stopped_ = false;
+};
+
+}  // namespace veld_report::host

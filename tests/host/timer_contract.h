@@ -1,0 +1,162 @@
+// What every timer service has to do, whatever clock it goes by.
+//
+// A test program gives the suite a TimerMaker and instantiates it:
+//   INSTANTIATE_TEST_SUITE_P(Real, TimerContract, testing::Values(TimerMaker{"...", MakeIt}));
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "contract/timer.h"
+#include "tests/host/recording_sink.h"
+#include "types/ref.h"
+
+namespace veld_report::tests {
+
+// A service and what makes its time pass. `pass` brings at least so many milliseconds about; for a service
+// that goes by the machine's clock it is empty, and time passes by itself.
+struct TimerUnderTest {
+  zel::Ref<zel::ITimerService> service;
+  std::function<void(std::uint32_t)> pass;
+
+  void Pass(std::uint32_t milliseconds) const {
+    if (pass) pass(milliseconds);
+  }
+};
+
+struct TimerMaker {
+  std::string name;
+  std::function<TimerUnderTest()> make;
+};
+inline void PrintTo(const TimerMaker& maker, std::ostream* out) { *out << maker.name; }
+
+class TimerContract : public testing::TestWithParam<TimerMaker> {
+ protected:
+  TimerUnderTest timer = GetParam().make();
+  zel::ITimerService& service = *timer.service;
+};
+
+TEST_P(TimerContract, RunsOncePerArming) {
+  RecordingSink sink;
+  RecordingSink later;
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_EQ(service.ArmTimer(&sink, 10), zel::sOk);
+    EXPECT_EQ(service.ArmTimer(&later, 20), zel::sOk);
+    timer.Pass(20);
+    ASSERT_TRUE(later.WaitForEnds(round));
+    EXPECT_EQ(sink.Started(), round);
+  }
+  service.CancelTimer(&sink);
+  service.CancelTimer(&later);
+}
+
+TEST_P(TimerContract, ADisarmedOrCancelledSinkDoesNotRun) {
+  RecordingSink disarmed;
+  RecordingSink cancelled;
+  RecordingSink last;
+  service.ArmTimer(&disarmed, 10);
+  service.ArmTimer(&cancelled, 10);
+  service.ArmTimer(&last, 20);
+  EXPECT_EQ(service.DisarmTimer(&disarmed), zel::sOk);
+  EXPECT_EQ(service.CancelTimer(&cancelled), zel::sOk);
+  timer.Pass(20);
+  ASSERT_TRUE(last.WaitForEnds(1));
+  EXPECT_EQ(disarmed.Started(), 0);
+  EXPECT_EQ(cancelled.Started(), 0);
+  service.CancelTimer(&last);
+}
+
+// The module arms and disarms under a lock that its Run takes first.
+TEST_P(TimerContract, ArmingAndDisarmingDoNotWaitForARun) {
+  Gate gate;
+  RecordingSink sink([&] { EXPECT_TRUE(gate.WaitOpen()); });
+  service.ArmTimer(&sink, 0);
+  ASSERT_TRUE(sink.WaitForStarts(1));
+  EXPECT_EQ(service.ArmTimer(&sink, 1), zel::sOk);
+  EXPECT_EQ(service.DisarmTimer(&sink), zel::sOk);
+  EXPECT_EQ(service.ArmTimer(&sink, 1), zel::sOk);
+  EXPECT_TRUE(sink.IsRunning());
+  gate.Open();
+  ASSERT_TRUE(sink.WaitForEnds(1));
+  timer.Pass(1);
+  EXPECT_TRUE(sink.WaitForEnds(2)) << "an arming during a Run was lost";
+  service.CancelTimer(&sink);
+}
+
+TEST_P(TimerContract, CancelWaitsForTheRunAndNoneFollows) {
+  Gate gate;
+  RecordingSink* self = nullptr;
+  RecordingSink sink([&] {
+    EXPECT_TRUE(gate.WaitOpen());
+    service.ArmTimer(self, 0);
+  });
+  self = &sink;
+  service.ArmTimer(&sink, 0);
+  ASSERT_TRUE(sink.WaitForStarts(1));
+  std::atomic<bool> cancelled = false;
+  std::thread canceller([&] {
+    service.CancelTimer(&sink);
+    EXPECT_FALSE(sink.IsRunning());
+    cancelled = true;
+  });
+  EXPECT_FALSE(cancelled);
+  gate.Open();
+  canceller.join();
+  // The canceller may have come late, after a Run that armed again; what counts is that all is quiet now.
+  const int runs = sink.Started();
+  RecordingSink last;
+  service.ArmTimer(&last, 1);
+  timer.Pass(1);
+  ASSERT_TRUE(last.WaitForEnds(1));
+  EXPECT_EQ(sink.Started(), runs);
+  service.CancelTimer(&last);
+}
+
+TEST_P(TimerContract, ARunMayCancelItsOwnSink) {
+  RecordingSink* self = nullptr;
+  RecordingSink sink([&] {
+    service.ArmTimer(self, 0);
+    service.CancelTimer(self);
+  });
+  self = &sink;
+  service.ArmTimer(&sink, 0);
+  ASSERT_TRUE(sink.WaitForEnds(1));
+  RecordingSink last;
+  service.ArmTimer(&last, 1);
+  timer.Pass(1);
+  ASSERT_TRUE(last.WaitForEnds(1));
+  EXPECT_EQ(sink.Started(), 1);
+  service.CancelTimer(&last);
+}
+
+TEST_P(TimerContract, AnExceptionFromARunDoesNotEndTheService) {
+  RecordingSink sink([] { throw std::runtime_error("from a Run"); });
+  service.ArmTimer(&sink, 0);
+  ASSERT_TRUE(sink.WaitForEnds(1));
+  service.ArmTimer(&sink, 0);
+  EXPECT_TRUE(sink.WaitForEnds(2));
+  service.CancelTimer(&sink);
+}
+
+// Eight threads arm, disarm and cancel one sink, whose Runs must never overlap.
+TEST_P(TimerContract, ManyThreadsOnOneSink) {
+  RecordingSink sink;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < 200; ++round) {
+        service.ArmTimer(&sink, 0);
+        if (round % 5 == i % 5) service.DisarmTimer(&sink);
+        if (round % 50 == i) service.CancelTimer(&sink);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  service.CancelTimer(&sink);
+  EXPECT_FALSE(sink.IsRunning());
+}
+
+}  // namespace veld_report::tests
