@@ -3,6 +3,7 @@ include_guard(GLOBAL)
 
 option(VELD_WERROR "Treat warnings as errors" OFF)
 option(VELD_TESTS "Build the tests" ON)
+option(VELD_FUZZ "Build the fuzz targets; needs clang" OFF)
 set(VELD_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
 
 find_program(VELD_CCACHE ccache)

@@ -1,0 +1,71 @@
+// Feeds the server's check of a message. The first byte of an input chooses what the rest is: a whole body,
+// or a payload text that is wrapped into one, since no mutation finds its way through base-64 by itself.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "formats/base64.h"
+#include "server/json_reader.h"
+#include "server/message_check.h"
+
+namespace {
+
+using veld_report::server::CheckMessage;
+using veld_report::server::MessageContent;
+
+void Require(bool condition, const char* what) {
+  if (condition) return;
+  std::fprintf(stderr, "broken: %s\n", what);
+  std::abort();
+}
+
+std::string Encoded(std::string_view bytes) {
+  zel::string text;
+  orvel::veld_report::Base64Encode(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(), &text);
+  return std::string(text.View());
+}
+
+std::string Body(std::string_view payload, std::string_view signatureBlock) {
+  return R"({"payload":")" + Encoded(payload) + R"(","signatures":[{"protected":")" +
+         Encoded(signatureBlock) + R"("}]})";
+}
+
+// What was accepted is stored a line an item, so it must come out the same when it is sent again.
+void RequireStorable(const MessageContent& content) {
+  Require(content.payloadDecoded && content.signatureDecoded, "a body passed that wasn't read to its end");
+  const auto lines = std::count(content.itemLines.begin(), content.itemLines.end(), '\n');
+  Require(static_cast<std::size_t>(lines) == content.itemCount, "the lines aren't as many as the items");
+
+  std::string payload = R"({"array":[)" + content.itemLines;
+  if (!content.itemLines.empty()) payload.pop_back();
+  std::replace(payload.begin(), payload.end(), '\n', ',');
+  payload += "]}";
+  const MessageContent again = CheckMessage(Body(payload, content.signatureBlock), {});
+  Require(again.problem.empty(), "what was accepted is refused when it is sent again");
+  Require(again.itemLines == content.itemLines, "the lines of the second sending differ");
+  Require(again.signatureBlock == content.signatureBlock,
+          "the signature block of the second sending differs");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const bool wrapped = (data[0] & 1) != 0;
+  const std::string body =
+      wrapped ? Body(rest, std::string_view("{\"alg\":\"none\"}\0", 15)) : std::string(rest);
+
+  const MessageContent content = CheckMessage(body, {});
+  if (wrapped) {
+    Require(content.payloadDecoded && content.payloadText == rest, "encoder and decoder disagree");
+  }
+  if (content.problem.empty()) RequireStorable(content);
+  // A signature that is never right must never pass.
+  const MessageContent signedOnly = CheckMessage(body, [](auto, auto) { return false; });
+  Require(!signedOnly.problem.empty() && !signedOnly.signatureChecked, "an unsigned message passed");
+  return 0;
+}
