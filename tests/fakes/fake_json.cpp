@@ -50,7 +50,9 @@ class Storage final : public FakeObject<zel::IStorage> {
     return zel::sOk;
   }
 
-  const zel::Ref<zel::IIO> stream_;
+  void OnEnd() override { stream_.Reset(); }
+
+  zel::Ref<zel::IIO> stream_;
   std::string held_;
 };
 

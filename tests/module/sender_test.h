@@ -1,0 +1,91 @@
+// SenderTest, the fixture of the module's tests: a fake host, the built module and one sender.
+//
+// When a test ends, the last reference goes, and the test fails unless everything is back where it was: each
+// service held by the host alone, no block and no trace line out, and the module ready to be unloaded.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "contract/sender.h"
+#include "tests/fakes/fake_host.h"
+#include "tests/module/module_library.h"
+
+namespace veld_report::tests {
+
+using fakes::HttpAnswer;
+using fakes::Script;
+using orvel::veld_report::IVeldReportSender;
+using orvel::veld_report::IVeldReportSenderConstruct;
+using orvel::veld_report::IVeldReportSenderSettings;
+using orvel::veld_report::SenderSettings;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using zel::ResultCode;
+using Strings = std::vector<std::string>;
+
+// The urls of most tests; the hash gives them queue names that sort as the urls do.
+inline constexpr char16_t urlA[] = u"http://a";
+inline constexpr char16_t urlB[] = u"http://b";
+inline constexpr char16_t urlC[] = u"http://c";
+std::string QueueName(char letter);  // of one of these: 'a' has "0a0a...", 32 characters
+
+// Settings in a form that is easy to write down.
+struct Plan {
+  std::vector<std::u16string> urls{urlA};
+  std::vector<std::string> consumers{};
+  std::uint32_t packetLimit = 2;
+  std::uint32_t queueLimit = 10;
+  std::uint32_t sendTimeout = 7;
+};
+// Row i of the certificates is (certificateBytes + i, certificateBytes + i + 1).
+extern const char certificateBytes[16];
+SenderSettings MakeSettings(const Plan& plan);
+
+// A trace line of the module's, with its level and tag.
+std::string Line(std::string_view text);
+// The line of a caught exception that the sender's operation `function` reports.
+std::string CaughtLine(std::string_view function, std::string_view rest);
+// `rest` of such a line for a SystemException. `place`: as "orvel_tools/json_helpers(27)"; a line number
+// alone stands for the sender's own source.
+std::string SystemError(std::string_view text, ResultCode code, std::string_view place);
+inline constexpr ResultCode someCode = zel::MakeResultCode(0x80000045);  // "Access denied"
+
+class SenderTest : public testing::Test {
+ protected:
+  SenderTest();
+  ~SenderTest() override;
+
+  ResultCode Create();                     // the sender, by all three interfaces
+  ResultCode Construct(const Plan& plan);  // creates it first if there is none
+  // A constructed sender, with log and trace cleared. `armed`: and one cycle behind it.
+  void Start(const Plan& plan = {}, bool firstCycle = false);
+  ResultCode Set(const Plan& plan) { return settings->SetSettings(MakeSettings(plan)); }
+  // Submits a record whose JSON is exactly `json`.
+  ResultCode Send(std::string_view json, std::string_view consumer = {});
+  // Submits a record to a consumer that no row has: it arms the timer and is dropped by the cycle.
+  void Nudge() { EXPECT_EQ(Send("{}", "nobody"), zel::sOk); }
+  void Fire() { ASSERT_TRUE(host.timer->Fire()) << "no timer is armed"; }
+  // Nudge and Fire, with the log cleared between.
+  void Cycle();
+  void End();
+  void PutItems(char queue, const Strings& items);
+
+  Strings Events() { return host.world.log.Take(); }
+  Strings Events(const Strings& prefixes) { return host.world.log.TakeOnly(prefixes); }
+  Strings Lines() { return host.tracer->TakeLines(); }
+  Script& script() { return host.world.script; }
+
+  const ModuleLibrary& module = ModuleLibrary::Get();
+  fakes::FakeHost host;
+  zel::Ref<IVeldReportSender> sender;
+  zel::Ref<IVeldReportSenderConstruct> construct;
+  zel::Ref<IVeldReportSenderSettings> settings;
+};
+
+}  // namespace veld_report::tests
