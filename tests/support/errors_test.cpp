@@ -1,0 +1,274 @@
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "gmock/gmock.h"
+#include "tests/support/allocation_failure.h"
+#include "tests/support/fakes.h"
+#include "tests/support/locale_scope.h"
+#include "zel/rtl/error_handling/exception_conversion.h"
+#include "zel/rtl/error_handling/exceptions.h"
+#include "zel/rtl/error_handling/result_code_texts.h"
+
+namespace veld_report::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using zel::ResultCode;
+using zel::wstring;
+
+std::u16string Text(const wstring& text) { return std::u16string(text.View()); }
+
+TEST(ResultCodeText, EveryCodeHasOneOfItsRange) {
+  struct Case {
+    std::uint32_t code;
+    const char16_t* text;
+  };
+  const auto unknown = u"Unknown result code";
+  const auto unknownPlatform = u"Unknown platform result code";
+  for (const Case& c : {Case{0, u"No error"},
+                        Case{1, u"False"},
+                        Case{2, unknown},
+                        Case{0x80000000, unknown},
+                        Case{0x80000002, unknown},
+                        Case{0x8000004e, unknown},
+                        Case{0x8000004d, u"Found"},
+                        Case{0x80000073, unknown},
+                        Case{0x80000074, unknown},
+                        Case{0x80000075, unknown},
+                        Case{0x80000076, u"Meta information not found"},
+                        Case{0x80000221, u"Operation timeout"},
+                        Case{0x80000222, unknown},
+                        Case{0x80010100, u"Unspecified platform error"},
+                        Case{0x80010109, u"Invalid path name"},
+                        Case{0x8001010a, unknownPlatform},
+                        Case{0x80010110, u"Cannot open an anonymous level security token"},
+                        Case{0x80010113, u"System image bad signature"},
+                        Case{0x80010114, unknownPlatform},
+                        Case{0x80010200, unknownPlatform},
+                        Case{0x00010100, unknownPlatform},
+                        Case{0x80010041, unknownPlatform},
+                        Case{0x80020000, unknown},
+                        Case{0x80030041, unknown}}) {
+    EXPECT_EQ(Text(zel::ResultCodeMessage(zel::MakeResultCode(c.code))), c.text) << std::hex << c.code;
+  }
+  // One half doesn't know the codes of the other.
+  EXPECT_EQ(zel::GeneralResultCodeText(zel::MakeResultCode(0x80010100)), zel::GeneralResultCodeText(2));
+  EXPECT_EQ(zel::PlatformResultCodeText(zel::sOk), zel::PlatformResultCodeText(zel::eNotFound));
+}
+
+TEST(Exception, DisplaysClassDescriptionAndPlace) {
+  const zel::ThrowPlace place{"p", 7};
+  const auto code = [](std::uint32_t bits) { return zel::MakeResultCode(bits); };
+  EXPECT_EQ(Text(zel::SystemException(place, zel::eInvalidArgument, wstring(u"A")).GetDisplayText()),
+            u"SystemException - A: 0x80000046 (Invalid argument). At p(7) ");
+  EXPECT_EQ(Text(zel::InvalidResultException(place, code(1), wstring()).GetDisplayText()),
+            u"InvalidResultException - 0x00000001 (False). At p(7) ");
+  EXPECT_EQ(Text(zel::ResultCodeException({"q", INT32_MIN}, code(0x80010fff), wstring()).GetDisplayText()),
+            u"ResultCodeException - 0x80010fff (Unknown platform result code). At q(-2147483648) ");
+  EXPECT_EQ(Text(zel::GetInterfaceException(0xabcd, zel::eInterfaceNotSupported).GetDisplayText()),
+            u"GetInterfaceException - 0x80000001 (Interface not supported): iid = 0x0000abcd. "
+            u"At zel\\rtl\\error_handling\\../objclient(129) ");
+  EXPECT_EQ(Text(zel::contract::RequireViolation(place, wstring(u"broken")).GetDisplayText()),
+            u"Unknown exception - broken. At p(7) ");
+}
+
+TEST(Exception, PathThatTheLocaleLacksLeavesTheDisplayText) {
+  const LocaleScope locale("C");
+  const zel::SystemException exception({"\xff", 7}, zel::eNotFound, wstring());
+  EXPECT_THROW(exception.GetDisplayText(), std::bad_cast);
+}
+
+TEST(Exception, DisplayTextIsEmptyWithoutMemory) {
+  const zel::SystemException exception({"some/source/path", 7}, zel::eNotFound,
+                                       wstring(u"a text of some length"));
+  SweepAllocationFailures([&] {
+    const wstring text = exception.GetDisplayText();
+    EXPECT_TRUE(text.empty() || text.size == 88) << text.size;
+    return !text.empty();
+  });
+}
+
+TEST(Exception, CopiesOwnTheirChain) {
+  zel::SystemException outer({"outer", 1}, zel::eNotFound, wstring(u"outer"));
+  outer.nested.reset(
+      zel::InvalidResultException({"inner", 2}, zel::eNotReady, wstring(u"inner text")).Clone());
+  const zel::Exception* inner = outer.nested.get();
+  {
+    const zel::SystemException copy(outer);
+    ASSERT_TRUE(copy.nested);
+    EXPECT_NE(copy.nested.get(), inner);
+    EXPECT_STREQ(copy.nested->what(), "InvalidResultException");
+    const std::unique_ptr<zel::Exception> clone(outer.Clone());
+    EXPECT_NE(clone->nested.get(), inner);
+    EXPECT_EQ(clone->file, outer.file);
+  }
+  EXPECT_EQ(Text(inner->message), u"inner text");
+
+  const zel::Exception& base = outer;
+  try {
+    base.Rethrow();
+  } catch (const zel::SystemException& exception) {
+    EXPECT_EQ(exception.code, zel::eNotFound);
+    EXPECT_EQ(exception.line, 1);
+    EXPECT_NE(exception.nested.get(), inner);
+  }
+  SweepAllocationFailures([&] { return std::unique_ptr<zel::Exception>(outer.Clone()) != nullptr; });
+}
+
+TEST(Exception, ThrowSystemExceptionCarriesItsArguments) {
+  try {
+    zel::ThrowSystemException("path", 42, zel::eOutOfSpace, u"what went wrong");
+  } catch (const zel::SystemException& exception) {
+    EXPECT_STREQ(exception.file, "path");
+    EXPECT_EQ(exception.line, 42);
+    EXPECT_EQ(exception.code, zel::eOutOfSpace);
+    EXPECT_EQ(Text(exception.message), u"what went wrong");
+    EXPECT_EQ(exception.nested, nullptr);
+  }
+  FailAllocationAfter(0);
+  EXPECT_THROW(zel::ThrowSystemException("path", 42, zel::eOutOfSpace, u"what went wrong"), std::bad_alloc);
+  EXPECT_TRUE(StopFailingAllocations());
+}
+
+struct NullWhat : std::exception {
+  const char* what() const noexcept override { return nullptr; }
+};
+
+// What one exception becomes at a boundary. `none`: it leaves no line.
+struct Conversion {
+  const char* name;
+  std::function<void()> raise;
+  ResultCode reported;
+  std::string reportedLine;
+  ResultCode converted;
+  std::optional<std::string> convertedLine;
+};
+
+std::vector<Conversion> Conversions() {
+  const zel::ThrowPlace place{"p", 7};
+  const auto system = [=](ResultCode code) {
+    return [=] { throw zel::SystemException(place, code, wstring(u"A")); };
+  };
+  const std::string invalid = "SystemException - A: 0x80000046 (Invalid argument). At p(7) ";
+  const std::string zero = "SystemException - A: 0x00000000 (No error). At p(7) ";
+  const std::string plain = "Unknown exception - broken. At p(7) ";
+  return {
+      {"require", [=] { throw zel::contract::RequireViolation(place, wstring(u"broken")); },
+       zel::eUnspecifiedError, "zel::Exception " + plain, zel::MakeResultCode(0x80000073), plain},
+      {"invariant", [=] { throw zel::contract::InvariantViolation(place, wstring(u"broken")); },
+       zel::eUnspecifiedError, "zel::Exception " + plain, zel::MakeResultCode(0x80000074), plain},
+      {"ensure", [=] { throw zel::contract::EnsureViolation(place, wstring(u"broken")); },
+       zel::eUnspecifiedError, "zel::Exception " + plain, zel::MakeResultCode(0x80000075), plain},
+      {"code", system(zel::eInvalidArgument), zel::eInvalidArgument, invalid, zel::eInvalidArgument, invalid},
+      {"code 0", system(0), 0, zero, zel::eUnexpected, zero},
+      {"bad_alloc", [] { throw std::bad_alloc(); }, zel::eOutOfMemory, "std::bad_alloc std::bad_alloc",
+       zel::eOutOfMemory, "std::bad_alloc"},
+      {"length_error", [] { throw std::length_error("long"); }, zel::eUnspecifiedError, "std::exception long",
+       zel::eOutOfMemory, "long"},
+      {"exception", [] { throw std::runtime_error("text"); }, zel::eUnspecifiedError, "std::exception text",
+       zel::eUnknownException, "text"},
+      {"null text", [] { throw NullWhat(); }, zel::eUnspecifiedError, "std::exception (null)",
+       zel::eUnknownException, "(null)"},
+      {"no class", [] { throw 5; }, zel::eUnspecifiedError, "Unknown exception", zel::eUnknownException, {}},
+      {"another zel::Exception",
+       [=] {
+         struct Plain final : zel::ExceptionBase<Plain, zel::Exception> {
+           using ExceptionBase::ExceptionBase;
+         };
+         throw Plain(place, wstring(u"broken"));
+       },
+       zel::eUnspecifiedError, "zel::Exception " + plain, zel::eUnknownException, plain},
+  };
+}
+
+template <class Convert>
+ResultCode Converted(const std::function<void()>& raise, Convert&& convert) {
+  try {
+    raise();
+  } catch (...) {
+    return convert();
+  }
+  ADD_FAILURE() << "nothing was thrown";
+  return zel::sOk;
+}
+
+TEST(ExceptionConversion, FollowsItsTwoTables) {
+  for (const Conversion& c : Conversions()) {
+    SCOPED_TRACE(c.name);
+    RecordingTracer tracer;
+    FakeLocator locator;
+    const std::string head = "veld_rep\t\tf() ";
+    EXPECT_EQ(Converted(c.raise, [&] { return zel::ReportCaughtException(&tracer, "f"); }), c.reported);
+    EXPECT_THAT(tracer.lines, ElementsAre(head + c.reportedLine));
+    EXPECT_EQ(Converted(c.raise, [&] { return zel::ReportCaughtException(&locator, "f"); }), c.reported)
+        << "a locator without a tracer";
+    locator.Put<zel::ITracer>(&tracer);
+    EXPECT_EQ(Converted(c.raise, [&] { return zel::ReportCaughtException(&locator, "f"); }), c.reported);
+    EXPECT_EQ(tracer.lines.back(), head + c.reportedLine);
+
+    tracer.lines.clear();
+    EXPECT_EQ(Converted(c.raise, [&] { return zel::ExceptionToResultCode(); }), c.converted);
+    EXPECT_EQ(Converted(c.raise,
+                        [&] {
+                          return zel::TraceExceptionToResultCode({&tracer, nullptr, 700});
+                        }),
+              c.converted);
+    EXPECT_EQ(Converted(c.raise,
+                        [&] {
+                          return zel::TraceExceptionToResultCode({nullptr, "prefix", 700});
+                        }),
+              c.converted);
+    EXPECT_EQ(Converted(c.raise, [&] { return zel::ConstructionExceptionToResultCode(nullptr); }),
+              c.converted);
+    EXPECT_EQ(Converted(c.raise, [&] { return zel::ConstructionExceptionToResultCode(&locator); }),
+              c.converted);
+    if (c.convertedLine) {
+      EXPECT_THAT(tracer.lines,
+                  ElementsAre(*c.convertedLine, "Exception during object construction: " + *c.convertedLine));
+      EXPECT_THAT(tracer.levels, ElementsAre(300u, 300u, 700u, 300u));
+    } else {
+      EXPECT_THAT(tracer.lines, IsEmpty());
+    }
+    EXPECT_EQ(tracer.references, 0u);
+
+    tracer.answer = 1;
+    EXPECT_EQ(Converted(c.raise, [&] { return zel::ReportCaughtException(&tracer, "f"); }), c.reported);
+    EXPECT_EQ(Converted(c.raise,
+                        [&] {
+                          return zel::TraceExceptionToResultCode({&tracer, "x", 300});
+                        }),
+              c.converted);
+  }
+}
+
+TEST(ExceptionConversion, DisplayTextThatTheLocaleLacksIsReplaced) {
+  RecordingTracer tracer;
+  const auto raise = [] {
+    zel::SystemException exception({"p", 1}, zel::eNotFound, wstring(u"caf\u00e9"));
+    exception.nested.reset(zel::SystemException({"q", 2}, zel::eNotReady, wstring(u"inner")).Clone());
+    throw exception;
+  };
+  const auto line = [&](const char* name) {
+    const LocaleScope locale(name);
+    Converted(raise, [&] { return zel::TraceExceptionToResultCode({&tracer, nullptr, 300}); });
+    return tracer.lines.back();
+  };
+  const std::string inner = ";SystemException - inner: 0x80000063 (Not ready). At q(2) ";
+  EXPECT_EQ(line("C"), "<Exception display text conversion error>" + inner);
+  EXPECT_EQ(line("C.utf8"), "SystemException - caf\xc3\xa9: 0x8000004c (Not found). At p(1) " + inner);
+}
+
+TEST(ExceptionConversion, FailureOfTheDisplayTextCommitsTheLineAndLeaves) {
+  RecordingTracer tracer;
+  const LocaleScope locale("C");
+  const auto raise = [] { throw zel::SystemException({"\xff", 1}, zel::eNotFound, wstring()); };
+  EXPECT_THROW(Converted(raise, [&] { return zel::ReportCaughtException(&tracer, "f"); }), std::bad_cast);
+  EXPECT_THAT(tracer.lines, ElementsAre("veld_rep\t\tf() "));
+  EXPECT_EQ(tracer.references, 0u);
+}
+
+}  // namespace
+}  // namespace veld_report::test

@@ -1,0 +1,311 @@
+#include "memory_io/memory_io.h"
+
+#include <algorithm>
+#include <random>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "tests/support/allocation_failure.h"
+#include "tests/support/fakes.h"
+#include "zel/rtl/object_module_lock.h"
+
+namespace veld_report::test {
+namespace {
+
+using zel::IIO;
+using zel::ResultCode;
+using zel::memory_io::CreateIOFromBuffer;
+namespace detail = zel::memory_io::detail;
+
+// One of the two kinds of stream over a text.
+class MemoryStream : public testing::TestWithParam<bool> {
+ protected:
+  void Open(std::string_view content) {
+    stream.Reset();
+    text = zel::string(content);
+    const ResultCode code =
+        GetParam() ? CreateIOFromBuffer(text, stream.Out()) : CreateIOFromBuffer(&text, stream.Out());
+    ASSERT_EQ(code, zel::sOk);
+  }
+  std::string Read(std::uint32_t count) {
+    std::string bytes(count, '?');
+    std::uint32_t bytesRead = 77;
+    EXPECT_EQ(stream->Read(bytes.data(), count, &bytesRead), zel::sOk);
+    return bytes.substr(0, bytesRead);
+  }
+  ResultCode Write(std::string_view bytes) {
+    written = 77;
+    return stream->Write(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &written);
+  }
+  std::uint64_t Seek(std::uint32_t origin, std::int64_t offset) {
+    std::uint64_t position = 77;
+    EXPECT_EQ(stream->Seek(origin, offset, &position), zel::sOk);
+    EXPECT_EQ(Position(), position);
+    return position;
+  }
+  std::uint64_t Position() {
+    std::uint64_t position = 77;
+    EXPECT_EQ(stream->GetPosition(&position), zel::sOk);
+    return position;
+  }
+  // The whole content, read through the stream; the position is put back.
+  std::string Content() {
+    const std::uint64_t position = Position();
+    std::uint64_t size = 77;
+    EXPECT_EQ(stream->GetSize(&size), zel::sOk);
+    Seek(0, 0);
+    const std::string content = Read(static_cast<std::uint32_t>(size) + 10);
+    EXPECT_EQ(content.size(), size);
+    Seek(0, static_cast<std::int64_t>(position));
+    if (!GetParam()) {
+      EXPECT_EQ(text.View(), content) << "the caller's string is the stream";
+      EXPECT_EQ(text.data[text.size], '\0');
+    }
+    return content;
+  }
+
+  zel::string text;
+  zel::Ref<IIO> stream;
+  std::uint32_t written = 0;
+};
+INSTANTIATE_TEST_SUITE_P(, MemoryStream, testing::Bool(),
+                         [](const auto& kind) { return kind.param ? "OwnCopy" : "Pointer"; });
+
+TEST_P(MemoryStream, SeeksFromThreeOrigins) {
+  struct Case {
+    std::uint64_t start;
+    std::uint32_t origin;
+    std::int64_t offset;
+    std::uint64_t position;
+  };
+  for (const Case& c : {Case{2, 0, 4, 4}, Case{2, 1, 3, 5}, Case{5, 1, -2, 3}, Case{5, 1, -9, 0},
+                        Case{0, 2, 0, 6}, Case{0, 2, -1, 5}, Case{0, 2, 100, 106}, Case{3, 7, 1, 1},
+                        Case{3, 0, -1, 0}, Case{0, 0, INT64_MAX, INT64_MAX}, Case{0, 2, INT64_MAX, 0},
+                        Case{INT64_MAX, 1, INT64_MAX, 0}, Case{INT64_MAX, 1, INT64_MIN, 0}}) {
+    Open("abcdef");
+    Seek(0, static_cast<std::int64_t>(c.start));
+    EXPECT_EQ(Seek(c.origin, c.offset), c.position) << c.start << " " << c.origin << " " << c.offset;
+    EXPECT_EQ(stream->Seek(0, 1, nullptr), zel::sOk);
+    EXPECT_EQ(Content(), "abcdef");
+  }
+}
+
+TEST_P(MemoryStream, ReadsUpToTheEnd) {
+  Open("abcdef");
+  EXPECT_EQ(Read(0), "");
+  EXPECT_EQ(Read(4), "abcd");
+  EXPECT_EQ(Read(4), "ef");
+  EXPECT_EQ(Position(), 6u);
+  EXPECT_EQ(Read(4), "");
+  Seek(0, INT64_MAX);
+  EXPECT_EQ(Read(4), "");
+  EXPECT_EQ(Position(), std::uint64_t{INT64_MAX});
+}
+
+TEST_P(MemoryStream, WritesOverAndBehindWithZerosInTheGap) {
+  struct Case {
+    std::int64_t position;
+    std::string_view bytes;
+    std::string content;
+  };
+  using namespace std::string_literals;
+  for (const Case& c :
+       {Case{1, "XY", "aXYdef"}, Case{6, "XY", "abcdefXY"}, Case{5, "XY", "abcdeXY"},
+        Case{9, "XY", "abcdef\0\0\0XY"s}, Case{9, "", "abcdef\0\0\0"s}, Case{3, "", "abcdef"}}) {
+    Open("abcdef");
+    Seek(0, c.position);
+    EXPECT_EQ(Write(c.bytes), zel::sOk);
+    EXPECT_EQ(written, c.bytes.size());
+    EXPECT_EQ(Position(), static_cast<std::uint64_t>(c.position) + c.bytes.size());
+    EXPECT_EQ(Content(), c.content);
+  }
+}
+
+TEST_P(MemoryStream, SizeBeyondMemoryIsACodeAndChangesNothing) {
+  Open("abcdef");
+  for (const std::uint64_t size :
+       {std::uint64_t{1} << 62, std::uint64_t{1} << 63, UINT64_MAX - 2, UINT64_MAX}) {
+    EXPECT_EQ(stream->SetSize(size), zel::eOutOfMemory) << size;
+  }
+  Seek(0, INT64_MAX);
+  EXPECT_EQ(Write("XY"), zel::eOutOfMemory);
+  EXPECT_EQ(written, 0u);
+  EXPECT_EQ(Write(""), zel::eOutOfMemory);
+  EXPECT_EQ(Position(), std::uint64_t{INT64_MAX});
+  EXPECT_EQ(Content(), "abcdef");
+}
+
+TEST_P(MemoryStream, CutBelowThePositionKeepsThePosition) {
+  Open("a text that is longer than the buffer inside");
+  Seek(0, 6);
+  EXPECT_EQ(stream->SetSize(3), zel::sOk);
+  EXPECT_EQ(Position(), 6u);
+  EXPECT_EQ(Read(1), "");
+  EXPECT_EQ(Content(), "a t");
+  EXPECT_EQ(Write("!"), zel::sOk);
+  EXPECT_EQ(Content(), std::string("a t\0\0\0!", 7)) << "what was cut off doesn't come back";
+  EXPECT_EQ(stream->Flush(), zel::sOk);
+}
+
+TEST_P(MemoryStream, OffersTwoIdsOfOneInterface) {
+  Open("");
+  for (const zel::InterfaceId id : {0u, 10u}) {
+    void* out = nullptr;
+    EXPECT_EQ(stream->QueryInterface(id, &out), zel::sOk);
+    EXPECT_EQ(out, stream.Get());
+    EXPECT_EQ(stream->Release(), 1u);
+  }
+  void* out = this;
+  EXPECT_EQ(stream->QueryInterface(11, &out), zel::eInterfaceNotSupported);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(stream->AddRef(), 2u);
+  EXPECT_EQ(stream->Release(), 1u);
+}
+
+TEST_P(MemoryStream, RandomOperationsMatchAModel) {
+  const auto seed = static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed());
+  SCOPED_TRACE("run with --gtest_random_seed=" + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };
+  Open("start");
+  std::string model = "start";
+  std::uint64_t position = 0;
+  for (int i = 0; i < 3000; ++i) {
+    switch (below(4)) {
+      case 0: {
+        const std::string bytes(below(40), static_cast<char>('a' + i % 26));
+        ASSERT_EQ(Write(bytes), zel::sOk);
+        if (model.size() < position + bytes.size()) model.resize(position + bytes.size());
+        model.replace(position, bytes.size(), bytes);
+        position += bytes.size();
+        break;
+      }
+      case 1: {
+        const std::uint32_t count = below(60);
+        const std::string expected = position < model.size() ? model.substr(position, count) : "";
+        ASSERT_EQ(Read(count), expected);
+        position += expected.size();
+        break;
+      }
+      case 2:
+        position = Seek(0, static_cast<std::int64_t>(random() % (model.size() + 20)));
+        break;
+      default: {
+        const std::uint64_t size = below(300);
+        ASSERT_EQ(stream->SetSize(size), zel::sOk);
+        model.resize(size);
+      }
+    }
+    ASSERT_EQ(Position(), position);
+    ASSERT_EQ(Content(), model);
+  }
+}
+
+TEST_P(MemoryStream, AllocationFailureLeaksNothingAndKeepsTheContent) {
+  CountingAllocator allocator;
+  SweepAllocationFailures([&] {
+    zel::string source(std::string_view("a text that is longer than the buffer inside"), &allocator);
+    IIO* made = nullptr;
+    ResultCode code = GetParam() ? CreateIOFromBuffer(source, &made) : CreateIOFromBuffer(&source, &made);
+    const auto owned = zel::Ref<IIO>::Attach(made);
+    if (zel::Failed(code)) {
+      EXPECT_EQ(code, zel::eOutOfMemory);
+      return false;
+    }
+    std::uint32_t count = 0;
+    std::uint64_t size = 0;
+    owned->Seek(2, 200, nullptr);
+    code = owned->Write("x", 1, &count);
+    owned->GetSize(&size);
+    EXPECT_EQ(size, zel::Failed(code) ? 44u : 245u);
+    EXPECT_EQ(count, zel::Failed(code) ? 0u : 1u);
+    return !zel::Failed(code);
+  });
+}
+
+TEST(MemoryIO, StreamsCountInTheBookkeeping) {
+  const std::uint32_t before = zel::ModuleObjectCount;
+  zel::string text("stays");
+  {
+    zel::Ref<IIO> pointer, copy;
+    ASSERT_EQ(CreateIOFromBuffer(&text, pointer.Out()), zel::sOk);
+    ASSERT_EQ(CreateIOFromBuffer(text, copy.Out()), zel::sOk);
+    EXPECT_EQ(zel::ModuleObjectCount, before + 2);
+    std::uint32_t written = 0;
+    copy->Write("XX", 2, &written);
+  }
+  EXPECT_EQ(zel::ModuleObjectCount, before);
+  EXPECT_EQ(text.View(), "stays");
+}
+
+TEST(MemoryIO, OwnCopyThatFailsHandsTheStreamOverAllTheSame) {
+  DryAllocator dry;
+  zel::string text("short enough for the first", nullptr);
+  text.allocator = zel::Allocator<char>(&dry);
+  zel::Ref<IIO> stream;
+  EXPECT_EQ(CreateIOFromBuffer(text, stream.Out()), zel::eOutOfMemory);
+  ASSERT_TRUE(stream);
+  std::uint64_t size = 77;
+  stream->GetSize(&size);
+  EXPECT_EQ(size, 0u);
+  text.allocator = zel::Allocator<char>();
+}
+
+TEST(MemoryIO, NoMemoryForTheStreamMakesNone) {
+  const std::uint32_t before = zel::ModuleObjectCount;
+  zel::string text("text");
+  IIO* out = nullptr;
+  FailAllocationAfter(0);
+  EXPECT_EQ(CreateIOFromBuffer(&text, &out), zel::eOutOfMemory);
+  EXPECT_TRUE(StopFailingAllocations());
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(zel::ModuleObjectCount, before);
+}
+
+// A stream of fixed size, or one whose SetSize answers otherwise.
+class FixedStream : public detail::MemoryIOStorageWritable<zel::string> {
+ public:
+  explicit FixedStream(std::string_view content) { storage_ = zel::string(content); }
+  ResultCode SetSize(std::uint64_t) override {
+    if (throws) throw std::length_error("no");
+    return answer;
+  }
+  std::uint32_t AddRef() override { return 1; }
+  std::uint32_t Release() override { return 1; }
+  ResultCode QueryInterface(zel::InterfaceId, void**) override { return zel::eInterfaceNotSupported; }
+  std::string_view Content() const { return storage_.View(); }
+
+  ResultCode answer = zel::eNotSupported;
+  bool throws = false;
+};
+
+TEST(MemoryIO, WritableLayerStopsAtTheEndOfAFixedSize) {
+  struct Case {
+    std::int64_t position;
+    ResultCode answer;
+    bool throws;
+    ResultCode result;
+    std::uint32_t written;
+    std::string_view content;
+  };
+  for (const Case& c : {Case{4, zel::eNotSupported, false, zel::sOk, 2, "abcdXX"},
+                        Case{6, zel::eNotSupported, false, zel::eNotSupported, 0, "abcdef"},
+                        Case{9, zel::eNotSupported, false, zel::eNotSupported, 0, "abcdef"},
+                        Case{4, zel::eNotReady, false, zel::eNotReady, 0, "abcdef"},
+                        Case{4, zel::sOk, true, zel::eOutOfMemory, 0, "abcdef"}}) {
+    FixedStream stream("abcdef");
+    stream.answer = c.answer;
+    stream.throws = c.throws;
+    stream.Seek(0, c.position, nullptr);
+    std::uint32_t written = 77;
+    EXPECT_EQ(stream.Write("XXX", 3, &written), c.result) << c.position;
+    EXPECT_EQ(written, c.written);
+    EXPECT_EQ(stream.Content(), c.content);
+    std::uint64_t position = 0;
+    stream.GetPosition(&position);
+    EXPECT_EQ(position, static_cast<std::uint64_t>(c.position) + c.written);
+  }
+}
+
+}  // namespace
+}  // namespace veld_report::test

@@ -1,0 +1,168 @@
+#include "types/text_conversion.h"
+
+#include <clocale>
+#include <optional>
+#include <string>
+#include <typeinfo>
+
+#include "gtest/gtest.h"
+#include "tests/support/allocation_failure.h"
+#include "tests/support/locale_scope.h"
+#include "types/format.h"
+
+namespace veld_report::test {
+namespace {
+
+using namespace std::string_view_literals;
+using zel::string;
+using zel::wstring;
+
+constexpr char16_t loneHigh[] = {0xd800, 0};
+constexpr char16_t highAtEnd[] = {u'a', 0xdbff, 0};
+constexpr char16_t lowThenHigh[] = {0xde00, 0xd83d, 0};
+constexpr char16_t highThenLetter[] = {0xd83d, u'x', 0};
+
+TEST(WideToUtf8, EncodesEveryUtf16) {
+  struct Case {
+    std::u16string_view wide;
+    std::string_view utf8;
+  };
+  for (const Case& c :
+       {Case{u""sv, ""sv}, Case{u"a\0b"sv, "a\0b"sv}, Case{u"\u007f\u0080\u07ff"sv, "\x7f\xc2\x80\xdf\xbf"sv},
+        Case{u"\u0800\uffff"sv, "\xe0\xa0\x80\xef\xbf\xbf"sv}, Case{u"\U0001f600"sv, "\xf0\x9f\x98\x80"sv},
+        Case{u"\U00010000\U0010ffff"sv, "\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"sv},
+        Case{loneHigh, "\xed\xa0\x80"sv}, Case{highAtEnd, "a\xed\xaf\xbf"sv},
+        Case{lowThenHigh, "\xed\xb8\x80\xed\xa0\xbd"sv}, Case{highThenLetter, "\xed\xa0\xbdx"sv}}) {
+    string text("a longer text that is replaced and shrinks");
+    const std::uint64_t capacity = text.capacity;
+    EXPECT_EQ(zel::WideToUtf8(c.wide, &text), zel::sOk);
+    EXPECT_EQ(text.View(), c.utf8);
+    EXPECT_EQ(text.data[text.size], '\0');
+    EXPECT_EQ(text.capacity, capacity);
+    EXPECT_EQ(zel::Utf8Length(c.wide), c.utf8.size());
+  }
+  char bytes[4];
+  EXPECT_EQ(zel::EncodeUtf8(0x110000, bytes), 0u);
+}
+
+TEST(WideToUtf8, OutOfMemoryIsACodeAndLeavesTheText) {
+  const std::u16string wide(100, u'\u20ac');
+  SweepAllocationFailures([&] {
+    string text("old");
+    const zel::ResultCode code = zel::WideToUtf8(wide, &text);
+    EXPECT_EQ(code == zel::sOk ? 300u : 3u, text.size);
+    EXPECT_TRUE(code == zel::sOk || code == zel::eOutOfMemory);
+    return code == zel::sOk;
+  });
+}
+
+TEST(LocaleConversion, GoesThroughTheLocaleOfTheMoment) {
+  struct Case {
+    const char* locale;
+    std::u16string_view wide;
+    std::optional<std::string_view> narrow;  // none: the locale lacks a character
+  };
+  for (const Case& c :
+       {Case{"C", u""sv, ""sv}, Case{"C", u"plain\0text"sv, "plain\0text"sv}, Case{"C", u"caf\u00e9"sv, {}},
+        Case{"C.utf8", u"caf\u00e9 \u20ac\0"sv, "caf\xc3\xa9 \xe2\x82\xac\0"sv},
+        Case{"C.utf8", u"\U0001f600!"sv, "\xf0\x9f\x98\x80!"sv}, Case{"C.utf8", loneHigh, {}}}) {
+    const LocaleScope locale(c.locale);
+    string text("old");
+    const zel::ResultCode code = zel::WideToNarrow(c.wide, &text);
+    if (c.narrow) {
+      EXPECT_EQ(code, zel::sOk);
+      EXPECT_EQ(text.View(), *c.narrow);
+      EXPECT_EQ(zel::NarrowToWide(string(*c.narrow)).View(), c.wide) << "and back";
+    } else {
+      EXPECT_EQ(code, zel::eInvalidArgument);
+      EXPECT_EQ(text.View(), "old");
+    }
+  }
+}
+
+TEST(LocaleConversion, BrokenSequencesThrow) {
+  struct Case {
+    const char* locale;
+    const char* text;
+  };
+  for (const Case& c : {Case{"C", "caf\xe9"}, Case{"C.utf8", "\xff"}, Case{"C.utf8", "cut \xe2\x82"},
+                        Case{"C.utf8", "a\x80"}, Case{"C.utf8", "\xed\xa0\x80"}}) {
+    const LocaleScope locale(c.locale);
+    EXPECT_THROW(zel::NarrowToWide(c.text), std::bad_cast) << c.locale << " " << c.text;
+  }
+  EXPECT_TRUE(zel::NarrowToWide(static_cast<const char*>(nullptr)).empty());
+}
+
+TEST(LocaleConversion, OutOfMemoryIsBadAllocOneWayAndACodeTheOther) {
+  const std::string narrow(100, 'n');
+  const std::u16string wide(100, u'w');
+  SweepAllocationFailures([&] {
+    EXPECT_EQ(zel::NarrowToWide(narrow.c_str()).size, 100u);
+    string text("old");
+    const zel::ResultCode code = zel::WideToNarrow(wide, &text);
+    if (code == zel::eOutOfMemory) {
+      EXPECT_EQ(text.View(), "old");
+    }
+    return code == zel::sOk;
+  });
+}
+
+TEST(Format, PadsOnTheSideOfTheAlignment) {
+  struct Case {
+    zel::FormatSpec format;
+    std::uint32_t value;
+    std::u16string_view text;
+  };
+  const auto spec = [](std::int32_t width, std::int32_t alignment, std::int32_t radix, std::uint32_t fill,
+                       bool showBase = true) {
+    zel::FormatSpec format;
+    format.width = width;
+    format.alignment = alignment;
+    format.radix = radix;
+    format.fill = fill;
+    format.showBase = showBase;
+    return format;
+  };
+  for (const Case& c :
+       {Case{{}, 0, u"0"}, Case{{}, 4294967295, u"4294967295"},
+        Case{spec(8, 1, 16, u'0', false), 0, u"00000000"},
+        Case{spec(8, 1, 16, u'0', false), 0xabcd, u"0000abcd"},
+        Case{spec(8, 1, 16, u'.'), 0xabc, u"...0xabc"}, Case{spec(8, 0, 16, u'0'), 0xabc, u"0x000abc"},
+        Case{spec(8, -1, 16, u'.'), 0xabc, u"0xabc..."}, Case{spec(6, 0, 8, u'.'), 8, u"0...10"},
+        Case{spec(5, 1, 10, u' '), 42, u"   42"}, Case{spec(2, 1, 10, u' '), 12345, u"12345"},
+        Case{spec(-5, 1, 10, u' '), 1, u"1"}, Case{spec(9, 1, 10, 0x10000), 42, u"42"},
+        Case{spec(0, 1, 36, u' '), 35, u"z"},
+        Case{spec(34, 1, 2, u'.'), UINT32_MAX, u"..11111111111111111111111111111111"}}) {
+    wstring text(u">");
+    EXPECT_EQ(zel::AppendNumber(&text, c.format, c.value), c.text.size());
+    EXPECT_EQ(text.View().substr(1), c.text);
+  }
+}
+
+TEST(Format, NarrowTextEndsAtItsPrecisionOrAByteThatDoesNotConvert) {
+  const LocaleScope locale("C.utf8");
+  zel::FormatSpec format;
+  format.width = 6;
+  format.fill = u'.';
+  const auto put = [&](std::int32_t precision, std::int32_t alignment, const char* text) {
+    wstring out;
+    format.precision = precision;
+    format.alignment = alignment;
+    const std::uint64_t written = zel::AppendNarrowAligned(&out, format, text);
+    EXPECT_EQ(written, out.size);
+    return std::u16string(out.View());
+  };
+  EXPECT_EQ(put(-1, 1, "abc"), u"...abc");
+  EXPECT_EQ(put(2, -1, "abc"), u"ab....");
+  EXPECT_EQ(put(0, 1, "abc"), u"......");
+  EXPECT_EQ(put(-1, -1, "a\xc3\xa9z"), u"a..") << "a byte by itself is no character here";
+}
+
+TEST(HexText, WritesTwoDigitsAByte) {
+  const std::uint8_t bytes[] = {0x00, 0x0f, 0xa0, 0xff, 0x10, 0x20, 0x30, 0x40};
+  EXPECT_EQ(zel::HexText(bytes, 8).View(), "000fa0ff10203040");
+  EXPECT_TRUE(zel::HexText(nullptr, 0).empty());
+}
+
+}  // namespace
+}  // namespace veld_report::test
