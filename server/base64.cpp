@@ -1,0 +1,66 @@
+#include "server/base64.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "server/printable.h"
+
+namespace veld_report::server {
+namespace {
+
+constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::uint8_t noValue = 0xff;
+
+constexpr std::array<std::uint8_t, 256> MakeValues() {
+  std::array<std::uint8_t, 256> values{};
+  values.fill(noValue);
+  for (std::size_t i = 0; i < alphabet.size(); ++i) {
+    values[static_cast<unsigned char>(alphabet[i])] = static_cast<std::uint8_t>(i);
+  }
+  return values;
+}
+constexpr std::array<std::uint8_t, 256> values = MakeValues();
+
+std::size_t PaddingOf(std::string_view text) {
+  std::size_t padding = 0;
+  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+  return padding;
+}
+
+std::string BadCharacter(std::string_view text, std::size_t position) {
+  return "has " + Printable(text.substr(position, 1)) +
+         ", which isn't of the standard alphabet, at character " + std::to_string(position + 1);
+}
+
+}  // namespace
+
+std::string DecodeBase64(std::string_view text, std::string* bytes) {
+  bytes->clear();
+  const std::size_t padding = PaddingOf(text);
+  const std::size_t characters = text.size() - padding;
+  std::string result;
+  result.reserve(text.size() / 4 * 3);
+  std::uint32_t window = 0;
+  unsigned bits = 0;
+  for (std::size_t i = 0; i < characters; ++i) {
+    const std::uint8_t value = values[static_cast<unsigned char>(text[i])];
+    if (value == noValue) return BadCharacter(text, i);
+    window = (window << 6) | value;
+    bits += 6;
+    if (bits < 8) continue;
+    bits -= 8;
+    result.push_back(static_cast<char>(static_cast<std::uint8_t>(window >> bits)));
+    window &= (1U << bits) - 1;
+  }
+  if (text.size() % 4 != 0) {
+    return "has " + std::to_string(text.size()) +
+           " characters, which isn't a multiple of 4: it is cut or not padded";
+  }
+  // What is left of a last group must be zero, or two texts would stand for the same bytes.
+  if (window != 0) return "ends in bits that stand for no byte, at character " + std::to_string(characters);
+  *bytes = std::move(result);
+  return {};
+}
+
+}  // namespace veld_report::server

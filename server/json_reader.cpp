@@ -1,0 +1,228 @@
+#include "server/json_reader.h"
+
+#include <simdjson.h>
+
+#include <string>
+
+#include "host/base/text.h"
+#include "server/printable.h"
+
+namespace veld_report::server {
+namespace {
+
+bool IsDigit(char character) { return character >= '0' && character <= '9'; }
+bool IsHexDigit(char character) {
+  return IsDigit(character) || (character >= 'a' && character <= 'f') ||
+         (character >= 'A' && character <= 'F');
+}
+
+// A recursive descent over one text. `members` and `elements` receive the parts of the outermost value only.
+class Scanner {
+ public:
+  Scanner(std::string_view text, std::size_t maxDepth) : text_(text), depthLeft_(maxDepth) {
+    if (simdjson::validate_utf8(text.data(), text.size())) return;
+    while (std::size_t length = host::ValidUtf8Prefix(text.substr(position_))) position_ += length;
+    Fail("not valid UTF-8");
+  }
+
+  void WholeObject(std::vector<JsonMember>* members) {
+    Begin('{', "isn't a JSON object");
+    Object(members);
+    End();
+  }
+  void WholeArray(std::vector<std::string_view>* elements) {
+    Begin('[', "isn't a JSON array");
+    Array(elements);
+    End();
+  }
+
+ private:
+  [[noreturn]] void Fail(const std::string& what) const {
+    throw JsonError("isn't valid JSON at byte " + std::to_string(position_) + ": " + what);
+  }
+  [[noreturn]] void FailHere(const std::string& expected) const {
+    const std::string found = AtEnd() ? "the end" : Printable(text_.substr(position_), 16);
+    Fail("expected " + expected + ", found " + found);
+  }
+  bool AtEnd() const { return position_ == text_.size(); }
+  char Peek() const { return AtEnd() ? '\0' : text_[position_]; }
+  bool Take(char character) {
+    if (AtEnd() || text_[position_] != character) return false;
+    ++position_;
+    return true;
+  }
+  void SkipBlanks() {
+    while (!AtEnd() && (Peek() == ' ' || Peek() == '\n' || Peek() == '\r' || Peek() == '\t')) ++position_;
+  }
+
+  void Begin(char opening, const char* otherwise) {
+    SkipBlanks();
+    if (AtEnd()) throw JsonError("is empty");
+    if (Peek() != opening)
+      throw JsonError(std::string(otherwise) + ": it begins with " + Printable(text_, 16));
+  }
+  void End() {
+    SkipBlanks();
+    if (!AtEnd()) FailHere("the end");
+  }
+
+  std::string_view Value() {
+    const std::size_t begin = position_;
+    switch (Peek()) {
+      case '{':
+        Object(nullptr);
+        break;
+      case '[':
+        Array(nullptr);
+        break;
+      case '"':
+        String();
+        break;
+      case 't':
+        Literal("true");
+        break;
+      case 'f':
+        Literal("false");
+        break;
+      case 'n':
+        Literal("null");
+        break;
+      default:
+        Number();
+    }
+    return text_.substr(begin, position_ - begin);
+  }
+
+  void Descend() {
+    ++position_;
+    if (depthLeft_-- == 0) Fail("objects and arrays are nested too deeply");
+    SkipBlanks();
+  }
+
+  void Object(std::vector<JsonMember>* members) {
+    Descend();
+    if (!Take('}')) {
+      do {
+        SkipBlanks();
+        const std::size_t begin = position_;
+        if (Peek() != '"') FailHere("a member's name in quotes");
+        String();
+        const std::string_view key = text_.substr(begin, position_ - begin);
+        SkipBlanks();
+        if (!Take(':')) FailHere("\":\" behind a member's name");
+        SkipBlanks();
+        const std::string_view value = Value();
+        if (members) members->push_back({Unescaped(key), value});
+        SkipBlanks();
+      } while (Take(','));
+      if (!Take('}')) FailHere("\",\" or \"}\" behind a member");
+    }
+    ++depthLeft_;
+  }
+
+  void Array(std::vector<std::string_view>* elements) {
+    Descend();
+    if (!Take(']')) {
+      do {
+        SkipBlanks();
+        const std::string_view element = Value();
+        if (elements) elements->push_back(element);
+        SkipBlanks();
+      } while (Take(','));
+      if (!Take(']')) FailHere("\",\" or \"]\" behind an element");
+    }
+    ++depthLeft_;
+  }
+
+  void String() {
+    ++position_;
+    while (!Take('"')) {
+      if (AtEnd()) Fail("a string isn't closed");
+      if (static_cast<unsigned char>(Peek()) < 0x20) Fail("a control character stands in a string");
+      if (Take('\\')) {
+        Escape();
+      } else {
+        ++position_;
+      }
+    }
+  }
+
+  void Escape() {
+    if (Take('u')) {
+      for (int i = 0; i < 4; ++i) {
+        if (!IsHexDigit(Peek())) FailHere("four hexadecimal digits behind \"\\u\"");
+        ++position_;
+      }
+      return;
+    }
+    if (AtEnd() || std::string_view("\"\\/bfnrt").find(Peek()) == std::string_view::npos) {
+      FailHere("an escape that JSON knows");
+    }
+    ++position_;
+  }
+
+  void Literal(std::string_view word) {
+    if (text_.substr(position_, word.size()) != word) FailHere("a value");
+    position_ += word.size();
+  }
+
+  void Digits() {
+    if (!IsDigit(Peek())) FailHere("a digit");
+    while (IsDigit(Peek())) ++position_;
+  }
+
+  void Number() {
+    if (Peek() != '-' && !IsDigit(Peek())) FailHere("a value");
+    Take('-');
+    if (!Take('0')) Digits();
+    if (Take('.')) Digits();
+    if (Take('e') || Take('E')) {
+      if (!Take('+')) Take('-');
+      Digits();
+    }
+  }
+
+  static std::string Unescaped(std::string_view key) {
+    const std::string_view inner = key.substr(1, key.size() - 2);
+    if (inner.find('\\') == std::string_view::npos) return std::string(inner);
+    try {
+      return ReadJsonString(key);
+    } catch (const JsonError&) {
+      return std::string(inner);
+    }
+  }
+
+  std::string_view text_;
+  std::size_t position_ = 0;
+  std::size_t depthLeft_;
+};
+
+}  // namespace
+
+std::vector<JsonMember> ReadJsonObject(std::string_view text, std::size_t maxDepth) {
+  std::vector<JsonMember> members;
+  Scanner(text, maxDepth).WholeObject(&members);
+  return members;
+}
+
+std::vector<std::string_view> ReadJsonArray(std::string_view text, std::size_t maxDepth) {
+  std::vector<std::string_view> elements;
+  Scanner(text, maxDepth).WholeArray(&elements);
+  return elements;
+}
+
+std::string ReadJsonString(std::string_view text) {
+  simdjson::dom::parser parser;
+  std::string_view value;
+  const simdjson::error_code code = parser.parse(text.data(), text.size()).get_string().get(value);
+  if (code == simdjson::MEMALLOC) throw std::bad_alloc();
+  if (code == simdjson::INCORRECT_TYPE) throw JsonError("isn't a string but " + Printable(text, 16));
+  if (code) throw JsonError(std::string("isn't a valid JSON string: ") + simdjson::error_message(code));
+  return std::string(value);
+}
+
+void CheckJsonObject(std::string_view text, std::size_t maxDepth) {
+  Scanner(text, maxDepth).WholeObject(nullptr);
+}
+
+}  // namespace veld_report::server

@@ -1,0 +1,220 @@
+#include "server/report_server.h"
+
+#include <microhttpd.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <string_view>
+
+#include "server/listen_socket.h"
+#include "server/ndjson_file.h"
+
+namespace veld_report::server {
+namespace {
+
+// A body over the limit is read and dropped up to this many times the limit, so that a client that is still
+// sending can read the answer; beyond it the connection is closed.
+constexpr std::size_t drainFactor = 4;
+constexpr std::chrono::seconds stopPatience{2};
+
+struct Answer {
+  unsigned status;
+  std::string text;
+};
+
+struct Request {
+  std::string body;
+  std::size_t received = 0;
+  bool answered = false;  // an answer was queued before the body was read
+};
+
+std::string_view Header(MHD_Connection* connection, const char* name) {
+  const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+  return value ? value : "";
+}
+
+// The declared length, or 0 where there is none (a chunked body).
+std::size_t DeclaredLength(MHD_Connection* connection) {
+  const std::string_view text = Header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+  std::size_t length = 0;
+  std::from_chars(text.data(), text.data() + text.size(), length);
+  return length;
+}
+
+MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
+  const std::string text = answer.text + "\n";
+  MHD_Response* response =
+      MHD_create_response_from_buffer(text.size(), const_cast<char*>(text.data()), MHD_RESPMEM_MUST_COPY);
+  if (!response) return MHD_NO;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain; charset=utf-8");
+  if (answer.status == MHD_HTTP_METHOD_NOT_ALLOWED)
+    MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, "POST");
+  const MHD_Result result = MHD_queue_response(connection, answer.status, response);
+  MHD_destroy_response(response);
+  return result;
+}
+
+}  // namespace
+
+class ReportServer::Impl {
+ public:
+  explicit Impl(ReportServerOptions options) : options_(std::move(options)), file_(options_.outPath) {
+    const ListenSocket listening = OpenListenSocket(options_.address, options_.port);
+    socket_ = listening.handle;
+    port_ = listening.port;
+    daemon_ = MHD_start_daemon(
+        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::OnRequest, this,
+        MHD_OPTION_LISTEN_SOCKET, socket_, MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
+        MHD_OPTION_CONNECTION_LIMIT, options_.connectionLimit, MHD_OPTION_CONNECTION_TIMEOUT,
+        options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &Impl::OnCompleted, this, MHD_OPTION_END);
+    if (daemon_) return;
+    close(socket_);
+    throw std::runtime_error("the HTTP library can't start its threads");
+  }
+  ~Impl() { Stop(); }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  void Stop() {
+    if (!daemon_) return;
+    MHD_quiesce_daemon(daemon_);
+    {
+      std::unique_lock hold(lock_);
+      idle_.wait_for(hold, stopPatience, [this] { return active_ == 0; });
+    }
+    MHD_stop_daemon(daemon_);
+    daemon_ = nullptr;
+    // A quiesced daemon leaves its socket to its maker.
+    close(socket_);
+  }
+
+  const ReportServerOptions& Options() const { return options_; }
+  const NdjsonFile& File() const { return file_; }
+  std::uint16_t Port() const { return port_; }
+
+  std::atomic<std::uint64_t> storedItems{0};
+  std::atomic<std::uint64_t> refusedRequests{0};
+
+ private:
+  // The library is C: nothing may be thrown through it. It calls once with the headers, once or more with
+  // pieces of the body, and once with no piece at the end.
+  static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char*, const char* method,
+                              const char*, const char* data, std::size_t* size, void** state) noexcept {
+    auto* const server = static_cast<Impl*>(self);
+    try {
+      auto* const request = static_cast<Request*>(*state);
+      if (!request) return server->Begin(connection, method, state);
+      if (*size != 0) return server->Receive(request, data, size);
+      return request->answered ? MHD_YES : Queue(connection, server->Finish(connection, *request));
+    } catch (const std::exception& error) {
+      server->Log(std::string("a request ends without an answer: ") + error.what());
+      return MHD_NO;
+    }
+  }
+
+  static void OnCompleted(void* self, MHD_Connection*, void** state, MHD_RequestTerminationCode) noexcept {
+    if (!*state) return;
+    delete static_cast<Request*>(*state);
+    *state = nullptr;
+    auto* const server = static_cast<Impl*>(self);
+    const std::lock_guard hold(server->lock_);
+    if (--server->active_ == 0) server->idle_.notify_all();
+  }
+
+  MHD_Result Begin(MHD_Connection* connection, std::string_view method, void** state) {
+    auto request = std::make_unique<Request>();
+    const std::size_t declared = DeclaredLength(connection);
+    const bool over = declared > options_.bodyLimitBytes;
+    const bool waits = strcasecmp(Header(connection, MHD_HTTP_HEADER_EXPECT).data(), "100-continue") == 0;
+    MHD_Result result = MHD_YES;
+    if (method != MHD_HTTP_METHOD_POST) {
+      request->answered = true;
+      result = Queue(connection, Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is taken here"));
+    } else if (over && (waits || declared / drainFactor > options_.bodyLimitBytes)) {
+      request->answered = true;
+      result = Queue(connection, TooLarge());
+    } else if (!over) {
+      request->body.reserve(declared);
+    }
+    const std::lock_guard hold(lock_);
+    ++active_;
+    *state = request.release();
+    return result;
+  }
+
+  MHD_Result Receive(Request* request, const char* data, std::size_t* size) {
+    request->received += *size;
+    if (request->received <= options_.bodyLimitBytes) {
+      request->body.append(data, *size);
+    } else {
+      std::string().swap(request->body);
+    }
+    if (request->received / drainFactor > options_.bodyLimitBytes) return MHD_NO;
+    *size = 0;
+    return MHD_YES;
+  }
+
+  Answer Finish(MHD_Connection* connection, const Request& request) {
+    if (request.received > options_.bodyLimitBytes) return TooLarge();
+    const std::string wrongType = ContentTypeProblem(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE));
+    if (!wrongType.empty()) return Refuse(MHD_HTTP_BAD_REQUEST, wrongType);
+    const MessageContent content = CheckMessage(request.body, options_.verifier);
+    if (!content.problem.empty()) return Refuse(MHD_HTTP_BAD_REQUEST, content.problem);
+    if (options_.status != MHD_HTTP_OK)
+      return {options_.status, "a good message, and nothing stored: a trial"};
+    try {
+      file_.Append(content.itemLines);
+    } catch (const std::runtime_error& error) {
+      return Refuse(MHD_HTTP_INTERNAL_SERVER_ERROR, error.what());
+    }
+    storedItems += content.itemCount;
+    return {MHD_HTTP_OK, std::to_string(content.itemCount) + " items stored"};
+  }
+
+  Answer TooLarge() {
+    return Refuse(MHD_HTTP_CONTENT_TOO_LARGE,
+                  "the body is over the limit of " + std::to_string(options_.bodyLimitBytes) + " bytes");
+  }
+  Answer Refuse(unsigned status, const std::string& sentence) {
+    ++refusedRequests;
+    Log("answered " + std::to_string(status) + ": " + sentence);
+    return {status, sentence};
+  }
+  void Log(const std::string& line) const {
+    if (options_.log) options_.log(line);
+  }
+
+  const ReportServerOptions options_;
+  NdjsonFile file_;
+  int socket_ = -1;
+  std::uint16_t port_ = 0;
+  MHD_Daemon* daemon_ = nullptr;
+
+  std::mutex lock_;  // guards `active_`
+  std::condition_variable idle_;
+  std::size_t active_ = 0;  // requests that have begun and aren't completed
+};
+
+ReportServer::ReportServer(ReportServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+ReportServer::~ReportServer() = default;
+
+std::uint16_t ReportServer::Port() const { return impl_->Port(); }
+
+std::string ReportServer::Url() const {
+  const std::string& address = impl_->Options().address;
+  const bool bracketed = address.find(':') != std::string::npos;
+  return "http://" + (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(Port());
+}
+
+std::uint64_t ReportServer::TornBytes() const { return impl_->File().TornBytes(); }
+std::uint64_t ReportServer::StoredItems() const { return impl_->storedItems; }
+std::uint64_t ReportServer::RefusedRequests() const { return impl_->refusedRequests; }
+void ReportServer::Stop() { impl_->Stop(); }
+
+}  // namespace veld_report::server

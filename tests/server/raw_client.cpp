@@ -1,0 +1,60 @@
+#include "tests/server/raw_client.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <thread>
+
+namespace veld_report::server_test {
+namespace {
+
+int Connect(std::uint16_t port) {
+  const int handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const timeval patience{10, 0};
+  setsockopt(handle, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  setsockopt(handle, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  if (connect(handle, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) return handle;
+  close(handle);
+  return -1;
+}
+
+void SendAll(int handle, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t sent = send(handle, text.data(), text.size(), MSG_NOSIGNAL);
+    if (sent <= 0) return;  // the server has closed; what it answered is still to be read
+    text.remove_prefix(static_cast<std::size_t>(sent));
+  }
+}
+
+}  // namespace
+
+RawAnswer Exchange(std::uint16_t port, std::string_view request) {
+  RawAnswer answer;
+  const int handle = Connect(port);
+  if (handle < 0) return answer;
+  // Sending on a thread of its own: the server may answer and close while much is still to be sent.
+  std::thread sender([&] { SendAll(handle, request); });
+  char block[4096];
+  for (ssize_t length = 0; (length = recv(handle, block, sizeof(block), 0)) > 0;) {
+    answer.text.append(block, static_cast<std::size_t>(length));
+  }
+  shutdown(handle, SHUT_RDWR);
+  sender.join();
+  close(handle);
+  if (answer.text.starts_with("HTTP/1.1 ")) answer.status = std::atoi(answer.text.c_str() + 9);
+  return answer;
+}
+
+std::string Post(std::string_view body, std::string_view contentType) {
+  return "POST /v1/reports HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Type: " +
+         std::string(contentType) + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+         std::string(body);
+}
+
+}  // namespace veld_report::server_test

@@ -1,0 +1,234 @@
+#include "server/report_server.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "server/ndjson_file.h"
+#include "tests/server/message_builder.h"
+#include "tests/server/raw_client.h"
+
+namespace veld_report::server {
+namespace {
+
+using server_test::Body;
+using server_test::exampleBody;
+using server_test::Exchange;
+using server_test::Post;
+using server_test::RawAnswer;
+using testing::HasSubstr;
+
+class ReportServerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (std::filesystem::temp_directory_path() / "report-server-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    folder_ = pattern;
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  std::string Path() const { return folder_ / "out.ndjson"; }
+  std::string Stored() const {
+    std::ifstream file(Path(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  void Write(const std::string& text) const { std::ofstream(Path(), std::ios::binary) << text; }
+  ReportServerOptions Options() const {
+    ReportServerOptions options;
+    options.outPath = Path();
+    return options;
+  }
+
+  std::filesystem::path folder_;
+};
+
+TEST_F(ReportServerTest, GoodMessageIsStoredBeforeItsAnswer) {
+  ReportServer server(Options());
+  const RawAnswer answer = Exchange(server.Port(), Post(exampleBody));
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(Stored(), "{\"a\":1}\n{\"b\":2}\n");
+  EXPECT_EQ(server.StoredItems(), 2U);
+  EXPECT_EQ(server.Url(), "http://127.0.0.1:" + std::to_string(server.Port()));
+}
+
+TEST_F(ReportServerTest, WhatIsNot200StoresNothing) {
+  ReportServerOptions options = Options();
+  options.bodyLimitBytes = 1000;
+  options.verifier = [](std::string_view payload, std::string_view) {
+    return std::string(payload.find("bad") == std::string_view::npos ? "" : "a bad one");
+  };
+  ReportServer server(options);
+  const std::string large(1001, ' ');
+  const std::string chunked =
+      "POST / HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Type: application/json\r\n"
+      "Transfer-Encoding: chunked\r\n\r\n";
+  const struct {
+    std::string request;
+    int status;
+    const char* sentence;
+  } cases[] = {
+      {"GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n", 405, "Allow: POST"},
+      {"PUT / HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Length: 2\r\n\r\n{}", 405, "only POST"},
+      {Post(exampleBody, "text/plain"), 400, "the Content-Type is \"text/plain\""},
+      {Post(""), 400, "the body is empty"},
+      {Post("{}"), 400, "the body has no member \"payload\""},
+      {Post(Body(R"({"array":["bad"]})")), 400, "a bad one"},
+      {Post(large), 413, "over the limit of 1000 bytes"},
+      {Post(std::string(100000, ' ')), 413, "over the limit"},
+      {chunked + "3e9\r\n" + large + "\r\n0\r\n\r\n", 413, "over the limit"},
+  };
+  for (const auto& each : cases) {
+    const RawAnswer answer = Exchange(server.Port(), each.request);
+    EXPECT_EQ(answer.status, each.status) << each.request.substr(0, 200);
+    EXPECT_THAT(answer.text, HasSubstr(each.sentence));
+  }
+  EXPECT_EQ(server.RefusedRequests(), std::size(cases));
+  EXPECT_EQ(Stored(), "");
+  // A body of exactly the limit passes, also in chunks.
+  std::string fitting(exampleBody);
+  fitting.resize(1000, ' ');
+  EXPECT_EQ(Exchange(server.Port(), Post(fitting)).status, 200);
+  EXPECT_EQ(Exchange(server.Port(), chunked + "3e8\r\n" + fitting + "\r\n0\r\n\r\n").status, 200);
+  EXPECT_EQ(server.StoredItems(), 4U);
+}
+
+TEST_F(ReportServerTest, EndlessChunkedBodyIsCutOff) {
+  ReportServerOptions options = Options();
+  options.bodyLimitBytes = 1000;
+  ReportServer server(options);
+  std::string request =
+      "POST / HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\n";
+  for (int i = 0; i < 2000; ++i) request += "3e8\r\n" + std::string(1000, ' ') + "\r\n";
+  // It never ends its body, so only the server can end this exchange.
+  EXPECT_EQ(Exchange(server.Port(), request).status, 0);
+}
+
+TEST_F(ReportServerTest, TrialStatusAnswersGoodMessagesAndStoresNothing) {
+  ReportServerOptions options = Options();
+  options.status = 503;
+  ReportServer server(options);
+  EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 503);
+  EXPECT_EQ(Exchange(server.Port(), Post("{}")).status, 400);
+  EXPECT_EQ(Stored(), "");
+}
+
+TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
+  ReportServer server(Options());
+  constexpr int threadCount = 8;
+  constexpr int messages = 20;
+  std::vector<std::string> expected;
+  std::vector<std::thread> threads;
+  std::atomic<int> good{0};
+  for (int i = 0; i < threadCount; ++i) {
+    for (int j = 0; j < messages; ++j) {
+      const std::string id = std::to_string(i * messages + j);
+      expected.push_back("{\"id\":" + id + ",\"part\":1}");
+      expected.push_back("{\"id\":" + id + ",\"part\":2}");
+    }
+    threads.emplace_back([&, i] {
+      for (int j = 0; j < messages; ++j) {
+        const std::string id = std::to_string(i * messages + j);
+        const std::string body =
+            Body("{\"array\":[{\"id\":" + id + ",\"part\":1},{\"id\":" + id + ",\"part\":2}]}");
+        if (Exchange(server.Port(), Post(body)).status == 200) ++good;
+      }
+    });
+  }
+  for (std::thread& each : threads) each.join();
+  EXPECT_EQ(good, threadCount * messages);
+  std::istringstream stored(Stored());
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stored, line);) lines.push_back(line);
+  EXPECT_THAT(lines, testing::UnorderedElementsAreArray(expected));
+}
+
+TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
+  const struct {
+    std::string before, after;
+  } cases[] = {
+      {"", ""},
+      {"{\"a\":1}\n", "{\"a\":1}\n"},
+      {"{\"a\":1}\n{\"b\":", "{\"a\":1}\n"},
+      {"{\"torn\":", ""},
+      {"1\n" + std::string(200000, 'x'), "1\n"},
+      {std::string(65535, 'x') + "\n" + std::string(65536, 'y'), std::string(65535, 'x') + "\n"},
+  };
+  for (const auto& each : cases) {
+    Write(each.before);
+    ReportServer server(Options());
+    EXPECT_EQ(server.TornBytes(), each.before.size() - each.after.size());
+    EXPECT_EQ(Stored(), each.after);
+    EXPECT_EQ(Exchange(server.Port(), Post(Body(R"({"array":[7]})"))).status, 200);
+    EXPECT_EQ(Stored(), each.after + "7\n");
+  }
+}
+
+TEST_F(ReportServerTest, FailedWriteIsAnswered500AndLeavesWholeLines) {
+  ReportServer server(Options());
+  ASSERT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
+  const std::string before = Stored();
+  // A file size limit fails the write half-way, as a full disk does.
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+  const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit = old;
+  limit.rlim_cur = before.size() + 3;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  const RawAnswer refused = Exchange(server.Port(), Post(exampleBody));
+  setrlimit(RLIMIT_FSIZE, &old);
+  std::signal(SIGXFSZ, oldHandler);
+  EXPECT_EQ(refused.status, 500);
+  EXPECT_THAT(refused.text, HasSubstr("can't be written"));
+  EXPECT_EQ(Stored(), before);
+  EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
+  EXPECT_EQ(Stored(), before + before);
+}
+
+TEST_F(ReportServerTest, StartFailuresSayWhatIsWrong) {
+  const auto reason = [](const ReportServerOptions& options) -> std::string {
+    try {
+      ReportServer server(options);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "started";
+  };
+  ReportServer first(Options());
+  EXPECT_THAT(reason(Options()), HasSubstr("is being written by another process"));
+  ReportServerOptions options = Options();
+  options.outPath = folder_ / "other.ndjson";
+  options.port = first.Port();
+  EXPECT_THAT(reason(options), HasSubstr("can't listen there"));
+  options.address = "no such address";
+  EXPECT_THAT(reason(options), HasSubstr("isn't an address to listen on"));
+  options = Options();
+  options.outPath = folder_ / "none" / "out.ndjson";
+  EXPECT_THAT(reason(options), HasSubstr("can't be opened"));
+  options.outPath = "/dev/null";
+  EXPECT_THAT(reason(options), HasSubstr("isn't a regular file"));
+}
+
+TEST_F(ReportServerTest, StoppedServerGivesItsPortAndFileBack) {
+  ReportServerOptions options = Options();
+  for (int i = 0; i < 3; ++i) {
+    ReportServer server(options);
+    options.port = server.Port();
+    ASSERT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
+    server.Stop();
+    EXPECT_EQ(Exchange(options.port, Post(exampleBody)).status, 0);
+  }
+  EXPECT_EQ(Stored().size(), 3 * std::string("{\"a\":1}\n{\"b\":2}\n").size());
+}
+
+}  // namespace
+}  // namespace veld_report::server
