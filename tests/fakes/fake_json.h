@@ -28,8 +28,8 @@ struct SerializeContext {
   bool given = false;
   bool offersLocation = true;
   zel::ResultCode locationResult = zel::sOk;
-  std::string objectName;
-  std::string fieldName;
+  std::string objectName{};
+  std::string fieldName{};
   std::uint32_t index = zel::SerializeErrorLocation::noIndex;
 };
 

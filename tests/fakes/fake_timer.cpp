@@ -17,6 +17,7 @@ zel::ResultCode FakeTimer::ArmTimer(zel::IRunnable* sink, std::uint32_t delayMs)
   if (const auto code = world().Enter("ArmTimer", std::to_string(delayMs))) return code;
   std::lock_guard guard(lock_);
   if (policing && cancelled_.contains(sink)) Fault("TimerService: ArmTimer after CancelTimer");
+  lastSink_ = sink;
   const std::uint64_t due = nowMs_ + delayMs;
   const auto [place, isNew] = pending_.emplace(sink, due);
   if (!isNew) place->second = std::min(place->second, due);
@@ -96,6 +97,16 @@ void FakeTimer::Advance(std::uint64_t milliseconds) {
 bool FakeTimer::Armed() const {
   std::lock_guard guard(lock_);
   return !pending_.empty();
+}
+
+zel::IRunnable* FakeTimer::LastSink() const {
+  std::lock_guard guard(lock_);
+  return lastSink_;
+}
+
+void FakeTimer::ForgetCancelled() {
+  std::lock_guard guard(lock_);
+  cancelled_.clear();
 }
 
 std::uint64_t FakeTimer::DelayMs() const {

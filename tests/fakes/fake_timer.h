@@ -31,7 +31,10 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
   // Moves the clock, running each sink that comes due on the way, in order.
   void Advance(std::uint64_t milliseconds);
   bool Armed() const;
-  std::uint64_t DelayMs() const;  // of the sink that is due first
+  std::uint64_t DelayMs() const;     // of the sink that is due first
+  zel::IRunnable* LastSink() const;  // that asked for a firing
+  // Once the owners of cancelled sinks are gone, so that another sink may have such an address.
+  void ForgetCancelled();
   int RunsThatThrew() const { return runsThatThrew_; }
 
   std::atomic<bool> policing{true};
@@ -45,6 +48,7 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
   mutable std::mutex lock_;
   std::condition_variable runEnded_;
   std::uint64_t nowMs_ = 0;
+  zel::IRunnable* lastSink_ = nullptr;
   std::map<zel::IRunnable*, std::uint64_t> pending_;  // due time
   std::map<zel::IRunnable*, Running> running_;
   std::set<zel::IRunnable*> cancelled_;

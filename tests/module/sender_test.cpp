@@ -115,6 +115,7 @@ void SenderTest::End() {
   settings.Reset();
   construct.Reset();
   sender.Reset();
+  host.timer->ForgetCancelled();
 }
 
 void SenderTest::PutItems(char queue, const Strings& items) {

@@ -1,0 +1,201 @@
+// SetSettings: the working table, the certificates, the timer, and that a failure changes nothing.
+
+#include <functional>
+#include <new>
+
+#include "tests/module/sender_test.h"
+
+namespace veld_report::tests {
+namespace {
+
+using SettingsTest = SenderTest;
+
+const Strings pushes = {"Push", "CreateProducer"};
+
+TEST_F(SettingsTest, TheNameOfAQueueIsTheDigestOfTheUrlInHexadecimal) {
+  // The units of the url as they lie in memory, whatever they are; no terminator.
+  const std::u16string url = u"HTTP://\u00e4.example/\xd800?";
+  host.hash->Set(
+      url, {0x00, 0x01, 0x0a, 0x10, 0x7f, 0x80, 0x9f, 0xa0, 0xff, 0xfe, 0xc3, 0x28, 0x20, 0x0d, 0x5c, 0x22});
+  Start({.urls = {url}});
+  Send("{}");
+  Fire();
+  EXPECT_THAT(host.queues->Names(), ElementsAre("00010a107f809fa0fffec328200d5c22"));
+  EXPECT_EQ(host.http->TakeSent().at(0).url, url) << "used unchanged";
+}
+
+TEST_F(SettingsTest, RowsAreSortedByQueueAndKeepTheirConsumer) {
+  Start({.urls = {urlC, urlA, urlB}, .consumers = {"for c", "for a", "for b"}});
+  EXPECT_THAT(host.http->Certificates(),
+              ElementsAre(std::pair<const void*, const void*>(certificateBytes, certificateBytes + 1),
+                          std::pair<const void*, const void*>(certificateBytes + 1, certificateBytes + 2),
+                          std::pair<const void*, const void*>(certificateBytes + 2, certificateBytes + 3)))
+      << "in the order of the urls";
+  Send("1");
+  Send("2", "for a");
+  Send("3", "for c");
+  Send("4", "for");
+  Send("5", "For a");
+  Fire();
+  EXPECT_THAT(Events({"Push"}), ElementsAre("Push 0a 1", "Push 0b 1", "Push 0c 1", "Push 0a 2", "Push 0c 3"));
+}
+
+TEST_F(SettingsTest, OneUrlTwiceIsTwoRowsOnOneQueue) {
+  Start({.urls = {urlA, urlA}, .consumers = {"x", "y"}});
+  Send("1");
+  Send("2", "y");
+  Fire();
+  EXPECT_THAT(Events(pushes), ElementsAre("CreateProducer 0a 10240", "Push 0a 1", "Push 0a 1", "Push 0a 2"));
+}
+
+TEST_F(SettingsTest, WithoutConsumersEveryRowHasNone) {
+  Start({.urls = {urlB, urlA}});
+  Send("1");
+  Send("2", "x");
+  Fire();
+  EXPECT_THAT(Events({"Push"}), ElementsAre("Push 0a 1", "Push 0b 1"));
+}
+
+TEST_F(SettingsTest, WithoutUrlsEveryQueueGoes) {
+  PutItems('a', {"old"});
+  Start({.urls = {}});
+  EXPECT_THAT(host.http->Certificates(), IsEmpty());
+  EXPECT_EQ(script().Calls("SetCertificates"), 1);
+  Send("1");
+  Fire();
+  EXPECT_THAT(Events({"Push", "RemoveQueue"}), ElementsAre("RemoveQueue 0a"));
+}
+
+TEST_F(SettingsTest, AFailureChangesNothing) {
+  const std::string entry = Line(
+      "VeldReportSenderImpl::SetSettings called... New settings: 2 urls; packetLimit = 3; queueLimit = 4Kb; "
+      "sendTimeout = 30");
+  const std::string certificates = "300 veld_rep\tCann't update certificates for urls";
+  const Plan good = {.urls = {urlB, urlC}, .packetLimit = 3, .queueLimit = 4, .sendTimeout = 30};
+  Plan oneConsumer = good;
+  oneConsumer.consumers = {"x"};
+  struct Row {
+    const char* what;
+    std::function<void()> script;
+    Plan plan;
+    ResultCode result;
+    Strings lines;
+    Strings calls;
+  };
+  const Strings asked = {"SetCertificates 2"};
+  const std::vector<Row> rows = {
+      {"fewer consumers than urls", [] {}, oneConsumer, zel::eInvalidArgument, {entry}, {}},
+      {"no certificates interface",
+       [&] { script().Fail("Query HttpClient", someCode); },
+       good,
+       zel::eUnspecifiedError,
+       {entry, certificates},
+       {}},
+      {"certificates refused",
+       [&] { script().Fail("SetCertificates", someCode); },
+       good,
+       zel::eUnspecifiedError,
+       {entry, certificates},
+       asked},
+      {"no calculator for the second url",
+       [&] { script().Fail("CreateCalculator", someCode, 2); },
+       good,
+       someCode,
+       {entry},
+       {}},
+      {"no interface of the calculator",
+       [&] { script().Fail("Query HashCalculator", someCode); },
+       good,
+       someCode,
+       {entry},
+       {}},
+  };
+  Start({}, true);
+  Events();
+  Lines();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    row.script();
+    EXPECT_EQ(Set(row.plan), row.result);
+    EXPECT_THAT(Lines(), ElementsAreArray(row.lines));
+    EXPECT_THAT(Events(), ElementsAreArray(row.calls)) << "and no timer";
+    script().Clear();
+  }
+  EXPECT_EQ(Set({.urls = {}, .consumers = {"x"}}), zel::eInvalidArgument);
+  script().Do("CreateCalculator", []() -> ResultCode { throw std::bad_alloc(); });
+  EXPECT_THROW(Set(good), std::bad_alloc);
+  script().Clear();
+  Lines();
+  Events();
+  host.http->usual = HttpAnswer::Status(500);
+  Send("{}");
+  Fire();
+  EXPECT_THAT(
+      Events({"CreateProducer", "MakeRequest", "ArmTimer"}),
+      ElementsAre("ArmTimer 1000", "CreateProducer 0a 10240", "MakeRequestAsync http://a", "ArmTimer 7000"));
+  EXPECT_EQ(Lines().at(1), Line("OnSendTimeout called"));
+}
+
+TEST_F(SettingsTest, TheTimeoutIsSecondsInAndMillisecondsOut) {
+  struct Row {
+    std::uint32_t seconds;
+    std::uint64_t milliseconds;
+  };
+  host.http->usual = HttpAnswer::Status(500);
+  Start({}, true);
+  for (const Row& row : {Row{30, 30000}, Row{0, 0}, Row{4294968, 704}}) {
+    EXPECT_EQ(Set({.sendTimeout = row.seconds}), zel::sOk);
+    EXPECT_EQ(Lines().back(), Line("VeldReportSenderImpl::SetSettings called... New settings: 1 urls; "
+                                   "packetLimit = 2; queueLimit = 10Kb; sendTimeout = " +
+                                   std::to_string(row.seconds)));
+    Send("{}");
+    Fire();
+    EXPECT_EQ(host.timer->DelayMs(), row.milliseconds);
+    Fire();
+    EXPECT_EQ(host.timer->DelayMs(), row.milliseconds) << "the items still wait";
+  }
+}
+
+TEST_F(SettingsTest, TheTimerIsAskedForOnceTheFlagTellsTheTruth) {
+  Start();
+  EXPECT_EQ(Set({}), zel::sOk);
+  EXPECT_THAT(Events(), ElementsAre("SetCertificates 1")) << "the flag is left over from Construct";
+  Nudge();
+  EXPECT_EQ(Set({}), zel::sOk);
+  EXPECT_THAT(Events(), ElementsAre("ArmTimer 1000", "SetCertificates 1"));
+  Fire();
+  Events();
+  EXPECT_EQ(Set({}), zel::sOk);
+  EXPECT_EQ(Set({}), zel::sOk);
+  EXPECT_THAT(Events(), ElementsAre("SetCertificates 1", "ArmTimer 1000", "SetCertificates 1"));
+}
+
+// What SetSettings leaves for the next cycle is assigned, not merged.
+TEST_F(SettingsTest, TheLastSettingsDecideWhatTheNextCycleUpdates) {
+  struct Row {
+    const char* what;
+    std::vector<std::uint32_t> queueLimits;
+    Strings producers;
+  };
+  const Row rows[] = {
+      {"the same limit", {10}, {}},
+      {"another limit", {20}, {"CreateProducer 0a 20480"}},
+      {"another limit and then the same again", {30, 30}, {}},
+      {"there and back", {40, 30}, {"CreateProducer 0a 30720"}},
+  };
+  Start();
+  Send("{}");
+  Fire();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    for (const std::uint32_t limit : row.queueLimits) EXPECT_EQ(Set({.queueLimit = limit}), zel::sOk);
+    Events();
+    Lines();
+    Fire();
+    EXPECT_THAT(Events({"CreateProducer"}), ElementsAreArray(row.producers));
+    EXPECT_EQ(Lines().at(1), Line("UpdateQueues started"));
+  }
+}
+
+}  // namespace
+}  // namespace veld_report::tests
