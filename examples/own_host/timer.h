@@ -1,0 +1,41 @@
+// The timer service: one thread and a list of pending firings.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "contract/timer.h"
+#include "counted.h"
+
+namespace own_host {
+
+class Timer final : public Counted<zel::ITimerService> {
+ public:
+  Timer() : thread_([this] { Loop(); }) {}
+  // No sink may be pending any more. Not on the timer's own thread.
+  ~Timer() override;
+
+  zel::ResultCode ReservedTimerOperation0() override { return zel::eNotImplemented; }
+  zel::ResultCode ReservedTimerOperation1() override { return zel::eNotImplemented; }
+  // An armed sink keeps the earlier time: a steady stream of submissions must not put a firing off for ever.
+  zel::ResultCode ArmTimer(zel::IRunnable* sink, std::uint32_t delayMs) override;
+  zel::ResultCode DisarmTimer(zel::IRunnable* sink) override;
+  // Waits for a running Run of the sink.
+  zel::ResultCode CancelTimer(zel::IRunnable* sink) override;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  void Loop();
+
+  std::mutex lock_;  // guards all below; not held across Run
+  std::condition_variable changed_;
+  std::map<zel::IRunnable*, Clock::time_point> pending_;
+  zel::IRunnable* running_ = nullptr;
+  bool stop_ = false;
+  std::thread thread_;  // last: it uses all the others
+};
+
+}  // namespace own_host
