@@ -1,0 +1,54 @@
+// The looks that people take into a store; see queue_store.h.
+#include "host/queue/queue_store.h"
+
+namespace veld_report::host {
+
+std::vector<QueueInfo> QueueStore::ListQueues() {
+  const std::lock_guard lock(mutex_);
+  Flush();
+  const std::int64_t nowMs = NowMs();
+  std::vector<QueueInfo> result;
+  for (const auto& [name, queue] : queues_) {
+    if (!queue.present) continue;
+    QueueInfo info{name, queue.ledger.waiting.items, queue.ledger.waiting.bytes, std::nullopt};
+    if (const auto oldestMs = file_.OldestMs(queue.id)) info.oldestAgeMs = nowMs - *oldestMs;
+    result.push_back(std::move(info));
+  }
+  return result;
+}
+
+std::vector<PeekedItem> QueueStore::Peek(const std::string& name, std::size_t count) {
+  const std::lock_guard lock(mutex_);
+  Flush();
+  std::vector<PeekedItem> result;
+  const auto found = queues_.find(name);
+  if (found == queues_.end() || found->second.id == 0 || found->second.removalBuffered) return result;
+  std::uint64_t after = 0;
+  while (result.size() < count) {
+    const auto row = file_.NextItem(found->second.id, after);
+    if (!row) break;
+    after = row->token;
+    if (writer_.IsDeleted(row->token)) continue;
+    result.push_back({row->token, row->enqueuedMs, std::string(row->data.begin(), row->data.end())});
+  }
+  file_.Finish();
+  return result;
+}
+
+ItemCount QueueStore::TotalWaiting() {
+  const std::lock_guard lock(mutex_);
+  ItemCount total;
+  for (const auto& [name, queue] : queues_) total += queue.ledger.waiting;
+  return total;
+}
+
+std::map<std::string, QueueLedger> QueueStore::Ledgers() {
+  const std::lock_guard lock(mutex_);
+  std::map<std::string, QueueLedger> result;
+  for (const auto& [name, queue] : queues_) {
+    if (!(queue.ledger == QueueLedger{})) result.emplace(name, queue.ledger);
+  }
+  return result;
+}
+
+}  // namespace veld_report::host

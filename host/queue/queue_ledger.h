@@ -1,0 +1,58 @@
+// What became of the items of a queue: the figures that a store keeps for each queue name.
+//
+// The rule that holds at every moment, in memory and in the file: every item that was offered is accounted
+// for once. An item that is refused counts as accepted and rejected, so that losses show on both sides:
+//   accepted = delivered + evicted + rejected + removed + waiting        (in items, and in bytes)
+// `returned` counts claims that were given back; those items go on waiting, so it stands outside the rule.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+namespace veld_report::host {
+
+struct ItemCount {
+  std::int64_t items = 0;
+  std::int64_t bytes = 0;
+
+  ItemCount& operator+=(const ItemCount& other) {
+    items += other.items;
+    bytes += other.bytes;
+    return *this;
+  }
+  ItemCount operator-() const { return {-items, -bytes}; }
+  bool operator==(const ItemCount&) const = default;
+};
+
+struct QueueLedger {
+  ItemCount accepted{};   // offered by Push
+  ItemCount delivered{};  // acknowledged by a reader
+  ItemCount evicted{};    // dropped to make room for newer ones
+  ItemCount rejected{};   // Push answered a failure, and the same item wasn't stored by a retry
+  ItemCount removed{};    // went with their queue
+  ItemCount waiting{};    // stand in the queue
+  ItemCount returned{};   // claims given back by ReturnItem
+
+  static constexpr std::size_t figures = 7;
+  std::array<ItemCount*, figures> All() {
+    return {&accepted, &delivered, &evicted, &rejected, &removed, &waiting, &returned};
+  }
+  std::array<const ItemCount*, figures> All() const {
+    return {&accepted, &delivered, &evicted, &rejected, &removed, &waiting, &returned};
+  }
+
+  QueueLedger& operator+=(const QueueLedger& other) {
+    const auto own = All();
+    const auto others = other.All();
+    for (std::size_t i = 0; i < figures; ++i) *own[i] += *others[i];
+    return *this;
+  }
+  bool operator==(const QueueLedger&) const = default;
+  bool IsBalanced() const {
+    ItemCount sum = delivered;
+    for (const ItemCount* part : {&evicted, &rejected, &removed, &waiting}) sum += *part;
+    return sum == accepted;
+  }
+};
+
+}  // namespace veld_report::host

@@ -1,0 +1,184 @@
+#include "host/queue/queue_service.h"
+
+#include <utility>
+
+#include "host/base/text.h"
+#include "host/base/trace_line.h"
+
+namespace veld_report::host {
+namespace {
+
+class Producer final : public HostObject<orvel::IQueueProducer> {
+ public:
+  Producer(std::shared_ptr<QueueStore> store, QueueState& queue, std::uint32_t sizeLimitBytes)
+      : store_(std::move(store)), queue_(queue), sizeLimitBytes_(sizeLimitBytes) {}
+  ~Producer() override {
+    Guarded([&] { return store_->Commit() ? zel::sOk : zel::eNotReady; });
+  }
+
+  zel::ResultCode Push(const zel::ByteRange* data) override {
+    if (!data || data->end < data->begin) return zel::eInvalidArgument;
+    return Guarded([&] { return store_->Push(queue_, {data->begin, data->end}, sizeLimitBytes_); });
+  }
+
+ private:
+  const std::shared_ptr<QueueStore> store_;
+  QueueState& queue_;
+  const std::uint32_t sizeLimitBytes_;
+};
+
+// Life: open -> reading -> exhausted; its claims end with it.
+class Reader final : public HostObject<orvel::IAckConsumer> {
+ public:
+  Reader(std::shared_ptr<QueueStore> store, const std::string& queueName) : store_(std::move(store)) {
+    store_->OpenReader(queueName, &state_);
+  }
+  ~Reader() override {
+    Guarded([&] {
+      store_->CloseReader(state_);
+      return zel::sOk;
+    });
+  }
+
+  zel::ResultCode Read(zel::vector_t<std::uint8_t>* data, std::uint64_t* token) override {
+    return Guarded([&] { return store_->Read(state_, data, token); });
+  }
+  zel::ResultCode Ack(const std::uint64_t* token) override {
+    return Guarded([&] { return store_->Ack(state_, *token); });
+  }
+  zel::ResultCode ReturnItem(const std::uint64_t* token) override {
+    return Guarded([&] { return store_->ReturnItem(state_, *token); });
+  }
+
+ private:
+  const std::shared_ptr<QueueStore> store_;
+  ReaderState state_;
+};
+
+class Manager final : public HostObject<orvel::IQueueManager> {
+ public:
+  explicit Manager(std::shared_ptr<QueueStore> store) : store_(std::move(store)) {}
+
+  zel::ResultCode RemoveQueue(const zel::string& queueName) override {
+    return Guarded([&] { return store_->RemoveQueue(ToStd(queueName)); });
+  }
+  zel::ResultCode EnumerateQueues(zel::vector_t<zel::string>* names) override {
+    return Guarded([&] {
+      for (const std::string& name : store_->QueueNames()) names->push_back(ToNarrow(name));
+      return zel::sOk;
+    });
+  }
+
+ private:
+  const std::shared_ptr<QueueStore> store_;
+};
+
+std::shared_ptr<FileLock> LockFolder(const std::filesystem::path& folder) {
+  std::string holder;
+  FileLock lock = FileLock::Try(folder / "store.lock", FileLock::Kind::kExclusive, &holder);
+  if (!lock) {
+    throw StoreError("the store in " + folder.string() + " is in use by process " +
+                     (holder.empty() ? "(unknown)" : holder) +
+                     ": end that process first, or choose another folder");
+  }
+  return std::make_shared<FileLock>(std::move(lock));
+}
+
+}  // namespace
+
+zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& options) {
+  if (options.folder.empty()) throw StoreError("no folder for the store was given: name one");
+  PrepareStoreFolder(options.folder);
+  auto service = MakeObject<QueueService>(options, LockFolder(options.folder));
+  for (const auto& entry : std::filesystem::directory_iterator(options.folder)) {
+    const std::filesystem::path& file = entry.path();
+    if (file.extension() != ".queue" || !IsSafeDomainName(file.stem().string())) continue;
+    service->Store(file.stem().string());
+  }
+  return service;
+}
+
+QueueService::QueueService(const QueueServiceOptions& options, std::shared_ptr<FileLock> folderLock)
+    : options_(options), folderLock_(std::move(folderLock)) {}
+
+std::shared_ptr<QueueStore> QueueService::Store(const std::string& domain) {
+  if (!IsSafeDomainName(domain)) {
+    throw StoreError("\"" + domain +
+                     "\" can't be the name of a queue domain: use 1 to 64 of A-Z a-z 0-9 _ -");
+  }
+  const std::lock_guard lock(mutex_);
+  std::shared_ptr<QueueStore>& store = stores_[domain];
+  if (!store) {
+    const auto file = StoreFilePath(options_.folder, domain);
+    try {
+      store = std::make_shared<QueueStore>(options_, file, folderLock_);
+    } catch (const SqliteError& error) {
+      throw StoreError(std::string("the store can't be opened: ") + error.what() +
+                       "; make sure that the disk has room and the file is a store");
+    }
+  }
+  return store;
+}
+
+template <class Body>
+zel::ResultCode QueueService::WithStore(const zel::string& domain, Body&& body) {
+  return Guarded([&] {
+    if (!IsSafeDomainName(View(domain))) return zel::eInvalidArgument;
+    try {
+      body(Store(ToStd(domain)));
+    } catch (const std::runtime_error& error) {
+      TraceLine(options_.tracer.Get(), failureLevel, std::string("store\t") + error.what());
+      return zel::eUnspecifiedError;
+    }
+    return zel::sOk;
+  });
+}
+
+zel::ResultCode QueueService::CreateAckConsumer(const zel::string& domain, const zel::string& queueName,
+                                                orvel::IAckConsumer** out) {
+  return WithStore(domain, [&](std::shared_ptr<QueueStore> store) {
+    *out = MakeObject<Reader>(std::move(store), ToStd(queueName)).Detach();
+  });
+}
+
+zel::ResultCode QueueService::CreateProducer(const zel::string& domain, const zel::string& queueName,
+                                             std::uint32_t sizeLimitBytes, orvel::IQueueProducer** out) {
+  return WithStore(domain, [&](std::shared_ptr<QueueStore> store) {
+    QueueState& queue = store->OpenQueue(ToStd(queueName));
+    *out = MakeObject<Producer>(std::move(store), queue, sizeLimitBytes).Detach();
+  });
+}
+
+zel::ResultCode QueueService::CreateQueueManager(const zel::string& domain, orvel::IQueueManager** out) {
+  return WithStore(domain, [&](std::shared_ptr<QueueStore> store) {
+    *out = MakeObject<Manager>(std::move(store)).Detach();
+  });
+}
+
+std::vector<QueueInfo> QueueService::ListQueues(const std::string& domain) {
+  return Store(domain)->ListQueues();
+}
+
+std::vector<PeekedItem> QueueService::PeekItems(const std::string& queueName, std::size_t count,
+                                                const std::string& domain) {
+  return Store(domain)->Peek(queueName, count);
+}
+
+ItemCount QueueService::TotalWaiting(const std::string& domain) { return Store(domain)->TotalWaiting(); }
+
+std::map<std::string, QueueLedger> QueueService::Ledgers(const std::string& domain) {
+  return Store(domain)->Ledgers();
+}
+
+bool QueueService::ClearQueue(const std::string& queueName, const std::string& domain) {
+  return Store(domain)->RemoveQueue(queueName) == zel::sOk;
+}
+
+void QueueService::ClearAll(const std::string& domain) {
+  const auto store = Store(domain);
+  for (const std::string& name : store->QueueNames()) store->RemoveQueue(name);
+}
+
+bool QueueService::Commit(const std::string& domain) { return Store(domain)->Commit(); }
+
+}  // namespace veld_report::host

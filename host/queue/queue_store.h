@@ -1,0 +1,133 @@
+// One domain's queues: what the operations of the queue service do, behind one lock.
+//
+// The interfaces of the contract are thin shells around it (queue_service.h). Changes gather in a QueueWriter
+// and go to the file in groups; claims live here, in memory, so they end with the process.
+//
+// Eviction or delivery: an Ack looks the same for both, so the store looks at who calls. A producer whose
+// Push is refused as out of space makes room by opening a reader as its very next call to the service, on the
+// same thread, and acknowledging through it on that thread. So:
+//   - a reader opened on a thread whose last call to this store was a Push on the same queue that answered
+//     out of space is an evicting reader, and what it acknowledges on that thread counts as evicted;
+//   - everything that any other reader acknowledges counts as delivered;
+//   - a refused item counts as rejected at once. A further Push on the same queue and thread while the
+//     evicting reader lives is the same item again, so the earlier rejection is taken back first. Without an
+//     evicting reader each refused Push is a loss of its own.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "host/queue/queue_service_options.h"
+#include "host/queue/queue_writer.h"
+#include "host/queue/store_file.h"
+#include "host/queue/store_folder.h"
+#include "types/result_code.h"
+#include "types/vector.h"
+
+namespace veld_report::host {
+
+struct QueueInfo {
+  std::string name;
+  std::int64_t items = 0;
+  std::int64_t bytes = 0;
+  std::optional<std::int64_t> oldestAgeMs;  // none for an empty queue
+};
+
+struct PeekedItem {
+  std::uint64_t token = 0;
+  std::int64_t enqueuedMs = 0;  // since 1970
+  std::string bytes;
+};
+
+// The side of one reader that its store keeps. Belongs to one queue; touched under the store's lock only.
+struct ReaderState {
+  QueueState* queue = nullptr;
+  std::uint64_t cursor = 0;                                // token of the last item that was looked at
+  std::uint64_t generation = 0;                            // of the queue, for the claims
+  std::unordered_map<std::uint64_t, std::int64_t> claims;  // token to bytes
+  bool evicting = false;
+  std::uint64_t thread = 0;  // that opened it
+};
+
+// Threads: any, except that Read of one ReaderState runs on one at a time. Operations that return a
+// ResultCode don't throw, except for std::bad_alloc; the others throw SqliteError.
+class QueueStore {
+ public:
+  // Opens the file, making it if needed. `folderLock` is held as long as the store lives. Throws StoreError
+  // and SqliteError.
+  QueueStore(const QueueServiceOptions& options, const std::filesystem::path& file,
+             std::shared_ptr<FileLock> folderLock);
+  // Writes what is buffered; what can't be written even then is traced.
+  ~QueueStore();
+  QueueStore(const QueueStore&) = delete;
+  QueueStore& operator=(const QueueStore&) = delete;
+
+  // The queue comes into being. The result stays valid as long as the store.
+  QueueState& OpenQueue(const std::string& name);
+  // 0x80000062 exactly if the item doesn't fit under the limit; 0x80000063 if the file can't be written just
+  // now; 0x80000046 for an item that no file can hold.
+  zel::ResultCode Push(QueueState& queue, std::span<const std::uint8_t> data, std::uint32_t sizeLimitBytes);
+
+  void OpenReader(const std::string& name, ReaderState* reader);
+  // 0x8000004c when there is no further item.
+  zel::ResultCode Read(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token);
+  // 0x8000004c for a token that the reader has no claim on.
+  zel::ResultCode Ack(ReaderState& reader, std::uint64_t token);
+  zel::ResultCode ReturnItem(ReaderState& reader, std::uint64_t token);
+  // Gives all its claims up.
+  void CloseReader(ReaderState& reader);
+
+  // 0x8000004c if there is no such queue.
+  zel::ResultCode RemoveQueue(const std::string& name);
+  std::vector<std::string> QueueNames();
+  // Writes what is buffered. Returns whether all of it stands in the file.
+  bool Commit();
+
+  // For people; none of these claims an item.
+  std::vector<QueueInfo> ListQueues();
+  std::vector<PeekedItem> Peek(const std::string& name, std::size_t count);
+  ItemCount TotalWaiting();
+  // Of every queue name that was ever used, removed ones included.
+  std::map<std::string, QueueLedger> Ledgers();
+
+ private:
+  QueueState& FindOrAdd(const std::string& name);
+  bool Flush();
+  void CommitIfDue();
+  bool IsRefusingWrites();
+  zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
+  void Reject(QueueState& queue, ItemCount item);
+  void TakeBackRejection(QueueState& queue);
+  bool ReleaseClaim(ReaderState& reader, std::uint64_t token, std::int64_t* bytes);
+  bool ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token);
+  void RunCommitter();
+  std::int64_t NowMs() const;
+  void Trace(std::uint32_t level, const std::string& line) const;
+
+  const QueueServiceOptions options_;
+  const std::filesystem::path path_;
+  const std::shared_ptr<FileLock> folderLock_;
+  const std::uint64_t id_;
+
+  // Guards everything below; held across the file's operations.
+  std::mutex mutex_;
+  StoreFile file_;
+  QueueWriter writer_;
+  std::map<std::string, QueueState> queues_;
+  bool failing_ = false;  // the last Flush failed, and that has been traced
+  bool stopping_ = false;
+  bool committerIdle_ = false;
+  std::condition_variable wake_;
+  std::thread committer_;
+};
+
+}  // namespace veld_report::host

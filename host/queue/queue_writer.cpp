@@ -1,0 +1,153 @@
+#include "host/queue/queue_writer.h"
+
+#include <sqlite3.h>
+
+#include <new>
+
+namespace veld_report::host {
+
+void QueueWriter::Touch(QueueState& queue) {
+  if (queue.dirty) return;
+  if (dirty_.empty()) dirtySince_ = Clock::now();
+  dirty_.push_back(&queue);
+  queue.dirty = true;
+}
+
+void QueueWriter::AddItem(QueueState& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data) {
+  Touch(queue);
+  items_.push_back({&queue, enqueuedMs, bytes_.size(), data.size()});
+  try {
+    bytes_.insert(bytes_.end(), data.begin(), data.end());
+  } catch (...) {
+    items_.pop_back();
+    throw;
+  }
+}
+
+void QueueWriter::DropLastItem() {
+  bytes_.resize(items_.back().offset);
+  items_.pop_back();
+}
+
+void QueueWriter::AddDelete(QueueState& queue, std::uint64_t token, ItemCount item,
+                            ItemCount QueueLedger::*kind) {
+  Touch(queue);
+  deletedTokens_.insert(token);
+  deletes_.push_back({&queue, token, item, kind});
+  queue.unwritten.*kind += item;
+  queue.unwritten.waiting += -item;
+}
+
+ItemCount QueueWriter::AddRemoval(QueueState& queue, ItemCount waiting) {
+  Touch(queue);
+  removals_.reserve(removals_.size() + 1);
+  ItemCount buffered;
+  std::erase_if(items_, [&](const Item& item) {
+    if (item.queue != &queue) return false;
+    buffered += ItemCount{1, static_cast<std::int64_t>(item.size)};
+    return true;
+  });
+  ItemCount inFile = waiting;
+  inFile += -buffered;
+  removals_.push_back({&queue, inFile});
+  queue.removalBuffered = true;
+  queue.unwritten.accepted += buffered;
+  queue.unwritten.removed += waiting;
+  queue.unwritten.waiting += -inFile;
+  return buffered;
+}
+
+bool QueueWriter::Flush() {
+  if (!IsDirty()) return true;
+  if (Try(true)) return true;
+  // What makes room comes before what takes it.
+  if (!deletes_.empty() || !removals_.empty()) Try(false);
+  return false;
+}
+
+bool QueueWriter::Try(bool withItems) {
+  try {
+    Write(withItems);
+    if (withItems) error_.reset();
+    return true;
+  } catch (const SqliteError& error) {
+    Undo();
+    if (withItems) error_ = error;
+  } catch (const std::bad_alloc&) {
+    Undo();
+    if (withItems) error_.emplace(SQLITE_NOMEM, "out of memory");
+  }
+  return false;
+}
+
+void QueueWriter::Undo() noexcept {
+  file_.Rollback();
+  for (QueueState* queue : added_) queue->id = 0;
+  added_.clear();
+  lastFailure_ = Clock::now();
+}
+
+void QueueWriter::Write(bool withItems) {
+  file_.Begin();
+  for (QueueState* queue : dirty_) {
+    queue->change = queue->unwritten;
+    queue->correction = {};
+    if (queue->id != 0) continue;
+    added_.push_back(queue);
+    queue->id = file_.AddQueue(queue->name);
+  }
+  for (const Delete& removed : deletes_) {
+    if (file_.DeleteItem(removed.token)) continue;
+    // Another process was faster, and has counted it.
+    removed.queue->correction.*removed.kind += -removed.item;
+    removed.queue->correction.waiting += removed.item;
+  }
+  WriteRemovals();
+  if (withItems) WriteItems();
+  for (QueueState* queue : dirty_) {
+    queue->change += queue->correction;
+    file_.UpdateQueue(queue->id, queue->present, queue->change);
+  }
+  file_.Commit();
+  Settle(withItems);
+}
+
+void QueueWriter::WriteRemovals() {
+  for (const Removal& removal : removals_) {
+    ItemCount more = file_.DeleteItems(removal.queue->id);
+    more += -removal.expected;
+    removal.queue->correction.removed += more;
+    removal.queue->correction.waiting += -more;
+  }
+}
+
+void QueueWriter::WriteItems() {
+  for (const Item& item : items_) {
+    const std::span<const std::uint8_t> data(bytes_.data() + item.offset, item.size);
+    file_.InsertItem(item.queue->id, item.enqueuedMs, data);
+    const ItemCount count{1, static_cast<std::int64_t>(item.size)};
+    item.queue->change.accepted += count;
+    item.queue->change.waiting += count;
+  }
+}
+
+void QueueWriter::Settle(bool withItems) {
+  for (QueueState* queue : dirty_) {
+    queue->ledger += queue->correction;
+    queue->unwritten = {};
+    queue->dirty = false;
+    queue->removalBuffered = false;
+  }
+  dirty_.clear();
+  added_.clear();
+  deletes_.clear();
+  deletedTokens_.clear();
+  removals_.clear();
+  if (withItems) {
+    items_.clear();
+    bytes_.clear();
+  }
+  for (const Item& item : items_) Touch(*item.queue);
+}
+
+}  // namespace veld_report::host

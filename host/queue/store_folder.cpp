@@ -1,0 +1,108 @@
+#include "host/queue/store_folder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace veld_report::host {
+namespace {
+
+constexpr mode_t folderMode = 0700;
+constexpr mode_t fileMode = 0600;
+
+std::string Reason(int error) { return std::generic_category().message(error); }
+
+[[noreturn]] void FailFile(const std::filesystem::path& file, const char* action, int error) {
+  throw StoreError("can't " + std::string(action) + " " + file.string() + ": " + Reason(error) +
+                   "; give this user the right to write in that folder, or choose another one");
+}
+
+int OpenPrivate(const std::filesystem::path& file, int flags) {
+  int descriptor = -1;
+  do {
+    descriptor = open(file.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, fileMode);
+  } while (descriptor < 0 && errno == EINTR);
+  return descriptor;
+}
+
+// A umask can only have taken rights of the owner away; they are put back.
+void TightenMode(int descriptor) {
+  struct stat status {};
+  if (fstat(descriptor, &status) != 0 || (status.st_mode & 07777) == fileMode) return;
+  // Fails for a file of another owner, whose choice then stands.
+  [[maybe_unused]] const int ignored = fchmod(descriptor, fileMode);
+}
+
+}  // namespace
+
+bool IsSafeDomainName(std::string_view domain) {
+  constexpr std::size_t longest = 64;
+  return !domain.empty() && domain.size() <= longest && std::ranges::all_of(domain, [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
+  });
+}
+
+std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::string_view domain) {
+  return folder / (std::string(domain) + ".queue");
+}
+
+void PrepareStoreFolder(const std::filesystem::path& folder) {
+  std::error_code error;
+  if (std::filesystem::is_directory(folder, error)) return;
+  if (folder.has_parent_path()) std::filesystem::create_directories(folder.parent_path(), error);
+  if (mkdir(folder.c_str(), folderMode) != 0) {
+    if (errno == EEXIST && std::filesystem::is_directory(folder, error)) return;
+    FailFile(folder, "make the folder", errno);
+  }
+  if (chmod(folder.c_str(), folderMode) != 0) FailFile(folder, "set the permissions of", errno);
+}
+
+bool PreparePrivateFile(const std::filesystem::path& file) {
+  int descriptor = OpenPrivate(file, O_RDWR | O_CREAT | O_EXCL);
+  const bool isNew = descriptor >= 0;
+  if (!isNew && errno == EEXIST) descriptor = OpenPrivate(file, O_RDWR);
+  if (descriptor < 0) FailFile(file, "open", errno);
+  TightenMode(descriptor);
+  close(descriptor);
+  return isNew;
+}
+
+FileLock::FileLock(FileLock&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+FileLock& FileLock::operator=(FileLock&& other) noexcept {
+  std::swap(descriptor_, other.descriptor_);
+  return *this;
+}
+
+FileLock::~FileLock() {
+  if (descriptor_ >= 0) close(descriptor_);
+}
+
+FileLock FileLock::Try(const std::filesystem::path& file, Kind kind, std::string* holder) {
+  FileLock lock;
+  lock.descriptor_ = OpenPrivate(file, O_RDWR | O_CREAT);
+  if (lock.descriptor_ < 0) FailFile(file, "open", errno);
+  TightenMode(lock.descriptor_);
+  if (flock(lock.descriptor_, (kind == Kind::kShared ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0) {
+    const int error = errno;
+    if (error != EWOULDBLOCK) FailFile(file, "lock", error);
+    char text[32] = {};
+    const ssize_t length = pread(lock.descriptor_, text, sizeof text - 1, 0);
+    if (holder) holder->assign(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+    return FileLock();
+  }
+  // Only for the message to the next one, so a full disk is no reason to fail.
+  const std::string number = std::to_string(getpid());
+  if (ftruncate(lock.descriptor_, 0) == 0) {
+    [[maybe_unused]] const ssize_t ignored = pwrite(lock.descriptor_, number.data(), number.size(), 0);
+  }
+  return lock;
+}
+
+}  // namespace veld_report::host
