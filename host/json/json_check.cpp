@@ -1,0 +1,57 @@
+#include "host/json/json_check.h"
+
+#include <simdjson.h>
+
+#include <new>
+#include <utility>
+
+namespace veld_report::host {
+namespace {
+
+constexpr std::size_t idleLimit = 8;
+constexpr std::size_t keptCapacityBytes = 1 << 20;  // a parser that has grown further isn't kept
+
+}  // namespace
+
+struct JsonCheck::Parser {
+  simdjson::dom::parser parser;
+};
+
+JsonCheck::JsonCheck() { idle_.reserve(idleLimit); }
+JsonCheck::~JsonCheck() = default;
+
+bool JsonCheck::IsOneValue(std::string_view text) { return IsOneValue(text, nullptr); }
+
+bool JsonCheck::IsOneValue(std::string_view text, std::string* why) {
+  std::unique_ptr<Parser> borrowed = Borrow();
+  // Not the parser's own test: the byte order mark, which simdjson skips, isn't white space of JSON.
+  const bool marked = text.starts_with("\xef\xbb\xbf");
+  const simdjson::error_code error = borrowed->parser.parse(text.data(), text.size()).error();
+  GiveBack(std::move(borrowed));
+  if (error == simdjson::MEMALLOC) throw std::bad_alloc();
+  if (why && marked) *why = "it begins with a byte order mark";
+  if (why && !marked && error != simdjson::SUCCESS) *why = simdjson::error_message(error);
+  return error == simdjson::SUCCESS && !marked;
+}
+
+std::unique_ptr<JsonCheck::Parser> JsonCheck::Borrow() {
+  {
+    const std::lock_guard guard(lock_);
+    if (!idle_.empty()) {
+      std::unique_ptr<Parser> parser = std::move(idle_.back());
+      idle_.pop_back();
+      return parser;
+    }
+  }
+  auto parser = std::make_unique<Parser>();
+  if (parser->parser.allocate(4096, depthLimit) != simdjson::SUCCESS) throw std::bad_alloc();
+  return parser;
+}
+
+void JsonCheck::GiveBack(std::unique_ptr<Parser> parser) {
+  if (parser->parser.capacity() > keptCapacityBytes) return;
+  const std::lock_guard guard(lock_);
+  if (idle_.size() < idleLimit) idle_.push_back(std::move(parser));
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,31 @@
+#include "host/json/json_record.h"
+
+#include <cstddef>
+
+#include "host/json/field_helpers.h"
+#include "host/json/field_kinds.h"
+
+namespace veld_report::host {
+namespace {
+
+constexpr zel::SerFieldDescriptor fields[] = {
+    {.typeId = field_kinds::standardJsonText,
+     .name = "",
+     .flags = zel::SerFieldDescriptor::plainField,
+     .offset = offsetof(JsonRecord, text),
+     .size = sizeof(std::string)},
+    {.flags = zel::SerFieldDescriptor::endOfTable},
+};
+constexpr zel::SerObjDescriptor descriptor = {
+    .serId = 0x4a736f6e,
+    .name = "JsonRecord",
+    .size = sizeof(JsonRecord),
+    .fields = fields,
+    .helper = &fieldHelper<RecordHelper<JsonRecord>>,
+};
+
+}  // namespace
+
+const zel::SerObjDescriptor* JsonRecord::Descriptor() { return &descriptor; }
+
+}  // namespace veld_report::host

@@ -1,0 +1,252 @@
+#include "host/json/record_walk.h"
+
+#include <cstring>
+#include <string_view>
+
+#include "host/base/text.h"
+#include "host/json/field_kinds.h"
+#include "types/basic_string.h"
+
+namespace veld_report::host {
+namespace {
+
+using zel::SerFieldDescriptor;
+using zel::SerObjDescriptor;
+
+bool IsJsonKind(std::uint32_t kind) {
+  return kind == field_kinds::jsonText || kind == field_kinds::standardJsonText;
+}
+
+// A structure that stands for the JSON text in its only field.
+bool IsWholeText(const SerFieldDescriptor* table) {
+  return table[0].flags == SerFieldDescriptor::plainField && IsJsonKind(table[0].typeId) && table[0].name &&
+         table[0].name[0] == '\0' && table[1].flags == SerFieldDescriptor::endOfTable;
+}
+
+bool IsKnownForm(std::uint32_t flags) {
+  using namespace field_kinds;
+  const std::uint32_t shape = flags & (vectorFlag | optionalFlag);
+  return (flags & ~(recordFlag | vectorFlag | optionalFlag)) == 0 && shape != (vectorFlag | optionalFlag);
+}
+
+void* FieldOf(void* object, const SerFieldDescriptor& row) { return static_cast<char*>(object) + row.offset; }
+
+// Fields of foreign structures needn't be aligned.
+template <class T>
+T Load(const void* value) {
+  T result;
+  std::memcpy(&result, value, sizeof result);
+  return result;
+}
+
+template <class T>
+const T& As(const void* value) {
+  return *static_cast<const T*>(value);
+}
+
+zel::ResultCode WriteSigned(JsonTextWriter& out, const void* value, std::uint64_t size) {
+  switch (size) {
+    case 1:
+      out.Signed(Load<std::int8_t>(value));
+      return zel::sOk;
+    case 2:
+      out.Signed(Load<std::int16_t>(value));
+      return zel::sOk;
+    case 4:
+      out.Signed(Load<std::int32_t>(value));
+      return zel::sOk;
+    case 8:
+      out.Signed(Load<std::int64_t>(value));
+      return zel::sOk;
+    default:
+      return zel::eInvalidArgument;
+  }
+}
+
+zel::ResultCode WriteUnsigned(JsonTextWriter& out, const void* value, std::uint64_t size) {
+  switch (size) {
+    case 1:
+      out.Unsigned(Load<std::uint8_t>(value));
+      return zel::sOk;
+    case 2:
+      out.Unsigned(Load<std::uint16_t>(value));
+      return zel::sOk;
+    case 4:
+      out.Unsigned(Load<std::uint32_t>(value));
+      return zel::sOk;
+    case 8:
+      out.Unsigned(Load<std::uint64_t>(value));
+      return zel::sOk;
+    default:
+      return zel::eInvalidArgument;
+  }
+}
+
+zel::ResultCode WriteFloating(JsonTextWriter& out, const void* value, std::uint64_t size) {
+  switch (size) {
+    case 4:
+      out.Floating(Load<float>(value));
+      return zel::sOk;
+    case 8:
+      out.Floating(Load<double>(value));
+      return zel::sOk;
+    default:
+      return zel::eInvalidArgument;
+  }
+}
+
+}  // namespace
+
+zel::ResultCode RecordWalk::Record(const SerObjDescriptor* descriptor, void* object) {
+  if (!descriptor || !descriptor->fields || !object) return zel::eInvalidArgument;
+  const SerFieldDescriptor* const table = descriptor->fields;
+  zel::ResultCode code = zel::sOk;
+  if (IsWholeText(table)) {
+    code = Value(table[0].typeId, FieldOf(object, table[0]), table[0].size);
+    if (zel::Failed(code)) Locate(*descriptor, table[0]);
+    return code;
+  }
+  if (depth_ == depthLimit) return zel::eNotSupported;
+  ++depth_;
+  code = Object(*descriptor, object);
+  --depth_;
+  return code;
+}
+
+zel::ResultCode RecordWalk::Object(const SerObjDescriptor& descriptor, void* object) {
+  out_.Raw('{');
+  bool first = true;
+  for (const SerFieldDescriptor* row = descriptor.fields; row->flags != SerFieldDescriptor::endOfTable;
+       ++row) {
+    zel::ResultCode code = Member(*row, object, &first);
+    if (!zel::Failed(code)) code = out_.Failure();
+    if (zel::Failed(code)) {
+      Locate(descriptor, *row);
+      return code;
+    }
+  }
+  out_.Raw('}');
+  return out_.Failure();
+}
+
+zel::ResultCode RecordWalk::Member(const SerFieldDescriptor& row, void* object, bool* first) {
+  if (!row.name || !IsKnownForm(row.flags)) return zel::eInvalidArgument;
+  void* const field = FieldOf(object, row);
+  Elements elements;
+  if (row.flags != SerFieldDescriptor::plainField) {
+    const zel::ResultCode code = Inspect(row, field, &elements);
+    if (zel::Failed(code)) return code;
+    const bool isOptional = (row.flags & field_kinds::optionalFlag) != 0;
+    if (isOptional && elements.count == 0) return zel::sOk;  // absent: no member
+  }
+  if (!*first) out_.Raw(',');
+  *first = false;
+  out_.String(std::string_view(row.name));
+  out_.Raw(':');
+  if (row.flags == SerFieldDescriptor::plainField) return Value(row.typeId, field, row.size);
+  if ((row.flags & field_kinds::vectorFlag) != 0) return Array(row, field, elements);
+  return Element(row, field, elements, 0);
+}
+
+zel::ResultCode RecordWalk::Inspect(const SerFieldDescriptor& row, void* field, Elements* elements) {
+  zel::SerVectorHelper* const helper = row.vectorHelper;
+  if (!helper) return zel::eInvalidArgument;
+  zel::ResultCode code = helper->GetSize(field, &elements->count);
+  if (zel::Failed(code)) return code;
+  if ((row.flags & field_kinds::vectorFlag) == 0) {
+    const bool isOptional = (row.flags & field_kinds::optionalFlag) != 0;
+    if (elements->count > 1 || (elements->count == 0 && !isOptional)) return zel::eInvalidArgument;
+  }
+  if ((row.flags & field_kinds::recordFlag) == 0) return helper->GetElementSize(&elements->size);
+  code = helper->GetElementDescriptor(&elements->descriptor);
+  if (zel::Failed(code)) return code;
+  const bool fits = elements->descriptor && elements->descriptor->serId == row.typeId;
+  return fits ? zel::sOk : zel::eInvalidArgument;
+}
+
+zel::ResultCode RecordWalk::Array(const SerFieldDescriptor& row, void* field, const Elements& elements) {
+  out_.Raw('[');
+  for (std::uint32_t index = 0; index < elements.count; ++index) {
+    if (index != 0) out_.Raw(',');
+    zel::ResultCode code = Element(row, field, elements, index);
+    // A stream that has failed would make a walk over a long vector pointless.
+    if (!zel::Failed(code)) code = out_.Failure();
+    if (zel::Failed(code)) {
+      if (location_.index == zel::SerializeErrorLocation::noIndex) location_.index = index;
+      return code;
+    }
+  }
+  out_.Raw(']');
+  return zel::sOk;
+}
+
+zel::ResultCode RecordWalk::Element(const SerFieldDescriptor& row, void* field, const Elements& elements,
+                                    std::uint32_t index) {
+  void* element = nullptr;
+  const zel::ResultCode code = row.vectorHelper->GetElement(field, index, &element);
+  if (zel::Failed(code)) return code;
+  if (!element) return zel::eUnexpected;
+  if ((row.flags & field_kinds::recordFlag) != 0) return Record(elements.descriptor, element);
+  return Value(row.typeId, element, elements.size);
+}
+
+zel::ResultCode RecordWalk::Value(std::uint32_t kind, const void* value, std::uint64_t size) {
+  switch (kind) {
+    case field_kinds::boolean:
+      out_.Boolean(Load<std::uint8_t>(value) != 0);
+      return zel::sOk;
+    case field_kinds::signedInteger:
+      return WriteSigned(out_, value, size);
+    case field_kinds::unsignedInteger:
+      return WriteUnsigned(out_, value, size);
+    case field_kinds::floatingPoint:
+      return WriteFloating(out_, value, size);
+    case field_kinds::narrowString:
+      out_.String(As<zel::string>(value).View());
+      return zel::sOk;
+    case field_kinds::wideString:
+      out_.String(As<zel::wstring>(value).View());
+      return zel::sOk;
+    case field_kinds::standardString:
+      out_.String(As<std::string>(value));
+      return zel::sOk;
+    case field_kinds::standardWideString:
+      out_.String(As<std::u16string>(value));
+      return zel::sOk;
+    case field_kinds::stringView:
+      out_.String(As<std::string_view>(value));
+      return zel::sOk;
+    case field_kinds::jsonText:
+      return JsonText(As<zel::string>(value).View());
+    case field_kinds::standardJsonText:
+      return JsonText(As<std::string>(value));
+    default:
+      return zel::eInvalidArgument;
+  }
+}
+
+zel::ResultCode RecordWalk::JsonText(std::string_view text) {
+  if (!check_.IsOneValue(text)) return zel::eInvalidArgument;
+  // In a valid text white space stands between tokens only and separates none. Without line breaks an item
+  // stays one line wherever it is listed.
+  constexpr std::string_view breaks = "\t\n\r";
+  while (!text.empty() && (breaks.find(text.back()) != std::string_view::npos || text.back() == ' ')) {
+    text.remove_suffix(1);
+  }
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\r"), text.size()));
+  while (!text.empty()) {
+    const std::size_t run = std::min(text.find_first_of(breaks), text.size());
+    out_.Raw(text.substr(0, run));
+    text.remove_prefix(std::min(run + 1, text.size()));
+  }
+  return out_.Failure();
+}
+
+void RecordWalk::Locate(const SerObjDescriptor& descriptor, const SerFieldDescriptor& row) {
+  if (located_) return;
+  located_ = true;
+  if (descriptor.name) location_.objectName = descriptor.name;
+  if (row.name) location_.fieldName = row.name;
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,61 @@
+// RecordWalk, the walk over one described record that writes it as JSON. A part of the serialiser.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "contract/descriptor.h"
+#include "contract/json.h"
+#include "host/json/json_check.h"
+#include "host/json/json_text_writer.h"
+
+namespace veld_report::host {
+
+// Where a walk stopped: the innermost record and its field, and the element of the innermost vector on the
+// way there.
+struct WalkLocation {
+  std::string objectName;
+  std::string fieldName;
+  std::uint32_t index = zel::SerializeErrorLocation::noIndex;
+};
+
+// Life: made -> walked once. Belongs to one thread. `out` and `check` must outlive it.
+class RecordWalk {
+ public:
+  // Deepest nesting of records. More of it can only be a descriptor that contains itself.
+  static constexpr std::uint32_t depthLimit = 64;
+
+  RecordWalk(JsonTextWriter& out, JsonCheck& check) : out_(out), check_(check) {}
+
+  // Returns 0 or the first failure, with Location() set: 0x80000046 "Invalid argument" for a descriptor that
+  // is broken (null where a pointer must be, an unknown kind or flag, a width that doesn't exist, a serId
+  // that isn't the element's) and for text that isn't JSON where it must be, 0x80000042 "Not supported" at
+  // the depth limit, the code of a helper or of the stream otherwise. Lets exceptions of helpers pass.
+  zel::ResultCode Record(const zel::SerObjDescriptor* descriptor, void* object);
+  const WalkLocation& Location() const { return location_; }
+
+ private:
+  struct Elements {
+    std::uint32_t count = 0;
+    std::uint32_t size = 0;                             // of one, in bytes; only for plain values
+    const zel::SerObjDescriptor* descriptor = nullptr;  // only for records
+  };
+
+  zel::ResultCode Object(const zel::SerObjDescriptor& descriptor, void* object);
+  zel::ResultCode Member(const zel::SerFieldDescriptor& row, void* object, bool* first);
+  zel::ResultCode Inspect(const zel::SerFieldDescriptor& row, void* field, Elements* elements);
+  zel::ResultCode Element(const zel::SerFieldDescriptor& row, void* field, const Elements& elements,
+                          std::uint32_t index);
+  zel::ResultCode Array(const zel::SerFieldDescriptor& row, void* field, const Elements& elements);
+  zel::ResultCode Value(std::uint32_t kind, const void* value, std::uint64_t size);
+  zel::ResultCode JsonText(std::string_view text);
+  void Locate(const zel::SerObjDescriptor& descriptor, const zel::SerFieldDescriptor& row);
+
+  JsonTextWriter& out_;
+  JsonCheck& check_;
+  WalkLocation location_;
+  bool located_ = false;
+  std::uint32_t depth_ = 0;
+};
+
+}  // namespace veld_report::host

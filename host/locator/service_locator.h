@@ -1,0 +1,47 @@
+// ServiceLocator, the directory through which the module finds the host's services.
+//
+// It is a table from interface id to one shared object; it makes nothing on demand. The module looks services
+// up by nothing else, so what isn't registered here doesn't exist for it.
+#pragma once
+
+#include <map>
+#include <shared_mutex>
+
+#include "contract/service_locator.h"
+#include "host/base/host_object.h"
+
+namespace veld_report::host {
+
+// Life: filled -> in use -> cleared. Services may be registered and taken out at any time, but a sender looks
+// most of them up only while it is made and constructed.
+// Threads: any.
+class ServiceLocator final : public HostObject<zel::IServiceLocator> {
+ public:
+  // Offers the service under the interface's own id, in place of an earlier one. Takes a reference; a null
+  // `service` takes the entry out. Throws std::bad_alloc.
+  template <class I>
+  void Register(zel::Ref<I> service) {
+    I* const exact = service.Get();
+    Store(I::iid, zel::Ref<zel::IObject>(std::move(service)), exact);
+  }
+
+  // Releases all services. Breaks the ring if one of them holds the locator.
+  void Clear();
+
+  // Answers the pointer that was registered, cast to exactly that interface, with a new reference.
+  // 0x80000001 "Interface not supported" for an id that isn't in the table. `reserved` isn't looked at.
+  zel::ResultCode GetInterface(zel::InterfaceId interfaceId, std::uint32_t reserved, void** out) override;
+
+ private:
+  struct Entry {
+    zel::Ref<zel::IObject> keeper;
+    void* exact = nullptr;
+  };
+
+  void Store(zel::InterfaceId interfaceId, zel::Ref<zel::IObject> keeper, void* exact);
+
+  std::shared_mutex lock_;  // guards entries_; no service is released under it
+  std::map<zel::InterfaceId, Entry> entries_;
+};
+
+}  // namespace veld_report::host

@@ -1,0 +1,68 @@
+#include "host/module/loaded_module.h"
+
+#include <dlfcn.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "host/base/code_text.h"
+
+namespace veld_report::host {
+namespace {
+
+std::string LoaderError() {
+  const char* const text = ::dlerror();
+  return text ? text : "unknown reason";
+}
+
+}  // namespace
+
+LoadedModule::LoadedModule(const std::string& path) : path_(path) {
+  handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!handle_) throw std::runtime_error("module: can't be loaded: " + LoaderError());
+  try {
+    using orvel::veld_report::CanUnloadModuleFunction;
+    using orvel::veld_report::GetObjectFactoryFunction;
+    getObjectFactory_ =
+        reinterpret_cast<GetObjectFactoryFunction*>(Find(orvel::veld_report::getObjectFactoryName));
+    canUnloadModule_ =
+        reinterpret_cast<CanUnloadModuleFunction*>(Find(orvel::veld_report::canUnloadModuleName));
+  } catch (...) {
+    ::dlclose(handle_);
+    throw;
+  }
+}
+
+LoadedModule::~LoadedModule() { TryUnload(); }
+
+void* LoadedModule::Find(const char* name) const {
+  void* const symbol = ::dlsym(handle_, name);
+  if (symbol) return symbol;
+  throw std::runtime_error("module " + path_ + ": exports no function " + name +
+                           "; the path must name the module's library");
+}
+
+zel::Ref<zel::IObjectFactory> LoadedModule::MakeFactory(zel::IServiceLocator* locator) {
+  if (!handle_) throw std::runtime_error("module " + path_ + ": is unloaded");
+  zel::Ref<zel::IObject> object;
+  const zel::ResultCode made = getObjectFactory_(locator, orvel::veld_report::senderClassId, object.Out());
+  if (zel::Failed(made))
+    throw std::runtime_error("module " + path_ + ": makes no factory: " + CodeText(made));
+  zel::Ref<zel::IObjectFactory> factory;
+  const zel::ResultCode found = object->QueryInterface(zel::IObjectFactory::iid, factory.OutVoid());
+  if (zel::Failed(found)) {
+    throw std::runtime_error("module " + path_ + ": its factory isn't one: " + CodeText(found));
+  }
+  return factory;
+}
+
+bool LoadedModule::CanUnload() const { return !handle_ || canUnloadModule_() == 0; }
+
+bool LoadedModule::TryUnload() {
+  if (!handle_) return true;
+  if (!CanUnload()) return false;
+  ::dlclose(std::exchange(handle_, nullptr));
+  return true;
+}
+
+}  // namespace veld_report::host
