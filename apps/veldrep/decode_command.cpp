@@ -1,0 +1,81 @@
+// veldrep decode: a captured body, layer by layer, by the very check that the report server makes.
+#include <cstdio>
+#include <memory>
+
+#include "apps/veldrep/command.h"
+#include "apps/veldrep/key_option.h"
+#include "server/printable.h"
+
+namespace veld_report::app {
+namespace {
+
+struct DecodeOptions {
+  std::string key;
+  std::string file = "-";
+};
+
+void Print(const std::string& line) { std::printf("%s\n", line.c_str()); }
+
+std::string Hexadecimal(std::string_view bytes) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string result;
+  for (const char each : bytes) {
+    const auto byte = static_cast<unsigned char>(each);
+    result += {digits[byte >> 4], digits[byte & 0x0f]};
+  }
+  return result;
+}
+
+void PrintPayload(const server::MessageContent& content) {
+  Print("payload: " + std::to_string(content.payloadText.size()) + " bytes");
+  // Items that couldn't be taken apart are still there to be read.
+  if (content.itemCount == 0) Print("  text: " + server::WithoutControls(content.payloadText));
+  if (content.itemCount != 0) Print("  items: " + std::to_string(content.itemCount));
+  std::string_view lines = content.itemLines;
+  for (std::size_t i = 1; !lines.empty(); ++i) {
+    const std::size_t end = lines.find('\n');
+    Print("  " + std::to_string(i) + ": " + server::WithoutControls(lines.substr(0, end)));
+    lines.remove_prefix(end + 1);
+  }
+}
+
+void PrintSignature(const server::MessageContent& content, bool withKey) {
+  Print("signature block: " + std::to_string(content.signatureBlock.size()) + " bytes");
+  Print("  header: " + server::WithoutControls(content.signatureHeader));
+  Print("  signature: " + (content.signature.empty() ? "none" : Hexadecimal(content.signature)));
+  if (content.signatureChecked) {
+    Print("  check: it is the key's signature over this payload");
+  } else {
+    Print(withKey ? "  check: doesn't pass" : "  check: no key given");
+  }
+}
+
+int Decode(const DecodeOptions& options) {
+  const server::SignatureVerifier verifier =
+      options.key.empty() ? server::SignatureVerifier() : VerifierFromFile(options.key);
+  const std::string body = ReadWhole(options.file);
+  const server::MessageContent content = server::CheckMessage(body, verifier);
+  Print("body: " + std::to_string(body.size()) + " bytes");
+  if (content.payloadDecoded) PrintPayload(content);
+  if (content.signatureDecoded) PrintSignature(content, !options.key.empty());
+  std::fflush(stdout);
+  if (!content.problem.empty()) throw Failure(options.file == "-" ? "stdin" : options.file, content.problem);
+  return exitOk;
+}
+
+}  // namespace
+
+Command MakeDecodeCommand(CLI::App& program) {
+  CLI::App* const command = program.add_subcommand(
+      "decode", "Shows a captured message body layer by layer, as far as it is sound.");
+  const auto options = std::make_shared<DecodeOptions>();
+  command->add_option("--key", options->key, "public key (PEM) to check the signature with")
+      ->type_name("FILE");
+  command->add_option("FILE", options->file, "the body; - for stdin")->type_name("")->capture_default_str();
+  command->footer(
+      "It ends with exit code 1 and a sentence on stderr when a layer is broken.\n"
+      "Example: veldrep decode --key product.pub.pem body.json");
+  return {command, [options] { return Decode(*options); }};
+}
+
+}  // namespace veld_report::app

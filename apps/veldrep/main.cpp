@@ -1,0 +1,61 @@
+// veldrep: the one program around the module and the report server.
+#include <vector>
+
+#include "apps/veldrep/command.h"
+
+namespace veld_report::app {
+namespace {
+
+int Run(const Command& command) {
+  try {
+    return command.run();
+  } catch (const WrongCommandLine& error) {
+    Complain(std::string(error.what()) + " (see veldrep " + command.options->get_name() + " --help)");
+    return exitWrongCommandLine;
+  } catch (const std::exception& error) {
+    Complain(error.what());
+    return exitFailed;
+  }
+}
+
+// CLI11's own texts and exit codes, in this program's form.
+int Explain(const CLI::App& program, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) return program.exit(error);
+  const auto chosen = program.get_subcommands();
+  const std::string name = chosen.empty() ? "veldrep" : "veldrep " + chosen.front()->get_name();
+  Complain("command line: " + std::string(error.what()) + " (see " + name + " --help)");
+  return exitWrongCommandLine;
+}
+
+int Main(int argumentCount, char** arguments) {
+  CLI::App program{
+      "Sends records to report servers, receives them, and looks into what waits and what travels."};
+  program.name("veldrep");
+  program.require_subcommand(1);
+  program.footer(
+      "Each command explains itself: veldrep send --help\n"
+      "Exit codes: 0 done, 1 failed, 2 wrong command line, 3 done but lines were refused.");
+  const std::vector<Command> commands = {MakeServeCommand(program), MakeQueuesCommand(program),
+                                         MakeDecodeCommand(program), MakeKeygenCommand(program)};
+  try {
+    program.parse(argumentCount, arguments);
+  } catch (const CLI::ParseError& error) {
+    return Explain(program, error);
+  }
+  for (const Command& command : commands) {
+    if (command.options->parsed()) return Run(command);
+  }
+  return exitWrongCommandLine;
+}
+
+}  // namespace
+}  // namespace veld_report::app
+
+int main(int argumentCount, char** arguments) {
+  try {
+    return veld_report::app::Main(argumentCount, arguments);
+  } catch (const std::exception& error) {
+    veld_report::app::Complain(error.what());
+    return veld_report::app::exitFailed;
+  }
+}

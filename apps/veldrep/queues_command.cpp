@@ -1,0 +1,148 @@
+// veldrep queues: what waits in a store, for the time in which no sender has it open.
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "apps/veldrep/command.h"
+#include "apps/veldrep/text.h"
+#include "host/hash/queue_name.h"
+#include "host/queue/queue_service.h"
+#include "host/queue/store_folder.h"
+#include "server/printable.h"
+
+namespace veld_report::app {
+namespace {
+
+struct QueuesOptions {
+  std::string store;
+  bool json = false;
+  std::string queue;  // a url or a queue's name
+  std::size_t count = 10;
+};
+
+zel::Ref<host::QueueService> OpenStore(const QueuesOptions& options) {
+  // The service would make a store that isn't there; a look into one must not.
+  if (!std::filesystem::exists(host::StoreFilePath(options.store, host::defaultDomain))) {
+    throw Failure(options.store, "there is no store in this folder");
+  }
+  host::QueueServiceOptions service;
+  service.folder = options.store;
+  return host::QueueService::Open(service);
+}
+
+std::string QueueName(const std::string& urlOrName) {
+  return urlOrName.find("://") == std::string::npos ? urlOrName : host::QueueNameOfUrl(urlOrName);
+}
+
+std::int64_t NowMs() {
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count();
+}
+
+// The queue that was asked for, so that a typing error isn't taken for an empty queue.
+host::QueueInfo Find(host::QueueService& service, const std::string& urlOrName) {
+  const std::string name = QueueName(urlOrName);
+  for (const host::QueueInfo& each : service.ListQueues()) {
+    if (each.name == name) return each;
+  }
+  throw Failure(urlOrName, "the store has no such queue" + (name == urlOrName ? "" : " (" + name + ")"));
+}
+
+void PrintJson(const std::vector<host::QueueInfo>& queues) {
+  std::string text = "[";
+  for (const host::QueueInfo& each : queues) {
+    if (text.size() > 1) text += ',';
+    text += "{\"name\":" + JsonString(each.name) + ",\"items\":" + std::to_string(each.items) +
+            ",\"bytes\":" + std::to_string(each.bytes) +
+            ",\"oldest_age_ms\":" + (each.oldestAgeMs ? std::to_string(*each.oldestAgeMs) : "null") + "}";
+  }
+  std::printf("%s]\n", text.c_str());
+}
+
+int List(const QueuesOptions& options) {
+  const auto queues = OpenStore(options)->ListQueues();
+  if (options.json) {
+    PrintJson(queues);
+    return exitOk;
+  }
+  std::printf("%-32s %10s %14s  %s\n", "QUEUE", "ITEMS", "BYTES", "OLDEST");
+  for (const host::QueueInfo& each : queues) {
+    std::printf("%-32s %10lld %14lld  %s\n", server::WithoutControls(each.name).c_str(),
+                static_cast<long long>(each.items), static_cast<long long>(each.bytes),
+                each.oldestAgeMs ? Duration(*each.oldestAgeMs).c_str() : "-");
+  }
+  return exitOk;
+}
+
+int Peek(const QueuesOptions& options) {
+  const auto service = OpenStore(options);
+  const host::QueueInfo queue = Find(*service, options.queue);
+  const std::int64_t nowMs = NowMs();
+  for (const host::PeekedItem& each : service->PeekItems(queue.name, options.count)) {
+    if (options.json) {
+      std::printf("{\"age_ms\":%lld,\"bytes\":%zu,\"item\":%s}\n",
+                  static_cast<long long>(nowMs - each.enqueuedMs), each.bytes.size(),
+                  JsonString(each.bytes).c_str());
+    } else {
+      std::printf("%s\n", server::WithoutControls(each.bytes).c_str());
+    }
+  }
+  return exitOk;
+}
+
+int Clear(const QueuesOptions& options) {
+  const auto service = OpenStore(options);
+  const host::QueueInfo queue = Find(*service, options.queue);
+  service->ClearQueue(queue.name);
+  if (!service->Commit()) throw Failure(options.store, "the removal can't be written");
+  const char* const form = options.json ? "{\"removed_items\":%lld,\"removed_bytes\":%lld}\n"
+                                        : "removed %lld items of %lld bytes\n";
+  std::printf(form, static_cast<long long>(queue.items), static_cast<long long>(queue.bytes));
+  return exitOk;
+}
+
+CLI::App* AddPart(CLI::App* command, const std::string& name, const char* description,
+                  QueuesOptions* options) {
+  CLI::App* const part = command->add_subcommand(name, description);
+  part->fallthrough();
+  part->footer("Example: veldrep queues --store /var/lib/app/telemetry " + name +
+               (options ? " https://stats.example.com/v1" : ""));
+  if (options) {
+    part->add_option("QUEUE", options->queue, "the url that the queue is for, or the queue's name")
+        ->type_name("URL|NAME")
+        ->required();
+  }
+  return part;
+}
+
+}  // namespace
+
+Command MakeQueuesCommand(CLI::App& program) {
+  CLI::App* const command = program.add_subcommand("queues", "Shows what waits in a store, and clears it.");
+  const auto options = std::make_shared<QueuesOptions>();
+  command->add_option("--store", options->store, "folder of the store")->type_name("DIR")->required();
+  command->add_flag("--json", options->json, "for scripts: JSON with exact numbers");
+  command->require_subcommand(0, 1);
+  AddPart(command, "list", "each queue with its items, bytes and the age of the oldest (the default)",
+          nullptr);
+  CLI::App* const peek =
+      AddPart(command, "peek", "the oldest items of a queue, one a line; nothing is removed", options.get());
+  peek->add_option("-n", options->count, "how many")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000000))
+      ->capture_default_str();
+  const CLI::App* const clear =
+      AddPart(command, "clear", "removes a queue and all its items for good", options.get());
+  command->footer(
+      "A store that a running sender has open can't be looked into.\n"
+      "Example: veldrep queues --store /var/lib/app/telemetry\n"
+      "         veldrep queues --store /var/lib/app/telemetry peek https://stats.example.com/v1 -n 3");
+  return {command, [options, peek, clear] {
+            if (peek->parsed()) return Peek(*options);
+            if (clear->parsed()) return Clear(*options);
+            return List(*options);
+          }};
+}
+
+}  // namespace veld_report::app

@@ -1,0 +1,104 @@
+// veldrep serve: the report server in the foreground, until SIGTERM or SIGINT.
+#include <signal.h>
+
+#include <charconv>
+#include <cstdio>
+#include <memory>
+
+#include "apps/veldrep/command.h"
+#include "apps/veldrep/key_option.h"
+#include "server/report_server.h"
+
+namespace veld_report::app {
+namespace {
+
+struct ServeOptions {
+  std::string listen = "127.0.0.1:0";
+  std::string out;
+  std::string key;
+  unsigned status = 200;
+  std::size_t bodyLimitMiB = 16;
+};
+
+// "127.0.0.1:0", "[::1]:8080", "localhost:80".
+void ParseListen(const std::string& text, server::ReportServerOptions* options) {
+  const std::size_t colon = text.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
+  std::string address = text.substr(0, colon == std::string::npos ? text.size() : colon);
+  const bool bracketed = address.size() > 2 && address.front() == '[' && address.back() == ']';
+  if (bracketed) address = address.substr(1, address.size() - 2);
+  const auto [end, code] = std::from_chars(port.data(), port.data() + port.size(), options->port);
+  const bool portOk = !port.empty() && code == std::errc() && end == port.data() + port.size();
+  // An IPv6 address without brackets would lose its last group to the port.
+  if (address.empty() || !portOk || (!bracketed && address.find(':') != std::string::npos)) {
+    throw WrongCommandLine("--listen " + text + ": expected ADDRESS:PORT, as in 127.0.0.1:0 or [::1]:8080");
+  }
+  options->address = address;
+}
+
+int Serve(const ServeOptions& given) {
+  server::ReportServerOptions options;
+  ParseListen(given.listen, &options);
+  options.outPath = given.out;
+  if (!given.key.empty()) options.verifier = VerifierFromFile(given.key);
+  options.status = given.status;
+  options.bodyLimitBytes = given.bodyLimitMiB << 20;
+  options.log = Complain;
+
+  // Blocked before the server's threads start, so that they inherit it and only sigwait sees the two.
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGTERM);
+  sigaddset(&ending, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  server::ReportServer server(std::move(options));
+  if (server.TornBytes() != 0) {
+    Complain(given.out + ": cut off a torn last line of " + std::to_string(server.TornBytes()) + " bytes");
+  }
+  std::printf("listening on %s\n", server.Url().c_str());
+  std::fflush(stdout);
+  int received = 0;
+  sigwait(&ending, &received);
+  server.Stop();
+  std::printf("stopped: %llu items stored, %llu requests refused\n",
+              static_cast<unsigned long long>(server.StoredItems()),
+              static_cast<unsigned long long>(server.RefusedRequests()));
+  return exitOk;
+}
+
+}  // namespace
+
+Command MakeServeCommand(CLI::App& program) {
+  CLI::App* const command = program.add_subcommand(
+      "serve",
+      "Receives report messages over HTTP, checks them in every layer and appends their items to a file.");
+  const auto options = std::make_shared<ServeOptions>();
+  command->add_option("--listen", options->listen, "address and port to listen on; port 0 takes a free one")
+      ->type_name("ADDRESS:PORT")
+      ->capture_default_str();
+  command
+      ->add_option("--out", options->out, "NDJSON file that gets an item a line, synced before each answer")
+      ->type_name("FILE")
+      ->required();
+  command->add_option("--key", options->key, "public key (PEM); only messages with its signature pass")
+      ->type_name("FILE");
+  command
+      ->add_option(
+          "--status", options->status,
+          "for trials: answer every good message with this status and store nothing (unless it is 200)")
+      ->check(CLI::Range(200, 599))
+      ->type_name("CODE")
+      ->capture_default_str();
+  command->add_option("--body-limit", options->bodyLimitMiB, "largest body that is taken, in MiB")
+      ->check(CLI::Range(1, 1024))
+      ->type_name("MIB")
+      ->capture_default_str();
+  command->footer(
+      "It prints \"listening on http://ADDRESS:PORT\" when it is ready, and ends on SIGTERM or Ctrl-C.\n"
+      "Example: veldrep serve --listen 127.0.0.1:8080 --out reports.ndjson --key product.pub.pem");
+  return {command, [options] { return Serve(*options); }};
+}
+
+}  // namespace veld_report::app
