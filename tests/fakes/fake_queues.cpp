@@ -203,6 +203,12 @@ std::vector<std::string> FakeQueueFactory::Items(const std::string& queueName) {
   return items;
 }
 
+void FakeQueueFactory::Clear() {
+  std::lock_guard guard(store->lock);
+  store->queues.clear();
+  store->lastToken = 0;
+}
+
 std::vector<std::string> FakeQueueFactory::Names() {
   std::lock_guard guard(store->lock);
   std::vector<std::string> names;

@@ -49,6 +49,8 @@ class FakeQueueFactory final : public FakeObject<orvel::IQueueFactory> {
   void Put(const std::string& queueName, std::string_view bytes);
   std::vector<std::string> Items(const std::string& queueName);
   std::vector<std::string> Names();
+  // No queue is left, and the next token is 1 again.
+  void Clear();
   // Names that EnumerateQueues gives besides the real ones, behind them.
   std::vector<std::string> extraNames;
 

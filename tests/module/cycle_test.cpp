@@ -145,7 +145,7 @@ TEST_F(CycleTest, TheDrainLosesWhatItMustAndNoMore) {
     EXPECT_THAT(Strings(lines.begin() + 4, lines.end() - 2), ElementsAreArray(row.lines));
     End();
     script().Clear();
-    host.queues->store->queues.clear();
+    host.queues->Clear();
   }
 }
 
@@ -281,7 +281,7 @@ TEST_F(CycleTest, UpkeepThatFails) {
     Cycle();
     EXPECT_EQ(Lines().at(1), Line("HandleQueueList called")) << "it isn't repeated";
     End();
-    host.queues->store->queues.clear();
+    host.queues->Clear();
   }
 }
 
