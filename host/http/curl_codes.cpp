@@ -1,0 +1,43 @@
+#include "host/http/curl_codes.h"
+
+#include "host/http/http_outcome.h"
+
+namespace veld_report::host {
+
+zel::ResultCode CodeOf(CURLcode result) {
+  switch (result) {
+    case CURLE_OK:
+      return zel::sOk;
+    case CURLE_OUT_OF_MEMORY:
+      return zel::eOutOfMemory;
+    case CURLE_OPERATION_TIMEDOUT:
+      return zel::eOperationTimeout;
+    case CURLE_URL_MALFORMAT:
+      return zel::eInvalidArgument;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return zel::eNotFound;
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_CACERT_BADFILE:
+      return eInvalidSignature;
+    case CURLE_UNSUPPORTED_PROTOCOL:  // an answer of HTTP/0.9; urls of other schemes don't get this far
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_WRITE_ERROR:
+    case CURLE_BAD_CONTENT_ENCODING:
+      return zel::eInvalidResult;
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PROXY:
+      return eMediaError;
+    default:
+      return zel::eUnspecifiedError;
+  }
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,104 @@
+#include "host/http/hold_back.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/base/redact.h"
+#include "host/http/retry_after.h"
+
+namespace veld_report::host {
+namespace {
+
+using std::chrono::milliseconds;
+
+bool IsFailure(const HttpOutcome& outcome) {
+  if (zel::Failed(outcome.code)) return true;
+  return outcome.status == 408 || outcome.status == 425 || outcome.status == 429 || outcome.status >= 500;
+}
+
+bool MayAskToWait(std::uint16_t status) { return status == 429 || status == 503; }
+
+bool IsSuccess(const HttpOutcome& outcome) {
+  return !zel::Failed(outcome.code) && outcome.status >= 200 && outcome.status < 300;
+}
+
+std::string ErrorText(const HttpOutcome& outcome) {
+  if (IsSuccess(outcome)) return {};
+  if (zel::Failed(outcome.code)) return outcome.error;
+  return "the server answered with status " + std::to_string(outcome.status);
+}
+
+}  // namespace
+
+HoldBack::HoldBack(const HoldBackOptions& options, std::shared_ptr<Clock> clock,
+                   std::function<double()> random)
+    : options_(options), clock_(std::move(clock)), random_(std::move(random)) {}
+
+std::optional<Clock::TimePoint> HoldBack::Start(const std::string& url) const {
+  const std::lock_guard lock(mutex_);
+  const Clock::TimePoint now = clock_->Now();
+  const auto row = rows_.find(url);
+  if (row != rows_.end() && now < row->second.waitsUntil) return std::nullopt;
+  return now;
+}
+
+void HoldBack::End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
+  if (outcome.code == zel::eOperationCancelled) return;
+  const std::lock_guard lock(mutex_);
+  Row& row = rows_[url];
+  row.lastError = ErrorText(outcome);
+  if (!zel::Failed(outcome.code)) row.lastStatus = outcome.status;
+  if (outcome.local || startedAt < row.failedAt) return;
+  if (IsFailure(outcome)) {
+    row.failedAt = clock_->Now();
+    ++row.failures;
+    row.waitsUntil = WaitAfterFailure(row, outcome);
+  } else {
+    row.failures = 0;
+    row.waitsUntil = {};
+  }
+}
+
+Clock::TimePoint HoldBack::WaitAfterFailure(const Row& row, const HttpOutcome& outcome) const {
+  if (!options_.enabled) return {};
+  milliseconds wait(0);
+  if (row.failures >= 2) {
+    const std::uint32_t doublings = std::min<std::uint32_t>(row.failures - 2, 31);
+    const std::uint64_t bound =
+        std::min<std::uint64_t>(std::uint64_t{options_.firstDelayMs} << doublings, options_.longestDelayMs);
+    wait = milliseconds(static_cast<std::int64_t>(static_cast<double>(bound) * random_()));
+  }
+  if (outcome.retryAfter && MayAskToWait(outcome.status)) {
+    const auto asked =
+        ParseRetryAfter(*outcome.retryAfter, clock_->WallNow(), milliseconds(options_.longestRetryAfterMs));
+    wait = std::max(wait, asked.value_or(milliseconds(0)));
+  }
+  return clock_->Now() + wait;
+}
+
+void HoldBack::KeepOnly(const std::vector<std::string>& urls) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(
+      rows_, [&](const auto& row) { return std::find(urls.begin(), urls.end(), row.first) == urls.end(); });
+}
+
+std::vector<HttpClientState> HoldBack::States() const {
+  const std::lock_guard lock(mutex_);
+  const Clock::TimePoint now = clock_->Now();
+  const Clock::WallTimePoint wallNow = clock_->WallNow();
+  std::vector<HttpClientState> states;
+  for (const auto& [url, row] : rows_) {
+    HttpClientState& state = states.emplace_back();
+    state.url = WithoutCredentials(url);
+    if (now < row.waitsUntil) {
+      state.waitsUntil =
+          wallNow + std::chrono::duration_cast<Clock::WallTimePoint::duration>(row.waitsUntil - now);
+    }
+    state.lastError = row.lastError;
+    state.lastStatus = row.lastStatus;
+    state.failures = row.failures;
+  }
+  return states;
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,183 @@
+#include "host/http/http_engine.h"
+
+#include <utility>
+
+#include "host/base/redact.h"
+#include "host/base/trace_line.h"
+
+namespace veld_report::host {
+namespace {
+
+// The loop is woken for everything that it has to do; this is no more than a net.
+constexpr int longestPollMs = 60000;
+
+// Without a text it doesn't allocate.
+HttpOutcome LocalFailure(zel::ResultCode code, std::string error = {}) {
+  HttpOutcome outcome;
+  outcome.code = code;
+  outcome.error = std::move(error);
+  outcome.local = true;
+  return outcome;
+}
+
+HttpOutcome OutcomeOf(const HttpTransfer& transfer, CURLcode result) noexcept {
+  try {
+    return transfer.Outcome(result);
+  } catch (...) {
+    return LocalFailure(zel::eOutOfMemory);
+  }
+}
+
+}  // namespace
+
+HttpEngine::HttpEngine(std::shared_ptr<HttpShared> shared)
+    : shared_(std::move(shared)), multi_(curl_multi_init()) {
+  if (!multi_) throw std::bad_alloc();
+}
+
+HttpEngine::~HttpEngine() {
+  if (multi_) curl_multi_cleanup(multi_);
+}
+
+void HttpEngine::Loop() {
+  CURLM* const multi = multi_;
+  std::vector<zel::Ref<HttpRequest>> incoming;
+  while (TakeIncoming(&incoming)) {
+    for (const zel::Ref<HttpRequest>& request : incoming) Start(request);
+    incoming.clear();
+    EndCancelled();
+    int running = 0;
+    curl_multi_perform(multi, &running);
+    EndDone();
+    curl_multi_poll(multi, nullptr, 0, longestPollMs, nullptr);
+  }
+  const HttpOutcome cancelled = LocalFailure(zel::eOperationCancelled);
+  while (!transfers_.empty()) EndTransfer(transfers_.begin(), cancelled);
+  for (const zel::Ref<HttpRequest>& request : incoming) End(*request, cancelled);
+  {
+    const std::lock_guard lock(mutex_);
+    multi_ = nullptr;
+  }
+  curl_multi_cleanup(multi);
+}
+
+bool HttpEngine::TakeIncoming(std::vector<zel::Ref<HttpRequest>>* incoming) {
+  const std::lock_guard lock(mutex_);
+  incoming->swap(incoming_);
+  return !stopped_;
+}
+
+void HttpEngine::Stop() {
+  const std::lock_guard lock(mutex_);
+  stopped_ = true;
+  if (multi_) curl_multi_wakeup(multi_);
+}
+
+void HttpEngine::Wake() {
+  const std::lock_guard lock(mutex_);
+  if (multi_) curl_multi_wakeup(multi_);
+}
+
+zel::ResultCode HttpEngine::Submit(zel::Ref<HttpRequest> request) {
+  const std::lock_guard lock(mutex_);
+  if (stopped_) return zel::eInvalidState;
+  incoming_.push_back(std::move(request));
+  curl_multi_wakeup(multi_);
+  return zel::sOk;
+}
+
+void HttpEngine::SetCertificates(CertificateTable certificates) {
+  auto table = std::make_shared<const CertificateTable>(std::move(certificates));
+  const std::lock_guard lock(mutex_);
+  certificates_.swap(table);
+}
+
+void HttpEngine::Start(const zel::Ref<HttpRequest>& request) {
+  if (request->IsCancelled()) {
+    End(*request, LocalFailure(zel::eOperationCancelled));
+    return;
+  }
+  const std::string& url = request->GetContent().urlText;
+  const std::optional<Clock::TimePoint> startedAt = shared_->holdBack.Start(url);
+  if (!startedAt) {
+    End(*request, LocalFailure(zel::eNotReady));
+    return;
+  }
+  HttpOutcome failure = LocalFailure(zel::eOutOfMemory, "out of memory");
+  try {
+    StartTransfer(request, *startedAt);
+    return;
+  } catch (const HttpTransferRefused& refused) {
+    failure = LocalFailure(refused.code, refused.error);
+  } catch (const std::bad_alloc&) {
+    // As prepared.
+  } catch (...) {
+    failure = LocalFailure(zel::eUnspecifiedError, "the request can't be built");
+  }
+  Note(*request, *startedAt, failure);
+  End(*request, failure);
+}
+
+void HttpEngine::StartTransfer(const zel::Ref<HttpRequest>& request, Clock::TimePoint startedAt) {
+  std::shared_ptr<const CertificateTable> certificates;
+  {
+    const std::lock_guard lock(mutex_);
+    certificates = certificates_;
+  }
+  auto transfer = std::make_unique<HttpTransfer>(request, *shared_, std::move(certificates), startedAt);
+  CURL* const handle = transfer->Handle();
+  const auto place = transfers_.emplace(handle, std::move(transfer)).first;
+  const CURLMcode added = curl_multi_add_handle(multi_, handle);
+  if (added == CURLM_OK) return;
+  transfers_.erase(place);
+  throw HttpTransferRefused{zel::eUnspecifiedError, curl_multi_strerror(added)};
+}
+
+void HttpEngine::EndCancelled() {
+  const HttpOutcome cancelled = LocalFailure(zel::eOperationCancelled);
+  for (auto transfer = transfers_.begin(); transfer != transfers_.end();) {
+    // No End adds to the transfers: what a completion submits waits until the loop comes round.
+    const auto next = std::next(transfer);
+    if (transfer->second->Request().IsCancelled()) EndTransfer(transfer, cancelled);
+    transfer = next;
+  }
+}
+
+void HttpEngine::EndDone() {
+  int left = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    const auto transfer = transfers_.find(message->easy_handle);
+    EndTransfer(transfer, OutcomeOf(*transfer->second, message->data.result));
+  }
+}
+
+void HttpEngine::EndTransfer(Transfers::iterator transfer, const HttpOutcome& outcome) noexcept {
+  const std::unique_ptr<HttpTransfer> owner = std::move(transfer->second);
+  curl_multi_remove_handle(multi_, owner->Handle());
+  transfers_.erase(transfer);
+  HttpRequest& request = owner->Request();
+  Note(request, owner->StartedAt(), outcome);
+  End(request, outcome);
+}
+
+void HttpEngine::End(HttpRequest& request, const HttpOutcome& outcome) noexcept {
+  if (request.End(outcome)) return;
+  TraceLine(shared_->options.tracer.Get(), failureLevel,
+            "veld_host\tHttp: an exception left the completion of a request; the client goes on");
+}
+
+void HttpEngine::Note(const HttpRequest& request, Clock::TimePoint startedAt,
+                      const HttpOutcome& outcome) noexcept {
+  try {
+    const std::string& url = request.GetContent().urlText;
+    shared_->holdBack.End(url, startedAt, outcome);
+    if (!zel::Failed(outcome.code) || outcome.code == zel::eOperationCancelled) return;
+    TraceLine(shared_->options.tracer.Get(), failureLevel,
+              "veld_host\tHttp: request to " + WithoutCredentials(url) + " failed: " + outcome.error);
+  } catch (...) {
+    // Without memory the url's row stays as it is, and the line is lost.
+  }
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,73 @@
+#include "host/http/http_request.h"
+
+#include <chrono>
+#include <cstddef>
+#include <utility>
+
+#include "host/http/http_engine.h"
+
+namespace veld_report::host {
+namespace {
+
+// The record of an answer. Of its content the contract knows the status alone.
+struct HttpResponse {
+  std::uint8_t unused[network_services::responseStatusOffset] = {};
+  std::uint16_t status = 0;
+};
+static_assert(offsetof(HttpResponse, status) == 80);
+
+}  // namespace
+
+HttpRequest::HttpRequest(Content content, std::shared_ptr<HttpEngine> engine)
+    : content_(std::move(content)), engine_(std::move(engine)) {}
+
+zel::ResultCode HttpRequest::Wait(std::uint32_t timeoutMs) {
+  return Guarded([&] {
+    std::unique_lock lock(mutex_);
+    const bool ended = changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return ended_; });
+    return ended ? result_ : zel::eOperationTimeout;
+  });
+}
+
+zel::ResultCode HttpRequest::Cancel() {
+  return Guarded([&] {
+    cancelled_.store(true, std::memory_order_release);
+    engine_->Wake();
+    return zel::sOk;
+  });
+}
+
+bool HttpRequest::End(const HttpOutcome& outcome) noexcept {
+  const bool completed = Complete(outcome);
+  const std::lock_guard lock(mutex_);
+  result_ = outcome.code;
+  ended_ = true;
+  changed_.notify_all();
+  return completed;
+}
+
+bool HttpRequest::Complete(const HttpOutcome& outcome) noexcept {
+  bool completed = false;
+  try {
+    if (zel::Failed(outcome.code)) {
+      content_.callback->OnRequestFailed(content_.url, outcome.code);
+    } else {
+      HttpResponse response;
+      response.status = outcome.status;
+      content_.callback->OnRequestCompleted(content_.url, &response);
+    }
+    completed = true;
+  } catch (...) {
+    // The request has ended all the same.
+  }
+  try {
+    // Before Wait returns, so that whoever waits then holds the only reference.
+    content_.body.Reset();
+    content_.callback.Reset();
+  } catch (...) {
+    completed = false;
+  }
+  return completed;
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,55 @@
+// HttpRequest, one request of the kit's client: what is to be sent, and the handle by which it is waited for.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "contract/http.h"
+#include "host/base/host_object.h"
+#include "host/http/http_outcome.h"
+
+namespace veld_report::host {
+
+class HttpEngine;
+
+// Life: in flight -> ended. In flight it holds the body and the callback; End gives them up.
+class HttpRequest final : public HostObject<network_services::IHttpRequestHandle> {
+ public:
+  struct Content {
+    zel::wstring url;
+    std::string urlText;               // the same in UTF-8
+    std::vector<std::string> headers;  // "Name: value"
+    zel::Ref<zel::IIO> body;
+    zel::Ref<network_services::IAsyncHttpRequestCallback> callback;
+  };
+  HttpRequest(Content content, std::shared_ptr<HttpEngine> engine);
+
+  zel::ResultCode ReservedRequestOperation() override { return zel::eNotImplemented; }
+  zel::ResultCode Wait(std::uint32_t timeoutMs) override;
+  zel::ResultCode Cancel() override;
+
+  // For the engine. The content's body and callback belong to its thread, from the submission on.
+  const Content& GetContent() const { return content_; }
+  bool IsCancelled() const { return cancelled_.load(std::memory_order_acquire); }
+  // Runs the completion, gives up body and callback, and then wakes who waits. Called once. Returns false if
+  // the completion threw.
+  bool End(const HttpOutcome& outcome) noexcept;
+
+ private:
+  bool Complete(const HttpOutcome& outcome) noexcept;
+
+  Content content_;
+  const std::shared_ptr<HttpEngine> engine_;
+  std::atomic<bool> cancelled_ = false;
+
+  std::mutex mutex_;  // guards the two below
+  std::condition_variable changed_;
+  bool ended_ = false;
+  zel::ResultCode result_ = zel::eNotInitialized;
+};
+
+}  // namespace veld_report::host

@@ -1,0 +1,44 @@
+// What the clients of one factory have in common.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/http/hold_back.h"
+#include "host/http/http_client.h"
+#include "host/http/proxy.h"
+
+namespace veld_report::host {
+
+// Threads: any.
+class HttpShared {
+ public:
+  HttpShared(HttpClientOptions givenOptions, ProxySettings givenProxy, std::shared_ptr<Clock> clock,
+             std::function<double()> random)
+      : options(std::move(givenOptions)),
+        proxy(std::move(givenProxy)),
+        holdBack(options.holdBack, std::move(clock), std::move(random)) {}
+
+  void Announce(std::vector<std::string> urls) {
+    const std::lock_guard lock(mutex_);
+    announced_ = std::move(urls);
+  }
+  // An announcement counts once.
+  std::optional<std::vector<std::string>> TakeAnnounced() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(announced_, std::nullopt);
+  }
+
+  const HttpClientOptions options;
+  const ProxySettings proxy;
+  HoldBack holdBack;
+
+ private:
+  std::mutex mutex_;  // guards the one below
+  std::optional<std::vector<std::string>> announced_;
+};
+
+}  // namespace veld_report::host

@@ -1,0 +1,214 @@
+#include "host/http/http_transfer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/base/redact.h"
+#include "host/http/curl_codes.h"
+
+namespace veld_report::host {
+namespace {
+
+struct UrlCleanup {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+// The scheme in lower case, or nothing for what isn't a url with one.
+std::string SchemeOf(const std::string& text) {
+  const std::unique_ptr<CURLU, UrlCleanup> url(curl_url());
+  if (!url) throw std::bad_alloc();
+  // What looks like a url up to a NUL isn't one.
+  if (text.find('\0') != std::string::npos) return {};
+  if (curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) return {};
+  char* scheme = nullptr;
+  if (curl_url_get(url.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) return {};
+  const std::unique_ptr<char, decltype(&curl_free)> owner(scheme, &curl_free);
+  return scheme;
+}
+
+bool IsHeaderLine(const std::string& line) {
+  return !line.empty() && line.front() != ':' &&
+         line.find_first_of(std::string_view("\r\n\0", 3)) == line.npos;
+}
+
+}  // namespace
+
+HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
+                           std::shared_ptr<const CertificateTable> certificates, Clock::TimePoint startedAt)
+    : request_(std::move(request)),
+      shared_(shared),
+      certificates_(std::move(certificates)),
+      startedAt_(startedAt),
+      easy_(curl_easy_init()) {
+  if (!easy_) throw std::bad_alloc();
+  Set(CURLOPT_ERRORBUFFER, errorText_.data());
+  Set(CURLOPT_NOSIGNAL, 1L);
+  // Name resolution runs on a thread of libcurl's. Without this, ending a request would wait for that thread.
+  Set(CURLOPT_QUICK_EXIT, 1L);
+  SetUrl();
+  SetHeaders();
+  SetBody();
+  SetLimits();
+  SetProxy();
+  SetTls();
+}
+
+template <class Value>
+void HttpTransfer::Set(CURLoption option, Value value) {
+  const CURLcode result = curl_easy_setopt(easy_.get(), option, value);
+  if (result == CURLE_OK) return;
+  throw HttpTransferRefused{CodeOf(result),
+                            std::string("libcurl refuses an option: ") + curl_easy_strerror(result)};
+}
+
+void HttpTransfer::SetUrl() {
+  const std::string& url = request_->GetContent().urlText;
+  scheme_ = SchemeOf(url);
+  if (scheme_ != "http" && scheme_ != "https") {
+    throw HttpTransferRefused{zel::eInvalidArgument, "the url isn't a valid one of http or https"};
+  }
+  Set(CURLOPT_URL, url.c_str());
+  Set(CURLOPT_PROTOCOLS_STR, "http,https");
+  Set(CURLOPT_FOLLOWLOCATION, 0L);
+  Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  if (shared_.options.resolve.empty()) return;
+  for (const std::string& line : shared_.options.resolve) Append(&resolve_, line);
+  Set(CURLOPT_RESOLVE, resolve_.get());
+}
+
+void HttpTransfer::SetHeaders() {
+  // A large body would else wait for a leave that few servers give.
+  Append(&headers_, "Expect:");
+  for (const std::string& line : request_->GetContent().headers) {
+    if (!IsHeaderLine(line)) throw HttpTransferRefused{zel::eInvalidArgument, "a header isn't valid"};
+    Append(&headers_, line);
+  }
+  Set(CURLOPT_HTTPHEADER, headers_.get());
+}
+
+void HttpTransfer::SetBody() {
+  std::uint64_t size = 0;
+  const zel::ResultCode code = request_->GetContent().body->GetSize(&size);
+  if (zel::Failed(code)) throw HttpTransferRefused{code, "the size of the body can't be had"};
+  Set(CURLOPT_POST, 1L);
+  Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
+  Set(CURLOPT_READFUNCTION, &HttpTransfer::ReadBody);
+  Set(CURLOPT_READDATA, static_cast<void*>(this));
+  Set(CURLOPT_SEEKFUNCTION, &HttpTransfer::SeekBody);
+  Set(CURLOPT_SEEKDATA, static_cast<void*>(this));
+  Set(CURLOPT_HEADERFUNCTION, &HttpTransfer::TakeHeader);
+  Set(CURLOPT_HEADERDATA, static_cast<void*>(this));
+  Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  Set(CURLOPT_WRITEFUNCTION, &HttpTransfer::TakeAnswer);
+  Set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+}
+
+void HttpTransfer::SetLimits() {
+  Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(shared_.options.connectTimeoutMs));
+  Set(CURLOPT_TIMEOUT_MS, static_cast<long>(shared_.options.totalTimeoutMs));
+}
+
+void HttpTransfer::SetProxy() {
+  // Both are always set, so that libcurl doesn't read the environment.
+  Set(CURLOPT_PROXY, shared_.proxy.For(scheme_).c_str());
+  Set(CURLOPT_NOPROXY, shared_.proxy.noProxy.c_str());
+}
+
+void HttpTransfer::SetTls() {
+  Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  const HttpClientOptions& options = shared_.options;
+  const auto own = certificates_ ? certificates_->find(request_->GetContent().urlText)
+                                 : CertificateTable::const_iterator();
+  if (!certificates_ || own == certificates_->end()) {
+    if (options.caFile.empty() && options.caDirectory.empty()) return;
+    Set(CURLOPT_CAINFO, options.caFile.empty() ? nullptr : options.caFile.c_str());
+    Set(CURLOPT_CAPATH, options.caDirectory.empty() ? nullptr : options.caDirectory.c_str());
+    return;
+  }
+  const CertificateSet& set = own->second;
+  if (!set.pins.empty()) Set(CURLOPT_PINNEDPUBLICKEY, set.pins.c_str());
+  if (set.caPem.empty()) {
+    Set(CURLOPT_SSL_VERIFYPEER, 0L);
+    Set(CURLOPT_SSL_VERIFYHOST, 0L);
+    return;
+  }
+  // The path of the system's certificates would count beside the blob.
+  Set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  curl_blob blob = {const_cast<char*>(set.caPem.data()), set.caPem.size(), CURL_BLOB_NOCOPY};
+  Set(CURLOPT_CAINFO_BLOB, &blob);
+}
+
+void HttpTransfer::Append(List* list, const std::string& line) {
+  curl_slist* const longer = curl_slist_append(list->get(), line.c_str());
+  if (!longer) throw std::bad_alloc();
+  // The head moves only where the list was empty.
+  (void)list->release();
+  list->reset(longer);
+}
+
+std::size_t HttpTransfer::ReadBody(char* buffer, std::size_t size, std::size_t count, void* self) noexcept {
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  std::uint32_t bytesRead = 0;
+  const auto room = static_cast<std::uint32_t>(std::min<std::size_t>(size * count, UINT32_MAX));
+  transfer.bodyFailure_ =
+      Guarded([&] { return transfer.request_->GetContent().body->Read(buffer, room, &bytesRead); });
+  return zel::Failed(transfer.bodyFailure_) ? CURL_READFUNC_ABORT : bytesRead;
+}
+
+// libcurl goes back to the start where a kept connection turns out to have been closed.
+int HttpTransfer::SeekBody(void* self, curl_off_t offset, int origin) noexcept {
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  const zel::ResultCode code = Guarded([&] {
+    return transfer.request_->GetContent().body->Seek(static_cast<std::uint32_t>(origin), offset, nullptr);
+  });
+  return zel::Failed(code) ? CURL_SEEKFUNC_FAIL : CURL_SEEKFUNC_OK;
+}
+
+// libcurl takes an answer whose headers break off for a whole one. An interim answer (100) has an empty line
+// of its own before the real one begins, and trailers come behind that.
+std::size_t HttpTransfer::TakeHeader(char* line, std::size_t size, std::size_t count, void* self) noexcept {
+  const std::string_view text(line, size * count);
+  bool& complete = static_cast<HttpTransfer*>(self)->headersComplete_;
+  if (text.starts_with("HTTP/")) complete = false;
+  if (text == "\r\n" || text == "\n") complete = true;
+  return size * count;
+}
+
+std::size_t HttpTransfer::TakeAnswer(char*, std::size_t size, std::size_t count, void* self) noexcept {
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  transfer.answerBytes_ += size * count;
+  return transfer.answerBytes_ > transfer.shared_.options.answerLimitBytes ? 0 : size * count;
+}
+
+HttpOutcome HttpTransfer::Outcome(CURLcode result) const {
+  HttpOutcome outcome;
+  if (result != CURLE_OK) {
+    outcome.code = CodeOf(result);
+    outcome.error = WithoutCredentials(errorText_[0] ? errorText_.data() : curl_easy_strerror(result));
+    if (zel::Failed(bodyFailure_)) {
+      outcome.code = bodyFailure_;
+      outcome.local = true;
+      outcome.error = "the body of the request can't be read";
+    } else if (answerBytes_ > shared_.options.answerLimitBytes) {
+      outcome.error =
+          "the answer is longer than " + std::to_string(shared_.options.answerLimitBytes) + " bytes";
+    }
+    return outcome;
+  }
+  if (!headersComplete_) {
+    outcome.code = eMediaError;
+    outcome.error = "the answer broke off within its headers";
+    return outcome;
+  }
+  long status = 0;
+  curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &status);
+  outcome.status = static_cast<std::uint16_t>(status);
+  curl_header* retryAfter = nullptr;
+  if (curl_easy_header(easy_.get(), "Retry-After", 0, CURLH_HEADER, -1, &retryAfter) == CURLHE_OK) {
+    outcome.retryAfter = retryAfter->value;
+  }
+  return outcome;
+}
+
+}  // namespace veld_report::host

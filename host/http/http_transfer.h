@@ -1,0 +1,77 @@
+// HttpTransfer, one request on its way through libcurl.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <memory>
+#include <string>
+
+#include "host/http/certificates.h"
+#include "host/http/http_outcome.h"
+#include "host/http/http_request.h"
+#include "host/http/http_shared.h"
+
+namespace veld_report::host {
+
+// Thrown while a transfer is being made: it can't be sent.
+struct HttpTransferRefused {
+  zel::ResultCode code;
+  std::string error;
+};
+
+// Belongs to the engine's thread. The engine adds the handle to its multi handle and takes it out again
+// before the transfer goes.
+class HttpTransfer {
+ public:
+  // `certificates` may be null: the trusted ones of the options or the system. Throws HttpTransferRefused.
+  HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
+               std::shared_ptr<const CertificateTable> certificates, Clock::TimePoint startedAt);
+  HttpTransfer(const HttpTransfer&) = delete;
+  HttpTransfer& operator=(const HttpTransfer&) = delete;
+
+  CURL* Handle() const { return easy_.get(); }
+  HttpRequest& Request() const { return *request_; }
+  Clock::TimePoint StartedAt() const { return startedAt_; }
+  HttpOutcome Outcome(CURLcode result) const;
+
+ private:
+  template <class Value>
+  void Set(CURLoption option, Value value);
+  void SetUrl();
+  void SetHeaders();
+  void SetBody();
+  void SetLimits();
+  void SetProxy();
+  void SetTls();
+
+  static std::size_t ReadBody(char* buffer, std::size_t size, std::size_t count, void* self) noexcept;
+  static int SeekBody(void* self, curl_off_t offset, int origin) noexcept;
+  static std::size_t TakeHeader(char* line, std::size_t size, std::size_t count, void* self) noexcept;
+  static std::size_t TakeAnswer(char* data, std::size_t size, std::size_t count, void* self) noexcept;
+
+  struct EasyCleanup {
+    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+  };
+  struct ListCleanup {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+  };
+  using List = std::unique_ptr<curl_slist, ListCleanup>;
+  static void Append(List* list, const std::string& line);
+
+  const zel::Ref<HttpRequest> request_;
+  const HttpShared& shared_;
+  const std::shared_ptr<const CertificateTable> certificates_;
+  const Clock::TimePoint startedAt_;
+  std::string scheme_;
+  bool headersComplete_ = false;
+  std::uint64_t answerBytes_ = 0;
+  zel::ResultCode bodyFailure_ = zel::sOk;
+  std::array<char, CURL_ERROR_SIZE> errorText_ = {};
+  List headers_;
+  List resolve_;
+  // Last, so that libcurl lets go before what it points to goes.
+  std::unique_ptr<CURL, EasyCleanup> easy_;
+};
+
+}  // namespace veld_report::host
