@@ -127,6 +127,18 @@ void CheckOptions(const network_services::HttpRequestOptions& options) {
   }
 }
 
+void CheckCallback(IAsyncHttpRequestCallback* callback) {
+  for (const zel::InterfaceId id : {0u, IAsyncHttpRequestCallback::iid}) {
+    zel::Ref<IAsyncHttpRequestCallback> same;
+    const zel::ResultCode code = callback->QueryInterface(id, same.OutVoid());
+    if (code != zel::sOk || same.Get() != callback) Fault("HttpClient: the callback isn't what it says");
+  }
+  void* other = callback;
+  if (callback->QueryInterface(zel::IIO::iid, &other) != zel::eInterfaceNotSupported || other) {
+    Fault("HttpClient: the callback offers an interface that it can't have");
+  }
+}
+
 std::string ToText(const zel::wstring& url) {
   std::string text;
   for (const char16_t unit : url.View()) text.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
@@ -148,6 +160,7 @@ zel::ResultCode FakeHttpClient::MakeRequestAsync(const zel::wstring& url,
   Use();
   if (const auto code = world().Enter("MakeRequestAsync", ToText(url))) return code;
   CheckOptions(options);
+  CheckCallback(callback);
   if (!requestKind || *requestKind != 1) Fault("HttpClient: the kind of the request isn't 1");
   if (reserved) Fault("HttpClient: the reserved argument isn't null");
   if (!request || *request) Fault("HttpClient: the place for the request isn't empty");

@@ -76,6 +76,11 @@ int Script::Calls(std::string_view operation) const {
   return found == calls_.end() ? 0 : found->second;
 }
 
+void Script::ForgetCalls() {
+  std::lock_guard guard(lock_);
+  calls_.clear();
+}
+
 void Ledger::Adopt(std::unique_ptr<LedgerEntry> entry) {
   std::lock_guard guard(lock_);
   entries_.push_back(std::move(entry));

@@ -47,6 +47,7 @@ class Script {
   // The fakes call it once for each call of an operation. Runs the actions of this call, outside the lock.
   zel::ResultCode Enter(std::string_view operation);
   int Calls(std::string_view operation) const;
+  void ForgetCalls();
 
  private:
   struct Entry {
