@@ -1,0 +1,136 @@
+#include "host/kit/host_kit.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "host/base/code_text.h"
+#include "host/base/text.h"
+#include "host/hash/hash_service.h"
+#include "host/json/json_record.h"
+#include "host/json/json_storage.h"
+#include "host/json/serializer.h"
+#include "host/kit/module_path.h"
+#include "host/kit/settings_builder.h"
+#include "host/notification/function_notification.h"
+#include "host/signature/ed25519_signer.h"
+
+namespace veld_report::host {
+namespace {
+
+using orvel::veld_report::IVeldReportSender;
+using orvel::veld_report::IVeldReportSenderConstruct;
+using orvel::veld_report::IVeldReportSenderSettings;
+
+void Require(zel::ResultCode code, const char* what) {
+  if (zel::Failed(code)) throw std::runtime_error(std::string(what) + ": " + CodeText(code));
+}
+
+zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<LineTracer>& tracer) {
+  options.tracer = tracer;
+  return QueueService::Open(options);
+}
+
+zel::Ref<HttpClientFactory> MakeHttp(HttpClientOptions options, const zel::Ref<LineTracer>& tracer) {
+  options.tracer = tracer;
+  return CreateHttpClientFactory(options);
+}
+
+}  // namespace
+
+HostKit::HostKit(const HostKitOptions& options)
+    : allocator_(MakeObject<HeapAllocator>()),
+      tracer_(MakeObject<LineTracer>(options.trace)),
+      queues_(OpenQueues(options.queues, tracer_)),
+      http_(MakeHttp(options.http, tracer_)),
+      timer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
+      mode_(MakeObject<ExecutionMode>()),
+      locator_(MakeObject<ServiceLocator>()) {
+  try {
+    RegisterServices(options);
+    MakeSender(options);
+  } catch (...) {
+    Close();
+    throw;
+  }
+}
+
+HostKit::~HostKit() { Close(); }
+
+void HostKit::RegisterServices(const HostKitOptions& options) {
+  ServiceLocator& locator = *locator_;
+  locator.Register<zel::IAllocator>(allocator_);
+  locator.Register<zel::ITracer>(tracer_);
+  locator.Register<crypto::hash::IHashCalculatorFactory>(MakeObject<HashService>());
+  locator.Register<orvel::IQueueFactory>(queues_);
+  locator.Register<network_services::IHttpClientFactory>(http_);
+  locator.Register<zel::ITimerService>(timer_);
+  locator.Register<orvel::IExecutionModeProvider>(mode_);
+  locator.Register<zel::IJsonStorageFactory>(CreateJsonStorageFactory());
+  locator.Register<zel::IStorageSerializer2>(CreateWatchedSerializer(CreateSerializer()));
+  locator.Register<orvel::IRequestsNotification>(MakeObject<FunctionNotification>(options.onRequestFinished));
+  if (!options.signingKeyFile.empty()) {
+    locator.Register<orvel::ISignatureProvider>(
+        MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(options.signingKeyFile)));
+  }
+}
+
+void HostKit::MakeSender(const HostKitOptions& options) {
+  const BuiltSettings settings(options.settings);
+  module_ = std::make_unique<LoadedModule>(options.modulePath.empty() ? FindModule() : options.modulePath);
+  const auto factory = module_->MakeFactory(locator_.Get());
+  zel::Ref<IVeldReportSender> sender;
+  Require(factory->CreateInstance(locator_.Get(), IVeldReportSender::iid, sender.OutVoid()),
+          "module: the sender can't be made");
+  zel::Ref<IVeldReportSenderConstruct> construct;
+  Require(sender->QueryInterface(IVeldReportSenderConstruct::iid, construct.OutVoid()),
+          "module: the sender can't be constructed");
+  Require(sender->QueryInterface(IVeldReportSenderSettings::iid, senderSettings_.OutVoid()),
+          "module: the sender takes no settings");
+  const std::lock_guard guard(settingsLock_);
+  http_->AnnounceUrls(settings.Urls());
+  Require(construct->Construct(settings.Record()), "module: the sender refuses its services or settings");
+  sender_ = std::move(sender);
+}
+
+Submission HostKit::Submit(std::string_view consumer, const zel::AnyPtr& record) {
+  if (!sender_) return {zel::eNotInitialized};
+  const zel::string name = ToNarrow(consumer);
+  SubmissionWatch watch;
+  const zel::ResultCode code = sender_->SendStatistic(name, record);
+  if (zel::Failed(code)) return {code};
+  return watch.Take();
+}
+
+Submission HostKit::SubmitJson(std::string_view consumer, std::string_view text) {
+  JsonRecord record{std::string(text)};
+  return Submit(consumer, record.AsAny());
+}
+
+void HostKit::Nudge() { SubmitJson(nudgeConsumer, "{}"); }
+
+void HostKit::SetSettings(const KitSettings& settings) {
+  const BuiltSettings built(settings);
+  const std::lock_guard guard(settingsLock_);
+  if (!senderSettings_) throw std::runtime_error("settings: the sender is closed");
+  http_->AnnounceUrls(built.Urls());
+  Require(senderSettings_->SetSettings(built.Record()), "settings: the sender refuses them");
+}
+
+bool HostKit::Close() {
+  // The sender's last Release ends a cycle in progress and writes what is in memory into the queues. Behind
+  // it nobody arms the timer, and the HTTP client, which went with the sender, has ended its requests; once
+  // the timer's thread has ended too, no thread is left in the module's code.
+  senderSettings_.Reset();
+  sender_.Reset();
+  timer_.Reset();
+  if (locator_) locator_->Clear();
+  locator_.Reset();
+  if (queues_) queues_->Commit();
+  http_.Reset();
+  queues_.Reset();
+  const bool unloaded = !module_ || module_->TryUnload();
+  module_.reset();
+  return unloaded;
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,84 @@
+#include "host/kit/settings_builder.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string_view>
+
+#include "host/base/redact.h"
+#include "host/base/text.h"
+#include "host/http/certificates.h"
+
+namespace veld_report::host {
+namespace {
+
+// The module multiplies both in 32 bits: seconds to milliseconds, and units of 1024 bytes to bytes.
+constexpr std::uint32_t longestSendTimeoutS = 4294967;
+constexpr std::uint32_t largestQueueLimitKb = 4194303;
+
+bool IsHttpUrl(std::string_view url) {
+  const auto hasScheme = [url](std::string_view scheme) {
+    const auto same = [](char a, char b) { return (a | 0x20) == b || a == b; };
+    return url.size() > scheme.size() &&
+           std::equal(scheme.begin(), scheme.end(), url.begin(),
+                      [&](char wanted, char given) { return same(given, wanted); });
+  };
+  return hasScheme("http://") || hasScheme("https://");
+}
+
+void CheckLimit(const char* name, std::uint32_t value, std::uint32_t least, std::uint32_t most) {
+  if (value >= least && value <= most) return;
+  throw std::invalid_argument(std::string("settings: ") + name + " is " + std::to_string(value) +
+                              "; it must be " + std::to_string(least) + " to " + std::to_string(most));
+}
+
+[[noreturn]] void Refuse(std::uint64_t index, const KitEndpoint& endpoint, const std::string& why) {
+  throw std::invalid_argument("settings: endpoint " + std::to_string(index + 1) + " (" +
+                              WithoutCredentials(endpoint.url) + "): " + why);
+}
+
+void CheckCertificates(const KitEndpoint& endpoint, std::uint64_t index) {
+  if (endpoint.certificates.empty()) return;
+  try {
+    ReadCertificates({endpoint.certificates.begin(), endpoint.certificates.end()});
+  } catch (const std::invalid_argument& error) {
+    Refuse(index, endpoint, error.what());
+  }
+}
+
+}  // namespace
+
+BuiltSettings::BuiltSettings(const KitSettings& settings) {
+  CheckLimit("queueLimitKb", settings.queueLimitKb, 1, largestQueueLimitKb);
+  CheckLimit("sendTimeoutS", settings.sendTimeoutS, 0, longestSendTimeoutS);
+  record_.packetLimit = settings.packetLimit;
+  record_.queueLimit = settings.queueLimitKb;
+  record_.sendTimeout = settings.sendTimeoutS;
+  record_.urls.append(settings.endpoints.size());
+  for (std::uint64_t i = 0; i < settings.endpoints.size(); ++i) AddEndpoint(settings.endpoints[i], i);
+  const auto isNamed = [](const KitEndpoint& endpoint) { return !endpoint.consumer.empty(); };
+  if (std::none_of(settings.endpoints.begin(), settings.endpoints.end(), isNamed)) return;
+  for (const KitEndpoint& endpoint : settings.endpoints)
+    record_.consumers.push_back(ToNarrow(endpoint.consumer));
+}
+
+void BuiltSettings::AddEndpoint(const KitEndpoint& endpoint, std::uint64_t index) {
+  if (!IsHttpUrl(endpoint.url)) Refuse(index, endpoint, "the url must begin with http:// or https://");
+  if (endpoint.consumer == nudgeConsumer) Refuse(index, endpoint, "the kit uses this consumer name itself");
+  CheckCertificates(endpoint, index);
+  orvel::veld_report::UrlEntry& entry = record_.urls[index];
+  try {
+    entry.url = ToWide(endpoint.url);
+  } catch (const std::invalid_argument& error) {
+    Refuse(index, endpoint, std::string("the url is ") + error.what());
+  }
+  zel::vector_t<HttpCertificate> texts;
+  for (const std::string& text : endpoint.certificates) texts.push_back(ToNarrow(text));
+  using orvel::veld_report::OpaqueCertificate;
+  entry.certificates.first = reinterpret_cast<const OpaqueCertificate*>(texts.first);
+  entry.certificates.last = reinterpret_cast<const OpaqueCertificate*>(texts.last);
+  entry.certificates.end = reinterpret_cast<const OpaqueCertificate*>(texts.end);
+  certificates_.push_back(std::move(texts));  // moving a vector leaves its elements where they are
+  urls_.push_back(endpoint.url);
+}
+
+}  // namespace veld_report::host

@@ -1,0 +1,37 @@
+// From the kit's settings to the record that the module takes.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "contract/sender.h"
+#include "host/kit/host_kit_options.h"
+#include "types/vector.h"
+
+namespace veld_report::host {
+
+// The consumer name of nudges, which no endpoint may have.
+inline constexpr char nudgeConsumer[] = "veld_report.nudge";
+
+// Owns everything that the record points to. Belongs to one thread; can't be copied.
+class BuiltSettings {
+ public:
+  // Throws std::invalid_argument, saying which value is wrong and what it must be: a url of another scheme or
+  // not in UTF-8, a reserved consumer name, certificates that can't be read, a limit that would wrap round in
+  // the module.
+  explicit BuiltSettings(const KitSettings& settings);
+  BuiltSettings(const BuiltSettings&) = delete;
+  BuiltSettings& operator=(const BuiltSettings&) = delete;
+
+  const orvel::veld_report::SenderSettings& Record() const { return record_; }
+  const std::vector<std::string>& Urls() const { return urls_; }
+
+ private:
+  void AddEndpoint(const KitEndpoint& endpoint, std::uint64_t index);
+
+  orvel::veld_report::SenderSettings record_;
+  std::vector<std::string> urls_;
+  std::vector<zel::vector_t<HttpCertificate>> certificates_;
+};
+
+}  // namespace veld_report::host

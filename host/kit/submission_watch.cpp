@@ -1,0 +1,62 @@
+#include "host/kit/submission_watch.h"
+
+#include <utility>
+
+#include "host/base/host_object.h"
+#include "host/base/text.h"
+
+namespace veld_report::host {
+namespace {
+
+// A plain pointer, so that a submission from a static object's destructor still works.
+thread_local SubmissionWatch* current = nullptr;
+
+std::string Place(zel::IObject* context) {
+  zel::Ref<zel::ISerializeErrorInfo> info;
+  if (!context || zel::Failed(context->QueryInterface(zel::ISerializeErrorInfo::iid, info.OutVoid())))
+    return {};
+  zel::SerializeErrorLocation location;
+  if (zel::Failed(info->GetErrorLocation(&location)) || location.objectName.empty()) return {};
+  std::string text = ToStd(location.objectName);
+  if (!location.fieldName.empty()) text.append(".").append(View(location.fieldName));
+  if (location.index != zel::SerializeErrorLocation::noIndex) {
+    text.append("[").append(std::to_string(location.index)).append("]");
+  }
+  return text;
+}
+
+class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
+ public:
+  explicit WatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner) : inner_(std::move(inner)) {}
+
+  zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t flag,
+                            zel::IObject** context) override {
+    const zel::ResultCode code = inner_->Serialize(object, storage, flag, context);
+    SubmissionWatch::Note(code, context ? *context : nullptr);
+    return code;
+  }
+
+ private:
+  const zel::Ref<zel::IStorageSerializer2> inner_;
+};
+
+}  // namespace
+
+SubmissionWatch::SubmissionWatch() : outer_(std::exchange(current, this)) {}
+SubmissionWatch::~SubmissionWatch() { current = outer_; }
+
+void SubmissionWatch::Note(zel::ResultCode code, zel::IObject* context) noexcept {
+  if (!current) return;
+  current->result_.code = code;
+  try {
+    if (zel::Failed(code)) current->result_.where = Place(context);
+  } catch (...) {
+    // Without memory for it the place stays unsaid; the code stands.
+  }
+}
+
+zel::Ref<zel::IStorageSerializer2> CreateWatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner) {
+  return MakeObject<WatchedSerializer>(std::move(inner));
+}
+
+}  // namespace veld_report::host

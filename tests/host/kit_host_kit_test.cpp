@@ -1,0 +1,189 @@
+// The whole host around the built module, against real servers on loopback.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/hash/queue_name.h"
+#include "host/kit/host_kit.h"
+#include "host/signature/ed25519_verifier.h"
+#include "host/signature/key_files.h"
+#include "server/report_server.h"
+#include "tests/host/scripted_server.h"
+#include "tests/host/temporary_folder.h"
+
+namespace veld_report::host {
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+class Kit : public testing::Test {
+ protected:
+  HostKitOptions Options(std::vector<KitEndpoint> endpoints) {
+    HostKitOptions options;
+    options.modulePath = VELD_MODULE_PATH;
+    options.queues.folder = folder_.Path() / "store";
+    options.settings.endpoints = std::move(endpoints);
+    return options;
+  }
+  std::unique_ptr<server::ReportServer> Serve(const std::string& file,
+                                              server::SignatureVerifier verifier = {}) {
+    server::ReportServerOptions options;
+    options.outPath = (folder_.Path() / file).string();
+    options.verifier = std::move(verifier);
+    return std::make_unique<server::ReportServer>(std::move(options));
+  }
+  std::vector<std::string> Stored(const std::string& file) {
+    std::ifstream stream(folder_.Path() / file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+  }
+  // One whole cycle, from this moment on.
+  static void RunCycle(HostKit& kit) {
+    const std::uint64_t before = kit.Timer().RunsStarted();
+    kit.Timer().FireNow();
+    ASSERT_TRUE(kit.Timer().WaitForRun(before, steady_clock::now() + seconds(20)));
+  }
+
+  const tests::TemporaryFolder folder_;
+};
+
+TEST_F(Kit, RecordsReachTheServersOfTheirConsumersAndNothingIsLeft) {
+  const auto first = Serve("first");
+  const auto second = Serve("second");
+  HostKit kit(Options({{first->Url(), "a"}, {second->Url(), "b"}}));
+  EXPECT_TRUE(kit.SubmitJson("a", R"({"n":1})").Accepted());
+  EXPECT_TRUE(kit.SubmitJson("b", R"({"n":2})").Accepted());
+  EXPECT_TRUE(kit.SubmitJson("", "{\"n\":\n3}").Accepted());
+  EXPECT_TRUE(kit.SubmitJson("nobody", R"({"n":4})").Accepted());
+  RunCycle(kit);
+  EXPECT_THAT(Stored("first"), testing::ElementsAre(R"({"n":1})", R"({"n":3})"));
+  EXPECT_THAT(Stored("second"), testing::ElementsAre(R"({"n":2})", R"({"n":3})"));
+  const auto ledgers = kit.Queues().Ledgers();
+  EXPECT_EQ(ledgers.at(QueueNameOfUrl(first->Url())).delivered.items, 2);
+  EXPECT_EQ(kit.Queues().TotalWaiting().items, 0);
+  EXPECT_TRUE(kit.Close());
+  EXPECT_EQ(kit.SubmitJson("", "{}").code, zel::eNotInitialized);
+}
+
+TEST_F(Kit, SignedMessagesPassTheVerifierAndListenersHear) {
+  const KeyFiles files = GenerateEd25519KeyPair((folder_.Path() / "key").string());
+  const Ed25519Verifier verifier(Ed25519Key::PublicFromFile(files.publicPath));
+  const auto server = Serve("out", [&](std::string_view payload, std::string_view block) {
+    return verifier.Check(payload, block);
+  });
+  std::vector<FinishedRequest> finished;
+  HostKitOptions options = Options({{server->Url()}});
+  options.signingKeyFile = files.privatePath;
+  options.onRequestFinished = [&](const FinishedRequest& request) { finished.push_back(request); };
+  HostKit kit(options);
+  kit.SubmitJson("", R"({"text":"a \"quoted\" \u00e9"})");
+  RunCycle(kit);
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"text":"a \"quoted\" \u00e9"})"));
+  ASSERT_EQ(finished.size(), 1u);
+  EXPECT_EQ(finished[0].url, server->Url());
+  EXPECT_EQ(finished[0].result, zel::sOk);
+}
+
+TEST_F(Kit, WhatAnEarlierRunLeftBehindGoesAfterANudge) {
+  const std::string url = "http://127.0.0.1:" + std::to_string(tests::ClosedPort());
+  {
+    HostKit kit(Options({{url}}));
+    kit.SubmitJson("", R"({"n":1})");
+  }  // closed at once: the record has been in memory only
+  const auto server = Serve("out");
+  HostKit kit(Options({{url}}));
+  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
+  kit.Nudge();
+  RunCycle(kit);
+  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
+  // Another address is another queue; the old one goes with its items, and the ledger says so.
+  kit.SetSettings({.endpoints = {{server->Url()}}});
+  kit.SubmitJson("", R"({"n":2})");
+  RunCycle(kit);
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"n":2})"));
+  EXPECT_EQ(kit.Queues().Ledgers().at(QueueNameOfUrl(url)).removed.items, 1);
+}
+
+TEST_F(Kit, SubmissionThatCannotBeSerialisedIsTold) {
+  HostKit kit(Options({{"http://127.0.0.1:1"}}));
+  const Submission refused = kit.SubmitJson("", "{\"a\":}");
+  EXPECT_EQ(refused.code, zel::eInvalidArgument);
+  EXPECT_EQ(refused.where, "JsonRecord");
+  EXPECT_TRUE(kit.SubmitJson("", "{}").Accepted());
+}
+
+TEST_F(Kit, GateHoldsSendingBackButNotStoring) {
+  const auto server = Serve("out");
+  HostKit kit(Options({{server->Url()}}));
+  kit.Mode().AllowBackground(false);
+  kit.SubmitJson("", "{}");
+  RunCycle(kit);
+  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
+  kit.Mode().AllowBackground(true);
+  RunCycle(kit);
+  EXPECT_EQ(kit.Queues().TotalWaiting().items, 0);
+  EXPECT_EQ(server->StoredItems(), 1u);
+}
+
+// As a rule it takes no time at all. But a cancel that falls between the start of the request and its wait
+// finds nothing to cancel, and then the wait runs to its end of 5 seconds.
+TEST_F(Kit, CloseOutlastsOneWaitAtMostWhenTheServerNeverAnswers) {
+  tests::ScriptedServer server([](const auto&) {
+    return tests::ScriptedReply{"", tests::ScriptedReply::never};
+  });
+  HostKit kit(Options({{server.Url()}}));
+  kit.SubmitJson("", R"({"n":1})");
+  kit.Timer().FireNow();
+  ASSERT_TRUE(server.WaitForRequests(1));
+  kit.SubmitJson("", R"({"n":2})");
+  const auto begin = steady_clock::now();
+  EXPECT_TRUE(kit.Close());
+  EXPECT_LT(steady_clock::now() - begin, seconds(8));
+  HostKit again(Options({{server.Url()}}));
+  EXPECT_EQ(again.Queues().TotalWaiting().items, 2);
+}
+
+TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
+  const std::string url = "http://127.0.0.1:1";
+  struct Case {
+    std::function<void(HostKitOptions&)> spoil;
+    std::string message;
+  };
+  const Case cases[] = {
+      {[](auto& o) { o.modulePath = "/nonexistent.so"; }, "/nonexistent.so"},
+      {[](auto& o) { o.settings.endpoints[0].url = "ftp://h"; },
+       "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
+      {[](auto& o) { o.settings.endpoints[0].url = "http://\xff"; }, "not valid UTF-8 at byte 7"},
+      {[](auto& o) { o.settings.endpoints[0].consumer = "veld_report.nudge"; },
+       "the kit uses this consumer name"},
+      {[](auto& o) { o.settings.endpoints[0].certificates = {"no certificate"}; }, "endpoint 1"},
+      {[](auto& o) { o.settings.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
+      {[](auto& o) { o.settings.sendTimeoutS = 4294968; }, "it must be 0 to 4294967"},
+      {[](auto& o) { o.signingKeyFile = "/nonexistent.pem"; }, "key file /nonexistent.pem: No such file"},
+      {[](auto& o) { o.trace.path = "/nonexistent/trace"; }, "trace file /nonexistent/trace"},
+  };
+  for (const Case& each : cases) {
+    HostKitOptions options = Options({{url}});
+    each.spoil(options);
+    try {
+      HostKit kit(options);
+      ADD_FAILURE() << "accepted, without: " << each.message;
+    } catch (const std::exception& error) {
+      EXPECT_THAT(error.what(), testing::HasSubstr(each.message));
+    }
+  }
+  HostKit kit(Options({{url}}));
+  EXPECT_THROW(kit.SetSettings({.endpoints = {{"gopher://h"}}}), std::invalid_argument);
+  EXPECT_TRUE(kit.SubmitJson("", "{}").Accepted());
+}
+
+}  // namespace
+}  // namespace veld_report::host
