@@ -9,8 +9,9 @@ void* __real_malloc(std::size_t size);
 void __real_free(void* memory);
 void* __wrap_malloc(std::size_t size);
 void __wrap_free(void* memory);
-// A size that no heap has must give null under the address sanitizer too.
+// A size that no heap has must give null under the sanitizers too.
 const char* __asan_default_options();
+const char* __tsan_default_options();
 }
 
 namespace {
@@ -44,6 +45,7 @@ extern "C" {
 void* __wrap_malloc(std::size_t size) { return CountedMalloc(size); }
 void __wrap_free(void* memory) { CountedFree(memory); }
 const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 }
 
 void* operator new(std::size_t size) {

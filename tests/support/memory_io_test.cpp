@@ -90,37 +90,6 @@ TEST_P(MemoryStream, SeeksFromThreeOrigins) {
   }
 }
 
-TEST_P(MemoryStream, ReadsUpToTheEnd) {
-  Open("abcdef");
-  EXPECT_EQ(Read(0), "");
-  EXPECT_EQ(Read(4), "abcd");
-  EXPECT_EQ(Read(4), "ef");
-  EXPECT_EQ(Position(), 6u);
-  EXPECT_EQ(Read(4), "");
-  Seek(0, INT64_MAX);
-  EXPECT_EQ(Read(4), "");
-  EXPECT_EQ(Position(), std::uint64_t{INT64_MAX});
-}
-
-TEST_P(MemoryStream, WritesOverAndBehindWithZerosInTheGap) {
-  struct Case {
-    std::int64_t position;
-    std::string_view bytes;
-    std::string content;
-  };
-  using namespace std::string_literals;
-  for (const Case& c :
-       {Case{1, "XY", "aXYdef"}, Case{6, "XY", "abcdefXY"}, Case{5, "XY", "abcdeXY"},
-        Case{9, "XY", "abcdef\0\0\0XY"s}, Case{9, "", "abcdef\0\0\0"s}, Case{3, "", "abcdef"}}) {
-    Open("abcdef");
-    Seek(0, c.position);
-    EXPECT_EQ(Write(c.bytes), zel::sOk);
-    EXPECT_EQ(written, c.bytes.size());
-    EXPECT_EQ(Position(), static_cast<std::uint64_t>(c.position) + c.bytes.size());
-    EXPECT_EQ(Content(), c.content);
-  }
-}
-
 TEST_P(MemoryStream, SizeBeyondMemoryIsACodeAndChangesNothing) {
   Open("abcdef");
   for (const std::uint64_t size :
@@ -133,18 +102,6 @@ TEST_P(MemoryStream, SizeBeyondMemoryIsACodeAndChangesNothing) {
   EXPECT_EQ(Write(""), zel::eOutOfMemory);
   EXPECT_EQ(Position(), std::uint64_t{INT64_MAX});
   EXPECT_EQ(Content(), "abcdef");
-}
-
-TEST_P(MemoryStream, CutBelowThePositionKeepsThePosition) {
-  Open("a text that is longer than the buffer inside");
-  Seek(0, 6);
-  EXPECT_EQ(stream->SetSize(3), zel::sOk);
-  EXPECT_EQ(Position(), 6u);
-  EXPECT_EQ(Read(1), "");
-  EXPECT_EQ(Content(), "a t");
-  EXPECT_EQ(Write("!"), zel::sOk);
-  EXPECT_EQ(Content(), std::string("a t\0\0\0!", 7)) << "what was cut off doesn't come back";
-  EXPECT_EQ(stream->Flush(), zel::sOk);
 }
 
 TEST_P(MemoryStream, OffersTwoIdsOfOneInterface) {
@@ -249,17 +206,6 @@ TEST(MemoryIO, OwnCopyThatFailsHandsTheStreamOverAllTheSame) {
   stream->GetSize(&size);
   EXPECT_EQ(size, 0u);
   text.allocator = zel::Allocator<char>();
-}
-
-TEST(MemoryIO, NoMemoryForTheStreamMakesNone) {
-  const std::uint32_t before = zel::ModuleObjectCount;
-  zel::string text("text");
-  IIO* out = nullptr;
-  FailAllocationAfter(0);
-  EXPECT_EQ(CreateIOFromBuffer(&text, &out), zel::eOutOfMemory);
-  EXPECT_TRUE(StopFailingAllocations());
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(zel::ModuleObjectCount, before);
 }
 
 // A stream of fixed size, or one whose SetSize answers otherwise.

@@ -117,41 +117,38 @@ TEST(TraceStream, ReservationThatWouldOverflowChangesNothing) {
 }
 
 TEST(TraceStream, WritesNumbers) {
-  constexpr std::uint32_t right = 0x80;
+  constexpr std::uint32_t left = TraceStream::adjustLeft, internal = TraceStream::adjustInternal;
+  constexpr std::uint32_t octal = TraceStream::radixOctal, hex = TraceStream::radixHexadecimal;
+  constexpr std::uint32_t base = TraceStream::showBase;
   struct Case {
     std::uint32_t flags;
     std::uint64_t width;
     std::int32_t value;
-    std::string_view asInt32, asUInt32;
+    std::string_view text;
   };
   for (const Case& c :
-       {Case{0x201, 0, 0, "0", "0"}, Case{0x201, 0, INT32_MIN, "-2147483648", "2147483648"},
-        Case{0x201, 0, -1, "-1", "4294967295"}, Case{0x201, 5, -42, "__-42", "4294967254"},
-        Case{0x200 | TraceStream::adjustLeft, 5, -42, "-42__", "4294967254"},
-        Case{0x200 | TraceStream::adjustInternal, 5, -42, "-__42", "4294967254"},
-        Case{TraceStream::radixHexadecimal | TraceStream::showBase, 0, -1, "0xffffffff", "0xffffffff"},
-        Case{TraceStream::radixHexadecimal | TraceStream::showBase | TraceStream::adjustInternal, 6, 0xab,
-             "0x__ab", "0x__ab"},
-        Case{TraceStream::radixOctal | TraceStream::showBase | right, 6, 8, "___010", "___010"},
-        Case{TraceStream::radixOctal, 0, INT32_MIN, "20000000000", "20000000000"},
-        Case{TraceStream::showBase, 0, 7, "7", "7"}}) {
+       {Case{0x201, 0, 0, "0"}, Case{0x201, 0, INT32_MIN, "-2147483648"}, Case{0x201, 5, -42, "__-42"},
+        Case{left, 5, -42, "-42__"}, Case{internal, 5, -42, "-__42"}, Case{hex | base, 0, -1, "0xffffffff"},
+        Case{hex | base | internal, 6, 0xab, "0x__ab"}, Case{octal | base, 6, 8, "___010"},
+        Case{octal, 0, INT32_MIN, "20000000000"}, Case{base, 0, 7, "7"}}) {
     RecordingTracer tracer;
-    const auto put = [&](auto&& number) {
-      return Line(tracer, [&](TraceStream& stream) {
-        stream.flags = c.flags;
-        stream.width = c.width;
-        stream.fill = '_';
-        number(stream);
-        EXPECT_EQ(stream.width, 0u);
-      });
-    };
-    EXPECT_EQ(put([&](TraceStream& stream) { stream.PutInt32(c.value); }), c.asInt32);
-    EXPECT_EQ(put([&](TraceStream& stream) { stream.PutUInt32(static_cast<std::uint32_t>(c.value)); }),
-              c.asUInt32);
+    EXPECT_EQ(Line(tracer,
+                   [&](TraceStream& stream) {
+                     stream.flags = c.flags;
+                     stream.width = c.width;
+                     stream.fill = '_';
+                     stream.PutInt32(c.value);
+                     EXPECT_EQ(stream.width, 0u);
+                   }),
+              c.text);
   }
   RecordingTracer tracer;
-  EXPECT_EQ(Line(tracer, [](TraceStream& stream) { stream.PutUInt64(0).PutText(" ").PutUInt64(UINT64_MAX); }),
-            "0 18446744073709551615");
+  EXPECT_EQ(Line(tracer,
+                 [](TraceStream& stream) {
+                   stream.PutUInt32(0).PutUInt64(0).PutText(" ").PutUInt32(UINT32_MAX).PutText(" ");
+                   stream.PutUInt64(UINT64_MAX);
+                 }),
+            "00 4294967295 18446744073709551615");
 }
 
 TEST(TraceStream, WritesWideTextAsUtf8PaddedByItsUnits) {
