@@ -62,7 +62,7 @@ void HostKit::RegisterServices(const HostKitOptions& options) {
   locator.Register<zel::ITracer>(tracer_);
   locator.Register<crypto::hash::IHashCalculatorFactory>(MakeObject<HashService>());
   locator.Register<orvel::IQueueFactory>(queues_);
-  locator.Register<network_services::IHttpClientFactory>(http_);
+  locator.Register<network_services::IHttpClientFactory>(MakeObject<StoppableHttpFactory>(http_, httpStop_));
   locator.Register<zel::ITimerService>(timer_);
   locator.Register<orvel::IExecutionModeProvider>(mode_);
   locator.Register<zel::IJsonStorageFactory>(CreateJsonStorageFactory());
@@ -120,6 +120,7 @@ bool HostKit::Close() {
   // The sender's last Release ends a cycle in progress and writes what is in memory into the queues. Behind
   // it nobody arms the timer, and the HTTP client, which went with the sender, has ended its requests; once
   // the timer's thread has ended too, no thread is left in the module's code.
+  httpStop_->Stop();
   senderSettings_.Reset();
   sender_.Reset();
   timer_.Reset();

@@ -14,6 +14,7 @@
 #include "contract/sender.h"
 #include "host/allocator/heap_allocator.h"
 #include "host/kit/host_kit_options.h"
+#include "host/kit/stoppable_http.h"
 #include "host/kit/submission_watch.h"
 #include "host/locator/service_locator.h"
 #include "host/mode/execution_mode.h"
@@ -73,6 +74,7 @@ class HostKit {
   zel::Ref<LineTracer> tracer_;
   zel::Ref<QueueService> queues_;
   zel::Ref<HttpClientFactory> http_;
+  const std::shared_ptr<HttpStop> httpStop_ = std::make_shared<HttpStop>();
   zel::Ref<TimerService> timer_;
   zel::Ref<ExecutionMode> mode_;
   zel::Ref<ServiceLocator> locator_;

@@ -133,9 +133,7 @@ TEST_F(Kit, GateHoldsSendingBackButNotStoring) {
   EXPECT_EQ(server->StoredItems(), 1u);
 }
 
-// As a rule it takes no time at all. But a cancel that falls between the start of the request and its wait
-// finds nothing to cancel, and then the wait runs to its end of 5 seconds.
-TEST_F(Kit, CloseOutlastsOneWaitAtMostWhenTheServerNeverAnswers) {
+TEST_F(Kit, CloseDoesNotWaitForAServerThatNeverAnswers) {
   tests::ScriptedServer server([](const auto&) {
     return tests::ScriptedReply{"", tests::ScriptedReply::never};
   });
@@ -146,7 +144,7 @@ TEST_F(Kit, CloseOutlastsOneWaitAtMostWhenTheServerNeverAnswers) {
   kit.SubmitJson("", R"({"n":2})");
   const auto begin = steady_clock::now();
   EXPECT_TRUE(kit.Close());
-  EXPECT_LT(steady_clock::now() - begin, seconds(8));
+  EXPECT_LT(steady_clock::now() - begin, seconds(4));
   HostKit again(Options({{server.Url()}}));
   EXPECT_EQ(again.Queues().TotalWaiting().items, 2);
 }
