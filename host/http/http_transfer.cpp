@@ -31,6 +31,8 @@ bool IsHeaderLine(const std::string& line) {
          line.find_first_of(std::string_view("\r\n\0", 3)) == line.npos;
 }
 
+const char* OrNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
+
 }  // namespace
 
 HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
@@ -87,11 +89,10 @@ void HttpTransfer::SetHeaders() {
 }
 
 void HttpTransfer::SetBody() {
-  std::uint64_t size = 0;
-  const zel::ResultCode code = request_->GetContent().body->GetSize(&size);
+  const zel::ResultCode code = request_->GetContent().body->GetSize(&bodySize_);
   if (zel::Failed(code)) throw HttpTransferRefused{code, "the size of the body can't be had"};
   Set(CURLOPT_POST, 1L);
-  Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
+  Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodySize_));
   Set(CURLOPT_READFUNCTION, &HttpTransfer::ReadBody);
   Set(CURLOPT_READDATA, static_cast<void*>(this));
   Set(CURLOPT_SEEKFUNCTION, &HttpTransfer::SeekBody);
@@ -116,15 +117,24 @@ void HttpTransfer::SetProxy() {
 
 void HttpTransfer::SetTls() {
   Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  Set(CURLOPT_PROXY_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  SetTrust();
+  SetOwnTrust();
+}
+
+void HttpTransfer::SetTrust() {
   const HttpClientOptions& options = shared_.options;
-  const auto own = certificates_ ? certificates_->find(request_->GetContent().urlText)
-                                 : CertificateTable::const_iterator();
-  if (!certificates_ || own == certificates_->end()) {
-    if (options.caFile.empty() && options.caDirectory.empty()) return;
-    Set(CURLOPT_CAINFO, options.caFile.empty() ? nullptr : options.caFile.c_str());
-    Set(CURLOPT_CAPATH, options.caDirectory.empty() ? nullptr : options.caDirectory.c_str());
-    return;
-  }
+  if (options.caFile.empty() && options.caDirectory.empty()) return;
+  for (const CURLoption file : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO}) Set(file, OrNull(options.caFile));
+  for (const CURLoption folder : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH})
+    Set(folder, OrNull(options.caDirectory));
+}
+
+// Puts the url's own certificates, if it has any, in place of the trusted ones.
+void HttpTransfer::SetOwnTrust() {
+  if (!certificates_) return;
+  const auto own = certificates_->find(request_->GetContent().urlText);
+  if (own == certificates_->end()) return;
   const CertificateSet& set = own->second;
   if (!set.pins.empty()) Set(CURLOPT_PINNEDPUBLICKEY, set.pins.c_str());
   if (set.caPem.empty()) {
@@ -132,7 +142,7 @@ void HttpTransfer::SetTls() {
     Set(CURLOPT_SSL_VERIFYHOST, 0L);
     return;
   }
-  // The path of the system's certificates would count beside the blob.
+  // The folder of trusted certificates would count beside the blob.
   Set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
   Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   curl_blob blob = {const_cast<char*>(set.caPem.data()), set.caPem.size(), CURL_BLOB_NOCOPY};
@@ -153,15 +163,22 @@ std::size_t HttpTransfer::ReadBody(char* buffer, std::size_t size, std::size_t c
   const auto room = static_cast<std::uint32_t>(std::min<std::size_t>(size * count, UINT32_MAX));
   transfer.bodyFailure_ =
       Guarded([&] { return transfer.request_->GetContent().body->Read(buffer, room, &bytesRead); });
-  return zel::Failed(transfer.bodyFailure_) ? CURL_READFUNC_ABORT : bytesRead;
+  // A body that ends early would leave the server waiting for the rest.
+  const bool cut = bytesRead == 0 && transfer.bodyPosition_ < transfer.bodySize_;
+  if (cut && !zel::Failed(transfer.bodyFailure_)) transfer.bodyFailure_ = zel::eUnexpected;
+  if (zel::Failed(transfer.bodyFailure_)) return CURL_READFUNC_ABORT;
+  transfer.bodyPosition_ += bytesRead;
+  return bytesRead;
 }
 
 // libcurl goes back to the start where a kept connection turns out to have been closed.
 int HttpTransfer::SeekBody(void* self, curl_off_t offset, int origin) noexcept {
   auto& transfer = *static_cast<HttpTransfer*>(self);
+  std::uint64_t position = 0;
   const zel::ResultCode code = Guarded([&] {
-    return transfer.request_->GetContent().body->Seek(static_cast<std::uint32_t>(origin), offset, nullptr);
+    return transfer.request_->GetContent().body->Seek(static_cast<std::uint32_t>(origin), offset, &position);
   });
+  transfer.bodyPosition_ = position;
   return zel::Failed(code) ? CURL_SEEKFUNC_FAIL : CURL_SEEKFUNC_OK;
 }
 

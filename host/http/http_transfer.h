@@ -44,6 +44,8 @@ class HttpTransfer {
   void SetLimits();
   void SetProxy();
   void SetTls();
+  void SetTrust();
+  void SetOwnTrust();
 
   static std::size_t ReadBody(char* buffer, std::size_t size, std::size_t count, void* self) noexcept;
   static int SeekBody(void* self, curl_off_t offset, int origin) noexcept;
@@ -66,6 +68,8 @@ class HttpTransfer {
   std::string scheme_;
   bool headersComplete_ = false;
   std::uint64_t answerBytes_ = 0;
+  std::uint64_t bodySize_ = 0;
+  std::uint64_t bodyPosition_ = 0;
   zel::ResultCode bodyFailure_ = zel::sOk;
   std::array<char, CURL_ERROR_SIZE> errorText_ = {};
   List headers_;

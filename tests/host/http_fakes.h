@@ -103,7 +103,7 @@ class TextBody final : public host::HostObject<zel::IIO> {
     return zel::sOk;
   }
   zel::ResultCode GetSize(std::uint64_t* out) override {
-    *out = text_.size();
+    *out = text_.size() + sizeBeyondText;
     return zel::sOk;
   }
   zel::ResultCode Write(const void*, std::uint32_t, std::uint32_t*) override { return Unwanted(); }
@@ -116,6 +116,7 @@ class TextBody final : public host::HostObject<zel::IIO> {
   }
 
   zel::ResultCode failsWith = zel::sOk;
+  std::uint64_t sizeBeyondText = 0;  // a stream that claims more than it gives
 
  private:
   static zel::ResultCode Unwanted() {
