@@ -1,17 +1,19 @@
 // The looks that people take into a store; see queue_store.h.
 #include "host/queue/queue_store.h"
+#include "host/queue/store_opening.h"
 
 namespace veld_report::host {
 
 std::vector<QueueInfo> QueueStore::ListQueues() {
   const std::lock_guard lock(mutex_);
   Flush();
-  const std::int64_t nowMs = NowMs();
+  Refresh();
+  const std::int64_t nowMs = NowMs(options_);
   std::vector<QueueInfo> result;
   for (const auto& [name, queue] : queues_) {
     if (!queue.present) continue;
     QueueInfo info{name, queue.ledger.waiting.items, queue.ledger.waiting.bytes, std::nullopt};
-    if (const auto oldestMs = file_.OldestMs(queue.id)) info.oldestAgeMs = nowMs - *oldestMs;
+    if (const auto oldestMs = file_->OldestMs(queue.id)) info.oldestAgeMs = nowMs - *oldestMs;
     result.push_back(std::move(info));
   }
   return result;
@@ -20,23 +22,32 @@ std::vector<QueueInfo> QueueStore::ListQueues() {
 std::vector<PeekedItem> QueueStore::Peek(const std::string& name, std::size_t count) {
   const std::lock_guard lock(mutex_);
   Flush();
+  Refresh();
   std::vector<PeekedItem> result;
   const auto found = queues_.find(name);
   if (found == queues_.end() || found->second.id == 0 || found->second.removalBuffered) return result;
   std::uint64_t after = 0;
   while (result.size() < count) {
-    const auto row = file_.NextItem(found->second.id, after);
+    const auto row = file_->NextItem(found->second.id, after);
     if (!row) break;
     after = row->token;
     if (writer_.IsDeleted(row->token)) continue;
     result.push_back({row->token, row->enqueuedMs, std::string(row->data.begin(), row->data.end())});
   }
-  file_.Finish();
+  file_->Finish();
   return result;
+}
+
+std::uint64_t QueueStore::LastToken() {
+  const std::lock_guard lock(mutex_);
+  Flush();
+  constexpr char sql[] = "SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'items'";
+  return static_cast<std::uint64_t>(file_->Connection().QueryInteger(sql));
 }
 
 ItemCount QueueStore::TotalWaiting() {
   const std::lock_guard lock(mutex_);
+  Refresh();
   ItemCount total;
   for (const auto& [name, queue] : queues_) total += queue.ledger.waiting;
   return total;
@@ -44,11 +55,19 @@ ItemCount QueueStore::TotalWaiting() {
 
 std::map<std::string, QueueLedger> QueueStore::Ledgers() {
   const std::lock_guard lock(mutex_);
+  Refresh();
   std::map<std::string, QueueLedger> result;
   for (const auto& [name, queue] : queues_) {
     if (!(queue.ledger == QueueLedger{})) result.emplace(name, queue.ledger);
   }
   return result;
+}
+
+bool QueueStore::Compact(bool rebuild) {
+  const std::lock_guard lock(mutex_);
+  if (!Flush()) return false;
+  file_->Compact(rebuild);
+  return true;
 }
 
 }  // namespace veld_report::host

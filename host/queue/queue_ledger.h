@@ -3,7 +3,8 @@
 // The rule that holds at every moment, in memory and in the file: every item that was offered is accounted
 // for once. An item that is refused counts as accepted and rejected, so that losses show on both sides:
 //   accepted = delivered + evicted + rejected + removed + waiting        (in items, and in bytes)
-// `returned` counts claims that were given back; those items go on waiting, so it stands outside the rule.
+// The other figures stand outside the rule: `returned` counts claims that were given back, whose items go on
+// waiting; `expired` is a part of evicted and `damaged` a part of removed.
 #pragma once
 
 #include <array>
@@ -32,13 +33,15 @@ struct QueueLedger {
   ItemCount removed{};    // went with their queue
   ItemCount waiting{};    // stand in the queue
   ItemCount returned{};   // claims given back by ReturnItem
+  ItemCount expired{};    // of evicted: dropped because they were too old
+  ItemCount damaged{};    // of removed: stood in a damaged file and couldn't be read any more
 
-  static constexpr std::size_t figures = 7;
+  static constexpr std::size_t figures = 9;
   std::array<ItemCount*, figures> All() {
-    return {&accepted, &delivered, &evicted, &rejected, &removed, &waiting, &returned};
+    return {&accepted, &delivered, &evicted, &rejected, &removed, &waiting, &returned, &expired, &damaged};
   }
   std::array<const ItemCount*, figures> All() const {
-    return {&accepted, &delivered, &evicted, &rejected, &removed, &waiting, &returned};
+    return {&accepted, &delivered, &evicted, &rejected, &removed, &waiting, &returned, &expired, &damaged};
   }
 
   QueueLedger& operator+=(const QueueLedger& other) {
@@ -48,6 +51,14 @@ struct QueueLedger {
     return *this;
   }
   bool operator==(const QueueLedger&) const = default;
+
+  // Books an item that leaves the queue, or the opposite for a negative count. `kind`: delivered, evicted or
+  // expired.
+  void Leave(ItemCount QueueLedger::*kind, ItemCount item) {
+    this->*kind += item;
+    if (kind == &QueueLedger::expired) evicted += item;
+    waiting += -item;
+  }
   bool IsBalanced() const {
     ItemCount sum = delivered;
     for (const ItemCount* part : {&evicted, &rejected, &removed, &waiting}) sum += *part;

@@ -4,6 +4,8 @@
 
 #include "host/base/text.h"
 #include "host/base/trace_line.h"
+#include "host/queue/store_layout.h"
+#include "host/queue/store_maintenance.h"
 
 namespace veld_report::host {
 namespace {
@@ -73,28 +75,22 @@ class Manager final : public HostObject<orvel::IQueueManager> {
   const std::shared_ptr<QueueStore> store_;
 };
 
-std::shared_ptr<FileLock> LockFolder(const std::filesystem::path& folder) {
-  std::string holder;
-  FileLock lock = FileLock::Try(folder / "store.lock", FileLock::Kind::kExclusive, &holder);
-  if (!lock) {
-    throw StoreError("the store in " + folder.string() + " is in use by process " +
-                     (holder.empty() ? "(unknown)" : holder) +
-                     ": end that process first, or choose another folder");
-  }
-  return std::make_shared<FileLock>(std::move(lock));
+std::shared_ptr<FileLock> LockFolder(const QueueServiceOptions& options) {
+  if (options.inspectOnly) return std::make_shared<FileLock>();
+  const auto kind = options.shared ? FileLock::Kind::kShared : FileLock::Kind::kExclusive;
+  return std::make_shared<FileLock>(LockStoreFolder(options.folder, kind));
 }
 
 }  // namespace
 
 zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& options) {
   if (options.folder.empty()) throw StoreError("no folder for the store was given: name one");
-  PrepareStoreFolder(options.folder);
-  auto service = MakeObject<QueueService>(options, LockFolder(options.folder));
-  for (const auto& entry : std::filesystem::directory_iterator(options.folder)) {
-    const std::filesystem::path& file = entry.path();
-    if (file.extension() != ".queue" || !IsSafeDomainName(file.stem().string())) continue;
-    service->Store(file.stem().string());
+  if (!options.inspectOnly) PrepareStoreFolder(options.folder);
+  if (!std::filesystem::is_directory(options.folder)) {
+    throw StoreError("there is no folder " + options.folder.string() + ": name the folder of the store");
   }
+  auto service = MakeObject<QueueService>(options, LockFolder(options));
+  for (const std::string& domain : StoredDomains(options.folder)) service->Store(domain);
   return service;
 }
 
@@ -121,9 +117,10 @@ std::shared_ptr<QueueStore> QueueService::Store(const std::string& domain) {
 }
 
 template <class Body>
-zel::ResultCode QueueService::WithStore(const zel::string& domain, Body&& body) {
+zel::ResultCode QueueService::WithStore(const zel::string& domain, bool needsWriting, Body&& body) {
   return Guarded([&] {
     if (!IsSafeDomainName(View(domain))) return zel::eInvalidArgument;
+    if (options_.inspectOnly && needsWriting) return zel::eNotSupported;
     try {
       body(Store(ToStd(domain)));
     } catch (const std::runtime_error& error) {
@@ -136,21 +133,21 @@ zel::ResultCode QueueService::WithStore(const zel::string& domain, Body&& body) 
 
 zel::ResultCode QueueService::CreateAckConsumer(const zel::string& domain, const zel::string& queueName,
                                                 orvel::IAckConsumer** out) {
-  return WithStore(domain, [&](std::shared_ptr<QueueStore> store) {
+  return WithStore(domain, true, [&](std::shared_ptr<QueueStore> store) {
     *out = MakeObject<Reader>(std::move(store), ToStd(queueName)).Detach();
   });
 }
 
 zel::ResultCode QueueService::CreateProducer(const zel::string& domain, const zel::string& queueName,
                                              std::uint32_t sizeLimitBytes, orvel::IQueueProducer** out) {
-  return WithStore(domain, [&](std::shared_ptr<QueueStore> store) {
+  return WithStore(domain, true, [&](std::shared_ptr<QueueStore> store) {
     QueueState& queue = store->OpenQueue(ToStd(queueName));
     *out = MakeObject<Producer>(std::move(store), queue, sizeLimitBytes).Detach();
   });
 }
 
 zel::ResultCode QueueService::CreateQueueManager(const zel::string& domain, orvel::IQueueManager** out) {
-  return WithStore(domain, [&](std::shared_ptr<QueueStore> store) {
+  return WithStore(domain, false, [&](std::shared_ptr<QueueStore> store) {
     *out = MakeObject<Manager>(std::move(store)).Detach();
   });
 }
@@ -164,6 +161,8 @@ std::vector<PeekedItem> QueueService::PeekItems(const std::string& queueName, st
   return Store(domain)->Peek(queueName, count);
 }
 
+std::uint64_t QueueService::LastToken(const std::string& domain) { return Store(domain)->LastToken(); }
+
 ItemCount QueueService::TotalWaiting(const std::string& domain) { return Store(domain)->TotalWaiting(); }
 
 std::map<std::string, QueueLedger> QueueService::Ledgers(const std::string& domain) {
@@ -171,12 +170,36 @@ std::map<std::string, QueueLedger> QueueService::Ledgers(const std::string& doma
 }
 
 bool QueueService::ClearQueue(const std::string& queueName, const std::string& domain) {
-  return Store(domain)->RemoveQueue(queueName) == zel::sOk;
+  RequireWritable();
+  const auto store = Store(domain);
+  if (store->RemoveQueue(queueName) != zel::sOk) return false;
+  Compact(*store, false);
+  return true;
 }
 
-void QueueService::ClearAll(const std::string& domain) {
+void QueueService::Forget(const std::string& domain) {
+  RequireWritable();
   const auto store = Store(domain);
   for (const std::string& name : store->QueueNames()) store->RemoveQueue(name);
+  const auto file = StoreFilePath(options_.folder, domain);
+  for (const auto& damaged : DamagedFilesOf(file)) DeleteDamagedFile(damaged);
+  RemoveEarlierLayoutCopies(file);
+  Compact(*store, true);
+}
+
+// A store that others write can't be emptied by one that only looks.
+void QueueService::RequireWritable() const {
+  if (options_.inspectOnly) throw StoreError("the store was opened for a look only: open it for writing");
+}
+
+void QueueService::Compact(QueueStore& store, bool rebuild) {
+  try {
+    if (store.Compact(rebuild)) return;
+  } catch (const SqliteError& error) {
+    throw StoreError(std::string("what was removed may still be readable: ") + error.what() +
+                     "; make room on the disk and try again");
+  }
+  throw StoreError("the store can't be written: make room on its disk and try again");
 }
 
 bool QueueService::Commit(const std::string& domain) { return Store(domain)->Commit(); }

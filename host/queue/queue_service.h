@@ -48,13 +48,19 @@ class QueueService final : public HostObject<orvel::IQueueFactory> {
   // The oldest `count` items of a queue, claimed ones included.
   std::vector<PeekedItem> PeekItems(const std::string& queueName, std::size_t count,
                                     const std::string& domain = defaultDomain);
+  // The token of the youngest item that was ever written to the file, 0 if there was none. Behind a Commit
+  // that answered true it covers all that was accepted before: what has a greater token came later.
+  std::uint64_t LastToken(const std::string& domain = defaultDomain);
   ItemCount TotalWaiting(const std::string& domain = defaultDomain);
   // The ledger of every queue name that has ever been used (queue_ledger.h).
   std::map<std::string, QueueLedger> Ledgers(const std::string& domain = defaultDomain);
 
-  // Removes a queue and its items. Returns whether there was one.
+  // Removes a queue and its items, also from the log. Returns whether there was one.
   bool ClearQueue(const std::string& queueName, const std::string& domain = defaultDomain);
-  void ClearAll(const std::string& domain = defaultDomain);
+  // Removes all queues and leaves nothing readable of any item behind: the file is written anew, the log
+  // emptied, and what was ever moved aside of the domain is deleted. The ledger's figures stay. Throws if
+  // that can't be done now; then what was removed stays removed.
+  void Forget(const std::string& domain = defaultDomain);
   // Writes what is buffered. Returns whether everything that was accepted stands in the file.
   bool Commit(const std::string& domain = defaultDomain);
 
@@ -65,7 +71,9 @@ class QueueService final : public HostObject<orvel::IQueueFactory> {
   std::shared_ptr<QueueStore> Store(const std::string& domain);
   // Runs `body` with the domain's store; failures become a trace line and a code.
   template <class Body>
-  zel::ResultCode WithStore(const zel::string& domain, Body&& body);
+  zel::ResultCode WithStore(const zel::string& domain, bool needsWriting, Body&& body);
+  void RequireWritable() const;
+  static void Compact(QueueStore& store, bool rebuild);
 
   const QueueServiceOptions options_;
   const std::shared_ptr<FileLock> folderLock_;

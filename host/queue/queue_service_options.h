@@ -25,6 +25,25 @@ struct QueueServiceOptions {
   // Every transaction is synced: it survives a crash of the machine, at the price of a sync each.
   bool syncEveryCommit = false;
 
+  // An item that is older is dropped when it comes up for reading, and counted as evicted and expired; 0:
+  // never.
+  std::chrono::milliseconds maxAge{0};
+  // Room for the items of all queues of a domain together, in bytes; 0: no limit. An item for which there is
+  // no room makes the service drop the oldest items of whichever queue is largest, and count them as evicted,
+  // so one queue in trouble can't keep the others out. 0x80000062 if not even that makes room.
+  std::uint64_t storeLimitBytes = 0;
+
+  // Several processes may have the folder open, all of them with `shared` set. All may push. What is waiting
+  // is sent by one at a time: a reader that doesn't make room finds nothing while readers of another process
+  // are alive. The limits hold up to what the processes have in their groups.
+  // Not set, a second process gets an error.
+  bool shared = false;
+  // For a look beside a running process: nothing is locked, made, repaired or written, and pushing, reading
+  // and removing answer 0x80000042.
+  bool inspectOnly = false;
+  // Whether a store's structure is checked whenever it is opened; costs a pass over the file.
+  bool checkAtOpen = true;
+
   // Gets failures, and what a person should know; may be null. Called on any thread, also while a lock of the
   // store is held.
   zel::Ref<zel::ITracer> tracer{};

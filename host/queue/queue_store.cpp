@@ -1,11 +1,13 @@
 #include "host/queue/queue_store.h"
 
 #include <algorithm>
-#include <atomic>
 #include <utility>
 
 #include "host/base/service_thread.h"
 #include "host/base/trace_line.h"
+#include "host/queue/queue_refusal.h"
+#include "host/queue/store_layout.h"
+#include "host/queue/store_opening.h"
 
 namespace veld_report::host {
 namespace {
@@ -15,28 +17,6 @@ constexpr std::chrono::milliseconds retryDelay{100};
 // Below SQLite's own limit of 10^9 bytes a row. A larger item would stay in the buffer for ever.
 constexpr std::size_t largestItem = 999'000'000;
 
-std::uint64_t NextNumber() {
-  static constinit std::atomic<std::uint64_t> last{0};
-  return last.fetch_add(1, std::memory_order_relaxed) + 1;
-}
-
-// A number of the calling thread that no other thread ever has, unlike std::thread::id.
-std::uint64_t ThreadNumber() {
-  thread_local const std::uint64_t number = NextNumber();
-  return number;
-}
-
-// The last call of this thread to a store, if it was a Push that answered out of space.
-struct Refusal {
-  std::uint64_t store = 0;
-  const QueueState* queue = nullptr;
-  ItemCount item;
-};
-thread_local constinit Refusal lastRefusal;
-
-// Every operation calls it first, so that only the very next call sees a refusal.
-Refusal TakeRefusal() { return std::exchange(lastRefusal, Refusal{}); }
-
 }  // namespace
 
 QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem::path& file,
@@ -45,34 +25,55 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
       path_(file),
       folderLock_(std::move(folderLock)),
       id_(NextNumber()),
-      file_((PreparePrivateFile(file), file), options.syncEveryCommit, options.vfs),
-      writer_(file_) {
-  for (QueueRow& row : file_.LoadQueues()) {
-    QueueState& queue = FindOrAdd(row.name);
-    queue.id = row.id;
-    queue.present = row.present;
-    queue.ledger = row.ledger;
-  }
-  committer_ = StartServiceThread("veld-store", [this] { RunCommitter(); });
+      reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
+      file_(OpenStoreFile(options, file, *folderLock_, reserve_)),
+      writer_(*file_, reserve_) {
+  AdoptRows();
+  if (!options_.inspectOnly) committer_ = StartServiceThread("veld-store", [this] { RunCommitter(); });
 }
 
 QueueStore::~QueueStore() {
+  if (options_.inspectOnly) return;
   {
     const std::lock_guard lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_all();
   committer_.join();
-  if (!Flush()) Trace(failureLevel, std::to_string(writer_.BufferedItems()) + " items are lost at the end");
+  if (Flush()) {
+    RemoveEarlierLayoutCopies(path_);
+  } else {
+    Trace(failureLevel, std::to_string(writer_.BufferedItems()) + " items couldn't be written and are lost");
+  }
+}
+
+void QueueStore::AdoptRows() {
+  dataVersion_ = file_->DataVersion();
+  for (const QueueRow& row : file_->LoadQueues()) {
+    QueueState& queue = FindOrAdd(row.name);
+    queue.id = row.id;
+    if (!queue.presence) queue.present = row.present;
+    queue.ledger = writer_.WithBuffered(queue, row.ledger);
+  }
+}
+
+// Other processes change the figures only where the store is shared.
+void QueueStore::Refresh() {
+  if (!options_.shared && !options_.inspectOnly) return;
+  try {
+    if (file_->DataVersion() != dataVersion_) AdoptRows();
+  } catch (const SqliteError& error) {
+    Trace(failureLevel, std::string("can't look for what other processes have written: ") + error.what());
+  }
 }
 
 QueueState& QueueStore::OpenQueue(const std::string& name) {
   TakeRefusal();
   const std::lock_guard lock(mutex_);
   QueueState& queue = FindOrAdd(name);
+  Refresh();
   if (!queue.present) {
-    writer_.Touch(queue);
-    queue.present = true;
+    writer_.SetPresence(queue, true);
     CommitIfDue();
   }
   return queue;
@@ -88,15 +89,10 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
     Reject(queue, item);
     return zel::eInvalidArgument;
   }
-  if (queue.ledger.waiting.bytes + item.bytes > std::int64_t{sizeLimitBytes}) {
-    Reject(queue, item);
-    const std::uint64_t thread = ThreadNumber();
-    const auto own = std::ranges::find(queue.evictions, thread, &QueueState::Eviction::thread);
-    if (own != queue.evictions.end()) {
-      own->refused = item;
-    } else {
-      lastRefusal = {id_, &queue, item};
-    }
+  Refresh();
+  if (queue.ledger.waiting.bytes + item.bytes > std::int64_t{sizeLimitBytes} ||
+      !MakeRoomInStore(item.bytes)) {
+    Refuse(queue, item);
     return zel::eOutOfSpace;
   }
   if (IsRefusingWrites()) {
@@ -106,9 +102,18 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
   return StoreItem(queue, data, item);
 }
 
+void QueueStore::Refuse(QueueState& queue, ItemCount item) {
+  Reject(queue, item);
+  const auto own = std::ranges::find(queue.evictions, ThreadNumber(), &QueueState::Eviction::thread);
+  if (own != queue.evictions.end()) {
+    own->refused = item;
+  } else {
+    RememberRefusal({id_, &queue, item});
+  }
+}
+
 zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item) {
-  writer_.AddItem(queue, NowMs(), data);
-  const bool wasPresent = std::exchange(queue.present, true);
+  writer_.AddItem(queue, NowMs(options_), data);
   queue.ledger.accepted += item;
   queue.ledger.waiting += item;
   const bool due = options_.commitEveryPush || writer_.Operations() >= options_.commitOperations;
@@ -119,11 +124,47 @@ zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::ui
   if (Flush()) return zel::sOk;
   // The others of the group have been answered 0 and stay in the buffer until they can be written.
   writer_.DropLastItem();
-  queue.present = wasPresent;
   queue.ledger.accepted += -item;
   queue.ledger.waiting += -item;
   Reject(queue, item);
   return zel::eNotReady;
+}
+
+// Keeps the whole store under its limit, at the cost of whichever queue is largest.
+bool QueueStore::MakeRoomInStore(std::int64_t bytes) {
+  const auto limit = static_cast<std::int64_t>(std::min<std::uint64_t>(options_.storeLimitBytes, INT64_MAX));
+  if (limit == 0) return true;
+  if (bytes > limit) return false;
+  while (true) {
+    std::int64_t total = bytes;
+    QueueState* largest = nullptr;
+    for (auto& [name, queue] : queues_) {
+      total += queue.ledger.waiting.bytes;
+      if (!largest || queue.ledger.waiting.bytes > largest->ledger.waiting.bytes) largest = &queue;
+    }
+    if (total <= limit) return true;
+    if (!largest || !EvictOldest(*largest)) return false;
+  }
+}
+
+bool QueueStore::EvictOldest(QueueState& queue) {
+  Flush();
+  if (queue.removalBuffered) return false;
+  try {
+    std::uint64_t after = 0;
+    while (const auto row = file_->NextItem(queue.id, after)) {
+      after = row->token;
+      const ItemCount item{1, static_cast<std::int64_t>(row->data.size())};
+      file_->Finish();
+      if (queue.claimed.contains(after) || writer_.IsDeleted(after)) continue;
+      writer_.AddDelete(queue, after, item, &QueueLedger::evicted);
+      queue.ledger.Leave(&QueueLedger::evicted, item);
+      return true;
+    }
+  } catch (const SqliteError& error) {
+    Trace(failureLevel, std::string("can't drop the oldest item: ") + error.what());
+  }
+  return false;
 }
 
 // While writes fail, items aren't taken in: each one would only make the loss at the end of the process
@@ -151,107 +192,11 @@ void QueueStore::TakeBackRejection(QueueState& queue) {
   Reject(queue, -item);
 }
 
-void QueueStore::OpenReader(const std::string& name, ReaderState* reader) {
-  const Refusal refusal = TakeRefusal();
-  const std::lock_guard lock(mutex_);
-  QueueState& queue = FindOrAdd(name);
-  reader->queue = &queue;
-  reader->generation = queue.generation;
-  reader->thread = ThreadNumber();
-  reader->evicting = refusal.store == id_ && refusal.queue == &queue;
-  if (reader->evicting) queue.evictions.push_back({reader, reader->thread, refusal.item});
-}
-
-zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t>* data,
-                                 std::uint64_t* token) {
-  TakeRefusal();
-  const std::lock_guard lock(mutex_);
-  // A failure is no reason to hold back what the file has: delivering goes on while a disk is full.
-  Flush();
-  try {
-    return ClaimNext(reader, data, token) ? zel::sOk : zel::eNotFound;
-  } catch (const SqliteError& error) {
-    Trace(failureLevel, std::string("can't read an item: ") + error.what());
-    return zel::eUnspecifiedError;
-  }
-}
-
-bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token) {
-  QueueState& queue = *reader.queue;
-  if (queue.id == 0 || queue.removalBuffered) return false;
-  if (reader.generation != queue.generation) {
-    reader.claims.clear();
-    reader.generation = queue.generation;
-  }
-  while (const auto row = file_.NextItem(queue.id, reader.cursor)) {
-    struct Finish {
-      StoreFile& file;
-      ~Finish() { file.Finish(); }
-    } const finish{file_};
-    reader.cursor = row->token;
-    if (queue.claimed.contains(row->token) || writer_.IsDeleted(row->token)) continue;
-    data->assign(row->data.data(), row->data.size());
-    reader.claims.emplace(row->token, static_cast<std::int64_t>(row->data.size()));
-    queue.claimed.insert(row->token);
-    *token = row->token;
-    return true;
-  }
-  return false;
-}
-
-bool QueueStore::ReleaseClaim(ReaderState& reader, std::uint64_t token, std::int64_t* bytes) {
-  if (reader.generation != reader.queue->generation) return false;
-  const auto claim = reader.claims.find(token);
-  if (claim == reader.claims.end()) return false;
-  *bytes = claim->second;
-  reader.claims.erase(claim);
-  reader.queue->claimed.erase(token);
-  return true;
-}
-
-zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
-  TakeRefusal();
-  const std::lock_guard lock(mutex_);
-  ItemCount item{1, 0};
-  if (!ReleaseClaim(reader, token, &item.bytes)) return zel::eNotFound;
-  const bool evicts = reader.evicting && reader.thread == ThreadNumber();
-  const auto kind = evicts ? &QueueLedger::evicted : &QueueLedger::delivered;
-  QueueState& queue = *reader.queue;
-  writer_.AddDelete(queue, token, item, kind);
-  queue.ledger.*kind += item;
-  queue.ledger.waiting += -item;
-  CommitIfDue();
-  return zel::sOk;
-}
-
-zel::ResultCode QueueStore::ReturnItem(ReaderState& reader, std::uint64_t token) {
-  TakeRefusal();
-  const std::lock_guard lock(mutex_);
-  ItemCount item{1, 0};
-  if (!ReleaseClaim(reader, token, &item.bytes)) return zel::eNotFound;
-  QueueState& queue = *reader.queue;
-  writer_.Touch(queue);
-  queue.ledger.returned += item;
-  queue.unwritten.returned += item;
-  CommitIfDue();
-  return zel::sOk;
-}
-
-void QueueStore::CloseReader(ReaderState& reader) {
-  TakeRefusal();
-  const std::lock_guard lock(mutex_);
-  QueueState& queue = *reader.queue;
-  if (reader.generation == queue.generation) {
-    for (const auto& claim : reader.claims) queue.claimed.erase(claim.first);
-  }
-  reader.claims.clear();
-  std::erase_if(queue.evictions, [&](const auto& eviction) { return eviction.reader == &reader; });
-  Flush();
-}
-
 zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
   TakeRefusal();
   const std::lock_guard lock(mutex_);
+  if (options_.inspectOnly) return zel::eNotSupported;
+  Refresh();
   const auto found = queues_.find(name);
   if (found == queues_.end() || !found->second.present) return zel::eNotFound;
   QueueState& queue = found->second;
@@ -259,7 +204,6 @@ zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
   writer_.AddRemoval(queue, waiting);
   queue.ledger.removed += waiting;
   queue.ledger.waiting = {};
-  queue.present = false;
   queue.claimed.clear();
   ++queue.generation;
   // Buffered if it fails: nobody reads what is gone, and the file follows when it can be written.
@@ -270,6 +214,7 @@ zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
 std::vector<std::string> QueueStore::QueueNames() {
   TakeRefusal();
   const std::lock_guard lock(mutex_);
+  Refresh();
   std::vector<std::string> names;
   for (const auto& [name, queue] : queues_) {
     if (queue.present) names.push_back(name);
@@ -328,12 +273,6 @@ void QueueStore::RunCommitter() {
       Flush();
     }
   }
-}
-
-std::int64_t QueueStore::NowMs() const {
-  if (options_.nowMs) return options_.nowMs();
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
 void QueueStore::Trace(std::uint32_t level, const std::string& line) const {

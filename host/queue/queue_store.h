@@ -12,6 +12,10 @@
 //   - a refused item counts as rejected at once. A further Push on the same queue and thread while the
 //     evicting reader lives is the same item again, so the earlier rejection is taken back first. Without an
 //     evicting reader each refused Push is a loss of its own.
+//
+// Several processes: the file and its write lock order their changes, and each process looks for those of the
+// others before it decides anything (Refresh). Claims of one process are unknown to the others, so readers
+// that send need the lease, a lock that a process holds as long as it has such readers.
 #pragma once
 
 #include <condition_variable>
@@ -66,7 +70,7 @@ class QueueStore {
   // and SqliteError.
   QueueStore(const QueueServiceOptions& options, const std::filesystem::path& file,
              std::shared_ptr<FileLock> folderLock);
-  // Writes what is buffered; what can't be written even then is traced.
+  // Writes what is buffered; what can't be written even then is traced. The copy of an earlier layout goes.
   ~QueueStore();
   QueueStore(const QueueStore&) = delete;
   QueueStore& operator=(const QueueStore&) = delete;
@@ -91,26 +95,36 @@ class QueueStore {
   std::vector<std::string> QueueNames();
   // Writes what is buffered. Returns whether all of it stands in the file.
   bool Commit();
+  // Writes what is buffered and empties the log; with `rebuild` also the file's free space goes. Returns
+  // false if what is buffered couldn't be written. Throws SqliteError.
+  bool Compact(bool rebuild);
 
   // For people; none of these claims an item.
   std::vector<QueueInfo> ListQueues();
   std::vector<PeekedItem> Peek(const std::string& name, std::size_t count);
+  std::uint64_t LastToken();
   ItemCount TotalWaiting();
   // Of every queue name that was ever used, removed ones included.
   std::map<std::string, QueueLedger> Ledgers();
 
  private:
   QueueState& FindOrAdd(const std::string& name);
+  void AdoptRows();
+  void Refresh();
   bool Flush();
   void CommitIfDue();
   bool IsRefusingWrites();
+  void Refuse(QueueState& queue, ItemCount item);
+  bool MakeRoomInStore(std::int64_t bytes);
+  bool EvictOldest(QueueState& queue);
+  bool IsExpired(const ItemRow& row) const;
+  bool HoldsLease();
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
   void TakeBackRejection(QueueState& queue);
   bool ReleaseClaim(ReaderState& reader, std::uint64_t token, std::int64_t* bytes);
   bool ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token);
   void RunCommitter();
-  std::int64_t NowMs() const;
   void Trace(std::uint32_t level, const std::string& line) const;
 
   const QueueServiceOptions options_;
@@ -120,8 +134,12 @@ class QueueStore {
 
   // Guards everything below; held across the file's operations.
   std::mutex mutex_;
-  StoreFile file_;
+  DiskReserve reserve_;
+  const std::unique_ptr<StoreFile> file_;
   QueueWriter writer_;
+  std::int64_t dataVersion_ = 0;
+  std::size_t sendingReaders_ = 0;
+  FileLock lease_;
   std::map<std::string, QueueState> queues_;
   bool failing_ = false;  // the last Flush failed, and that has been traced
   bool stopping_ = false;

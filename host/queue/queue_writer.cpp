@@ -13,8 +13,26 @@ void QueueWriter::Touch(QueueState& queue) {
   queue.dirty = true;
 }
 
-void QueueWriter::AddItem(QueueState& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data) {
+void QueueWriter::SetPresence(QueueState& queue, bool present) {
   Touch(queue);
+  queue.present = present;
+  queue.presence = present;
+}
+
+QueueLedger QueueWriter::WithBuffered(const QueueState& queue, const QueueLedger& row) const {
+  QueueLedger ledger = row;
+  ledger += queue.unwritten;
+  for (const Item& item : items_) {
+    if (item.queue != &queue) continue;
+    const ItemCount count{1, static_cast<std::int64_t>(item.size)};
+    ledger.accepted += count;
+    ledger.waiting += count;
+  }
+  return ledger;
+}
+
+void QueueWriter::AddItem(QueueState& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data) {
+  SetPresence(queue, true);
   items_.push_back({&queue, enqueuedMs, bytes_.size(), data.size()});
   try {
     bytes_.insert(bytes_.end(), data.begin(), data.end());
@@ -34,12 +52,11 @@ void QueueWriter::AddDelete(QueueState& queue, std::uint64_t token, ItemCount it
   Touch(queue);
   deletedTokens_.insert(token);
   deletes_.push_back({&queue, token, item, kind});
-  queue.unwritten.*kind += item;
-  queue.unwritten.waiting += -item;
+  queue.unwritten.Leave(kind, item);
 }
 
 ItemCount QueueWriter::AddRemoval(QueueState& queue, ItemCount waiting) {
-  Touch(queue);
+  SetPresence(queue, false);
   removals_.reserve(removals_.size() + 1);
   ItemCount buffered;
   std::erase_if(items_, [&](const Item& item) {
@@ -59,10 +76,26 @@ ItemCount QueueWriter::AddRemoval(QueueState& queue, ItemCount waiting) {
 
 bool QueueWriter::Flush() {
   if (!IsDirty()) return true;
-  if (Try(true)) return true;
+  if (Try(true) || TryAfterCheckpoint()) {
+    reserve_.Restore();
+    return true;
+  }
   // What makes room comes before what takes it.
-  if (!deletes_.empty() || !removals_.empty()) Try(false);
+  if (deletes_.empty() && removals_.empty()) return false;
+  reserve_.Release();
+  Try(false);
   return false;
+}
+
+// The log can be full while its file has free pages: written back, it starts again at its beginning.
+bool QueueWriter::TryAfterCheckpoint() {
+  if (!error_->IsNoRoom()) return false;
+  try {
+    file_.Checkpoint();
+  } catch (const SqliteError&) {
+    return false;
+  }
+  return Try(true);
 }
 
 bool QueueWriter::Try(bool withItems) {
@@ -99,14 +132,13 @@ void QueueWriter::Write(bool withItems) {
   for (const Delete& removed : deletes_) {
     if (file_.DeleteItem(removed.token)) continue;
     // Another process was faster, and has counted it.
-    removed.queue->correction.*removed.kind += -removed.item;
-    removed.queue->correction.waiting += removed.item;
+    removed.queue->correction.Leave(removed.kind, -removed.item);
   }
   WriteRemovals();
   if (withItems) WriteItems();
   for (QueueState* queue : dirty_) {
     queue->change += queue->correction;
-    file_.UpdateQueue(queue->id, queue->present, queue->change);
+    file_.UpdateQueue(queue->id, queue->presence, queue->change);
   }
   file_.Commit();
   Settle(withItems);
@@ -136,6 +168,7 @@ void QueueWriter::Settle(bool withItems) {
     queue->ledger += queue->correction;
     queue->unwritten = {};
     queue->dirty = false;
+    queue->presence.reset();
     queue->removalBuffered = false;
   }
   dirty_.clear();
@@ -147,7 +180,7 @@ void QueueWriter::Settle(bool withItems) {
     items_.clear();
     bytes_.clear();
   }
-  for (const Item& item : items_) Touch(*item.queue);
+  for (const Item& item : items_) SetPresence(*item.queue, true);
 }
 
 }  // namespace veld_report::host

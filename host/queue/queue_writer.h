@@ -14,6 +14,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "host/queue/disk_reserve.h"
 #include "host/queue/queue_ledger.h"
 #include "host/queue/store_file.h"
 
@@ -38,6 +39,7 @@ struct QueueState {
 
   // The writer's.
   bool dirty = false;
+  std::optional<bool> presence;  // to be written
   bool removalBuffered = false;  // what the file still holds of the queue is gone
   QueueLedger unwritten;         // change of the figures that isn't in the file, buffered items left out
   QueueLedger change;            // of the transaction in progress
@@ -48,7 +50,7 @@ class QueueWriter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  explicit QueueWriter(StoreFile& file) : file_(file) {}
+  QueueWriter(StoreFile& file, DiskReserve& reserve) : file_(file), reserve_(reserve) {}
 
   void AddItem(QueueState& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
   // Takes the youngest item back.
@@ -58,11 +60,15 @@ class QueueWriter {
   // Drops the queue's items, those of the buffer and those of the file, `waiting` all together.
   // Returns what was dropped from the buffer.
   ItemCount AddRemoval(QueueState& queue, ItemCount waiting);
-  // Tells that the queue's presence or figures have changed.
+  void SetPresence(QueueState& queue, bool present);
+  // Tells that the queue's figures have changed.
   void Touch(QueueState& queue);
+  // What the figures of the queue's row come to with what is buffered.
+  QueueLedger WithBuffered(const QueueState& queue, const QueueLedger& row) const;
 
   // Writes everything that is buffered. Returns false if that failed: then the buffer is as before, except
-  // that deletions may have gone through alone, and Error() tells why.
+  // that deletions may have gone through alone, and Error() tells why. On a full disk the log is put to use
+  // again and, for deletions, the reserve given up.
   bool Flush();
 
   bool IsDirty() const { return !dirty_.empty(); }
@@ -94,6 +100,7 @@ class QueueWriter {
   };
 
   bool Try(bool withItems);
+  bool TryAfterCheckpoint();
   void Undo() noexcept;
   void Write(bool withItems);
   void WriteRemovals();
@@ -101,6 +108,7 @@ class QueueWriter {
   void Settle(bool withItems);
 
   StoreFile& file_;
+  DiskReserve& reserve_;
   std::vector<std::uint8_t> bytes_;
   std::vector<Item> items_;
   std::vector<Delete> deletes_;

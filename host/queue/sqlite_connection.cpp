@@ -36,6 +36,8 @@ bool SqliteError::IsDamage() const {
   }
 }
 
+bool SqliteError::IsCertainDamage() const { return IsDamage() && (code_ & 0xff) != SQLITE_IOERR; }
+
 bool SqliteError::IsNoRoom() const {
   return (code_ & 0xff) == SQLITE_FULL || ((code_ & 0xff) == SQLITE_IOERR && !IsDamage());
 }
@@ -57,6 +59,11 @@ void SqliteStatement::Check(int code) const {
 
 SqliteStatement& SqliteStatement::Bind(int index, std::int64_t value) {
   Check(sqlite3_bind_int64(statement_.get(), index, value));
+  return *this;
+}
+
+SqliteStatement& SqliteStatement::BindNull(int index) {
+  Check(sqlite3_bind_null(statement_.get(), index));
   return *this;
 }
 
@@ -95,6 +102,8 @@ void SqliteStatement::Run() {
 
 void SqliteStatement::Reset() noexcept { sqlite3_reset(statement_.get()); }
 
+int SqliteStatement::Columns() const { return sqlite3_column_count(statement_.get()); }
+
 std::int64_t SqliteStatement::Integer(int column) const {
   return sqlite3_column_int64(statement_.get(), column);
 }
@@ -124,6 +133,10 @@ SqliteConnection::SqliteConnection(const std::filesystem::path& file, Access acc
 void SqliteConnection::Execute(const std::string& sql) {
   const int code = sqlite3_exec(handle_.get(), sql.c_str(), nullptr, nullptr, nullptr);
   if (code != SQLITE_OK) Fail(handle_.get(), ErrorOf(handle_.get(), code));
+}
+
+void SqliteConnection::KeepLogOnClose(bool keep) {
+  sqlite3_db_config(handle_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, keep ? 1 : 0, nullptr);
 }
 
 std::int64_t SqliteConnection::QueryInteger(std::string_view sql) const {

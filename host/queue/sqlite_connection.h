@@ -25,6 +25,8 @@ class SqliteError : public std::runtime_error {
   int Code() const { return code_; }
   // The content of the file can't be read as what it should be.
   bool IsDamage() const;
+  // The same, and not because a device failed to read: trying again won't help.
+  bool IsCertainDamage() const;
   // No room, or the device refused a write: a later try may go well.
   bool IsNoRoom() const;
 
@@ -40,6 +42,7 @@ class SqliteStatement {
   SqliteStatement(const SqliteConnection& connection, std::string_view sql);
 
   SqliteStatement& Bind(int index, std::int64_t value);
+  SqliteStatement& BindNull(int index);
   // The bytes must stay as they are until the statement is reset.
   SqliteStatement& Bind(int index, std::string_view text);
   SqliteStatement& Bind(int index, std::span<const std::uint8_t> blob);
@@ -51,6 +54,7 @@ class SqliteStatement {
   void Reset() noexcept;
 
   // Of the current row, columns from 0. Views are valid until the next Step or Reset.
+  int Columns() const;
   std::int64_t Integer(int column) const;
   std::string_view Text(int column) const;
   std::span<const std::uint8_t> Blob(int column) const;
@@ -85,6 +89,8 @@ class SqliteConnection {
   SqliteConnection(const std::filesystem::path& file, Access access, const std::string& vfs = {});
 
   void Execute(const std::string& sql);
+  // Whether closing leaves the write-ahead log where it is, as for a file that must not be changed.
+  void KeepLogOnClose(bool keep);
   // The first column of the first row; throws if there is no row.
   std::int64_t QueryInteger(std::string_view sql) const;
   std::string QueryText(std::string_view sql) const;

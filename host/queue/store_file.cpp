@@ -1,80 +1,51 @@
 #include "host/queue/store_file.h"
 
+#include <sqlite3.h>
+
 #include "host/queue/store_folder.h"
+#include "host/queue/store_layout.h"
 
 namespace veld_report::host {
 namespace {
 
-// Tells the files of this layout from other SQLite files: "vldq".
-constexpr std::int64_t applicationId = 0x766c6471;
-
-// In the order of QueueLedger::All, items before bytes.
-constexpr const char* ledgerColumns[] = {"accepted", "accepted_bytes", "delivered", "delivered_bytes",
-                                         "evicted",  "evicted_bytes",  "rejected",  "rejected_bytes",
-                                         "removed",  "removed_bytes",  "waiting",   "waiting_bytes",
-                                         "returned", "returned_bytes"};
-static_assert(std::size(ledgerColumns) == 2 * QueueLedger::figures);
-
-std::string LayoutSql() {
-  std::string figures;
-  for (const char* column : ledgerColumns)
-    figures += std::string(", ") + column + " INTEGER NOT NULL DEFAULT 0";
-  return "BEGIN IMMEDIATE;"
-         "CREATE TABLE queues(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, present INTEGER NOT NULL" +
-         figures +
-         ");"
-         "CREATE TABLE items(token INTEGER PRIMARY KEY AUTOINCREMENT, queue INTEGER NOT NULL,"
-         " enqueued_ms INTEGER NOT NULL, data BLOB NOT NULL);"
-         "CREATE INDEX items_by_queue ON items(queue);"
-         "PRAGMA application_id=" +
-         std::to_string(applicationId) + ";PRAGMA user_version=" + std::to_string(storeLayoutVersion) +
-         ";COMMIT;";
-}
-
 std::string LoadSql() {
   std::string columns = "id, name, present";
-  for (const char* column : ledgerColumns) columns += std::string(", ") + column;
+  for (const char* column : LedgerColumns()) columns += std::string(", ") + column;
   return "SELECT " + columns + " FROM queues ORDER BY id";
 }
 
 std::string UpdateSql() {
-  std::string sql = "UPDATE queues SET present=?2";
+  std::string sql = "UPDATE queues SET present=coalesce(?2, present)";
   int parameter = 3;
-  for (const char* column : ledgerColumns) {
+  for (const char* column : LedgerColumns()) {
     sql += std::string(", ") + column + "=" + column + "+?" + std::to_string(parameter++);
   }
   return sql + " WHERE id=?1";
 }
 
-void LayOut(SqliteConnection& connection, const std::filesystem::path& file) {
-  const std::int64_t version = connection.QueryInteger("PRAGMA user_version");
-  if (version > storeLayoutVersion) {
-    throw StoreError("the store " + file.string() + " has layout " + std::to_string(version) +
-                     ", and this program knows layouts up to " + std::to_string(storeLayoutVersion) +
-                     ": use the newer program that wrote it, or another folder");
-  }
-  if (version == storeLayoutVersion) return;
-  if (connection.QueryInteger("SELECT count(*) FROM sqlite_schema") != 0) {
-    throw StoreError(file.string() +
-                     " is a SQLite file of something else and was left alone: choose another folder");
-  }
-  connection.Execute(LayoutSql());
-}
-
 }  // namespace
 
-SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, bool syncEveryCommit,
-                                        const std::string& vfs) {
-  SqliteConnection connection(file, SqliteConnection::Access::kReadWrite, vfs);
-  LayOut(connection, file);
+SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const Settings& settings) {
+  SqliteConnection connection(file, SqliteConnection::Access::kReadWrite, settings.vfs);
+  // A file that is refused stays exactly as it is.
+  connection.KeepLogOnClose(true);
+  if (settings.inspectOnly) {
+    connection.Execute("PRAGMA query_only=ON");
+    if (connection.QueryInteger("PRAGMA user_version") == storeLayoutVersion) return connection;
+    throw StoreError("the store " + file.string() + " has another layout than this program's: open it once " +
+                     "for sending with the program that fits");
+  }
+  LayOutStore(connection, file);
+  connection.KeepLogOnClose(false);
   connection.Execute("PRAGMA journal_mode=WAL");
-  connection.Execute(syncEveryCommit ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+  connection.Execute(settings.syncEveryCommit ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
   connection.Execute("PRAGMA secure_delete=ON");
+  connection.Execute("PRAGMA temp_store=MEMORY");
   return connection;
 }
 
-StoreFile::StoreFile(const std::filesystem::path& file, bool syncEveryCommit, const std::string& vfs)
-    : connection_(OpenLaidOut(file, syncEveryCommit, vfs)),
+StoreFile::StoreFile(const std::filesystem::path& file, const Settings& settings)
+    : connection_(OpenLaidOut(file, settings)),
       begin_(connection_, "BEGIN IMMEDIATE"),
       commit_(connection_, "COMMIT"),
       loadQueues_(connection_, LoadSql()),
@@ -82,11 +53,18 @@ StoreFile::StoreFile(const std::filesystem::path& file, bool syncEveryCommit, co
       findQueue_(connection_, "SELECT id FROM queues WHERE name=?1"),
       updateQueue_(connection_, UpdateSql()),
       insertItem_(connection_, "INSERT INTO items(queue, enqueued_ms, data) VALUES(?1, ?2, ?3)"),
+      restoreItem_(connection_,
+                   "INSERT OR IGNORE INTO items(queue, enqueued_ms, data, token) VALUES(?1, ?2, ?3, ?4)"),
       deleteItem_(connection_, "DELETE FROM items WHERE token=?1"),
       countItems_(connection_, "SELECT count(*), coalesce(sum(length(data)), 0) FROM items WHERE queue=?1"),
       deleteItems_(connection_, "DELETE FROM items WHERE queue=?1"),
       next_(connection_,
-            "SELECT token, enqueued_ms, data FROM items WHERE queue=?1 AND token>?2 ORDER BY token LIMIT 1") {
+            "SELECT token, enqueued_ms, data FROM items WHERE queue=?1 AND token>?2 ORDER BY token LIMIT 1"),
+      dataVersion_(connection_, "PRAGMA data_version") {}
+
+void StoreFile::QuickCheck() {
+  const std::string result = connection_.QueryText("PRAGMA quick_check(1)");
+  if (result != "ok") throw SqliteError(SQLITE_CORRUPT, "the store's file is damaged: " + result);
 }
 
 void StoreFile::Begin() { begin_.Run(); }
@@ -126,8 +104,13 @@ std::int64_t StoreFile::AddQueue(const std::string& name) {
   return findQueue_.Integer(0);
 }
 
-void StoreFile::UpdateQueue(std::int64_t id, bool present, const QueueLedger& change) {
-  updateQueue_.Bind(1, id).Bind(2, std::int64_t{present});
+void StoreFile::UpdateQueue(std::int64_t id, std::optional<bool> present, const QueueLedger& change) {
+  updateQueue_.Bind(1, id);
+  if (present) {
+    updateQueue_.Bind(2, std::int64_t{*present});
+  } else {
+    updateQueue_.BindNull(2);
+  }
   int parameter = 3;
   for (const ItemCount* figure : change.All()) {
     updateQueue_.Bind(parameter++, figure->items);
@@ -141,18 +124,35 @@ void StoreFile::InsertItem(std::int64_t queueId, std::int64_t enqueuedMs,
   insertItem_.Bind(1, queueId).Bind(2, enqueuedMs).Bind(3, data).Run();
 }
 
+bool StoreFile::RestoreItem(std::int64_t queueId, const ItemRow& item) {
+  restoreItem_.Bind(1, queueId).Bind(2, item.enqueuedMs).Bind(3, item.data);
+  restoreItem_.Bind(4, static_cast<std::int64_t>(item.token)).Run();
+  return connection_.Changes() != 0;
+}
+
+void StoreFile::RaiseTokens(std::uint64_t token) {
+  const std::string value = std::to_string(token);
+  // SQLite makes the row with the first item only.
+  connection_.Execute(
+      "INSERT INTO sqlite_sequence(name, seq) SELECT 'items', 0"
+      " WHERE NOT EXISTS(SELECT 1 FROM sqlite_sequence WHERE name='items');"
+      "UPDATE sqlite_sequence SET seq=max(seq, " +
+      value + ") WHERE name='items'");
+}
+
 bool StoreFile::DeleteItem(std::uint64_t token) {
   deleteItem_.Bind(1, static_cast<std::int64_t>(token)).Run();
   return connection_.Changes() != 0;
 }
 
+ItemCount StoreFile::CountItems(std::int64_t queueId) {
+  const StatementScope scope(countItems_);
+  countItems_.Bind(1, queueId).Step();
+  return {countItems_.Integer(0), countItems_.Integer(1)};
+}
+
 ItemCount StoreFile::DeleteItems(std::int64_t queueId) {
-  ItemCount count;
-  {
-    const StatementScope scope(countItems_);
-    countItems_.Bind(1, queueId).Step();
-    count = {countItems_.Integer(0), countItems_.Integer(1)};
-  }
+  const ItemCount count = CountItems(queueId);
   deleteItems_.Bind(1, queueId).Run();
   return count;
 }
@@ -173,6 +173,21 @@ std::optional<std::int64_t> StoreFile::OldestMs(std::int64_t queueId) {
   const std::int64_t result = row->enqueuedMs;
   Finish();
   return result;
+}
+
+std::int64_t StoreFile::DataVersion() {
+  const StatementScope scope(dataVersion_);
+  dataVersion_.Step();
+  return dataVersion_.Integer(0);
+}
+
+void StoreFile::Checkpoint() { connection_.Execute("PRAGMA wal_checkpoint(PASSIVE)"); }
+
+void StoreFile::Compact(bool rebuild) {
+  connection_.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
+  if (!rebuild) return;
+  connection_.Execute("VACUUM");
+  connection_.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 }  // namespace veld_report::host

@@ -2,11 +2,7 @@
 //
 // It knows no locks, claims or grouping; queue_store.h has those. Every operation throws SqliteError, and
 // whoever opened a transaction rolls it back then. One thread at a time.
-//
-// Layout (PRAGMA user_version is the layout's number):
-//   queues  one row a queue name ever used: id, name, present, and the ledger's figures, two columns each
-//   items   token, which AUTOINCREMENT never gives twice, queue id, time of Push in milliseconds since 1970,
-//           and the bytes
+// The layout of the file is told in store_layout.h.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +17,6 @@
 #include "host/queue/sqlite_connection.h"
 
 namespace veld_report::host {
-
-inline constexpr std::int64_t storeLayoutVersion = 1;
 
 struct QueueRow {
   std::int64_t id = 0;
@@ -40,9 +34,18 @@ struct ItemRow {
 
 class StoreFile {
  public:
+  struct Settings {
+    bool syncEveryCommit = false;
+    bool inspectOnly = false;  // nothing is written, the layout must be the present one
+    std::string vfs{};
+  };
+
   // Opens the file, which exists, and lays it out if it is empty. Throws StoreError for a file of a later
   // layout, SqliteError for everything else.
-  StoreFile(const std::filesystem::path& file, bool syncEveryCommit, const std::string& vfs);
+  StoreFile(const std::filesystem::path& file, const Settings& settings);
+
+  // Reads the structure of the whole file. Throws SqliteError, as damage, if something is wrong with it.
+  void QuickCheck();
 
   void Begin();
   void Commit();
@@ -52,10 +55,14 @@ class StoreFile {
   std::vector<QueueRow> LoadQueues();
   // Returns the id of the name's row, which is made if there is none.
   std::int64_t AddQueue(const std::string& name);
-  // Adds `change` to the queue's figures.
-  void UpdateQueue(std::int64_t id, bool present, const QueueLedger& change);
+  // Adds `change` to the queue's figures. Its presence stays without a value.
+  void UpdateQueue(std::int64_t id, std::optional<bool> present, const QueueLedger& change);
 
   void InsertItem(std::int64_t queueId, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
+  // With the token that the item had in another file. Returns false if the token is taken.
+  bool RestoreItem(std::int64_t queueId, const ItemRow& item);
+  // The next token will be above `token`.
+  void RaiseTokens(std::uint64_t token);
   // Returns whether the item was there.
   bool DeleteItem(std::uint64_t token);
   // Deletes all items of the queue and returns what they were.
@@ -66,13 +73,21 @@ class StoreFile {
   void Finish() { next_.Reset(); }
   // Time of Push of the oldest item, if there is one.
   std::optional<std::int64_t> OldestMs(std::int64_t queueId);
+  // What the queue really holds, counted.
+  ItemCount CountItems(std::int64_t queueId);
+
+  // Changes when another connection has committed something.
+  std::int64_t DataVersion();
+  // Moves the log's content into the file as far as nobody is in the way, so that the log starts again at its
+  // beginning.
+  void Checkpoint();
+  // Empties the log. With `rebuild` the file is written anew without the free space in it.
+  void Compact(bool rebuild);
 
   SqliteConnection& Connection() { return connection_; }
 
  private:
-  // Opens the connection's settings and the layout; a constructor's step before any statement is prepared.
-  static SqliteConnection OpenLaidOut(const std::filesystem::path& file, bool syncEveryCommit,
-                                      const std::string& vfs);
+  static SqliteConnection OpenLaidOut(const std::filesystem::path& file, const Settings& settings);
 
   SqliteConnection connection_;
   SqliteStatement begin_;
@@ -82,10 +97,12 @@ class StoreFile {
   SqliteStatement findQueue_;
   SqliteStatement updateQueue_;
   SqliteStatement insertItem_;
+  SqliteStatement restoreItem_;
   SqliteStatement deleteItem_;
   SqliteStatement countItems_;
   SqliteStatement deleteItems_;
   SqliteStatement next_;
+  SqliteStatement dataVersion_;
 };
 
 }  // namespace veld_report::host

@@ -39,6 +39,10 @@ void TightenMode(int descriptor) {
   [[maybe_unused]] const int ignored = fchmod(descriptor, fileMode);
 }
 
+int LockOperation(FileLock::Kind kind) {
+  return (kind == FileLock::Kind::kShared ? LOCK_SH : LOCK_EX) | LOCK_NB;
+}
+
 }  // namespace
 
 bool IsSafeDomainName(std::string_view domain) {
@@ -73,10 +77,12 @@ bool PreparePrivateFile(const std::filesystem::path& file) {
   return isNew;
 }
 
-FileLock::FileLock(FileLock&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+FileLock::FileLock(FileLock&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)), kind_(other.kind_) {}
 
 FileLock& FileLock::operator=(FileLock&& other) noexcept {
   std::swap(descriptor_, other.descriptor_);
+  std::swap(kind_, other.kind_);
   return *this;
 }
 
@@ -84,12 +90,23 @@ FileLock::~FileLock() {
   if (descriptor_ >= 0) close(descriptor_);
 }
 
+bool FileLock::Change(Kind kind) {
+  if (flock(descriptor_, LockOperation(kind)) == 0) {
+    kind_ = kind;
+    return true;
+  }
+  // The system gives the old lock up before it tries the new one.
+  [[maybe_unused]] const int again = flock(descriptor_, LockOperation(kind_));
+  return false;
+}
+
 FileLock FileLock::Try(const std::filesystem::path& file, Kind kind, std::string* holder) {
   FileLock lock;
+  lock.kind_ = kind;
   lock.descriptor_ = OpenPrivate(file, O_RDWR | O_CREAT);
   if (lock.descriptor_ < 0) FailFile(file, "open", errno);
   TightenMode(lock.descriptor_);
-  if (flock(lock.descriptor_, (kind == Kind::kShared ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0) {
+  if (flock(lock.descriptor_, LockOperation(kind)) != 0) {
     const int error = errno;
     if (error != EWOULDBLOCK) FailFile(file, "lock", error);
     char text[32] = {};

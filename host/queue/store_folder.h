@@ -47,10 +47,15 @@ class FileLock {
   // Throws StoreError if the file can't be made.
   static FileLock Try(const std::filesystem::path& file, Kind kind, std::string* holder);
 
+  // Takes the lock in another way, without waiting. Returns false, with the lock as it was before, if
+  // somebody else has it.
+  bool Change(Kind kind);
+
   explicit operator bool() const { return descriptor_ >= 0; }
 
  private:
   int descriptor_ = -1;
+  Kind kind_ = Kind::kExclusive;
 };
 
 }  // namespace veld_report::host

@@ -213,7 +213,7 @@ TEST_F(QueueServiceTest, PeopleCanLookInsideWithoutClaiming) {
   EXPECT_EQ(service->TotalWaiting(), (ItemCount{2, 11}));
   EXPECT_TRUE(service->ClearQueue("a"));
   EXPECT_FALSE(service->ClearQueue("a"));
-  service->ClearAll();
+  service->Forget();
   EXPECT_TRUE(service->ListQueues().empty());
   EXPECT_EQ(service->TotalWaiting(), (ItemCount{}));
 }

@@ -1,0 +1,139 @@
+#include "host/queue/store_opening.h"
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "host/base/trace_line.h"
+#include "host/queue/store_salvage.h"
+
+namespace veld_report::host {
+namespace {
+
+// How long processes that share a folder wait for each other's opening.
+constexpr std::chrono::seconds openingTime{15};
+constexpr std::chrono::milliseconds openingStep{5};
+
+StoreFile::Settings FileSettings(const QueueServiceOptions& options) {
+  return {.syncEveryCommit = options.syncEveryCommit, .inspectOnly = options.inspectOnly, .vfs = options.vfs};
+}
+
+void Say(const QueueServiceOptions& options, const std::string& line) {
+  TraceLine(options.tracer.Get(), failureLevel, "store\t" + line);
+}
+
+// Only one process at a time makes, upgrades or repairs a file.
+FileLock LockOpening(const std::filesystem::path& file) {
+  const auto lockFile = file.parent_path() / "store.opening";
+  const auto deadline = std::chrono::steady_clock::now() + openingTime;
+  while (true) {
+    std::string holder;
+    FileLock lock = FileLock::Try(lockFile, FileLock::Kind::kExclusive, &holder);
+    if (lock) return lock;
+    if (std::chrono::steady_clock::now() > deadline) {
+      throw StoreError("process " + holder + " has been opening the store " + file.string() +
+                       " for long: end that process");
+    }
+    std::this_thread::sleep_for(openingStep);
+  }
+}
+
+std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options,
+                                       const std::filesystem::path& file) {
+  auto opened = std::make_unique<StoreFile>(file, FileSettings(options));
+  if (options.checkAtOpen) opened->QuickCheck();
+  opened->LoadQueues();
+  return opened;
+}
+
+// A main file of no bytes would make SQLite throw its log away.
+bool IsEmptyWithLog(const std::filesystem::path& file) {
+  std::error_code error;
+  const auto log = file.string() + "-wal";
+  return std::filesystem::file_size(file, error) == 0 && std::filesystem::exists(log) &&
+         std::filesystem::file_size(log, error) != 0;
+}
+
+// Nothing if the file is damaged: then `*damage` says how.
+std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std::filesystem::path& file,
+                                   DiskReserve& reserve, std::string* damage) {
+  if (IsEmptyWithLog(file)) {
+    *damage = "its file is empty, its log isn't";
+    return nullptr;
+  }
+  for (bool again = false;; again = true) {
+    try {
+      return OpenChecked(options, file);
+    } catch (const SqliteError& error) {
+      if (again && !error.IsDamage()) throw;
+      if (again || error.IsCertainDamage()) {
+        *damage = error.what();
+        return nullptr;
+      }
+      // A read may go well the second time, and even opening needs some room.
+      if (error.IsNoRoom()) reserve.Release();
+    }
+  }
+}
+
+std::unique_ptr<StoreFile> Replace(const QueueServiceOptions& options, const std::filesystem::path& file,
+                                   const std::string& damage) {
+  Say(options, file.string() + " is damaged (" + damage + ") and is replaced");
+  const std::int64_t nowMs = NowMs(options);
+  MoveStoreAside(file, nowMs);
+  PreparePrivateFile(file);
+  auto fresh = std::make_unique<StoreFile>(file, FileSettings(options));
+  // Above every token of the old store, also where that can't tell its last one.
+  fresh->RaiseTokens(static_cast<std::uint64_t>(nowMs));
+  return fresh;
+}
+
+std::unique_ptr<StoreFile> ReplaceAlone(const QueueServiceOptions& options, const std::filesystem::path& file,
+                                        const std::string& damage, FileLock& folderLock) {
+  if (!options.shared) return Replace(options, file, damage);
+  if (!folderLock.Change(FileLock::Kind::kExclusive)) {
+    throw StoreError("the store " + file.string() + " is damaged (" + damage +
+                     ") and other processes use it: end them, and the next start repairs it");
+  }
+  auto replaced = Replace(options, file, damage);
+  folderLock.Change(FileLock::Kind::kShared);
+  return replaced;
+}
+
+// Also what an earlier start couldn't salvage, for want of room for instance.
+void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesystem::path& file,
+                         StoreFile& target) {
+  for (const auto& damaged : DamagedFilesOf(file)) {
+    if (IsSalvaged(damaged)) continue;
+    try {
+      Say(options, Describe(SalvageInto(target, damaged, options.vfs)));
+    } catch (const std::exception& error) {
+      Say(options, damaged.string() + " can't be salvaged now (" + error.what() +
+                       "); the next start tries again, or \"veldrep store salvage\"");
+    }
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
+                                         const std::filesystem::path& file, FileLock& folderLock,
+                                         DiskReserve& reserve, Salvaging salvaging) {
+  if (options.inspectOnly) return std::make_unique<StoreFile>(file, FileSettings(options));
+  FileLock opening;
+  if (options.shared) opening = LockOpening(file);
+  PreparePrivateFile(file);
+  std::string damage;
+  auto store = TryOpen(options, file, reserve, &damage);
+  if (!store) store = ReplaceAlone(options, file, damage, folderLock);
+  if (salvaging == Salvaging::kAtOnce) SalvageDamagedFiles(options, file, *store);
+  return store;
+}
+
+std::int64_t NowMs(const QueueServiceOptions& options) {
+  if (options.nowMs) return options.nowMs();
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+}  // namespace veld_report::host
