@@ -1,6 +1,8 @@
 // The sender's life and the submission of statistics.
 #include "facade/veld_report/src/veld_report_sender.h"
 
+#include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "facade/veld_report/src/throw_sites.h"
@@ -131,7 +133,11 @@ void VeldReportSenderImpl::TraceSubmission(const zel::string& consumer, const ze
     if (consumer.empty()) {
       line.PutText("all consumers");
     } else {
-      line.PutText(zel::types::Prepend("consumer ", zel::string(consumer)));
+      // One piece, written in place: a line must not fail for lack of memory.
+      constexpr std::string_view label = "consumer ";
+      if (char* place = line.Reserve(label.size() + consumer.size)) {
+        std::ranges::copy(consumer.View(), std::ranges::copy(label, place).out);
+      }
     }
     line.PutText(". Result is").PutInt32(result);
   });
