@@ -42,7 +42,8 @@ zel::ResultCode FakeTimer::CancelTimer(zel::IRunnable* sink) {
   std::unique_lock guard(lock_);
   const auto running = running_.find(sink);
   if (running != running_.end() && running->second.thread == std::this_thread::get_id()) {
-    Fault("TimerService: CancelTimer from inside Run");
+    if (policing) Fault("TimerService: CancelTimer from inside Run");
+    pending_.erase(sink);
     return zel::eInvalidState;
   }
   pending_.erase(sink);
@@ -50,6 +51,8 @@ zel::ResultCode FakeTimer::CancelTimer(zel::IRunnable* sink) {
   const bool ended =
       runEnded_.wait_for(guard, std::chrono::seconds(30), [&] { return !running_.contains(sink); });
   if (!ended) Fault("TimerService: Run didn't end within 30 seconds of CancelTimer");
+  // A Run that was in progress may have armed the sink again.
+  pending_.erase(sink);
   return code;
 }
 
