@@ -42,6 +42,14 @@ bool IsCertificatePem(std::string_view text) {
   return count > 0 && atEnd;
 }
 
+bool IsHttps(std::string_view url) {
+  constexpr std::string_view scheme = "https://";
+  return url.size() > scheme.size() &&
+         std::equal(scheme.begin(), scheme.end(), url.begin(), [](char wanted, char given) {
+           return wanted == (given >= 'A' && given <= 'Z' ? given - 'A' + 'a' : given);
+         });
+}
+
 std::vector<std::string_view> Elements(const network_services::CertificateRow& row) {
   std::vector<std::string_view> elements;
   const auto* const end = static_cast<const HttpCertificate*>(row.end);
@@ -84,6 +92,10 @@ CertificateTable ReadCertificateTable(const network_services::CertificateRange& 
     }
     const std::string& url = urls[static_cast<std::size_t>(row - table.begin)];
     try {
+      if (!IsHttps(url)) {
+        throw std::invalid_argument(
+            "only a url of https takes certificates; without TLS nothing checks them");
+      }
       CertificateSet set = ReadCertificates(elements);
       const auto [place, isNew] = result.try_emplace(url, set);
       if (!isNew && (place->second.caPem != set.caPem || place->second.pins != set.pins)) {

@@ -72,7 +72,7 @@ struct HttpClientState {
 //
 // With any given, only they count for this url: CA certificates replace the trusted ones of the system; pins
 // must match the server's key, and with pins alone nothing else is asked of its certificate, so a self-signed
-// one will do. With both, both must hold.
+// one will do. With both, both must hold. A url without TLS that brings certificates is refused.
 using HttpCertificate = zel::string;
 
 // Gives out the kit's clients. Each client has a thread and connections of its own; what is known of urls is

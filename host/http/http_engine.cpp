@@ -1,5 +1,9 @@
 #include "host/http/http_engine.h"
 
+#include <chrono>
+#include <iterator>
+#include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "host/base/redact.h"
@@ -33,6 +37,11 @@ HttpOutcome OutcomeOf(const HttpTransfer& transfer, CURLcode result) noexcept {
 HttpEngine::HttpEngine(std::shared_ptr<HttpShared> shared)
     : shared_(std::move(shared)), multi_(curl_multi_init()) {
   if (!multi_) throw std::bad_alloc();
+  // Where there is no descriptor left to wake it by, the loop would sleep through its requests.
+  if (curl_multi_wakeup(multi_) != CURLM_OK) {
+    curl_multi_cleanup(multi_);
+    throw std::runtime_error("the HTTP client's thread can't be woken; are there file descriptors left?");
+  }
 }
 
 HttpEngine::~HttpEngine() {
@@ -49,7 +58,10 @@ void HttpEngine::Loop() {
     int running = 0;
     curl_multi_perform(multi, &running);
     EndDone();
-    curl_multi_poll(multi, nullptr, 0, longestPollMs, nullptr);
+    if (curl_multi_poll(multi, nullptr, 0, longestPollMs, nullptr) != CURLM_OK) {
+      // Out of memory, most likely: go on, but not in a busy loop.
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
   }
   const HttpOutcome cancelled = LocalFailure(zel::eOperationCancelled);
   while (!transfers_.empty()) EndTransfer(transfers_.begin(), cancelled);

@@ -22,7 +22,7 @@ namespace veld_report::host {
 // Threads: any, for all but Loop. Nothing but Loop blocks.
 class HttpEngine {
  public:
-  // Throws std::bad_alloc.
+  // Throws std::bad_alloc, std::runtime_error.
   explicit HttpEngine(std::shared_ptr<HttpShared> shared);
   HttpEngine(const HttpEngine&) = delete;
   HttpEngine& operator=(const HttpEngine&) = delete;

@@ -173,6 +173,9 @@ TEST_F(HttpTls, ABadTableIsRefusedAndTheOldOneStays) {
   EXPECT_EQ(
       kit.SetCertificates({{"https://a.test/", {certificate.Pin()}}, {"https://a.test/", {other.Pin()}}}),
       zel::eInvalidArgument);
+  EXPECT_EQ(kit.SetCertificates({{"http://a.test/", {certificate.Pin()}}}), zel::eInvalidArgument);
+  EXPECT_EQ(kit.SetCertificates({{"HTTPS://a.test/", {certificate.Pin()}}}), zel::sOk);
+  ASSERT_EQ(kit.SetCertificates({{server.Url(), {authority.Pem()}}}), zel::sOk);
   // Rows that no announcement explains; an announcement counts once.
   EXPECT_EQ(kit.client.SetCertificates({{host::ToNarrow(other.Pem())}}), zel::eInvalidArgument);
   kit.factory->AnnounceUrls({"https://a.test/", "https://b.test/"});
