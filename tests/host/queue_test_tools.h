@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "host/queue/queue_service.h"
-#include "tests/host/queue_contract.h"
+#include "tests/host/queue_items.h"
 #include "tests/host/temporary_folder.h"
 
 namespace veld_report::host {
