@@ -37,6 +37,7 @@ struct Command {
 
 // Each declares its command on the program. The options live as long as the returned `run`.
 Command MakeServeCommand(CLI::App& program);
+Command MakeSendCommand(CLI::App& program);
 Command MakeQueuesCommand(CLI::App& program);
 Command MakeDecodeCommand(CLI::App& program);
 Command MakeKeygenCommand(CLI::App& program);

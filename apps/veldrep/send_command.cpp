@@ -1,0 +1,120 @@
+// veldrep send: records from a file or a pipe to report servers, by the module.
+#include <algorithm>
+#include <memory>
+
+#include "apps/veldrep/command.h"
+#include "apps/veldrep/send_run.h"
+
+namespace veld_report::app {
+namespace {
+
+void CheckSense(const SendOptions& options) {
+  for (const std::string& url : options.urls) {
+    if (url.starts_with("http://") || url.starts_with("https://")) continue;
+    throw WrongCommandLine("--url " + url + ": expected http:// or https://");
+  }
+  if (!options.consumers.empty() && options.consumers.size() != options.urls.size()) {
+    throw WrongCommandLine("--consumer: give none, or one for each --url, in the same order");
+  }
+  const auto& consumers = options.consumers;
+  if (!options.to.empty() && std::find(consumers.begin(), consumers.end(), options.to) == consumers.end()) {
+    throw WrongCommandLine("--to " + options.to +
+                           ": no --consumer has this name, so nobody would get the records");
+  }
+  for (std::size_t i = 0; i < options.urls.size(); ++i) {
+    for (std::size_t j = 0; j < i; ++j) {
+      if (options.urls[i] != options.urls[j]) continue;
+      if (consumers.empty() || consumers[i] == consumers[j]) {
+        throw WrongCommandLine("--url " + options.urls[i] +
+                               ": given twice, so each record would go there twice");
+      }
+    }
+  }
+}
+
+void AddTargets(CLI::App* command, SendOptions* options) {
+  command->add_option("--store", options->store, "folder in which the records wait; made if it isn't there")
+      ->type_name("DIR")
+      ->required();
+  // Without allow_extra_args(false) an option that may be repeated would swallow FILE.
+  command->add_option("--url", options->urls, "address of a report server; may be repeated")
+      ->type_name("URL")
+      ->allow_extra_args(false)
+      ->required();
+  command
+      ->add_option("--consumer", options->consumers,
+                   "name of the consumer behind the --url at the same place; may be repeated")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+  command
+      ->add_option("--to", options->to,
+                   "the consumer that the records are for; without it they go to every url")
+      ->type_name("NAME");
+}
+
+void AddLimits(CLI::App* command, SendOptions* options) {
+  command->add_option("--packet-limit", options->packetLimit, "most records in one message")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1'000'000))
+      ->capture_default_str();
+  // The module counts in bytes of 32 bits, so 4 GiB would come out as nothing.
+  command
+      ->add_option("--queue-limit", options->queueLimitKb,
+                   "most that one queue holds, in KiB; reading waits when it is nearly full")
+      ->type_name("KB")
+      ->check(CLI::Range(1, 4'194'303))
+      ->capture_default_str();
+  command
+      ->add_option("--send-timeout", options->sendTimeoutSeconds,
+                   "seconds between attempts while records wait")
+      ->type_name("S")
+      ->check(CLI::Range(1, 86'400))
+      ->capture_default_str();
+  command
+      ->add_option("--wait", options->waitSeconds,
+                   "seconds to wait for the last deliveries, and for room in a full queue")
+      ->type_name("S")
+      ->check(CLI::Range(0, 1'000'000))
+      ->capture_default_str();
+}
+
+void AddOthers(CLI::App* command, SendOptions* options) {
+  command->add_option("--sign", options->signKey, "private key (PEM) to sign the messages with")
+      ->type_name("FILE");
+  command->add_option("--trace", options->trace, "file that gets the trace lines")->type_name("FILE");
+  command->add_option("--trace-level", options->traceLevel, "300: failures only, 700: everything")
+      ->type_name("N")
+      ->capture_default_str();
+  command
+      ->add_option("--module", options->modulePath,
+                   "the module; without it ../lib/libveld_report.so beside veldrep")
+      ->type_name("PATH");
+  command
+      ->add_option("FILE", options->file,
+                   "records, a JSON object a line; - for stdin; without it what waits in the store is sent")
+      ->type_name("");
+}
+
+}  // namespace
+
+Command MakeSendCommand(CLI::App& program) {
+  CLI::App* const command =
+      program.add_subcommand("send", "Sends records to report servers, and what an earlier run left behind.");
+  const auto options = std::make_shared<SendOptions>();
+  AddTargets(command, options.get());
+  AddLimits(command, options.get());
+  AddOthers(command, options.get());
+  command->footer(
+      "It ends with one line: records submitted, items delivered (a record counts once for each url), "
+      "refused lines,\n"
+      "items still waiting, seconds. What still waits is safe in the store and goes out with the next run.\n"
+      "A line that isn't a JSON object is refused with its number and reason; then the exit code is 3.\n"
+      "Example: veldrep send --store waiting --url http://127.0.0.1:8080/v1 records.ndjson\n"
+      "         tail -f app.ndjson | veldrep send --store waiting --url https://stats.example.com/v1 -");
+  return {command, [options] {
+            CheckSense(*options);
+            return SendRun(*options).Run();
+          }};
+}
+
+}  // namespace veld_report::app

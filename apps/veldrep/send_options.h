@@ -1,0 +1,26 @@
+// The options of veldrep send.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace veld_report::app {
+
+struct SendOptions {
+  std::string store;
+  std::vector<std::string> urls;
+  std::vector<std::string> consumers;  // empty, or one for each url, by position
+  std::uint32_t packetLimit = 100;
+  std::uint32_t queueLimitKb = 1 << 20;
+  std::uint32_t sendTimeoutSeconds = 1;
+  std::string signKey;
+  std::string to;  // the consumer that the records are for; empty: all
+  std::string trace;
+  std::uint32_t traceLevel = 300;
+  std::uint32_t waitSeconds = 60;
+  std::string modulePath;  // empty: the one beside the program
+  std::string file;        // empty: no input, only what waits is sent
+};
+
+}  // namespace veld_report::app

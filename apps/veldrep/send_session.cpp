@@ -1,0 +1,54 @@
+#include "apps/veldrep/send_session.h"
+
+#include "host/base/code_text.h"
+#include "host/base/redact.h"
+
+namespace veld_report::app {
+
+SendSession::SendSession(const SendOptions& options)
+    : to_(options.to), kit_(std::make_unique<host::HostKit>(KitOptions(options))), queues_(&kit_->Queues()) {}
+
+host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
+  host::HostKitOptions kit;
+  kit.modulePath = options.modulePath;
+  for (std::size_t i = 0; i < options.urls.size(); ++i) {
+    const std::string consumer = options.consumers.empty() ? "" : options.consumers[i];
+    kit.settings.endpoints.push_back({options.urls[i], consumer});
+  }
+  kit.settings.packetLimit = options.packetLimit;
+  kit.settings.queueLimitKb = options.queueLimitKb;
+  kit.settings.sendTimeoutS = options.sendTimeoutSeconds;
+  kit.queues.folder = options.store;
+  kit.trace.path = options.trace;
+  kit.trace.level = options.trace.empty() ? 0 : options.traceLevel;
+  kit.signingKeyFile = options.signKey;
+  kit.onRequestFinished = [this](const host::FinishedRequest& request) { OnRequestFinished(request); };
+  return kit;
+}
+
+std::string SendSession::Submit(std::string_view json) {
+  const host::Submission submission = kit_->SubmitJson(to_, json);
+  if (submission.Accepted()) return {};
+  return "the sender didn't take it: " + host::CodeText(submission.code);
+}
+
+void SendSession::Nudge() {
+  kit_->Nudge();
+  Hurry();
+}
+
+void SendSession::Hurry() { kit_->Timer().FireNow(); }
+
+void SendSession::OnRequestFinished(const host::FinishedRequest& request) {
+  if (request.result == zel::sOk) return;
+  const std::lock_guard hold(lock_);
+  ++failures_.requests;
+  failures_.last = host::WithoutCredentials(request.url) + ": " + host::CodeText(request.result);
+}
+
+SendSession::Failures SendSession::RequestFailures() const {
+  const std::lock_guard hold(lock_);
+  return failures_;
+}
+
+}  // namespace veld_report::app
