@@ -91,36 +91,24 @@ TEST_F(CycleTest, TheDrainLosesWhatItMustAndNoMore) {
     Strings lines;
     Strings arrivals;  // "queue item" of what stands in the queues
   };
+  // clang-format off
   const std::vector<Row> rows = {
       {"nothing", [] {}, {}, {"a 1", "b 1", "c 1", "a 2", "b 2", "c 2"}},
-      {"a producer can't be made",
-       [&] { script().Fail("CreateProducer", someCode, 2); },
+      {"a producer can't be made", [&] { script().Fail("CreateProducer", someCode, 2); },
        {CaughtLine("QueuePendingData", SystemError("Can not create Queue producer", someCode, "458"))},
        {"a 1", "a 2", "b 2", "c 2"}},
       {"a push fails", [&] { script().Fail("Push", someCode, 2); }, {}, {"a 1", "c 1", "a 2", "b 2", "c 2"}},
-      {"a push throws",
-       [&] { script().Throw("Push", 2); },
-       {CaughtLine("QueuePendingData", "std::exception scripted")},
-       {"a 1", "a 2", "b 2", "c 2"}},
-      {"a full queue without a reader",
-       [&] {
-         script().Fail("Push", zel::eOutOfSpace, 2);
-         script().Fail("CreateAckConsumer", someCode);
-       },
-       {CaughtLine("QueuePendingData", SystemError("Can not create AckConsumer", someCode, "470"))},
-       {"a 1", "a 2", "b 2", "c 2"}},
-      {"a full queue that can't be emptied",
-       [&] { script().Fail("Push", zel::eOutOfSpace, 2); },
-       {cannot},
+      {"a push throws", [&] { script().Throw("Push", 2); }, {CaughtLine("QueuePendingData",
+       "std::exception scripted")}, {"a 1", "a 2", "b 2", "c 2"}},
+      {"a full queue without a reader", [&] { script().Fail("Push", zel::eOutOfSpace, 2);
+       script().Fail("CreateAckConsumer", someCode); }, {CaughtLine("QueuePendingData",
+       SystemError("Can not create AckConsumer", someCode, "470"))}, {"a 1", "a 2", "b 2", "c 2"}},
+      {"a full queue that can't be emptied", [&] { script().Fail("Push", zel::eOutOfSpace, 2); }, {cannot},
        {"a 1", "c 1", "a 2", "b 2", "c 2"}},
-      {"a full queue that says 1",
-       [&] {
-         script().Fail("Push", zel::eOutOfSpace, 5);
-         script().Fail("Read", zel::sFalse);
-       },
-       {cannot},
-       {"a 1", "b 1", "c 1", "a 2", "c 2"}},
+      {"a full queue that says 1", [&] { script().Fail("Push", zel::eOutOfSpace, 5); script().Fail("Read",
+       zel::sFalse); }, {cannot}, {"a 1", "b 1", "c 1", "a 2", "c 2"}},
   };
+  // clang-format on
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     Start({.urls = {urlA, urlB, urlC}});
@@ -243,24 +231,18 @@ TEST_F(CycleTest, UpkeepThatFails) {
     Strings lines;  // between the first line and the last
     Strings removed;
   };
+  // clang-format off
   const std::vector<Row> rows = {
-      {"a producer can't be made",
-       [&] { script().Fail("CreateProducer", someCode); },
-       {started, CaughtLine("OnSendTimeout", SystemError("Can not create Queue producer", someCode, "405"))},
-       {}},
-      {"no manager",
-       [&] { script().Fail("CreateQueueManager", someCode); },
-       {started, Line("0 queues will be removed"), finished, Line("HandleQueueList called")},
-       {}},
-      {"the names come with a failure",
-       [&] { script().Fail("EnumerateQueues", someCode); },
-       {started, Line("1 queues will be removed"), finished, Line("HandleQueueList called")},
-       {"RemoveQueue 0f"}},
-      {"the host throws",
-       [&] { script().Throw("EnumerateQueues"); },
-       {started, CaughtLine("OnSendTimeout", "std::exception scripted")},
-       {}},
+      {"a producer can't be made", [&] { script().Fail("CreateProducer", someCode); }, {started,
+       CaughtLine("OnSendTimeout", SystemError("Can not create Queue producer", someCode, "405"))}, {}},
+      {"no manager", [&] { script().Fail("CreateQueueManager", someCode); }, {started,
+       Line("0 queues will be removed"), finished, Line("HandleQueueList called")}, {}},
+      {"the names come with a failure", [&] { script().Fail("EnumerateQueues", someCode); }, {started,
+       Line("1 queues will be removed"), finished, Line("HandleQueueList called")}, {"RemoveQueue 0f"}},
+      {"the host throws", [&] { script().Throw("EnumerateQueues"); }, {started, CaughtLine("OnSendTimeout",
+       "std::exception scripted")}, {}},
   };
+  // clang-format on
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     Start();

@@ -26,19 +26,21 @@ TEST_F(RequestTest, TheBodyByteForByte) {
   };
   const Strings two = {"{\"a\":1}", "{\"b\":2}"};
   const std::string zero("a\0b", 3);
+  // clang-format off
   const std::vector<Row> rows = {
-      {"no provider", [&] { host.locator->LackNth(orvel::ISignatureProvider::iid, 1); }, two,
-       Body(pair, unsignedBlock), 102},
+      {"no provider", [&] { host.locator->LackNth(orvel::ISignatureProvider::iid, 1); }, two, Body(pair,
+       unsignedBlock), 102},
       {"signed", [] {}, two, Body(pair, "+/8="), 86},
       {"signed with a positive code", [&] { script().Fail("Sign", 1); }, two, Body(pair, "+/8="), 86},
-      {"the provider fails behind a block", [&] { script().Fail("Sign", someCode); }, two,
-       Body(pair, unsignedBlock), 102},
+      {"the provider fails behind a block", [&] { script().Fail("Sign", someCode); }, two, Body(pair,
+       unsignedBlock), 102},
       {"the provider signs with nothing", [&] { host.signature->block.clear(); }, two, Body(pair, ""), 82},
       {"one item", [] {}, {two[0]}, Body("eyJhcnJheSI6W3siYSI6MX1dfQ==", "+/8="), 78},
       {"an empty item", [] {}, {""}, Body("eyJhcnJheSI6W119", "+/8="), 66},
       {"an item with a zero byte", [] {}, {zero}, Body("eyJhcnJheSI6W2EAYl19", "+/8="), 70},
       {"an item that is no JSON", [] {}, {">>>???"}, Body("eyJhcnJheSI6Wz4+Pj8/P119", "+/8="), 74},
   };
+  // clang-format on
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     row.script();

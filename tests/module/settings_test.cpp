@@ -83,33 +83,19 @@ TEST_F(SettingsTest, AFailureChangesNothing) {
     Strings calls;
   };
   const Strings asked = {"SetCertificates 2"};
+  // clang-format off
   const std::vector<Row> rows = {
       {"fewer consumers than urls", [] {}, oneConsumer, zel::eInvalidArgument, {entry}, {}},
-      {"no certificates interface",
-       [&] { script().Fail("Query HttpClient", someCode); },
-       good,
-       zel::eUnspecifiedError,
-       {entry, certificates},
-       {}},
-      {"certificates refused",
-       [&] { script().Fail("SetCertificates", someCode); },
-       good,
-       zel::eUnspecifiedError,
-       {entry, certificates},
-       asked},
-      {"no calculator for the second url",
-       [&] { script().Fail("CreateCalculator", someCode, 2); },
-       good,
-       someCode,
-       {entry},
-       {}},
-      {"no interface of the calculator",
-       [&] { script().Fail("Query HashCalculator", someCode); },
-       good,
-       someCode,
-       {entry},
-       {}},
+      {"no certificates interface", [&] { script().Fail("Query HttpClient", someCode); }, good,
+       zel::eUnspecifiedError, {entry, certificates}, {}},
+      {"certificates refused", [&] { script().Fail("SetCertificates", someCode); }, good,
+       zel::eUnspecifiedError, {entry, certificates}, asked},
+      {"no calculator for the second url", [&] { script().Fail("CreateCalculator", someCode, 2); }, good,
+       someCode, {entry}, {}},
+      {"no interface of the calculator", [&] { script().Fail("Query HashCalculator", someCode); }, good,
+       someCode, {entry}, {}},
   };
+  // clang-format on
   Start({}, true);
   Events();
   Lines();
@@ -177,12 +163,14 @@ TEST_F(SettingsTest, TheLastSettingsDecideWhatTheNextCycleUpdates) {
     std::vector<std::uint32_t> queueLimits;
     Strings producers;
   };
+  // clang-format off
   const Row rows[] = {
       {"the same limit", {10}, {}},
       {"another limit", {20}, {"CreateProducer 0a 20480"}},
       {"another limit and then the same again", {30, 30}, {}},
       {"there and back", {40, 30}, {"CreateProducer 0a 30720"}},
   };
+  // clang-format on
   Start();
   Send("{}");
   Fire();

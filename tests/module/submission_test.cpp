@@ -115,46 +115,34 @@ TEST_F(SubmissionTest, AFailedSerialisationIsToldInTheTraceOnly) {
     std::string result;
   };
   const std::string code = std::to_string(someCode);
+  // clang-format off
   const std::vector<Row> rows = {
       {"no storage factory", [&] { host.locator->LackNth(zel::IJsonStorageFactory::iid, 1, someCode); },
        SystemError("Failed to get zel::IJsonStorageFactory", someCode, json + "(27)"), code},
-      {"no storage", [&] { script().Fail("CreateJsonStorage", someCode); },
-       SystemError("CreateJsonStorage", someCode, json + "(28)"), code},
+      {"no storage", [&] { script().Fail("CreateJsonStorage", someCode); }, SystemError("CreateJsonStorage",
+       someCode, json + "(28)"), code},
       {"no serialiser", [&] { host.locator->LackNth(zel::IStorageSerializer2::iid, 1, someCode); },
        SystemError("Failed to get zel::IStorageSerializer2", someCode, storage + "(57)"), code},
       {"no context", [&] { serialize({}); }, SystemError("Serialize", someCode, storage + "(62)"), code},
       {"a context without location", [&] { serialize({.given = true, .offersLocation = false}); },
        SystemError("Serialize", someCode, storage + "(62)"), code},
-      {"a location that can't be had",
-       [&] {
-         serialize({true, true, someCode, "Message", "signatures", 0});
-       },
+      {"a location that can't be had", [&] { serialize({true, true, someCode, "Message", "signatures", 0}); },
        SystemError("Serialize", someCode, storage + "(62)"), code},
-      {"a location with index 0",
-       [&] {
-         serialize({true, true, 0, "Message", "signatures", 0});
-       },
+      {"a location with index 0", [&] { serialize({true, true, 0, "Message", "signatures", 0}); },
        SystemError("Serialize, Object name: Message, Field name: signatures, Index: 0", someCode,
-                   storage + "(62)"),
-       code},
-      {"a location without index",
-       [&] {
-         serialize({true, true, 1, "Message", "payload", none});
-       },
+       storage + "(62)"), code},
+      {"a location without index", [&] { serialize({true, true, 1, "Message", "payload", none}); },
        SystemError("Serialize, Object name: Message, Field name: payload", someCode, storage + "(62)"), code},
-      {"a name that doesn't convert",
-       [&] {
-         serialize({true, true, 0, "Message", "\xff", 3});
-       },
+      {"a name that doesn't convert", [&] { serialize({true, true, 0, "Message", "\xff", 3}); },
        SystemError("Serialize, Object name: Message, Field name: ", someCode, storage + "(62)"), code},
-      {"the flush fails", [&] { script().Fail("Flush", someCode); },
-       SystemError("IStorage::Flush", someCode, storage + "(66)"), code},
+      {"the flush fails", [&] { script().Fail("Flush", someCode); }, SystemError("IStorage::Flush", someCode,
+       storage + "(66)"), code},
       {"std::exception", [&] { script().Throw("Serialize"); }, "std::exception scripted",
        std::to_string(zel::eUnspecifiedError)},
-      {"std::bad_alloc",
-       [&] { script().Do("CreateJsonStorage", []() -> ResultCode { throw std::bad_alloc(); }); },
-       "std::bad_alloc std::bad_alloc", std::to_string(zel::eOutOfMemory)},
+      {"std::bad_alloc", [&] { script().Do("CreateJsonStorage", []() -> ResultCode { throw std::bad_alloc();
+       }); }, "std::bad_alloc std::bad_alloc", std::to_string(zel::eOutOfMemory)},
   };
+  // clang-format on
   Start();
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);

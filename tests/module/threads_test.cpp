@@ -79,12 +79,14 @@ TEST_F(ThreadsTest, AStopEndsTheWalkAtItsNextCheck) {
     Strings left;
   };
   const Strings all = {"1", "2", "3"};
+  // clang-format off
   const Row rows[] = {
       {"before a full packet goes out", 2, "Read", 2, 0, all},
       {"before the shorter packet, which goes out", 9, "Read", 4, 1, {}},
       {"in a request", 2, "MakeRequestAsync", 1, 2, {}},
       {"before the list is made", 2, "CreateQueueManager", 1, 0, all},
   };
+  // clang-format on
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     Start({.urls = {urlA, urlB}, .packetLimit = row.packetLimit}, true);
