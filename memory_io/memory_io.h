@@ -103,10 +103,7 @@ class MemoryIOStorageWritable : public MemoryIOStorageReadOnly<S, char*> {
         count = static_cast<std::uint32_t>(size - this->position_);
       }
     }
-    // Behind the end with nothing to write, the position may lie outside the string still.
-    if (count != 0) {
-      char_traits<char>::move(this->Text().data + this->position_, static_cast<const char*>(buffer), count);
-    }
+    char_traits<char>::move(this->Text().data + this->position_, static_cast<const char*>(buffer), count);
     this->position_ += count;
     *bytesWritten = count;
     return sOk;
