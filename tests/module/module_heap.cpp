@@ -1,11 +1,9 @@
 #include "tests/module/module_heap.h"
 
 #include <dlfcn.h>
-#include <link.h>
 
 #include <array>
 #include <atomic>
-#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -18,37 +16,21 @@
 namespace veld_report::tests {
 namespace {
 
-std::atomic<std::uintptr_t> codeBegin{0};
-std::atomic<std::uintptr_t> codeEnd{0};
+std::atomic<const void*> library{nullptr};  // where it is loaded; null: nothing is watched
 std::atomic<int> allocations{0};
 std::atomic<int> failAt{0};
 
 // Nothing here may allocate. A slot is null or one live block of the library's.
 std::array<std::atomic<void*>, 1024> live;
 
-struct Search {
-  std::uintptr_t address;
-  std::uintptr_t begin = 0;
-  std::uintptr_t end = 0;
-};
-
-int FindSegment(dl_phdr_info* info, std::size_t, void* data) {
-  auto& search = *static_cast<Search*>(data);
-  for (int i = 0; i < info->dlpi_phnum; ++i) {
-    const auto& segment = info->dlpi_phdr[i];
-    const std::uintptr_t begin = info->dlpi_addr + segment.p_vaddr;
-    if (segment.p_type != PT_LOAD || search.address < begin || search.address >= begin + segment.p_memsz)
-      continue;
-    search.begin = begin;
-    search.end = begin + segment.p_memsz;
-    return 1;
-  }
-  return 0;
+const void* LibraryOf(const void* address) {
+  Dl_info info;
+  return dladdr(address, &info) ? info.dli_fbase : nullptr;
 }
 
 [[maybe_unused]] bool FromLibrary(const void* caller) {
-  const auto address = reinterpret_cast<std::uintptr_t>(caller);
-  return address >= codeBegin && address < codeEnd;
+  const void* watched = library;
+  return watched && LibraryOf(caller) == watched;
 }
 
 // True if this allocation is the one that fails.
@@ -63,7 +45,7 @@ int FindSegment(dl_phdr_info* info, std::size_t, void* data) {
 }
 
 [[maybe_unused]] void Forget(void* block) {
-  if (!block || codeEnd == 0) return;
+  if (!block || !library) return;
   for (std::atomic<void*>& slot : live) {
     void* held = block;
     if (slot.compare_exchange_strong(held, nullptr)) return;
@@ -75,13 +57,10 @@ int FindSegment(dl_phdr_info* info, std::size_t, void* data) {
 bool ModuleHeap::Available() { return VELD_OWN_HEAP != 0; }
 
 void ModuleHeap::Begin(const void* inLibrary, int failNth) {
-  Search search{reinterpret_cast<std::uintptr_t>(inLibrary)};
-  dl_iterate_phdr(FindSegment, &search);
   for (std::atomic<void*>& slot : live) slot = nullptr;
   allocations = 0;
   failAt = failNth;
-  codeBegin = search.begin;
-  codeEnd = search.end;
+  library = LibraryOf(inLibrary);
 }
 
 int ModuleHeap::Allocations() { return allocations; }
@@ -92,10 +71,7 @@ int ModuleHeap::LiveBlocks() {
   return count;
 }
 
-void ModuleHeap::End() {
-  codeBegin = 0;
-  codeEnd = 0;
-}
+void ModuleHeap::End() { library = nullptr; }
 
 }  // namespace veld_report::tests
 
