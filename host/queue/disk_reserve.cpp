@@ -7,21 +7,23 @@
 
 #include <utility>
 
+#include "host/queue/store_file.h"
+
 namespace veld_report::host {
 namespace {
 
-// Some sixty pages of the log: the deletions of many packets.
-constexpr off_t reserveBytes = 256 * 1024;
-// There must be so many times the reserve before it is taken.
-constexpr unsigned plenty = 8;
+// Twice the log: once for what the file grows by when the log is written back, once for the log's own growth.
+constexpr off_t reserveBytes = 2 * logPages * storePageBytes;
 
 }  // namespace
 
 DiskReserve::DiskReserve(std::filesystem::path file) : file_(std::move(file)) { Restore(); }
 
 void DiskReserve::Release() noexcept {
+  if (!held_) return;
   unlink(file_.c_str());
   held_ = false;
+  givenUp_ = true;
 }
 
 void DiskReserve::Restore() noexcept {
@@ -29,16 +31,21 @@ void DiskReserve::Restore() noexcept {
   struct stat status {};
   if (stat(file_.c_str(), &status) == 0 && status.st_size == reserveBytes) {
     held_ = true;
+    givenUp_ = false;
     return;
   }
   struct statvfs disk {};
   if (statvfs(file_.parent_path().c_str(), &disk) != 0) return;
-  if (disk.f_bavail * disk.f_frsize < plenty * static_cast<unsigned long>(reserveBytes)) return;
+  if (disk.f_bavail * disk.f_frsize < 2 * static_cast<unsigned long>(reserveBytes)) return;
   const int descriptor = open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) return;
   held_ = fchmod(descriptor, 0600) == 0 && posix_fallocate(descriptor, 0, reserveBytes) == 0;
   close(descriptor);
-  if (!held_) unlink(file_.c_str());
+  if (held_) {
+    givenUp_ = false;
+  } else {
+    unlink(file_.c_str());
+  }
 }
 
 }  // namespace veld_report::host

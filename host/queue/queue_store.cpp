@@ -170,6 +170,8 @@ bool QueueStore::EvictOldest(QueueState& queue) {
 // While writes fail, items aren't taken in: each one would only make the loss at the end of the process
 // larger. So a Push tries to write first, but not more often than a group would be due.
 bool QueueStore::IsRefusingWrites() {
+  if (reserve_.IsGivenUp()) reserve_.Restore();
+  if (reserve_.IsGivenUp()) return true;
   if (!writer_.Error()) return false;
   if (QueueWriter::Clock::now() - writer_.LastFailure() < options_.commitDelay) return true;
   return !Flush();

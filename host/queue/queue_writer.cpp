@@ -76,26 +76,27 @@ ItemCount QueueWriter::AddRemoval(QueueState& queue, ItemCount waiting) {
 
 bool QueueWriter::Flush() {
   if (!IsDirty()) return true;
-  if (Try(true) || TryAfterCheckpoint()) {
+  // The second try is for a device's passing failure, which would lose the buffer at the end of the process.
+  if (Try(true) || (error_->IsNoRoom() && Try(true))) {
     reserve_.Restore();
     return true;
   }
   // What makes room comes before what takes it.
-  if (deletes_.empty() && removals_.empty()) return false;
-  reserve_.Release();
-  Try(false);
+  if (!deletes_.empty() || !removals_.empty()) TryDeletionsAlone();
   return false;
 }
 
-// The log can be full while its file has free pages: written back, it starts again at its beginning.
-bool QueueWriter::TryAfterCheckpoint() {
-  if (!error_->IsNoRoom()) return false;
-  try {
-    file_.Checkpoint();
-  } catch (const SqliteError&) {
-    return false;
+void QueueWriter::TryDeletionsAlone() {
+  if (error_->IsNoRoom()) {
+    reserve_.Release();
+    try {
+      // The log starts again at its beginning when all of it is in the file.
+      file_.Checkpoint();
+    } catch (const SqliteError&) {
+      // Then there may be room at the log's end.
+    }
   }
-  return Try(true);
+  Try(false);
 }
 
 bool QueueWriter::Try(bool withItems) {

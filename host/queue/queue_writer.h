@@ -100,7 +100,7 @@ class QueueWriter {
   };
 
   bool Try(bool withItems);
-  bool TryAfterCheckpoint();
+  void TryDeletionsAlone();
   void Undo() noexcept;
   void Write(bool withItems);
   void WriteRemovals();

@@ -39,6 +39,7 @@ SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const
   connection.KeepLogOnClose(false);
   connection.Execute("PRAGMA journal_mode=WAL");
   connection.Execute(settings.syncEveryCommit ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+  connection.Execute("PRAGMA wal_autocheckpoint=" + std::to_string(logPages));
   connection.Execute("PRAGMA secure_delete=ON");
   connection.Execute("PRAGMA temp_store=MEMORY");
   return connection;

@@ -18,6 +18,11 @@
 
 namespace veld_report::host {
 
+inline constexpr int storePageBytes = 4096;
+// The log is written back into the file when it holds so many pages: a sync each time, but also the room that
+// a full disk must still give (disk_reserve.h).
+inline constexpr int logPages = 512;
+
 struct QueueRow {
   std::int64_t id = 0;
   std::string name;

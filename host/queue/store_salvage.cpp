@@ -22,7 +22,7 @@ namespace {
 constexpr std::uint64_t mostLookups = 1'000'000;
 constexpr const char* damagedInfix = ".damaged-";
 constexpr const char* salvagedSuffix = ".salvaged";
-constexpr std::size_t pageBytes = 4096;
+constexpr std::size_t pageBytes = storePageBytes;
 constexpr std::size_t pageCountOffset = 28;  // in SQLite's file header, big-endian
 
 std::filesystem::path With(const std::filesystem::path& file, const char* suffix) {
