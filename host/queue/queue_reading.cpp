@@ -123,7 +123,7 @@ void QueueStore::CloseReader(ReaderState& reader) {
     for (const auto& claim : reader.claims) queue.claimed.erase(claim.first);
   }
   reader.claims.clear();
-  if (!reader.evicting && --sendingReaders_ == 0) lease_ = FileLock();
+  if (!reader.evicting) --sendingReaders_;
   std::erase_if(queue.evictions, [&](const auto& eviction) { return eviction.reader == &reader; });
   Flush();
 }

@@ -244,6 +244,8 @@ bool QueueStore::Flush() {
   }
   if (written && failing_) Trace(failureLevel, "the store can be written again");
   failing_ = !written;
+  // Not earlier: the next process must not find what was delivered and stands in the buffer.
+  if (written && lease_ && sendingReaders_ == 0) lease_ = FileLock();
   return written;
 }
 
