@@ -1,0 +1,106 @@
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "veld_report/reporter.h"
+#include "veld_report/veld_report.h"
+
+struct veld_report_handle {
+  veld_report::Reporter reporter;
+};
+
+namespace {
+
+using std::chrono::milliseconds;
+
+std::string Text(const char* text) { return text ? text : ""; }
+
+void WriteError(std::string_view sentence, char* error, size_t size) {
+  if (!error || size == 0) return;
+  const size_t length = std::min(sentence.size(), size - 1);
+  std::copy_n(sentence.data(), length, error);
+  error[length] = '\0';
+}
+
+template <class T>
+void SetIfGiven(T& option, std::uint32_t value) {
+  if (value != 0) option = T(value);
+}
+
+veld_report::ReporterOptions OptionsOf(const veld_report_options& given) {
+  veld_report::ReporterOptions options;
+  options.store = Text(given.store);
+  for (size_t i = 0; i < given.endpoint_count; ++i) {
+    options.endpoints.push_back({Text(given.endpoints[i].url), Text(given.endpoints[i].consumer), {}});
+  }
+  SetIfGiven(options.packetLimit, given.packet_limit);
+  SetIfGiven(options.queueLimitKb, given.queue_limit_kb);
+  SetIfGiven(options.retryAfter, given.retry_after_s);
+  options.closeDeadline = milliseconds(0);
+  options.signingKeyFile = Text(given.signing_key_file);
+  options.traceFile = Text(given.trace_file);
+  options.traceLevel = given.trace_level;
+  options.modulePath = Text(given.module_path);
+  return options;
+}
+
+}  // namespace
+
+int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out, char* error,
+                         size_t error_size) {
+  if (out) *out = nullptr;
+  if (!options || !out || options->struct_size != sizeof(veld_report_options) ||
+      (options->endpoint_count != 0 && !options->endpoints)) {
+    WriteError("open: options or out is NULL, or struct_size isn't that of this header", error, error_size);
+    return zel::eInvalidArgument;
+  }
+  try {
+    *out = new veld_report_handle{veld_report::Reporter(OptionsOf(*options))};
+    return zel::sOk;
+  } catch (const veld_report::ReporterError& caught) {
+    WriteError(caught.what(), error, error_size);
+    return caught.Code();
+  } catch (...) {
+    WriteError("open: out of memory", error, error_size);
+    return zel::eOutOfMemory;
+  }
+}
+
+int32_t veld_report_send_json(veld_report_handle* reporter, const char* consumer, const char* json,
+                              size_t length, char* error, size_t error_size) {
+  if (!reporter || !json) {
+    WriteError("send: reporter or json is NULL", error, error_size);
+    return zel::eInvalidArgument;
+  }
+  std::string sentence;
+  const int32_t code = reporter->reporter.TrySendJson({json, length}, consumer ? consumer : "", &sentence);
+  if (zel::Failed(code)) WriteError(sentence, error, error_size);
+  return code;
+}
+
+int32_t veld_report_flush(veld_report_handle* reporter, uint32_t deadline_ms) {
+  return reporter && reporter->reporter.Flush(milliseconds(deadline_ms)) ? 1 : 0;
+}
+
+int32_t veld_report_stats(veld_report_handle* reporter, veld_report_statistics* out) {
+  if (!reporter || !out || out->struct_size != sizeof *out) return zel::eInvalidArgument;
+  try {
+    const veld_report::Statistics stats = reporter->reporter.Stats();
+    const veld_report::QueueLedger& total = stats.total;
+    *out = {sizeof *out,           stats.submitted,     stats.refused,        total.accepted.items,
+            total.delivered.items, total.evicted.items, total.rejected.items, total.removed.items,
+            total.waiting.items,   total.waiting.bytes};
+    return zel::sOk;
+  } catch (const veld_report::ReporterError& caught) {
+    return caught.Code();
+  } catch (...) {
+    return zel::eOutOfMemory;
+  }
+}
+
+int32_t veld_report_close(veld_report_handle* reporter, uint32_t deadline_ms) {
+  return reporter && reporter->reporter.Close(milliseconds(deadline_ms)) ? 1 : 0;
+}
+
+void veld_report_free(veld_report_handle* reporter) { delete reporter; }

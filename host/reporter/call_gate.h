@@ -1,0 +1,41 @@
+// CallGate: lets calls in until it is shut, and lets the one who shuts it wait for those inside.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <shared_mutex>
+
+namespace veld_report {
+
+// Life: open -> shut. Threads: any.
+class CallGate {
+ public:
+  // Held by a call as long as it is inside. False if the gate is shut.
+  class Pass {
+   public:
+    explicit Pass(CallGate& gate) : lock_(gate.inside_, std::defer_lock) {
+      if (gate.IsShut()) return;
+      lock_.lock();
+      // It may have been shut meanwhile. Without the first test a steady stream of calls could keep Shut out.
+      if (gate.IsShut()) lock_.unlock();
+    }
+    explicit operator bool() const { return lock_.owns_lock(); }
+
+   private:
+    std::shared_lock<std::shared_mutex> lock_;
+  };
+
+  // For calls that stay inside for long: they must leave soon once this is true.
+  bool IsShut() const { return shut_.load(std::memory_order_acquire); }
+  // Returns when nobody is inside any more. Not from inside.
+  void Shut() {
+    shut_.store(true, std::memory_order_release);
+    const std::unique_lock waitsForAll(inside_);
+  }
+
+ private:
+  std::atomic<bool> shut_{false};
+  std::shared_mutex inside_;
+};
+
+}  // namespace veld_report

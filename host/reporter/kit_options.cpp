@@ -1,0 +1,50 @@
+#include "host/reporter/kit_options.h"
+
+#include <stdexcept>
+
+namespace veld_report {
+
+Settings SettingsOf(const ReporterOptions& options) {
+  return {options.endpoints, options.packetLimit, options.queueLimitKb, options.retryAfter};
+}
+
+host::KitSettings KitSettingsOf(const Settings& settings) {
+  host::KitSettings result;
+  for (const Endpoint& endpoint : settings.endpoints) {
+    result.endpoints.push_back({endpoint.url, endpoint.consumer, endpoint.certificates});
+  }
+  const auto seconds = settings.retryAfter.count();
+  if (seconds < 0 || seconds > UINT32_MAX) {
+    throw std::invalid_argument("settings: retryAfter is " + std::to_string(seconds) +
+                                " seconds; it must be 0 to 4294967");
+  }
+  result.packetLimit = settings.packetLimit;
+  result.queueLimitKb = settings.queueLimitKb;
+  result.sendTimeoutS = static_cast<std::uint32_t>(seconds);
+  return result;
+}
+
+host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
+  if (options.store.empty()) {
+    throw std::invalid_argument("reporter: no store is given; set ReporterOptions::store to a folder");
+  }
+  if (options.maxAge.count() < 0)
+    throw std::invalid_argument("reporter: maxAge is negative; 0 means no limit");
+  host::HostKitOptions result;
+  result.modulePath = options.modulePath;
+  result.settings = KitSettingsOf(SettingsOf(options));
+  result.queues.folder = options.store;
+  result.queues.commitEveryPush = options.commitEveryRecord;
+  result.queues.syncEveryCommit = options.syncEveryCommit;
+  result.queues.maxAge = options.maxAge;
+  result.queues.storeLimitBytes = options.storeLimitBytes;
+  result.queues.shared = options.shared;
+  result.http.proxy = options.proxy;
+  result.http.caFile = options.caFile;
+  result.trace.path = options.traceFile;
+  result.trace.level = options.traceLevel;
+  result.signingKeyFile = options.signingKeyFile;
+  return result;
+}
+
+}  // namespace veld_report

@@ -1,0 +1,40 @@
+// MemoryMeter: how many records stand in memory at most, between submission and store.
+//
+// The sender's memory has no limit of its own, and a cycle empties it before it does anything else, so a
+// producer that is faster than the disk would keep a cycle, and with it a close, from ever ending.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include "host/timer/timer_service.h"
+
+namespace veld_report {
+
+// Threads: any. The timer must outlive it.
+class MemoryMeter {
+ public:
+  MemoryMeter(host::TimerService& timer, std::uint64_t limit) : timer_(timer), limit_(limit) {}
+
+  bool HasRoom();
+  // To be called once the sender has the record.
+  void Add();
+  // An upper bound: what a cycle in progress has moved already counts until the cycle has ended.
+  std::uint64_t InMemory();
+
+ private:
+  void Refresh();
+
+  host::TimerService& timer_;
+  const std::uint64_t limit_;
+
+  std::mutex lock_;  // guards the rest; held across questions to the timer
+  std::uint64_t submitted_ = 0;
+  std::uint64_t moved_ = 0;  // of those, how many are known to have left memory
+  // A cycle that is not among the first `runsAtMark_` finds the first `mark_` records in memory and moves
+  // them.
+  std::uint64_t mark_ = 0;
+  std::uint64_t runsAtMark_ = 0;
+};
+
+}  // namespace veld_report

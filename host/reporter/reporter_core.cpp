@@ -1,0 +1,233 @@
+#include "host/reporter/reporter_core.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/base/code_text.h"
+#include "host/base/redact.h"
+#include "host/hash/queue_name.h"
+#include "host/json/json_check.h"
+#include "host/reporter/kit_options.h"
+
+namespace veld_report {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+[[noreturn]] void ThrowClosed() {
+  throw ReporterError(zel::eNotInitialized, "the reporter is closed; make another one");
+}
+
+// What leaves the reporter is a ReporterError, whatever was thrown inside.
+template <class Body>
+auto Translated(Body&& body) {
+  try {
+    return body();
+  } catch (const ReporterError&) {
+    throw;
+  } catch (const std::bad_alloc&) {
+    throw ReporterError(zel::eOutOfMemory, "the reporter is out of memory");
+  } catch (const std::invalid_argument& error) {
+    throw ReporterError(zel::eInvalidArgument, error.what());
+  } catch (const std::exception& error) {
+    throw ReporterError(zel::eUnspecifiedError, error.what());
+  }
+}
+
+// A duration that a person gave, however large, as a moment.
+Flusher::TimePoint After(milliseconds duration) {
+  constexpr milliseconds longest = std::chrono::hours(24 * 365);
+  return steady_clock::now() + std::clamp(duration, milliseconds(0), longest);
+}
+
+std::string WhyRefused(const host::Submission& submission, bool isJson, std::string_view json) {
+  if (isJson && submission.code == zel::eInvalidArgument) {
+    std::string why;
+    if (!host::JsonCheck().IsOneValue(json, &why)) return "the text isn't one JSON value: " + why;
+  }
+  std::string text = "the record can't be written as JSON";
+  if (!submission.where.empty()) text += ", at " + submission.where;
+  return text + ": " + host::CodeText(submission.code);
+}
+
+}  // namespace
+
+void ListenerSlot::Set(Listener listener) {
+  auto fresh = listener ? std::make_shared<const Listener>(std::move(listener)) : nullptr;
+  const std::lock_guard guard(lock_);
+  listener_.swap(fresh);
+}
+
+void ListenerSlot::Call(const FinishedRequest& request) const {
+  std::shared_ptr<const Listener> listener;
+  {
+    const std::lock_guard guard(lock_);
+    listener = listener_;
+  }
+  if (listener) (*listener)(request);
+}
+
+Reporter::Core::Core(ReporterOptions options)
+    : closeDeadline_(std::max(options.closeDeadline, milliseconds(0))) {
+  Translated([&] {
+    listener_->Set(std::move(options.listener));
+    host::HostKitOptions kitOptions = KitOptionsOf(options);
+    kitOptions.onRequestFinished = [slot = listener_](const FinishedRequest& request) {
+      slot->Call(request);
+    };
+    kit_ = std::make_unique<host::HostKit>(kitOptions);
+    kit_->Mode().AllowBackground(options.sendingAllowed);
+    flusher_ = std::make_unique<Flusher>(*kit_);
+    memory_ = std::make_unique<MemoryMeter>(kit_->Timer(), options.memoryLimitRecords);
+    AdoptSettings(SettingsOf(options));
+    // What an earlier run left behind goes out without waiting for a first record.
+    kit_->Nudge();
+  });
+}
+
+Reporter::Core::~Core() { Close(closeDeadline_); }
+
+std::string Reporter::Core::CheckConsumer(std::string_view consumer) const {
+  const std::lock_guard guard(settingsLock_);
+  if (settings_.endpoints.empty()) return "there is no endpoint; set one in the settings";
+  if (consumer.empty() || consumers_.contains(consumer)) return {};
+  return "no endpoint has the consumer \"" + std::string(consumer) + "\"; name one of the settings, or none";
+}
+
+zel::ResultCode Reporter::Core::Submit(const zel::AnyPtr* record, std::string_view json,
+                                       std::string_view consumer, std::string* error) noexcept {
+  try {
+    const auto refuse = [&](zel::ResultCode code, std::string&& why) {
+      ++refused_;
+      if (error) *error = std::move(why);
+      return code;
+    };
+    const CallGate::Pass pass(gate_);
+    if (!pass) return refuse(zel::eNotInitialized, "the reporter is closed; make another one");
+    std::string wrong = CheckConsumer(consumer);
+    if (!wrong.empty()) return refuse(zel::eNotFound, std::move(wrong));
+    if (!memory_->HasRoom()) {
+      return refuse(zel::eOutOfSpace, "too many records stand in memory; send fewer, or wait for a cycle");
+    }
+    const host::Submission submission =
+        record ? kit_->Submit(consumer, *record) : kit_->SubmitJson(consumer, json);
+    if (!submission.Accepted()) return refuse(submission.code, WhyRefused(submission, !record, json));
+    memory_->Add();
+    ++submitted_;
+    return zel::sOk;
+  } catch (...) {
+    ++refused_;
+    return zel::eOutOfMemory;
+  }
+}
+
+bool Reporter::Core::Flush(milliseconds deadline) noexcept {
+  try {
+    const CallGate::Pass pass(gate_);
+    if (!pass) return false;
+    const TimePoint end = After(deadline);
+    return flusher_->Flush([&] { return gate_.IsShut() ? TimePoint::min() : end; });
+  } catch (...) {
+    return false;
+  }
+}
+
+bool Reporter::Core::Close(milliseconds deadline) noexcept {
+  const TimePoint end = After(deadline);
+  TimePoint earliest = closeBy_.load();
+  while (end < earliest && !closeBy_.compare_exchange_weak(earliest, end)) {
+  }
+  const std::lock_guard guard(closeLock_);
+  if (!std::exchange(closed_, true)) CloseOnce();
+  return flushedAtClose_;
+}
+
+void Reporter::Core::CloseOnce() noexcept {
+  gate_.Shut();
+  try {
+    flushedAtClose_ = flusher_->Flush([this] { return closeBy_.load(); });
+  } catch (...) {
+    // A store that can't be asked: what became of the records is unknown, so the answer stays no.
+  }
+  kit_->Close();
+}
+
+void Reporter::Core::AdoptSettings(const Settings& settings) {
+  std::set<std::string, std::less<>> consumers;
+  for (const Endpoint& endpoint : settings.endpoints) {
+    if (!endpoint.consumer.empty()) consumers.insert(endpoint.consumer);
+  }
+  Settings copy = settings;
+  const std::lock_guard guard(settingsLock_);
+  std::swap(settings_, copy);
+  consumers_.swap(consumers);
+}
+
+void Reporter::Core::SetSettings(const Settings& settings) {
+  Translated([&] {
+    const CallGate::Pass pass(gate_);
+    if (!pass) ThrowClosed();
+    const std::lock_guard guard(changeLock_);
+    kit_->SetSettings(KitSettingsOf(settings));
+    flusher_->SettingsChanged();
+    AdoptSettings(settings);
+  });
+}
+
+Settings Reporter::Core::CurrentSettings() const {
+  const std::lock_guard guard(settingsLock_);
+  return settings_;
+}
+
+void Reporter::Core::AllowSending(bool allowed) noexcept {
+  const CallGate::Pass pass(gate_);
+  if (!pass) return;
+  kit_->Mode().AllowBackground(allowed);
+  if (allowed) kit_->Timer().FireNow();
+}
+
+Statistics Reporter::Core::Stats() {
+  return Translated([&] {
+    const CallGate::Pass pass(gate_);
+    if (!pass) ThrowClosed();
+    const auto ledgers = kit_->Queues().Ledgers();
+    const auto states = kit_->Http().States();
+    Statistics result;
+    result.submitted = submitted_;
+    result.refused = refused_;
+    result.inMemory = memory_->InMemory();
+    for (const auto& [name, ledger] : ledgers) result.total += ledger;
+    for (const Endpoint& endpoint : CurrentSettings().endpoints) {
+      EndpointStatistics one{host::WithoutCredentials(endpoint.url), endpoint.consumer};
+      const auto ledger = ledgers.find(host::QueueNameOfUrl(endpoint.url));
+      if (ledger != ledgers.end()) one.ledger = ledger->second;
+      const auto state =
+          std::find_if(states.begin(), states.end(), [&](const auto& each) { return each.url == one.url; });
+      if (state != states.end()) {
+        one.waitsUntil = state->waitsUntil;
+        one.lastStatus = state->lastStatus;
+        one.lastError = state->lastError;
+      }
+      result.endpoints.push_back(std::move(one));
+    }
+    return result;
+  });
+}
+
+void Reporter::Core::Forget() {
+  Translated([&] {
+    const CallGate::Pass pass(gate_);
+    if (!pass) ThrowClosed();
+    // What is in memory has to go into the store first, to be removed with the rest, and must not be sent.
+    const bool allowed = kit_->Mode().BackgroundAllowed();
+    kit_->Mode().AllowBackground(false);
+    const TimePoint end = After(std::chrono::seconds(20));
+    const bool drained = flusher_->Drain([&] { return gate_.IsShut() ? TimePoint::min() : end; });
+    if (drained) kit_->Queues().Forget();
+    kit_->Mode().AllowBackground(allowed);
+    if (!drained) throw ReporterError(zel::eOperationTimeout, "forget: a send cycle doesn't end; try again");
+  });
+}
+
+}  // namespace veld_report
