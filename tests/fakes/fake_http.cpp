@@ -19,7 +19,7 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
         body_(body),
         callback_(callback) {}
 
-  zel::ResultCode ReservedRequestOperation() override { return FakeHttpClient::Reserved(); }
+  zel::ResultCode ReservedRequestOperation() override { return Reserved(); }
 
   zel::ResultCode Wait(std::uint32_t timeoutMs) override {
     Use();
@@ -146,11 +146,6 @@ std::string ToText(const zel::wstring& url) {
 }
 
 }  // namespace
-
-zel::ResultCode FakeHttpClient::Reserved() {
-  Fault("HttpClient: a reserved operation was called");
-  return zel::eNotImplemented;
-}
 
 zel::ResultCode FakeHttpClient::MakeRequestAsync(const zel::wstring& url,
                                                  const network_services::HttpRequestOptions& options,

@@ -81,7 +81,6 @@ class FakeHttpClient final
 
  private:
   friend class FakeHttpRequest;
-  static zel::ResultCode Reserved();
 
   mutable std::mutex lock_;
   std::condition_variable changed_;

@@ -35,10 +35,6 @@ class Storage final : public FakeObject<zel::IStorage> {
   }
 
  private:
-  static zel::ResultCode Reserved() {
-    Fault("JsonStorage: a reserved operation was called");
-    return zel::eNotImplemented;
-  }
   zel::ResultCode WriteOut(std::size_t keep) {
     if (held_.size() <= keep) return zel::sOk;
     const auto count = static_cast<std::uint32_t>(held_.size() - keep);
@@ -61,10 +57,7 @@ class ErrorInfo final : public FakeObject<zel::ISerializeErrorInfo> {
   ErrorInfo(FakeWorld& world, SerializeContext context)
       : FakeObject(world, "SerializeErrorInfo"), context_(std::move(context)) {}
 
-  zel::ResultCode ReservedErrorOperation() override {
-    Fault("SerializeErrorInfo: the reserved operation was called");
-    return zel::eNotImplemented;
-  }
+  zel::ResultCode ReservedErrorOperation() override { return Reserved(); }
   zel::ResultCode GetErrorLocation(zel::SerializeErrorLocation* location) override {
     Use();
     if (!location->objectName.empty() || !location->fieldName.empty()) {

@@ -1,6 +1,8 @@
 // A host allocator that counts its blocks and can fail the nth of them.
 #pragma once
 
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
 
@@ -12,16 +14,45 @@ namespace veld_report::fakes {
 class FakeAllocator final : public FakeObject<zel::IAllocator> {
  public:
   explicit FakeAllocator(FakeWorld& world) : FakeObject(world, "Allocator") {}
-  ~FakeAllocator() override;
+  ~FakeAllocator() override {
+    for (const auto& block : blocks_) std::free(block.first);
+  }
 
-  void* Allocate(std::uint64_t size) override;
-  zel::ResultCode ReservedAllocatorOperation() override;
-  void Free(void* memory) override;
+  void* Allocate(std::uint64_t size) override {
+    Use();
+    const std::lock_guard guard(lock_);
+    ++allocations_;
+    if (failAt_ > 0 && --failAt_ == 0) return nullptr;
+    void* memory = std::malloc(size ? size : 1);
+    // Nobody may count on fresh memory being zero.
+    std::memset(memory, 0xcd, size);
+    blocks_[memory] = size;
+    return memory;
+  }
+  zel::ResultCode ReservedAllocatorOperation() override { return Reserved(); }
+  void Free(void* memory) override {
+    Use();
+    const std::lock_guard guard(lock_);
+    const auto found = blocks_.find(memory);
+    if (found == blocks_.end()) return Fault("Allocator: Free of a block that isn't out");
+    std::memset(memory, 0xdd, found->second);
+    std::free(memory);
+    blocks_.erase(found);
+  }
 
   // The nth allocation from here on answers null, once.
-  void FailNth(int nth);
-  int Allocations() const;
-  std::uint64_t LiveBlocks() const;
+  void FailNth(int nth) {
+    const std::lock_guard guard(lock_);
+    failAt_ = nth;
+  }
+  int Allocations() const {
+    const std::lock_guard guard(lock_);
+    return allocations_;
+  }
+  std::uint64_t LiveBlocks() const {
+    const std::lock_guard guard(lock_);
+    return blocks_.size();
+  }
 
  private:
   mutable std::mutex lock_;

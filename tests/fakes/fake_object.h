@@ -61,6 +61,11 @@ class FakeObject : public Interfaces..., public LedgerEntry {
   void Use() const {
     if (references_.load() == 0) Fault(name_ + ": used after the last Release");
   }
+  // The answer of an operation that the module never calls.
+  zel::ResultCode Reserved() const {
+    Fault(name_ + ": a reserved operation was called");
+    return zel::eNotImplemented;
+  }
   // The last Release. What the object holds of others has to go here: its destructor comes much later.
   virtual void OnEnd() {}
   FakeWorld& world() const { return world_; }

@@ -5,13 +5,6 @@
 
 namespace veld_report::fakes {
 
-zel::ResultCode FakeTimer::ReservedTimerOperation0() {
-  Fault("TimerService: a reserved operation was called");
-  return zel::eNotImplemented;
-}
-
-zel::ResultCode FakeTimer::ReservedTimerOperation1() { return ReservedTimerOperation0(); }
-
 zel::ResultCode FakeTimer::ArmTimer(zel::IRunnable* sink, std::uint32_t delayMs) {
   Use();
   if (const auto code = world().Enter("ArmTimer", std::to_string(delayMs))) return code;

@@ -20,8 +20,8 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
  public:
   explicit FakeTimer(FakeWorld& world) : FakeObject(world, "TimerService") {}
 
-  zel::ResultCode ReservedTimerOperation0() override;
-  zel::ResultCode ReservedTimerOperation1() override;
+  zel::ResultCode ReservedTimerOperation0() override { return Reserved(); }
+  zel::ResultCode ReservedTimerOperation1() override { return Reserved(); }
   zel::ResultCode ArmTimer(zel::IRunnable* sink, std::uint32_t delayMs) override;
   zel::ResultCode DisarmTimer(zel::IRunnable* sink) override;
   zel::ResultCode CancelTimer(zel::IRunnable* sink) override;

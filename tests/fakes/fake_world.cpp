@@ -45,6 +45,7 @@ void Script::Throw(std::string_view operation, int nth) {
 void Script::Clear() {
   std::lock_guard guard(lock_);
   entries_.clear();
+  calls_.clear();
 }
 
 zel::ResultCode Script::Enter(std::string_view operation) {
@@ -74,11 +75,6 @@ int Script::Calls(std::string_view operation) const {
   std::lock_guard guard(lock_);
   const auto found = calls_.find(operation);
   return found == calls_.end() ? 0 : found->second;
-}
-
-void Script::ForgetCalls() {
-  std::lock_guard guard(lock_);
-  calls_.clear();
 }
 
 void Ledger::Adopt(std::unique_ptr<LedgerEntry> entry) {

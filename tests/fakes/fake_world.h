@@ -46,8 +46,7 @@ class Script {
   void Clear();
   // The fakes call it once for each call of an operation. Runs the actions of this call, outside the lock.
   zel::ResultCode Enter(std::string_view operation);
-  int Calls(std::string_view operation) const;
-  void ForgetCalls();
+  int Calls(std::string_view operation) const;  // since the beginning or the last Clear
 
  private:
   struct Entry {

@@ -104,7 +104,6 @@ TEST_F(ThreadsTest, AStopEndsTheWalkAtItsNextCheck) {
     EXPECT_THAT(lines, testing::Not(testing::Contains(testing::StartsWith(Line("Threre")))));
     EXPECT_THAT(lines, testing::Not(testing::Contains(testing::StartsWith(Line("Not all")))));
     script().Clear();
-    script().ForgetCalls();
     host.queues->Clear();
     host.queues->extraNames.clear();
   }
