@@ -51,6 +51,10 @@ struct HttpClientOptions {
   // Addresses that go before name resolution, each "HOST:PORT:ADDRESS[,ADDRESS]...".
   std::vector<std::string> resolve;
   HoldBackOptions holdBack;
+  // Called on a client's thread before a request that is held back ends; may be empty. Such a request ends
+  // the sender's walk through its queues, and the urls behind it in the walk wait for the next cycle. Who
+  // runs the timer can have that cycle come sooner (TimerService::Hurry).
+  std::function<void()> onHeldBack;
   std::shared_ptr<Clock> clock;    // for holding back; null: the machine's
   std::function<double()> random;  // evenly in [0, 1), called by one thread at a time; null: the machine's
   zel::Ref<zel::ITracer> tracer;   // may be null; gets a line per failed request, without anything secret

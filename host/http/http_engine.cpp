@@ -112,6 +112,7 @@ void HttpEngine::Start(const zel::Ref<HttpRequest>& request) {
   const std::string& url = request->GetContent().urlText;
   const std::optional<Clock::TimePoint> startedAt = shared_->holdBack.Start(url);
   if (!startedAt) {
+    TellHeldBack();
     End(*request, LocalFailure(zel::eNotReady));
     return;
   }
@@ -171,6 +172,14 @@ void HttpEngine::EndTransfer(Transfers::iterator transfer, const HttpOutcome& ou
   HttpRequest& request = owner->Request();
   Note(request, owner->StartedAt(), outcome);
   End(request, outcome);
+}
+
+void HttpEngine::TellHeldBack() noexcept {
+  try {
+    if (shared_->options.onHeldBack) shared_->options.onHeldBack();
+  } catch (...) {
+    // The request ends all the same.
+  }
 }
 
 void HttpEngine::End(HttpRequest& request, const HttpOutcome& outcome) noexcept {

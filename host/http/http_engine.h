@@ -48,6 +48,7 @@ class HttpEngine {
   void EndCancelled();
   void EndDone();
   void EndTransfer(Transfers::iterator transfer, const HttpOutcome& outcome) noexcept;
+  void TellHeldBack() noexcept;
   void End(HttpRequest& request, const HttpOutcome& outcome) noexcept;
   void Note(const HttpRequest& request, Clock::TimePoint startedAt, const HttpOutcome& outcome) noexcept;
 

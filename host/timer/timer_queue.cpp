@@ -34,6 +34,7 @@ void TimerQueue::Loop() {
 
 void TimerQueue::RunFirst(std::unique_lock<std::mutex>& lock) {
   zel::IRunnable* const sink = order_.begin()->sink;
+  if (sink == hurriedSink_ && !order_.begin()->hurried) hurriedInARow_ = 0;
   Remove(sink);
   running_ = sink;
   runningCancelled_ = false;
@@ -67,8 +68,8 @@ void TimerQueue::Stop() {
   finished_.notify_all();
 }
 
-void TimerQueue::Insert(zel::IRunnable* sink, Clock::TimePoint due) {
-  const Firing firing{due, sequence_++, sink};
+void TimerQueue::Insert(zel::IRunnable* sink, Clock::TimePoint due, bool hurried) {
+  const Firing firing{due, sequence_++, sink, hurried};
   const auto place = order_.insert(firing).first;
   try {
     pending_.emplace(sink, firing);
@@ -79,23 +80,37 @@ void TimerQueue::Insert(zel::IRunnable* sink, Clock::TimePoint due) {
   if (place == order_.begin()) changed_.notify_all();
 }
 
-bool TimerQueue::Remove(zel::IRunnable* sink) {
+// Without memory of its own: a sink that is armed stays so.
+void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due,
+                      bool hurried) {
+  auto node = order_.extract(pending->second);
+  pending->second = Firing{due, pending->second.sequence, pending->first, hurried};
+  node.value() = pending->second;
+  if (order_.insert(std::move(node)).position == order_.begin()) changed_.notify_all();
+}
+
+void TimerQueue::Remove(zel::IRunnable* sink) {
   const auto found = pending_.find(sink);
-  if (found == pending_.end()) return false;
+  if (found == pending_.end()) return;
   order_.erase(found->second);
   pending_.erase(found);
-  return true;
 }
 
 zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
   if (!sink) return zel::eInvalidArgument;
   const std::lock_guard lock(mutex_);
   if (stopped_ || (runningCancelled_ && running_ == sink)) return zel::eInvalidState;
-  const Clock::TimePoint due = clock_->Now() + std::chrono::milliseconds(delayMs);
+  std::chrono::milliseconds delay(delayMs);
+  const bool hurried = sink == hurriedSink_ && hurry_ && *hurry_ < delay;
+  if (hurried) delay = *hurry_;
+  if (sink == hurriedSink_) hurry_.reset();
+  const Clock::TimePoint due = clock_->Now() + delay;
   const auto found = pending_.find(sink);
-  if (found != pending_.end() && found->second.due <= due) return zel::sOk;
-  Remove(sink);
-  Insert(sink, due);
+  if (found == pending_.end()) {
+    Insert(sink, due, hurried);
+  } else if (due < found->second.due) {
+    Move(found, due, hurried);
+  }
   return zel::sOk;
 }
 
@@ -118,15 +133,28 @@ void TimerQueue::Cancel(zel::IRunnable* sink) {
 std::size_t TimerQueue::FireNow() {
   const std::lock_guard lock(mutex_);
   const Clock::TimePoint now = clock_->Now();
-  std::set<Firing> moved;
-  for (const Firing& firing : order_) {
-    moved.insert({firing.due < now ? firing.due : now, firing.sequence, firing.sink});
+  for (auto pending = pending_.begin(); pending != pending_.end(); ++pending) {
+    if (now < pending->second.due) Move(pending, now, false);
   }
-  // Nothing below can fail, so the two containers never differ.
-  for (const Firing& firing : moved) pending_.find(firing.sink)->second = firing;
-  order_.swap(moved);
-  changed_.notify_all();
   return order_.size();
+}
+
+bool TimerQueue::Hurry(std::uint32_t delayMs, std::uint32_t mostInARow) {
+  const std::lock_guard lock(mutex_);
+  if (!running_) return false;
+  if (running_ != hurriedSink_) hurriedInARow_ = 0;
+  hurriedSink_ = running_;
+  if (hurriedInARow_ >= mostInARow) return false;
+  ++hurriedInARow_;
+  const std::chrono::milliseconds delay(delayMs);
+  const Clock::TimePoint due = clock_->Now() + delay;
+  const auto found = pending_.find(running_);
+  if (found == pending_.end()) {
+    hurry_ = delay;
+  } else if (due < found->second.due) {
+    Move(found, due, true);
+  }
+  return true;
 }
 
 bool TimerQueue::IsArmed() const {

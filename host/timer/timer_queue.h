@@ -9,8 +9,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "contract/timer.h"
 #include "contract/tracer.h"
@@ -37,6 +39,7 @@ class TimerQueue final : private IClockListener {
   void Cancel(zel::IRunnable* sink);
 
   std::size_t FireNow();
+  bool Hurry(std::uint32_t delayMs, std::uint32_t mostInARow);
   bool IsArmed() const;
   std::uint64_t RunsStarted() const;
   std::uint64_t FailedRuns() const;
@@ -47,12 +50,16 @@ class TimerQueue final : private IClockListener {
     Clock::TimePoint due;
     std::uint64_t sequence;  // of two due at once, the one armed first runs first
     zel::IRunnable* sink;
-    friend auto operator<=>(const Firing&, const Firing&) = default;
+    bool hurried = false;
+    friend bool operator<(const Firing& left, const Firing& right) {
+      return std::tie(left.due, left.sequence) < std::tie(right.due, right.sequence);
+    }
   };
 
   void OnClockAdvanced() override;
-  void Insert(zel::IRunnable* sink, Clock::TimePoint due);
-  bool Remove(zel::IRunnable* sink);
+  void Insert(zel::IRunnable* sink, Clock::TimePoint due, bool hurried);
+  void Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool hurried);
+  void Remove(zel::IRunnable* sink);
   void RunFirst(std::unique_lock<std::mutex>& lock);
   bool RunGuarded(zel::IRunnable* sink) noexcept;
 
@@ -72,6 +79,10 @@ class TimerQueue final : private IClockListener {
   std::uint64_t runsStarted_ = 0;
   std::uint64_t runsFinished_ = 0;
   std::uint64_t failedRuns_ = 0;
+  // Of the sink that Hurry was last called for; only compared.
+  const zel::IRunnable* hurriedSink_ = nullptr;
+  std::optional<std::chrono::milliseconds> hurry_;  // the longest delay of its next arming
+  std::uint32_t hurriedInARow_ = 0;
   bool stopped_ = false;
 };
 

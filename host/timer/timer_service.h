@@ -46,6 +46,11 @@ class TimerService final : public HostObject<zel::ITimerService> {
 
   // Brings every pending firing forward to this moment. Returns their number.
   std::size_t FireNow();
+  // For a Run in progress that is being cut short and should soon come again: its sink's next firing comes at
+  // most so many milliseconds from here, or from its next ArmTimer. Does nothing and returns false if no Run
+  // is in progress, or once it has done so `mostInARow` times for this sink without a firing in between that
+  // came at its own time, so a Run that is always cut short doesn't turn into a busy loop.
+  bool Hurry(std::uint32_t delayMs, std::uint32_t mostInARow);
   // Whether any firing is pending. A Run in progress doesn't count.
   bool IsArmed() const;
   // How many Runs have begun, of all sinks.

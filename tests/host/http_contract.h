@@ -191,6 +191,7 @@ TEST_P(HttpContract, ReferencesAreGivenBackByTheTimeWaitReturns) {
 TEST_P(HttpContract, WhenTheClientGoesRequestsInFlightEndAsCancelled) {
   ScriptedServer server(Never);
   std::vector<ClientUnderTest::Call> calls;
+  calls.reserve(4);
   for (int i = 0; i < 3; ++i) calls.push_back(client.Start(server.Url()));
   ASSERT_TRUE(server.WaitForRequests(3));
   calls.push_back(client.Start(server.Url()));
@@ -227,6 +228,7 @@ TEST_P(HttpContract, CertificatesMayBeEmptyButTheInterfaceIsThere) {
 TEST_P(HttpContract, ManyThreadsStartWaitAndCancel) {
   ScriptedServer server(Ok);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&, i] {
       for (int round = 0; round < 25; ++round) {

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "contract/http.h"
 #include "host/base/host_object.h"
@@ -168,6 +169,7 @@ struct ClientUnderTest {
         client->QueryInterface(network_services::IHttpClientCertificates::iid, certificates.OutVoid());
     if (zel::Failed(found)) return found;
     std::vector<network_services::CertificateRow> table;
+    table.reserve(rows.size());
     for (const auto& row : rows) table.push_back({row.data(), row.data() + row.size()});
     const network_services::CertificateRange range{table.data(), table.data() + table.size()};
     return certificates->SetCertificates(&range);

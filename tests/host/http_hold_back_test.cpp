@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "host/http/retry_after.h"
 #include "tests/host/http_fakes.h"
 #include "tests/host/manual_clock.h"
@@ -208,6 +210,8 @@ TEST(HttpClientHoldBack, WhileItLastsRequestsEndAtOnceAndNothingIsSent) {
   host::HttpClientOptions options;
   options.proxy = "";
   options.clock = clock;
+  std::atomic<int> told = 0;
+  options.onHeldBack = [&] { ++told; };
   const auto factory = CreateHttpClientFactory(options);
   const ClientUnderTest client(factory.Get());
   ScriptedServer busy([](const auto&) { return ScriptedReply::Status(503, "retry-after: 120\r\n"); });
@@ -219,6 +223,7 @@ TEST(HttpClientHoldBack, WhileItLastsRequestsEndAtOnceAndNothingIsSent) {
     const auto held = client.Send(busy.Url());
     EXPECT_EQ(held.callback->Code(), zel::eNotReady);
     EXPECT_EQ(held.handle->Wait(0), zel::eNotReady);
+    EXPECT_EQ(told, i + 1);
     EXPECT_EQ(held.callback->OtherReferences(), 0u);
     EXPECT_EQ(client.Send(well.Url()).callback->Status(), 200);
   }

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "contract/timer.h"
 #include "tests/host/recording_sink.h"
@@ -145,6 +146,7 @@ TEST_P(TimerContract, AnExceptionFromARunDoesNotEndTheService) {
 TEST_P(TimerContract, ManyThreadsOnOneSink) {
   RecordingSink sink;
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([&, i] {
       for (int round = 0; round < 200; ++round) {

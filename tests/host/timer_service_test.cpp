@@ -81,6 +81,45 @@ TEST_F(TimerServiceTest, FireNowBringsAllForwardAndAFlushWaitsForARunOfItsOwn) {
   EXPECT_EQ(timer->FireNow(), 0u);
 }
 
+// A sink like the module's: each Run is cut short, asks for the next one soon, and arms for a minute.
+TEST_F(TimerServiceTest, HurryingShortensAnArmingButNotWithoutEnd) {
+  RecordingSink* self = nullptr;
+  RecordingSink sink([&] {
+    timer->Hurry(50, 3);
+    timer->ArmTimer(self, 60000);
+  });
+  self = &sink;
+  int runs = 0;
+  const auto runsWithin = [&](milliseconds delay) {
+    clock->Advance(delay - milliseconds(1));
+    Settle();
+    EXPECT_EQ(sink.Started(), runs);
+    clock->Advance(milliseconds(1));
+    ASSERT_TRUE(sink.WaitForEnds(++runs));
+  };
+  timer->ArmTimer(&sink, 1000);
+  for (int row = 0; row < 2; ++row) {
+    runsWithin(milliseconds(row == 0 ? 1000 : 60000));
+    for (int i = 0; i < 3; ++i) runsWithin(milliseconds(50));
+  }
+  timer->CancelTimer(&sink);
+}
+
+TEST_F(TimerServiceTest, HurryingBringsAPendingFiringForward) {
+  EXPECT_FALSE(timer->Hurry(50, 1)) << "no Run is in progress";
+  RecordingSink* self = nullptr;
+  RecordingSink sink([&] {
+    timer->ArmTimer(self, 60000);
+    timer->Hurry(50, 1);
+  });
+  self = &sink;
+  timer->ArmTimer(&sink, 0);
+  ASSERT_TRUE(sink.WaitForEnds(1));
+  clock->Advance(milliseconds(50));
+  EXPECT_TRUE(sink.WaitForEnds(2));
+  timer->CancelTimer(&sink);
+}
+
 TEST_F(TimerServiceTest, ExceptionsAreCounted) {
   RecordingSink sink([] { throw 1; });
   timer->ArmTimer(&sink, 0);

@@ -4,6 +4,8 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <iomanip>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -84,9 +86,9 @@ std::string TestCertificate::Pin() const {
 }
 
 std::string TestCertificate::HashedName() const {
-  char name[16];
-  std::snprintf(name, sizeof(name), "%08lx.0", X509_subject_name_hash(certificate_.get()));
-  return name;
+  std::ostringstream name;
+  name << std::hex << std::setw(8) << std::setfill('0') << X509_subject_name_hash(certificate_.get()) << ".0";
+  return name.str();
 }
 
 std::shared_ptr<SSL_CTX> ServerContext(const TestCertificate& certificate, int newest) {
