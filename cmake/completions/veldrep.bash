@@ -1,0 +1,39 @@
+# bash completion for veldrep. Commands and options come from the program's own help, so they never lag behind.
+
+_veldrep_options() {
+  "$@" --help 2>/dev/null | grep -oE -- '(^|[ ,])-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
+}
+
+_veldrep_commands() {
+  "$@" --help 2>/dev/null | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z][a-z-]*\).*/\1/p'
+}
+
+_veldrep() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} word
+  local -a command=("${COMP_WORDS[0]}")
+  COMPREPLY=()
+
+  # The words so far that are commands: "veldrep queues peek".
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    [[ $word != -* ]] && _veldrep_commands "${command[@]}" | grep -qxF -- "$word" && command+=("$word")
+  done
+
+  case $previous in
+    --store)
+      mapfile -t COMPREPLY < <(compgen -d -- "$current")
+      return
+      ;;
+    --listen | --url | --status | --body-limit | --consumer | --packet-limit | --queue-limit | --send-timeout | \
+      --to | --trace-level | --wait | -n)
+      return
+      ;;
+  esac
+  if [[ $current == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$(_veldrep_options "${command[@]}")" -- "$current")
+  else
+    mapfile -t COMPREPLY < <(compgen -W "$(_veldrep_commands "${command[@]}")" -- "$current")
+    ((${#COMPREPLY[@]})) || mapfile -t COMPREPLY < <(compgen -f -- "$current")
+  fi
+}
+
+complete -o filenames -F _veldrep veldrep

@@ -1,0 +1,24 @@
+# fish completion for veldrep. Commands and options come from the program's own help, so they never lag behind.
+
+function __veldrep_command
+    set -l command veldrep
+    for word in (commandline -opc)[2..-1]
+        contains -- $word (__veldrep_commands $command); and set -a command $word
+    end
+    printf '%s\n' $command
+end
+
+function __veldrep_commands
+    $argv --help 2>/dev/null | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z][a-z-]*\).*/\1/p'
+end
+
+function __veldrep_words
+    set -l command (__veldrep_command)
+    if string match -q -- '-*' (commandline -ct)
+        $command --help 2>/dev/null | grep -oE -- '(^|[ ,])-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
+    else
+        __veldrep_commands $command
+    end
+end
+
+complete -c veldrep -a '(__veldrep_words)'
