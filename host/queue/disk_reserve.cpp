@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "host/queue/store_file.h"
+#include "host/queue/store_folder.h"
 
 namespace veld_report::host {
 namespace {
@@ -37,9 +38,9 @@ void DiskReserve::Restore() noexcept {
   struct statvfs disk {};
   if (statvfs(file_.parent_path().c_str(), &disk) != 0) return;
   if (disk.f_bavail * disk.f_frsize < 2 * static_cast<unsigned long>(reserveBytes)) return;
-  const int descriptor = open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int descriptor = OpenPrivateFile(file_, O_RDWR | O_CREAT);
   if (descriptor < 0) return;
-  held_ = fchmod(descriptor, 0600) == 0 && posix_fallocate(descriptor, 0, reserveBytes) == 0;
+  held_ = posix_fallocate(descriptor, 0, reserveBytes) == 0;
   close(descriptor);
   if (held_) {
     givenUp_ = false;

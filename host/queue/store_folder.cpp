@@ -23,18 +23,17 @@ std::string Reason(int error) { return std::generic_category().message(error); }
                    "; give this user the right to write in that folder, or choose another one");
 }
 
-int OpenPrivate(const std::filesystem::path& file, int flags) {
-  int descriptor = -1;
-  do {
-    descriptor = open(file.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, fileMode);
-  } while (descriptor < 0 && errno == EINTR);
-  return descriptor;
-}
-
-// A umask can only have taken rights of the owner away; they are put back.
-void TightenMode(int descriptor) {
+// A umask can only have taken rights of the owner away; they are put back. The superuser, who may look after
+// a store that isn't his, must not lock its owner out.
+void SetOwnerAndMode(int descriptor, const std::filesystem::path& file) noexcept {
   struct stat status {};
-  if (fstat(descriptor, &status) != 0 || (status.st_mode & 07777) == fileMode) return;
+  if (fstat(descriptor, &status) != 0) return;
+  struct stat folder {};
+  if (geteuid() == 0 && stat(file.parent_path().c_str(), &folder) == 0 &&
+      (folder.st_uid != status.st_uid || folder.st_gid != status.st_gid)) {
+    [[maybe_unused]] const int ignored = fchown(descriptor, folder.st_uid, folder.st_gid);
+  }
+  if ((status.st_mode & 07777) == fileMode) return;
   // Fails for a file of another owner, whose choice then stands.
   [[maybe_unused]] const int ignored = fchmod(descriptor, fileMode);
 }
@@ -44,6 +43,15 @@ int LockOperation(FileLock::Kind kind) {
 }
 
 }  // namespace
+
+int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept {
+  int descriptor = -1;
+  do {
+    descriptor = open(file.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, fileMode);
+  } while (descriptor < 0 && errno == EINTR);
+  if (descriptor >= 0) SetOwnerAndMode(descriptor, file);
+  return descriptor;
+}
 
 bool IsSafeDomainName(std::string_view domain) {
   constexpr std::size_t longest = 64;
@@ -68,11 +76,10 @@ void PrepareStoreFolder(const std::filesystem::path& folder) {
 }
 
 bool PreparePrivateFile(const std::filesystem::path& file) {
-  int descriptor = OpenPrivate(file, O_RDWR | O_CREAT | O_EXCL);
+  int descriptor = OpenPrivateFile(file, O_RDWR | O_CREAT | O_EXCL);
   const bool isNew = descriptor >= 0;
-  if (!isNew && errno == EEXIST) descriptor = OpenPrivate(file, O_RDWR);
+  if (!isNew && errno == EEXIST) descriptor = OpenPrivateFile(file, O_RDWR);
   if (descriptor < 0) FailFile(file, "open", errno);
-  TightenMode(descriptor);
   close(descriptor);
   return isNew;
 }
@@ -103,9 +110,8 @@ bool FileLock::Change(Kind kind) {
 FileLock FileLock::Try(const std::filesystem::path& file, Kind kind, std::string* holder) {
   FileLock lock;
   lock.kind_ = kind;
-  lock.descriptor_ = OpenPrivate(file, O_RDWR | O_CREAT);
+  lock.descriptor_ = OpenPrivateFile(file, O_RDWR | O_CREAT);
   if (lock.descriptor_ < 0) FailFile(file, "open", errno);
-  TightenMode(lock.descriptor_);
   if (flock(lock.descriptor_, LockOperation(kind)) != 0) {
     const int error = errno;
     if (error != EWOULDBLOCK) FailFile(file, "lock", error);

@@ -26,6 +26,10 @@ std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::st
 // Makes the folder if it isn't there. Throws StoreError.
 void PrepareStoreFolder(const std::filesystem::path& folder);
 
+// Opens a file without following links, making it with mode 0600 if `flags` have O_CREAT. Returns a
+// descriptor, or -1 with errno set.
+int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
+
 // Makes an empty file with mode 0600 if there is none, and takes group's and others' rights from one that is.
 // Returns whether the file is new. Throws StoreError.
 bool PreparePrivateFile(const std::filesystem::path& file);

@@ -71,6 +71,19 @@ TEST_F(QueueServiceTest, AnExistingFolderKeepsItsRightsAndAStoreLosesOthers) {
   EXPECT_EQ(status.st_mode & 07777u, 0755u);
 }
 
+TEST_F(QueueServiceTest, TheSuperuserLeavesFilesToTheOwnerOfTheFolder) {
+  constexpr uid_t nobody = 65534;
+  if (geteuid() != 0) GTEST_SKIP() << "only the superuser can make files for others";
+  ASSERT_EQ(chown(folder.Path().c_str(), nobody, nobody), 0);
+  Open();
+  Push("q", "x");
+  for (const auto& entry : std::filesystem::directory_iterator(options.folder)) {
+    struct stat status {};
+    ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, nobody) << entry.path();
+  }
+}
+
 TEST_F(QueueServiceTest, ADomainThatIsNoSafeFileNameIsRefused) {
   Open();
   for (const char* domain : {"", ".", "..", "a/b", "../x", "a.b", "a b", "\xc3\xa4"}) {
