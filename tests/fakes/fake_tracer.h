@@ -24,6 +24,7 @@ class FakeTracer final : public FakeObject<zel::ITracer> {
     ++asked_[level];
     if (level == growLevel) return Grow(buffer, size);
     if (level != 300 && level != 700) Fault("Tracer: level " + std::to_string(level));
+    if (size != 512) Fault("Tracer: a line begins with " + std::to_string(size) + " bytes");
     if (level > highestLevel) return refusal;
     if (storeNoBuffer) return zel::sOk;
     auto fresh = std::make_unique<Buffer>(Buffer{level, std::string(size, '?')});

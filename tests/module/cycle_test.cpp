@@ -72,6 +72,21 @@ TEST_F(CycleTest, AGateThatClosesDuringAWalkStopsItBetweenTwoQueues) {
   EXPECT_EQ(host.timer->DelayMs(), 7000u);
 }
 
+// The copy of the table stands outside the guard.
+TEST_F(CycleTest, ATableThatCannotBeCopiedEndsTheCycleAndNothingElse) {
+  Start({}, true);
+  Nudge();
+  Lines();
+  host.allocator->FailNth(1);
+  Fire();
+  EXPECT_EQ(host.timer->RunsThatThrew(), 1);
+  EXPECT_THAT(Lines(), ElementsAre(Line("OnSendTimeout called")));
+  EXPECT_FALSE(host.timer->Armed());
+  Send("{}");
+  Fire();
+  EXPECT_EQ(host.http->TakeSent().size(), 1u);
+}
+
 TEST_F(CycleTest, ZeroBytesThatWereRefusedDoNotArmTheTimer) {
   Start();
   host.http->usual = HttpAnswer::Status(500);

@@ -156,6 +156,26 @@ TEST_F(SettingsTest, TheTimerIsAskedForOnceTheFlagTellsTheTruth) {
   EXPECT_THAT(Events(), ElementsAre("SetCertificates 1", "ArmTimer 1000", "SetCertificates 1"));
 }
 
+TEST_F(SettingsTest, ACycleKeepsTheSettingsThatItBeganWith) {
+  Start({.packetLimit = 1}, true);
+  PutItems('a', {"1", "2"});
+  script().Do("Wait", [&] { return Set({.urls = {urlB}, .packetLimit = 9, .sendTimeout = 30}); });
+  host.http->usual = HttpAnswer::Status(500);
+  Cycle();
+  EXPECT_THAT(Events({"MakeRequest", "ArmTimer"}),
+              ElementsAre("MakeRequestAsync http://a", "ArmTimer 1000", "MakeRequestAsync http://a"));
+  Send("3");
+  Fire();
+  EXPECT_THAT(Events({"RemoveQueue", "MakeRequest", "ArmTimer"}),
+              ElementsAre("ArmTimer 1000", "RemoveQueue 0a", "MakeRequestAsync http://b", "ArmTimer 30000"));
+  // The last flush goes by the settings in force, not by those of the last cycle.
+  EXPECT_EQ(Set({.urls = {urlC}}), zel::sOk);
+  Send("4");
+  Events();
+  End();
+  EXPECT_THAT(Events({"RemoveQueue", "Push"}), ElementsAre("Push 0c 4"));
+}
+
 // What SetSettings leaves for the next cycle is assigned, not merged.
 TEST_F(SettingsTest, TheLastSettingsDecideWhatTheNextCycleUpdates) {
   struct Row {

@@ -109,6 +109,39 @@ TEST_F(ThreadsTest, AStopEndsTheWalkAtItsNextCheck) {
   }
 }
 
+// A submission and new settings on another thread get through while the host is inside any of these.
+TEST_F(ThreadsTest, NoCallToTheHostHoldsSubmissionsUp) {
+  for (const char* operation :
+       {"Serialize", "Flush", "CreateCalculator", "SetCertificates", "CreateQueueManager", "EnumerateQueues",
+        "RemoveQueue", "CreateProducer", "Push", "IsBackgroundDisabled", "CreateAckConsumer", "Read", "Sign",
+        "MakeRequestAsync", "Wait", "Ack", "OnRequestFinished", "ReturnItem"}) {
+    SCOPED_TRACE(operation);
+    PutItems('f', {"goes"});
+    Start();
+    host.http->Answer(HttpAnswer::Status(200));
+    host.http->Answer(HttpAnswer::Status(500));
+    std::thread other;
+    std::binary_semaphore through(0);
+    script().Do(operation, [&] {
+      other = std::thread([&] {
+        EXPECT_EQ(Send("{}"), zel::sOk);
+        EXPECT_EQ(Set({}), zel::sOk);
+        through.release();
+      });
+      EXPECT_TRUE(through.try_acquire_for(std::chrono::seconds(20))) << "it is kept waiting by a lock";
+      return zel::sOk;
+    });
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Send("{}"), zel::sOk);
+    EXPECT_EQ(Set({}), zel::sOk);
+    Fire();
+    ASSERT_TRUE(other.joinable()) << "never called";
+    other.join();
+    End();
+    script().Clear();
+    host.queues->Clear();
+  }
+}
+
 TEST_F(ThreadsTest, AnAnswerMayComeWhenTheSenderIsGone) {
   for (const ResultCode waitResult : {static_cast<int>(zel::eOperationTimeout), 0}) {
     for (const std::uint16_t status : std::initializer_list<std::uint16_t>{200, 503}) {
