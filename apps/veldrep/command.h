@@ -39,6 +39,7 @@ struct Command {
 Command MakeServeCommand(CLI::App& program);
 Command MakeSendCommand(CLI::App& program);
 Command MakeQueuesCommand(CLI::App& program);
+Command MakeStoreCommand(CLI::App& program);
 Command MakeDecodeCommand(CLI::App& program);
 Command MakeKeygenCommand(CLI::App& program);
 

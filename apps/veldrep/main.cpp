@@ -35,9 +35,9 @@ int Main(int argumentCount, char** arguments) {
   program.footer(
       "Each command explains itself: veldrep send --help\n"
       "Exit codes: 0 done, 1 failed, 2 wrong command line, 3 done but lines were refused.");
-  const std::vector<Command> commands = {MakeServeCommand(program), MakeSendCommand(program),
-                                         MakeQueuesCommand(program), MakeDecodeCommand(program),
-                                         MakeKeygenCommand(program)};
+  const std::vector<Command> commands = {MakeServeCommand(program),  MakeSendCommand(program),
+                                         MakeQueuesCommand(program), MakeStoreCommand(program),
+                                         MakeDecodeCommand(program), MakeKeygenCommand(program)};
   try {
     program.parse(argumentCount, arguments);
   } catch (const CLI::ParseError& error) {

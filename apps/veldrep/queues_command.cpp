@@ -1,4 +1,4 @@
-// veldrep queues: what waits in a store, for the time in which no sender has it open.
+// veldrep queues: what waits in a store, also beside a running sender.
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -19,15 +19,17 @@ struct QueuesOptions {
   bool json = false;
   std::string queue;  // a url or a queue's name
   std::size_t count = 10;
+  bool all = false;
 };
 
-zel::Ref<host::QueueService> OpenStore(const QueuesOptions& options) {
+zel::Ref<host::QueueService> OpenStore(const QueuesOptions& options, bool inspectOnly) {
   // The service would make a store that isn't there; a look into one must not.
   if (!std::filesystem::exists(host::StoreFilePath(options.store, host::defaultDomain))) {
     throw Failure(options.store, "there is no store in this folder");
   }
   host::QueueServiceOptions service;
   service.folder = options.store;
+  service.inspectOnly = inspectOnly;
   return host::QueueService::Open(service);
 }
 
@@ -61,7 +63,7 @@ void PrintJson(const std::vector<host::QueueInfo>& queues) {
 }
 
 int List(const QueuesOptions& options) {
-  const auto queues = OpenStore(options)->ListQueues();
+  const auto queues = OpenStore(options, true)->ListQueues();
   if (options.json) {
     PrintJson(queues);
     return exitOk;
@@ -76,7 +78,7 @@ int List(const QueuesOptions& options) {
 }
 
 int Peek(const QueuesOptions& options) {
-  const auto service = OpenStore(options);
+  const auto service = OpenStore(options, true);
   const host::QueueInfo queue = Find(*service, options.queue);
   const std::int64_t nowMs = NowMs();
   for (const host::PeekedItem& each : service->PeekItems(queue.name, options.count)) {
@@ -91,28 +93,69 @@ int Peek(const QueuesOptions& options) {
   return exitOk;
 }
 
-int Clear(const QueuesOptions& options) {
-  const auto service = OpenStore(options);
-  const host::QueueInfo queue = Find(*service, options.queue);
-  service->ClearQueue(queue.name);
-  if (!service->Commit()) throw Failure(options.store, "the removal can't be written");
+void PrintRemoved(const QueuesOptions& options, const host::ItemCount& removed) {
   const char* const form = options.json ? "{\"removed_items\":%lld,\"removed_bytes\":%lld}\n"
                                         : "removed %lld items of %lld bytes\n";
-  std::printf(form, static_cast<long long>(queue.items), static_cast<long long>(queue.bytes));
+  std::printf(form, static_cast<long long>(removed.items), static_cast<long long>(removed.bytes));
+}
+
+int ClearAll(const QueuesOptions& options) {
+  const auto service = OpenStore(options, false);
+  const host::ItemCount waiting = service->TotalWaiting();
+  service->Forget();
+  PrintRemoved(options, waiting);
   return exitOk;
 }
 
-CLI::App* AddPart(CLI::App* command, const std::string& name, const char* description,
-                  QueuesOptions* options) {
+int Clear(const QueuesOptions& options) {
+  if (options.all != options.queue.empty()) {
+    throw WrongCommandLine("queues clear: give either a url or a queue's name, or --all");
+  }
+  if (options.all) return ClearAll(options);
+  const auto service = OpenStore(options, false);
+  const host::QueueInfo queue = Find(*service, options.queue);
+  service->ClearQueue(queue.name);
+  if (!service->Commit()) throw Failure(options.store, "the removal can't be written");
+  PrintRemoved(options, {queue.items, queue.bytes});
+  return exitOk;
+}
+
+CLI::App* AddPart(CLI::App* command, const std::string& name, const char* description) {
   CLI::App* const part = command->add_subcommand(name, description);
   part->fallthrough();
-  part->footer("Example: veldrep queues --store /var/lib/app/telemetry " + name +
-               (options ? " https://stats.example.com/v1" : ""));
-  if (options) {
-    part->add_option("QUEUE", options->queue, "the url that the queue is for, or the queue's name")
-        ->type_name("URL|NAME")
-        ->required();
-  }
+  return part;
+}
+
+CLI::Option* AddQueue(CLI::App* part, QueuesOptions* options) {
+  return part->add_option("QUEUE", options->queue, "the url that the queue is for, or the queue's name")
+      ->type_name("URL|NAME");
+}
+
+void AddList(CLI::App* command) {
+  CLI::App* const part =
+      AddPart(command, "list", "each queue with its items, bytes and the age of the oldest (the default)");
+  part->footer("Example: veldrep queues --store /var/lib/app/telemetry list --json");
+}
+
+const CLI::App* AddPeek(CLI::App* command, QueuesOptions* options) {
+  CLI::App* const part =
+      AddPart(command, "peek", "the oldest items of a queue, one a line; nothing is removed");
+  AddQueue(part, options)->required();
+  part->add_option("-n", options->count, "how many")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000000))
+      ->capture_default_str();
+  part->footer(
+      "Example: veldrep queues --store /var/lib/app/telemetry peek https://stats.example.com/v1 -n 3");
+  return part;
+}
+
+const CLI::App* AddClear(CLI::App* command, QueuesOptions* options) {
+  CLI::App* const part = AddPart(command, "clear", "removes a queue and all its items for good");
+  AddQueue(part, options);
+  part->add_flag("--all", options->all,
+                 "removes every queue and leaves nothing of any item behind, damaged stores included");
+  part->footer("Example: veldrep queues --store /var/lib/app/telemetry clear https://stats.example.com/v1");
   return part;
 }
 
@@ -124,18 +167,11 @@ Command MakeQueuesCommand(CLI::App& program) {
   command->add_option("--store", options->store, "folder of the store")->type_name("DIR")->required();
   command->add_flag("--json", options->json, "for scripts: JSON with exact numbers");
   command->require_subcommand(0, 1);
-  AddPart(command, "list", "each queue with its items, bytes and the age of the oldest (the default)",
-          nullptr);
-  CLI::App* const peek =
-      AddPart(command, "peek", "the oldest items of a queue, one a line; nothing is removed", options.get());
-  peek->add_option("-n", options->count, "how many")
-      ->type_name("N")
-      ->check(CLI::Range(1, 1000000))
-      ->capture_default_str();
-  const CLI::App* const clear =
-      AddPart(command, "clear", "removes a queue and all its items for good", options.get());
+  AddList(command);
+  const CLI::App* const peek = AddPeek(command, options.get());
+  const CLI::App* const clear = AddClear(command, options.get());
   command->footer(
-      "A store that a running sender has open can't be looked into.\n"
+      "list and peek may be used beside a running sender; clear needs the store for itself.\n"
       "Example: veldrep queues --store /var/lib/app/telemetry\n"
       "         veldrep queues --store /var/lib/app/telemetry peek https://stats.example.com/v1 -n 3");
   return {command, [options, peek, clear] {

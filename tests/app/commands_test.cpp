@@ -29,6 +29,10 @@ TEST(CommandLine, WrongOnesEndWithTwoAndASentence) {
            {"keygen"},
            {"queues"},
            {"queues", "--store", "x", "peek"},
+           {"queues", "--store", "x", "clear"},
+           {"queues", "--store", "x", "clear", "name", "--all"},
+           {"store", "--store", "x"},
+           {"store", "check"},
        }) {
     const Result result = Veldrep(arguments);
     EXPECT_EQ(result.exitCode, 2) << testing::PrintToString(arguments);

@@ -132,6 +132,60 @@ TEST_F(SendTest, ClearedQueueIsGone) {
               HasSubstr("has no such queue"));
 }
 
+TEST_F(SendTest, StoreIsLookedIntoBesideARunningSender) {
+  Program sender(Send({"--url", deadUrl_, "--wait", "0", "-"}));
+  sender.Feed(Joined(Records(0, 4)));
+  const std::string store = folder_ / "store";
+  ASSERT_TRUE(Eventually([&] {
+    return Veldrep({"queues", "--store", store, "--json"}).output.find("\"items\":4,") != std::string::npos;
+  }));
+  EXPECT_EQ(Veldrep({"queues", "--store", store, "peek", deadUrl_}).output, Joined(Records(0, 4)));
+  for (const std::vector<std::string>& arguments : {Send({"--url", deadUrl_}),
+                                                    {"queues", "--store", store, "clear", deadUrl_},
+                                                    {"queues", "--store", store, "clear", "--all"},
+                                                    {"store", "compact", "--store", store}}) {
+    const Result refused = Veldrep(arguments);
+    EXPECT_EQ(refused.exitCode, 1) << testing::PrintToString(arguments);
+    EXPECT_THAT(refused.errors, StartsWith("veldrep: "));
+  }
+  EXPECT_EQ(sender.Wait(), 0);
+}
+
+TEST_F(SendTest, ClearAllLeavesNothingReadable) {
+  ASSERT_EQ(Veldrep(Send({"--url", deadUrl_, "--wait", "0", "-"}), Joined(Records(0, 50))).exitCode, 0);
+  const std::string store = folder_ / "store";
+  const auto holdsText = [&] {
+    for (const auto& each : std::filesystem::directory_iterator(store)) {
+      if (ReadFile(each.path()).find("Grüße") != std::string::npos) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(holdsText());
+  EXPECT_THAT(Veldrep({"queues", "--store", store, "clear", "--all"}).output, StartsWith("removed 50 items"));
+  EXPECT_FALSE(holdsText());
+}
+
+TEST_F(SendTest, DamagedStoreIsFoundAndSalvaged) {
+  ASSERT_EQ(Veldrep(Send({"--url", deadUrl_, "--wait", "0", "-"}), Joined(Records(0, 2000))).exitCode, 0);
+  const std::string store = folder_ / "store";
+  const Result good = Veldrep({"store", "check", "--store", store});
+  EXPECT_EQ(good.exitCode, 0) << good.errors;
+  EXPECT_THAT(good.output, StartsWith("veld_rep: good, 2000 items of "));
+  EXPECT_THAT(Veldrep({"store", "compact", "--store", store}).output, HasSubstr("bytes before"));
+
+  std::string file = ReadFile(folder_ / "store/veld_rep.queue");
+  std::fill_n(file.begin() + static_cast<std::ptrdiff_t>(file.size() / 2), 8192, '\x5a');
+  WriteFile(folder_ / "store/veld_rep.queue", file);
+  const Result damaged = Veldrep({"store", "check", "--store", store});
+  EXPECT_EQ(damaged.exitCode, 1);
+  EXPECT_THAT(damaged.output, HasSubstr("DAMAGED"));
+  EXPECT_THAT(damaged.errors, HasSubstr("veldrep store salvage"));
+  EXPECT_EQ(Veldrep({"store", "salvage", "--store", store}).exitCode, 0);
+  EXPECT_EQ(Veldrep({"store", "check", "--store", store}).exitCode, 0);
+  EXPECT_THAT(Veldrep({"queues", "--store", store, "peek", deadUrl_, "-n", "1"}).output,
+              Joined(Records(0, 1)));
+}
+
 TEST_F(SendTest, ServerKilledInBetweenLosesNothing) {
   auto server = std::make_unique<Server>(folder_ / "out");
   const int port = server->Port();
