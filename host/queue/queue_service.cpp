@@ -83,8 +83,12 @@ std::shared_ptr<FileLock> LockFolder(const QueueServiceOptions& options) {
 
 }  // namespace
 
-zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& options) {
-  if (options.folder.empty()) throw StoreError("no folder for the store was given: name one");
+zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& given) {
+  if (given.folder.empty()) throw StoreError("no folder for the store was given: name one");
+  QueueServiceOptions options = given;
+  // The process may change its working folder while the store is open.
+  options.folder = std::filesystem::absolute(given.folder).lexically_normal();
+  if (!options.folder.has_filename()) options.folder = options.folder.parent_path();
   if (!options.inspectOnly) PrepareStoreFolder(options.folder);
   if (!std::filesystem::is_directory(options.folder)) {
     throw StoreError("there is no folder " + options.folder.string() + ": name the folder of the store");

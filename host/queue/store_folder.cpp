@@ -76,12 +76,20 @@ void PrepareStoreFolder(const std::filesystem::path& folder) {
 }
 
 bool PreparePrivateFile(const std::filesystem::path& file) {
-  int descriptor = OpenPrivateFile(file, O_RDWR | O_CREAT | O_EXCL);
-  const bool isNew = descriptor >= 0;
-  if (!isNew && errno == EEXIST) descriptor = OpenPrivateFile(file, O_RDWR);
-  if (descriptor < 0) FailFile(file, "open", errno);
-  close(descriptor);
-  return isNew;
+  const int descriptor = OpenPrivateFile(file, O_RDWR | O_CREAT | O_EXCL);
+  if (descriptor >= 0) {
+    close(descriptor);
+    return true;
+  }
+  // One that exists isn't opened: closing it again would end the locks that SQLite may have on it here.
+  struct stat status {};
+  if (errno != EEXIST || lstat(file.c_str(), &status) != 0) FailFile(file, "make", errno);
+  if (!S_ISREG(status.st_mode)) FailFile(file, "use", EINVAL);
+  if ((status.st_mode & 07777) != fileMode) {
+    // Fails for a file of another owner, whose choice then stands.
+    [[maybe_unused]] const int ignored = chmod(file.c_str(), fileMode);
+  }
+  return false;
 }
 
 FileLock::FileLock(FileLock&& other) noexcept

@@ -57,17 +57,21 @@ void InTransaction(SqliteConnection& connection, const std::string& sql) {
   }
 }
 
+// Through SQLite, so that the log's content is in the copy and the locks on the file stay.
 void KeepCopy(SqliteConnection& connection, const std::filesystem::path& file, std::int64_t version) {
-  // The log's content goes into the file, so that the file alone is the store.
-  connection.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
   const auto copy = EarlierLayoutCopy(file, version);
+  std::filesystem::remove(copy);  // of an upgrade that was cut off
   PreparePrivateFile(copy);
-  std::error_code error;
-  std::filesystem::copy_file(file, copy, std::filesystem::copy_options::overwrite_existing, error);
-  if (!error) return;
-  std::filesystem::remove(copy);
-  throw StoreError("can't keep a copy of " + file.string() + " before its upgrade: " + error.message() +
-                   "; make room for " + copy.string());
+  std::string quoted;
+  for (const char character : copy.string()) quoted.append(character == '\'' ? 2 : 1, character);
+  try {
+    connection.Execute("VACUUM INTO '" + quoted + "'");
+  } catch (const SqliteError& error) {
+    std::filesystem::remove(copy);
+    if (error.IsDamage()) throw;
+    throw StoreError("can't keep a copy of " + file.string() + " before its upgrade: " + error.what() +
+                     "; make room for " + copy.string());
+  }
 }
 
 }  // namespace

@@ -42,7 +42,7 @@ TEST_F(QueueServiceTest, FilesAreTheOwnersWhateverTheUmask) {
   for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
     SCOPED_TRACE(mask);
     const mode_t before = umask(mask);
-    options.folder = folder.Path() / ("umask" + std::to_string(mask));
+    options.folder = folder.Path() / ("umask" + std::to_string(mask)) / "";
     Open();
     Push("q", "secret");
     umask(before);
