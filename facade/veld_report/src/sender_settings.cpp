@@ -49,14 +49,10 @@ zel::ResultCode BuildTable(crypto::hash::IHashCalculatorFactory& hashes, const z
   return zel::sOk;
 }
 
-bool UpdateCertificates(network_services::IHttpClient& client,
+bool UpdateCertificates(network_services::IHttpClientCertificates& target,
                         const zel::vector_t<network_services::CertificateRow>& certificates) {
-  zel::Ref<network_services::IHttpClientCertificates> target;
-  const zel::ResultCode queried =
-      client.QueryInterface(network_services::IHttpClientCertificates::iid, target.OutVoid());
-  if (zel::Failed(queried)) return false;
   const network_services::CertificateRange range{certificates.first, certificates.last};
-  return !zel::Failed(target->SetCertificates(&range));
+  return !zel::Failed(target.SetCertificates(&range));
 }
 
 }  // namespace
@@ -85,7 +81,10 @@ zel::ResultCode VeldReportSenderImpl::SetSettings(const SenderSettings& settings
     return left.queueName < right.queueName;
   });
 
-  if (!UpdateCertificates(*httpClient, certificates)) {
+  zel::Ref<network_services::IHttpClientCertificates> target;
+  const zel::ResultCode queried =
+      httpClient->QueryInterface(network_services::IHttpClientCertificates::iid, target.OutVoid());
+  if (zel::Failed(queried) || !UpdateCertificates(*target, certificates)) {
     zel::TraceText(tracer.Get(), zel::failureLevel, "Cann't update certificates for urls");
     return zel::eUnspecifiedError;
   }
