@@ -95,17 +95,34 @@ check_pkg_config() {
 }
 
 long_options() { grep -oE -- '--[a-z][a-z-]+' | sort -u; }
+# commands_of COMMAND...: the commands that it names in its help.
+commands_of() { "$@" --help | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z][a-z-]*\).*/\1/p'; }
+
+# All options of a command and of the commands below it.
+options_of() {
+  local part
+  "$@" --help | sed '/^Example/,$d' | grep -E '^ +-' | long_options
+  for part in $(commands_of "$@"); do options_of "$@" "$part"; done
+}
+
+# The options that a man page explains: the lines behind .TP in the section of options.
+options_in_page() {
+  sed 's/\\-/-/g' "$1" | sed -n '/^.SH OPTIONS/,/^.SH EXIT/p' | grep -A1 '^.TP' | long_options
+}
 
 # Every command and option that the program knows is in its man page, and nothing else is.
 check_man_pages() {
-  local command commands
-  commands=$("$prefix/bin/veldrep" --help | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z][a-z-]*\).*/\1/p')
+  local command commands page part
+  commands=$(commands_of "$prefix/bin/veldrep")
   [[ -n $commands ]] || fail "veldrep --help names no commands"
   for command in $commands; do
-    local page=$prefix/share/man/man1/veldrep-$command.1
+    page=$prefix/share/man/man1/veldrep-$command.1
     [[ -f $page ]] || fail "veldrep $command has no man page"
-    same "options in $(basename "$page")" "$(sed 's/\\-/-/g' "$page" | sed -n '/^.SH OPTIONS/,/^.SH EXIT/p' | grep -A1 '^.TP' | long_options | xargs)" \
-      "$("$prefix/bin/veldrep" "$command" --help | sed '/^Example/,$d' | grep -E '^ +-' | long_options | xargs)"
+    same "options in $(basename "$page")" "$(options_in_page "$page" | xargs)" \
+      "$(options_of "$prefix/bin/veldrep" "$command" | sort -u | xargs)"
+    for part in $(commands_of "$prefix/bin/veldrep" "$command"); do
+      grep -qw "$part" "$page" || fail "$(basename "$page") doesn't name $part"
+    done
     grep -q "veldrep.*-$command" "$prefix/share/man/man1/veldrep.1" || fail "veldrep.1 doesn't name $command"
   done
 }
