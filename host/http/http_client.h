@@ -42,30 +42,30 @@ struct HttpClientOptions {
   std::uint64_t answerLimitBytes = std::uint64_t{1} << 20;
   // No value: what http_proxy, https_proxy, all_proxy and no_proxy said when the factory was made. Empty: no
   // proxy. Else the proxy's url, for all urls but those of the hosts in `noProxy` (commas between them).
-  std::optional<std::string> proxy;
-  std::string noProxy;
+  std::optional<std::string> proxy{};
+  std::string noProxy{};
   // Trusted certificates in place of the system's: a PEM file, a folder with hashed names. For urls without
   // certificates of their own.
-  std::string caFile;
-  std::string caDirectory;
+  std::string caFile{};
+  std::string caDirectory{};
   // Addresses that go before name resolution, each "HOST:PORT:ADDRESS[,ADDRESS]...".
-  std::vector<std::string> resolve;
-  HoldBackOptions holdBack;
+  std::vector<std::string> resolve{};
+  HoldBackOptions holdBack{};
   // Called on a client's thread before a request that is held back ends; may be empty. Such a request ends
   // the sender's walk through its queues, and the urls behind it in the walk wait for the next cycle. Who
   // runs the timer can have that cycle come sooner (TimerService::Hurry).
-  std::function<void()> onHeldBack;
-  std::shared_ptr<Clock> clock;    // for holding back; null: the machine's
-  std::function<double()> random;  // evenly in [0, 1), called by one thread at a time; null: the machine's
-  zel::Ref<zel::ITracer> tracer;   // may be null; gets a line per failed request, without anything secret
+  std::function<void()> onHeldBack{};
+  std::shared_ptr<Clock> clock{};    // for holding back; null: the machine's
+  std::function<double()> random{};  // evenly in [0, 1), called by one thread at a time; null: the machine's
+  zel::Ref<zel::ITracer> tracer{};   // may be null; gets a line per failed request, without anything secret
 };
 
 // What the client knows of one url that it has had a request for.
 struct HttpClientState {
-  std::string url;  // without user and password
+  std::string url{};  // without user and password
   // Until then requests end at once with 0x80000063 "Not ready". By the calendar, for people.
-  std::optional<std::chrono::system_clock::time_point> waitsUntil;
-  std::string lastError;         // a sentence; empty after an answer from 200 to 299
+  std::optional<std::chrono::system_clock::time_point> waitsUntil{};
+  std::string lastError{};       // a sentence; empty after an answer from 200 to 299
   std::uint16_t lastStatus = 0;  // of the last answer; 0: none yet
   std::uint32_t failures = 0;    // in a row
 };

@@ -21,8 +21,8 @@ namespace veld_report::host {
 class TimerQueue;
 
 struct TimerOptions {
-  std::shared_ptr<Clock> clock;   // null: the machine's
-  zel::Ref<zel::ITracer> tracer;  // may be null; told of an exception that leaves a Run
+  std::shared_ptr<Clock> clock{};   // null: the machine's
+  zel::Ref<zel::ITracer> tracer{};  // may be null; told of an exception that leaves a Run
 };
 
 // Make it with MakeObject<TimerService>() or MakeObject<TimerService>(options).
