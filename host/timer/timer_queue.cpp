@@ -86,7 +86,9 @@ void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock
   auto node = order_.extract(pending->second);
   pending->second = Firing{due, pending->second.sequence, pending->first, hurried};
   node.value() = pending->second;
-  if (order_.insert(std::move(node)).position == order_.begin()) changed_.notify_all();
+  // First the insertion, then the question: in one expression the compiler may ask for begin() before it.
+  const auto place = order_.insert(std::move(node)).position;
+  if (place == order_.begin()) changed_.notify_all();
 }
 
 void TimerQueue::Remove(zel::IRunnable* sink) {
