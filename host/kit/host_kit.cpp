@@ -30,8 +30,48 @@ zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<Li
   return QueueService::Open(options);
 }
 
-zel::Ref<HttpClientFactory> MakeHttp(HttpClientOptions options, const zel::Ref<LineTracer>& tracer) {
+// The function that hears of finished requests: the state file first, then the application's own.
+FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& http,
+                                             std::shared_ptr<UrlStateFile> states,
+                                             FunctionNotification::Function own) {
+  return [http, states = std::move(states), own = std::move(own)](const FinishedRequest& request) {
+    states->Update(http->States());
+    if (own) own(request);
+  };
+}
+
+}  // namespace
+
+// A request that is held back ends the sender's walk, and the urls behind it would wait for sendTimeout. The
+// relay has the next cycle come sooner. It knows the timer only while the kit runs: a client may outlive it.
+class HeldBackRelay {
+ public:
+  void SetTimer(TimerService* timer) {
+    const std::lock_guard guard(lock_);
+    timer_ = timer;
+  }
+  void OnHeldBack() {
+    const std::lock_guard guard(lock_);
+    if (timer_) timer_->Hurry(soonMs, mostInARow);
+  }
+
+ private:
+  static constexpr std::uint32_t soonMs = 50;
+  static constexpr std::uint32_t mostInARow = 8;
+
+  std::mutex lock_;
+  TimerService* timer_ = nullptr;
+};
+
+namespace {
+
+zel::Ref<HttpClientFactory> MakeHttp(HttpClientOptions options, const zel::Ref<LineTracer>& tracer,
+                                     std::shared_ptr<HeldBackRelay> relay) {
   options.tracer = tracer;
+  options.onHeldBack = [relay = std::move(relay), own = std::move(options.onHeldBack)] {
+    relay->OnHeldBack();
+    if (own) own();
+  };
   return CreateHttpClientFactory(options);
 }
 
@@ -41,10 +81,13 @@ HostKit::HostKit(const HostKitOptions& options)
     : allocator_(MakeObject<HeapAllocator>()),
       tracer_(MakeObject<LineTracer>(options.trace)),
       queues_(OpenQueues(options.queues, tracer_)),
-      http_(MakeHttp(options.http, tracer_)),
+      urlStates_(std::make_shared<UrlStateFile>(options.queues.folder)),
+      heldBack_(std::make_shared<HeldBackRelay>()),
+      http_(MakeHttp(options.http, tracer_, heldBack_)),
       timer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
       mode_(MakeObject<ExecutionMode>()),
       locator_(MakeObject<ServiceLocator>()) {
+  heldBack_->SetTimer(timer_.Get());
   try {
     RegisterServices(options);
     MakeSender(options);
@@ -67,7 +110,8 @@ void HostKit::RegisterServices(const HostKitOptions& options) {
   locator.Register<orvel::IExecutionModeProvider>(mode_);
   locator.Register<zel::IJsonStorageFactory>(CreateJsonStorageFactory());
   locator.Register<zel::IStorageSerializer2>(CreateWatchedSerializer(CreateSerializer()));
-  locator.Register<orvel::IRequestsNotification>(MakeObject<FunctionNotification>(options.onRequestFinished));
+  locator.Register<orvel::IRequestsNotification>(
+      MakeObject<FunctionNotification>(WatchRequests(http_, urlStates_, options.onRequestFinished)));
   if (!options.signingKeyFile.empty()) {
     locator.Register<orvel::ISignatureProvider>(
         MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(options.signingKeyFile)));
@@ -89,6 +133,7 @@ void HostKit::MakeSender(const HostKitOptions& options) {
   const std::lock_guard guard(settingsLock_);
   http_->AnnounceUrls(settings.Urls());
   Require(construct->Construct(settings.Record()), "module: the sender refuses its services or settings");
+  urlStates_->SetUrls(settings.Urls());
   sender_ = std::move(sender);
 }
 
@@ -114,6 +159,7 @@ void HostKit::SetSettings(const KitSettings& settings) {
   if (!senderSettings_) throw std::runtime_error("settings: the sender is closed");
   http_->AnnounceUrls(built.Urls());
   Require(senderSettings_->SetSettings(built.Record()), "settings: the sender refuses them");
+  urlStates_->SetUrls(built.Urls());
 }
 
 bool HostKit::Close() {
@@ -123,6 +169,8 @@ bool HostKit::Close() {
   httpStop_->Stop();
   senderSettings_.Reset();
   sender_.Reset();
+  heldBack_->SetTimer(nullptr);
+  if (timer_) urlStates_->Close();
   timer_.Reset();
   if (locator_) locator_->Clear();
   locator_.Reset();

@@ -16,6 +16,7 @@
 #include "host/kit/host_kit_options.h"
 #include "host/kit/stoppable_http.h"
 #include "host/kit/submission_watch.h"
+#include "host/kit/url_states.h"
 #include "host/locator/service_locator.h"
 #include "host/mode/execution_mode.h"
 #include "host/module/loaded_module.h"
@@ -24,6 +25,8 @@
 #include "host/tracer/line_tracer.h"
 
 namespace veld_report::host {
+
+class HeldBackRelay;
 
 // Life: running (from the constructor on) -> closed.
 // Threads: any for all operations but Close and the destructor, which run alone, when nobody uses the kit any
@@ -73,6 +76,8 @@ class HostKit {
   zel::Ref<HeapAllocator> allocator_;
   zel::Ref<LineTracer> tracer_;
   zel::Ref<QueueService> queues_;
+  const std::shared_ptr<UrlStateFile> urlStates_;  // shared with what hears of finished requests
+  const std::shared_ptr<HeldBackRelay> heldBack_;  // shared with the HTTP clients
   zel::Ref<HttpClientFactory> http_;
   const std::shared_ptr<HttpStop> httpStop_ = std::make_shared<HttpStop>();
   zel::Ref<TimerService> timer_;

@@ -9,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include "host/base/redact.h"
 #include "host/tracer/trace_file.h"
 
 namespace veld_report::host {
@@ -133,7 +134,12 @@ void LineTracer::WriteLine(std::uint32_t level, std::string_view text) {
   line_.clear();
   AppendTime(line_);
   line_.append(" ").append(std::to_string(level)).append(" ");
-  AppendPrintable(line_, text);
+  // The module traces urls as the settings give them, with user and password.
+  if (text.find('@') == std::string_view::npos) {
+    AppendPrintable(line_, text);
+  } else {
+    AppendPrintable(line_, WithoutCredentials(text));
+  }
   if (sink_) {
     sink_(line_);
     return;
