@@ -17,7 +17,12 @@ struct JsonCheck::Parser {
   simdjson::dom::parser parser;
 };
 
-JsonCheck::JsonCheck() { idle_.reserve(idleLimit); }
+JsonCheck::JsonCheck() {
+  idle_.reserve(idleLimit);
+  // simdjson has static objects that come into being at first use. Used here, they outlive a static object
+  // that holds this one.
+  GiveBack(Borrow());
+}
 JsonCheck::~JsonCheck() = default;
 
 bool JsonCheck::IsOneValue(std::string_view text) { return IsOneValue(text, nullptr); }

@@ -59,7 +59,8 @@ class RecordBuilder {
   // An empty one adds nothing.
   template <class T>
   RecordBuilder& Add(std::string_view name, const std::optional<T>& value) {
-    return value ? Add(name, *value) : *this;
+    if (value.has_value()) Add(name, value.value());
+    return *this;
   }
 
   // The record as JSON text.
