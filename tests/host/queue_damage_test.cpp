@@ -173,6 +173,27 @@ TEST_F(QueueDamageTest, TheLogOfADamagedStoreCounts) {
   EXPECT_THAT(host::DamagedFilesOf(StorePath()), SizeIs(1));
 }
 
+TEST_F(QueueDamageTest, DamageWhileOpenFailsOperationsAndIsRepairedAtTheNextOpening) {
+  constexpr std::int64_t many = 10'000;  // more than SQLite holds in memory
+  Open();
+  {
+    const auto producer = Producer("q");
+    for (int i = 0; i < many; ++i) ASSERT_EQ(PushText(*producer, std::string(300, 'x')), zel::sOk);
+  }
+  Open();
+  for (const std::int64_t page : Pages("items", "leaf")) Overwrite(page, '\xff');
+  EXPECT_LT(Waiting("q").size(), many);
+  EXPECT_THAT(tracer->Lines(), testing::Contains(HasSubstr("can't read an item")));
+  PushText(*Producer("q"), "may be refused");
+  Open();
+  EXPECT_THAT(host::DamagedFilesOf(StorePath()), SizeIs(1));
+  const host::QueueLedger ledger = service->Ledgers()["q"];
+  EXPECT_TRUE(ledger.IsBalanced());
+  EXPECT_GT(ledger.damaged.items, many / 2);
+  EXPECT_EQ(ledger.waiting.items, static_cast<std::int64_t>(Waiting("q").size()));
+  Push("q", "works");
+}
+
 TEST_F(QueueDamageTest, PeopleCanSalvageCheckAndCompact) {
   MakeStore();
   std::filesystem::rename(StorePath(), StorePath().string() + ".damaged-20260102T030405Z");
