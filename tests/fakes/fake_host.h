@@ -4,8 +4,6 @@
 // line is open, or an accepted request never got its completion.
 #pragma once
 
-#include <atomic>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -36,15 +34,14 @@ class FakeSignature final : public FakeObject<orvel::ISignatureProvider> {
  public:
   explicit FakeSignature(FakeWorld& world) : FakeObject(world, "SignatureProvider") {}
   // A scripted failure leaves the block in the vector all the same.
-  zel::ResultCode Sign(const zel::ByteRange* payload, zel::vector_t<std::uint8_t>* signatureBlock) override;
+  zel::ResultCode Sign(const zel::ByteRange* bytes, zel::vector_t<std::uint8_t>* signatureBlock) override;
   std::string block = "\xfb\xff";
-  std::vector<std::string> payloads;
+  std::string payload;  // of the last call
 };
 
 class FakeNotification final : public FakeObject<orvel::IRequestsNotification> {
  public:
   explicit FakeNotification(FakeWorld& world) : FakeObject(world, "Notification") {}
-  // Logged with source, code and url.
   zel::ResultCode OnRequestFinished(const orvel::RequestNotification* notification) override;
 };
 
@@ -53,20 +50,20 @@ class FakeLocator final : public FakeObject<zel::IServiceLocator> {
   explicit FakeLocator(FakeWorld& world) : FakeObject(world, "Locator") {}
 
   zel::ResultCode GetInterface(zel::InterfaceId interfaceId, std::uint32_t reserved, void** out) override;
-  void Offer(zel::InterfaceId interfaceId, zel::IObject* service);
   // From here on a look-up of it, or the nth one, gives this code.
   void Lack(zel::InterfaceId interfaceId, zel::ResultCode code = zel::eNotFound);
   void LackNth(zel::InterfaceId interfaceId, int nth, zel::ResultCode code = zel::eNotFound);
   std::vector<zel::InterfaceId> TakeLookUps();
 
+  // To be filled before anything is looked up.
+  std::vector<zel::IObject*> services;
+
  private:
-  mutable std::mutex lock_;
-  std::map<zel::InterfaceId, zel::IObject*> services_;
+  std::mutex lock_;
   std::vector<zel::InterfaceId> lookUps_;
 };
 
-class FakeHost {
- public:
+struct FakeHost {
   FakeHost();
   ~FakeHost();
   FakeHost(const FakeHost&) = delete;
@@ -76,22 +73,19 @@ class FakeHost {
   void ExpectNothingHeld();
 
   FakeWorld world;
-  zel::Ref<FakeAllocator> allocator;
-  zel::Ref<FakeTracer> tracer;
-  zel::Ref<FakeHashFactory> hash;
-  zel::Ref<FakeQueueFactory> queues;
-  zel::Ref<FakeHttpClient> http;
-  zel::Ref<FakeHttpClientFactory> httpFactory;
-  zel::Ref<FakeTimer> timer;
-  zel::Ref<FakeMode> mode;
-  zel::Ref<FakeSignature> signature;
-  zel::Ref<FakeNotification> notification;
-  zel::Ref<FakeJsonStorageFactory> jsonFactory;
-  zel::Ref<FakeSerializer> serializer;
-  zel::Ref<FakeLocator> locator;
-
- private:
-  std::vector<const LedgerEntry*> Services() const;
+  zel::Ref<FakeAllocator> allocator = MakeFake<FakeAllocator>(world);
+  zel::Ref<FakeTracer> tracer = MakeFake<FakeTracer>(world);
+  zel::Ref<FakeHashFactory> hash = MakeFake<FakeHashFactory>(world);
+  zel::Ref<FakeQueueFactory> queues = MakeFake<FakeQueueFactory>(world);
+  zel::Ref<FakeHttpClient> http = MakeFake<FakeHttpClient>(world);
+  zel::Ref<FakeHttpClientFactory> httpFactory = MakeFake<FakeHttpClientFactory>(world, http.Get());
+  zel::Ref<FakeTimer> timer = MakeFake<FakeTimer>(world);
+  zel::Ref<FakeMode> mode = MakeFake<FakeMode>(world);
+  zel::Ref<FakeSignature> signature = MakeFake<FakeSignature>(world);
+  zel::Ref<FakeNotification> notification = MakeFake<FakeNotification>(world);
+  zel::Ref<FakeJsonStorageFactory> jsonFactory = MakeFake<FakeJsonStorageFactory>(world);
+  zel::Ref<FakeSerializer> serializer = MakeFake<FakeSerializer>(world);
+  zel::Ref<FakeLocator> locator = MakeFake<FakeLocator>(world);
 };
 
 }  // namespace veld_report::fakes

@@ -1,5 +1,6 @@
 #include "tests/fakes/fake_http.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -8,10 +9,10 @@ namespace veld_report::fakes {
 using network_services::IAsyncHttpRequestCallback;
 
 // One accepted request. The client reaches it through the ledger's memory, so the caller alone counts.
-class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHandle> {
+class FakeHttpClient::Request final : public FakeObject<network_services::IHttpRequestHandle> {
  public:
-  FakeHttpRequest(FakeWorld& world, FakeHttpClient& client, const HttpAnswer& answer, const zel::wstring& url,
-                  zel::IIO* body, IAsyncHttpRequestCallback* callback)
+  Request(FakeWorld& world, FakeHttpClient& client, const HttpAnswer& answer, const zel::wstring& url,
+          zel::IIO* body, IAsyncHttpRequestCallback* callback)
       : FakeObject(world, "HttpRequest"),
         client_(client),
         answer_(answer),
@@ -27,10 +28,10 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
     if (answer_.when == HttpAnswer::When::inWait) {
       std::thread([this] { Complete(answer_); }).join();
     } else if (answer_.when == HttpAnswer::When::onThread) {
-      std::unique_lock guard(client_.lock_);
-      client_.changed_.wait(guard, [this] { return ended_; });
+      WaitFor(ended_);
     } else if (answer_.when == HttpAnswer::When::untilCancel) {
-      WaitForCancel();
+      WaitFor(cancelled_);
+      std::thread([this] { Complete(HttpAnswer::Failure(zel::eOperationCancelled)); }).join();
     }
     return answer_.waitResult;
   }
@@ -38,58 +39,41 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
   zel::ResultCode Cancel() override {
     Use();
     const auto code = world().Enter("Cancel");
-    std::lock_guard guard(client_.lock_);
-    cancelled_ = true;
-    client_.changed_.notify_all();
+    Raise(cancelled_);
     return code;
   }
 
   void Complete(const HttpAnswer& answer) {
-    {
-      std::lock_guard guard(client_.lock_);
-      if (completed_) return Fault("HttpClient: a second completion");
-      completed_ = true;
-    }
+    if (completed_.exchange(true)) return Fault("HttpClient: a second completion");
     zel::Ref<IAsyncHttpRequestCallback> callback = std::move(callback_);
     body_.Reset();
+    alignas(8) char response[96];
+    std::memset(response, 0x7f, sizeof response);
+    std::memcpy(response + network_services::responseStatusOffset, &answer.status, sizeof answer.status);
     try {
-      if (answer.failure) {
-        CheckZero(callback->OnRequestFailed(url_, *answer.failure));
-      } else {
-        alignas(8) char response[96];
-        std::memset(response, 0x7f, sizeof response);
-        std::memcpy(response + network_services::responseStatusOffset, &answer.status, sizeof answer.status);
-        CheckZero(callback->OnRequestCompleted(url_, response));
-      }
+      const zel::ResultCode code = answer.failure ? callback->OnRequestFailed(url_, *answer.failure)
+                                                  : callback->OnRequestCompleted(url_, response);
+      if (code != zel::sOk) Fault("HttpClient: a callback didn't answer 0");
     } catch (...) {
-      world().log.Add("completion threw");
+      // What a callback throws is nobody's business.
     }
     callback.Reset();
-    std::lock_guard guard(client_.lock_);
-    ended_ = true;
-    client_.changed_.notify_all();
+    Raise(ended_);
   }
 
-  bool Completed() const {
-    std::lock_guard guard(client_.lock_);
-    return completed_;
-  }
+  bool Completed() const { return completed_; }
 
  private:
-  static void CheckZero(zel::ResultCode code) {
-    if (code != zel::sOk) Fault("HttpClient: a callback didn't answer 0");
+  void Raise(bool& flag) {
+    std::lock_guard guard(client_.lock_);
+    flag = true;
+    client_.changed_.notify_all();
   }
-  void WaitForCancel() {
-    {
-      std::unique_lock guard(client_.lock_);
-      ++client_.blocked_;
-      client_.changed_.notify_all();
-      if (!client_.changed_.wait_for(guard, std::chrono::seconds(30), [this] { return cancelled_; })) {
-        Fault("HttpClient: nobody cancelled the request");
-      }
-      --client_.blocked_;
+  void WaitFor(const bool& flag) {
+    std::unique_lock guard(client_.lock_);
+    if (!client_.changed_.wait_for(guard, std::chrono::seconds(30), [&] { return flag; })) {
+      Fault("HttpClient: a Wait that nothing ends");
     }
-    std::thread([this] { Complete(HttpAnswer::Failure(zel::eOperationCancelled)); }).join();
   }
 
   FakeHttpClient& client_;
@@ -97,8 +81,8 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
   const zel::wstring url_;
   zel::Ref<zel::IIO> body_;
   zel::Ref<IAsyncHttpRequestCallback> callback_;
-  bool completed_ = false;  // all three under the client's lock
-  bool ended_ = false;
+  std::atomic<bool> completed_ = false;
+  bool ended_ = false;  // both under the client's lock
   bool cancelled_ = false;
 };
 
@@ -127,24 +111,6 @@ void CheckOptions(const network_services::HttpRequestOptions& options) {
   }
 }
 
-void CheckCallback(IAsyncHttpRequestCallback* callback) {
-  for (const zel::InterfaceId id : {0u, IAsyncHttpRequestCallback::iid}) {
-    zel::Ref<IAsyncHttpRequestCallback> same;
-    const zel::ResultCode code = callback->QueryInterface(id, same.OutVoid());
-    if (code != zel::sOk || same.Get() != callback) Fault("HttpClient: the callback isn't what it says");
-  }
-  void* other = callback;
-  if (callback->QueryInterface(zel::IIO::iid, &other) != zel::eInterfaceNotSupported || other) {
-    Fault("HttpClient: the callback offers an interface that it can't have");
-  }
-}
-
-std::string ToText(const zel::wstring& url) {
-  std::string text;
-  for (const char16_t unit : url.View()) text.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
-  return text;
-}
-
 }  // namespace
 
 zel::ResultCode FakeHttpClient::MakeRequestAsync(const zel::wstring& url,
@@ -153,27 +119,24 @@ zel::ResultCode FakeHttpClient::MakeRequestAsync(const zel::wstring& url,
                                                  void* reserved, IAsyncHttpRequestCallback* callback,
                                                  network_services::IHttpRequestHandle** request) {
   Use();
-  if (const auto code = world().Enter("MakeRequestAsync", ToText(url))) return code;
+  std::string shown;
+  for (const char16_t unit : url.View()) shown.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
+  if (const auto code = world().Enter("MakeRequestAsync", shown)) return code;
   CheckOptions(options);
-  CheckCallback(callback);
   if (!requestKind || *requestKind != 1) Fault("HttpClient: the kind of the request isn't 1");
   if (reserved) Fault("HttpClient: the reserved argument isn't null");
   if (!request || *request) Fault("HttpClient: the place for the request isn't empty");
-  Sent sent{std::u16string(url.View()), ReadAll(body)};
-  HttpAnswer answer;
-  FakeHttpRequest* made;
-  {
-    std::lock_guard guard(lock_);
-    sent_.push_back(std::move(sent));
-    answer = answers_.empty() ? usual : answers_.front();
-    if (!answers_.empty()) answers_.pop_front();
-    made = MakeFake<FakeHttpRequest>(world(), *this, answer, url, body, callback).Detach();
-    requests_.push_back(made);
-    *request = made;
-    if (answer.when == HttpAnswer::When::onThread) {
-      threads_.emplace_back([made, answer] { made->Complete(answer); });
-    }
+  std::unique_lock guard(lock_);
+  sent_.push_back({std::u16string(url.View()), ReadAll(body)});
+  const HttpAnswer answer = answers_.empty() ? usual : answers_.front();
+  if (!answers_.empty()) answers_.pop_front();
+  Request* made = MakeFake<Request>(world(), *this, answer, url, body, callback).Detach();
+  requests_.push_back(made);
+  *request = made;
+  if (answer.when == HttpAnswer::When::onThread) {
+    threads_.emplace_back([made, answer] { made->Complete(answer); });
   }
+  guard.unlock();
   if (answer.when == HttpAnswer::When::atOnce) made->Complete(answer);
   return zel::sOk;
 }
@@ -183,9 +146,9 @@ zel::ResultCode FakeHttpClient::SetCertificates(const network_services::Certific
   const auto code = world().Enter("SetCertificates", std::to_string(table->end - table->begin));
   if (code != zel::sOk) return code;
   std::lock_guard guard(lock_);
-  certificates_.clear();
+  certificates.clear();
   for (const auto* row = table->begin; row != table->end; ++row) {
-    certificates_.emplace_back(row->begin, row->end);
+    certificates.emplace_back(row->begin, row->end);
   }
   return zel::sOk;
 }
@@ -200,25 +163,14 @@ std::vector<FakeHttpClient::Sent> FakeHttpClient::TakeSent() {
   return std::exchange(sent_, {});
 }
 
-std::vector<FakeHttpClient::Row> FakeHttpClient::Certificates() const {
-  std::lock_guard guard(lock_);
-  return certificates_;
-}
-
-void FakeHttpClient::Complete(std::size_t nth, std::uint16_t status) {
-  std::vector<FakeHttpRequest*> all;
-  {
-    std::lock_guard guard(lock_);
-    all = requests_;
-  }
-  std::erase_if(all, [](const FakeHttpRequest* request) { return request->Completed(); });
-  if (nth >= all.size()) return Fault("HttpClient: no open request with that number");
-  all[nth]->Complete(HttpAnswer::Status(status));
-}
-
-bool FakeHttpClient::WaitUntilBlocked() {
+void FakeHttpClient::Complete(std::uint16_t status) {
   std::unique_lock guard(lock_);
-  return changed_.wait_for(guard, std::chrono::seconds(30), [this] { return blocked_ > 0; });
+  const auto open = std::find_if(requests_.begin(), requests_.end(),
+                                 [](Request* request) { return !request->Completed(); });
+  if (open == requests_.end()) return Fault("HttpClient: no request is open");
+  Request* request = *open;
+  guard.unlock();
+  request->Complete(HttpAnswer::Status(status));
 }
 
 void FakeHttpClient::JoinThreads() {
@@ -232,12 +184,7 @@ void FakeHttpClient::JoinThreads() {
 
 void FakeHttpClient::CheckAllCompleted() {
   JoinThreads();
-  std::vector<FakeHttpRequest*> all;
-  {
-    std::lock_guard guard(lock_);
-    all = requests_;
-  }
-  for (FakeHttpRequest* request : all) {
+  for (Request* request : requests_) {
     if (request->Completed()) continue;
     Fault("HttpClient: a request was left without its completion");
     // So that the callback goes while the services that it uses are still there.

@@ -40,8 +40,6 @@ struct HttpAnswer {
   static HttpAnswer Never() { return {200, {}, When::untilCancel, zel::eOperationCancelled}; }
 };
 
-class FakeHttpRequest;
-
 class FakeHttpClient final
     : public FakeObject<network_services::IHttpClient, network_services::IHttpClientCertificates> {
  public:
@@ -70,25 +68,22 @@ class FakeHttpClient final
   HttpAnswer usual;
 
   std::vector<Sent> TakeSent();
-  std::vector<Row> Certificates() const;
-  // Completes the nth request (from 0) that is still open, on this thread.
-  void Complete(std::size_t nth, std::uint16_t status);
-  // Blocks until a request waits for Cancel. False after 30 seconds.
-  bool WaitUntilBlocked();
+  // Completes the first request that is still open, on this thread.
+  void Complete(std::uint16_t status);
   void JoinThreads();
   // To be called when the sender is gone.
   void CheckAllCompleted();
 
- private:
-  friend class FakeHttpRequest;
+  std::vector<Row> certificates;
 
-  mutable std::mutex lock_;
+ private:
+  class Request;
+
+  std::mutex lock_;
   std::condition_variable changed_;
-  int blocked_ = 0;
   std::deque<HttpAnswer> answers_;
   std::vector<Sent> sent_;
-  std::vector<Row> certificates_;
-  std::vector<FakeHttpRequest*> requests_;
+  std::vector<Request*> requests_;
   std::vector<std::thread> threads_;
 };
 

@@ -1,5 +1,6 @@
 #include "tests/fakes/fake_json.h"
 
+#include <array>
 #include <cstddef>
 
 namespace veld_report::fakes {
@@ -73,11 +74,6 @@ class ErrorInfo final : public FakeObject<zel::ISerializeErrorInfo> {
   const SerializeContext context_;
 };
 
-class PlainContext final : public FakeObject<zel::IObject> {
- public:
-  explicit PlainContext(FakeWorld& world) : FakeObject(world, "SerializeContext") {}
-};
-
 std::string Quoted(std::string_view text) {
   std::string quoted = "\"";
   for (const char character : text) {
@@ -111,7 +107,7 @@ zel::ResultCode WriteValue(Storage& storage, void* place, const zel::SerFieldDes
   }
   const std::string_view text = static_cast<const zel::string*>(place)->View();
   if (field.typeId == zel::SerFieldDescriptor::narrowString) return storage.Put(Quoted(text));
-  if (field.typeId != jsonTextKind && field.typeId != wholeTextKind) Fault("Serializer: an unknown kind");
+  if (field.typeId != wholeTextKind) Fault("Serializer: an unknown kind");
   return storage.Put(text);
 }
 
@@ -119,38 +115,32 @@ zel::ResultCode WriteRecord(Storage& storage, void* object, const zel::SerObjDes
   if (descriptor.fields->typeId == wholeTextKind) return WriteValue(storage, object, *descriptor.fields);
   std::string before = "{";
   for (const auto* field = descriptor.fields; field->flags != zel::SerFieldDescriptor::endOfTable; ++field) {
-    const zel::ResultCode name = storage.Put(before + Quoted(field->name) + ":");
-    if (name != zel::sOk) return name;
-    const zel::ResultCode value = WriteValue(storage, static_cast<char*>(object) + field->offset, *field);
-    if (value != zel::sOk) return value;
+    zel::ResultCode result = storage.Put(before + Quoted(field->name) + ":");
+    if (result == zel::sOk) result = WriteValue(storage, static_cast<char*>(object) + field->offset, *field);
+    if (result != zel::sOk) return result;
     before = ",";
   }
-  return storage.Put(before == "{" ? "{}" : "}");
+  return storage.Put("}");
 }
 
-constexpr zel::SerFieldDescriptor TextField(std::uint32_t kind, const char* name) {
-  zel::SerFieldDescriptor field;
-  field.typeId = kind;
-  field.name = name;
-  field.offset = offsetof(TextRecord, text);
-  field.size = sizeof(zel::string);
-  return field;
+constexpr std::array<zel::SerFieldDescriptor, 2> OneString(std::uint32_t kind, const char* name) {
+  std::array<zel::SerFieldDescriptor, 2> fields{};
+  fields[0].typeId = kind;
+  fields[0].name = name;
+  fields[0].offset = offsetof(TextRecord, text);
+  fields[0].size = sizeof(zel::string);
+  fields[1].flags = zel::SerFieldDescriptor::endOfTable;
+  return fields;
 }
-
-constexpr zel::SerFieldDescriptor End() {
-  zel::SerFieldDescriptor field;
-  field.flags = zel::SerFieldDescriptor::endOfTable;
-  return field;
-}
-
-constexpr zel::SerFieldDescriptor textFields[] = {TextField(zel::SerFieldDescriptor::narrowString, "text"),
-                                                  End()};
-constexpr zel::SerFieldDescriptor rawFields[] = {TextField(wholeTextKind, "whole"), End()};
+constexpr auto textFields = OneString(zel::SerFieldDescriptor::narrowString, "text");
+constexpr auto rawFields = OneString(wholeTextKind, "whole");
 
 }  // namespace
 
-const zel::SerObjDescriptor textRecordDescriptor{42, "TextRecord", sizeof(TextRecord), textFields, nullptr};
-const zel::SerObjDescriptor rawRecordDescriptor{43, "RawRecord", sizeof(TextRecord), rawFields, nullptr};
+const zel::SerObjDescriptor textRecordDescriptor{42, "TextRecord", sizeof(TextRecord), textFields.data(),
+                                                 nullptr};
+const zel::SerObjDescriptor rawRecordDescriptor{43, "RawRecord", sizeof(TextRecord), rawFields.data(),
+                                                nullptr};
 
 zel::ResultCode FakeJsonStorageFactory::CreateJsonStorage(zel::IIO* stream,
                                                           const zel::JsonStorageOptions* options,
@@ -170,8 +160,7 @@ zel::ResultCode FakeSerializer::Serialize(const zel::AnyPtr* object, zel::IStora
   if (flag != 1) Fault("Serializer: the flag isn't 1");
   if (*out) Fault("Serializer: the context isn't null");
   if (const auto code = world().script.Enter("Serialize")) {
-    if (context.given && context.offersLocation) *out = MakeFake<ErrorInfo>(world(), context).Detach();
-    if (context.given && !context.offersLocation) *out = MakeFake<PlainContext>(world()).Detach();
+    if (context.given) *out = MakeFake<ErrorInfo>(world(), context).Detach();
     return code;
   }
   return WriteRecord(static_cast<Storage&>(*storage), object->object, *object->descriptor);

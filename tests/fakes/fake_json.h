@@ -1,4 +1,4 @@
-// A JSON storage and a serialiser over the two kinds that the module uses, and a kind that is JSON already.
+// A JSON storage and a serialiser over the two kinds that the module uses, and a record that is JSON already.
 //
 // The text reaches the stream in small writes, and its last byte only with Flush, so that a caller who skips
 // the flush has half a text.
@@ -11,8 +11,6 @@
 
 namespace veld_report::fakes {
 
-// A narrow string whose bytes stand for the value as they are.
-inline constexpr std::uint32_t jsonTextKind = 0x7e;
 // A narrow string whose bytes stand for the whole record, braces included.
 inline constexpr std::uint32_t wholeTextKind = 0x7f;
 
@@ -26,7 +24,6 @@ class FakeJsonStorageFactory final : public FakeObject<zel::IJsonStorageFactory>
 // What a scripted failure of Serialize leaves in its context.
 struct SerializeContext {
   bool given = false;
-  bool offersLocation = true;
   zel::ResultCode locationResult = zel::sOk;
   std::string objectName{};
   std::string fieldName{};

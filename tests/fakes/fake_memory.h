@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <new>
 
 #include "tests/fakes/fake_object.h"
 #include "types/allocator.h"
@@ -15,19 +16,27 @@ class FakeAllocator final : public FakeObject<zel::IAllocator> {
  public:
   explicit FakeAllocator(FakeWorld& world) : FakeObject(world, "Allocator") {}
   ~FakeAllocator() override {
+    if (!blocks_.empty()) Fault("Allocator: blocks are out");
     for (const auto& block : blocks_) std::free(block.first);
   }
 
+  // Gives null too where the program's own heap has run dry.
   void* Allocate(std::uint64_t size) override {
     Use();
     const std::lock_guard guard(lock_);
     ++allocations_;
     if (failAt_ > 0 && --failAt_ == 0) return nullptr;
     void* memory = std::malloc(size ? size : 1);
+    if (!memory) return nullptr;
     // Nobody may count on fresh memory being zero.
     std::memset(memory, 0xcd, size);
-    blocks_[memory] = size;
-    return memory;
+    try {
+      blocks_[memory] = size;
+      return memory;
+    } catch (const std::bad_alloc&) {
+      std::free(memory);
+      return nullptr;
+    }
   }
   zel::ResultCode ReservedAllocatorOperation() override { return Reserved(); }
   void Free(void* memory) override {
@@ -41,14 +50,8 @@ class FakeAllocator final : public FakeObject<zel::IAllocator> {
   }
 
   // The nth allocation from here on answers null, once.
-  void FailNth(int nth) {
-    const std::lock_guard guard(lock_);
-    failAt_ = nth;
-  }
-  int Allocations() const {
-    const std::lock_guard guard(lock_);
-    return allocations_;
-  }
+  void FailNth(int nth) { failAt_ = nth; }
+  int Allocations() const { return allocations_; }
   std::uint64_t LiveBlocks() const {
     const std::lock_guard guard(lock_);
     return blocks_.size();
@@ -57,8 +60,8 @@ class FakeAllocator final : public FakeObject<zel::IAllocator> {
  private:
   mutable std::mutex lock_;
   std::map<void*, std::uint64_t> blocks_;
-  int allocations_ = 0;
-  int failAt_ = 0;
+  std::atomic<int> allocations_ = 0;
+  std::atomic<int> failAt_ = 0;
 };
 
 }  // namespace veld_report::fakes

@@ -21,6 +21,9 @@ class FakeObject : public Interfaces..., public LedgerEntry {
   FakeObject(FakeWorld& world, std::string name) : world_(world), name_(std::move(name)) {}
   FakeObject(const FakeObject&) = delete;
   FakeObject& operator=(const FakeObject&) = delete;
+  ~FakeObject() override {
+    if (references_.load() > 0) Fault(name_ + ": references are out");
+  }
 
   std::uint32_t AddRef() override {
     const std::uint32_t before = references_.fetch_add(1);
@@ -53,7 +56,7 @@ class FakeObject : public Interfaces..., public LedgerEntry {
     return zel::sOk;
   }
 
-  std::string Name() const override { return name_; }
+  const std::string& Name() const override { return name_; }
   std::uint32_t References() const override { return references_.load(); }
 
  protected:

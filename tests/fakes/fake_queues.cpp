@@ -11,12 +11,10 @@ std::string Text(const zel::string& text) { return std::string(text.View()); }
 // Queues of senders are named by 32 characters; two tell them apart in a log.
 std::string Short(const std::string& queueName) { return queueName.substr(0, 2); }
 
-// What the three objects of a queue share.
 struct Place {
   FakeQueueFactory& factory;
   QueueStore::Key key;
-
-  std::string ShortName() const { return Short(key.second); }
+  std::string shortName = Short(key.second);
 };
 
 class Producer final : public FakeObject<orvel::IQueueProducer> {
@@ -28,8 +26,8 @@ class Producer final : public FakeObject<orvel::IQueueProducer> {
     Use();
     std::string bytes(data->begin, data->end);
     const std::string shown = bytes.size() > 40 ? "[" + std::to_string(bytes.size()) + "]" : bytes;
-    if (const auto code = world().Enter("Push", place_.ShortName() + " " + shown)) return code;
-    QueueStore& store = *place_.factory.store;
+    if (const auto code = world().Enter("Push", place_.shortName + " " + shown)) return code;
+    QueueStore& store = place_.factory.store;
     std::lock_guard guard(store.lock);
     QueueStore::Queue& queue = store.queues[place_.key];
     std::uint64_t total = bytes.size();
@@ -54,11 +52,10 @@ class Consumer final : public FakeObject<orvel::IAckConsumer> {
     if (data->allocator.Service() && policing) Fault("AckConsumer: Read into a vector with an allocator");
     if (ended_ && policing) Fault("AckConsumer: Read after the end");
     if (const auto code = world().script.Enter("Read")) {
-      world().log.Add("Read " + place_.ShortName() + " fails");
       ended_ = true;
       return code;
     }
-    QueueStore& store = *place_.factory.store;
+    QueueStore& store = place_.factory.store;
     std::lock_guard guard(store.lock);
     const auto queue = store.queues.find(place_.key);
     if (queue != store.queues.end()) {
@@ -67,11 +64,11 @@ class Consumer final : public FakeObject<orvel::IAckConsumer> {
         data->assign(reinterpret_cast<const std::uint8_t*>(item.bytes.data()), item.bytes.size());
         *token = position_ = item.token;
         item.holder = this;
-        world().log.Add("Read " + place_.ShortName() + " " + std::to_string(item.token));
+        world().log.Add("Read " + place_.shortName + " " + std::to_string(item.token));
         return zel::sOk;
       }
     }
-    world().log.Add("Read " + place_.ShortName() + " none");
+    world().log.Add("Read " + place_.shortName + " none");
     ended_ = true;
     return zel::eNotFound;
   }
@@ -89,7 +86,7 @@ class Consumer final : public FakeObject<orvel::IAckConsumer> {
 
  private:
   zel::ResultCode Settle(std::uint64_t token, bool remove) {
-    QueueStore& store = *place_.factory.store;
+    QueueStore& store = place_.factory.store;
     std::lock_guard guard(store.lock);
     const auto queue = store.queues.find(place_.key);
     // The queue may have been removed meanwhile, and its items with it.
@@ -108,7 +105,7 @@ class Consumer final : public FakeObject<orvel::IAckConsumer> {
     return zel::sOk;
   }
   void OnEnd() override {
-    QueueStore& store = *place_.factory.store;
+    QueueStore& store = place_.factory.store;
     std::lock_guard guard(store.lock);
     const auto queue = store.queues.find(place_.key);
     if (queue == store.queues.end()) return;
@@ -130,16 +127,16 @@ class Manager final : public FakeObject<orvel::IQueueManager> {
   zel::ResultCode RemoveQueue(const zel::string& queueName) override {
     Use();
     if (const auto code = world().Enter("RemoveQueue", Short(Text(queueName)))) return code;
-    std::lock_guard guard(factory_.store->lock);
-    const auto removed = factory_.store->queues.erase({domain_, Text(queueName)});
+    std::lock_guard guard(factory_.store.lock);
+    const auto removed = factory_.store.queues.erase({domain_, Text(queueName)});
     return removed ? zel::sOk : zel::eNotFound;
   }
   zel::ResultCode EnumerateQueues(zel::vector_t<zel::string>* names) override {
     Use();
     if (!names->empty()) Fault("QueueManager: EnumerateQueues into a filled vector");
     if (names->allocator.Service()) Fault("QueueManager: EnumerateQueues into a vector with an allocator");
-    std::lock_guard guard(factory_.store->lock);
-    for (const auto& [key, queue] : factory_.store->queues) {
+    std::lock_guard guard(factory_.store.lock);
+    for (const auto& [key, queue] : factory_.store.queues) {
       if (key.first == domain_) names->push_back(zel::string(std::string_view(key.second)));
     }
     for (const std::string& name : factory_.extraNames) {
@@ -176,10 +173,8 @@ zel::ResultCode FakeQueueFactory::CreateProducer(const zel::string& domain, cons
   const QueueStore::Key key(Text(domain), Text(queueName));
   const std::string detail = Short(key.second) + " " + std::to_string(sizeLimitBytes);
   if (const auto code = world().Enter("CreateProducer", detail)) return code;
-  {
-    std::lock_guard guard(store->lock);
-    store->queues[key];
-  }
+  std::lock_guard guard(store.lock);
+  store.queues[key];
   *out = MakeFake<Producer>(world(), Place{*this, key}, sizeLimitBytes).Detach();
   return zel::sOk;
 }
@@ -192,30 +187,22 @@ zel::ResultCode FakeQueueFactory::CreateQueueManager(const zel::string& domain, 
 }
 
 void FakeQueueFactory::Put(const std::string& queueName, std::string_view bytes) {
-  std::lock_guard guard(store->lock);
-  store->queues[{senderDomain, queueName}].push_back({++store->lastToken, std::string(bytes), nullptr});
+  std::lock_guard guard(store.lock);
+  store.queues[{senderDomain, queueName}].push_back({++store.lastToken, std::string(bytes), nullptr});
 }
 
 std::vector<std::string> FakeQueueFactory::Items(const std::string& queueName) {
-  std::lock_guard guard(store->lock);
+  std::lock_guard guard(store.lock);
   std::vector<std::string> items;
-  for (const QueueStore::Item& item : store->queues[{senderDomain, queueName}]) items.push_back(item.bytes);
+  for (const QueueStore::Item& item : store.queues[{senderDomain, queueName}]) items.push_back(item.bytes);
   return items;
 }
 
 void FakeQueueFactory::Clear() {
-  std::lock_guard guard(store->lock);
-  store->queues.clear();
-  store->lastToken = 0;
-}
-
-std::vector<std::string> FakeQueueFactory::Names() {
-  std::lock_guard guard(store->lock);
-  std::vector<std::string> names;
-  for (const auto& [key, queue] : store->queues) {
-    if (key.first == senderDomain) names.push_back(key.second);
-  }
-  return names;
+  std::lock_guard guard(store.lock);
+  store.queues.clear();
+  extraNames.clear();
+  store.lastToken = 0;
 }
 
 }  // namespace veld_report::fakes

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <deque>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -19,9 +18,8 @@
 
 namespace veld_report::fakes {
 
-// The items of all queues. Threads: any.
-class QueueStore {
- public:
+// The items of all queues.
+struct QueueStore {
   struct Item {
     std::uint64_t token;
     std::string bytes;
@@ -48,15 +46,14 @@ class FakeQueueFactory final : public FakeObject<orvel::IQueueFactory> {
   // The test's own view of the domain "veld_rep".
   void Put(const std::string& queueName, std::string_view bytes);
   std::vector<std::string> Items(const std::string& queueName);
-  std::vector<std::string> Names();
-  // No queue is left, and the next token is 1 again.
+  // No queue and no extra name is left, and the next token is 1 again.
   void Clear();
   // Names that EnumerateQueues gives besides the real ones, behind them.
   std::vector<std::string> extraNames;
 
   // Off where the caller is a contract suite, which reads past the end and uses other domains on purpose.
   std::atomic<bool> policing{true};
-  const std::shared_ptr<QueueStore> store = std::make_shared<QueueStore>();
+  QueueStore store;
 
  private:
   void CheckDomain(const zel::string& domain) const;

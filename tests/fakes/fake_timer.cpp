@@ -10,7 +10,6 @@ zel::ResultCode FakeTimer::ArmTimer(zel::IRunnable* sink, std::uint32_t delayMs)
   if (const auto code = world().Enter("ArmTimer", std::to_string(delayMs))) return code;
   std::lock_guard guard(lock_);
   if (policing && cancelled_.contains(sink)) Fault("TimerService: ArmTimer after CancelTimer");
-  lastSink_ = sink;
   const std::uint64_t due = nowMs_ + delayMs;
   const auto [place, isNew] = pending_.emplace(sink, due);
   if (!isNew) place->second = std::min(place->second, due);
@@ -22,7 +21,7 @@ zel::ResultCode FakeTimer::DisarmTimer(zel::IRunnable* sink) {
   if (const auto code = world().Enter("DisarmTimer")) return code;
   std::lock_guard guard(lock_);
   const auto running = running_.find(sink);
-  if (policing && (running == running_.end() || running->second.thread != std::this_thread::get_id())) {
+  if (policing && (running == running_.end() || running->second != std::this_thread::get_id())) {
     Fault("TimerService: DisarmTimer from outside Run");
   }
   pending_.erase(sink);
@@ -34,7 +33,7 @@ zel::ResultCode FakeTimer::CancelTimer(zel::IRunnable* sink) {
   const auto code = world().Enter("CancelTimer");
   std::unique_lock guard(lock_);
   const auto running = running_.find(sink);
-  if (running != running_.end() && running->second.thread == std::this_thread::get_id()) {
+  if (running != running_.end() && running->second == std::this_thread::get_id()) {
     if (policing) Fault("TimerService: CancelTimer from inside Run");
     pending_.erase(sink);
     return zel::eInvalidState;
@@ -59,7 +58,7 @@ bool FakeTimer::RunFirst(std::uint64_t limitMs) {
     sink = first->first;
     nowMs_ = std::max(nowMs_, first->second);
     pending_.erase(first);
-    if (!running_.emplace(sink, Running{std::this_thread::get_id()}).second) {
+    if (!running_.emplace(sink, std::this_thread::get_id()).second) {
       Fault("the test fires a sink that is running");
       return false;
     }
@@ -93,11 +92,6 @@ void FakeTimer::Advance(std::uint64_t milliseconds) {
 bool FakeTimer::Armed() const {
   std::lock_guard guard(lock_);
   return !pending_.empty();
-}
-
-zel::IRunnable* FakeTimer::LastSink() const {
-  std::lock_guard guard(lock_);
-  return lastSink_;
 }
 
 void FakeTimer::ForgetCancelled() {

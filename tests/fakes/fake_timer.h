@@ -31,8 +31,7 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
   // Moves the clock, running each sink that comes due on the way, in order.
   void Advance(std::uint64_t milliseconds);
   bool Armed() const;
-  std::uint64_t DelayMs() const;     // of the sink that is due first
-  zel::IRunnable* LastSink() const;  // that asked for a firing
+  std::uint64_t DelayMs() const;  // of the sink that is due first
   // Once the owners of cancelled sinks are gone, so that another sink may have such an address.
   void ForgetCancelled();
   int RunsThatThrew() const { return runsThatThrew_; }
@@ -40,17 +39,13 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
   std::atomic<bool> policing{true};
 
  private:
-  struct Running {
-    std::thread::id thread;
-  };
   bool RunFirst(std::uint64_t limitMs);
 
   mutable std::mutex lock_;
   std::condition_variable runEnded_;
   std::uint64_t nowMs_ = 0;
-  zel::IRunnable* lastSink_ = nullptr;
   std::map<zel::IRunnable*, std::uint64_t> pending_;  // due time
-  std::map<zel::IRunnable*, Running> running_;
+  std::map<zel::IRunnable*, std::thread::id> running_;
   std::set<zel::IRunnable*> cancelled_;
   std::atomic<int> runsThatThrew_{0};
 };

@@ -1,9 +1,9 @@
-// A tracer that keeps the lines, with a switch for each way in which a tracer may say no.
+// A tracer that keeps the lines, and may be told to say no in each of the ways there are.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -21,26 +21,34 @@ class FakeTracer final : public FakeObject<zel::ITracer> {
   zel::ResultCode AcquireBuffer(std::uint32_t level, char** buffer, std::uint64_t size) override {
     Use();
     const std::lock_guard guard(lock_);
-    ++asked_[level];
-    if (level == growLevel) return Grow(buffer, size);
-    if (level != 300 && level != 700) Fault("Tracer: level " + std::to_string(level));
-    if (size != 512) Fault("Tracer: a line begins with " + std::to_string(size) + " bytes");
-    if (level > highestLevel) return refusal;
-    if (storeNoBuffer) return zel::sOk;
-    auto fresh = std::make_unique<Buffer>(Buffer{level, std::string(size, '?')});
-    *buffer = fresh->bytes.data();
-    buffers_[*buffer] = std::move(fresh);
+    asked_.push_back((level == growLevel ? "grow" : std::to_string(level)) + " " + std::to_string(size));
+    std::string line = std::to_string(level) + " ";
+    // Exactly as large as asked for, so that a sanitizer sees a write behind it.
+    std::vector<char> fresh(size, '?');
+    if (level == growLevel) {
+      const auto found = buffers_.find(*buffer);
+      if (found == buffers_.end()) Fault("Tracer: growth of a buffer that isn't out");
+      if (refuseGrowth) return zel::eOutOfMemory;
+      line = found->second.first;
+      std::copy(found->second.second.begin(), found->second.second.end(), fresh.begin());
+      buffers_.erase(found);
+    } else {
+      if (level != 300 && level != 700) Fault("Tracer: level " + std::to_string(level));
+      if (level > highestLevel) return refusal;
+    }
+    *buffer = fresh.data();
+    buffers_[*buffer] = {std::move(line), std::move(fresh)};
     return zel::sOk;
   }
   zel::ResultCode CommitBuffer(char* buffer, std::uint64_t length) override {
     Use();
     const std::lock_guard guard(lock_);
     const auto found = buffers_.find(buffer);
-    if (found == buffers_.end() || length > found->second->bytes.size()) {
+    if (found == buffers_.end() || length > found->second.second.size()) {
       Fault("Tracer: a buffer that isn't out, or a line longer than its buffer");
       return zel::eInvalidArgument;
     }
-    lines_.push_back(std::to_string(found->second->level) + " " + found->second->bytes.substr(0, length));
+    lines_.push_back(found->second.first.append(buffer, length));
     buffers_.erase(found);
     return zel::eUnexpected;  // nobody may look at it
   }
@@ -50,45 +58,26 @@ class FakeTracer final : public FakeObject<zel::ITracer> {
     const std::lock_guard guard(lock_);
     return std::exchange(lines_, {});
   }
-  // How often a level or a growth was asked for, answered or not.
-  int Asked(std::uint32_t level) const {
+  // "LEVEL SIZE" or "grow SIZE" of what was asked for since the last call, answered or not.
+  std::vector<std::string> TakeAsked() {
     const std::lock_guard guard(lock_);
-    const auto found = asked_.find(level);
-    return found == asked_.end() ? 0 : found->second;
+    return std::exchange(asked_, {});
   }
-  int OpenBuffers() const {
+  std::size_t OpenBuffers() const {
     const std::lock_guard guard(lock_);
-    return static_cast<int>(buffers_.size());
+    return buffers_.size();
   }
 
   std::atomic<std::uint32_t> highestLevel{700};  // lines above it aren't wanted
-  std::atomic<zel::ResultCode> refusal{1};       // what an unwanted level answers
+  std::atomic<zel::ResultCode> refusal{
+      1};  // answers an unwanted level; 0, and no buffer, breaks the contract
   std::atomic<bool> refuseGrowth{false};
-  std::atomic<bool> storeNoBuffer{false};  // breaks the contract: yes without a buffer
 
  private:
-  struct Buffer {
-    std::uint32_t level;
-    std::string bytes;
-  };
-  zel::ResultCode Grow(char** buffer, std::uint64_t size) {
-    const auto found = buffers_.find(*buffer);
-    if (found == buffers_.end()) {
-      Fault("Tracer: growth of a buffer that isn't out");
-      return zel::eInvalidArgument;
-    }
-    if (refuseGrowth) return zel::eOutOfMemory;
-    auto grown = std::make_unique<Buffer>(*found->second);
-    grown->bytes.resize(size);
-    buffers_.erase(found);
-    *buffer = grown->bytes.data();
-    buffers_[*buffer] = std::move(grown);
-    return zel::sOk;
-  }
-
   mutable std::mutex lock_;
-  std::map<char*, std::unique_ptr<Buffer>> buffers_;
-  std::map<std::uint32_t, int> asked_;
+  // The line's level and the memory, by its address.
+  std::map<char*, std::pair<std::string, std::vector<char>>> buffers_;
+  std::vector<std::string> asked_;
   std::vector<std::string> lines_;
 };
 

@@ -45,14 +45,12 @@ void Script::Throw(std::string_view operation, int nth) {
 void Script::Clear() {
   std::lock_guard guard(lock_);
   entries_.clear();
-  calls_.clear();
 }
 
 zel::ResultCode Script::Enter(std::string_view operation) {
   std::vector<Action> due;
   {
     std::lock_guard guard(lock_);
-    ++calls_[std::string(operation)];
     const auto found = entries_.find(operation);
     if (found == entries_.end()) return zel::sOk;
     for (Entry& entry : found->second) {
@@ -69,12 +67,6 @@ zel::ResultCode Script::Enter(std::string_view operation) {
     if (const zel::ResultCode result = action()) code = result;
   }
   return code;
-}
-
-int Script::Calls(std::string_view operation) const {
-  std::lock_guard guard(lock_);
-  const auto found = calls_.find(operation);
-  return found == calls_.end() ? 0 : found->second;
 }
 
 void Ledger::Adopt(std::unique_ptr<LedgerEntry> entry) {

@@ -46,7 +46,6 @@ class Script {
   void Clear();
   // The fakes call it once for each call of an operation. Runs the actions of this call, outside the lock.
   zel::ResultCode Enter(std::string_view operation);
-  int Calls(std::string_view operation) const;  // since the beginning or the last Clear
 
  private:
   struct Entry {
@@ -54,16 +53,15 @@ class Script {
     int skip;
     int left;
   };
-  mutable std::mutex lock_;
+  std::mutex lock_;
   std::map<std::string, std::deque<Entry>, std::less<>> entries_;
-  std::map<std::string, int, std::less<>> calls_;
 };
 
 // One object of a fake, alive or not.
 class LedgerEntry {
  public:
   virtual ~LedgerEntry() = default;
-  virtual std::string Name() const = 0;
+  virtual const std::string& Name() const = 0;
   virtual std::uint32_t References() const = 0;
 };
 

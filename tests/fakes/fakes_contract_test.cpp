@@ -17,9 +17,6 @@ namespace {
 class FakeQueuesUnderTest final : public QueuesUnderTest {
  public:
   FakeQueuesUnderTest() { factory_->policing = false; }
-  ~FakeQueuesUnderTest() override {
-    EXPECT_EQ(world_.ledger.Alive(), std::vector<std::string>{"QueueFactory x1"});
-  }
   orvel::IQueueFactory& Factory() override { return *factory_; }
   // The memory is the disk of this service.
   void Restart() override {}

@@ -8,10 +8,7 @@ const char certificateBytes[16] = {};
 
 std::string QueueName(char letter) {
   std::string name;
-  for (int i = 0; i < 16; ++i) {
-    name.push_back('0');
-    name.push_back(letter);
-  }
+  for (int i = 0; i < 16; ++i) name += {'0', letter};
   return name;
 }
 
@@ -36,6 +33,11 @@ SenderSettings MakeSettings(const Plan& plan) {
 
 std::string Line(std::string_view text) { return "700 veld_rep\t" + std::string(text); }
 
+std::string NotAllLine(std::uint32_t needToSend, std::uint32_t sent) {
+  return Line("Not all data were sent. NeedToSend size = " + std::to_string(needToSend) +
+              ". Sended size = " + std::to_string(sent));
+}
+
 std::string CaughtLine(std::string_view function, std::string_view rest) {
   return "300 veld_rep\t\torvel::veld_report::VeldReportSenderImpl::" + std::string(function) + "() " +
          std::string(rest);
@@ -47,7 +49,6 @@ std::string SystemError(std::string_view text, ResultCode code, std::string_view
     where = "facade/veld_report/src/veld_report_sender(" + where + ")";
   }
   const char* meaning = code == someCode                 ? "Access denied"
-                        : code == zel::eNotFound         ? "Not found"
                         : code == zel::eInvalidArgument  ? "Invalid argument"
                         : code == zel::eUnspecifiedError ? "Unspecified error"
                         : code == zel::eOutOfMemory      ? "Out of memory"
@@ -55,15 +56,6 @@ std::string SystemError(std::string_view text, ResultCode code, std::string_view
   char number[16];
   std::snprintf(number, sizeof number, "0x%08x", static_cast<unsigned>(code));
   return "SystemException - " + std::string(text) + ": " + number + " (" + meaning + "). At " + where + " ";
-}
-
-SenderTest::SenderTest() {
-  for (const char letter : std::string("abcdef")) {
-    fakes::Digest digest;
-    digest.fill(static_cast<std::uint8_t>(letter - 'a' + 10));
-    const std::u16string url = u"http://" + std::u16string(1, static_cast<char16_t>(letter));
-    host.hash->Set(url, digest);
-  }
 }
 
 SenderTest::~SenderTest() {
@@ -116,6 +108,18 @@ void SenderTest::End() {
   construct.Reset();
   sender.Reset();
   host.timer->ForgetCancelled();
+}
+
+void SenderTest::EndRow() {
+  End();
+  script().Clear();
+  host.queues->Clear();
+}
+
+Strings SenderTest::FailureLines() {
+  Strings lines = Lines();
+  std::erase_if(lines, [](const std::string& line) { return line.starts_with("700"); });
+  return lines;
 }
 
 void SenderTest::PutItems(char queue, const Strings& items) {

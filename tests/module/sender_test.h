@@ -49,6 +49,9 @@ SenderSettings MakeSettings(const Plan& plan);
 
 // A trace line of the module's, with its level and tag.
 std::string Line(std::string_view text);
+// The line that ends a cycle after which items are left.
+std::string NotAllLine(std::uint32_t needToSend, std::uint32_t sent);
+inline constexpr char noMore[] = "Threre are no more data to send. Timer for sending was cancelled";
 // The line of a caught exception that the sender's operation `function` reports.
 std::string CaughtLine(std::string_view function, std::string_view rest);
 // `rest` of such a line for a SystemException. `place`: as "orvel_tools/json_helpers(27)"; a line number
@@ -58,12 +61,11 @@ inline constexpr ResultCode someCode = zel::MakeResultCode(0x80000045);  // "Acc
 
 class SenderTest : public testing::Test {
  protected:
-  SenderTest();
   ~SenderTest() override;
 
   ResultCode Create();                     // the sender, by all three interfaces
   ResultCode Construct(const Plan& plan);  // creates it first if there is none
-  // A constructed sender, with log and trace cleared. `armed`: and one cycle behind it.
+  // A constructed sender, with log and trace cleared. `firstCycle`: and one cycle behind it.
   void Start(const Plan& plan = {}, bool firstCycle = false);
   ResultCode Set(const Plan& plan) { return settings->SetSettings(MakeSettings(plan)); }
   // Submits a record whose JSON is exactly `json`.
@@ -74,11 +76,14 @@ class SenderTest : public testing::Test {
   // Nudge and Fire, with the log cleared between.
   void Cycle();
   void End();
+  // Ends the sender and forgets all scripts and queues, for the next row of a table.
+  void EndRow();
   void PutItems(char queue, const Strings& items);
 
   Strings Events() { return host.world.log.Take(); }
   Strings Events(const Strings& prefixes) { return host.world.log.TakeOnly(prefixes); }
   Strings Lines() { return host.tracer->TakeLines(); }
+  Strings FailureLines();  // those of level 300
   Script& script() { return host.world.script; }
 
   const ModuleLibrary& module = ModuleLibrary::Get();
