@@ -1,4 +1,5 @@
 // veldrep queues: what waits in a store, also beside a running sender.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -7,6 +8,7 @@
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/text.h"
 #include "host/hash/queue_name.h"
+#include "host/kit/url_states.h"
 #include "host/queue/queue_service.h"
 #include "host/queue/store_folder.h"
 #include "server/printable.h"
@@ -51,28 +53,68 @@ host::QueueInfo Find(host::QueueService& service, const std::string& urlOrName) 
   throw Failure(urlOrName, "the store has no such queue" + (name == urlOrName ? "" : " (" + name + ")"));
 }
 
-void PrintJson(const std::vector<host::QueueInfo>& queues) {
+// A queue and, if the sender left word of it, its url and how sending to that goes.
+struct ListedQueue {
+  host::QueueInfo queue;
+  host::UrlState state;
+};
+
+std::vector<ListedQueue> ListedQueues(const QueuesOptions& options) {
+  const auto states = host::UrlStateFile::Read(options.store);
+  std::vector<ListedQueue> listed;
+  for (host::QueueInfo& queue : OpenStore(options, true)->ListQueues()) {
+    const auto state = std::ranges::find(states, queue.name, &host::UrlState::queueName);
+    listed.push_back({std::move(queue), state == states.end() ? host::UrlState() : *state});
+  }
+  return listed;
+}
+
+// How long the sender holds requests to the url back from here on; 0 if it doesn't.
+std::int64_t WaitsMs(const host::UrlState& state) {
+  if (!state.http.waitsUntil) return 0;
+  const auto left = *state.http.waitsUntil - std::chrono::system_clock::now();
+  return std::max<std::int64_t>(0, std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
+}
+
+std::string WhyItWaits(const host::UrlState& state) {
+  std::string why = state.http.lastError;
+  if (why.empty() && state.http.lastStatus != 0) why = "last answer " + std::to_string(state.http.lastStatus);
+  const std::int64_t waitsMs = WaitsMs(state);
+  if (waitsMs != 0) why = "held back for " + Duration(waitsMs) + (why.empty() ? "" : ": " + why);
+  return why.empty() ? "-" : why;
+}
+
+void PrintJson(const std::vector<ListedQueue>& listed) {
   std::string text = "[";
-  for (const host::QueueInfo& each : queues) {
+  for (const auto& [queue, state] : listed) {
     if (text.size() > 1) text += ',';
-    text += "{\"name\":" + JsonString(each.name) + ",\"items\":" + std::to_string(each.items) +
-            ",\"bytes\":" + std::to_string(each.bytes) +
-            ",\"oldest_age_ms\":" + (each.oldestAgeMs ? std::to_string(*each.oldestAgeMs) : "null") + "}";
+    text += "{\"name\":" + JsonString(queue.name) + ",\"items\":" + std::to_string(queue.items) +
+            ",\"bytes\":" + std::to_string(queue.bytes) +
+            ",\"oldest_age_ms\":" + (queue.oldestAgeMs ? std::to_string(*queue.oldestAgeMs) : "null");
+    if (!state.queueName.empty()) {
+      text += ",\"url\":" + JsonString(state.http.url) + ",\"waits_ms\":" + std::to_string(WaitsMs(state)) +
+              ",\"failures\":" + std::to_string(state.http.failures) +
+              ",\"last_status\":" + std::to_string(state.http.lastStatus) +
+              ",\"last_error\":" + JsonString(state.http.lastError);
+    }
+    text += '}';
   }
   std::printf("%s]\n", text.c_str());
 }
 
 int List(const QueuesOptions& options) {
-  const auto queues = OpenStore(options, true)->ListQueues();
+  const auto listed = ListedQueues(options);
   if (options.json) {
-    PrintJson(queues);
+    PrintJson(listed);
     return exitOk;
   }
-  std::printf("%-32s %10s %14s  %s\n", "QUEUE", "ITEMS", "BYTES", "OLDEST");
-  for (const host::QueueInfo& each : queues) {
-    std::printf("%-32s %10lld %14lld  %s\n", server::WithoutControls(each.name).c_str(),
-                static_cast<long long>(each.items), static_cast<long long>(each.bytes),
-                each.oldestAgeMs ? Duration(*each.oldestAgeMs).c_str() : "-");
+  std::printf("%-32s %10s %14s %10s  %s\n", "QUEUE", "ITEMS", "BYTES", "OLDEST", "URL AND HOW SENDING GOES");
+  for (const auto& [queue, state] : listed) {
+    const std::string url = state.queueName.empty() ? "-" : state.http.url + "  " + WhyItWaits(state);
+    std::printf("%-32s %10lld %14lld %10s  %s\n", server::WithoutControls(queue.name).c_str(),
+                static_cast<long long>(queue.items), static_cast<long long>(queue.bytes),
+                queue.oldestAgeMs ? Duration(*queue.oldestAgeMs).c_str() : "-",
+                server::WithoutControls(url).c_str());
   }
   return exitOk;
 }
@@ -132,8 +174,9 @@ CLI::Option* AddQueue(CLI::App* part, QueuesOptions* options) {
 }
 
 void AddList(CLI::App* command) {
-  CLI::App* const part =
-      AddPart(command, "list", "each queue with its items, bytes and the age of the oldest (the default)");
+  CLI::App* const part = AddPart(
+      command, "list",
+      "each queue with its items, bytes, the age of the oldest, its url and why it waits (the default)");
   part->footer("Example: veldrep queues --store /var/lib/app/telemetry list --json");
 }
 
