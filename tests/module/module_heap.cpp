@@ -107,4 +107,10 @@ __attribute__((noinline)) void* operator new(std::size_t size) {
 void operator delete(void* block) noexcept { free(block); }
 void operator delete(void* block, std::size_t) noexcept { free(block); }
 
+#else
+
+// A size that no heap has must give null here too.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+
 #endif

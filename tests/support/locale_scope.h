@@ -6,7 +6,7 @@
 
 #include "gtest/gtest.h"
 
-namespace veld_report::test {
+namespace veld_report::tests {
 
 class LocaleScope {
  public:
@@ -21,4 +21,4 @@ class LocaleScope {
   std::string old_;
 };
 
-}  // namespace veld_report::test
+}  // namespace veld_report::tests

@@ -5,11 +5,10 @@
 #include <typeinfo>
 
 #include "gtest/gtest.h"
-#include "tests/support/allocation_failure.h"
 #include "tests/support/locale_scope.h"
-#include "types/format.h"
+#include "tests/support/sweep.h"
 
-namespace veld_report::test {
+namespace veld_report::tests {
 namespace {
 
 using namespace std::string_view_literals;
@@ -33,15 +32,10 @@ TEST(WideToUtf8, EncodesEveryUtf16) {
         Case{loneHigh, "\xed\xa0\x80"sv}, Case{highAtEnd, "\xed\xa0\xbd"sv},
         Case{lowThenHigh, "\xed\xb8\x80\xed\xa0\xbd"sv}, Case{highThenLetter, "\xed\xa0\xbdx"sv}}) {
     string text("a longer text that is replaced and shrinks");
-    const std::uint64_t capacity = text.capacity;
     EXPECT_EQ(zel::WideToUtf8(c.wide, &text), zel::sOk);
     EXPECT_EQ(text.View(), c.utf8);
-    EXPECT_EQ(text.data[text.size], '\0');
-    EXPECT_EQ(text.capacity, capacity);
     EXPECT_EQ(zel::Utf8Length(c.wide), c.utf8.size());
   }
-  char bytes[4];
-  EXPECT_EQ(zel::EncodeUtf8(0x110000, bytes), 0u);
 }
 
 TEST(LocaleConversion, GoesThroughTheLocaleOfTheMoment) {
@@ -95,50 +89,5 @@ TEST(LocaleConversion, OutOfMemoryIsBadAllocOneWayAndACodeTheOther) {
   });
 }
 
-TEST(Format, PadsOnTheSideOfTheAlignment) {
-  struct Case {
-    zel::FormatSpec format;
-    std::uint32_t value;
-    std::u16string_view text;
-  };
-  // The fields: width, radix, precision, alignment, fill, showBase.
-  for (const Case& c :
-       {Case{{}, 0, u"0"}, Case{{}, 4294967295, u"4294967295"},
-        Case{{8, 16, -1, 1, u'0', false}, 0, u"00000000"},
-        Case{{8, 16, -1, 1, u'.', true}, 0xabc, u"...0xabc"},
-        Case{{8, 16, -1, 0, u'0', true}, 0xabc, u"0x000abc"},
-        Case{{8, 16, -1, -1, u'.', true}, 0xabc, u"0xabc..."}, Case{{6, 8, -1, 0, u'.', true}, 8, u"0...10"},
-        Case{{2, 10, -1, 1, u'.', true}, 12345, u"12345"}, Case{{-5, 10, -1, 1, u'.', true}, 1, u"1"},
-        Case{{9, 10, -1, 1, 0x10000, true}, 42, u"42"}, Case{{0, 36, -1, 1, u'.', true}, 35, u"z"},
-        Case{{34, 2, -1, 1, u'.', true}, UINT32_MAX, u"..11111111111111111111111111111111"}}) {
-    wstring text(u">");
-    EXPECT_EQ(zel::AppendNumber(&text, c.format, c.value), c.text.size());
-    EXPECT_EQ(text.View().substr(1), c.text);
-  }
-}
-
-TEST(Format, NarrowTextEndsAtItsPrecisionOrAByteThatDoesNotConvert) {
-  const LocaleScope locale("C.utf8");
-  zel::FormatSpec format;
-  format.width = 6;
-  format.fill = u'.';
-  const auto put = [&](std::int32_t precision, std::int32_t alignment, const char* text) {
-    wstring out;
-    format.precision = precision;
-    format.alignment = alignment;
-    EXPECT_EQ(zel::AppendNarrowAligned(&out, format, text), out.size);
-    return std::u16string(out.View());
-  };
-  EXPECT_EQ(put(-1, 1, "abc"), u"...abc");
-  EXPECT_EQ(put(2, -1, "abc"), u"ab....");
-  EXPECT_EQ(put(-1, -1, "a\xc3\xa9z"), u"a..") << "a byte by itself is no character here";
-}
-
-TEST(HexText, WritesTwoDigitsAByte) {
-  const std::uint8_t bytes[] = {0x00, 0x0f, 0xa0, 0xff, 0x10, 0x20, 0x30, 0x40};
-  EXPECT_EQ(zel::HexText(bytes, 8).View(), "000fa0ff10203040");
-  EXPECT_TRUE(zel::HexText(nullptr, 0).empty());
-}
-
 }  // namespace
-}  // namespace veld_report::test
+}  // namespace veld_report::tests
