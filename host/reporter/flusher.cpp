@@ -48,9 +48,15 @@ bool Flusher::Drain(const std::function<TimePoint()>& end) {
 
 bool Flusher::RunCycle(const std::function<TimePoint()>& end) {
   const std::uint64_t before = kit_.Timer().RunsStarted();
-  if (!kit_.Timer().IsArmed()) kit_.Nudge();
-  kit_.Timer().FireNow();
-  return WaitForRun(before, end);
+  for (;;) {
+    // Again in each round: a cycle that is just beginning disarms the timer first, and this firing with it.
+    if (!kit_.Timer().IsArmed()) kit_.Nudge();
+    kit_.Timer().FireNow();
+    const TimePoint last = end();
+    const TimePoint now = steady_clock::now();
+    if (kit_.Timer().WaitForRun(before, std::min(last, now + slice))) return true;
+    if (now >= last) return false;
+  }
 }
 
 bool Flusher::WaitForRun(std::uint64_t startedAfter, const std::function<TimePoint()>& end) {

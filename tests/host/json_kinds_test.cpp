@@ -125,6 +125,9 @@ TEST(JsonKinds, JsonTextGoesOutAsItIsOnOneLine) {
   EXPECT_EQ(TextOf(zel::string("null"), jsonText), R"({"v":null})");
   JsonRecord record{"{\"a\":1}\n"};
   EXPECT_EQ(Serialize(record.AsAny()).text, R"({"a":1})");
+  const std::string deepest =
+      std::string(JsonCheck::depthLimit, '[') + std::string(JsonCheck::depthLimit, ']');
+  EXPECT_EQ(Serialize(JsonRecord{deepest}.AsAny()).text, deepest);
   // In a row with a name, or beside another row, the empty name is a member like any other.
   EXPECT_EQ(SerializeValue(std::string("1"), standardString, 0, nullptr, "").text, R"({"":"1"})");
 }

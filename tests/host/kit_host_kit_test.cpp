@@ -11,6 +11,7 @@
 
 #include "host/hash/queue_name.h"
 #include "host/kit/host_kit.h"
+#include "host/kit/module_path.h"
 #include "host/signature/ed25519_verifier.h"
 #include "host/signature/key_files.h"
 #include "server/report_server.h"
@@ -118,6 +119,10 @@ TEST_F(Kit, SubmissionThatCannotBeSerialisedIsTold) {
   EXPECT_EQ(refused.code, zel::eInvalidArgument);
   EXPECT_EQ(refused.where, "JsonRecord");
   EXPECT_TRUE(kit.SubmitJson("", "{}").Accepted());
+}
+
+TEST_F(Kit, ModuleIsFoundWithoutAPath) {
+  EXPECT_TRUE(std::filesystem::equivalent(FindModule(), VELD_MODULE_PATH));
 }
 
 TEST_F(Kit, GateHoldsSendingBackButNotStoring) {
