@@ -15,32 +15,21 @@ class AllocationTest : public testing::Test {
   // as far as the failure lets it.
   void Live(fakes::FakeHost& host) {
     const SenderSettings settings = MakeSettings({.urls = {urlA, urlB}, .consumers = {"x", longName}});
-    zel::Ref<zel::IObject> first;
-    if (module.getObjectFactory(host.locator.Get(), orvel::veld_report::senderClassId, first.Out()) < 0)
-      return;
-    zel::Ref<IVeldReportSender> sender;
-    auto* factory = static_cast<zel::IObjectFactory*>(first.Get());
-    if (factory->CreateInstance(host.locator.Get(), 0, sender.OutVoid()) < 0) return;
-    zel::Ref<IVeldReportSenderConstruct> construct;
-    zel::Ref<IVeldReportSenderSettings> change;
-    ASSERT_EQ(sender->QueryInterface(IVeldReportSenderConstruct::iid, construct.OutVoid()), 0);
-    ASSERT_EQ(sender->QueryInterface(IVeldReportSenderSettings::iid, change.OutVoid()), 0);
-    if (construct->Construct(settings) < 0) return;
+    Sender life;
+    if (life.Create(module, host.locator.Get()) < 0) return;
+    if (life.construct->Construct(settings) < 0) return;
     for (int round = 0; round < 2; ++round) {
-      fakes::TextRecord record{zel::string(std::string_view(longName))};
-      const zel::AnyPtr data(&record, &fakes::textRecordDescriptor);
-      for (int i = 0; i < 3; ++i) EXPECT_EQ(sender->SendStatistic(data), zel::sOk);
-      EXPECT_EQ(sender->SendStatistic(record.text, data), zel::sOk);
+      for (int i = 0; i < 3; ++i) EXPECT_EQ(life.Send(longName), zel::sOk);
+      EXPECT_EQ(life.Send(longName, longName), zel::sOk);
       host.http->Answer(HttpAnswer::Status(500));
       host.timer->Fire();
       try {
-        change->SetSettings(MakeSettings({.urls = {urlA}, .queueLimit = 3}));
+        life.settings->SetSettings(MakeSettings({.urls = {urlA}, .queueLimit = 3}));
       } catch (const std::bad_alloc&) {
         // The one operation that lets it pass.
       }
     }
-    fakes::TextRecord last;
-    EXPECT_EQ(sender->SendStatistic(zel::AnyPtr(&last, &fakes::textRecordDescriptor)), zel::sOk);
+    EXPECT_EQ(life.Send("{}"), zel::sOk);
   }
 
   const std::string longName = "a consumer whose name is longer than a string's own buffer";

@@ -64,15 +64,27 @@ SenderTest::~SenderTest() {
   EXPECT_EQ(module.canUnload(), zel::sOk) << "objects of the module are left";
 }
 
-ResultCode SenderTest::Create() {
+ResultCode Sender::Create(const ModuleLibrary& module, zel::IServiceLocator* locator) {
   zel::Ref<zel::IObject> first;
-  EXPECT_EQ(module.getObjectFactory(host.locator.Get(), orvel::veld_report::senderClassId, first.Out()), 0);
+  ResultCode code = module.getObjectFactory(locator, orvel::veld_report::senderClassId, first.Out());
+  if (code != zel::sOk) return code;
   auto* factory = static_cast<zel::IObjectFactory*>(first.Get());
-  const auto code = factory->CreateInstance(host.locator.Get(), IVeldReportSender::iid, sender.OutVoid());
+  code = factory->CreateInstance(locator, IVeldReportSender::iid, sender.OutVoid());
   if (code != zel::sOk) return code;
   EXPECT_EQ(sender->QueryInterface(IVeldReportSenderConstruct::iid, construct.OutVoid()), 0);
   EXPECT_EQ(sender->QueryInterface(IVeldReportSenderSettings::iid, settings.OutVoid()), 0);
   return code;
+}
+
+ResultCode Sender::Send(std::string_view json, std::string_view consumer) {
+  fakes::TextRecord record{zel::string(json)};
+  return sender->SendStatistic(zel::string(consumer), zel::AnyPtr(&record, &fakes::rawRecordDescriptor));
+}
+
+void Sender::End() {
+  settings.Reset();
+  construct.Reset();
+  sender.Reset();
 }
 
 ResultCode SenderTest::Construct(const Plan& plan) {
@@ -90,12 +102,6 @@ void SenderTest::Start(const Plan& plan, bool firstCycle) {
   host.locator->TakeLookUps();
 }
 
-ResultCode SenderTest::Send(std::string_view json, std::string_view consumer) {
-  fakes::TextRecord record{zel::string(json)};
-  const zel::AnyPtr data(&record, &fakes::rawRecordDescriptor);
-  return sender->SendStatistic(zel::string(consumer), data);
-}
-
 void SenderTest::Cycle() {
   Nudge();
   Events();
@@ -104,9 +110,7 @@ void SenderTest::Cycle() {
 }
 
 void SenderTest::End() {
-  settings.Reset();
-  construct.Reset();
-  sender.Reset();
+  Sender::End();
   host.timer->ForgetCancelled();
 }
 

@@ -59,24 +59,34 @@ std::string CaughtLine(std::string_view function, std::string_view rest);
 std::string SystemError(std::string_view text, ResultCode code, std::string_view place);
 inline constexpr ResultCode someCode = zel::MakeResultCode(0x80000045);  // "Access denied"
 
-class SenderTest : public testing::Test {
+// A sender by all three interfaces, whose last reference ends it.
+struct Sender {
+  zel::Ref<IVeldReportSender> sender;
+  zel::Ref<IVeldReportSenderConstruct> construct;
+  zel::Ref<IVeldReportSenderSettings> settings;
+
+  ResultCode Create(const ModuleLibrary& module, zel::IServiceLocator* locator);
+  // Submits a record whose JSON is exactly `json`.
+  ResultCode Send(std::string_view json, std::string_view consumer = {});
+  void End();
+};
+
+class SenderTest : public testing::Test, protected Sender {
  protected:
   ~SenderTest() override;
 
-  ResultCode Create();                     // the sender, by all three interfaces
+  ResultCode Create() { return Sender::Create(module, host.locator.Get()); }
   ResultCode Construct(const Plan& plan);  // creates it first if there is none
   // A constructed sender, with log and trace cleared. `firstCycle`: and one cycle behind it.
   void Start(const Plan& plan = {}, bool firstCycle = false);
   ResultCode Set(const Plan& plan) { return settings->SetSettings(MakeSettings(plan)); }
-  // Submits a record whose JSON is exactly `json`.
-  ResultCode Send(std::string_view json, std::string_view consumer = {});
   // Submits a record to a consumer that no row has: it arms the timer and is dropped by the cycle.
   void Nudge() { EXPECT_EQ(Send("{}", "nobody"), zel::sOk); }
   void Fire() { ASSERT_TRUE(host.timer->Fire()) << "no timer is armed"; }
   // Nudge and Fire, with the log cleared between.
   void Cycle();
   void End();
-  // Ends the sender and forgets all scripts and queues, for the next row of a table.
+  // Ends it and forgets all scripts and queues, for the next row of a table.
   void EndRow();
   void PutItems(char queue, const Strings& items);
 
@@ -88,9 +98,6 @@ class SenderTest : public testing::Test {
 
   const ModuleLibrary& module = ModuleLibrary::Get();
   fakes::FakeHost host;
-  zel::Ref<IVeldReportSender> sender;
-  zel::Ref<IVeldReportSenderConstruct> construct;
-  zel::Ref<IVeldReportSenderSettings> settings;
 };
 
 }  // namespace veld_report::tests
