@@ -40,7 +40,8 @@ void SendSession::Nudge() {
 void SendSession::Hurry() { kit_->Timer().FireNow(); }
 
 void SendSession::OnRequestFinished(const host::FinishedRequest& request) {
-  if (request.result == zel::sOk) return;
+  // A request that the end of the session cut off is no failure of its server.
+  if (request.result == zel::sOk || request.result == zel::eOperationCancelled) return;
   const std::lock_guard hold(lock_);
   ++failures_.requests;
   failures_.last = host::WithoutCredentials(request.url) + ": " + host::CodeText(request.result);

@@ -97,10 +97,15 @@ TEST_F(SendTest, RefusedLinesAreNamedAndTheRestGoesOn) {
 
 TEST_F(SendTest, WhatFindsNoServerWaitsAndGoesOutLater) {
   const auto records = Records(0, 20);
-  const Result offline = Veldrep(Send({"--url", deadUrl_, "--wait", "1", "-"}), Joined(records));
-  EXPECT_EQ(offline.exitCode, 0);
-  EXPECT_THAT(offline.output, StartsWith("submitted 20, delivered 0, refused lines 0, still waiting 20, "));
-  EXPECT_THAT(offline.errors, HasSubstr("requests failed, the last one: " + deadUrl_ + ": 0x80000059"));
+  const std::string trace = folder_ / "trace";
+  Program offline(Send({"--url", deadUrl_, "--trace", trace, "-"}));
+  offline.Feed(Joined(records));
+  offline.EndInput();
+  ASSERT_TRUE(Eventually([&] { return ReadFile(trace).find("failed") != std::string::npos; }));
+  offline.Signal(SIGTERM);
+  EXPECT_EQ(offline.Wait(), 1);
+  EXPECT_THAT(offline.Output(), StartsWith("submitted 20, delivered 0, refused lines 0, still waiting 20, "));
+  EXPECT_THAT(offline.Errors(), HasSubstr("requests failed, the last one: " + deadUrl_ + ": 0x800000"));
 
   const std::string store = folder_ / "store";
   const Result list = Veldrep({"queues", "--store", store, "--json"});
