@@ -6,16 +6,24 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <future>
+#include <memory>
 #include <mutex>
 
 #include "contract/timer.h"
 
 namespace veld_report::tests {
 
-// Like the module's sink it isn't counted: it lives as long as its owner says.
+// Like the module's sink it isn't counted: it lives as long as its owner says, and is cancelled before it
+// goes.
 class RecordingSink final : public zel::IRunnable {
  public:
-  explicit RecordingSink(std::function<void()> body = {}) : body_(std::move(body)) {}
+  using Body = std::function<void(RecordingSink*)>;
+  // `service`: borrowed; null if it goes before the sink.
+  explicit RecordingSink(zel::ITimerService* service, Body body = {}) : service_(service), body_(body) {}
+  ~RecordingSink() {
+    if (service_) service_->CancelTimer(this);
+  }
 
   std::uint32_t AddRef() override { return 0; }
   std::uint32_t Release() override { return 0; }
@@ -24,53 +32,40 @@ class RecordingSink final : public zel::IRunnable {
     return zel::eInterfaceNotSupported;
   }
   zel::ResultCode Run(void*) override {
-    {
-      const std::lock_guard lock(mutex_);
-      EXPECT_FALSE(running_) << "two Runs of one sink at once";
-      running_ = true;
-      ++started_;
-      changed_.notify_all();
-    }
-    const Leaving leaving{*this};
-    if (body_) body_();
+    EXPECT_FALSE(IsRunning()) << "two Runs of one sink at once";
+    Count(&started_);
+    const std::unique_ptr<RecordingSink, void (*)(RecordingSink*)> leaving(
+        this, [](RecordingSink* sink) { sink->Count(&sink->ended_); });
+    if (body_) body_(this);
     return zel::sOk;
   }
 
-  bool WaitForStarts(int count) {
-    return Wait([&] { return started_ >= count; });
-  }
-  bool WaitForEnds(int count) {
-    return Wait([&] { return ended_ >= count; });
-  }
+  bool WaitForStarts(int count) { return WaitFor(started_, count); }
+  bool WaitForEnds(int count) { return WaitFor(ended_, count); }
   int Started() const {
     const std::lock_guard lock(mutex_);
     return started_;
   }
   bool IsRunning() const {
     const std::lock_guard lock(mutex_);
-    return running_;
+    return started_ != ended_;
   }
 
  private:
-  struct Leaving {
-    RecordingSink& sink;
-    ~Leaving() {
-      const std::lock_guard lock(sink.mutex_);
-      sink.running_ = false;
-      ++sink.ended_;
-      sink.changed_.notify_all();
-    }
-  };
-  template <class Condition>
-  bool Wait(Condition&& condition) {
+  void Count(int* counter) {
+    const std::lock_guard lock(mutex_);
+    ++*counter;
+    changed_.notify_all();
+  }
+  bool WaitFor(const int& counter, int count) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), condition);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return counter >= count; });
   }
 
-  const std::function<void()> body_;
+  zel::ITimerService* const service_;
+  const Body body_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  bool running_ = false;
   int started_ = 0;
   int ended_ = 0;
 };
@@ -78,20 +73,12 @@ class RecordingSink final : public zel::IRunnable {
 // Opened once; passes everybody who waits for it.
 class Gate {
  public:
-  void Open() {
-    const std::lock_guard lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  bool WaitOpen() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return open_; });
-  }
+  void Open() { open_.set_value(); }
+  bool WaitOpen() const { return opened_.wait_for(std::chrono::seconds(20)) == std::future_status::ready; }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
+  std::promise<void> open_;
+  const std::shared_future<void> opened_ = open_.get_future().share();
 };
 
 }  // namespace veld_report::tests
