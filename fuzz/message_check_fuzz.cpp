@@ -65,7 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (content.problem.empty()) RequireStorable(content);
   // A signature that is never right must never pass.
-  const MessageContent signedOnly = CheckMessage(body, [](auto, auto) { return false; });
+  const MessageContent signedOnly =
+      CheckMessage(body, [](auto, auto) { return std::string("it isn't right"); });
   Require(!signedOnly.problem.empty() && !signedOnly.signatureChecked, "an unsigned message passed");
   return 0;
 }
