@@ -16,7 +16,7 @@ namespace {
 
 class FakeQueuesUnderTest final : public QueuesUnderTest {
  public:
-  FakeQueuesUnderTest() { factory_->policing = false; }
+  FakeQueuesUnderTest() { factory_->store.policing = false; }
   orvel::IQueueFactory& Factory() override { return *factory_; }
   // The memory is the disk of this service.
   void Restart() override {}

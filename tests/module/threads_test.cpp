@@ -92,7 +92,7 @@ TEST_F(ThreadsTest, AStopEndsTheWalkAtItsNextCheck) {
     Start({.urls = {urlA, urlB}, .packetLimit = row.packetLimit}, true);
     PutItems('a', all);
     // The same queue twice, so that the walk has a queue left whatever the order.
-    host.queues->extraNames = {QueueName('a')};
+    host.queues->store.extraNames = {QueueName('a')};
     Nudge();
     Lines();
     Events();

@@ -187,8 +187,8 @@ TEST_F(WalkTest, WhatEndsAWalkBetweenOrInQueues) {
       {"the first server is out of reach", [&] { host.http->Answer(HttpAnswer::Failure(someCode)); }, {},
        NotAllLine(5, 0), 1},
       {"the first server refuses", [&] { host.http->Answer(HttpAnswer::Status(500)); }, {}, NotAllLine(5, 5), 2},
-      {"a name comes twice", [&] { host.queues->extraNames = {QueueName('a'), QueueName('b')}; }, {}, end, 2},
-      {"names without a row", [&] { host.queues->extraNames = {"", QueueName('c'), "0a",
+      {"a name comes twice", [&] { host.queues->store.extraNames = {QueueName('a'), QueueName('b')}; }, {}, end, 2},
+      {"names without a row", [&] { host.queues->store.extraNames = {"", QueueName('c'), "0a",
        QueueName('a') + "0"}; }, {}, end, 2},
   };
   // clang-format on
