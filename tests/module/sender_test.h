@@ -4,6 +4,7 @@
 // service held by the host alone, no block and no trace line out, and the module ready to be unloaded.
 #pragma once
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 
 #include <memory>
@@ -11,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
+#include "contract/exports.h"
 #include "contract/sender.h"
 #include "tests/fakes/fake_host.h"
-#include "tests/module/module_library.h"
 
 namespace veld_report::tests {
 
@@ -58,6 +59,32 @@ std::string CaughtLine(std::string_view function, std::string_view rest);
 // alone stands for the sender's own source.
 std::string SystemError(std::string_view text, ResultCode code, std::string_view place);
 inline constexpr ResultCode someCode = zel::MakeResultCode(0x80000045);  // "Access denied"
+
+// The built module, loaded once a test program, by its two exports.
+struct ModuleLibrary {
+  void* handle = nullptr;
+  orvel::veld_report::GetObjectFactoryFunction* getObjectFactory = nullptr;
+  orvel::veld_report::CanUnloadModuleFunction* canUnload = nullptr;
+
+  static ModuleLibrary Load() {
+    ModuleLibrary library;
+    library.handle = dlopen(VELD_MODULE_FILE, RTLD_NOW | RTLD_LOCAL);
+    if (!library.handle) {
+      ADD_FAILURE() << dlerror();
+      std::abort();
+    }
+    library.getObjectFactory = reinterpret_cast<orvel::veld_report::GetObjectFactoryFunction*>(
+        dlsym(library.handle, orvel::veld_report::getObjectFactoryName));
+    library.canUnload = reinterpret_cast<orvel::veld_report::CanUnloadModuleFunction*>(
+        dlsym(library.handle, orvel::veld_report::canUnloadModuleName));
+    return library;
+  }
+  // Stays loaded to the end of the program.
+  static const ModuleLibrary& Get() {
+    static const ModuleLibrary library = Load();
+    return library;
+  }
+};
 
 // A sender by all three interfaces, whose last reference ends it.
 struct Sender {

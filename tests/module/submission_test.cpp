@@ -69,6 +69,11 @@ TEST_F(SubmissionTest, ALongLineGrowsAndARefusedGrowthDropsWhatItHeld) {
   EXPECT_EQ(SendKept(true, name), zel::sOk);
   EXPECT_THAT(Lines(), ElementsAre(head + name + ". Result is0"));
   EXPECT_THAT(host.tracer->TakeAsked(), ElementsAre("700 512", "grow 1024"));
+  EXPECT_EQ(SendKept(true, std::string(2000, 'n')), zel::sOk);
+  const std::string needed = std::to_string(head.size() - 4 + 2000);
+  EXPECT_THAT(host.tracer->TakeAsked(),
+              ElementsAre("700 512", "grow " + needed, testing::StartsWith("grow 4")));
+  Lines();
   // "consumer " and the name are one piece, and after a refusal each piece asks again.
   host.tracer->refuseGrowth = true;
   EXPECT_EQ(SendKept(true, name), zel::sOk);

@@ -6,7 +6,7 @@
 #include "formats/message_descriptors.h"
 #include "gmock/gmock.h"
 #include "tests/fakes/fake_memory.h"
-#include "tests/support/sweep.h"
+#include "tests/module/module_heap.h"
 
 namespace veld_report::tests {
 namespace {

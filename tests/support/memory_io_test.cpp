@@ -6,7 +6,7 @@
 
 #include "gtest/gtest.h"
 #include "tests/fakes/fake_memory.h"
-#include "tests/support/sweep.h"
+#include "tests/module/module_heap.h"
 
 namespace veld_report::tests {
 namespace {
@@ -80,7 +80,6 @@ TEST_P(MemoryStream, SeeksFromThreeOrigins) {
     Open("abcdef");
     Seek(0, static_cast<std::int64_t>(c.start));
     EXPECT_EQ(Seek(c.origin, c.offset), c.position) << c.start << " " << c.origin << " " << c.offset;
-    EXPECT_EQ(stream->Seek(0, 1, nullptr), zel::sOk);
     EXPECT_EQ(Content(), "abcdef");
   }
 }

@@ -5,7 +5,7 @@
 
 #include "gtest/gtest.h"
 #include "tests/fakes/fake_memory.h"
-#include "tests/support/sweep.h"
+#include "tests/module/module_heap.h"
 
 namespace veld_report::tests {
 namespace {

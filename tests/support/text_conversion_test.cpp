@@ -5,8 +5,8 @@
 #include <typeinfo>
 
 #include "gtest/gtest.h"
+#include "tests/module/module_heap.h"
 #include "tests/support/locale_scope.h"
-#include "tests/support/sweep.h"
 
 namespace veld_report::tests {
 namespace {

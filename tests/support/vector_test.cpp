@@ -6,7 +6,7 @@
 
 #include "gmock/gmock.h"
 #include "tests/fakes/fake_memory.h"
-#include "tests/support/sweep.h"
+#include "tests/module/module_heap.h"
 #include "types/basic_string.h"
 
 namespace veld_report::tests {
