@@ -4,6 +4,7 @@
 // don't fail are left out, so that sweeps over every operation stay fast.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace veld_report::tests {
@@ -17,10 +18,12 @@ class FaultyVfs {
 
   // The operation of this kind with that number, from 1, fails; with `onwards` all after it as well. The
   // count starts here.
-  static void FailAt(Operation operation, std::int64_t number, bool onwards);
-  static void Heal();
+  static void FailAt(Operation operation, std::int64_t at, bool onwards);
+  static void Heal() { failing = Operation::kNone; }
+
+  static inline std::atomic<Operation> failing{Operation::kNone};
   // How many operations have failed since FailAt.
-  static std::int64_t Failures();
+  static inline std::atomic<std::int64_t> failures{0};
 };
 
 }  // namespace veld_report::tests

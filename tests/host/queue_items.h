@@ -1,6 +1,8 @@
 // Short forms of the operations on queues, for tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -9,8 +11,11 @@
 #include <vector>
 
 #include "contract/queue.h"
+#include "types/ref.h"
 
 namespace veld_report::tests {
+
+using Strings = std::vector<std::string>;
 
 struct ReadItem {
   std::string bytes;
@@ -32,7 +37,7 @@ inline std::optional<ReadItem> ReadOne(orvel::IAckConsumer& reader) {
 }
 
 // Bounded, so that a reader that hands items out again ends the test.
-inline std::vector<ReadItem> ReadAll(orvel::IAckConsumer& reader, std::size_t most = 10'000) {
+inline std::vector<ReadItem> ReadAll(orvel::IAckConsumer& reader, std::size_t most = 100'000) {
   std::vector<ReadItem> items;
   while (items.size() < most) {
     auto item = ReadOne(reader);
@@ -42,12 +47,63 @@ inline std::vector<ReadItem> ReadAll(orvel::IAckConsumer& reader, std::size_t mo
   return items;
 }
 
-inline std::vector<std::string> Texts(const std::vector<ReadItem>& items) {
-  std::vector<std::string> texts;
-  for (const ReadItem& item : items) texts.push_back(item.bytes);
-  return texts;
-}
-
 inline std::string Numbered(std::size_t number) { return "item " + std::to_string(number); }
+
+// What a test does with the queues of one factory. A domain is "veld_rep" unless it is given.
+class QueueOperations {
+ public:
+  virtual ~QueueOperations() = default;
+
+ protected:
+  static constexpr std::uint32_t roomy = 1 << 28;
+  static constexpr char usualDomain[] = "veld_rep";
+
+  virtual orvel::IQueueFactory& Factory() = 0;
+
+  zel::Ref<orvel::IQueueProducer> Producer(const std::string& queue, std::uint32_t limit = roomy,
+                                           const char* domain = usualDomain) {
+    zel::Ref<orvel::IQueueProducer> made;
+    EXPECT_EQ(Factory().CreateProducer(zel::string(domain), zel::string(queue), limit, made.Out()), zel::sOk);
+    return made;
+  }
+  zel::Ref<orvel::IAckConsumer> Reader(const std::string& queue, const char* domain = usualDomain) {
+    zel::Ref<orvel::IAckConsumer> made;
+    EXPECT_EQ(Factory().CreateAckConsumer(zel::string(domain), zel::string(queue), made.Out()), zel::sOk);
+    return made;
+  }
+  zel::Ref<orvel::IQueueManager> Manager(const char* domain = usualDomain) {
+    zel::Ref<orvel::IQueueManager> made;
+    EXPECT_EQ(Factory().CreateQueueManager(zel::string(domain), made.Out()), zel::sOk);
+    return made;
+  }
+
+  template <class... Texts>
+  void Push(const std::string& queue, const Texts&... texts) {
+    const auto producer = Producer(queue);
+    for (const std::string_view text : {std::string_view(texts)...})
+      EXPECT_EQ(PushText(*producer, text), zel::sOk);
+  }
+  // What a fresh reader finds; its claims end with it.
+  Strings Waiting(const std::string& queue, const char* domain = usualDomain) {
+    Strings texts;
+    for (const ReadItem& item : ReadAll(*Reader(queue, domain))) texts.push_back(item.bytes);
+    return texts;
+  }
+  // As the module puts an item into a queue that may be full.
+  zel::ResultCode EvictAndPush(orvel::IQueueProducer& producer, const std::string& queue,
+                               std::string_view text, Strings* evicted = nullptr) {
+    zel::ResultCode code = PushText(producer, text);
+    if (code != zel::eOutOfSpace) return code;
+    const auto reader = Reader(queue);
+    while (code == zel::eOutOfSpace) {
+      const auto oldest = ReadOne(*reader);
+      if (!oldest) break;
+      reader->Ack(&oldest->token);
+      if (evicted) evicted->push_back(oldest->bytes);
+      code = PushText(producer, text);
+    }
+    return code;
+  }
+};
 
 }  // namespace veld_report::tests

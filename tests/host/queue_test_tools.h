@@ -1,30 +1,21 @@
-// What the tests of the store share: a store in a folder of its own, and short forms of its operations.
+// What the tests of the store share: a store in a folder of its own.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <chrono>
+#include <fstream>
 #include <functional>
-#include <string>
-#include <string_view>
+#include <iterator>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "host/queue/queue_service.h"
+#include "host/queue/store_maintenance.h"
 #include "tests/host/queue_items.h"
 #include "tests/host/temporary_folder.h"
 
 namespace veld_report::host {
 
-inline void PrintTo(const ItemCount& count, std::ostream* out) {
-  *out << count.items << " (" << count.bytes << " bytes)";
-}
 inline void PrintTo(const QueueLedger& ledger, std::ostream* out) {
-  for (const ItemCount* figure : ledger.All()) {
-    PrintTo(*figure, out);
-    *out << ' ';
-  }
+  for (const ItemCount* figure : ledger.All()) *out << figure->items << " (" << figure->bytes << " bytes) ";
 }
 
 }  // namespace veld_report::host
@@ -41,8 +32,15 @@ inline bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-class StoreTest : public testing::Test {
+inline std::string FileContent(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+class StoreTest : public testing::Test, protected QueueOperations {
  protected:
+  orvel::IQueueFactory& Factory() override { return *service; }
+
   // Ends the service, if there is one, before it opens the next. Producers and readers must be gone.
   void Open() {
     service.Reset();
@@ -57,36 +55,15 @@ class StoreTest : public testing::Test {
     return "";
   }
   std::filesystem::path StorePath() const { return host::StoreFilePath(options.folder, "veld_rep"); }
-
-  zel::Ref<orvel::IQueueProducer> Producer(const char* queue, std::uint32_t limit = 1 << 28) {
-    zel::Ref<orvel::IQueueProducer> producer;
-    EXPECT_EQ(service->CreateProducer(zel::string("veld_rep"), zel::string(queue), limit, producer.Out()),
-              zel::sOk);
-    return producer;
+  host::QueueLedger Ledger(const std::string& queue = "q") {
+    const host::QueueLedger ledger = service->Ledgers()[queue];
+    EXPECT_TRUE(ledger.IsBalanced()) << queue << ": " << testing::PrintToString(ledger);
+    return ledger;
   }
-  zel::Ref<orvel::IAckConsumer> Reader(const char* queue) {
-    zel::Ref<orvel::IAckConsumer> reader;
-    EXPECT_EQ(service->CreateAckConsumer(zel::string("veld_rep"), zel::string(queue), reader.Out()),
-              zel::sOk);
-    return reader;
-  }
-  void Push(const char* queue, std::string_view text) {
-    EXPECT_EQ(PushText(*Producer(queue), text), zel::sOk);
-  }
-  std::vector<std::string> Waiting(const char* queue) { return Texts(ReadAll(*Reader(queue), 1'000'000)); }
-
-  // As the module puts an item into a queue that may be full.
-  zel::ResultCode EvictAndPush(orvel::IQueueProducer& producer, const char* queue, std::string_view text) {
-    zel::ResultCode code = PushText(producer, text);
-    if (code != zel::eOutOfSpace) return code;
-    const auto reader = Reader(queue);
-    while (code == zel::eOutOfSpace) {
-      const auto oldest = ReadOne(*reader);
-      if (!oldest) break;
-      reader->Ack(&oldest->token);
-      code = PushText(producer, text);
-    }
-    return code;
+  // What a check for people finds; ends the service first.
+  Strings Findings() {
+    service.Reset();
+    return host::CheckStore(options.folder)[0].findings;
   }
 
   TemporaryFolder folder;
