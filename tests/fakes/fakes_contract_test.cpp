@@ -26,9 +26,7 @@ class FakeQueuesUnderTest final : public QueuesUnderTest {
   zel::Ref<fakes::FakeQueueFactory> factory_ = fakes::MakeFake<fakes::FakeQueueFactory>(world_);
 };
 
-INSTANTIATE_TEST_SUITE_P(Fake, QueueContract,
-                         testing::Values(QueueMaker{"Fake",
-                                                    [] { return std::make_unique<FakeQueuesUnderTest>(); }}));
+INSTANTIATE_TEST_SUITE_P(Fake, QueueContract, testing::Values(MakeQueues<FakeQueuesUnderTest>));
 
 // A FakeTimer whose firings run on a thread of its own, as those of a real service do.
 class DrivenTimer final : public host::HostObject<zel::ITimerService> {

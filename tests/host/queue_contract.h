@@ -1,11 +1,10 @@
 // What every queue service has to do, in memory or on a disk.
 //
-// A test program gives the suite a QueueMaker and instantiates it:
-//   INSTANTIATE_TEST_SUITE_P(Real, QueueContract, testing::Values(QueueMaker{"Sqlite", MakeIt}));
+// A test program derives from QueuesUnderTest and instantiates the suite for it:
+//   INSTANTIATE_TEST_SUITE_P(Sqlite, QueueContract, testing::Values(MakeQueues<SqliteQueues>));
 #pragma once
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -24,13 +23,13 @@ class QueuesUnderTest {
   virtual void Restart() = 0;
 };
 
-struct QueueMaker {
-  std::string name;
-  std::function<std::unique_ptr<QueuesUnderTest>()> make;
-};
-inline void PrintTo(const QueueMaker& maker, std::ostream* out) { *out << maker.name; }
+template <class Queues>
+std::unique_ptr<QueuesUnderTest> MakeQueues() {
+  return std::make_unique<Queues>();
+}
 
-class QueueContract : public testing::TestWithParam<QueueMaker>, protected QueueOperations {
+class QueueContract : public testing::TestWithParam<std::unique_ptr<QueuesUnderTest> (*)()>,
+                      protected QueueOperations {
  protected:
   orvel::IQueueFactory& Factory() override { return queues->Factory(); }
   Strings Names(const char* domain = usualDomain) {
@@ -42,7 +41,7 @@ class QueueContract : public testing::TestWithParam<QueueMaker>, protected Queue
     return result;
   }
 
-  std::unique_ptr<QueuesUnderTest> queues = GetParam().make();
+  std::unique_ptr<QueuesUnderTest> queues = GetParam()();
 };
 
 TEST_P(QueueContract, ItemsComeOutOldestFirstAndByteForByte) {
