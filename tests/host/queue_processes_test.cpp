@@ -17,37 +17,7 @@ using testing::IsEmpty;
 class QueueProcessesTest : public StoreTest {
  protected:
   QueueProcessesTest() { options.shared = true; }
-};
 
-TEST_F(QueueProcessesTest, ASecondProcessIsRefusedUnlessBothShare) {
-  for (const bool first : {false, true}) {
-    for (const bool second : {false, true}) {
-      options.shared = first;
-      Open();
-      options.shared = second;
-      const std::string error = OpenError();
-      EXPECT_EQ(error.find("in use by process") == std::string::npos, first && second) << error;
-    }
-  }
-}
-
-TEST_F(QueueProcessesTest, OneProcessSendsAtATime) {
-  Open();
-  Push("q", "1", "2");
-  auto reader = Reader("q");
-  EXPECT_TRUE(ReadOne(*reader));
-  const auto holder = service;
-  service = host::QueueService::Open(options);
-  EXPECT_THAT(Waiting("q"), IsEmpty());
-  EXPECT_EQ(EvictAndPush(*Producer("q", 2), "q", "3"), zel::sOk)
-      << "making room counts the items of all and doesn't wait for the lease";
-  EXPECT_EQ(Ledger().evicted.items, 1);
-  reader.Reset();
-  EXPECT_EQ(Waiting("q"), (Strings{"2", "3"}));
-}
-
-class KilledProcessesTest : public QueueProcessesTest {
- protected:
   static constexpr int processCount = 4;
   static constexpr int each = 1500;
   static constexpr std::size_t atOnce = 20;
@@ -86,7 +56,34 @@ class KilledProcessesTest : public QueueProcessesTest {
   }
 };
 
-TEST_F(KilledProcessesTest, FourProcessesOfWhichTwoAreKilledLoseAndRepeatNothing) {
+TEST_F(QueueProcessesTest, ASecondProcessIsRefusedUnlessBothShare) {
+  for (const bool first : {false, true}) {
+    for (const bool second : {false, true}) {
+      options.shared = first;
+      Open();
+      options.shared = second;
+      const std::string error = OpenError();
+      EXPECT_EQ(error.find("in use by process") == std::string::npos, first && second) << error;
+    }
+  }
+}
+
+TEST_F(QueueProcessesTest, OneProcessSendsAtATime) {
+  Open();
+  Push("q", "1", "2");
+  auto reader = Reader("q");
+  EXPECT_TRUE(ReadOne(*reader));
+  const auto holder = service;
+  service = host::QueueService::Open(options);
+  EXPECT_THAT(Waiting("q"), IsEmpty());
+  EXPECT_EQ(EvictAndPush(*Producer("q", 2), "q", "3"), zel::sOk)
+      << "making room counts the items of all and doesn't wait for the lease";
+  EXPECT_EQ(Ledger().evicted.items, 1);
+  reader.Reset();
+  EXPECT_EQ(Waiting("q"), (Strings{"2", "3"}));
+}
+
+TEST_F(QueueProcessesTest, FourProcessesOfWhichTwoAreKilledLoseAndRepeatNothing) {
   options.commitEveryPush = true;  // what was answered 0 must survive the kill
   pid_t ids[processCount];
   for (int process = 0; process < processCount; ++process) ids[process] = Start(process);
