@@ -16,10 +16,10 @@ inline constexpr zel::ResultCode eInvalidSignature = zel::MakeResultCode(0x80000
 struct HttpOutcome {
   zel::ResultCode code = zel::sOk;  // 0: an answer came
   std::uint16_t status = 0;         // of the answer
-  std::string error;                // for people; empty where an answer came
+  std::string error{};              // for people; empty where an answer came
   // It failed before anything was asked of the network, so it says nothing about the server.
   bool local = false;
-  std::optional<std::string> retryAfter;  // the header's value
+  std::optional<std::string> retryAfter{};  // the header's value
 };
 
 }  // namespace veld_report::host

@@ -1,8 +1,7 @@
 // Names of the top domain "test" for a test program that links this: its getaddrinfo goes before the
 // system's, so that no look-up leaves the machine.
-//   two-addresses.test   ::1 and then 127.0.0.1
-//   hangs.test           no answer while a HangingResolver lives
-//   any other            not known
+//   hangs.test   no answer while a HangingResolver lives
+//   any other    not known
 #pragma once
 
 namespace veld_report::tests {

@@ -4,78 +4,56 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "contract/http.h"
 #include "host/base/host_object.h"
 #include "host/base/text.h"
+#include "host/http/http_client.h"
 
 namespace veld_report::tests {
+
+// How many references there are besides the caller's.
+inline std::uint32_t OtherReferences(zel::IObject* object) {
+  object->AddRef();
+  return object->Release() - 1;
+}
 
 // Fails the test on a second completion.
 class RecordingCallback final : public host::HostObject<network_services::IAsyncHttpRequestCallback> {
  public:
   // `body` runs inside the completion.
-  explicit RecordingCallback(std::function<void()> body = {}) : body_(std::move(body)) {}
+  explicit RecordingCallback(std::function<void()> body) : body_(std::move(body)) {}
 
-  zel::ResultCode OnRequestCompleted(const zel::wstring& url, const void* response) override {
-    return Complete(url, zel::sOk, network_services::ResponseStatus(response));
+  zel::ResultCode OnRequestCompleted(const zel::wstring& requestUrl, const void* response) override {
+    return Complete(requestUrl, zel::sOk, network_services::ResponseStatus(response));
   }
-  zel::ResultCode OnRequestFailed(const zel::wstring& url, zel::ResultCode code) override {
-    EXPECT_LT(code, 0) << "a failure without a failing code";
-    return Complete(url, code, 0);
+  zel::ResultCode OnRequestFailed(const zel::wstring& requestUrl, zel::ResultCode failure) override {
+    EXPECT_LT(failure, 0) << "a failure without a failing code";
+    return Complete(requestUrl, failure, 0);
   }
 
-  bool WaitForEnd() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return ends_ > 0; });
-  }
-  int Ends() const {
-    const std::lock_guard lock(mutex_);
-    return ends_;
-  }
-  // Of the completion, once there was one.
-  zel::ResultCode Code() const { return code_; }
-  std::uint16_t Status() const { return status_; }
-  std::string Url() const { return url_; }
-
-  // How many references there are besides the caller's.
-  std::uint32_t OtherReferences() {
-    AddRef();
-    return Release() - 1;
-  }
+  std::atomic<int> ends = 0;
+  // Of the completion, to be read after it.
+  std::string url;
+  zel::ResultCode code = zel::eNotInitialized;
+  std::uint16_t status = 0;
 
  private:
-  zel::ResultCode Complete(const zel::wstring& url, zel::ResultCode code, std::uint16_t status) {
-    const struct Leaving {
-      RecordingCallback& callback;
-      ~Leaving() {
-        const std::lock_guard lock(callback.mutex_);
-        EXPECT_EQ(++callback.ends_, 1) << "a second completion of one request";
-        callback.changed_.notify_all();
-      }
-    } leaving{*this};
-    url_ = host::ToUtf8(url.View());
-    code_ = code;
-    status_ = status;
+  zel::ResultCode Complete(const zel::wstring& itsUrl, zel::ResultCode itsCode, std::uint16_t itsStatus) {
+    url = host::ToUtf8(itsUrl.View());
+    code = itsCode;
+    status = itsStatus;
+    EXPECT_EQ(++ends, 1) << "a second completion of one request";
     if (body_) body_();
     return zel::sOk;
   }
 
   const std::function<void()> body_;
-  std::string url_;
-  zel::ResultCode code_ = zel::eNotInitialized;
-  std::uint16_t status_ = 0;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  int ends_ = 0;
 };
 
 // A stream that can be read, and in no other way touched.
@@ -84,44 +62,31 @@ class TextBody final : public host::HostObject<zel::IIO> {
   explicit TextBody(std::string text) : text_(std::move(text)) {}
 
   zel::ResultCode Read(void* buffer, std::uint32_t count, std::uint32_t* bytesRead) override {
-    *bytesRead = 0;
-    if (failsWith != zel::sOk) return failsWith;
-    if (position_ >= text_.size()) return zel::sOk;
-    const std::size_t taken = std::min<std::size_t>(count, text_.size() - position_);
-    std::memcpy(buffer, text_.data() + position_, taken);
-    position_ += taken;
-    *bytesRead = static_cast<std::uint32_t>(taken);
-    return zel::sOk;
+    *bytesRead = static_cast<std::uint32_t>(std::min<std::size_t>(count, text_.size() - position_));
+    std::memcpy(buffer, text_.data() + position_, *bytesRead);
+    position_ += *bytesRead;
+    return readCode;
   }
   zel::ResultCode Seek(std::uint32_t origin, std::int64_t offset, std::uint64_t* newPosition) override {
-    const std::uint64_t base = origin == 1 ? position_ : origin == 2 ? text_.size() : 0;
-    position_ = base + static_cast<std::uint64_t>(offset);
-    if (newPosition) *newPosition = position_;
-    return zel::sOk;
-  }
-  zel::ResultCode GetPosition(std::uint64_t* out) override {
-    *out = position_;
+    EXPECT_EQ(origin, 0u);
+    *newPosition = position_ = static_cast<std::uint64_t>(offset);
     return zel::sOk;
   }
   zel::ResultCode GetSize(std::uint64_t* out) override {
     *out = text_.size() + sizeBeyondText;
     return zel::sOk;
   }
+  zel::ResultCode GetPosition(std::uint64_t*) override { return Unwanted(); }
   zel::ResultCode Write(const void*, std::uint32_t, std::uint32_t*) override { return Unwanted(); }
   zel::ResultCode SetSize(std::uint64_t) override { return Unwanted(); }
   zel::ResultCode Flush() override { return Unwanted(); }
 
-  std::uint32_t OtherReferences() {
-    AddRef();
-    return Release() - 1;
-  }
-
-  zel::ResultCode failsWith = zel::sOk;
+  zel::ResultCode readCode = zel::sOk;
   std::uint64_t sizeBeyondText = 0;  // a stream that claims more than it gives
 
  private:
   static zel::ResultCode Unwanted() {
-    ADD_FAILURE() << "the client changes the body";
+    ADD_FAILURE() << "the client does more than read the body";
     return zel::eNotSupported;
   }
   const std::string text_;
@@ -131,6 +96,8 @@ class TextBody final : public host::HostObject<zel::IIO> {
 // A client, and requests to it as the module makes them.
 struct ClientUnderTest {
   zel::Ref<network_services::IHttpClient> client;
+  std::string contentType = "application/json";
+  std::uint32_t kind = 1;
 
   explicit ClientUnderTest(network_services::IHttpClientFactory* factory) {
     EXPECT_EQ(factory->CreateClient(client.Out()), zel::sOk);
@@ -141,6 +108,12 @@ struct ClientUnderTest {
     zel::Ref<TextBody> body;
     zel::Ref<network_services::IHttpRequestHandle> handle;
     zel::ResultCode accepted = zel::eNotInitialized;
+
+    zel::ResultCode Wait() const { return handle ? handle->Wait(20000) : accepted; }
+    void ExpectNoReferencesLeft() const {
+      EXPECT_EQ(OtherReferences(callback.Get()), 0u) << callback->url;
+      EXPECT_EQ(OtherReferences(body.Get()), 0u) << callback->url;
+    }
   };
   Call Start(const std::string& url, std::function<void()> inCompletion = {},
              const std::string& text = "{}") const {
@@ -148,32 +121,48 @@ struct ClientUnderTest {
   }
   Call Start(const std::string& url, zel::Ref<TextBody> body, std::function<void()> inCompletion = {}) const {
     network_services::HttpRequestOptions options;
-    options.headers.push_back({zel::string("Content-Type"), zel::string("application/json")});
+    options.headers.push_back({zel::string("Content-Type"), host::ToNarrow(contentType)});
     Call call{host::MakeObject<RecordingCallback>(std::move(inCompletion)), std::move(body), {}};
-    const std::uint32_t kind = 1;
     call.accepted = client->MakeRequestAsync(host::ToWide(url), options, &kind, call.body.Get(), nullptr,
                                              call.callback.Get(), call.handle.Out());
     return call;
   }
-  // Returns when the request has ended.
-  Call Send(const std::string& url) const {
-    Call call = Start(url);
-    EXPECT_EQ(call.accepted, zel::sOk);
-    if (call.handle) call.handle->Wait(20000);
-    EXPECT_EQ(call.callback->Ends(), 1) << url;
-    return call;
+  // Returns when the request has ended, as every request has to, with the record of it.
+  zel::Ref<RecordingCallback> Send(const std::string& url) const {
+    const Call call = Start(url);
+    EXPECT_EQ(call.Wait(), call.callback->code) << url;
+    EXPECT_EQ(call.callback->ends, 1) << url;
+    EXPECT_EQ(call.callback->url, url);
+    call.ExpectNoReferencesLeft();
+    return call.callback;
   }
-  zel::ResultCode SetCertificates(const std::vector<std::vector<zel::string>>& rows) const {
-    zel::Ref<network_services::IHttpClientCertificates> certificates;
-    const zel::ResultCode found =
-        client->QueryInterface(network_services::IHttpClientCertificates::iid, certificates.OutVoid());
-    if (zel::Failed(found)) return found;
+  zel::ResultCode SetCertificates(const std::vector<std::vector<std::string>>& rows) const {
+    std::vector<std::vector<zel::string>> elements(rows.size());
     std::vector<network_services::CertificateRow> table;
-    table.reserve(rows.size());
-    for (const auto& row : rows) table.push_back({row.data(), row.data() + row.size()});
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      for (const std::string& element : rows[i]) elements[i].push_back(host::ToNarrow(element));
+      table.push_back({elements[i].data(), elements[i].data() + elements[i].size()});
+    }
     const network_services::CertificateRange range{table.data(), table.data() + table.size()};
+    zel::Ref<network_services::IHttpClientCertificates> certificates;
+    const auto iid = network_services::IHttpClientCertificates::iid;
+    EXPECT_EQ(client->QueryInterface(iid, certificates.OutVoid()), zel::sOk);
     return certificates->SetCertificates(&range);
   }
+};
+
+// What the machine says of proxies is no business of most tests.
+inline host::HttpClientOptions Direct() {
+  host::HttpClientOptions options;
+  options.proxy = "";
+  return options;
+}
+
+struct HttpKit {
+  explicit HttpKit(const host::HttpClientOptions& options = Direct())
+      : factory(CreateHttpClientFactory(options)), client(factory.Get()) {}
+  zel::Ref<host::HttpClientFactory> factory;
+  ClientUnderTest client;
 };
 
 }  // namespace veld_report::tests

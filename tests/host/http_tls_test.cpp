@@ -2,14 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "host/http/http_client.h"
 #include "host/http/http_outcome.h"
-#include "tests/host/fake_resolver.h"
 #include "tests/host/http_fakes.h"
 #include "tests/host/scripted_server.h"
+#include "tests/host/temporary_folder.h"
 #include "tests/host/tls_support.h"
 
 namespace veld_report::tests {
@@ -17,74 +16,35 @@ namespace {
 
 using host::HttpClientOptions;
 
-HttpClientOptions Direct() {
-  HttpClientOptions options;
-  options.proxy = "";
-  return options;
-}
-
-class TlsServer {
- public:
+struct TlsServer {
   explicit TlsServer(const TestCertificate& certificate, int newest = TLS1_3_VERSION)
-      : context_(ServerContext(certificate, newest)),
-        server_([](const auto&) { return ScriptedReply::Status(200); },
-                {.ipv6 = false, .tls = context_.get()}) {}
-  std::string Url() const { return server_.Url(); }
-  std::string Url(const std::string& host) const {
-    return "https://" + host + ":" + std::to_string(server_.Port()) + "/";
-  }
+      : context(ServerContext(certificate, newest)), server(ScriptedReply::Status(200), context.get()) {}
+  std::string Url() const { return server.Url(); }
 
- private:
-  const std::shared_ptr<SSL_CTX> context_;
-  ScriptedServer server_;
+  const std::shared_ptr<SSL_CTX> context;
+  const ScriptedServer server;
 };
 
-struct Kit {
-  explicit Kit(const HttpClientOptions& options = Direct())
-      : factory(CreateHttpClientFactory(options)), client(factory.Get()) {}
+struct TlsKit : HttpKit {
+  using HttpKit::HttpKit;
   // Announces and hands over, as a host and the module do.
-  zel::ResultCode SetCertificates(const std::vector<std::pair<std::string, std::vector<std::string>>>& rows) {
-    std::vector<std::string> urls;
-    std::vector<std::vector<zel::string>> table;
-    for (const auto& [url, elements] : rows) {
-      urls.push_back(url);
-      auto& row = table.emplace_back();
-      for (const std::string& element : elements) row.push_back(host::ToNarrow(element));
-    }
-    factory->AnnounceUrls(urls);
-    return client.SetCertificates(table);
+  zel::ResultCode SetCertificates(const std::string& url, const std::vector<std::string>& elements) const {
+    factory->AnnounceUrls({url});
+    return client.SetCertificates({elements});
   }
-  zel::ResultCode CodeFor(const std::string& url) const { return client.Send(url).callback->Code(); }
-
-  zel::Ref<host::HttpClientFactory> factory;
-  ClientUnderTest client;
+  zel::ResultCode CodeFor(const std::string& url) const { return client.Send(url)->code; }
 };
 
 class HttpTls : public testing::Test {
  protected:
-  HttpTls() {
-    const auto* const info = testing::UnitTest::GetInstance()->current_test_info();
-    folder = std::filesystem::temp_directory_path() /
-             ("http_tls_" + std::string(info->name()) + "_" + std::to_string(getpid()));
-    std::filesystem::create_directory(folder);
-  }
-  ~HttpTls() override { std::filesystem::remove_all(folder); }
-  std::string Write(const std::string& name, const std::string& text) const {
-    std::ofstream(folder / name) << text;
-    return folder / name;
-  }
-
-  std::filesystem::path folder;
   const TestCertificate authority = TestCertificate::Authority("Test authority");
   const TestCertificate other = TestCertificate::Authority("Other authority");
-  const TestCertificate certificate = TestCertificate::Server("127.0.0.1", authority);
+  const TestCertificate certificate = TestCertificate::Server(authority);
 };
 
 TEST_F(HttpTls, WithAnyGivenOnlyTheCertificatesOfTheUrlCount) {
-  const std::string ca = authority.Pem();
-  const std::string wrongCa = other.Pem();
-  const std::string pin = certificate.Pin();
-  const std::string wrongPin = other.Pin();
+  const std::string ca = authority.Pem(), wrongCa = other.Pem();
+  const std::string pin = certificate.Pin(), wrongPin = other.Pin();
   const struct {
     const char* what;
     std::vector<std::string> elements;
@@ -103,50 +63,54 @@ TEST_F(HttpTls, WithAnyGivenOnlyTheCertificatesOfTheUrlCount) {
       {"authority and another pin", {ca, wrongPin}, false},
       {"another authority and the pin", {wrongCa, pin}, false},
   };
-  TlsServer server(certificate);
+  const TlsServer server(certificate);
   for (const auto& each : cases) {
-    Kit kit;
-    ASSERT_EQ(kit.SetCertificates({{server.Url(), each.elements}}), zel::sOk) << each.what;
+    const TlsKit kit;
+    ASSERT_EQ(kit.SetCertificates(server.Url(), each.elements), zel::sOk) << each.what;
     EXPECT_EQ(kit.CodeFor(server.Url()), each.trusted ? zel::sOk : host::eInvalidSignature) << each.what;
   }
 }
 
 TEST_F(HttpTls, AUrlsCertificatesReplaceThoseOfTheOptions) {
-  TlsServer server(certificate);
+  const TlsServer server(certificate);
+  const TemporaryFolder folder;
   HttpClientOptions byFile = Direct();
-  byFile.caFile = Write("ca.pem", authority.Pem());
+  byFile.caFile = folder.Path() / "ca.pem";
+  std::ofstream(byFile.caFile) << authority.Pem();
   HttpClientOptions byFolder = Direct();
-  Write(authority.HashedName(), authority.Pem());
-  byFolder.caDirectory = folder;
+  byFolder.caDirectory = folder.Path();
+  std::ofstream(folder.Path() / authority.HashedName()) << authority.Pem();
   for (const HttpClientOptions& options : {byFile, byFolder}) {
-    Kit kit(options);
+    const TlsKit kit(options);
     EXPECT_EQ(kit.CodeFor(server.Url()), zel::sOk);
     // A kept connection, made under other rules, must not serve.
-    ASSERT_EQ(kit.SetCertificates({{server.Url(), {other.Pem()}}}), zel::sOk);
+    ASSERT_EQ(kit.SetCertificates(server.Url(), {other.Pem()}), zel::sOk);
     EXPECT_EQ(kit.CodeFor(server.Url()), host::eInvalidSignature);
-    ASSERT_EQ(kit.SetCertificates({{server.Url(), {certificate.Pin()}}}), zel::sOk);
+    ASSERT_EQ(kit.SetCertificates(server.Url(), {certificate.Pin()}), zel::sOk);
     EXPECT_EQ(kit.CodeFor(server.Url()), zel::sOk);
-    ASSERT_EQ(kit.SetCertificates({{server.Url(), {other.Pin()}}}), zel::sOk);
+    ASSERT_EQ(kit.SetCertificates(server.Url(), {other.Pin()}), zel::sOk);
     EXPECT_EQ(kit.CodeFor(server.Url()), host::eInvalidSignature);
   }
 }
 
 TEST_F(HttpTls, TheNameMustBeTheServersUnlessItsKeyIsPinned) {
-  TlsServer server(certificate);
+  const TlsServer server(certificate);
   HttpClientOptions options = Direct();
-  const std::string url = server.Url("two-addresses.test");
-  Kit kit(options);
-  ASSERT_EQ(kit.SetCertificates({{url, {authority.Pem()}}}), zel::sOk);
+  options.resolve = {"stats.example.test:" + std::to_string(server.server.Port()) + ":127.0.0.1"};
+  const std::string url = server.server.Url("/", "stats.example.test");
+  const TlsKit kit(options);
+  ASSERT_EQ(kit.SetCertificates(url, {authority.Pem()}), zel::sOk);
   EXPECT_EQ(kit.CodeFor(url), host::eInvalidSignature);
-  ASSERT_EQ(kit.SetCertificates({{url, {certificate.Pin()}}}), zel::sOk);
+  ASSERT_EQ(kit.SetCertificates(url, {certificate.Pin()}), zel::sOk);
   EXPECT_EQ(kit.CodeFor(url), zel::sOk);
 }
 
 TEST_F(HttpTls, RowsGoWithTheAnnouncedUrls) {
-  TlsServer first(certificate);
-  TlsServer second(TestCertificate::Server("127.0.0.1", other));
-  Kit kit;
-  ASSERT_EQ(kit.SetCertificates({{second.Url(), {other.Pem()}}, {first.Url(), {authority.Pem()}}}), zel::sOk);
+  const TlsServer first(certificate);
+  const TlsServer second(TestCertificate::Server(other));
+  const TlsKit kit;
+  kit.factory->AnnounceUrls({second.Url(), first.Url()});
+  ASSERT_EQ(kit.client.SetCertificates({{other.Pem()}, {authority.Pem()}}), zel::sOk);
   EXPECT_EQ(kit.CodeFor(first.Url()), zel::sOk);
   EXPECT_EQ(kit.CodeFor(second.Url()), zel::sOk);
   // A url that isn't in the table has no certificates of its own.
@@ -154,40 +118,36 @@ TEST_F(HttpTls, RowsGoWithTheAnnouncedUrls) {
 }
 
 TEST_F(HttpTls, ABadTableIsRefusedAndTheOldOneStays) {
-  TlsServer server(certificate);
-  Kit kit;
-  ASSERT_EQ(kit.SetCertificates({{server.Url(), {authority.Pem()}}}), zel::sOk);
+  const TlsServer server(certificate);
+  const TlsKit kit;
+  ASSERT_EQ(kit.SetCertificates(server.Url(), {authority.Pem()}), zel::sOk);
   const std::string truncated = authority.Pem().substr(0, 200);
   const std::string bad[] = {"",
                              "nonsense",
                              truncated,
                              authority.Pem() + truncated,
-                             certificate.KeyPem(),
-                             "sha256//",
                              "sha256//AAAA",
                              "sha256//" + std::string(44, '!'),
                              "sha1//" + std::string(27, 'A') + "="};
   for (const std::string& element : bad) {
-    EXPECT_EQ(kit.SetCertificates({{server.Url(), {element}}}), zel::eInvalidArgument) << element;
+    EXPECT_EQ(kit.SetCertificates(server.Url(), {element}), zel::eInvalidArgument) << element;
   }
-  EXPECT_EQ(
-      kit.SetCertificates({{"https://a.test/", {certificate.Pin()}}, {"https://a.test/", {other.Pin()}}}),
-      zel::eInvalidArgument);
-  EXPECT_EQ(kit.SetCertificates({{"http://a.test/", {certificate.Pin()}}}), zel::eInvalidArgument);
-  EXPECT_EQ(kit.SetCertificates({{"HTTPS://a.test/", {certificate.Pin()}}}), zel::sOk);
-  ASSERT_EQ(kit.SetCertificates({{server.Url(), {authority.Pem()}}}), zel::sOk);
+  EXPECT_EQ(kit.SetCertificates("http://a.test/", {certificate.Pin()}), zel::eInvalidArgument);
+  // Certificates of two kinds for one url.
+  kit.factory->AnnounceUrls({"https://a.test/", "https://a.test/"});
+  EXPECT_EQ(kit.client.SetCertificates({{certificate.Pin()}, {other.Pin()}}), zel::eInvalidArgument);
   // Rows that no announcement explains; an announcement counts once.
-  EXPECT_EQ(kit.client.SetCertificates({{host::ToNarrow(other.Pem())}}), zel::eInvalidArgument);
+  EXPECT_EQ(kit.client.SetCertificates({{other.Pem()}}), zel::eInvalidArgument);
   kit.factory->AnnounceUrls({"https://a.test/", "https://b.test/"});
-  EXPECT_EQ(kit.client.SetCertificates({{host::ToNarrow(other.Pem())}}), zel::eInvalidArgument);
+  EXPECT_EQ(kit.client.SetCertificates({{other.Pem()}}), zel::eInvalidArgument);
   EXPECT_EQ(kit.CodeFor(server.Url()), zel::sOk);
 }
 
 TEST_F(HttpTls, VersionsBelow12AreRefused) {
   for (const int version : {TLS1_1_VERSION, TLS1_2_VERSION, TLS1_3_VERSION}) {
-    TlsServer server(certificate, version);
-    Kit kit;
-    ASSERT_EQ(kit.SetCertificates({{server.Url(), {authority.Pem()}}}), zel::sOk);
+    const TlsServer server(certificate, version);
+    const TlsKit kit;
+    ASSERT_EQ(kit.SetCertificates(server.Url(), {authority.Pem()}), zel::sOk);
     EXPECT_EQ(kit.CodeFor(server.Url()), version < TLS1_2_VERSION ? host::eMediaError : zel::sOk) << version;
   }
 }

@@ -1,27 +1,48 @@
-// One serialisation through the two services, as the module does it.
+// One serialisation through the two services, as the module does it, into a string.
 #pragma once
 
+#include <algorithm>
 #include <string>
+#include <utility>
 
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
-#include "tests/host/string_stream.h"
 
 namespace veld_report::host {
+
+// A stream that can be told to fail or to be full. Of a storage it expects Write and nothing else.
+class StringStream final : public HostObject<zel::IIO> {
+ public:
+  std::string text;
+  std::uint64_t roomBytes = UINT64_MAX;   // a write beyond it is cut short
+  zel::ResultCode beyondRoom = zel::sOk;  // what the cut write answers
+
+  zel::ResultCode Write(const void* buffer, std::uint32_t count, std::uint32_t* bytesWritten) override {
+    *bytesWritten = static_cast<std::uint32_t>(std::min<std::uint64_t>(count, roomBytes - text.size()));
+    text.append(static_cast<const char*>(buffer), *bytesWritten);
+    return *bytesWritten == count ? zel::sOk : beyondRoom;
+  }
+  zel::ResultCode Read(void*, std::uint32_t, std::uint32_t*) override { return zel::eUnexpected; }
+  zel::ResultCode Seek(std::uint32_t, std::int64_t, std::uint64_t*) override { return zel::eUnexpected; }
+  zel::ResultCode GetPosition(std::uint64_t*) override { return zel::eUnexpected; }
+  zel::ResultCode GetSize(std::uint64_t*) override { return zel::eUnexpected; }
+  zel::ResultCode SetSize(std::uint64_t) override { return zel::eUnexpected; }
+  zel::ResultCode Flush() override { return zel::eUnexpected; }
+};
 
 struct Serialized {
   zel::ResultCode code = zel::sOk;   // of Serialize
   zel::ResultCode flush = zel::sOk;  // of Flush
-  std::string text;
+  std::string text{};
   bool located = false;
-  std::string objectName;
-  std::string fieldName;
+  std::string objectName{};
+  std::string fieldName{};
   std::uint32_t index = 0;
 };
 
-inline Serialized Serialize(const zel::AnyPtr& object, zel::Ref<StringStream> stream = {}) {
+inline Serialized Serialize(const zel::AnyPtr& object,
+                            const zel::Ref<StringStream>& stream = MakeObject<StringStream>()) {
   Serialized result;
-  if (!stream) stream = MakeObject<StringStream>();
   const zel::JsonStorageOptions options;
   zel::Ref<zel::IStorage> storage;
   result.code = CreateJsonStorageFactory()->CreateJsonStorage(stream.Get(), &options, storage.Out());
@@ -30,15 +51,27 @@ inline Serialized Serialize(const zel::AnyPtr& object, zel::Ref<StringStream> st
   result.code = CreateSerializer()->Serialize(&object, storage.Get(), options.flag, context.Out());
   result.flush = storage->Flush();
   result.text = stream->text;
-  if (!context) return result;
   zel::Ref<zel::ISerializeErrorInfo> info;
-  if (zel::Failed(context->QueryInterface(zel::ISerializeErrorInfo::iid, info.OutVoid()))) return result;
+  if (context) context->QueryInterface(zel::ISerializeErrorInfo::iid, info.OutVoid());
   zel::SerializeErrorLocation location;
-  result.located = info->GetErrorLocation(&location) == zel::sOk;
+  result.located = info && info->GetErrorLocation(&location) == zel::sOk;
   result.objectName = location.objectName.View();
   result.fieldName = location.fieldName.View();
   result.index = location.index;
   return result;
+}
+
+inline constexpr zel::SerFieldDescriptor endRow = {.flags = zel::SerFieldDescriptor::endOfTable};
+
+// A record named "One" with this value, described with the given kind and flags.
+template <class T>
+Serialized SerializeValue(T value, std::uint32_t kind, std::uint32_t flags = 0,
+                          zel::SerVectorHelper* helper = nullptr, const char* name = "v",
+                          const zel::Ref<StringStream>& stream = MakeObject<StringStream>()) {
+  const zel::SerFieldDescriptor table[] = {
+      {.typeId = kind, .name = name, .flags = flags, .size = sizeof(T), .vectorHelper = helper}, endRow};
+  const zel::SerObjDescriptor descriptor = {.serId = 1, .name = "One", .size = sizeof(T), .fields = table};
+  return Serialize(zel::AnyPtr(&value, &descriptor), stream);
 }
 
 }  // namespace veld_report::host

@@ -7,76 +7,40 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <memory>
 #include <stdexcept>
 
 namespace veld_report::tests {
 namespace {
 
-struct Address {
-  sockaddr_storage bytes = {};
-  socklen_t length = 0;
-  sockaddr* Get() { return reinterpret_cast<sockaddr*>(&bytes); }
-};
-
-Address LoopbackAddress(bool ipv6) {
-  Address address;
-  if (ipv6) {
-    auto& place = reinterpret_cast<sockaddr_in6&>(address.bytes);
-    place.sin6_family = AF_INET6;
-    place.sin6_addr = in6addr_loopback;
-    address.length = sizeof(sockaddr_in6);
-  } else {
-    auto& place = reinterpret_cast<sockaddr_in&>(address.bytes);
-    place.sin_family = AF_INET;
-    place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.length = sizeof(sockaddr_in);
-  }
-  return address;
-}
-
-// Binds a socket to a free port, which it returns.
-int BindLoopback(bool ipv6, std::uint16_t* port) {
-  Address address = LoopbackAddress(ipv6);
-  const int socket = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0 || bind(socket, address.Get(), address.length) != 0 ||
-      getsockname(socket, address.Get(), &address.length) != 0) {
-    if (socket >= 0) ::close(socket);
+// Binds a socket to a free port.
+int BindLoopback(std::uint16_t* port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  auto* const place = reinterpret_cast<sockaddr*>(&address);
+  socklen_t length = sizeof(address);
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket < 0 || bind(socket, place, length) != 0 || getsockname(socket, place, &length) != 0) {
     throw std::runtime_error("no loopback address to bind to");
   }
-  // The port lies at the same place in both forms.
-  *port = ntohs(reinterpret_cast<sockaddr_in&>(address.bytes).sin_port);
+  *port = ntohs(address.sin_port);
   return socket;
 }
 
-std::size_t ContentLength(const std::string& head) {
-  const std::size_t place = head.find("Content-Length: ");
-  return place == std::string::npos ? 0 : std::stoul(head.substr(place + 16));
-}
-
-}  // namespace
-
 // Bytes of a connection, in the clear or through TLS.
-class ScriptedServer::Stream {
+class Stream {
  public:
-  Stream(int socket, SSL_CTX* tls) : socket_(socket), ssl_(tls ? SSL_new(tls) : nullptr) {
-    if (ssl_) SSL_set_fd(ssl_, socket_);
+  Stream(int socket, SSL_CTX* tls) : bytes_(BIO_new_socket(socket, BIO_NOCLOSE), &BIO_free_all) {
+    if (tls) bytes_.reset(BIO_push(BIO_new_ssl(tls, 0), bytes_.release()));
   }
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
-  ~Stream() {
-    if (ssl_) SSL_free(ssl_);
-    ERR_clear_error();
-  }
-  bool Open() { return !ssl_ || SSL_accept(ssl_) == 1; }
-  int Read(char* buffer, int count) {
-    if (ssl_) return SSL_read(ssl_, buffer, count);
-    return static_cast<int>(recv(socket_, buffer, static_cast<std::size_t>(count), 0));
-  }
-  bool Write(const std::string& bytes) {
-    if (bytes.empty()) return true;
-    if (ssl_) return SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size())) > 0;
-    return send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  ~Stream() { ERR_clear_error(); }
+
+  bool Write(const std::string& bytes) const {
+    const int size = static_cast<int>(bytes.size());
+    return size == 0 || BIO_write(bytes_.get(), bytes.data(), size) == size;
   }
   bool ReadRequest(ScriptedRequest* request) {
     std::size_t headEnd = 0;
@@ -84,59 +48,66 @@ class ScriptedServer::Stream {
       if (!ReadMore()) return false;
     }
     request->head = pending_.substr(0, headEnd + 2);
-    const std::size_t size = headEnd + 4 + ContentLength(request->head);
-    while (pending_.size() < size) {
+    const std::size_t length = request->head.find("Content-Length: ");
+    const std::size_t bodySize =
+        length == std::string::npos ? 0 : std::stoul(request->head.substr(length + 16));
+    pending_.erase(0, headEnd + 4);
+    while (pending_.size() < bodySize) {
       if (!ReadMore()) return false;
     }
-    request->body = pending_.substr(headEnd + 4, size - headEnd - 4);
-    pending_.erase(0, size);
+    request->body = pending_.substr(0, bodySize);
+    pending_.erase(0, bodySize);
     return true;
   }
-
- private:
   bool ReadMore() {
     char buffer[16384];
-    const int count = Read(buffer, sizeof(buffer));
+    const int count = BIO_read(bytes_.get(), buffer, sizeof(buffer));
     if (count > 0) pending_.append(buffer, static_cast<std::size_t>(count));
     return count > 0;
   }
 
-  const int socket_;
-  SSL* const ssl_;
+ private:
+  std::unique_ptr<BIO, decltype(&BIO_free_all)> bytes_;
   std::string pending_;
 };
+
+// Returns whether the connection goes on.
+bool Send(Stream& stream, const ScriptedReply& reply) {
+  bool alive = stream.Write(reply.bytes);
+  while (alive && reply.then == ScriptedReply::never) alive = stream.ReadMore();
+  while (alive && reply.then == ScriptedReply::endless) {
+    std::this_thread::sleep_for(reply.pause);
+    alive = stream.Write("a");
+  }
+  return alive && reply.then == ScriptedReply::keepOpen;
+}
+
+}  // namespace
 
 ScriptedReply ScriptedReply::Status(int status, const std::string& headers) {
   const std::string length = status == 204 ? "" : "Content-Length: 0\r\n";
   return {"HTTP/1.1 " + std::to_string(status) + " Scripted\r\n" + length + headers + "\r\n"};
 }
 
-ScriptedServer::ScriptedServer(Script script, Options options)
-    : script_(std::move(script)), options_(options) {
-  listener_ = BindLoopback(options_.ipv6, &port_);
+ScriptedServer::ScriptedServer(Script script, SSL_CTX* tls)
+    : script_(std::move(script)), tls_(tls), listener_(BindLoopback(&port_)) {
   listen(listener_, 64);
   acceptor_ = std::thread([this] { Accept(); });
 }
 
 ScriptedServer::~ScriptedServer() {
-  {
-    const std::lock_guard lock(mutex_);
-    stopped_ = true;
-    changed_.notify_all();
-    for (const Connection& connection : open_) shutdown(connection.socket, SHUT_RDWR);
-  }
   shutdown(listener_, SHUT_RDWR);
   acceptor_.join();
   for (Connection& connection : open_) {
+    shutdown(connection.socket, SHUT_RDWR);
     connection.thread.join();
     ::close(connection.socket);
   }
   ::close(listener_);
 }
 
-std::string ScriptedServer::Url(const std::string& path) const {
-  return std::string(options_.tls ? "https" : "http") + "://" + (options_.ipv6 ? "[::1]" : "127.0.0.1") +
-         ":" + std::to_string(port_) + path;
+std::string ScriptedServer::Url(const std::string& path, const std::string& host) const {
+  return (tls_ ? "https://" : "http://") + host + ":" + std::to_string(port_) + path;
 }
 
 std::vector<ScriptedRequest> ScriptedServer::Requests() const {
@@ -153,57 +124,34 @@ void ScriptedServer::Accept() {
   for (;;) {
     const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) return;
-    const std::lock_guard lock(mutex_);
-    Connection& connection = open_.emplace_back(Connection{socket, ++connections_, {}});
-    if (stopped_) shutdown(socket, SHUT_RDWR);
-    connection.thread = std::thread([this, &connection] { Serve(connection); });
+    ++connections_;
+    open_.push_back({socket, std::thread([this, socket] { Serve(socket); })});
   }
 }
 
-void ScriptedServer::Serve(const Connection& connection) {
+void ScriptedServer::Serve(int socket) {
   // OpenSSL writes without MSG_NOSIGNAL.
   sigset_t brokenPipe;
   sigemptyset(&brokenPipe);
   sigaddset(&brokenPipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
-  Stream stream(connection.socket, options_.tls);
-  bool goOn = stream.Open();
-  while (goOn) {
-    ScriptedRequest request;
-    request.connection = connection.number;
-    if (!stream.ReadRequest(&request)) break;
-    ScriptedReply reply;
-    {
-      const std::lock_guard lock(mutex_);
-      reply = script_(request);
-      requests_.push_back(std::move(request));
-      changed_.notify_all();
-    }
-    goOn = Reply(stream, reply);
-  }
-  shutdown(connection.socket, SHUT_RDWR);
-}
-
-bool ScriptedServer::Reply(Stream& stream, const ScriptedReply& reply) {
-  if (reply.then == ScriptedReply::never) {
-    char byte = 0;
-    while (stream.Read(&byte, 1) > 0) {
-    }
-    return false;
-  }
-  bool written = stream.Write(reply.bytes);
-  while (written && reply.then == ScriptedReply::endless) {
+  Stream stream(socket, tls_);
+  ScriptedRequest request;
+  bool goOn = true;
+  while (goOn && stream.ReadRequest(&request)) {
     std::unique_lock lock(mutex_);
-    if (changed_.wait_for(lock, reply.pause, [this] { return stopped_; })) return false;
+    const ScriptedReply reply = script_(request);
+    requests_.push_back(request);
+    changed_.notify_all();
     lock.unlock();
-    written = stream.Write("a");
+    goOn = Send(stream, reply);
   }
-  return written && reply.then == ScriptedReply::keepOpen;
+  shutdown(socket, SHUT_RDWR);
 }
 
 std::uint16_t ClosedPort() {
   std::uint16_t port = 0;
-  ::close(BindLoopback(false, &port));
+  ::close(BindLoopback(&port));
   return port;
 }
 

@@ -3,7 +3,6 @@
 // It isn't the project's report server: it checks nothing, and it can do what no proper server would.
 #pragma once
 
-#include <netinet/in.h>
 #include <openssl/types.h>
 
 #include <atomic>
@@ -21,7 +20,6 @@ namespace veld_report::tests {
 struct ScriptedRequest {
   std::string head;  // up to the empty line
   std::string body;
-  int connection = 0;  // the how-manieth of the server
 };
 
 // What the server does with a request. The bytes go out as they stand.
@@ -39,19 +37,17 @@ struct ScriptedReply {
 class ScriptedServer {
  public:
   using Script = std::function<ScriptedReply(const ScriptedRequest&)>;
-  struct Options {
-    bool ipv6 = false;
-    SSL_CTX* tls = nullptr;  // not null: HTTPS; borrowed
-  };
-  // `script` is called on the connections' threads, one call at a time.
-  explicit ScriptedServer(Script script) : ScriptedServer(std::move(script), Options()) {}
-  ScriptedServer(Script script, Options options);
+  // `script` is called on the connections' threads, one call at a time. `tls`: borrowed; null: in the clear.
+  explicit ScriptedServer(Script script, SSL_CTX* tls = nullptr);
+  // Gives every request the same reply.
+  explicit ScriptedServer(const ScriptedReply& reply, SSL_CTX* tls = nullptr)
+      : ScriptedServer([reply](const ScriptedRequest&) { return reply; }, tls) {}
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
   ~ScriptedServer();
 
   std::uint16_t Port() const { return port_; }
-  std::string Url(const std::string& path = "/") const;
+  std::string Url(const std::string& path = "/", const std::string& host = "127.0.0.1") const;
   std::vector<ScriptedRequest> Requests() const;
   int Connections() const { return connections_; }
   // Until so many requests have arrived.
@@ -60,26 +56,21 @@ class ScriptedServer {
  private:
   struct Connection {
     int socket;
-    int number;
     std::thread thread;
   };
-  class Stream;
 
-  void Listen();
   void Accept();
-  void Serve(const Connection& connection);
-  bool Reply(Stream& stream, const ScriptedReply& reply);
+  void Serve(int socket);
 
   const Script script_;
-  const Options options_;
-  int listener_ = -1;
+  SSL_CTX* const tls_;
   std::uint16_t port_ = 0;
+  const int listener_;
   std::atomic<int> connections_ = 0;
-  mutable std::mutex mutex_;  // guards the rest, and serialises the script
+  mutable std::mutex mutex_;  // guards the requests, and serialises the script
   mutable std::condition_variable changed_;
-  bool stopped_ = false;
   std::vector<ScriptedRequest> requests_;
-  std::list<Connection> open_;
+  std::list<Connection> open_;  // the acceptor's, until it has ended
   std::thread acceptor_;
 };
 

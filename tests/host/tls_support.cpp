@@ -4,25 +4,14 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
-#include <iomanip>
-#include <sstream>
+#include <cstdio>
 #include <stdexcept>
-#include <vector>
 
 namespace veld_report::tests {
 namespace {
 
 void Require(bool condition, const char* what) {
   if (!condition) throw std::runtime_error(std::string("OpenSSL fails: ") + what);
-}
-
-template <class Write>
-std::string WithMemory(Write&& write) {
-  const std::unique_ptr<BIO, decltype(&BIO_free)> memory(BIO_new(BIO_s_mem()), &BIO_free);
-  Require(write(memory.get()) == 1, "writing PEM");
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(memory.get(), &data);
-  return std::string(data, static_cast<std::size_t>(size));
 }
 
 void AddExtension(X509* certificate, X509* issuer, int kind, const std::string& value) {
@@ -50,26 +39,22 @@ TestCertificate::TestCertificate(const std::string& subject, const TestCertifica
   X509* const issuer = authority ? authority->Certificate() : made;
   X509_set_issuer_name(made, X509_get_subject_name(issuer));
   AddExtension(made, issuer, NID_basic_constraints, authority ? "CA:FALSE" : "critical,CA:TRUE");
-  if (authority) {
-    AddExtension(made, issuer, NID_subject_alt_name, (subject == "127.0.0.1" ? "IP:" : "DNS:") + subject);
-  }
+  if (authority) AddExtension(made, issuer, NID_subject_alt_name, "IP:127.0.0.1");
   Require(X509_sign(made, authority ? authority->Key() : key_.get(), EVP_sha256()) > 0, "signing");
 }
 
 TestCertificate TestCertificate::Authority(const std::string& name) { return TestCertificate(name, nullptr); }
 
-TestCertificate TestCertificate::Server(const std::string& subject, const TestCertificate& authority) {
-  return TestCertificate(subject, &authority);
+TestCertificate TestCertificate::Server(const TestCertificate& authority) {
+  return TestCertificate("127.0.0.1", &authority);
 }
 
 std::string TestCertificate::Pem() const {
-  return WithMemory([&](BIO* memory) { return PEM_write_bio_X509(memory, certificate_.get()); });
-}
-
-std::string TestCertificate::KeyPem() const {
-  return WithMemory([&](BIO* memory) {
-    return PEM_write_bio_PrivateKey(memory, key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
-  });
+  const std::unique_ptr<BIO, decltype(&BIO_free)> memory(BIO_new(BIO_s_mem()), &BIO_free);
+  Require(PEM_write_bio_X509(memory.get(), certificate_.get()) == 1, "writing PEM");
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(memory.get(), &data);
+  return std::string(data, static_cast<std::size_t>(size));
 }
 
 std::string TestCertificate::Pin() const {
@@ -86,9 +71,9 @@ std::string TestCertificate::Pin() const {
 }
 
 std::string TestCertificate::HashedName() const {
-  std::ostringstream name;
-  name << std::hex << std::setw(8) << std::setfill('0') << X509_subject_name_hash(certificate_.get()) << ".0";
-  return name.str();
+  char name[16];
+  std::snprintf(name, sizeof(name), "%08lx.0", X509_subject_name_hash(certificate_.get()));
+  return name;
 }
 
 std::shared_ptr<SSL_CTX> ServerContext(const TestCertificate& certificate, int newest) {

@@ -14,11 +14,10 @@ class TestCertificate {
  public:
   // Signs itself.
   static TestCertificate Authority(const std::string& name);
-  // For 127.0.0.1 if `subject` is that, else for a host name. Signed by the authority.
-  static TestCertificate Server(const std::string& subject, const TestCertificate& authority);
+  // For 127.0.0.1, signed by the authority.
+  static TestCertificate Server(const TestCertificate& authority);
 
   std::string Pem() const;
-  std::string KeyPem() const;
   // "sha256//..." of the public key.
   std::string Pin() const;
   // The name under which OpenSSL looks for it in a folder.
