@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/hash/queue_name.h"
@@ -91,6 +92,41 @@ TEST_F(Kit, SignedMessagesPassTheVerifierAndListenersHear) {
   ASSERT_EQ(finished.size(), 1u);
   EXPECT_EQ(finished[0].url, server->Url());
   EXPECT_EQ(finished[0].result, zel::sOk);
+}
+
+TEST_F(Kit, AHeldBackUrlIsToldAboutAndDoesNotHoldTheOthersUp) {
+  const tests::ScriptedServer busy(tests::ScriptedReply::Status(503, "Retry-After: 600\r\n"));
+  const auto healthy = Serve("out");
+  std::string busyUrl = busy.Url("/in");
+  busyUrl.insert(busyUrl.find("//") + 2, "user:secret@");
+  std::string trace;
+  HostKitOptions options = Options({{busyUrl, "busy"}, {healthy->Url(), "healthy"}});
+  options.settings.sendTimeoutS = 3600;
+  options.trace = {.level = 700, .sink = [&](std::string_view line) { trace.append(line).append("\n"); }};
+  HostKit kit(options);
+  kit.SubmitJson("busy", R"({"n":1})");
+  RunCycle(kit);
+  for (int i = 0; i < 6; ++i) {
+    kit.SubmitJson("healthy", "{\"n\":" + std::to_string(i) + "}");
+    RunCycle(kit);
+  }
+  // Whatever the order of each walk, the cycle that the held-back request cut short came again.
+  const auto deadline = steady_clock::now() + seconds(10);
+  for (std::uint64_t runs = 0; Stored("out").size() < 6 && steady_clock::now() < deadline;) {
+    kit.Timer().WaitForRun(std::exchange(runs, kit.Timer().RunsStarted()), steady_clock::now() + seconds(1));
+  }
+  EXPECT_EQ(Stored("out").size(), 6u);
+
+  const auto states = UrlStateFile::Read(folder_.Path() / "store");
+  ASSERT_EQ(states.size(), 2u);
+  EXPECT_EQ(states[0].queueName, QueueNameOfUrl(busyUrl));
+  EXPECT_EQ(states[0].http.url, busy.Url("/in"));
+  EXPECT_TRUE(states[0].http.waitsUntil.has_value());
+  EXPECT_FALSE(states[1].http.waitsUntil.has_value());
+  kit.Close();
+  EXPECT_FALSE(UrlStateFile::Read(folder_.Path() / "store")[0].http.waitsUntil.has_value());
+  EXPECT_THAT(trace, testing::HasSubstr("MakeRequest for url " + busy.Url("/in")));
+  EXPECT_THAT(trace, testing::Not(testing::HasSubstr("secret")));
 }
 
 TEST_F(Kit, WhatAnEarlierRunLeftBehindGoesAfterANudge) {
