@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "contract/io.h"
+#include "host/base/host_object.h"
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
 
