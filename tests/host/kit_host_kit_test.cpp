@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -73,6 +75,36 @@ TEST_F(Kit, RecordsReachTheServersOfTheirConsumersAndNothingIsLeft) {
   EXPECT_EQ(kit.Queues().TotalWaiting().items, 0);
   EXPECT_TRUE(kit.Close());
   EXPECT_EQ(kit.SubmitJson("", "{}").code, zel::eNotInitialized);
+}
+
+TEST_F(Kit, ASecondAddressOfANameIsTriedWhereTheFirstAnswersNobody) {
+  const auto server = Serve("out");
+  const std::string port = std::to_string(server->Port());
+  HostKitOptions options = Options({{"http://two-addresses.test:" + port + "/in"}});
+  options.http.resolve = {"two-addresses.test:" + port + ":127.0.0.2,127.0.0.1"};
+  options.http.proxy = "";
+  HostKit kit(options);
+  kit.SubmitJson("", R"({"n":1})");
+  RunCycle(kit);
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"n":1})"));
+}
+
+TEST_F(Kit, AServerIsReachedByIPv6) {
+  server::ReportServerOptions serverOptions;
+  serverOptions.address = "::1";
+  serverOptions.outPath = (folder_.Path() / "out").string();
+  std::unique_ptr<server::ReportServer> server;
+  try {
+    server = std::make_unique<server::ReportServer>(serverOptions);
+  } catch (const std::runtime_error& error) {
+    GTEST_SKIP() << "this machine has no IPv6 loopback: " << error.what();
+  }
+  HostKitOptions options = Options({{server->Url()}});
+  options.http.proxy = "";
+  HostKit kit(options);
+  kit.SubmitJson("", R"({"n":1})");
+  RunCycle(kit);
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"n":1})"));
 }
 
 TEST_F(Kit, SignedMessagesPassTheVerifierAndListenersHear) {
