@@ -6,6 +6,13 @@ option(VELD_TESTS "Build the tests" ON)
 option(VELD_FUZZ "Build the fuzz targets; needs clang" OFF)
 set(VELD_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
 
+# The benchmarks count allocations by a malloc of their own, which a sanitizer has too.
+find_package(benchmark QUIET)
+find_path(VELD_RAPIDJSON_INCLUDE rapidjson/writer.h)
+include(CMakeDependentOption)
+cmake_dependent_option(VELD_BENCH "Build the benchmarks" ON
+  "benchmark_FOUND;VELD_RAPIDJSON_INCLUDE;NOT VELD_SANITIZE" OFF)
+
 find_program(VELD_CCACHE ccache)
 if(VELD_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_C_COMPILER_LAUNCHER ${VELD_CCACHE})

@@ -1,0 +1,34 @@
+// The record that the benchmarks send: five fields of the usual kinds, 135 bytes as JSON unless stretched.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "veld_report/record.h"
+
+namespace veld_report::bench {
+
+struct Opened {
+  std::string event = "document_opened";
+  std::string document = "/home/user/reports/quarterly-2026-03-final.docx";
+  std::int64_t number = 1234567;
+  double durationMs = 183.25;
+  bool ok = true;
+};
+VELD_RECORD(Opened, 0xbe0c4001, event, document, number, durationMs, ok)
+
+// As JSON, with a number of seven digits.
+inline constexpr std::size_t openedBytes = 135;
+
+// A record of `bytes` as JSON (at least 100), its number kept at seven digits.
+inline Opened OpenedOfSize(std::size_t bytes) {
+  Opened record;
+  const std::size_t fixed = openedBytes - record.document.size();
+  record.document.resize(bytes > fixed ? bytes - fixed : 0, 'x');
+  return record;
+}
+
+inline zel::AnyPtr AnyOf(Opened& record) { return zel::AnyPtr(&record, VeldRecordDescriptor(&record)); }
+
+}  // namespace veld_report::bench

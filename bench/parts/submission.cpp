@@ -1,0 +1,166 @@
+// SendStatistic: what a producer pays for a call.
+#include <benchmark/benchmark.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <barrier>
+#include <charconv>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <thread>
+#include <vector>
+
+#include "bench/common/allocations.h"
+#include "bench/common/module_host.h"
+#include "bench/common/record.h"
+#include "bench/common/token_json.h"
+
+namespace veld_report::bench {
+namespace {
+
+// Calls between two drains: few enough that the memory that a call takes is memory that was used before.
+constexpr int callsInARow = 20000;
+
+double ThreadCpuSeconds() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+ModuleHostOptions TokenHost() {
+  ModuleHostOptions options;
+  options.storages = CreateTokenStorages();
+  options.serializer = CreateTokenSerializer();
+  return options;
+}
+
+// One run of calls on this thread, and what they took.
+struct Run {
+  double wallSeconds = 0;
+  double cpuSeconds = 0;
+  std::uint64_t allocations = 0;
+
+  void Measure(ModuleHost& host, Opened& record) {
+    const std::uint64_t allocationsBefore = AllocationsOfThisThread();
+    const double cpuBefore = ThreadCpuSeconds();
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < callsInARow; ++i) {
+      record.number = 1000000 + i;
+      host.Submit(AnyOf(record));
+    }
+    wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    cpuSeconds = ThreadCpuSeconds() - cpuBefore;
+    allocations = AllocationsOfThisThread() - allocationsBefore;
+  }
+};
+
+// Wall and CPU time of one call and its allocations, in every library of the process. The reported time is
+// that of callsInARow calls of each thread at once; `wall_ns` and `cpu_ns` are those of one call.
+void Submission(benchmark::State& state, const ModuleHostOptions& options) {
+  const auto threadCount = static_cast<std::size_t>(state.range(0));
+  ModuleHost host(options);
+  std::vector<Opened> records(threadCount);
+  // Once around, so that the deque and the heap have their blocks.
+  Run().Measure(host, records[0]);
+  host.Drain();
+  if (host.queues->lastSize != openedBytes) return state.SkipWithError("the record isn't 135 bytes of JSON");
+
+  double wall = 0, cpu = 0;
+  std::uint64_t allocations = 0;
+  for (auto _ : state) {
+    std::vector<Run> runs(threadCount);
+    std::barrier start(static_cast<std::ptrdiff_t>(threadCount));
+    std::vector<std::thread> others;
+    const auto body = [&](std::size_t index) {
+      start.arrive_and_wait();
+      runs[index].Measure(host, records[index]);
+    };
+    for (std::size_t i = 1; i < threadCount; ++i) others.emplace_back(body, i);
+    body(0);
+    for (std::thread& other : others) other.join();
+    double longest = 0;
+    for (const Run& run : runs) {
+      longest = std::max(longest, run.wallSeconds);
+      wall += run.wallSeconds;
+      cpu += run.cpuSeconds;
+      allocations += run.allocations;
+    }
+    state.SetIterationTime(longest);
+    host.Drain();
+  }
+  const double calls =
+      static_cast<double>(state.iterations()) * callsInARow * static_cast<double>(threadCount);
+  state.counters["wall_ns"] = wall / calls * 1e9;
+  state.counters["cpu_ns"] = cpu / calls * 1e9;
+  state.counters["allocations"] = static_cast<double>(allocations) / calls;
+
+  // How many of them go to the host's allocator, by a host of its own: counting isn't free.
+  ModuleHostOptions counting = options;
+  const auto allocator = host::MakeObject<CountingAllocator>();
+  counting.allocator = allocator;
+  ModuleHost countingHost(counting);
+  const std::uint64_t blocksBefore = allocator->blocks;
+  Run().Measure(countingHost, records[0]);
+  state.counters["host_allocations"] = static_cast<double>(allocator->blocks - blocksBefore) / callsInARow;
+}
+
+void SubmissionKit(benchmark::State& state) { Submission(state, {}); }
+BENCHMARK(SubmissionKit)->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void SubmissionWriteAToken(benchmark::State& state) { Submission(state, TokenHost()); }
+BENCHMARK(SubmissionWriteAToken)->ArgName("threads")->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The floor: the same text by hand into a buffer that is there.
+char* Copy(char* out, std::string_view text) {
+  std::memcpy(out, text.data(), text.size());
+  return out + text.size();
+}
+
+void JsonByHand(benchmark::State& state) {
+  Opened record;
+  char buffer[256];
+  for (auto _ : state) {
+    ++record.number;
+    char* out = Copy(buffer, R"({"event":")");
+    out = Copy(out, record.event);
+    out = Copy(out, R"(","document":")");
+    out = Copy(out, record.document);
+    out = Copy(out, R"(","number":)");
+    out = std::to_chars(out, buffer + sizeof(buffer), record.number).ptr;
+    out = Copy(out, R"(,"durationMs":)");
+    out = std::to_chars(out, buffer + sizeof(buffer), record.durationMs).ptr;
+    out = Copy(out, record.ok ? R"(,"ok":true})" : R"(,"ok":false})");
+    benchmark::DoNotOptimize(out);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(JsonByHand);
+
+// What a user would take for the text alone.
+void JsonRapidJson(benchmark::State& state) {
+  Opened record;
+  rapidjson::StringBuffer buffer;
+  for (auto _ : state) {
+    ++record.number;
+    buffer.Clear();
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writer.StartObject();
+    writer.Key("event");
+    writer.String(record.event.data(), static_cast<rapidjson::SizeType>(record.event.size()));
+    writer.Key("document");
+    writer.String(record.document.data(), static_cast<rapidjson::SizeType>(record.document.size()));
+    writer.Key("number");
+    writer.Int64(record.number);
+    writer.Key("durationMs");
+    writer.Double(record.durationMs);
+    writer.Key("ok");
+    writer.Bool(record.ok);
+    writer.EndObject();
+    benchmark::DoNotOptimize(buffer.GetString());
+  }
+}
+BENCHMARK(JsonRapidJson);
+
+}  // namespace
+}  // namespace veld_report::bench
