@@ -22,7 +22,7 @@ class FakeHashFactory final : public FakeObject<crypto::hash::IHashCalculatorFac
     if (const auto code = world().script.Enter("CreateCalculator")) return code;
     if (algorithm != queueNameAlgorithm) Fault("HashFactory: algorithm " + std::to_string(algorithm));
     *out = MakeFake<Calculator>(world(), *this).Detach();
-    return zel::sOk;
+    return world().Done();
   }
 
   // Other digests, for texts by their bytes in memory. To be filled before anything is hashed.
@@ -37,16 +37,18 @@ class FakeHashFactory final : public FakeObject<crypto::hash::IHashCalculatorFac
     zel::ResultCode ReservedHashOperation0() override { return Reserved(); }
     zel::ResultCode Update(const zel::ByteRange* bytes) override {
       Use();
+      if (const auto code = world().script.Enter("Update")) return code;
       if (updates_++ > 0) Fault("HashCalculator: a second Update");
       text_.resize(static_cast<std::size_t>(bytes->end - bytes->begin) / 2);
       std::memcpy(text_.data(), bytes->begin, 2 * text_.size());
-      return zel::sOk;
+      return world().Done();
     }
     zel::ResultCode ReservedHashOperation2() override { return Reserved(); }
     zel::ResultCode ReservedHashOperation3() override { return Reserved(); }
     zel::ResultCode ReservedHashOperation4() override { return Reserved(); }
     zel::ResultCode Finish(std::uint8_t* digest) override {
       Use();
+      if (const auto code = world().script.Enter("Finish")) return code;
       if (updates_ != 1) Fault("HashCalculator: Finish without Update");
       const auto found = factory_.chosen.find(text_);
       if (found == factory_.chosen.end()) {
@@ -54,7 +56,7 @@ class FakeHashFactory final : public FakeObject<crypto::hash::IHashCalculatorFac
       } else {
         std::memcpy(digest, found->second.data(), sizeof(Digest));
       }
-      return zel::sOk;
+      return world().Done();
     }
 
    private:

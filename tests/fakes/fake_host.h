@@ -46,7 +46,7 @@ class FakeSignature final : public FakeObject<orvel::ISignatureProvider> {
     if (signatureBlock->allocator.Service()) Fault("SignatureProvider: the block has an allocator");
     payload.assign(bytes->begin, bytes->end);
     signatureBlock->assign(reinterpret_cast<const std::uint8_t*>(block.data()), block.size());
-    return world().Enter("Sign");
+    return world().Answer("Sign");
   }
   std::string block = "\xfb\xff";
   std::string payload;  // of the last call
@@ -60,7 +60,7 @@ class FakeNotification final : public FakeObject<orvel::IRequestsNotification> {
     const std::string detail = std::string(notification->source.View()) + " " +
                                std::to_string(notification->resultCode) + " " +
                                std::string(notification->url.View());
-    return world().Enter("OnRequestFinished", detail);
+    return world().Answer("OnRequestFinished", detail);
   }
 };
 
@@ -76,8 +76,10 @@ class FakeLocator final : public FakeObject<zel::IServiceLocator> {
       lookUps_.push_back(interfaceId);
     }
     if (const auto code = world().script.Enter(LookUpOperation(interfaceId)); code < 0) return code;
+    const zel::ResultCode done = world().Done();
+    const Script::HostsOwn queries;
     for (zel::IObject* service : services) {
-      if (service->QueryInterface(interfaceId, out) == zel::sOk) return zel::sOk;
+      if (service->QueryInterface(interfaceId, out) == zel::sOk) return done;
     }
     return zel::eNotFound;
   }

@@ -64,7 +64,7 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
       WaitFor(cancelled_);
       std::thread([this] { Complete(HttpAnswer::Failure(zel::eOperationCancelled)); }).join();
     }
-    return answer_.waitResult;
+    return answer_.waitResult != zel::sOk ? answer_.waitResult : world().Done();
   }
 
   zel::ResultCode Cancel() override {
@@ -143,6 +143,7 @@ class FakeHttpClient final
     std::string shown;
     for (const char16_t unit : url.View()) shown.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
     if (const auto code = world().Enter("MakeRequestAsync", shown)) return code;
+    const zel::ResultCode done = world().Done();
     CheckOptions(options);
     if (!requestKind || *requestKind != 1) Fault("HttpClient: the kind of the request isn't 1");
     if (reserved) Fault("HttpClient: the reserved argument isn't null");
@@ -159,7 +160,7 @@ class FakeHttpClient final
     }
     guard.unlock();
     if (answer.when == HttpAnswer::When::atOnce) made->Complete(answer);
-    return zel::sOk;
+    return done;
   }
   zel::ResultCode SetCertificates(const network_services::CertificateRange* table) override {
     Use();
@@ -170,7 +171,7 @@ class FakeHttpClient final
     for (const auto* row = table->begin; row != table->end; ++row) {
       certificates.emplace_back(row->begin, row->end);
     }
-    return zel::sOk;
+    return world().Done();
   }
 
   // The answers of the coming requests, in order; when they run out, `usual` answers.
@@ -255,7 +256,7 @@ class FakeHttpClientFactory final : public FakeObject<network_services::IHttpCli
     if (const auto code = world().Enter("CreateClient")) return code;
     client_->AddRef();
     *out = client_;
-    return zel::sOk;
+    return world().Done();
   }
 
  private:

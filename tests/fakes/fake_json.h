@@ -35,7 +35,8 @@ class FakeStorage final : public FakeObject<zel::IStorage> {
     Use();
     const zel::ResultCode result = WriteOut(0);
     const zel::ResultCode scripted = world().script.Enter("Flush");
-    return scripted != zel::sOk ? scripted : result;
+    if (scripted != zel::sOk) return scripted;
+    return result < 0 ? result : world().Done();
   }
   zel::ResultCode Put(std::string_view text) {
     Use();
@@ -72,7 +73,7 @@ class FakeJsonStorageFactory final : public FakeObject<zel::IJsonStorageFactory>
       Fault("JsonStorageFactory: options other than -1, -1, 1, 0");
     }
     *out = MakeFake<FakeStorage>(world(), stream).Detach();
-    return zel::sOk;
+    return world().Done();
   }
 };
 
@@ -93,10 +94,11 @@ class FakeErrorInfo final : public FakeObject<zel::ISerializeErrorInfo> {
   zel::ResultCode ReservedErrorOperation() override { return Reserved(); }
   zel::ResultCode GetErrorLocation(zel::SerializeErrorLocation* location) override {
     Use();
+    if (const auto code = world().script.Enter("GetErrorLocation")) return code;
     location->objectName = zel::string(std::string_view(context_.objectName));
     location->fieldName = zel::string(std::string_view(context_.fieldName));
     location->index = context_.index;
-    return context_.locationResult;
+    return context_.locationResult != zel::sOk ? context_.locationResult : world().Done();
   }
 
  private:
@@ -118,7 +120,10 @@ class FakeSerializer final : public FakeObject<zel::IStorageSerializer2> {
       if (context.given) *out = MakeFake<FakeErrorInfo>(world(), context).Detach();
       return code;
     }
-    return static_cast<FakeStorage&>(*storage).Put(Json(object->object, *object->descriptor));
+    const zel::ResultCode done = world().Done();
+    const zel::ResultCode put =
+        static_cast<FakeStorage&>(*storage).Put(Json(object->object, *object->descriptor));
+    return put < 0 ? put : done;
   }
 
   SerializeContext context;

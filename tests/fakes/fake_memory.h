@@ -23,6 +23,7 @@ class FakeAllocator final : public FakeObject<zel::IAllocator> {
   // Gives null too where the program's own heap has run dry.
   void* Allocate(std::uint64_t size) override {
     Use();
+    if (world().script.Enter("Allocate") != zel::sOk) return nullptr;
     const std::lock_guard guard(lock_);
     ++allocations_;
     if (failAt_ > 0 && --failAt_ == 0) return nullptr;

@@ -53,7 +53,7 @@ class FakeObject : public Interfaces..., public LedgerEntry {
     }
     if (!*out) return zel::eInterfaceNotSupported;
     AddRef();
-    return zel::sOk;
+    return world_.script.Done();
   }
 
   const std::string& Name() const override { return name_; }

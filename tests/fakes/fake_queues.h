@@ -67,7 +67,7 @@ class FakeProducer final : public FakeObject<orvel::IQueueProducer> {
     for (const QueueStore::Item& item : queue) total += item.bytes.size();
     if (total > sizeLimitBytes_) return zel::eOutOfSpace;
     queue.push_back({++store.lastToken, std::move(bytes), nullptr});
-    return zel::sOk;
+    return world().Done();
   }
 
  private:
@@ -136,7 +136,7 @@ class FakeConsumer final : public FakeObject<orvel::IAckConsumer> {
     } else {
       item->holder = nullptr;
     }
-    return zel::sOk;
+    return world().Done();
   }
   void OnEnd() override {
     QueueStore& store = place_.store;
@@ -163,7 +163,7 @@ class FakeManager final : public FakeObject<orvel::IQueueManager> {
     if (const auto code = world().Enter("RemoveQueue", Short(Text(queueName)))) return code;
     std::lock_guard guard(store_.lock);
     const auto removed = store_.queues.erase({domain_, Text(queueName)});
-    return removed ? zel::sOk : zel::eNotFound;
+    return removed ? world().Done() : zel::eNotFound;
   }
   zel::ResultCode EnumerateQueues(zel::vector_t<zel::string>* names) override {
     Use();
@@ -177,7 +177,7 @@ class FakeManager final : public FakeObject<orvel::IQueueManager> {
       names->push_back(zel::string(std::string_view(name)));
     }
     // Scripted failures leave the names behind: whether a caller looks at them shows.
-    return world().Enter("EnumerateQueues");
+    return world().Answer("EnumerateQueues");
   }
 
  private:
@@ -195,7 +195,7 @@ class FakeQueueFactory final : public FakeObject<orvel::IQueueFactory> {
     const QueueStore::Key key(Text(domain), Text(queueName));
     if (const auto code = world().Enter("CreateAckConsumer", Short(key.second))) return code;
     *out = MakeFake<FakeConsumer>(world(), QueuePlace{store, key}).Detach();
-    return zel::sOk;
+    return world().Done();
   }
   zel::ResultCode CreateProducer(const zel::string& domain, const zel::string& queueName,
                                  std::uint32_t sizeLimitBytes, orvel::IQueueProducer** out) override {
@@ -206,13 +206,13 @@ class FakeQueueFactory final : public FakeObject<orvel::IQueueFactory> {
     std::lock_guard guard(store.lock);
     store.queues[key];
     *out = MakeFake<FakeProducer>(world(), QueuePlace{store, key}, sizeLimitBytes).Detach();
-    return zel::sOk;
+    return world().Done();
   }
   zel::ResultCode CreateQueueManager(const zel::string& domain, orvel::IQueueManager** out) override {
     CheckDomain(domain);
     if (const auto code = world().Enter("CreateQueueManager")) return code;
     *out = MakeFake<FakeManager>(world(), store, Text(domain)).Detach();
-    return zel::sOk;
+    return world().Done();
   }
 
   // The test's own view of the domain "veld_rep".

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <map>
 #include <mutex>
 #include <set>
@@ -32,7 +33,7 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
     const std::uint64_t due = nowMs_ + delayMs;
     const auto place = pending_.emplace(sink, due).first;
     place->second = std::min(place->second, due);
-    return zel::sOk;
+    return world().Done();
   }
   zel::ResultCode DisarmTimer(zel::IRunnable* sink) override {
     Use();
@@ -40,11 +41,18 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
     std::lock_guard guard(lock_);
     if (policing && !RunsHere(sink)) Fault("TimerService: DisarmTimer from outside Run");
     pending_.erase(sink);
-    return zel::sOk;
+    return world().Done();
   }
   zel::ResultCode CancelTimer(zel::IRunnable* sink) override {
     Use();
-    const auto code = world().Enter("CancelTimer");
+    zel::ResultCode code = zel::sOk;
+    std::exception_ptr thrown;
+    try {
+      code = world().Answer("CancelTimer");
+    } catch (...) {
+      thrown = std::current_exception();
+    }
+    // Whatever it is to answer, it cancels: a sink that stayed armed would outlive its owner.
     std::unique_lock guard(lock_);
     if (RunsHere(sink)) {
       if (policing) Fault("TimerService: CancelTimer from inside Run");
@@ -58,6 +66,7 @@ class FakeTimer final : public FakeObject<zel::ITimerService> {
     if (!ended) Fault("TimerService: Run didn't end within 30 seconds of CancelTimer");
     // A Run that was in progress may have armed the sink again.
     pending_.erase(sink);
+    if (thrown) std::rethrow_exception(thrown);
     return code;
   }
 

@@ -20,6 +20,7 @@ class FakeTracer final : public FakeObject<zel::ITracer> {
 
   zel::ResultCode AcquireBuffer(std::uint32_t level, char** buffer, std::uint64_t size) override {
     Use();
+    if (const auto code = world().script.Enter("AcquireBuffer")) return code;
     const std::lock_guard guard(lock_);
     asked_.push_back((level == growLevel ? "grow" : std::to_string(level)) + " " + std::to_string(size));
     std::string line = std::to_string(level) + " ";
@@ -42,14 +43,8 @@ class FakeTracer final : public FakeObject<zel::ITracer> {
   }
   zel::ResultCode CommitBuffer(char* buffer, std::uint64_t length) override {
     Use();
-    const std::lock_guard guard(lock_);
-    const auto found = buffers_.find(buffer);
-    if (found == buffers_.end() || length > found->second.second.size()) {
-      Fault("Tracer: a buffer that isn't out, or a line longer than its buffer");
-      return zel::eInvalidArgument;
-    }
-    lines_.push_back(found->second.first.append(buffer, length));
-    buffers_.erase(found);
+    Take(buffer, length);
+    static_cast<void>(world().script.Enter("CommitBuffer"));
     return zel::eUnexpected;  // nobody may look at it
   }
 
@@ -74,6 +69,16 @@ class FakeTracer final : public FakeObject<zel::ITracer> {
   std::atomic<bool> refuseGrowth{false};
 
  private:
+  void Take(char* buffer, std::uint64_t length) {
+    const std::lock_guard guard(lock_);
+    const auto found = buffers_.find(buffer);
+    if (found == buffers_.end() || length > found->second.second.size()) {
+      return Fault("Tracer: a buffer that isn't out, or a line longer than its buffer");
+    }
+    lines_.push_back(found->second.first.append(buffer, length));
+    buffers_.erase(found);
+  }
+
   mutable std::mutex lock_;
   // The line's level and the memory, by its address.
   std::map<char*, std::pair<std::string, std::vector<char>>> buffers_;

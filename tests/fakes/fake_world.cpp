@@ -7,6 +7,12 @@
 #include <utility>
 
 namespace veld_report::fakes {
+namespace {
+
+// The operation that this thread has entered last answers 1 when it is done.
+thread_local bool answersPositive = false;
+
+}  // namespace
 
 void EventLog::Add(std::string event) {
   std::lock_guard guard(lock_);
@@ -29,6 +35,7 @@ std::vector<std::string> EventLog::TakeOnly(const std::vector<std::string>& pref
 
 void Script::Do(std::string_view operation, Action action, int nth, int times) {
   std::lock_guard guard(lock_);
+  idle_ = false;
   entries_[std::string(operation)].push_back({std::move(action), nth - 1, times});
 }
 
@@ -45,9 +52,50 @@ void Script::Throw(std::string_view operation, int nth) {
 void Script::Clear() {
   std::lock_guard guard(lock_);
   entries_.clear();
+  failAt_ = 0;
+  idle_ = true;
+}
+
+void Script::FailCall(int nth, Failure failure, bool onwards) {
+  std::lock_guard guard(lock_);
+  failure_ = failure;
+  failAt_ = nth;
+  onwards_ = onwards;
+  failed_.clear();
+  idle_ = false;
+}
+
+std::string Script::StopFailing() {
+  std::lock_guard guard(lock_);
+  failAt_ = 0;
+  return std::exchange(failed_, {});
+}
+
+bool Script::FailsNow(std::string_view operation) {
+  std::lock_guard guard(lock_);
+  if (failAt_ == 0 || HostsOwn::depth > 0 || (failAt_ > 1 && --failAt_ > 0)) return false;
+  if (failed_.empty()) failed_ = operation;
+  if (!onwards_) failAt_ = 0;
+  return true;
+}
+
+zel::ResultCode Script::Done() {
+  return HostsOwn::depth == 0 && std::exchange(answersPositive, false) ? 1 : zel::sOk;
 }
 
 zel::ResultCode Script::Enter(std::string_view operation) {
+  if (HostsOwn::depth == 0) answersPositive = false;
+  if (idle_) return zel::sOk;
+  const zel::ResultCode code = RunActions(operation);
+  if (code != zel::sOk || !FailsNow(operation)) return code;
+  if (failure_ == Failure::throwing) throw std::runtime_error("scripted");
+  if (failure_ == Failure::negative) return negativeCode;
+  if (operation == "Read" || operation == "AcquireBuffer" || operation == "IsBackgroundDisabled") return 1;
+  answersPositive = true;
+  return zel::sOk;
+}
+
+zel::ResultCode Script::RunActions(std::string_view operation) {
   std::vector<Action> due;
   {
     std::lock_guard guard(lock_);
@@ -67,6 +115,11 @@ zel::ResultCode Script::Enter(std::string_view operation) {
     if (const zel::ResultCode result = action()) code = result;
   }
   return code;
+}
+
+zel::ResultCode FakeWorld::Answer(std::string_view operation, std::string_view detail) {
+  const zel::ResultCode code = Enter(operation, detail);
+  return code != zel::sOk ? code : Done();
 }
 
 void Ledger::Adopt(std::unique_ptr<LedgerEntry> entry) {

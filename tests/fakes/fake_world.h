@@ -5,6 +5,7 @@
 // tombstone until the world goes, so that such a fault is a failed test and not a crash.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -34,6 +35,8 @@ class EventLog {
 };
 
 // What is to happen at the nth call of an operation, counted from the moment of scripting. Threads: any.
+//
+// FailCall is for sweeps: it counts the calls of all operations together.
 class Script {
  public:
   // A non-zero result becomes that of the operation, which then does nothing else.
@@ -44,8 +47,31 @@ class Script {
   void Fail(std::string_view operation, zel::ResultCode code, int nth = 1, int times = 1);
   void Throw(std::string_view operation, int nth = 1);  // a std::runtime_error with the text "scripted"
   void Clear();
+
+  // How one call fails. positive: the operation does its work and answers 1, but for those to which any other
+  // answer than 0 is a no; they answer 1 and do nothing.
+  enum class Failure { negative, positive, throwing };
+  static constexpr zel::ResultCode negativeCode = zel::MakeResultCode(0x80000045);
+  // The nth call from here on, of whatever operation, fails; with `onwards` each one behind it too.
+  void FailCall(int nth, Failure failure, bool onwards = false);
+  // The operation whose call has failed first, empty if none has. Ends the failing.
+  std::string StopFailing();
+
   // The fakes call it once for each call of an operation. Runs the actions of this call, outside the lock.
   zel::ResultCode Enter(std::string_view operation);
+  // What an operation that has done its work answers, asked for on the thread that has entered it and before
+  // it enters another one.
+  zel::ResultCode Done();
+
+  // While it stands, calls of this thread are the host's own, and FailCall doesn't count them.
+  class HostsOwn {
+   public:
+    HostsOwn() { ++depth; }
+    ~HostsOwn() { --depth; }
+    HostsOwn(const HostsOwn&) = delete;
+    HostsOwn& operator=(const HostsOwn&) = delete;
+    static inline thread_local int depth = 0;
+  };
 
  private:
   struct Entry {
@@ -53,8 +79,17 @@ class Script {
     int skip;
     int left;
   };
+  zel::ResultCode RunActions(std::string_view operation);
+  // Whether this call is one of those that FailCall has asked for.
+  bool FailsNow(std::string_view operation);
+
+  std::atomic<bool> idle_{true};  // nothing is scripted, and nothing needs the lock
   std::mutex lock_;
   std::map<std::string, std::deque<Entry>, std::less<>> entries_;
+  Failure failure_ = Failure::negative;
+  int failAt_ = 0;  // counts down to 1, the call that fails; 0: none does
+  bool onwards_ = false;
+  std::string failed_;
 };
 
 // One object of a fake, alive or not.
@@ -83,6 +118,9 @@ struct FakeWorld {
 
   // Logs the call and asks the script.
   zel::ResultCode Enter(std::string_view operation, std::string_view detail = {});
+  zel::ResultCode Done() { return script.Done(); }
+  // Both, for an operation that has done its work already.
+  zel::ResultCode Answer(std::string_view operation, std::string_view detail = {});
 };
 
 // Fails the running test.
