@@ -104,7 +104,8 @@ void HostKit::RegisterServices(const HostKitOptions& options) {
   locator.Register<zel::IAllocator>(allocator_);
   locator.Register<zel::ITracer>(tracer_);
   locator.Register<crypto::hash::IHashCalculatorFactory>(MakeObject<HashService>());
-  locator.Register<orvel::IQueueFactory>(queues_);
+  const zel::Ref<orvel::IQueueFactory> queues(queues_);
+  locator.Register<orvel::IQueueFactory>(options.wrapQueues ? options.wrapQueues(queues) : queues);
   locator.Register<network_services::IHttpClientFactory>(MakeObject<StoppableHttpFactory>(http_, httpStop_));
   locator.Register<zel::ITimerService>(timer_);
   locator.Register<orvel::IExecutionModeProvider>(mode_);

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "contract/queue.h"
 #include "host/http/http_client.h"
 #include "host/notification/function_notification.h"
 #include "host/queue/queue_service_options.h"
@@ -35,6 +37,9 @@ struct HostKitOptions {
   LineTracerOptions trace{.level = 0};
   std::string signingKeyFile{};  // an Ed25519 private key in PEM form; empty: messages go unsigned
   FunctionNotification::Function onRequestFinished{};  // may be empty
+  // If set, called once with the queue service; the module gets what it returns in place of that. For those
+  // who measure or watch what passes between the two.
+  std::function<zel::Ref<orvel::IQueueFactory>(zel::Ref<orvel::IQueueFactory>)> wrapQueues{};
 };
 
 }  // namespace veld_report::host
