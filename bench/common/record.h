@@ -18,14 +18,15 @@ struct Opened {
 };
 VELD_RECORD(Opened, 0xbe0c4001, event, document, number, durationMs, ok)
 
-// As JSON, with a number of seven digits.
+// As JSON, while the number has seven digits.
 inline constexpr std::size_t openedBytes = 135;
 
-// A record of `bytes` as JSON (at least 100), its number kept at seven digits.
-inline Opened OpenedOfSize(std::size_t bytes) {
+// A record of `bytes` as JSON (at least 100), while its number has as many digits as `number`.
+inline Opened OpenedOfSize(std::size_t bytes, std::int64_t number) {
   Opened record;
-  const std::size_t fixed = openedBytes - record.document.size();
-  record.document.resize(bytes > fixed ? bytes - fixed : 0, 'x');
+  record.number = number;
+  const std::size_t others = openedBytes - 7 + std::to_string(number).size() - record.document.size();
+  record.document.resize(bytes > others ? bytes - others : 0, 'x');
   return record;
 }
 

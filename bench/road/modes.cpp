@@ -1,0 +1,225 @@
+#include "bench/road/modes.h"
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "bench/road/road_host.h"
+#include "bench/road/sink.h"
+#include "host/hash/queue_name.h"
+
+namespace veld_report::bench {
+namespace {
+
+SinkOptions SinkFor(const RoadOptions& options) {
+  return {.port = static_cast<std::uint16_t>(options.port),
+          .count = options.count,
+          .firstNumber = firstNumber,
+          .mostNumbers = std::max(options.records, options.fill)};
+}
+
+double Middle(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+// What `items` have cost.
+void SetCost(Result& result, double items, double wallSeconds, double cpuSeconds) {
+  result.Set("seconds", wallSeconds);
+  result.Set("recordsPerSecond", items / wallSeconds);
+  result.Set("cpuUsPerRecord", cpuSeconds / items * 1e6);
+}
+
+void SetMemory(Result& result, std::uint64_t residentBeforeKb) {
+  result.Set("residentBeforeKb", residentBeforeKb);
+  result.Set("peakKb", PeakKb());
+}
+
+void SetSink(Result& result, const Sink& sink, bool counted) {
+  result.Set("requests", sink.Counters().requests.load());
+  result.Set("bodyBytes", sink.Counters().bodyBytes.load());
+  if (!counted) return;
+  result.Set("itemsAtSink", sink.Counters().items.load());
+  result.Set("distinctAtSink", sink.Counters().distinct.load());
+}
+
+void SubmitAll(RoadHost& host, const RoadOptions& options) {
+  std::vector<std::thread> others;
+  const auto share = [&](std::uint64_t index) { return options.records * index / options.threads; };
+  for (std::uint64_t i = 1; i < options.threads; ++i) {
+    others.emplace_back([&, i] { host.Submit(share(i), share(i + 1)); });
+  }
+  host.Submit(0, share(1));
+  for (std::thread& other : others) other.join();
+}
+
+}  // namespace
+
+Result MeasureRoad(const RoadOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(SinkFor(options));
+  RoadHost host(options, folder.Path(), sink.Url());
+  ResetPeak();
+  const std::uint64_t before = ResidentKb();
+
+  const Stopwatch watch;
+  SubmitAll(host, options);
+  const double submitted = watch.WallSeconds();
+  host.WaitUntilPushed(options.records);
+  const double stored = watch.WallSeconds();
+  host.WaitUntilAcknowledged(options.records);
+  const double wall = watch.WallSeconds();
+  const double cpu = watch.UsedCpuSeconds();
+
+  Result result;
+  SetCost(result, static_cast<double>(options.records), wall, cpu);
+  result.Set("submittedAfterS", submitted);
+  result.Set("storedAfterS", stored);
+  result.Set("mostPending", host.MostPending());
+  SetMemory(result, before);
+  SetSink(result, sink, options.count);
+  result.SetThreads(static_cast<double>(options.records));
+  return result;
+}
+
+Result MeasurePush(const RoadOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(SinkFor(options));
+  FillStore(options, folder.Path(), sink.Url());
+  RoadHost host(options, folder.Path(), sink.Url());
+  host.AllowSending(false);
+  ResetPeak();
+  const std::uint64_t before = ResidentKb();
+
+  const Stopwatch watch;
+  SubmitAll(host, options);
+  host.WaitUntilPushed(options.records);
+  host.Kit().Queues().Commit();
+  Result result;
+  SetCost(result, static_cast<double>(options.records), watch.WallSeconds(), watch.UsedCpuSeconds());
+  result.Set("mostPending", host.MostPending());
+  SetMemory(result, before);
+  return result;
+}
+
+Result MeasureDrain(const RoadOptions& options) {
+  const Sink sink(SinkFor(options));
+  std::vector<double> walls, cpus;
+  std::uint64_t before = 0, peak = 0;
+  const StoreFolder folder(options);
+  for (std::uint64_t round = 0; round < options.rounds; ++round) {
+    FillStore(options, folder.Path(), sink.Url());
+    RoadHost host(options, folder.Path(), sink.Url());
+    const auto waiting = static_cast<std::uint64_t>(host.Kit().Queues().TotalWaiting().items);
+    if (waiting == 0) throw std::runtime_error("drain: nothing waits in the store");
+    ResetPeak();
+    before = ResidentKb();
+    const Stopwatch watch;
+    host.BeginCycle();
+    host.WaitUntilAcknowledged(waiting);
+    walls.push_back(watch.WallSeconds() / static_cast<double>(waiting));
+    cpus.push_back(watch.UsedCpuSeconds() / static_cast<double>(waiting));
+    peak = std::max(peak, PeakKb());
+  }
+  Result result;
+  SetCost(result, 1, Middle(walls), Middle(cpus));
+  result.Set("residentBeforeKb", before);
+  result.Set("peakKb", peak);
+  SetSink(result, sink, options.count);
+  return result;
+}
+
+Result MeasureEviction(const RoadOptions& options) {
+  constexpr std::uint64_t fullKb = 2048;
+  Result result;
+  double cost[2] = {};
+  for (const bool full : {false, true}) {
+    RoadOptions one = options;
+    one.queueLimitKb = full ? fullKb : options.queueLimitKb;
+    one.fill = full ? fullKb * 1024 / options.size : 0;
+    const StoreFolder folder(one);
+    const Sink sink(SinkFor(one));
+    FillStore(one, folder.Path(), sink.Url());
+    RoadHost host(one, folder.Path(), sink.Url());
+    host.AllowSending(false);
+    SubmitAll(host, one);
+    const std::uint64_t early = host.Traffic().pushed.load();
+    const Stopwatch watch;
+    host.WaitUntilPushed(one.records);
+    host.Kit().Queues().Commit();
+    const double cpu = watch.UsedCpuSeconds();
+    if (early > one.records / 10)
+      throw std::runtime_error("evict: a cycle came too early; take fewer records");
+    const auto evicted = static_cast<std::uint64_t>(
+        host.Kit().Queues().Ledgers().at(host::QueueNameOfUrl(UrlOf(sink.Url(), 0))).evicted.items);
+    if (full && evicted + 100 < one.records) throw std::runtime_error("evict: the queue wasn't full");
+    cost[full] = cpu / static_cast<double>(one.records - early) * 1e6;
+  }
+  result.Set("emptyCpuUsPerPush", cost[0]);
+  result.Set("fullCpuUsPerPush", cost[1]);
+  result.Set("ratio", cost[1] / cost[0]);
+  return result;
+}
+
+Result MeasureStart(const RoadOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(SinkFor(options));
+  FillStore(options, folder.Path(), sink.Url());
+  const auto begin = std::chrono::steady_clock::now();
+  RoadHost host(options, folder.Path(), sink.Url());
+  const auto opened = std::chrono::steady_clock::now();
+  host.BeginCycle();
+  host.WaitUntil([&] { return host.Traffic().firstReadNs.load() != 0; });
+  host.AllowSending(false);
+  const std::chrono::nanoseconds first(host.Traffic().firstReadNs.load());
+  Result result;
+  result.Set("openMs", std::chrono::duration<double, std::milli>(opened - begin).count());
+  result.Set("firstReadMs",
+             std::chrono::duration<double, std::milli>(first - begin.time_since_epoch()).count());
+  return result;
+}
+
+Result MeasureQueues(const RoadOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(SinkFor(options));
+  RoadHost host(options, folder.Path(), sink.Url());
+  // Each url gets one record first, so that its queue exists, and that is sent.
+  host.Submit(0, options.urls);
+  host.WaitUntilAcknowledged(options.urls);
+  std::vector<double> walls, cpus;
+  for (std::uint64_t round = 0; round < options.rounds; ++round) {
+    host.AllowSending(false);
+    const std::uint64_t pushed = host.Traffic().pushed.load();
+    const std::uint64_t acknowledged = host.Traffic().acknowledged.load();
+    // Records go to the urls in turn, so a stretch of `active` numbers from a multiple of `urls` on reaches
+    // the first ones.
+    for (std::uint64_t i = 0; i < options.records; ++i) {
+      host.Submit(i * options.urls, i * options.urls + options.active);
+    }
+    host.WaitUntilPushed(pushed + options.records * options.active);
+    host.RunCycle();
+    host.AllowSending(true);
+    const Stopwatch watch;
+    host.RunCycle();
+    walls.push_back(watch.WallSeconds());
+    cpus.push_back(watch.UsedCpuSeconds());
+    host.WaitUntilAcknowledged(acknowledged + options.records * options.active);
+  }
+  Result result;
+  result.Set("cycleWallUs", Middle(walls) * 1e6);
+  result.Set("cycleCpuUs", Middle(cpus) * 1e6);
+  result.Set("requests", sink.Counters().requests.load());
+  return result;
+}
+
+Result FillOnly(const RoadOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(SinkFor(options));
+  const Stopwatch watch;
+  FillStore(options, folder.Path(), sink.Url());
+  Result result;
+  result.Set("seconds", watch.WallSeconds());
+  return result;
+}
+
+}  // namespace veld_report::bench

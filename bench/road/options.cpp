@@ -1,0 +1,72 @@
+#include "bench/road/options.h"
+
+#include <charconv>
+#include <map>
+#include <stdexcept>
+#include <string_view>
+
+namespace veld_report::bench {
+namespace {
+
+constexpr char usage[] =
+    "usage: veld_bench_road [--mode MODE] [--NAME VALUE | --FLAG]...\n"
+    "modes:\n"
+    "  road    records from submission to status 200 and out of the store\n"
+    "  push    the same as far as the store, with `fill` items waiting there\n"
+    "  drain   `fill` items from the store to status 200, `rounds` times\n"
+    "  evict   push, into an empty queue and into a full one of 2048 KB\n"
+    "  start   from the making of the host to the first item read, with `fill` items waiting\n"
+    "  queues  a cycle with `urls` queues of which `active` have `records` items each\n"
+    "  fill    nothing but `fill` items into `store`\n"
+    "names: records size threads urls active packet pending fill rounds queue-limit-kb group port timeout-s "
+    "store\n"
+    "flags: sync every-push count natural\n"
+    "The result is one JSON object on standard output.";
+
+[[noreturn]] void Refuse(const std::string& what) { throw std::invalid_argument(what + "\n" + usage); }
+
+std::uint64_t Number(const std::string& name, std::string_view text) {
+  std::uint64_t value = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (result.ec != std::errc() || result.ptr != text.data() + text.size()) Refuse(name + " must be a number");
+  return value;
+}
+
+}  // namespace
+
+RoadOptions ParseOptions(int argc, char** argv) {
+  RoadOptions options;
+  const std::map<std::string, std::uint64_t*> numbers = {
+      {"--records", &options.records},    {"--size", &options.size},
+      {"--threads", &options.threads},    {"--urls", &options.urls},
+      {"--active", &options.active},      {"--packet", &options.packet},
+      {"--pending", &options.pending},    {"--fill", &options.fill},
+      {"--rounds", &options.rounds},      {"--queue-limit-kb", &options.queueLimitKb},
+      {"--group", &options.group},        {"--port", &options.port},
+      {"--timeout-s", &options.timeoutS},
+  };
+  const std::map<std::string, std::string*> texts = {{"--mode", &options.mode}, {"--store", &options.store}};
+  const std::map<std::string, bool*> flags = {{"--sync", &options.sync},
+                                              {"--every-push", &options.everyPush},
+                                              {"--count", &options.count},
+                                              {"--natural", &options.natural}};
+  for (int i = 1; i < argc; ++i) {
+    const std::string name = argv[i];
+    if (const auto flag = flags.find(name); flag != flags.end()) {
+      *flag->second = true;
+      continue;
+    }
+    const auto number = numbers.find(name);
+    const auto text = texts.find(name);
+    if ((number == numbers.end() && text == texts.end()) || ++i == argc) Refuse("what is " + name + "?");
+    if (number != numbers.end()) {
+      *number->second = Number(name, argv[i]);
+    } else {
+      *text->second = argv[i];
+    }
+  }
+  if (options.threads == 0 || options.urls == 0 || options.rounds == 0) Refuse("0 is too few");
+  return options;
+}
+
+}  // namespace veld_report::bench
