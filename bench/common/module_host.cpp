@@ -6,6 +6,7 @@
 #include "host/allocator/heap_allocator.h"
 #include "host/base/text.h"
 #include "host/hash/hash_service.h"
+#include "host/hash/queue_name.h"
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
 #include "host/kit/module_path.h"
@@ -48,7 +49,10 @@ zel::Ref<I> Or(zel::Ref<I> given, zel::Ref<I> otherwise) {
 }  // namespace
 
 ModuleHost::ModuleHost(const ModuleHostOptions& options)
-    : timer(MakeTimer(options.realTimer)), packetLimit_(options.packetLimit), module_(host::FindModule()) {
+    : timer(MakeTimer(options.realTimer)),
+      firstUrl_(options.urls.front()),
+      packetLimit_(options.packetLimit),
+      module_(host::FindModule()) {
   host::ServiceLocator& locator = *locator_;
   locator.Register<zel::IAllocator>(
       Or<zel::IAllocator>(options.allocator, host::MakeObject<host::HeapAllocator>()));
@@ -73,6 +77,8 @@ ModuleHost::ModuleHost(const ModuleHostOptions& options)
   Require(construct->QueryInterface(orvel::veld_report::IVeldReportSender::iid, sender.OutVoid()),
           "QueryInterface");
 }
+
+std::string ModuleHost::QueueName() const { return host::QueueNameOfUrl(firstUrl_); }
 
 ModuleHost::~ModuleHost() {
   sender.Reset();

@@ -42,6 +42,8 @@ class ModuleHost {
   ~ModuleHost();
 
   void Submit(const zel::AnyPtr& record) { sender->SendStatistic(noConsumer_, record); }
+  // Of the first url.
+  std::string QueueName() const;
   void SetUrls(const std::vector<std::string>& urls);
   // A cycle whose gate is closed: memory goes into the queues and nothing is sent.
   void Drain();
@@ -56,6 +58,7 @@ class ModuleHost {
 
  private:
   const zel::string noConsumer_;
+  const std::string firstUrl_;
   const std::uint32_t packetLimit_;
   zel::Ref<host::ServiceLocator> locator_ = host::MakeObject<host::ServiceLocator>();
   host::LoadedModule module_;

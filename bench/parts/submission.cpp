@@ -7,13 +7,13 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
-#include <ctime>
 #include <thread>
 #include <vector>
 
 #include "bench/common/allocations.h"
 #include "bench/common/module_host.h"
 #include "bench/common/record.h"
+#include "bench/common/thread_time.h"
 #include "bench/common/token_json.h"
 
 namespace veld_report::bench {
@@ -21,12 +21,6 @@ namespace {
 
 // Calls between two drains: few enough that the memory that a call takes is memory that was used before.
 constexpr int callsInARow = 20000;
-
-double ThreadCpuSeconds() {
-  timespec time{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
 
 ModuleHostOptions TokenHost() {
   ModuleHostOptions options;
