@@ -1,6 +1,7 @@
 #include "formats/base64.h"
 
 #include <array>
+#include <bit>
 #include <cstring>
 
 namespace orvel::veld_report {
@@ -23,10 +24,20 @@ constexpr std::array<Pair, 4096> MakePairs() {
 constexpr std::array<Pair, 4096> pairs = MakePairs();
 
 // Writes the four characters of a 24-bit number.
-char* PutGroup(char* place, std::uint32_t bits) {
-  std::memcpy(place, pairs[bits >> 12].characters, 2);
+char* PutGroup(char* place, std::uint64_t bits) {
+  std::memcpy(place, pairs[bits >> 12 & 0xfff].characters, 2);
   std::memcpy(place + 2, pairs[bits & 0xfff].characters, 2);
   return place + 4;
+}
+
+// The next eight bytes as a number, the first byte on top.
+std::uint64_t LoadBigEndian(const std::uint8_t* bytes) {
+  std::uint64_t value = 0;
+  std::memcpy(&value, bytes, sizeof value);
+  if constexpr (std::endian::native == std::endian::big) return value;
+  value = (value & 0x00ff00ff00ff00ff) << 8 | (value >> 8 & 0x00ff00ff00ff00ff);
+  value = (value & 0x0000ffff0000ffff) << 16 | (value >> 16 & 0x0000ffff0000ffff);
+  return value << 32 | value >> 32;
 }
 
 }  // namespace
@@ -38,7 +49,13 @@ void Base64Encode(const std::uint8_t* bytes, std::uint64_t count, zel::string* o
   out->reserve_extra(length);
   char* place = out->data;
   const std::uint64_t whole = count - count % 3;
-  for (std::uint64_t i = 0; i < whole; i += 3) {
+  std::uint64_t i = 0;
+  // Two groups from one load, which reads two bytes more than it uses.
+  for (; i + 8 <= count; i += 6) {
+    const std::uint64_t bits = LoadBigEndian(bytes + i);
+    place = PutGroup(PutGroup(place, bits >> 40), bits >> 16);
+  }
+  for (; i < whole; i += 3) {
     place =
         PutGroup(place, (std::uint32_t{bytes[i]} << 16) | (std::uint32_t{bytes[i + 1]} << 8) | bytes[i + 2]);
   }
