@@ -21,7 +21,15 @@ struct TraceRecord {
 };
 
 // Asks `tracer`, which may be null, for a line of that level. Exactly 0 is yes. A tracer that says yes and
-// gives no buffer gets no line, and no reference on it is kept.
-void OpenTraceRecord(TraceRecord* record, ITracer* tracer, std::uint32_t level);
+// gives no buffer gets no line, and no reference on it is kept. In the header, so that a line that isn't
+// wanted costs its site the tracer's call and nothing more.
+inline void OpenTraceRecord(TraceRecord* record, ITracer* tracer, std::uint32_t level) {
+  record->buffer = nullptr;
+  if (!tracer) return;
+  char* buffer = nullptr;
+  if (tracer->AcquireBuffer(level, &buffer, initialLineCapacity) != sOk || !buffer) return;
+  record->buffer = buffer;
+  record->tracer = Ref<ITracer>(tracer);
+}
 
 }  // namespace zel
