@@ -78,7 +78,7 @@ ModuleHost::ModuleHost(const ModuleHostOptions& options)
           "QueryInterface");
 }
 
-std::string ModuleHost::QueueName() const { return host::QueueNameOfUrl(firstUrl_); }
+std::string ModuleHost::QueueNameOf(const std::string& url) { return host::QueueNameOfUrl(url); }
 
 ModuleHost::~ModuleHost() {
   sender.Reset();

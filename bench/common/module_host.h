@@ -42,8 +42,9 @@ class ModuleHost {
   ~ModuleHost();
 
   void Submit(const zel::AnyPtr& record) { sender->SendStatistic(noConsumer_, record); }
-  // Of the first url.
-  std::string QueueName() const;
+  // Of the first url, and of any.
+  std::string QueueName() const { return QueueNameOf(firstUrl_); }
+  static std::string QueueNameOf(const std::string& url);
   void SetUrls(const std::vector<std::string>& urls);
   // A cycle whose gate is closed: memory goes into the queues and nothing is sent.
   void Drain();

@@ -1,4 +1,4 @@
-#include "bench/common/token_json.h"
+#include "bench/common/plain_json.h"
 
 #include <charconv>
 #include <string_view>
@@ -11,18 +11,18 @@
 namespace veld_report::bench {
 namespace {
 
-class ITokenAccess : public zel::IObject {
+class IStreamAccess : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0x4b1d7a91;
   virtual zel::IIO* Stream() = 0;
 
  protected:
-  ~ITokenAccess() = default;
+  ~IStreamAccess() = default;
 };
 
-class TokenStorage final : public host::HostObject<zel::IStorage, ITokenAccess> {
+class PlainStorage final : public host::HostObject<zel::IStorage, IStreamAccess> {
  public:
-  explicit TokenStorage(zel::IIO* stream) : stream_(stream) {}
+  explicit PlainStorage(zel::IIO* stream) : stream_(stream) {}
   zel::IIO* Stream() override { return stream_.Get(); }
   zel::ResultCode Flush() override { return zel::sOk; }
   zel::ResultCode ReservedStorageOperation0() override { return zel::eNotImplemented; }
@@ -42,24 +42,35 @@ class TokenStorage final : public host::HostObject<zel::IStorage, ITokenAccess> 
   const zel::Ref<zel::IIO> stream_;
 };
 
-class TokenStorageFactory final : public host::HostObject<zel::IJsonStorageFactory> {
+class PlainStorageFactory final : public host::HostObject<zel::IJsonStorageFactory> {
  public:
   zel::ResultCode CreateJsonStorage(zel::IIO* stream, const zel::JsonStorageOptions*,
                                     zel::IStorage** out) override {
     return host::Guarded([&] {
-      *out = host::MakeObject<TokenStorage>(stream).Detach();
+      *out = host::MakeObject<PlainStorage>(stream).Detach();
       return zel::sOk;
     });
   }
 };
 
+// Of a storage of this unit; it keeps the stream. Null for another.
+zel::IIO* StreamOf(zel::IStorage* storage) {
+  zel::Ref<IStreamAccess> access;
+  if (zel::Failed(storage->QueryInterface(IStreamAccess::iid, access.OutVoid()))) return nullptr;
+  return access->Stream();
+}
+
+void Write(zel::IIO* stream, std::string_view text) {
+  std::uint32_t written = 0;
+  stream->Write(text.data(), static_cast<std::uint32_t>(text.size()), &written);
+}
+
 class TokenSerializer final : public host::HostObject<zel::IStorageSerializer2> {
  public:
   zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t,
                             zel::IObject**) override {
-    zel::Ref<ITokenAccess> access;
-    if (zel::Failed(storage->QueryInterface(ITokenAccess::iid, access.OutVoid()))) return zel::eNotSupported;
-    zel::IIO* const stream = access->Stream();
+    zel::IIO* const stream = StreamOf(storage);
+    if (!stream) return zel::eNotSupported;
     std::string_view separator = "{";
     for (const zel::SerFieldDescriptor* field = object->descriptor->fields;
          field->flags != zel::SerFieldDescriptor::endOfTable; ++field) {
@@ -73,11 +84,6 @@ class TokenSerializer final : public host::HostObject<zel::IStorageSerializer2> 
   }
 
  private:
-  static void Write(zel::IIO* stream, std::string_view token) {
-    std::uint32_t written = 0;
-    stream->Write(token.data(), static_cast<std::uint32_t>(token.size()), &written);
-  }
-  // The benchmarks' texts need no escapes.
   static void Text(zel::IIO* stream, std::string_view text) {
     Write(stream, "\"");
     Write(stream, text);
@@ -106,9 +112,29 @@ class TokenSerializer final : public host::HostObject<zel::IStorageSerializer2> 
   }
 };
 
+class PlainSerializer final : public host::HostObject<zel::IStorageSerializer2> {
+ public:
+  explicit PlainSerializer(std::string text) : text_(std::move(text)) {}
+
+  zel::ResultCode Serialize(const zel::AnyPtr*, zel::IStorage* storage, std::uint32_t,
+                            zel::IObject**) override {
+    zel::IIO* const stream = StreamOf(storage);
+    if (!stream) return zel::eNotSupported;
+    Write(stream, text_);
+    return zel::sOk;
+  }
+
+ private:
+  const std::string text_;
+};
+
 }  // namespace
 
-zel::Ref<zel::IJsonStorageFactory> CreateTokenStorages() { return host::MakeObject<TokenStorageFactory>(); }
+zel::Ref<zel::IJsonStorageFactory> CreatePlainStorages() { return host::MakeObject<PlainStorageFactory>(); }
 zel::Ref<zel::IStorageSerializer2> CreateTokenSerializer() { return host::MakeObject<TokenSerializer>(); }
+
+zel::Ref<zel::IStorageSerializer2> CreatePlainSerializer(std::string text) {
+  return host::MakeObject<PlainSerializer>(std::move(text));
+}
 
 }  // namespace veld_report::bench
