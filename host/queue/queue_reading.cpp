@@ -1,32 +1,52 @@
 // The readers' side of a store; see queue_store.h.
+#include <algorithm>
+
 #include "host/base/trace_line.h"
 #include "host/queue/queue_refusal.h"
 #include "host/queue/queue_store.h"
 #include "host/queue/store_opening.h"
 
 namespace veld_report::host {
+namespace {
+
+// Room for what is read ahead of all queues together, and what each queue gets of it.
+constexpr std::size_t readAheadBytes = 1 << 20;
+constexpr std::size_t leastReadAhead = 1 << 11;
+constexpr std::size_t mostReadAhead = 1 << 16;
+
+}  // namespace
 
 void QueueStore::OpenReader(const std::string& name, ReaderState* reader) {
   const Refusal refusal = TakeRefusal();
   const std::lock_guard lock(mutex_);
   QueueState& queue = FindOrAdd(name);
+  // From here on nothing may fail halfway: the queue keeps the reader's address.
+  queue.readers.reserve(queue.readers.size() + 1);
+  queue.evictions.reserve(queue.evictions.size() + 1);
   reader->queue = &queue;
-  reader->generation = queue.generation;
   reader->thread = ThreadNumber();
   reader->evicting = refusal.store == id_ && refusal.queue == &queue;
-  if (!reader->evicting) ++sendingReaders_;
-  if (reader->evicting) queue.evictions.push_back({reader, reader->thread, refusal.item});
+  queue.readers.push_back(reader);
+  if (reader->evicting) {
+    queue.evictions.push_back({reader, reader->thread, refusal.item});
+  } else {
+    ++sendingReaders_;
+  }
 }
 
 zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t>* data,
                                  std::uint64_t* token) {
   TakeRefusal();
   const std::lock_guard lock(mutex_);
-  // A failure is no reason to hold back what the file has: delivering goes on while a disk is full.
-  Flush();
+  // A failure is no reason to hold back what the file has: delivering goes on while a disk is full. Who makes
+  // room needs the oldest items, and those that are buffered are the youngest.
+  if (options_.shared || (!reader.evicting && writer_.BufferedItems() != 0)) Flush();
   Refresh();
   if (!reader.evicting && !HoldsLease()) return zel::eNotFound;
   try {
+    if (ClaimNext(reader, data, token)) return zel::sOk;
+    if (!reader.evicting || writer_.BufferedItems() == 0) return zel::eNotFound;
+    Flush();
     return ClaimNext(reader, data, token) ? zel::sOk : zel::eNotFound;
   } catch (const SqliteError& error) {
     Trace(failureLevel, std::string("can't read an item: ") + error.what());
@@ -34,29 +54,35 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
   }
 }
 
+// The oldest item behind `after` that nobody holds; null if there is none.
+const ItemRow* QueueStore::NextFree(QueueState& queue, std::uint64_t after) {
+  if (queue.id == 0 || queue.removalBuffered) return nullptr;
+  const std::size_t limitBytes = std::clamp(readAheadBytes / queues_.size(), leastReadAhead, mostReadAhead);
+  while (const ItemRow* row = queue.ahead.Next(*file_, queue.id, after, limitBytes)) {
+    if (!IsClaimed(queue, row->token) && !writer_.IsDeleted(row->token)) return row;
+    after = row->token;
+  }
+  return nullptr;
+}
+
+bool QueueStore::IsClaimed(const QueueState& queue, std::uint64_t token) {
+  return std::ranges::any_of(queue.readers,
+                             [&](const ReaderState* reader) { return reader->claims.Contains(token); });
+}
+
 bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token) {
   QueueState& queue = *reader.queue;
-  if (queue.id == 0 || queue.removalBuffered) return false;
-  if (reader.generation != queue.generation) {
-    reader.claims.clear();
-    reader.generation = queue.generation;
-  }
-  while (const auto row = file_->NextItem(queue.id, reader.cursor)) {
-    struct Finish {
-      StoreFile& file;
-      ~Finish() { file.Finish(); }
-    } const finish{*file_};
+  while (const ItemRow* row = NextFree(queue, reader.cursor)) {
     reader.cursor = row->token;
-    if (queue.claimed.contains(row->token) || writer_.IsDeleted(row->token)) continue;
+    const auto bytes = static_cast<std::int64_t>(row->data.size());
     if (IsExpired(*row)) {
-      const ItemCount item{1, static_cast<std::int64_t>(row->data.size())};
-      writer_.AddDelete(queue, row->token, item, &QueueLedger::expired);
+      const ItemCount item{1, bytes};
+      writer_.AddDelete(queue, reader.cursor, item, &QueueLedger::expired);
       queue.ledger.Leave(&QueueLedger::expired, item);
       continue;
     }
     data->assign(row->data.data(), row->data.size());
-    reader.claims.emplace(row->token, static_cast<std::int64_t>(row->data.size()));
-    queue.claimed.insert(row->token);
+    reader.claims.Add(row->token, bytes);
     *token = row->token;
     return true;
   }
@@ -78,21 +104,12 @@ bool QueueStore::HoldsLease() {
   return static_cast<bool>(lease_);
 }
 
-bool QueueStore::ReleaseClaim(ReaderState& reader, std::uint64_t token, std::int64_t* bytes) {
-  if (reader.generation != reader.queue->generation) return false;
-  const auto claim = reader.claims.find(token);
-  if (claim == reader.claims.end()) return false;
-  *bytes = claim->second;
-  reader.claims.erase(claim);
-  reader.queue->claimed.erase(token);
-  return true;
-}
-
 zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
   TakeRefusal();
   const std::lock_guard lock(mutex_);
-  ItemCount item{1, 0};
-  if (!ReleaseClaim(reader, token, &item.bytes)) return zel::eNotFound;
+  const std::optional<std::int64_t> bytes = reader.claims.Take(token);
+  if (!bytes) return zel::eNotFound;
+  const ItemCount item{1, *bytes};
   const bool evicts = reader.evicting && reader.thread == ThreadNumber();
   const auto kind = evicts ? &QueueLedger::evicted : &QueueLedger::delivered;
   QueueState& queue = *reader.queue;
@@ -105,8 +122,9 @@ zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
 zel::ResultCode QueueStore::ReturnItem(ReaderState& reader, std::uint64_t token) {
   TakeRefusal();
   const std::lock_guard lock(mutex_);
-  ItemCount item{1, 0};
-  if (!ReleaseClaim(reader, token, &item.bytes)) return zel::eNotFound;
+  const std::optional<std::int64_t> bytes = reader.claims.Take(token);
+  if (!bytes) return zel::eNotFound;
+  const ItemCount item{1, *bytes};
   QueueState& queue = *reader.queue;
   writer_.Touch(queue);
   queue.ledger.returned += item;
@@ -119,12 +137,11 @@ void QueueStore::CloseReader(ReaderState& reader) {
   TakeRefusal();
   const std::lock_guard lock(mutex_);
   QueueState& queue = *reader.queue;
-  if (reader.generation == queue.generation) {
-    for (const auto& claim : reader.claims) queue.claimed.erase(claim.first);
-  }
-  reader.claims.clear();
+  std::erase(queue.readers, &reader);
   if (!reader.evicting) --sendingReaders_;
   std::erase_if(queue.evictions, [&](const auto& eviction) { return eviction.reader == &reader; });
+  if (reader.evicting && !options_.shared) return;
+  queue.ahead.Shrink();
   Flush();
 }
 

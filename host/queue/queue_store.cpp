@@ -61,7 +61,9 @@ void QueueStore::AdoptRows() {
 void QueueStore::Refresh() {
   if (!options_.shared && !options_.inspectOnly) return;
   try {
-    if (file_->DataVersion() != dataVersion_) AdoptRows();
+    if (file_->DataVersion() == dataVersion_) return;
+    for (auto& [name, queue] : queues_) queue.ahead.Forget();
+    AdoptRows();
   } catch (const SqliteError& error) {
     Trace(failureLevel, std::string("can't look for what other processes have written: ") + error.what());
   }
@@ -116,7 +118,7 @@ zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::ui
   writer_.AddItem(queue, NowMs(options_), data);
   queue.ledger.accepted += item;
   queue.ledger.waiting += item;
-  const bool due = options_.commitEveryPush || writer_.Operations() >= options_.commitOperations;
+  const bool due = options_.commitEveryPush || writer_.HoldsOperations(options_.commitOperations);
   if (!due) {
     CommitIfDue();
     return zel::sOk;
@@ -148,19 +150,18 @@ bool QueueStore::MakeRoomInStore(std::int64_t bytes) {
 }
 
 bool QueueStore::EvictOldest(QueueState& queue) {
-  Flush();
-  if (queue.removalBuffered) return false;
   try {
-    std::uint64_t after = 0;
-    while (const auto row = file_->NextItem(queue.id, after)) {
-      after = row->token;
-      const ItemCount item{1, static_cast<std::int64_t>(row->data.size())};
-      file_->Finish();
-      if (queue.claimed.contains(after) || writer_.IsDeleted(after)) continue;
-      writer_.AddDelete(queue, after, item, &QueueLedger::evicted);
-      queue.ledger.Leave(&QueueLedger::evicted, item);
-      return true;
+    const ItemRow* row = NextFree(queue, 0);
+    if (!row && writer_.BufferedItems() != 0) {
+      Flush();
+      row = NextFree(queue, 0);
     }
+    if (!row) return false;
+    const ItemCount item{1, static_cast<std::int64_t>(row->data.size())};
+    writer_.AddDelete(queue, row->token, item, &QueueLedger::evicted);
+    queue.ledger.Leave(&QueueLedger::evicted, item);
+    CommitIfDue();
+    return true;
   } catch (const SqliteError& error) {
     Trace(failureLevel, std::string("can't drop the oldest item: ") + error.what());
   }
@@ -206,8 +207,7 @@ zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
   writer_.AddRemoval(queue, waiting);
   queue.ledger.removed += waiting;
   queue.ledger.waiting = {};
-  queue.claimed.clear();
-  ++queue.generation;
+  for (ReaderState* reader : queue.readers) reader->claims.Clear();
   // Buffered if it fails: nobody reads what is gone, and the file follows when it can be written.
   Flush();
   return zel::sOk;
@@ -251,7 +251,7 @@ bool QueueStore::Flush() {
 
 // Called after each change: writes a full group, and wakes the committer for the first change of a new one.
 void QueueStore::CommitIfDue() {
-  if (!failing_ && writer_.Operations() >= options_.commitOperations) Flush();
+  if (!failing_ && writer_.HoldsOperations(options_.commitOperations)) Flush();
   if (committerIdle_ && writer_.IsDirty()) {
     committerIdle_ = false;
     wake_.notify_one();

@@ -27,9 +27,9 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
+#include "host/queue/claim_list.h"
 #include "host/queue/queue_service_options.h"
 #include "host/queue/queue_writer.h"
 #include "host/queue/store_file.h"
@@ -55,9 +55,8 @@ struct PeekedItem {
 // The side of one reader that its store keeps. Belongs to one queue; touched under the store's lock only.
 struct ReaderState {
   QueueState* queue = nullptr;
-  std::uint64_t cursor = 0;                                // token of the last item that was looked at
-  std::uint64_t generation = 0;                            // of the queue, for the claims
-  std::unordered_map<std::uint64_t, std::int64_t> claims;  // token to bytes
+  std::uint64_t cursor = 0;  // token of the last item that was looked at
+  ClaimList claims;
   bool evicting = false;
   std::uint64_t thread = 0;  // that opened it
 };
@@ -122,7 +121,8 @@ class QueueStore {
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
   void TakeBackRejection(QueueState& queue);
-  bool ReleaseClaim(ReaderState& reader, std::uint64_t token, std::int64_t* bytes);
+  static bool IsClaimed(const QueueState& queue, std::uint64_t token);
+  const ItemRow* NextFree(QueueState& queue, std::uint64_t after);
   bool ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token);
   void RunCommitter();
   void Trace(std::uint32_t level, const std::string& line) const;

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <new>
 
 namespace veld_report::host {
@@ -52,6 +53,8 @@ void QueueWriter::AddDelete(QueueState& queue, std::uint64_t token, ItemCount it
   Touch(queue);
   deletedTokens_.insert(token);
   deletes_.push_back({&queue, token, item, kind});
+  if (kind == &QueueLedger::evicted) ++evictions_;
+  queue.ahead.Drop(token);
   queue.unwritten.Leave(kind, item);
 }
 
@@ -68,6 +71,7 @@ ItemCount QueueWriter::AddRemoval(QueueState& queue, ItemCount waiting) {
   inFile += -buffered;
   removals_.push_back({&queue, inFile});
   queue.removalBuffered = true;
+  queue.ahead.Forget();
   queue.unwritten.accepted += buffered;
   queue.unwritten.removed += waiting;
   queue.unwritten.waiting += -inFile;
@@ -123,6 +127,11 @@ void QueueWriter::Undo() noexcept {
 
 void QueueWriter::Write(bool withItems) {
   file_.Begin();
+  const bool deleted = DeleteRuns();
+  if (!deleted) {
+    file_.Rollback();
+    file_.Begin();
+  }
   for (QueueState* queue : dirty_) {
     queue->change = queue->unwritten;
     queue->correction = {};
@@ -130,11 +139,7 @@ void QueueWriter::Write(bool withItems) {
     added_.push_back(queue);
     queue->id = file_.AddQueue(queue->name);
   }
-  for (const Delete& removed : deletes_) {
-    if (file_.DeleteItem(removed.token)) continue;
-    // Another process was faster, and has counted it.
-    removed.queue->correction.Leave(removed.kind, -removed.item);
-  }
+  if (!deleted) DeleteSingly();
   WriteRemovals();
   if (withItems) WriteItems();
   for (QueueState* queue : dirty_) {
@@ -143,6 +148,28 @@ void QueueWriter::Write(bool withItems) {
   }
   file_.Commit();
   Settle(withItems);
+}
+
+// A packet's tokens mostly follow each other without a gap, and a range costs one search. Returns false if
+// something wasn't there any more: which one, ranges don't tell.
+bool QueueWriter::DeleteRuns() {
+  std::ranges::sort(deletes_, {}, &Delete::token);
+  for (std::size_t i = 0; i < deletes_.size();) {
+    std::size_t end = i + 1;
+    while (end < deletes_.size() && deletes_[end].token == deletes_[end - 1].token + 1) ++end;
+    const auto count = static_cast<std::int64_t>(end - i);
+    if (file_.DeleteRange(deletes_[i].token, deletes_[end - 1].token) != count) return false;
+    i = end;
+  }
+  return true;
+}
+
+void QueueWriter::DeleteSingly() {
+  for (const Delete& removed : deletes_) {
+    if (file_.DeleteItem(removed.token)) continue;
+    // Another process was faster, and has counted it.
+    removed.queue->correction.Leave(removed.kind, -removed.item);
+  }
 }
 
 void QueueWriter::WriteRemovals() {
@@ -155,13 +182,14 @@ void QueueWriter::WriteRemovals() {
 }
 
 void QueueWriter::WriteItems() {
+  newItems_.clear();
   for (const Item& item : items_) {
-    const std::span<const std::uint8_t> data(bytes_.data() + item.offset, item.size);
-    file_.InsertItem(item.queue->id, item.enqueuedMs, data);
+    newItems_.push_back({item.queue->id, item.enqueuedMs, std::span(bytes_).subspan(item.offset, item.size)});
     const ItemCount count{1, static_cast<std::int64_t>(item.size)};
     item.queue->change.accepted += count;
     item.queue->change.waiting += count;
   }
+  file_.InsertItems(newItems_);
 }
 
 void QueueWriter::Settle(bool withItems) {
@@ -175,9 +203,11 @@ void QueueWriter::Settle(bool withItems) {
   dirty_.clear();
   added_.clear();
   deletes_.clear();
+  evictions_ = 0;
   deletedTokens_.clear();
   removals_.clear();
   if (withItems) {
+    for (const Item& item : items_) item.queue->ahead.NoteInsertion();
     items_.clear();
     bytes_.clear();
   }

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory_resource>
 #include <optional>
 #include <span>
 #include <string>
@@ -16,9 +17,12 @@
 
 #include "host/queue/disk_reserve.h"
 #include "host/queue/queue_ledger.h"
+#include "host/queue/read_ahead.h"
 #include "host/queue/store_file.h"
 
 namespace veld_report::host {
+
+struct ReaderState;  // host/queue/queue_store.h
 
 // One queue as its store sees it. Made for each name that comes up and kept as long as the store is open.
 struct QueueState {
@@ -32,10 +36,10 @@ struct QueueState {
   std::string name;
   std::int64_t id = 0;  // row in the file, 0 as long as there is none
   bool present = false;
-  std::uint64_t generation = 0;  // counts the removals: claims of an earlier one are void
-  QueueLedger ledger;            // what holds, changes in the buffer included
-  std::unordered_set<std::uint64_t> claimed;
+  QueueLedger ledger;  // what holds, changes in the buffer included
+  std::vector<ReaderState*> readers;
   std::vector<Eviction> evictions;
+  ReadAhead ahead;
 
   // The writer's.
   bool dirty = false;
@@ -74,9 +78,12 @@ class QueueWriter {
   bool IsDirty() const { return !dirty_.empty(); }
   // The time of the oldest change in the buffer; only while it is dirty.
   Clock::time_point DirtySince() const { return dirtySince_; }
-  std::size_t Operations() const { return items_.size() + deletes_.size(); }
+  // Whether so many changes stand in the buffer. What was evicted belongs to the push that it made room for.
+  bool HoldsOperations(std::size_t count) const {
+    return items_.size() + deletes_.size() - evictions_ >= count || evictions_ >= mostEvictions;
+  }
   std::size_t BufferedItems() const { return items_.size(); }
-  bool IsDeleted(std::uint64_t token) const { return deletedTokens_.contains(token); }
+  bool IsDeleted(std::uint64_t token) const { return !deletes_.empty() && deletedTokens_.contains(token); }
   // Set while the last attempt to write has failed.
   const std::optional<SqliteError>& Error() const { return error_; }
   Clock::time_point LastFailure() const { return lastFailure_; }
@@ -99,10 +106,14 @@ class QueueWriter {
     ItemCount expected;
   };
 
+  static constexpr std::size_t mostEvictions = 1024;
+
   bool Try(bool withItems);
   void TryDeletionsAlone();
   void Undo() noexcept;
   void Write(bool withItems);
+  bool DeleteRuns();
+  void DeleteSingly();
   void WriteRemovals();
   void WriteItems();
   void Settle(bool withItems);
@@ -112,9 +123,12 @@ class QueueWriter {
   std::vector<std::uint8_t> bytes_;
   std::vector<Item> items_;
   std::vector<Delete> deletes_;
-  std::unordered_set<std::uint64_t> deletedTokens_;
+  std::size_t evictions_ = 0;  // of deletes_
+  std::pmr::unsynchronized_pool_resource tokenMemory_;
+  std::pmr::unordered_set<std::uint64_t> deletedTokens_{&tokenMemory_};
   std::vector<Removal> removals_;
   std::vector<QueueState*> dirty_;
+  std::vector<NewItem> newItems_;   // of the transaction in progress
   std::vector<QueueState*> added_;  // got their row in the transaction in progress
   Clock::time_point dirtySince_{};
   std::optional<SqliteError> error_;

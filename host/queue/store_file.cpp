@@ -23,6 +23,12 @@ std::string UpdateSql() {
   return sql + " WHERE id=?1";
 }
 
+std::string InsertSql(std::size_t rows) {
+  std::string sql = "INSERT INTO items(queue, enqueued_ms, data) VALUES(?, ?, ?)";
+  for (std::size_t row = 1; row < rows; ++row) sql += ", (?, ?, ?)";
+  return sql;
+}
+
 }  // namespace
 
 SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const Settings& settings) {
@@ -53,14 +59,14 @@ StoreFile::StoreFile(const std::filesystem::path& file, const Settings& settings
       addQueue_(connection_, "INSERT OR IGNORE INTO queues(name, present) VALUES(?1, 0)"),
       findQueue_(connection_, "SELECT id FROM queues WHERE name=?1"),
       updateQueue_(connection_, UpdateSql()),
-      insertItem_(connection_, "INSERT INTO items(queue, enqueued_ms, data) VALUES(?1, ?2, ?3)"),
       restoreItem_(connection_,
                    "INSERT OR IGNORE INTO items(queue, enqueued_ms, data, token) VALUES(?1, ?2, ?3, ?4)"),
       deleteItem_(connection_, "DELETE FROM items WHERE token=?1"),
+      deleteRange_(connection_, "DELETE FROM items WHERE token BETWEEN ?1 AND ?2"),
       countItems_(connection_, "SELECT count(*), coalesce(sum(length(data)), 0) FROM items WHERE queue=?1"),
       deleteItems_(connection_, "DELETE FROM items WHERE queue=?1"),
       next_(connection_,
-            "SELECT token, enqueued_ms, data FROM items WHERE queue=?1 AND token>?2 ORDER BY token LIMIT 1"),
+            "SELECT token, enqueued_ms, data FROM items WHERE queue=?1 AND token>?2 ORDER BY token LIMIT ?3"),
       dataVersion_(connection_, "PRAGMA data_version") {}
 
 void StoreFile::QuickCheck() {
@@ -120,9 +126,26 @@ void StoreFile::UpdateQueue(std::int64_t id, std::optional<bool> present, const 
   updateQueue_.Run();
 }
 
-void StoreFile::InsertItem(std::int64_t queueId, std::int64_t enqueuedMs,
-                           std::span<const std::uint8_t> data) {
-  insertItem_.Bind(1, queueId).Bind(2, enqueuedMs).Bind(3, data).Run();
+SqliteStatement& StoreFile::InsertStatement(std::size_t form) {
+  if (!insertItems_[form]) insertItems_[form].emplace(connection_, InsertSql(insertRows[form]));
+  return *insertItems_[form];
+}
+
+void StoreFile::InsertItems(std::span<const NewItem> items) {
+  for (std::size_t form = 0; form < insertRows.size(); ++form) {
+    while (items.size() >= insertRows[form]) {
+      SqliteStatement& insert = InsertStatement(form);
+      int parameter = 1;
+      for (const NewItem& item : items.first(insertRows[form])) {
+        insert.Bind(parameter, item.queueId)
+            .Bind(parameter + 1, item.enqueuedMs)
+            .Bind(parameter + 2, item.data);
+        parameter += 3;
+      }
+      insert.Run();
+      items = items.subspan(insertRows[form]);
+    }
+  }
 }
 
 bool StoreFile::RestoreItem(std::int64_t queueId, const ItemRow& item) {
@@ -146,6 +169,11 @@ bool StoreFile::DeleteItem(std::uint64_t token) {
   return connection_.Changes() != 0;
 }
 
+std::int64_t StoreFile::DeleteRange(std::uint64_t first, std::uint64_t last) {
+  deleteRange_.Bind(1, static_cast<std::int64_t>(first)).Bind(2, static_cast<std::int64_t>(last)).Run();
+  return connection_.Changes();
+}
+
 ItemCount StoreFile::CountItems(std::int64_t queueId) {
   const StatementScope scope(countItems_);
   countItems_.Bind(1, queueId).Step();
@@ -160,12 +188,25 @@ ItemCount StoreFile::DeleteItems(std::int64_t queueId) {
 
 std::optional<ItemRow> StoreFile::NextItem(std::int64_t queueId, std::uint64_t after) {
   next_.Reset();
-  next_.Bind(1, queueId).Bind(2, static_cast<std::int64_t>(after));
-  if (!next_.Step()) {
-    next_.Reset();
-    return std::nullopt;
+  next_.Bind(1, queueId).Bind(2, static_cast<std::int64_t>(after)).Bind(3, 1);
+  if (next_.Step()) return CurrentItem();
+  next_.Reset();
+  return std::nullopt;
+}
+
+ItemRow StoreFile::CurrentItem() const {
+  return {static_cast<std::uint64_t>(next_.Integer(0)), next_.Integer(1), next_.Blob(2)};
+}
+
+bool StoreFile::ReadItems(std::int64_t queueId, std::uint64_t after, std::size_t count,
+                          const std::function<bool(const ItemRow&)>& take) {
+  const StatementScope scope(next_);
+  next_.Bind(1, queueId).Bind(2, static_cast<std::int64_t>(after)).Bind(3, static_cast<std::int64_t>(count));
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!next_.Step()) return true;
+    if (!take(CurrentItem())) return false;
   }
-  return ItemRow{static_cast<std::uint64_t>(next_.Integer(0)), next_.Integer(1), next_.Blob(2)};
+  return false;
 }
 
 std::optional<std::int64_t> StoreFile::OldestMs(std::int64_t queueId) {

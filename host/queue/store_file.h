@@ -5,8 +5,10 @@
 // The layout of the file is told in store_layout.h.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -28,6 +30,12 @@ struct QueueRow {
   std::string name;
   bool present = false;  // false: removed, only the figures are kept
   QueueLedger ledger;
+};
+
+struct NewItem {
+  std::int64_t queueId = 0;
+  std::int64_t enqueuedMs = 0;
+  std::span<const std::uint8_t> data;
 };
 
 // Views are valid until the next statement on the file.
@@ -63,15 +71,22 @@ class StoreFile {
   // Adds `change` to the queue's figures. Its presence stays without a value.
   void UpdateQueue(std::int64_t id, std::optional<bool> present, const QueueLedger& change);
 
-  void InsertItem(std::int64_t queueId, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
+  // Their tokens ascend in the order given.
+  void InsertItems(std::span<const NewItem> items);
   // With the token that the item had in another file. Returns false if the token is taken.
   bool RestoreItem(std::int64_t queueId, const ItemRow& item);
   // The next token will be above `token`.
   void RaiseTokens(std::uint64_t token);
   // Returns whether the item was there.
   bool DeleteItem(std::uint64_t token);
+  // Deletes the items of all queues with tokens from `first` to `last`. Returns how many there were.
+  std::int64_t DeleteRange(std::uint64_t first, std::uint64_t last);
   // Deletes all items of the queue and returns what they were.
   ItemCount DeleteItems(std::int64_t queueId);
+  // Hands the queue's items with tokens above `after` to `take`, oldest first, until it has had `count` or
+  // answers false. Returns whether there was no further one.
+  bool ReadItems(std::int64_t queueId, std::uint64_t after, std::size_t count,
+                 const std::function<bool(const ItemRow&)>& take);
   // The oldest item of the queue with a token above `after`. Call Finish when the views aren't needed any
   // more.
   std::optional<ItemRow> NextItem(std::int64_t queueId, std::uint64_t after);
@@ -93,6 +108,11 @@ class StoreFile {
 
  private:
   static SqliteConnection OpenLaidOut(const std::filesystem::path& file, const Settings& settings);
+  SqliteStatement& InsertStatement(std::size_t form);
+  ItemRow CurrentItem() const;
+
+  // A statement's own cost and that of the token counter come once for all its rows.
+  static constexpr std::array<std::size_t, 3> insertRows{64, 8, 1};
 
   SqliteConnection connection_;
   SqliteStatement begin_;
@@ -101,9 +121,10 @@ class StoreFile {
   SqliteStatement addQueue_;
   SqliteStatement findQueue_;
   SqliteStatement updateQueue_;
-  SqliteStatement insertItem_;
+  std::array<std::optional<SqliteStatement>, insertRows.size()> insertItems_;  // made when first used
   SqliteStatement restoreItem_;
   SqliteStatement deleteItem_;
+  SqliteStatement deleteRange_;
   SqliteStatement countItems_;
   SqliteStatement deleteItems_;
   SqliteStatement next_;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace veld_report::host {
 namespace {
@@ -36,6 +37,15 @@ void SetOwnerAndMode(int descriptor, const std::filesystem::path& file) noexcept
   if ((status.st_mode & 07777) == fileMode) return;
   // Fails for a file of another owner, whose choice then stands.
   [[maybe_unused]] const int ignored = fchmod(descriptor, fileMode);
+}
+
+// A folder that was just made is on the disk only when the one above it is. Where that can't be had (no right
+// to read it) the folder works all the same.
+void SyncFolder(const std::filesystem::path& folder) noexcept {
+  const int handle = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (handle < 0) return;
+  fsync(handle);
+  close(handle);
 }
 
 int LockOperation(FileLock::Kind kind) {
@@ -67,12 +77,18 @@ std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::st
 void PrepareStoreFolder(const std::filesystem::path& folder) {
   std::error_code error;
   if (std::filesystem::is_directory(folder, error)) return;
+  std::vector<std::filesystem::path> grown;  // the folders that get a new one
+  for (auto made = folder; !std::filesystem::exists(made, error) && made.has_parent_path();) {
+    made = made.parent_path();
+    grown.push_back(made);
+  }
   if (folder.has_parent_path()) std::filesystem::create_directories(folder.parent_path(), error);
   if (mkdir(folder.c_str(), folderMode) != 0) {
     if (errno == EEXIST && std::filesystem::is_directory(folder, error)) return;
     FailFile(folder, "make the folder", errno);
   }
   if (chmod(folder.c_str(), folderMode) != 0) FailFile(folder, "set the permissions of", errno);
+  for (const auto& each : grown) SyncFolder(each);
 }
 
 bool PreparePrivateFile(const std::filesystem::path& file) {
