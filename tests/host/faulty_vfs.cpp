@@ -22,6 +22,10 @@ bool Fails(Operation operation) {
   return true;
 }
 
+void Tell(const FaultyVfs::Event& event) {
+  if (FaultyVfs::observer) FaultyVfs::observer(event);
+}
+
 // The methods of one kind of file: those of the default VFS with the ones below put in.
 struct Methods : sqlite3_io_methods {
   const sqlite3_io_methods* original;
@@ -35,16 +39,27 @@ int Read(sqlite3_file* file, void* buffer, int bytes, sqlite3_int64 offset) {
   return Original(file).xRead(file, buffer, bytes, offset);
 }
 int Write(sqlite3_file* file, const void* buffer, int bytes, sqlite3_int64 offset) {
-  if (!Fails(Operation::kWrite)) return Original(file).xWrite(file, buffer, bytes, offset);
+  if (!Fails(Operation::kWrite)) {
+    const int code = Original(file).xWrite(file, buffer, bytes, offset);
+    const std::string_view written(static_cast<const char*>(buffer), static_cast<std::size_t>(bytes));
+    if (code == SQLITE_OK) Tell({FaultyVfs::Event::kWrite, file, {}, offset, written});
+    return code;
+  }
   // As a full disk does it: a part is written.
   Original(file).xWrite(file, buffer, bytes / 2, offset);
   return SQLITE_FULL;
 }
 int Truncate(sqlite3_file* file, sqlite3_int64 size) {
   if (Fails(Operation::kTruncate)) return SQLITE_IOERR_TRUNCATE;
-  return Original(file).xTruncate(file, size);
+  const int code = Original(file).xTruncate(file, size);
+  if (code == SQLITE_OK) Tell({FaultyVfs::Event::kTruncate, file, {}, size});
+  return code;
 }
-int Sync(sqlite3_file*, int) { return Fails(Operation::kSync) ? SQLITE_IOERR_FSYNC : SQLITE_OK; }
+int Sync(sqlite3_file* file, int) {
+  if (Fails(Operation::kSync)) return SQLITE_IOERR_FSYNC;
+  Tell({FaultyVfs::Event::kSync, file, {}});
+  return SQLITE_OK;
+}
 
 sqlite3_vfs* original = nullptr;
 sqlite3_vfs vfs;
@@ -67,9 +82,13 @@ const Methods* WithFaults(const sqlite3_io_methods* methods) {
 int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* outFlags) {
   const int code = original->xOpen(original, name, file, flags, outFlags);
   if (file->pMethods) file->pMethods = WithFaults(file->pMethods);
+  if (code == SQLITE_OK) Tell({FaultyVfs::Event::kOpen, file, name ? name : ""});
   return code;
 }
-int Delete(sqlite3_vfs*, const char* name, int) { return original->xDelete(original, name, 0); }
+int Delete(sqlite3_vfs*, const char* name, int) {
+  Tell({FaultyVfs::Event::kDelete, nullptr, name});
+  return original->xDelete(original, name, 0);
+}
 
 }  // namespace
 

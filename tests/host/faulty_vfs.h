@@ -1,4 +1,5 @@
-// A SQLite VFS that hands everything on to the default one and fails chosen operations on the way.
+// A SQLite VFS that hands everything on to the default one, fails chosen operations on the way, and lets an
+// observer watch.
 //
 // It is registered under the name "faulty" and counts the operations of all its files together. Syncs that
 // don't fail are left out, so that sweeps over every operation stay fast.
@@ -6,12 +7,25 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <string_view>
+
+struct sqlite3_file;
 
 namespace veld_report::tests {
 
 class FaultyVfs {
  public:
   enum class Operation { kNone, kRead, kWrite, kSync, kTruncate };
+
+  // Something that has been done to a file, or is about to be for kDelete.
+  struct Event {
+    enum Kind { kOpen, kWrite, kTruncate, kSync, kDelete } kind;
+    const sqlite3_file* file;  // null for kDelete
+    std::string_view name;     // of kOpen and kDelete, with its path; a temporary file has none
+    std::int64_t offset = 0;   // of kWrite; the new size of kTruncate
+    std::string_view bytes{};  // of kWrite
+  };
 
   static constexpr char name[] = "faulty";
   static void Register();
@@ -24,6 +38,8 @@ class FaultyVfs {
   static inline std::atomic<Operation> failing{Operation::kNone};
   // How many operations have failed since FailAt.
   static inline std::atomic<std::int64_t> failures{0};
+  // May be empty; to be changed only while no file is open. Hears of what succeeds only.
+  static inline std::function<void(const Event&)> observer{};
 };
 
 }  // namespace veld_report::tests

@@ -1,0 +1,244 @@
+// Power loss: random work on a store is recorded, and what a disk may hold of it at each moment is opened.
+//
+// VELD_POWER_SECONDS makes a long run of it, from VELD_TEST_SEED on.
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <random>
+
+#include "host/queue/sqlite_connection.h"
+#include "tests/fakes/fake_tracer.h"
+#include "tests/host/faulty_vfs.h"
+#include "tests/host/power_log.h"
+#include "tests/host/queue_test_tools.h"
+
+namespace veld_report::tests {
+namespace {
+
+using testing::IsEmpty;
+
+// What a store holds: the items of each queue in their order, and the figures.
+struct Holding {
+  std::map<std::string, Strings> items;
+  std::map<std::string, host::QueueLedger> ledgers;
+  bool operator==(const Holding&) const = default;
+};
+
+Holding Look(host::QueueService& service) {
+  Holding holding{{}, service.Ledgers()};
+  for (const host::QueueInfo& queue : service.ListQueues()) {
+    Strings& texts = holding.items[queue.name];
+    for (host::PeekedItem& item : service.PeekItems(queue.name, 100'000))
+      texts.push_back(std::move(item.bytes));
+  }
+  return holding;
+}
+
+std::int64_t FromEnvironment(const char* name, std::int64_t otherwise) {
+  const char* const text = std::getenv(name);
+  return text ? std::atoll(text) : otherwise;
+}
+
+// The parameter: whether each commit is synced.
+class PowerLossTest : public StoreTest, public testing::WithParamInterface<bool> {
+ protected:
+  // A commit and where the log's steps stood: before it, when it was written, when it was answered.
+  struct Commit {
+    std::size_t begin;
+    std::size_t written;
+    std::size_t end;
+    Holding holding;
+  };
+
+  PowerLossTest() {
+    FaultyVfs::Register();
+    options.vfs = FaultyVfs::name;
+    options.syncEveryCommit = GetParam();
+    // Commits come where the test asks for them.
+    options.commitOperations = 1'000'000;
+    options.commitDelay = std::chrono::hours(1);
+    options.tracer = tracer;
+    replay = options;
+    replay.folder = replayFolder.Path();
+  }
+  void TearDown() override {
+    service.Reset();
+    options.tracer.Reset();
+    replay.tracer.Reset();
+  }
+
+  std::size_t Draw(std::size_t below) { return random() % below; }
+  bool Chance(double likelihood) { return std::uniform_real_distribution<>()(random) < likelihood; }
+
+  // The model's own idea of the items; the figures are the store's, which balance or fail the test.
+  void Note(std::size_t begin) {
+    model.ledgers = service->Ledgers();
+    commits.push_back({begin, std::max(begin, log->LogEnd()), log->Steps().size(), model});
+  }
+  void NoteRemoval(const std::string& queue, const std::function<void()>& remove) {
+    const std::size_t begin = log->Steps().size();
+    remove();
+    model.items.erase(queue);
+    Note(begin);
+  }
+
+  // Reads of one queue, of which some are acknowledged and some given back, and pushes to another, in one
+  // transaction.
+  void MoveItems() {
+    const std::string from = Draw(2) == 0 ? "a" : "b";
+    const std::string to = Draw(2) == 0 ? "a" : "b";
+    const std::size_t begin = log->Steps().size();
+    const auto reader = Reader(from);
+    for (const ReadItem& item : ReadAll(*reader, Draw(10))) {
+      if (Chance(0.3)) continue;
+      const bool delivered = Chance(0.8);
+      EXPECT_EQ(delivered ? reader->Ack(&item.token) : reader->ReturnItem(&item.token), zel::sOk);
+      if (delivered) std::erase(model.items[from], item.bytes);
+    }
+    const auto producer = Producer(to);
+    Strings& texts = model.items[to];
+    for (std::size_t left = Draw(8); left > 0; --left) {
+      texts.push_back(Numbered(number++) + std::string(Draw(Chance(0.1) ? 9000 : 900), '.'));
+      EXPECT_EQ(PushText(*producer, texts.back()), zel::sOk);
+    }
+    EXPECT_TRUE(service->Commit());
+    Note(begin);
+  }
+  void Step() {
+    const std::size_t kind = Draw(100);
+    if (kind < 90) return MoveItems();
+    const std::string queue = Draw(2) == 0 ? "a" : "b";
+    if (kind < 92) return NoteRemoval(queue, [&] { Manager()->RemoveQueue(zel::string(queue.c_str())); });
+    if (kind < 94) return NoteRemoval(queue, [&] { service->ClearQueue(queue); });
+    if (kind < 95) {
+      for (const char* each : {"a", "b"})
+        NoteRemoval(each, [&] { Manager()->RemoveQueue(zel::string(each)); });
+      return NoteRemoval("", [&] { service->Forget(); });
+    }
+    if (kind < 98) Open();
+  }
+
+  void Record(int steps) {
+    log.emplace(folder.Path());
+    commits = {{0, 0, 0, model}};
+    Open();
+    for (int i = 0; i < steps && !HasFailure(); ++i) Step();
+    service.Reset();
+    log->Stop();
+  }
+
+  // Opens what is on the disk. It must hold what stood there behind one of these commits, whole.
+  void Check(const DiskImage& image, std::size_t first, std::size_t last) {
+    ++images;
+    WriteImage(image, replay.folder);
+    auto opened = host::QueueService::Open(replay);
+    const Holding holding = Look(*opened);
+    for (const auto& [queue, ledger] : holding.ledgers) EXPECT_TRUE(ledger.IsBalanced()) << queue;
+    found = last + 1;
+    while (found > first && !(commits[found - 1].holding == holding)) --found;
+    EXPECT_GT(found, first) << "it holds what none of the commits " << first << " to " << last << " left";
+    opened.Reset();
+    EXPECT_THAT(tracer->TakeLines(), IsEmpty());
+    EXPECT_THAT(host::DamagedFilesOf(host::StoreFilePath(replay.folder, usualDomain)), IsEmpty());
+    EXPECT_THAT(host::CheckStore(replay.folder)[0].findings, IsEmpty());
+  }
+
+  // The power goes before a step, within it, and before it with some of what isn't synced missing.
+  void LosePower(const Disk& disk, std::size_t step) {
+    const DiskStep* const under = step < log->Steps().size() ? &log->Steps()[step] : nullptr;
+    std::size_t last = commits.size() - 1;
+    while (commits[last].begin > step) --last;
+    std::size_t whole = last;
+    while (commits[whole].written > step) --whole;
+    std::size_t sure = whole;
+    while (sure > 0 && (options.syncEveryCommit ? commits[sure].end > step : commits[sure].written > synced))
+      --sure;
+    const auto where = "step " + std::to_string(step) + " of " + std::to_string(log->Steps().size());
+    {
+      SCOPED_TRACE("all that was written, " + where);
+      Check(disk.Whole(nullptr, random), whole, last);
+    }
+    if (under && under->kind == DiskStep::kWrite) {
+      SCOPED_TRACE("the last write torn, " + where);
+      Check(disk.Whole(under, random), whole, last);
+    }
+    SCOPED_TRACE("part of what isn't synced, " + where);
+    Check(disk.Reordered(random), sure, last);
+  }
+
+  void Sweep(double share) {
+    const std::vector<DiskStep>& steps = log->Steps();
+    Disk disk(log->Start());
+    synced = 0;
+    for (std::size_t i = 0; i <= steps.size() && !HasFailure(); ++i) {
+      const bool amongWrites = i > 0 && i < steps.size() && steps[i - 1].kind == DiskStep::kWrite &&
+                               steps[i].kind == DiskStep::kWrite;
+      if (Chance(amongWrites ? share : 4 * share)) LosePower(disk, i);
+      if (i == steps.size()) break;
+      disk.Do(steps[i]);
+      if (steps[i].kind == DiskStep::kSync) synced = i;
+    }
+    EXPECT_TRUE(HasFailure() || commits.back().written <= synced) << "a close leaves nothing unsynced";
+  }
+
+  // The next recording begins with what a disk held after a loss, or with that in the earlier layout.
+  void GoOnFromALoss() {
+    const std::vector<DiskStep>& steps = log->Steps();
+    Disk disk(log->Start());
+    const std::size_t end = Draw(steps.size() + 1);
+    for (std::size_t i = 0; i < end; ++i) disk.Do(steps[i]);
+    const DiskImage image = disk.Reordered(random);
+    Check(image, 0, commits.size() - 1);
+    if (HasFailure()) return;
+    model = commits[found - 1].holding;
+    WriteImage(image, folder.Path());
+    if (Chance(0.7)) return;
+    Open();
+    service.Reset();
+    host::SqliteConnection connection(StorePath(), host::SqliteConnection::Access::kReadWrite);
+    for (const char* column : {"expired", "expired_bytes", "damaged", "damaged_bytes"})
+      connection.Execute("ALTER TABLE queues DROP COLUMN " + std::string(column));
+    connection.Execute("PRAGMA user_version=1");
+  }
+
+  void Run(std::uint64_t seed, int generations, int steps, double share) {
+    SCOPED_TRACE("seed " + std::to_string(seed) + "; VELD_TEST_SEED sets it");
+    random.seed(seed);
+    model = {};
+    WriteImage({}, folder.Path());
+    for (int i = 0; i < generations && !HasFailure(); ++i) {
+      if (i > 0) GoOnFromALoss();
+      Record(steps);
+      if (!HasFailure()) Sweep(share);
+    }
+  }
+
+  TemporaryFolder replayFolder;
+  host::QueueServiceOptions replay;
+  fakes::FakeWorld world;
+  zel::Ref<fakes::FakeTracer> tracer = fakes::MakeFake<fakes::FakeTracer>(world);
+  std::mt19937_64 random;
+  Holding model;
+  std::optional<PowerLog> log;
+  std::vector<Commit> commits;
+  std::size_t synced = 0;  // number of the last sync that the sweep has come past
+  std::size_t found = 0;   // number of the commit, from 1, that the last image held
+  std::size_t images = 0;
+  int number = 0;
+};
+
+TEST_P(PowerLossTest, WhateverTheDiskHoldsOpensWithEverythingThatWasSyncedAndInOrder) {
+  auto seed = static_cast<std::uint64_t>(FromEnvironment("VELD_TEST_SEED", 1));
+  const std::int64_t seconds = FromEnvironment("VELD_POWER_SECONDS", 0);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  Run(seed, 3, 60, 0.08);
+  while (!HasFailure() && std::chrono::steady_clock::now() < end) Run(++seed, 3, 160, 0.2);
+  std::cout << "power loss: " << images << " images, seeds to " << seed << "\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(Syncing, PowerLossTest, testing::Bool(),
+                         [](const auto& instance) { return instance.param ? "EveryCommit" : "WithTheLog"; });
+
+}  // namespace
+}  // namespace veld_report::tests
