@@ -74,7 +74,13 @@ void VeldReportSenderImpl::AddToPacket(QueueVisit& visit) {
     visit.callback->consumer = visit.consumer;
     visit.callback->notification = requestsNotification;
   }
-  visit.callback->tokens.push_back(visit.token);
+  try {
+    visit.callback->tokens.push_back(visit.token);
+  } catch (...) {
+    // The callback doesn't know this one, so it can't give it back.
+    visit.consumer->ReturnItem(&visit.token);
+    throw;
+  }
   visit.callback->needToSend.fetch_add(static_cast<std::uint32_t>(visit.scratch.size()),
                                        std::memory_order_relaxed);
   const std::string_view bytes(reinterpret_cast<const char*>(visit.scratch.first), visit.scratch.size());

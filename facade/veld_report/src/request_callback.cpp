@@ -4,6 +4,19 @@
 #include "types/text_conversion.h"
 
 namespace orvel::veld_report {
+namespace {
+
+// Settles one token. The outcome isn't looked at, and that of a queue service that throws neither: the other
+// tokens have to be settled all the same, and this runs inside a Release.
+template <class Settle>
+void Settled(Settle&& settle) noexcept {
+  try {
+    settle();
+  } catch (...) {
+  }
+}
+
+}  // namespace
 
 using Callback = VeldReportSenderImpl::AsyncHttpRequestCallbackImpl;
 
@@ -48,11 +61,11 @@ zel::ResultCode Callback::OnRequestFailed(const zel::wstring& url, zel::ResultCo
 
 void Callback::FinalRelease() {
   if (!consumer) return;
-  for (const std::uint64_t& token : tokens) consumer->ReturnItem(&token);
+  for (const std::uint64_t& token : tokens) Settled([&] { consumer->ReturnItem(&token); });
 }
 
 void Callback::Acknowledge() {
-  for (const std::uint64_t& token : tokens) consumer->Ack(&token);
+  for (const std::uint64_t& token : tokens) Settled([&] { consumer->Ack(&token); });
   sent.store(needToSend.load(std::memory_order_relaxed), std::memory_order_release);
   needToSend.store(0, std::memory_order_release);
   // Keeps the end of the object from giving the tokens back.

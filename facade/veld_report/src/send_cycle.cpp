@@ -7,19 +7,32 @@
 
 namespace orvel::veld_report {
 
+// Destroys the list of the walk on every way out of the cycle, so that it never survives into another one;
+// but a cycle that is stopped leaves it to the destructor.
+struct VeldReportSenderImpl::WalkEnd {
+  explicit WalkEnd(VeldReportSenderImpl& owner) : sender(owner) {}
+  WalkEnd(const WalkEnd&) = delete;
+  WalkEnd& operator=(const WalkEnd&) = delete;
+  ~WalkEnd() {
+    if (!sender.stopping.load(std::memory_order_acquire)) sender.shuffledQueues.reset();
+  }
+  VeldReportSenderImpl& sender;
+};
+
 void VeldReportSenderImpl::OnSendTimeout(void* /*argument*/) {
   zel::TraceText(tracer.Get(), zel::normalLevel, "OnSendTimeout called");
   timerSink.Disarm();
   SenderSnapshot snapshot;
   SendTotals totals;
   const std::uint32_t flags = TakeSnapshot(snapshot);
+  const WalkEnd walkEnd{*this};
   try {
     RunCycle(snapshot, flags, totals);
   } catch (...) {
     // The totals keep what had been added; the end of the cycle decides by them.
     zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::OnSendTimeout");
   }
-  // A cycle that is stopped says nothing more and leaves the list of the walk to the destructor.
+  // A cycle that is stopped says nothing more.
   if (!stopping.load(std::memory_order_acquire)) EndCycle(snapshot, totals);
 }
 
@@ -59,7 +72,6 @@ void VeldReportSenderImpl::EndCycle(const SenderSnapshot& snapshot, const SendTo
     zel::TraceText(tracer.Get(), zel::normalLevel,
                    "Threre are no more data to send. Timer for sending was cancelled");
   }
-  shuffledQueues.reset();
 }
 
 void VeldReportSenderImpl::QueuePendingData(const SenderSnapshot& snapshot) {

@@ -16,6 +16,16 @@ namespace {
 // How long after a submission a cycle begins, whatever sendTimeout says.
 constexpr std::uint32_t submissionDelayMs = 1000;
 
+// One step of the teardown. A host that throws in it keeps no later step from running: a timer that isn't
+// cancelled would call a sender that is gone. And a Release lets nothing through.
+template <class Step>
+void TearDown(Step&& step) noexcept {
+  try {
+    step();
+  } catch (...) {
+  }
+}
+
 }  // namespace
 
 VeldReportSenderImpl::VeldReportSenderImpl(zel::IServiceLocator* source)
@@ -78,22 +88,24 @@ zel::ResultCode VeldReportSenderImpl::Construct(const SenderSettings& settings) 
 }
 
 void VeldReportSenderImpl::FinalRelease() {
-  zel::TraceText(tracer.Get(), zel::normalLevel, "FinalRelease called");
+  TearDown([&] { zel::TraceText(tracer.Get(), zel::normalLevel, "FinalRelease called"); });
   stopping.store(true, std::memory_order_release);
   {
     // Ends the wait of a running cycle.
     const std::lock_guard lock(requestLock);
-    if (currentRequest) currentRequest->Cancel();
+    if (currentRequest) TearDown([&] { currentRequest->Cancel(); });
   }
   timerSink.Stop();
-  timerSink.Cancel();
+  TearDown([&] { timerSink.Cancel(); });
   if (!queueFactory) return;
-  try {
-    // Nobody else is left, so the live record is read without its lock.
-    QueuePendingData(live);
-  } catch (...) {
-    zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::FinalRelease");
-  }
+  TearDown([&] {
+    try {
+      // Nobody else is left, so the live record is read without its lock.
+      QueuePendingData(live);
+    } catch (...) {
+      zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::FinalRelease");
+    }
+  });
 }
 
 zel::ResultCode VeldReportSenderImpl::SendStatistic(zel::AnyPtr data) {

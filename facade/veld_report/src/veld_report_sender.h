@@ -64,6 +64,7 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   // What a packet's way through one request ended with.
   enum class RequestEnd { goOn, abandon };
   struct QueueVisit;
+  struct WalkEnd;
 
   // Submission.
   void Submit(const zel::string& consumer, const zel::AnyPtr& data);

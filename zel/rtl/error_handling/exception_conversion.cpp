@@ -99,8 +99,12 @@ ResultCode ReportCaughtException(ITracer* tracer, const char* functionName) {
 
 ResultCode ReportCaughtException(IServiceLocator* locator, const char* functionName) {
   Ref<ITracer> tracer;
-  // A locator without a tracer only costs the line.
-  static_cast<void>(GetInterface(locator, tracer));
+  try {
+    // A locator without a tracer only costs the line.
+    static_cast<void>(GetInterface(locator, tracer));
+  } catch (...) {
+    // And so does one that throws: what is being reported counts.
+  }
   return ReportCaughtException(tracer.Get(), functionName);
 }
 
@@ -118,9 +122,16 @@ ResultCode TraceExceptionToResultCode(const ExceptionTraceContext& context) {
 }
 
 ResultCode ConstructionExceptionToResultCode(IServiceLocator* locator) {
-  Ref<ITracer> tracer;
-  if (!locator || Failed(GetInterface(locator, tracer))) return ExceptionToResultCode();
-  return TraceExceptionToResultCode({tracer.Get(), "Exception during object construction: ", failureLevel});
+  try {
+    Ref<ITracer> tracer;
+    if (locator && !Failed(GetInterface(locator, tracer))) {
+      return TraceExceptionToResultCode(
+          {tracer.Get(), "Exception during object construction: ", failureLevel});
+    }
+  } catch (...) {
+    // A host that throws here costs the line: no failure of a factory leaves it as an exception.
+  }
+  return ExceptionToResultCode();
 }
 
 }  // namespace zel
