@@ -48,8 +48,13 @@ struct HttpAnswer {
 class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHandle> {
  public:
   FakeHttpRequest(FakeWorld& world, const HttpAnswer& answer, const zel::wstring& url, zel::IIO* body,
-                  network_services::IAsyncHttpRequestCallback* callback)
-      : FakeObject(world, "HttpRequest"), answer_(answer), url_(url), body_(body), callback_(callback) {}
+                  std::string bodyText, network_services::IAsyncHttpRequestCallback* callback)
+      : FakeObject(world, "HttpRequest"),
+        text(std::move(bodyText)),
+        answer_(answer),
+        url_(url),
+        body_(body),
+        callback_(callback) {}
 
   zel::ResultCode ReservedRequestOperation() override { return Reserved(); }
 
@@ -78,6 +83,7 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
     if (completed_.exchange(true)) return Fault("HttpClient: a second completion");
     zel::Ref<network_services::IAsyncHttpRequestCallback> callback = std::move(callback_);
     body_.Reset();
+    delivered_ = !answer.failure && answer.status == 200;
     alignas(8) char response[96];
     std::memset(response, 0x7f, sizeof response);
     std::memcpy(response + network_services::responseStatusOffset, &answer.status, sizeof answer.status);
@@ -92,7 +98,17 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
     Raise(ended_);
   }
 
+  // As the answer says that it was made with.
+  void CompleteAsPlanned() {
+    Complete(answer_.when == HttpAnswer::When::untilCancel ? HttpAnswer::Failure(zel::eOperationCancelled)
+                                                           : answer_);
+  }
   bool Completed() const { return completed_; }
+  // Answered with status 200.
+  bool Delivered() const { return delivered_; }
+  std::u16string Url() const { return std::u16string(url_.View()); }
+
+  const std::string text;
 
  private:
   void Raise(bool& flag) {
@@ -112,6 +128,7 @@ class FakeHttpRequest final : public FakeObject<network_services::IHttpRequestHa
   zel::Ref<zel::IIO> body_;
   zel::Ref<network_services::IAsyncHttpRequestCallback> callback_;
   std::atomic<bool> completed_ = false;
+  std::atomic<bool> delivered_ = false;
   std::mutex lock_;
   std::condition_variable changed_;
   bool ended_ = false;  // both under the lock
@@ -149,10 +166,11 @@ class FakeHttpClient final
     if (reserved) Fault("HttpClient: the reserved argument isn't null");
     if (!request || *request) Fault("HttpClient: the place for the request isn't empty");
     std::unique_lock guard(lock_);
-    sent_.push_back({std::u16string(url.View()), ReadAll(body)});
+    const std::string text = ReadAll(body);
+    sent_.push_back({std::u16string(url.View()), text});
     const HttpAnswer answer = answers_.empty() ? usual : answers_.front();
     if (!answers_.empty()) answers_.pop_front();
-    FakeHttpRequest* made = MakeFake<FakeHttpRequest>(world(), answer, url, body, callback).Detach();
+    FakeHttpRequest* made = MakeFake<FakeHttpRequest>(world(), answer, url, body, text, callback).Detach();
     requests_.push_back(made);
     *request = made;
     if (answer.when == HttpAnswer::When::onThread) {
@@ -194,6 +212,27 @@ class FakeHttpClient final
     FakeHttpRequest* request = *open;
     guard.unlock();
     request->Complete(HttpAnswer::Status(status));
+  }
+  // Completes each request that is still open, as planned, on this thread.
+  void CompleteOpen() {
+    JoinThreads();
+    for (FakeHttpRequest* request : requests_) {
+      if (!request->Completed()) request->CompleteAsPlanned();
+    }
+  }
+  // What was answered with status 200.
+  std::vector<Sent> Delivered() {
+    std::lock_guard guard(lock_);
+    std::vector<Sent> delivered;
+    for (const FakeHttpRequest* request : requests_) {
+      if (request->Delivered()) delivered.push_back({request->Url(), request->text});
+    }
+    return delivered;
+  }
+  // Forgets the answers that haven't been used yet.
+  void ForgetAnswers() {
+    std::lock_guard guard(lock_);
+    answers_.clear();
   }
   void JoinThreads() {
     std::vector<std::thread> threads;

@@ -65,10 +65,14 @@ void Script::FailCall(int nth, Failure failure, bool onwards) {
   idle_ = false;
 }
 
-std::string Script::StopFailing() {
+void Script::StopFailing() {
   std::lock_guard guard(lock_);
   failAt_ = 0;
-  return std::exchange(failed_, {});
+}
+
+std::string Script::FailedOperation() {
+  std::lock_guard guard(lock_);
+  return failed_;
 }
 
 bool Script::FailsNow(std::string_view operation) {

@@ -54,8 +54,9 @@ class Script {
   static constexpr zel::ResultCode negativeCode = zel::MakeResultCode(0x80000045);
   // The nth call from here on, of whatever operation, fails; with `onwards` each one behind it too.
   void FailCall(int nth, Failure failure, bool onwards = false);
-  // The operation whose call has failed first, empty if none has. Ends the failing.
-  std::string StopFailing();
+  void StopFailing();
+  // The operation whose call has failed first since FailCall, empty if none has.
+  std::string FailedOperation();
 
   // The fakes call it once for each call of an operation. Runs the actions of this call, outside the lock.
   zel::ResultCode Enter(std::string_view operation);
