@@ -16,7 +16,9 @@ bool IsHexDigit(char character) {
          (character >= 'A' && character <= 'F');
 }
 
-// A recursive descent over one text. `members` and `elements` receive the parts of the outermost value only.
+using OnElement = std::function<void(std::string_view)>;
+
+// A recursive descent over one text. `members` and `onElement` receive the parts of the outermost value only.
 class Scanner {
  public:
   Scanner(std::string_view text, std::size_t maxDepth) : text_(text), depthLeft_(maxDepth) {
@@ -30,9 +32,9 @@ class Scanner {
     Object(members);
     End();
   }
-  void WholeArray(std::vector<std::string_view>* elements) {
+  void WholeArray(const OnElement* onElement) {
     Begin('[', "isn't a JSON array");
-    Array(elements);
+    Array(onElement);
     End();
   }
 
@@ -112,7 +114,10 @@ class Scanner {
         if (!Take(':')) FailHere("\":\" behind a member's name");
         SkipBlanks();
         const std::string_view value = Value();
-        if (members) members->push_back({Unescaped(key), value});
+        if (members) {
+          if (members->size() == maxJsonMembers) Fail("an object has too many members");
+          members->push_back({Unescaped(key), value});
+        }
         SkipBlanks();
       } while (Take(','));
       if (!Take('}')) FailHere("\",\" or \"}\" behind a member");
@@ -120,13 +125,13 @@ class Scanner {
     ++depthLeft_;
   }
 
-  void Array(std::vector<std::string_view>* elements) {
+  void Array(const OnElement* onElement) {
     Descend();
     if (!Take(']')) {
       do {
         SkipBlanks();
         const std::string_view element = Value();
-        if (elements) elements->push_back(element);
+        if (onElement) (*onElement)(element);
         SkipBlanks();
       } while (Take(','));
       if (!Take(']')) FailHere("\",\" or \"]\" behind an element");
@@ -205,10 +210,8 @@ std::vector<JsonMember> ReadJsonObject(std::string_view text, std::size_t maxDep
   return members;
 }
 
-std::vector<std::string_view> ReadJsonArray(std::string_view text, std::size_t maxDepth) {
-  std::vector<std::string_view> elements;
-  Scanner(text, maxDepth).WholeArray(&elements);
-  return elements;
+void ReadJsonArray(std::string_view text, const OnElement& onElement, std::size_t maxDepth) {
+  Scanner(text, maxDepth).WholeArray(&onElement);
 }
 
 std::string ReadJsonString(std::string_view text) {
@@ -219,10 +222,6 @@ std::string ReadJsonString(std::string_view text) {
   if (code == simdjson::INCORRECT_TYPE) throw JsonError("isn't a string but " + Printable(text, 16));
   if (code) throw JsonError(std::string("isn't a valid JSON string: ") + simdjson::error_message(code));
   return std::string(value);
-}
-
-void CheckJsonObject(std::string_view text, std::size_t maxDepth) {
-  Scanner(text, maxDepth).WholeObject(nullptr);
 }
 
 }  // namespace veld_report::server

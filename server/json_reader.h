@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -32,13 +33,17 @@ struct JsonMember {
 // The most objects and arrays within one another that the server takes in a payload.
 inline constexpr std::size_t maxJsonDepth = 1000;
 
+// The most members of an object that is read by them: more than any object of the format has, and few enough
+// that a text can't make a list of them that is many times its size.
+inline constexpr std::size_t maxJsonMembers = 16;
+
 // The members of an object in their order; a key that stands twice comes twice.
 std::vector<JsonMember> ReadJsonObject(std::string_view text, std::size_t maxDepth = maxJsonDepth);
-// The elements of an array, each the exact text without blanks around it.
-std::vector<std::string_view> ReadJsonArray(std::string_view text, std::size_t maxDepth = maxJsonDepth);
+// Hands out the elements of an array one by one, each the exact text without blanks around it. What is wrong
+// behind an element shows after it was handed out.
+void ReadJsonArray(std::string_view text, const std::function<void(std::string_view)>& onElement,
+                   std::size_t maxDepth = maxJsonDepth);
 // The unescaped text of a string. Half of a surrogate pair on its own stands for no text and is refused.
 std::string ReadJsonString(std::string_view text);
-// Throws unless the text is an object.
-void CheckJsonObject(std::string_view text, std::size_t maxDepth = maxJsonDepth);
 
 }  // namespace veld_report::server

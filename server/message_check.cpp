@@ -59,13 +59,19 @@ std::string DecodeMember(std::string_view value, const std::string& name) {
 }
 
 void ReadSignatures(std::string_view value, MessageContent* content) {
-  const auto signatures = Reading("\"signatures\"", [&] { return ReadJsonArray(value); });
-  if (signatures.size() != 1) {
-    throw Refusal("\"signatures\" has " + std::to_string(signatures.size()) +
-                  " elements instead of exactly one");
+  std::size_t count = 0;
+  std::string_view only;
+  Reading("\"signatures\"", [&] {
+    ReadJsonArray(value, [&](std::string_view element) {
+      ++count;
+      only = element;
+    });
+  });
+  if (count != 1) {
+    throw Refusal("\"signatures\" has " + std::to_string(count) + " elements instead of exactly one");
   }
   const std::string owner = "the element of \"signatures\"";
-  const auto members = Reading(owner, [&] { return ReadJsonObject(signatures[0]); });
+  const auto members = Reading(owner, [&] { return ReadJsonObject(only); });
   const std::string_view block = TakeMember(members, "protected", owner);
   RefuseOthers(members, "protected", "protected", owner);
   content->signatureBlock = DecodeMember(block, "\"protected\"");
@@ -94,12 +100,17 @@ void ReadItems(MessageContent* content) {
   const auto members = Reading("the payload", [&] { return ReadJsonObject(content->payloadText); });
   const std::string_view array = TakeMember(members, "array", "the payload");
   RefuseOthers(members, "array", "array", "the payload");
-  const auto items = Reading("\"array\" of the payload", [&] { return ReadJsonArray(array); });
   std::string lines;
-  lines.reserve(array.size() + items.size());
-  for (const std::string_view item : items) AppendLine(item, &lines);
+  std::size_t count = 0;
+  lines.reserve(array.size());  // an item's line end is in place of its comma or of a bracket
+  Reading("\"array\" of the payload", [&] {
+    ReadJsonArray(array, [&](std::string_view item) {
+      AppendLine(item, &lines);
+      ++count;
+    });
+  });
   content->itemLines = std::move(lines);
-  content->itemCount = items.size();
+  content->itemCount = count;
 }
 
 void Check(std::string_view body, const SignatureVerifier& verifier, MessageContent* content) {

@@ -4,6 +4,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <chrono>
@@ -12,6 +13,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "server/connection_watch.h"
 #include "server/listen_socket.h"
 #include "server/ndjson_file.h"
 
@@ -22,6 +24,10 @@ namespace {
 // sending can read the answer; beyond it the connection is closed.
 constexpr std::size_t drainFactor = 4;
 constexpr std::chrono::seconds stopPatience{2};
+constexpr std::size_t firstBodyBytes = 64 * 1024;  // what a body gets at once; then it doubles
+// The library's own limit stands in for a moment in which many connections come and the cut ones haven't
+// gone.
+constexpr unsigned spareConnections = 32;
 
 struct Answer {
   unsigned status;
@@ -29,9 +35,12 @@ struct Answer {
 };
 
 struct Request {
+  ConnectionWatch::Connection* connection;
+  std::size_t declared;  // 0 for a body in chunks
   std::string body;
   std::size_t received = 0;
   bool answered = false;  // an answer was queued before the body was read
+  bool noRoom = false;    // the body is read and dropped
 };
 
 std::string_view Header(MHD_Connection* connection, const char* name) {
@@ -55,6 +64,8 @@ MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain; charset=utf-8");
   if (answer.status == MHD_HTTP_METHOD_NOT_ALLOWED)
     MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, "POST");
+  if (answer.status == MHD_HTTP_SERVICE_UNAVAILABLE)
+    MHD_add_response_header(response, MHD_HTTP_HEADER_RETRY_AFTER, "1");
   const MHD_Result result = MHD_queue_response(connection, answer.status, response);
   MHD_destroy_response(response);
   return result;
@@ -64,15 +75,22 @@ MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
 
 class ReportServer::Impl {
  public:
-  explicit Impl(ReportServerOptions options) : options_(std::move(options)), file_(options_.outPath) {
+  explicit Impl(ReportServerOptions options)
+      : options_(std::move(options)),
+        file_(options_.outPath),
+        watch_({options_.connectionLimit, options_.requestTime,
+                std::max(options_.bodyMemoryBytes, 4 * options_.bodyLimitBytes)},
+               options_.log) {
     const ListenSocket listening = OpenListenSocket(options_.address, options_.port);
     socket_ = listening.handle;
     port_ = listening.port;
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::OnRequest, this,
         MHD_OPTION_LISTEN_SOCKET, socket_, MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
-        MHD_OPTION_CONNECTION_LIMIT, options_.connectionLimit, MHD_OPTION_CONNECTION_TIMEOUT,
-        options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &Impl::OnCompleted, this, MHD_OPTION_END);
+        // The library gives each thread its share of this, and one thread may get them all.
+        MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
+        MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
+        &Impl::OnCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::OnConnection, this, MHD_OPTION_END);
     if (daemon_) return;
     close(socket_);
     throw std::runtime_error("the HTTP library can't start its threads");
@@ -111,7 +129,9 @@ class ReportServer::Impl {
       auto* const request = static_cast<Request*>(*state);
       if (!request) return server->Begin(connection, method, state);
       if (*size != 0) return server->Receive(request, data, size);
-      return request->answered ? MHD_YES : Queue(connection, server->Finish(connection, *request));
+      if (request->answered) return MHD_YES;
+      if (!server->watch_.Arrived(request->connection)) return MHD_NO;
+      return Queue(connection, server->Finish(connection, *request));
     } catch (const std::exception& error) {
       server->Log(std::string("a request ends without an answer: ") + error.what());
       return MHD_NO;
@@ -120,16 +140,38 @@ class ReportServer::Impl {
 
   static void OnCompleted(void* self, MHD_Connection*, void** state, MHD_RequestTerminationCode) noexcept {
     if (!*state) return;
-    delete static_cast<Request*>(*state);
-    *state = nullptr;
     auto* const server = static_cast<Impl*>(self);
+    auto* const request = static_cast<Request*>(*state);
+    ConnectionWatch::Connection* const watched = request->connection;
+    delete request;
+    *state = nullptr;
+    server->watch_.Ended(watched);
     const std::lock_guard hold(server->lock_);
     if (--server->active_ == 0) server->idle_.notify_all();
   }
 
+  static void OnConnection(void* self, MHD_Connection* connection, void** watched,
+                           MHD_ConnectionNotificationCode code) noexcept {
+    ConnectionWatch& watch = static_cast<Impl*>(self)->watch_;
+    if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
+      if (*watched) watch.Closed(static_cast<ConnectionWatch::Connection*>(*watched));
+      return;
+    }
+    const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    try {
+      *watched = watch.Opened(info->connect_fd);
+    } catch (const std::exception&) {
+      *watched = nullptr;  // its first request ends it
+    }
+  }
+
   MHD_Result Begin(MHD_Connection* connection, std::string_view method, void** state) {
-    auto request = std::make_unique<Request>();
+    auto* const watched = static_cast<ConnectionWatch::Connection*>(
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
+    if (!watched) return MHD_NO;
+    watch_.BodyBegins(watched);
     const std::size_t declared = DeclaredLength(connection);
+    auto request = std::make_unique<Request>(Request{watched, declared, {}});
     const bool over = declared > options_.bodyLimitBytes;
     const bool waits = strcasecmp(Header(connection, MHD_HTTP_HEADER_EXPECT).data(), "100-continue") == 0;
     MHD_Result result = MHD_YES;
@@ -139,8 +181,6 @@ class ReportServer::Impl {
     } else if (over && (waits || declared / drainFactor > options_.bodyLimitBytes)) {
       request->answered = true;
       result = Queue(connection, TooLarge());
-    } else if (!over) {
-      request->body.reserve(declared);
     }
     const std::lock_guard hold(lock_);
     ++active_;
@@ -150,7 +190,8 @@ class ReportServer::Impl {
 
   MHD_Result Receive(Request* request, const char* data, std::size_t* size) {
     request->received += *size;
-    if (request->received <= options_.bodyLimitBytes) {
+    const bool taken = request->received <= options_.bodyLimitBytes && !request->noRoom;
+    if (taken && MakeRoom(request)) {
       request->body.append(data, *size);
     } else {
       std::string().swap(request->body);
@@ -160,8 +201,20 @@ class ReportServer::Impl {
     return MHD_YES;
   }
 
+  // Memory is taken as the body comes, not when a length is claimed.
+  bool MakeRoom(Request* request) {
+    std::string& body = request->body;
+    if (request->received <= body.capacity()) return true;
+    const std::size_t wanted =
+        std::max({request->received, 2 * body.capacity(), std::min(request->declared, firstBodyBytes)});
+    request->noRoom = !watch_.Hold(request->connection, wanted);
+    if (!request->noRoom) body.reserve(wanted);
+    return !request->noRoom;
+  }
+
   Answer Finish(MHD_Connection* connection, const Request& request) {
     if (request.received > options_.bodyLimitBytes) return TooLarge();
+    if (request.noRoom) return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many bodies are arriving at once");
     const std::string wrongType = ContentTypeProblem(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE));
     if (!wrongType.empty()) return Refuse(MHD_HTTP_BAD_REQUEST, wrongType);
     const MessageContent content = CheckMessage(request.body, options_.verifier);
@@ -192,6 +245,7 @@ class ReportServer::Impl {
 
   const ReportServerOptions options_;
   NdjsonFile file_;
+  ConnectionWatch watch_;
   int socket_ = -1;
   std::uint16_t port_ = 0;
   MHD_Daemon* daemon_ = nullptr;

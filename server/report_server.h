@@ -6,9 +6,15 @@
 // was answered loses nothing, whenever this process is killed.
 //
 // Answers: 200 stored; 400 the body doesn't pass, with a sentence of why; 405 not a POST; 413 the body is
-// over the limit; 500 the file can't be written, with a sentence. Whatever isn't 200 has stored nothing.
+// over the limit; 500 the file can't be written, with a sentence; 503 too many bodies are arriving at once.
+// Whatever isn't 200 has stored nothing.
+//
+// What clients can make it hold is bounded, whatever they do (connection_watch.h has the rules): 32 KiB for
+// each of `connectionLimit` connections, `bodyMemoryBytes`, and while a body is checked, in each of
+// `threads`, six times `bodyLimitBytes`.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -27,8 +33,14 @@ struct ReportServerOptions {
   unsigned status = 200;              // any other: every good message gets this answer and nothing is stored
   std::size_t bodyLimitBytes = std::size_t{16} << 20;
   unsigned threads = 4;
-  unsigned connectionLimit = 128;
-  unsigned idleTimeoutSeconds = 30;
+  // One more, and the connection that has waited longest for the end of its request is cut. Each takes a file
+  // descriptor.
+  unsigned connectionLimit = 512;
+  unsigned idleTimeoutSeconds = 30;  // of a connection on which nothing comes
+  // For the headers of a request, and once more for its body; what takes longer is cut.
+  std::chrono::milliseconds requestTime{60'000};
+  // Of all bodies that are arriving. At least four times `bodyLimitBytes` are taken for it.
+  std::size_t bodyMemoryBytes = std::size_t{256} << 20;
   // Hears one line for each refused message and each failure. Called from the server's threads.
   std::function<void(const std::string&)> log;
 };

@@ -18,6 +18,9 @@ struct ServeOptions {
   std::string key;
   unsigned status = 200;
   std::size_t bodyLimitMiB = 16;
+  std::size_t bodyMemoryMiB = 256;
+  unsigned connections = 512;
+  unsigned requestSeconds = 60;
 };
 
 // "127.0.0.1:0", "[::1]:8080", "localhost:80".
@@ -43,6 +46,9 @@ int Serve(const ServeOptions& given) {
   if (!given.key.empty()) options.verifier = VerifierFromFile(given.key);
   options.status = given.status;
   options.bodyLimitBytes = given.bodyLimitMiB << 20;
+  options.bodyMemoryBytes = given.bodyMemoryMiB << 20;
+  options.connectionLimit = given.connections;
+  options.requestTime = std::chrono::seconds(given.requestSeconds);
   options.log = Complain;
 
   // Blocked before the server's threads start, so that they inherit it and only sigwait sees the two.
@@ -94,6 +100,24 @@ Command MakeServeCommand(CLI::App& program) {
   command->add_option("--body-limit", options->bodyLimitMiB, "largest body that is taken, in MiB")
       ->check(CLI::Range(1, 1024))
       ->type_name("MIB")
+      ->capture_default_str();
+  command
+      ->add_option("--body-memory", options->bodyMemoryMiB,
+                   "memory for bodies that are arriving, in MiB; at least four times --body-limit")
+      ->check(CLI::Range(1, 1 << 20))
+      ->type_name("MIB")
+      ->capture_default_str();
+  command
+      ->add_option("--connections", options->connections,
+                   "connections at a time; at one more, the one that has waited longest is cut")
+      ->check(CLI::Range(1, 100'000))
+      ->type_name("N")
+      ->capture_default_str();
+  command
+      ->add_option("--request-time", options->requestSeconds,
+                   "seconds for the headers of a request, and once more for its body")
+      ->check(CLI::Range(1, 3600))
+      ->type_name("SECONDS")
       ->capture_default_str();
   command->footer(
       "It prints \"listening on http://ADDRESS:PORT\" when it is ready, and ends on SIGTERM or Ctrl-C.\n"

@@ -95,6 +95,8 @@ TEST(MessageCheck, HostileBodiesAreRefusedWithAReason) {
       {good + R"(,"signatures":[]})", "has 0 elements instead of exactly one"},
       {good + R"(,"signatures":[{"protected":""},{"protected":""}]})", "has 2 elements"},
       {good + R"(,"signatures":["x"]})", "the element of \"signatures\" isn't a JSON object"},
+      {R"({"0":0,"1":0,"2":0,"3":0,"4":0,"5":0,"6":0,"7":0,"8":0,"9":0,"a":0,"b":0,"c":0,"d":0,"e":0,"f":0,"g":0})",
+       "an object has too many members"},
       {good + R"(,"signatures":[{}]})", "has no member \"protected\""},
       {good + R"(,"signatures":[{"protected":"","header":{}}]})", "doesn't know: \"header\""},
       {good + R"(,"signatures":[{"protected":"A"}]})", "\"protected\" isn't base-64"},

@@ -17,6 +17,15 @@ struct RawAnswer {
 // over. A request has to ask for the closing itself.
 RawAnswer Exchange(std::uint16_t port, std::string_view request);
 
+// The same, but behind its last byte the client says that no more comes, so the server ends every exchange.
+RawAnswer ExchangeHalfClosed(std::uint16_t port, std::string_view request);
+
+// A socket that is connected to 127.0.0.1:`port`, with ten seconds of patience; -1 if it can't be had. The
+// caller closes it.
+int Connect(std::uint16_t port);
+// Sends until all is sent or the server has closed.
+void SendAll(int handle, std::string_view text);
+
 // A whole POST with a length, ready for Exchange.
 std::string Post(std::string_view body, std::string_view contentType = "application/json");
 

@@ -1,0 +1,99 @@
+#include "server/connection_watch.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+
+namespace veld_report::server {
+
+ConnectionWatch::ConnectionWatch(const ConnectionLimits& limits, std::function<void(const std::string&)> log)
+    : limits_(limits), log_(std::move(log)), thread_([this] { CutOverdue(); }) {}
+
+ConnectionWatch::~ConnectionWatch() {
+  {
+    const Lock hold(lock_);
+    ended_ = true;
+  }
+  ending_.notify_all();
+  thread_.join();
+}
+
+ConnectionWatch::Connection* ConnectionWatch::Opened(int socket) {
+  const Lock hold(lock_);
+  Connection& opened = connections_.emplace_back(Connection{socket, std::chrono::steady_clock::now()});
+  ++uncut_;
+  if (uncut_ > limits_.connections) CutLongest(&opened, false, "there are too many connections");
+  return &opened;
+}
+
+void ConnectionWatch::Closed(Connection* connection) {
+  Ended(connection);
+  const Lock hold(lock_);
+  if (!connection->cut) --uncut_;
+  connections_.remove_if([&](const Connection& each) { return &each == connection; });
+}
+
+void ConnectionWatch::BodyBegins(Connection* connection) {
+  const Lock hold(lock_);
+  connection->since = std::chrono::steady_clock::now();
+}
+
+bool ConnectionWatch::Hold(Connection* connection, std::size_t bodyBytes) {
+  const Lock hold(lock_);
+  const std::size_t more = bodyBytes - std::min(bodyBytes, connection->bodyBytes);
+  if (connection->cut || more > limits_.bodyBytes - std::min(bodyBytes_, limits_.bodyBytes)) return false;
+  bodyBytes_ += more;
+  uncutBodyBytes_ += more;
+  connection->bodyBytes += more;
+  while (uncutBodyBytes_ > limits_.bodyBytes / 4 * 3) {
+    if (!CutLongest(connection, true, "there is too much in bodies that don't end")) break;
+  }
+  return true;
+}
+
+bool ConnectionWatch::Arrived(Connection* connection) {
+  const Lock hold(lock_);
+  connection->arrived = true;
+  return !connection->cut;
+}
+
+void ConnectionWatch::Ended(Connection* connection) {
+  const Lock hold(lock_);
+  bodyBytes_ -= connection->bodyBytes;
+  if (!connection->cut) uncutBodyBytes_ -= connection->bodyBytes;
+  connection->bodyBytes = 0;
+  connection->arrived = false;
+  connection->since = std::chrono::steady_clock::now();
+}
+
+void ConnectionWatch::CutOverdue() {
+  Lock hold(lock_);
+  const auto step = std::clamp<std::chrono::milliseconds>(
+      limits_.requestTime / 4, std::chrono::milliseconds(10), std::chrono::seconds(1));
+  while (!ending_.wait_for(hold, step, [this] { return ended_; })) {
+    const auto latest = std::chrono::steady_clock::now() - limits_.requestTime;
+    for (Connection& each : connections_) {
+      if (each.since < latest && !each.arrived && !each.cut) Cut(each, "its request takes too long");
+    }
+  }
+}
+
+bool ConnectionWatch::CutLongest(const Connection* besides, bool withBody, const char* why) {
+  Connection* longest = nullptr;
+  for (Connection& each : connections_) {
+    if (&each == besides || each.cut || each.arrived || (withBody && each.bodyBytes == 0)) continue;
+    if (!longest || each.since < longest->since) longest = &each;
+  }
+  if (longest) Cut(*longest, why);
+  return longest != nullptr;
+}
+
+void ConnectionWatch::Cut(Connection& connection, const char* why) {
+  connection.cut = true;
+  --uncut_;
+  uncutBodyBytes_ -= connection.bodyBytes;
+  shutdown(connection.socket, SHUT_RDWR);
+  if (log_) log_(std::string("a connection is cut: ") + why);
+}
+
+}  // namespace veld_report::server
