@@ -1,6 +1,7 @@
 #include "host/json/json_text_writer.h"
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -15,6 +16,31 @@ namespace {
 constexpr std::string_view replacement = "\xef\xbf\xbd";  // U+FFFD
 
 bool IsPlain(unsigned char byte) { return byte >= 0x20 && byte < 0x80 && byte != '"' && byte != '\\'; }
+
+constexpr std::uint64_t Everywhere(unsigned char byte) { return 0x0101010101010101U * byte; }
+
+// Has the top bit set in each byte below which all are plain and that is not; bytes above may be marked
+// falsely. The arithmetic is that of searching a zero byte in a word.
+std::uint64_t MarkUnplain(std::uint64_t word) {
+  const auto below = [word](unsigned char byte) { return word - Everywhere(byte); };
+  const auto equal = [word](unsigned char byte) { return (word ^ Everywhere(byte)) - Everywhere(1); };
+  return (word | ((below(0x20) | equal('"') | equal('\\')) & ~word)) & Everywhere(0x80);
+}
+
+// How many bytes at the front are plain.
+std::size_t PlainPrefix(std::string_view text) {
+  std::size_t length = 0;
+  if constexpr (std::endian::native == std::endian::little) {
+    for (; length + sizeof(std::uint64_t) <= text.size(); length += sizeof(std::uint64_t)) {
+      std::uint64_t word = 0;
+      std::memcpy(&word, text.data() + length, sizeof word);
+      const std::uint64_t marks = MarkUnplain(word);
+      if (marks != 0) return length + static_cast<std::size_t>(std::countr_zero(marks)) / 8;
+    }
+  }
+  while (length < text.size() && IsPlain(static_cast<unsigned char>(text[length]))) ++length;
+  return length;
+}
 
 // The bytes that may follow a lead byte differ from 0x80-0xbf for four of them only.
 bool MayFollow(unsigned char lead, unsigned char second) {
@@ -60,20 +86,16 @@ void JsonTextWriter::WriteThrough(std::string_view text) {
   }
 }
 
-void JsonTextWriter::Raw(std::string_view text) {
+void JsonTextWriter::RawPastBuffer(std::string_view text) {
+  WriteThrough({buffer_.data(), std::exchange(used_, 0)});
   if (zel::Failed(failure_)) return;
-  if (text.size() > buffer_.size() - used_) {
-    WriteThrough({buffer_.data(), std::exchange(used_, 0)});
-    if (text.size() >= buffer_.size()) {
-      WriteThrough(text);
-      return;
-    }
+  if (text.size() >= buffer_.size()) {
+    WriteThrough(text);
+    return;
   }
-  std::copy(text.begin(), text.end(), buffer_.begin() + static_cast<std::ptrdiff_t>(used_));
-  used_ += text.size();
+  std::copy(text.begin(), text.end(), buffer_.begin());
+  used_ = text.size();
 }
-
-void JsonTextWriter::Raw(char character) { Raw(std::string_view(&character, 1)); }
 
 void JsonTextWriter::Escaped(unsigned char byte) {
   constexpr std::string_view digits = "0123456789abcdef";
@@ -92,13 +114,12 @@ void JsonTextWriter::Escaped(unsigned char byte) {
 void JsonTextWriter::String(std::string_view utf8) {
   Raw('"');
   while (!utf8.empty()) {
-    std::size_t run = 0;  // as many bytes as can go out unchanged
-    std::size_t sequence = 0;
-    while (run < utf8.size()) {
-      sequence = IsPlain(static_cast<unsigned char>(utf8[run])) ? 1 : 0;
-      if (sequence == 0 && (utf8[run] & '\x80') != 0) sequence = ValidUtf8Prefix(utf8.substr(run));
+    std::size_t run = PlainPrefix(utf8);  // as many bytes as can go out unchanged
+    while (run < utf8.size() && (utf8[run] & '\x80') != 0) {
+      const std::size_t sequence = ValidUtf8Prefix(utf8.substr(run));
       if (sequence == 0) break;
       run += sequence;
+      run += PlainPrefix(utf8.substr(run));
     }
     Raw(utf8.substr(0, run));
     utf8.remove_prefix(run);

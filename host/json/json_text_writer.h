@@ -5,6 +5,7 @@
 // everything after it is dropped, so a caller asks once at the end of a piece and not at each token.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -21,8 +22,18 @@ class JsonTextWriter {
   explicit JsonTextWriter(zel::Ref<zel::IIO> stream);
 
   // Bytes as they stand.
-  void Raw(std::string_view text);
-  void Raw(char character);
+  void Raw(std::string_view text) {
+    if (text.size() > buffer_.size() - used_ || zel::Failed(failure_)) {
+      RawPastBuffer(text);
+      return;
+    }
+    std::copy(text.begin(), text.end(), buffer_.data() + used_);
+    used_ += text.size();
+  }
+  void Raw(char character) {
+    if (used_ == buffer_.size()) RawPastBuffer({});
+    buffer_[used_++] = character;  // never handed on after a failure
+  }
   // A JSON string. Each sequence that isn't valid UTF-8 (each maximal part of one, as Unicode 15 chapter 3.9
   // recommends) and each lone surrogate comes out as U+FFFD. Control characters, the quotation mark and the
   // backslash are escaped, nothing else.
@@ -45,13 +56,15 @@ class JsonTextWriter {
   void Fail(zel::ResultCode code);
 
  private:
+  void RawPastBuffer(std::string_view text);
   void WriteThrough(std::string_view text);
   void Escaped(unsigned char byte);
 
   zel::Ref<zel::IIO> stream_;
   zel::ResultCode failure_ = zel::sOk;
   std::size_t used_ = 0;
-  std::array<char, 2048> buffer_;
+  // A storage with this much is still a block that the heap hands out without a search.
+  std::array<char, 896> buffer_;
 };
 
 }  // namespace veld_report::host

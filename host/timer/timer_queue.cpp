@@ -68,8 +68,8 @@ void TimerQueue::Stop() {
   finished_.notify_all();
 }
 
-void TimerQueue::Insert(zel::IRunnable* sink, Clock::TimePoint due, bool hurried) {
-  const Firing firing{due, sequence_++, sink, hurried};
+void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool hurried) {
+  const Firing firing{clock_->Now() + delay, sequence_++, sink, hurried, delay};
   const auto place = order_.insert(firing).first;
   try {
     pending_.emplace(sink, firing);
@@ -84,7 +84,8 @@ void TimerQueue::Insert(zel::IRunnable* sink, Clock::TimePoint due, bool hurried
 void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due,
                       bool hurried) {
   auto node = order_.extract(pending->second);
-  pending->second = Firing{due, pending->second.sequence, pending->first, hurried};
+  pending->second.due = due;
+  pending->second.hurried = hurried;
   node.value() = pending->second;
   // First the insertion, then the question: in one expression the compiler may ask for begin() before it.
   const auto place = order_.insert(std::move(node)).position;
@@ -106,13 +107,15 @@ zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
   const bool hurried = sink == hurriedSink_ && hurry_ && *hurry_ < delay;
   if (hurried) delay = *hurry_;
   if (sink == hurriedSink_) hurry_.reset();
-  const Clock::TimePoint due = clock_->Now() + delay;
   const auto found = pending_.find(sink);
   if (found == pending_.end()) {
-    Insert(sink, due, hurried);
-  } else if (due < found->second.due) {
-    Move(found, due, hurried);
+    Insert(sink, delay, hurried);
+    return zel::sOk;
   }
+  // Every submission comes here: a delay that is no shorter needs no look at the clock.
+  if (delay >= found->second.delay) return zel::sOk;
+  const Clock::TimePoint due = clock_->Now() + delay;
+  if (due < found->second.due) Move(found, due, hurried);
   return zel::sOk;
 }
 

@@ -51,13 +51,14 @@ class TimerQueue final : private IClockListener {
     std::uint64_t sequence;  // of two due at once, the one armed first runs first
     zel::IRunnable* sink;
     bool hurried = false;
+    std::chrono::milliseconds delay{0};  // with which it was armed; it may have been brought forward since
     friend bool operator<(const Firing& left, const Firing& right) {
       return std::tie(left.due, left.sequence) < std::tie(right.due, right.sequence);
     }
   };
 
   void OnClockAdvanced() override;
-  void Insert(zel::IRunnable* sink, Clock::TimePoint due, bool hurried);
+  void Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool hurried);
   void Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool hurried);
   void Remove(zel::IRunnable* sink);
   void RunFirst(std::unique_lock<std::mutex>& lock);
