@@ -1,6 +1,8 @@
 #include "host/http/hold_back.h"
 
 #include <algorithm>
+#include <set>
+#include <string_view>
 #include <utility>
 
 #include "host/base/redact.h"
@@ -45,7 +47,13 @@ std::optional<Clock::TimePoint> HoldBack::Start(const std::string& url) const {
 void HoldBack::End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
   if (outcome.code == zel::eOperationCancelled) return;
   const std::lock_guard lock(mutex_);
-  Row& row = rows_[url];
+  const auto [place, added] = rows_.try_emplace(url);
+  const Row before = place->second;
+  Note(place->second, startedAt, outcome);
+  if (added || place->second != before) version_.fetch_add(1, std::memory_order_release);
+}
+
+void HoldBack::Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
   row.lastError = ErrorText(outcome);
   if (!zel::Failed(outcome.code)) row.lastStatus = outcome.status;
   if (outcome.local || startedAt < row.failedAt) return;
@@ -77,9 +85,10 @@ Clock::TimePoint HoldBack::WaitAfterFailure(const Row& row, const HttpOutcome& o
 }
 
 void HoldBack::KeepOnly(const std::vector<std::string>& urls) {
+  const std::set<std::string_view> kept(urls.begin(), urls.end());
   const std::lock_guard lock(mutex_);
-  std::erase_if(
-      rows_, [&](const auto& row) { return std::find(urls.begin(), urls.end(), row.first) == urls.end(); });
+  std::erase_if(rows_, [&](const auto& row) { return !kept.contains(row.first); });
+  version_.fetch_add(1, std::memory_order_release);
 }
 
 std::vector<HttpClientState> HoldBack::States() const {

@@ -1,6 +1,8 @@
 // HoldBack, the memory of how urls have answered, and the decision whether a request may go.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -28,6 +30,8 @@ class HoldBack {
   // Forgets all other urls.
   void KeepOnly(const std::vector<std::string>& urls);
   std::vector<HttpClientState> States() const;
+  // Another number than before whenever States would tell something new, but for waits that have run out.
+  std::uint64_t Version() const { return version_.load(std::memory_order_acquire); }
 
  private:
   struct Row {
@@ -36,8 +40,11 @@ class HoldBack {
     std::uint32_t failures = 0;
     std::uint16_t lastStatus = 0;
     std::string lastError;
+
+    bool operator==(const Row&) const = default;
   };
 
+  void Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome);
   Clock::TimePoint WaitAfterFailure(const Row& row, const HttpOutcome& outcome) const;
 
   const HoldBackOptions options_;
@@ -46,6 +53,7 @@ class HoldBack {
 
   mutable std::mutex mutex_;  // guards the rows and `random_`; held across calls of clock and random alone
   std::map<std::string, Row> rows_;
+  std::atomic<std::uint64_t> version_{0};
 };
 
 }  // namespace veld_report::host

@@ -106,6 +106,7 @@ class Factory final : public HostObject<HttpClientFactory> {
   }
   void AnnounceUrls(std::vector<std::string> urls) override { shared_->Announce(std::move(urls)); }
   std::vector<HttpClientState> States() const override { return shared_->holdBack.States(); }
+  std::uint64_t StatesVersion() const override { return shared_->holdBack.Version(); }
 
  private:
   const std::shared_ptr<HttpShared> shared_;

@@ -104,6 +104,9 @@ class HttpClientFactory : public network_services::IHttpClientFactory {
   virtual void AnnounceUrls(std::vector<std::string> urls) = 0;
   // A row for each url that has had a request, sorted.
   virtual std::vector<HttpClientState> States() const = 0;
+  // Another number than before whenever States would tell something new, but for waits that have run out.
+  // Asking costs no lock and no copy.
+  virtual std::uint64_t StatesVersion() const = 0;
 
  protected:
   ~HttpClientFactory() = default;

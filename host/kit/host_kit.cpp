@@ -35,7 +35,7 @@ FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& 
                                              std::shared_ptr<UrlStateFile> states,
                                              FunctionNotification::Function own) {
   return [http, states = std::move(states), own = std::move(own)](const FinishedRequest& request) {
-    states->Update(http->States());
+    states->Update(*http);
     if (own) own(request);
   };
 }

@@ -8,6 +8,7 @@
 #include <charconv>
 #include <fstream>
 #include <string_view>
+#include <unordered_map>
 
 #include "host/base/redact.h"
 #include "host/hash/queue_name.h"
@@ -89,17 +90,25 @@ UrlStateFile::UrlStateFile(const std::filesystem::path& storeFolder) : file_(Sta
 void UrlStateFile::SetUrls(const std::vector<std::string>& urls) {
   const std::lock_guard guard(lock_);
   urls_.clear();
+  version_.reset();
   for (const std::string& url : urls) {
     urls_.push_back({.queueName = QueueNameOfUrl(url), .http = {.url = WithoutCredentials(url)}});
   }
   Write();
 }
 
-void UrlStateFile::Update(const std::vector<HttpClientState>& states) {
+void UrlStateFile::Update(const HttpClientFactory& http) {
   const std::lock_guard guard(lock_);
+  // Asked for before the states, so that a change behind it is seen the next time.
+  const std::uint64_t version = http.StatesVersion();
+  if (version_ == version) return;
+  version_ = version;
+  const std::vector<HttpClientState> states = http.States();
+  std::unordered_map<std::string_view, const HttpClientState*> known;
+  for (const HttpClientState& state : states) known.emplace(state.url, &state);
   for (UrlState& each : urls_) {
-    const auto known = std::ranges::find(states, each.http.url, &HttpClientState::url);
-    if (known != states.end()) each.http = *known;
+    const auto found = known.find(each.http.url);
+    if (found != known.end()) each.http = *found->second;
   }
   Write();
 }

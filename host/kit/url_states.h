@@ -31,8 +31,9 @@ class UrlStateFile {
   // Names the urls of the settings, as they are given there. Writes the file.
   void SetUrls(const std::vector<std::string>& urls);
   // Takes what the client knows, and writes the file if something that a person looks for has changed: a
-  // wait, the last status or the last error. A file that can't be written is left as it is, without a word.
-  void Update(const std::vector<HttpClientState>& states);
+  // wait, the last status or the last error. Costs next to nothing if the client knows nothing new. A file
+  // that can't be written is left as it is, without a word.
+  void Update(const HttpClientFactory& http);
   // Forgets the waits, which end with the process. Nothing is written afterwards.
   void Close();
 
@@ -46,6 +47,7 @@ class UrlStateFile {
   std::mutex lock_;  // guards the rest; held while the file is written
   std::vector<UrlState> urls_;
   std::string written_;
+  std::optional<std::uint64_t> version_;  // of what the client knew at the last update
   bool closed_ = false;
 };
 
