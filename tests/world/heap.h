@@ -1,0 +1,43 @@
+// What the module does beside its calls to the host: memory that it takes from the process heap, and locks.
+//
+// The linker puts the functions of heap.cpp between the module's objects and malloc, free and the locks of
+// the C library; operator new and delete are replaced. Everything counts only while a thread is inside the
+// module, which Inside and Outside tell.
+#pragma once
+
+#include <cstdint>
+
+namespace veld_report::world {
+
+// This thread's place, for the time of one block.
+class Inside {
+ public:
+  explicit Inside(bool inModule = true);
+  Inside(const Inside&) = delete;
+  Inside& operator=(const Inside&) = delete;
+  ~Inside();
+
+ private:
+  const bool before_;
+};
+struct Outside : Inside {
+  Outside() : Inside(false) {}
+};
+
+struct Heap {
+  // Blocks that are out, of everything in this program; 0 always under a sanitizer, which counts itself.
+  static std::int64_t LiveBlocks();
+  // The nth allocation inside the module from here on fails, and `onFailure` is called; 0: none.
+  static void FailNth(int nth, void (*onFailure)(void* context), void* context);
+};
+
+struct Locks {
+  // How often this thread holds a lock of the module's.
+  static int Held();
+  // Whether a thread held two different ones since the last call.
+  static bool TakeTwoAtOnce();
+  // How many were taken, ever.
+  static std::uint64_t Taken();
+};
+
+}  // namespace veld_report::world

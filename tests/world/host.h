@@ -1,0 +1,244 @@
+// The simulated host: a virtual clock, queues, a client, a timer and all other services, under the script's
+// faults. It records each call, and judges what can be judged from the calls alone; the model judges the
+// rest.
+//
+// It is not tests/fakes: there is no lock and no log of texts here, since the threads of a world take turns
+// and a world makes a hundred thousand calls a second.
+#pragma once
+
+#include <array>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/world/heap.h"
+#include "tests/world/script.h"
+#include "types/basic_string.h"
+#include "types/object.h"
+#include "types/ref.h"
+
+namespace veld_report::world {
+
+// What no world may break. A failure names one of them.
+namespace invariant {
+inline constexpr char acknowledged[] = "acknowledged";  // only after a 200 that carried it, or to make room
+inline constexpr char ledger[] = "ledger";              // pushed = delivered + evicted + removed + waiting
+inline constexpr char order[] = "order";                // oldest first
+inline constexpr char body[] = "body";                  // decodes to exactly the items
+inline constexpr char calls[] = "calls";                // the calls that the rules tell, in their order
+inline constexpr char queues[] = "queues";              // hold what the model's queues hold
+inline constexpr char locks[] = "locks";                // none held where none may be
+inline constexpr char balance[] = "balance";            // references, memory and bookkeeping go back to zero
+inline constexpr char delivery[] = "delivery";          // all arrives once nothing is in the way
+}  // namespace invariant
+
+struct Failure {
+  std::string invariant;
+  std::string text;
+};
+
+// A host that doesn't keep its word, for the proof that each invariant can fail.
+enum class Lie {
+  none,
+  refusedIsDelivered,
+  item,
+  newestFirst,
+  body,
+  arming,
+  lock,
+  reference,
+  memory,
+  push,
+  silence
+};
+
+struct Record {
+  Op op{};
+  zel::ResultCode result = 0;
+  bool faulted = false;
+  bool threw = false;
+  std::uint64_t a = 0, b = 0, c = 0, d = 0;
+};
+
+struct Scripted : std::runtime_error {
+  Scripted() : std::runtime_error("scripted") {}
+};
+
+inline constexpr std::uint64_t never = UINT64_MAX;
+inline std::uint64_t Print(std::string_view bytes) { return std::hash<std::string_view>()(bytes); }
+const std::u16string& Url(int url);
+const std::string& QueueName(int name);  // the first urlCount are those of the urls
+int NameIndex(std::string_view name);    // -1 for none
+
+// Keeps its memory to the end of the world, so that a use behind the end is a failure and no crash.
+class Tomb {
+ public:
+  virtual ~Tomb() = default;
+  std::uint32_t references = 1;
+};
+
+class Reader;
+class Request;
+struct Services;
+
+struct StoredItem {
+  std::uint64_t token;
+  std::string bytes;
+  std::uint64_t print;
+  const Reader* holder;
+};
+struct StoredQueue {
+  bool exists = false;
+  bool refused = false;  // a push was, and nobody has made room for it
+  std::uint64_t bytes = 0;
+  std::deque<StoredItem> items;
+};
+
+class Host {
+ public:
+  explicit Host(Lie lie);
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+  ~Host();
+
+  // The first one counts.
+  void Fail(const char* invariantName, const std::string& text);
+  bool Failed() const { return !failure.invariant.empty(); }
+  Record& Append(const Record& record);
+  void Excuse() { Append({.op = Op::excuse}); }
+  // The result that the script has for this call, or 0.
+  zel::ResultCode Planned(Op op);
+  void EnterIfDue(Op op);
+  // The queue's oldest item behind `position` that nobody holds, or null.
+  static StoredItem* Next(StoredQueue& queue, std::uint64_t position);
+  // Its end if there is no such item.
+  static std::deque<StoredItem>::iterator Find(StoredQueue& queue, std::uint64_t token);
+  void Put(StoredQueue& queue, std::string bytes);
+  // Reports to the callback of a request whose time has come.
+  void Complete(Request& request);
+  // Moves the clock, and completes what is due on the way.
+  void AdvanceRequests(std::uint64_t untilMs);
+  // The request that is due first, or null.
+  Request* FirstDue() const;
+  void CheckLedger();
+  template <class T, class... Arguments>
+  T* Make(Arguments&&... arguments) {
+    auto made = std::make_unique<T>(*this, std::forward<Arguments>(arguments)...);
+    T* object = made.get();
+    tombs.push_back(std::move(made));
+    return object;
+  }
+
+  // How often each operation was called, in this process, and had each kind of result.
+  struct Seen {
+    std::uint64_t plain = 0, negative = 0, positive = 0, thrown = 0, entered = 0;
+  };
+  static std::array<Seen, static_cast<std::size_t>(Op::returned) + 1> seen;
+
+  const Lie lie;
+  Failure failure;
+  std::vector<Record> recording;
+  std::vector<int> enumerated;  // names that the records of enumerations point into
+  std::vector<Step> plans;      // faults and entries that wait for their calls
+  std::deque<Step> answers;
+  std::function<void(const Step& step)> enter;  // lets another thread in
+
+  // Of the sender that stands.
+  int missing = 0;
+  bool trace = false;
+  bool timerRestarts = false;
+  bool constructing = false;
+  const Settings* settings = nullptr;  // of the call in progress
+
+  std::uint64_t nowMs = 0;
+  bool gateClosed = false;
+  zel::IObject* sink = nullptr;
+  std::uint64_t timerDueMs = never;
+  bool running = false;
+  std::function<void()> park;  // CancelTimer waits here for the end of Run
+
+  std::array<StoredQueue, nameCount> queues;
+  std::uint64_t lastToken = 0;
+  std::uint64_t pushed = 0, delivered = 0, evicted = 0, removed = 0;
+  std::vector<Request*> open;
+  Request* completing = nullptr;
+  Reader* walking = nullptr;  // the reader that was made last
+  std::uint32_t producers = 0, readers = 0, requests = 0;
+  std::uint64_t blocks = 0;  // of the allocator
+  int failBlock = 0;
+  bool signed_ = false;
+  std::string signature;
+  std::uint64_t signedPrint = 0;
+
+  std::vector<std::unique_ptr<Tomb>> tombs;
+  std::unique_ptr<Services> services;
+};
+
+// One call of the module's, recorded. It throws what the script has for it.
+class Call {
+ public:
+  // `locks`: how many locks of the module's are held, exactly.
+  Call(Host& host, Op op, int locks, std::uint64_t a = 0, std::uint64_t b = 0, std::uint64_t c = 0,
+       std::uint64_t d = 0);
+  bool Refused() const { return planned_ < 0; }
+  zel::ResultCode Planned() const { return planned_; }
+  Record& Own() { return host_.recording[index_]; }
+  zel::ResultCode Done(zel::ResultCode result) { return Own().result = result; }
+
+ private:
+  const Outside outside_;
+  Host& host_;
+  const std::size_t index_;
+  zel::ResultCode planned_ = 0;
+};
+
+template <class... Interfaces>
+class Fake : public Interfaces..., public Tomb {
+ public:
+  explicit Fake(Host& owner) : host(owner) {}
+  std::uint32_t AddRef() override {
+    Use();
+    return ++references;
+  }
+  std::uint32_t Release() override {
+    const Outside outside;
+    Use();
+    if (references == 0) return 0;
+    if (--references == 0) OnEnd();
+    return references;
+  }
+  zel::ResultCode QueryInterface(zel::InterfaceId interfaceId, void** out) override {
+    Use();
+    *out = nullptr;
+    if (interfaceId == 0) *out = static_cast<std::tuple_element_t<0, std::tuple<Interfaces...>>*>(this);
+    (Offer<Interfaces>(interfaceId, out), ...);
+    if (!*out) return zel::eInterfaceNotSupported;
+    ++references;
+    return zel::sOk;
+  }
+
+ protected:
+  void Use() const {
+    if (references == 0) host.Fail(invariant::balance, "a service is used behind its last Release");
+  }
+  zel::ResultCode Reserved() const {
+    host.Fail(invariant::calls, "a reserved operation");
+    return zel::eNotImplemented;
+  }
+  virtual void OnEnd() {}
+  Host& host;
+
+ private:
+  template <class I>
+  void Offer(zel::InterfaceId interfaceId, void** out) {
+    if constexpr (requires { I::iid; }) {
+      if (interfaceId == I::iid) *out = static_cast<I*>(this);
+    }
+  }
+};
+
+}  // namespace veld_report::world
