@@ -83,6 +83,10 @@ int32_t veld_report_flush(veld_report_handle* reporter, uint32_t deadline_ms) {
   return reporter && reporter->reporter.Flush(milliseconds(deadline_ms)) ? 1 : 0;
 }
 
+int32_t veld_report_flush_to_store(veld_report_handle* reporter, uint32_t deadline_ms) {
+  return reporter && reporter->reporter.FlushToStore(milliseconds(deadline_ms)) ? 1 : 0;
+}
+
 int32_t veld_report_stats(veld_report_handle* reporter, veld_report_statistics* out) {
   if (!reporter || !out || out->struct_size != sizeof *out) return zel::eInvalidArgument;
   try {

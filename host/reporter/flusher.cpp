@@ -15,16 +15,8 @@ constexpr milliseconds longestPause{5000};
 }  // namespace
 
 bool Flusher::Flush(const std::function<TimePoint()>& end) {
-  if (!Drain(end)) return false;
+  if (!FlushToStore(end)) return false;
   milliseconds pause = firstPause;
-  while (!kit_.Queues().Commit()) {
-    // The disk is full or the file can't be written just now; what stands in memory isn't safe yet.
-    if (!WaitForRun(kit_.Timer().RunsStarted(),
-                    [&] { return std::min(end(), steady_clock::now() + pause); }) &&
-        steady_clock::now() >= end()) {
-      return false;
-    }
-  }
   const std::uint64_t mark = kit_.Queues().LastToken();
   while (!IsBehind(mark)) {
     const TimePoint next = steady_clock::now() + pause;
@@ -32,6 +24,17 @@ bool Flusher::Flush(const std::function<TimePoint()>& end) {
     if (IsBehind(mark)) break;
     if (!RunCycle(end)) return IsBehind(mark);
     pause = std::min(2 * pause, longestPause);
+  }
+  return true;
+}
+
+bool Flusher::FlushToStore(const std::function<TimePoint()>& end) {
+  if (!Drain(end)) return false;
+  while (!kit_.Queues().Commit()) {
+    // The disk is full or the file can't be written just now; what stands in memory isn't safe yet.
+    const TimePoint next = steady_clock::now() + firstPause;
+    WaitForRun(kit_.Timer().RunsStarted(), [&] { return std::min(end(), next); });
+    if (steady_clock::now() >= end()) return false;
   }
   return true;
 }

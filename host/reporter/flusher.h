@@ -28,7 +28,10 @@ class Flusher {
   // Returns whether it came about before `end()`, which is asked again at least 20 times a second, so that it
   // may change. Throws what the store throws.
   bool Flush(const std::function<TimePoint()>& end);
-  // Moves everything from memory into the store by a cycle that begins now. False: not before `end()`.
+  // As Flush, but content when everything is in the store's file.
+  bool FlushToStore(const std::function<TimePoint()>& end);
+  // Moves everything from memory into the store by a cycle that begins now, without a commit. False: not
+  // before `end()`.
   bool Drain(const std::function<TimePoint()>& end);
 
  private:

@@ -59,6 +59,10 @@ zel::ResultCode Reporter::TrySendJson(std::string_view json, std::string_view co
 
 bool Reporter::Flush(std::chrono::milliseconds deadline) noexcept { return core_->Flush(deadline); }
 
+bool Reporter::FlushToStore(std::chrono::milliseconds deadline) noexcept {
+  return core_->FlushToStore(deadline);
+}
+
 bool Reporter::Close(std::chrono::milliseconds deadline) noexcept { return core_->Close(deadline); }
 
 void Reporter::SetSettings(const Settings& settings) { core_->SetSettings(settings); }

@@ -122,12 +122,18 @@ zel::ResultCode Reporter::Core::Submit(const zel::AnyPtr* record, std::string_vi
   }
 }
 
-bool Reporter::Core::Flush(milliseconds deadline) noexcept {
+bool Reporter::Core::Flush(milliseconds deadline) noexcept { return FlushBy(&Flusher::Flush, deadline); }
+
+bool Reporter::Core::FlushToStore(milliseconds deadline) noexcept {
+  return FlushBy(&Flusher::FlushToStore, deadline);
+}
+
+bool Reporter::Core::FlushBy(FlushForm form, milliseconds deadline) noexcept {
   try {
     const CallGate::Pass pass(gate_);
     if (!pass) return false;
     const TimePoint end = After(deadline);
-    return flusher_->Flush([&] { return gate_.IsShut() ? TimePoint::min() : end; });
+    return ((*flusher_).*form)([&] { return gate_.IsShut() ? TimePoint::min() : end; });
   } catch (...) {
     return false;
   }

@@ -39,6 +39,7 @@ class Reporter::Core {
   zel::ResultCode Submit(const zel::AnyPtr* record, std::string_view json, std::string_view consumer,
                          std::string* error) noexcept;
   bool Flush(std::chrono::milliseconds deadline) noexcept;
+  bool FlushToStore(std::chrono::milliseconds deadline) noexcept;
   bool Close(std::chrono::milliseconds deadline) noexcept;
   void SetSettings(const Settings& settings);
   Settings CurrentSettings() const;
@@ -54,6 +55,8 @@ class Reporter::Core {
   std::string CheckConsumer(std::string_view consumer) const;
   void AdoptSettings(const Settings& settings);
   void CloseOnce() noexcept;
+  using FlushForm = bool (Flusher::*)(const std::function<TimePoint()>& end);
+  bool FlushBy(FlushForm form, std::chrono::milliseconds deadline) noexcept;
 
   const std::chrono::milliseconds closeDeadline_;
   const std::shared_ptr<ListenerSlot> listener_ = std::make_shared<ListenerSlot>();

@@ -36,6 +36,7 @@ int main(int count, char** arguments) {
     return failed("send half", error);
   if (veld_report_send_json(reporter, "x", good, strlen(good), NULL, 0) >= 0)
     return failed("send to x", error);
+  if (veld_report_flush_to_store(reporter, 30000) != 1) return failed("flush to store", "not in time");
   if (veld_report_flush(reporter, 30000) != 1) return failed("flush", "not in time");
   veld_report_statistics stats = {.struct_size = sizeof stats};
   if (veld_report_stats(reporter, &stats) != 0) return failed("stats", "");

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "host/queue/queue_service.h"
 #include "tests/host/reporter_test_tools.h"
 
 namespace application {
@@ -50,6 +51,20 @@ TEST_F(Sending, FlushIsFalseWhileAnythingIsUndeliveredAndLosesNothing) {
   starter.join();
   EXPECT_LT(time, seconds(25));
   EXPECT_THAT(Stored("out"), testing::ElementsAre("1"));
+}
+
+TEST_F(Sending, FlushToStoreIsTrueOnceEverythingIsInTheFile) {
+  const std::string url = "http://127.0.0.1:" + std::to_string(tests::ClosedPort());
+  Reporter reporter(Options({{url}}));
+  for (int count = 1; count <= 3; ++count) {
+    reporter.SendJson("1");
+    EXPECT_TRUE(reporter.FlushToStore(seconds(20)));
+    // A look at the file from beside sees what a next run would find if this process were killed.
+    const auto beside = host::QueueService::Open({.folder = Path("store"), .inspectOnly = true});
+    EXPECT_EQ(beside->TotalWaiting().items, count);
+  }
+  reporter.Close(seconds(0));
+  EXPECT_FALSE(reporter.FlushToStore(seconds(20)));
 }
 
 // One endpoint works and one doesn't: the flush must not be content with the half of it.

@@ -6,8 +6,8 @@
 //
 // A record goes into memory at once, within a second into the store, and from there to the servers until they
 // answer 200, across restarts and outages. It differs from a log or a queue of messages in that nobody waits
-// for it and nothing is read back. Not for data whose loss within that second matters (Flush ends it), and
-// not for large ones: a record stands in memory several times on its way.
+// for it and nothing is read back. Not for data whose loss within that second matters
+// (FlushToStore ends it), and not for large ones: a record stands in memory several times on its way.
 #pragma once
 
 #include <chrono>
@@ -156,6 +156,13 @@ class Reporter {
   // (no room, too old, its endpoint taken out of the settings). False: not by the deadline, or Close was
   // called. Tries again, at growing intervals, as long as there is time.
   bool Flush(std::chrono::milliseconds deadline) noexcept;
+
+  // Starts a send cycle now and waits. Returns true only if everything that was accepted before the call is
+  // in the store's file, where a crash of the process doesn't reach it (nor one of the machine, with
+  // syncEveryCommit), has been answered 200, or was dropped by a rule that the ledger tells of. The cycle
+  // sends as well, and so does the one that may be in progress, so servers that answer slowly make it take
+  // longer. False: not by the deadline, or Close was called.
+  bool FlushToStore(std::chrono::milliseconds deadline) noexcept;
 
   // Takes no more records, flushes as long as `deadline`, and stops: a request in flight is ended, and what
   // is undelivered stays in the store. Returns what that flush returned, also to a second caller, who waits

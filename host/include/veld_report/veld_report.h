@@ -58,6 +58,9 @@ VELD_REPORT_API int32_t veld_report_send_json(veld_report_handle* reporter, cons
  * by a stated rule; 0: not within the time. */
 VELD_REPORT_API int32_t veld_report_flush(veld_report_handle* reporter, uint32_t deadline_ms);
 
+/* The same, but content when everything is in the store's file, safe from a crash of the process. */
+VELD_REPORT_API int32_t veld_report_flush_to_store(veld_report_handle* reporter, uint32_t deadline_ms);
+
 /* Over the whole life of the store; a record that goes to two endpoints counts twice. At every moment
  * accepted = delivered + evicted + rejected + removed + waiting. */
 typedef struct veld_report_statistics {
