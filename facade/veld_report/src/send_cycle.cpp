@@ -1,6 +1,8 @@
 // The send cycle, and the drain of the pending submissions.
+#include <optional>
 #include <utility>
 
+#include "facade/veld_report/src/rows_by_consumer.h"
 #include "facade/veld_report/src/veld_report_sender.h"
 #include "trace/trace_stream.h"
 #include "zel/rtl/error_handling/exception_conversion.h"
@@ -75,11 +77,13 @@ void VeldReportSenderImpl::EndCycle(const SenderSnapshot& snapshot, const SendTo
 }
 
 void VeldReportSenderImpl::QueuePendingData(const SenderSnapshot& snapshot) {
+  std::optional<RowsByConsumer> rows;
   for (;;) {
     PendingStatistic element;
     if (!TakePending(element)) return;
+    if (!rows) rows.emplace(snapshot.endpoints);
     try {
-      QueueElement(snapshot, element);
+      QueueElement(*rows, QueueLimitBytes(snapshot), element);
     } catch (...) {
       // Costs this element its remaining rows; elements are never put back.
       zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::QueuePendingData");
@@ -96,13 +100,12 @@ bool VeldReportSenderImpl::TakePending(PendingStatistic& element) {
   return true;
 }
 
-void VeldReportSenderImpl::QueueElement(const SenderSnapshot& snapshot, const PendingStatistic& element) {
+void VeldReportSenderImpl::QueueElement(const RowsByConsumer& rows, std::uint32_t sizeLimitBytes,
+                                        const PendingStatistic& element) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(element.payload.data);
   const zel::ByteRange data{bytes, bytes + element.payload.size};
-  for (const ConsumerEndpoint& row : snapshot.endpoints) {
-    const bool matches = element.consumer.empty() || row.consumer == element.consumer;
-    if (matches) QueuePendingData(row.queueName, QueueLimitBytes(snapshot), &data);
-  }
+  rows.Each(element.consumer,
+            [&](const ConsumerEndpoint& row) { QueuePendingData(row.queueName, sizeLimitBytes, &data); });
 }
 
 }  // namespace orvel::veld_report

@@ -36,6 +36,8 @@
 
 namespace orvel::veld_report {
 
+class RowsByConsumer;
+
 class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocatorStrategy>,
                              public IVeldReportSender,
                              public IVeldReportSenderConstruct,
@@ -82,7 +84,8 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   // Moves every element of `pending` into the queues of its rows. Failures of single elements stay inside.
   void QueuePendingData(const SenderSnapshot& snapshot);
   bool TakePending(PendingStatistic& element);
-  void QueueElement(const SenderSnapshot& snapshot, const PendingStatistic& element);
+  void QueueElement(const RowsByConsumer& rows, std::uint32_t sizeLimitBytes,
+                    const PendingStatistic& element);
 
   // Queue maintenance. Both throw zel::SystemException.
   void UpdateQueues(const SenderSnapshot& snapshot, std::uint32_t flags);
