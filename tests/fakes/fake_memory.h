@@ -26,6 +26,7 @@ class FakeAllocator final : public FakeObject<zel::IAllocator> {
     if (world().script.Enter("Allocate") != zel::sOk) return nullptr;
     const std::lock_guard guard(lock_);
     ++allocations_;
+    if (failAt_ == 1 && onwards_) return nullptr;
     if (failAt_ > 0 && --failAt_ == 0) return nullptr;
     void* memory = std::malloc(size ? size : 1);
     if (!memory) return nullptr;
@@ -50,8 +51,11 @@ class FakeAllocator final : public FakeObject<zel::IAllocator> {
     blocks_.erase(found);
   }
 
-  // The nth allocation from here on answers null, once.
-  void FailNth(int nth) { failAt_ = nth; }
+  // The nth allocation from here on answers null; with `onwards` all behind it do too. 0: none does.
+  void FailNth(int nth, bool onwards = false) {
+    onwards_ = onwards;
+    failAt_ = nth;
+  }
   int Allocations() const { return allocations_; }
   std::uint64_t LiveBlocks() const {
     const std::lock_guard guard(lock_);
@@ -63,6 +67,7 @@ class FakeAllocator final : public FakeObject<zel::IAllocator> {
   std::map<void*, std::uint64_t> blocks_;
   std::atomic<int> allocations_ = 0;
   std::atomic<int> failAt_ = 0;
+  std::atomic<bool> onwards_ = false;
 };
 
 }  // namespace veld_report::fakes

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <set>
 
 #include "server/base64.h"
 
@@ -175,13 +176,29 @@ std::vector<LongLife::Account> LongLife::Run(const std::function<bool()>& stopFa
   }
   host.timer->ForgetCancelled();
   host.http->CompleteOpen();
-  if (!stopped) parts.push_back(TakeAccount());
+  const Account rest = TakeAccount();
+  if (!stopped) parts.push_back(rest);
   return parts;
+}
+
+// Every item that was handed out is acknowledged or given back, but for one for which there was no callback.
+void LongLife::CheckTokens() const {
+  std::set<std::string> open;
+  for (const std::string& event : events_) {
+    const std::string token = event.substr(event.rfind(' ') + 1);
+    if (event.starts_with("Read ") && token != "none") open.insert(token);
+    if (event.starts_with("Ack ") || event.starts_with("ReturnItem ")) open.erase(token);
+  }
+  EXPECT_LE(open.size(), withoutCallback_ ? 1u : 0u) << testing::PrintToString(open);
 }
 
 LongLife::Account LongLife::TakeAccount() {
   Account account{host.world.log.Take(), host.tracer->TakeLines(), {}};
   for (const auto& sent : host.http->Delivered()) account.delivered.push_back(ItemsOf(sent.body));
+  events_.insert(events_.end(), account.events.begin(), account.events.end());
+  withoutCallback_ |= std::ranges::any_of(account.lines, [](const std::string& line) {
+    return line.find("Can not create callback") != std::string::npos;
+  });
   return account;
 }
 
@@ -195,6 +212,7 @@ void LongLife::ExpectAllDelivered(Sender& life, const char* when) {
 
 void LongLife::CheckAfterwards(Loss loss) {
   EXPECT_EQ(module_.canUnload(), zel::sOk);
+  if (loss != Loss::submissions) CheckTokens();
   host.http->ForgetAnswers();
   Sender second;
   ASSERT_EQ(second.Create(module_, host.locator.Get()), zel::sOk);

@@ -57,6 +57,7 @@ class LongLife {
   void Set(const Plan& plan);
   void Fire() { host.timer->Fire(); }
   Account TakeAccount();
+  void CheckTokens() const;
   void ExpectAllDelivered(Sender& life, const char* when);
   template <class Operation>
   void Try(const char* what, Operation&& operation);
@@ -65,6 +66,8 @@ class LongLife {
   Sender life_;
   Strings thrown_;
   std::vector<Submission> submissions_;
+  Strings events_;
+  bool withoutCallback_ = false;
   bool gateClosed_ = false;
   bool refuse_ = false;
   bool stopInWait_ = false;

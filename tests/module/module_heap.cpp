@@ -1,9 +1,11 @@
 #include "tests/module/module_heap.h"
 
-#include <dlfcn.h>
+#include <link.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -16,52 +18,83 @@
 namespace veld_report::tests {
 namespace {
 
-std::atomic<const void*> library{nullptr};  // where it is loaded; null: nothing is watched
+// Where the watched library lies in memory. begin == 0: nothing is watched.
+std::atomic<std::uintptr_t> begin{0};
+std::atomic<std::uintptr_t> end{0};
 std::atomic<int> allocations{0};
 std::atomic<int> failAt{0};
+std::atomic<bool> failsOnwards{false};
 
-// Nothing here may allocate. A slot is null or one live block of the library's.
+// Nothing here may allocate. A slot is null or one live block of the library's; those from `used` on have
+// always been null.
 std::array<std::atomic<void*>, 1024> live;
-
-const void* LibraryOf(const void* address) {
-  Dl_info info;
-  return dladdr(address, &info) ? info.dli_fbase : nullptr;
-}
+std::atomic<std::size_t> used{0};
 
 [[maybe_unused]] bool FromLibrary(const void* caller) {
-  const void* watched = library;
-  return watched && LibraryOf(caller) == watched;
+  const auto address = reinterpret_cast<std::uintptr_t>(caller);
+  return begin != 0 && address >= begin && address < end;
 }
 
-// True if this allocation is the one that fails.
-[[maybe_unused]] bool CountOne() { return ++allocations == failAt; }
+// True if this allocation is one of those that fail.
+[[maybe_unused]] bool CountOne() {
+  const int number = ++allocations;
+  return number == failAt || (failsOnwards && failAt > 0 && number > failAt);
+}
 
 [[maybe_unused]] void Note(void* block) {
-  for (std::atomic<void*>& slot : live) {
+  for (std::size_t i = 0; i < live.size(); ++i) {
     void* empty = nullptr;
-    if (slot.compare_exchange_strong(empty, block)) return;
+    if (live[i] || !live[i].compare_exchange_strong(empty, block)) continue;
+    std::size_t bound = used;
+    while (bound <= i && !used.compare_exchange_weak(bound, i + 1)) {
+    }
+    return;
   }
   std::abort();
 }
 
 [[maybe_unused]] void Forget(void* block) {
-  if (!block || !library) return;
-  for (std::atomic<void*>& slot : live) {
+  if (!block || begin == 0) return;
+  for (std::size_t i = 0; i < used; ++i) {
     void* held = block;
-    if (slot.compare_exchange_strong(held, nullptr)) return;
+    if (live[i] == block && live[i].compare_exchange_strong(held, nullptr)) return;
   }
+}
+
+// Notes the extent of the library that has `data` in it.
+int NoteExtent(dl_phdr_info* info, std::size_t, void* data) {
+  std::uintptr_t first = UINTPTR_MAX, last = 0;
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    if (info->dlpi_phdr[i].p_type != PT_LOAD) continue;
+    const std::uintptr_t start = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
+    first = std::min(first, start);
+    last = std::max(last, start + info->dlpi_phdr[i].p_memsz);
+  }
+  const auto wanted = reinterpret_cast<std::uintptr_t>(data);
+  if (wanted < first || wanted >= last) return 0;
+  end = last;
+  begin = first;
+  return 1;
 }
 
 }  // namespace
 
 bool ModuleHeap::Available() { return VELD_OWN_HEAP != 0; }
 
-void ModuleHeap::Begin(const void* inLibrary, int failNth) {
+void ModuleHeap::Watch(const void* inLibrary) {
   for (std::atomic<void*>& slot : live) slot = nullptr;
-  allocations = 0;
-  failAt = failNth;
-  library = LibraryOf(inLibrary);
+  used = 0;
+  failAt = 0;
+  dl_iterate_phdr(NoteExtent, const_cast<void*>(inLibrary));
 }
+
+void ModuleHeap::FailNth(int nth, bool onwards) {
+  allocations = 0;
+  failsOnwards = onwards;
+  failAt = nth;
+}
+
+void ModuleHeap::StopFailing() { failAt = 0; }
 
 int ModuleHeap::Allocations() { return allocations; }
 
@@ -71,7 +104,7 @@ int ModuleHeap::LiveBlocks() {
   return count;
 }
 
-void ModuleHeap::End() { library = nullptr; }
+void ModuleHeap::End() { begin = 0; }
 
 }  // namespace veld_report::tests
 

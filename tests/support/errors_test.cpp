@@ -5,7 +5,6 @@
 
 #include "gmock/gmock.h"
 #include "tests/fakes/fake_host.h"
-#include "tests/module/module_heap.h"
 #include "tests/support/locale_scope.h"
 #include "zel/rtl/error_handling/exception_conversion.h"
 #include "zel/rtl/error_handling/exceptions.h"
@@ -46,16 +45,6 @@ TEST(Exception, DisplaysClassDescriptionAndPlace) {
   EXPECT_EQ(Text(zel::GetInterfaceException(0xabcd, zel::eInterfaceNotSupported).GetDisplayText()),
             u"GetInterfaceException - 0x80000001 (Interface not supported): iid = 0x0000abcd. "
             u"At zel\\rtl\\error_handling\\../objclient(129) ");
-}
-
-TEST(Exception, DisplayTextIsEmptyWithoutMemory) {
-  const zel::SystemException exception({"some/source/path", 7}, zel::eNotFound,
-                                       wstring(u"a text of some length"));
-  SweepAllocationFailures([&] {
-    const wstring text = exception.GetDisplayText();
-    EXPECT_TRUE(text.empty() || text.size == 88) << text.size;
-    return !text.empty();
-  });
 }
 
 struct NullWhat : std::exception {

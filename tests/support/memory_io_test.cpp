@@ -5,8 +5,6 @@
 #include <string>
 
 #include "gtest/gtest.h"
-#include "tests/fakes/fake_memory.h"
-#include "tests/module/module_heap.h"
 
 namespace veld_report::tests {
 namespace {
@@ -133,29 +131,6 @@ TEST_P(MemoryStream, RandomOperationsMatchAModel) {
     ASSERT_EQ(Position(), position);
     ASSERT_EQ(Content(), model);
   }
-}
-
-TEST_P(MemoryStream, AllocationFailureLeaksNothingAndKeepsTheContent) {
-  fakes::FakeWorld world;
-  const auto allocator = fakes::MakeFake<fakes::FakeAllocator>(world);
-  SweepAllocationFailures([&] {
-    zel::string source(std::string_view("a text that is longer than the buffer inside"), allocator.Get());
-    IIO* made = nullptr;
-    ResultCode code = GetParam() ? CreateIOFromBuffer(source, &made) : CreateIOFromBuffer(&source, &made);
-    const auto owned = zel::Ref<IIO>::Attach(made);
-    if (zel::Failed(code)) {
-      EXPECT_EQ(code, zel::eOutOfMemory);
-      return false;
-    }
-    std::uint32_t count = 0;
-    std::uint64_t size = 0;
-    owned->Seek(2, 200, nullptr);
-    code = owned->Write("x", 1, &count);
-    owned->GetSize(&size);
-    EXPECT_EQ(size, zel::Failed(code) ? 44u : 245u);
-    EXPECT_EQ(count, zel::Failed(code) ? 0u : 1u);
-    return !zel::Failed(code);
-  });
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include "gtest/gtest.h"
 #include "tests/fakes/fake_memory.h"
-#include "tests/module/module_heap.h"
 
 namespace veld_report::tests {
 namespace {
@@ -107,34 +106,6 @@ TEST(String, RefusesLengthsBeyondTheLimit) {
   EXPECT_THROW(wide.reserve_extra(wideLimit - 1), std::bad_alloc);
   ExpectText<char>(text, "abc");
   ExpectText<char16_t>(wide, u"abc");
-}
-
-TEST(String, AllocationFailureLeavesTheStringAsItWas) {
-  fakes::FakeWorld world;
-  const auto one = fakes::MakeFake<FakeAllocator>(world);
-  for (zel::IAllocator* service :
-       {static_cast<zel::IAllocator*>(nullptr), static_cast<zel::IAllocator*>(one.Get())}) {
-    SweepAllocationFailures([&] {
-      const string source(std::string_view(longText), service);
-      string copy(source), target("short");
-      const auto unchanged = [&](auto&& operation) {
-        try {
-          operation();
-        } catch (...) {
-          ExpectText<char>(copy, longText);
-          ExpectText<char>(target, "short");
-          throw;
-        }
-        copy.assign(longText.data(), longText.size());
-      };
-      unchanged([&] { copy.append(longText); });
-      unchanged([&] { copy.insert(copy.data + 1, 30); });
-      unchanged([&] { copy.resize_extra_at(0, 500); });
-      unchanged([&] { copy.append(copy.data, copy.size); });
-      unchanged([&] { target = source; });
-      return true;
-    });
-  }
 }
 
 }  // namespace

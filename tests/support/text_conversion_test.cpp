@@ -5,7 +5,6 @@
 #include <typeinfo>
 
 #include "gtest/gtest.h"
-#include "tests/module/module_heap.h"
 #include "tests/support/locale_scope.h"
 
 namespace veld_report::tests {
@@ -73,20 +72,6 @@ TEST(LocaleConversion, BrokenSequencesThrow) {
     EXPECT_THROW(zel::NarrowToWide(c.text), std::bad_cast) << c.locale << " " << c.text;
   }
   EXPECT_TRUE(zel::NarrowToWide(static_cast<const char*>(nullptr)).empty());
-}
-
-TEST(LocaleConversion, OutOfMemoryIsBadAllocOneWayAndACodeTheOther) {
-  const std::string narrow(100, 'n');
-  const std::u16string wide(100, u'w');
-  SweepAllocationFailures([&] {
-    EXPECT_EQ(zel::NarrowToWide(narrow.c_str()).size, 100u);
-    string text("old");
-    const zel::ResultCode code = zel::WideToNarrow(wide, &text);
-    if (code == zel::eOutOfMemory) {
-      EXPECT_EQ(text.View(), "old");
-    }
-    return code == zel::sOk;
-  });
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include "gmock/gmock.h"
 #include "tests/fakes/fake_memory.h"
-#include "tests/module/module_heap.h"
 #include "types/basic_string.h"
 
 namespace veld_report::tests {
@@ -92,20 +91,6 @@ TEST(Vector, ElementThatThrowsLeavesEverythingInPlace) {
   EXPECT_THAT(destroyedBy(0, [&] { elements.push_back(elements[1]); }), ElementsAre());
   EXPECT_THAT(destroyedBy(2, [&] { elements.append(3); }), ElementsAre(9, 9));
   EXPECT_THAT(destroyedBy(1, [&] { zel::vector_t<Fragile>{elements}; }), ElementsAre(0));
-}
-
-TEST(Vector, AllocationFailureLeaksNothing) {
-  fakes::FakeWorld world;
-  const auto one = fakes::MakeFake<fakes::FakeAllocator>(world);
-  SweepAllocationFailures([&] {
-    Texts source(one.Get());
-    source.push_back(string(longText.c_str()));
-    source.push_back(source[0]);
-    source.append(3);
-    Texts target(source);
-    target = source;
-    return true;
-  });
 }
 
 }  // namespace
