@@ -202,6 +202,14 @@ void Model::Settle(Op op, std::uint64_t reader, std::uint64_t token) {
   if (call.threw) throw Thrown{};
 }
 
+void Model::SettleQuietly(Op op, std::uint64_t reader, std::uint64_t token) {
+  try {
+    Settle(op, reader, token);
+  } catch (const Thrown&) {
+    // The other tokens have to be settled all the same.
+  }
+}
+
 void Model::EndReader(std::uint64_t reader) {
   const auto state = readers_.find(reader);
   if (state == readers_.end()) return;

@@ -110,8 +110,9 @@ class Model {
   // True if the queue is full.
   bool Push(int name, const Pending& element);
   const Item* Read(std::uint64_t reader);
-  // Ack or ReturnItem.
+  // Ack or ReturnItem; the second form for tokens of a request, whose outcome isn't looked at.
   void Settle(Op op, std::uint64_t reader, std::uint64_t token);
+  void SettleQuietly(Op op, std::uint64_t reader, std::uint64_t token);
   void EndReader(std::uint64_t reader);
   void Compare();
 

@@ -105,7 +105,11 @@ void Model::Arm(std::uint32_t delayMs) {
 
 void Model::Release() {
   sender_.stopping = true;
-  if (sender_.current != 0) Call(Op::cancel, sender_.current);
+  try {
+    if (sender_.current != 0) Call(Op::cancel, sender_.current);
+  } catch (const Thrown&) {
+    // No step of a teardown keeps a later one from running.
+  }
   sender_.armed = false;
   if (sender_.bound) {
     Call(Op::cancelTimer);
@@ -139,9 +143,10 @@ void Model::Cycle() {
   if (sender_.stopping) return;
   const std::uint32_t need = sender_.needToSend;
   if (host_.trace) Take(Op::totals, need, need != 0 ? sender_.sent : any);
-  if (need != 0) Arm(snapshot.sendTimeoutMs);
+  // Also where arming throws, the list doesn't live to the next cycle.
   sender_.listed = false;
   sender_.list.clear();
+  if (need != 0) Arm(snapshot.sendTimeoutMs);
 }
 
 void Model::GuardedCycle(const Snapshot& snapshot, std::uint32_t flags) {

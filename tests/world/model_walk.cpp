@@ -71,7 +71,13 @@ bool Model::VisitItems(const Snapshot& snapshot, int name, std::uint64_t reader,
     request->tokens.push_back(item->token);
     request->needToSend += static_cast<std::uint32_t>(item->size);
     if (request->tokens.size() != snapshot.packetLimit) continue;
-    if (sender_.stopping || !Send(request, name)) return false;
+    if (sender_.stopping) {
+      // A full packet isn't sent. Whether memory ran out behind its last item doesn't show in what follows.
+      Peek();
+      if (excuses_ > 0) throw Excused{};
+      return false;
+    }
+    if (!Send(request, name)) return false;
     request.reset();
   }
   return !request || Send(request, name);
@@ -115,7 +121,7 @@ void Model::Complete(const Record& record) {
       notify(record.result);
     } else {
       if (record.b == 200) {
-        for (const std::uint64_t token : request->tokens) Settle(Op::ack, request->reader, token);
+        for (const std::uint64_t token : request->tokens) SettleQuietly(Op::ack, request->reader, token);
         request->sent = std::exchange(request->needToSend, 0);
         request->reader = 0;
       }
@@ -132,12 +138,21 @@ void Model::Complete(const Record& record) {
 
 void Model::GiveBack(RequestState& request) {
   if (request.reader == 0) return;
-  for (const std::uint64_t token : request.tokens) {
+  auto& tokens = request.tokens;
+  if (request.lastUncertain) {
+    // Memory ran out between the item and its token's place in the request: who has no place for a token may
+    // give it back at once, or leave it to the reader's end.
+    const Record* next = Peek();
+    if (!next || next->op != Op::returnItem || next->b == tokens.back()) {
+      if (next && next->op == Op::returnItem) SettleQuietly(Op::returnItem, request.reader, tokens.back());
+      tokens.pop_back();
+    }
+  }
+  for (const std::uint64_t token : tokens) {
     const Record* next = Peek();
     const bool here = next && next->op == Op::returnItem && next->b == token;
-    // Memory may have run out between the item and its token's place in the request.
-    if (!here && request.lastUncertain && token == request.tokens.back()) return;
-    Settle(Op::returnItem, request.reader, token);
+    if (!here && request.lastUncertain && token == tokens.back()) return;
+    SettleQuietly(Op::returnItem, request.reader, token);
   }
 }
 
