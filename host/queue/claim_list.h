@@ -30,6 +30,7 @@ class ClaimList {
     }
     return bytes;
   }
+  bool Empty() const { return first_ == claims_.size(); }
   void Clear() {
     claims_.clear();
     first_ = 0;

@@ -45,11 +45,14 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
   if (!reader.evicting && !HoldsLease()) return zel::eNotFound;
   try {
     if (ClaimNext(reader, data, token)) return zel::sOk;
-    if (!reader.evicting || writer_.BufferedItems() == 0) return zel::eNotFound;
-    Flush();
-    return ClaimNext(reader, data, token) ? zel::sOk : zel::eNotFound;
+    if (reader.evicting && writer_.BufferedItems() != 0) {
+      Flush();
+      if (ClaimNext(reader, data, token)) return zel::sOk;
+    }
+    CorrectWaiting(*reader.queue);
+    return zel::eNotFound;
   } catch (const SqliteError& error) {
-    Trace(failureLevel, std::string("can't read an item: ") + error.what());
+    NoteFailure("can't read an item: ", error);
     return zel::eUnspecifiedError;
   }
 }
@@ -87,6 +90,33 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
     return true;
   }
   return false;
+}
+
+// A figure is a few bytes of a file that no checksum guards, and one that tells of items that aren't there
+// would make a queue look full for ever. The structure of the file has been checked, so it is the figure that
+// is wrong, and no loss is booked. Where the store is shared another process may be faster than a look here.
+void QueueStore::CorrectWaiting(QueueState& queue) {
+  const auto nothingIsThere = [&] {
+    return queue.ledger.waiting != ItemCount{} &&
+           std::ranges::all_of(queue.readers, [](const ReaderState* each) { return each->claims.Empty(); }) &&
+           !NextFree(queue, 0);
+  };
+  if (options_.shared || options_.inspectOnly || !nothingIsThere() || !Flush() || !nothingIsThere()) return;
+  const ItemCount untrue = queue.ledger.waiting;
+  ItemCount accepted = queue.ledger.delivered;
+  for (const ItemCount& part : {queue.ledger.evicted, queue.ledger.rejected, queue.ledger.removed}) {
+    accepted += part;
+  }
+  accepted += -queue.ledger.accepted;
+  for (QueueLedger* ledger : {&queue.ledger, &queue.unwritten}) {
+    ledger->waiting += -untrue;
+    ledger->accepted += accepted;
+  }
+  writer_.Touch(queue);
+  CommitIfDue();
+  Trace(failureLevel, "the figures of queue " + queue.name + " told of " + std::to_string(untrue.items) +
+                          " items (" + std::to_string(untrue.bytes) +
+                          " bytes) that aren't there; the file was damaged, and the figures are corrected");
 }
 
 bool QueueStore::IsExpired(const ItemRow& row) const {

@@ -26,7 +26,8 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
       folderLock_(std::move(folderLock)),
       id_(NextNumber()),
       reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
-      file_(OpenStoreFile(options, file, *folderLock_, reserve_)),
+      mark_(options.inspectOnly ? std::filesystem::path() : file),
+      file_(OpenStoreFile(options, file, *folderLock_, reserve_, mark_)),
       writer_(*file_, reserve_) {
   AdoptRows();
   if (!options_.inspectOnly) committer_ = StartServiceThread("veld-store", [this] { RunCommitter(); });
@@ -45,6 +46,9 @@ QueueStore::~QueueStore() {
   } else {
     Trace(failureLevel, std::to_string(writer_.BufferedItems()) + " items couldn't be written and are lost");
   }
+  file_.reset();
+  // Where processes share the file, another one may have it open.
+  if (!options_.shared) mark_.NoteClosed();
 }
 
 void QueueStore::AdoptRows() {
@@ -65,7 +69,7 @@ void QueueStore::Refresh() {
     for (auto& [name, queue] : queues_) queue.ahead.Forget();
     AdoptRows();
   } catch (const SqliteError& error) {
-    Trace(failureLevel, std::string("can't look for what other processes have written: ") + error.what());
+    NoteFailure("can't look for what other processes have written: ", error);
   }
 }
 
@@ -163,7 +167,7 @@ bool QueueStore::EvictOldest(QueueState& queue) {
     CommitIfDue();
     return true;
   } catch (const SqliteError& error) {
-    Trace(failureLevel, std::string("can't drop the oldest item: ") + error.what());
+    NoteFailure("can't drop the oldest item: ", error);
   }
   return false;
 }
@@ -239,8 +243,7 @@ QueueState& QueueStore::FindOrAdd(const std::string& name) {
 bool QueueStore::Flush() {
   const bool written = writer_.Flush();
   if (!written && !failing_) {
-    Trace(failureLevel, std::string("the store can't be written, pushes are refused until it can: ") +
-                            writer_.Error()->what());
+    NoteFailure("the store can't be written, pushes are refused until it can: ", *writer_.Error());
   }
   if (written && failing_) Trace(failureLevel, "the store can be written again");
   failing_ = !written;
@@ -277,6 +280,11 @@ void QueueStore::RunCommitter() {
       Flush();
     }
   }
+}
+
+void QueueStore::NoteFailure(const std::string& what, const SqliteError& error) {
+  if (error.IsDamage()) mark_.Withdraw();
+  Trace(failureLevel, what + error.what());
 }
 
 void QueueStore::Trace(std::uint32_t level, const std::string& line) const {

@@ -32,6 +32,7 @@
 #include "host/queue/claim_list.h"
 #include "host/queue/queue_service_options.h"
 #include "host/queue/queue_writer.h"
+#include "host/queue/sound_mark.h"
 #include "host/queue/store_file.h"
 #include "host/queue/store_folder.h"
 #include "types/result_code.h"
@@ -123,8 +124,10 @@ class QueueStore {
   void TakeBackRejection(QueueState& queue);
   static bool IsClaimed(const QueueState& queue, std::uint64_t token);
   const ItemRow* NextFree(QueueState& queue, std::uint64_t after);
+  void CorrectWaiting(QueueState& queue);
   bool ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token);
   void RunCommitter();
+  void NoteFailure(const std::string& what, const SqliteError& error);
   void Trace(std::uint32_t level, const std::string& line) const;
 
   const QueueServiceOptions options_;
@@ -135,7 +138,8 @@ class QueueStore {
   // Guards everything below; held across the file's operations.
   std::mutex mutex_;
   DiskReserve reserve_;
-  const std::unique_ptr<StoreFile> file_;
+  SoundMark mark_;
+  std::unique_ptr<StoreFile> file_;  // null only at the very end
   QueueWriter writer_;
   std::int64_t dataVersion_ = 0;
   std::size_t sendingReaders_ = 0;

@@ -109,7 +109,8 @@ std::vector<SalvageReport> SalvageStore(const std::filesystem::path& folder, zel
   for (const std::string& domain : StoredDomains(folder)) {
     const auto file = StoreFilePath(folder, domain);
     DiskReserve reserve(file.string() + ".reserve");
-    const auto store = OpenStoreFile(options, file, lock, reserve, Salvaging::kLater);
+    SoundMark mark(file);
+    const auto store = OpenStoreFile(options, file, lock, reserve, mark, Salvaging::kLater);
     for (const auto& damaged : DamagedFilesOf(file)) {
       if (!IsSalvaged(damaged)) reports.push_back(SalvageInto(*store, damaged, {}));
     }

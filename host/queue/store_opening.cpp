@@ -38,10 +38,12 @@ FileLock LockOpening(const std::filesystem::path& file) {
   }
 }
 
-std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options,
-                                       const std::filesystem::path& file) {
+std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options, const std::filesystem::path& file,
+                                       const SoundMark& mark) {
+  // Before SQLite brings the log's content into the file.
+  const bool check = options.checkAtOpen && !mark.Vouches();
   auto opened = std::make_unique<StoreFile>(file, FileSettings(options));
-  if (options.checkAtOpen) opened->QuickCheck();
+  if (check) opened->QuickCheck();
   opened->LoadQueues();
   return opened;
 }
@@ -56,14 +58,14 @@ bool IsEmptyWithLog(const std::filesystem::path& file) {
 
 // Nothing if the file is damaged: then `*damage` says how.
 std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std::filesystem::path& file,
-                                   DiskReserve& reserve, std::string* damage) {
+                                   DiskReserve& reserve, const SoundMark& mark, std::string* damage) {
   if (IsEmptyWithLog(file)) {
     *damage = "its file is empty, its log isn't";
     return nullptr;
   }
   for (bool again = false;; again = true) {
     try {
-      return OpenChecked(options, file);
+      return OpenChecked(options, file, mark);
     } catch (const SqliteError& error) {
       if (again && !error.IsDamage()) throw;
       if (again || error.IsCertainDamage()) {
@@ -118,14 +120,15 @@ void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesyst
 
 std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
                                          const std::filesystem::path& file, FileLock& folderLock,
-                                         DiskReserve& reserve, Salvaging salvaging) {
+                                         DiskReserve& reserve, SoundMark& mark, Salvaging salvaging) {
   if (options.inspectOnly) return std::make_unique<StoreFile>(file, FileSettings(options));
   FileLock opening;
   if (options.shared) opening = LockOpening(file);
   PreparePrivateFile(file);
   std::string damage;
-  auto store = TryOpen(options, file, reserve, &damage);
+  auto store = TryOpen(options, file, reserve, mark, &damage);
   if (!store) store = ReplaceAlone(options, file, damage, folderLock);
+  mark.NoteOpened();
   if (salvaging == Salvaging::kAtOnce) SalvageDamagedFiles(options, file, *store);
   return store;
 }

@@ -6,6 +6,7 @@
 
 #include "host/queue/disk_reserve.h"
 #include "host/queue/queue_service_options.h"
+#include "host/queue/sound_mark.h"
 #include "host/queue/store_file.h"
 #include "host/queue/store_folder.h"
 
@@ -14,15 +15,16 @@ namespace veld_report::host {
 // Whether a damaged store is salvaged at once, or the caller does it.
 enum class Salvaging { kAtOnce, kLater };
 
-// Makes the file if there is none, lays it out or brings it up to date, and checks it. One that can't be read
-// or fails its check is moved aside, and what can be read of it is put into a new one; both are traced at
-// level 300. If not even that works, the new store starts empty, and the next start tries again.
-// On a full disk the reserve is given up. `folderLock`: the caller's; shared, it is made exclusive for a
-// repair. Throws StoreError, for a file of a later layout and for a damaged one that other processes use, and
-// SqliteError where neither damage nor the layout is the reason.
+// Makes the file if there is none, lays it out or brings it up to date, and checks it unless `mark` vouches
+// for it. One that can't be read or fails its check is moved aside, and what can be read of it is put into a
+// new one; both are traced at level 300. If not even that works, the new store starts empty, and the next
+// start tries again. On a full disk the reserve is given up. `folderLock`: the caller's; shared, it is made
+// exclusive for a repair. Throws StoreError, for a file of a later layout and for a damaged one that other
+// processes use, and SqliteError where neither damage nor the layout is the reason.
 std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
                                          const std::filesystem::path& file, FileLock& folderLock,
-                                         DiskReserve& reserve, Salvaging salvaging = Salvaging::kAtOnce);
+                                         DiskReserve& reserve, SoundMark& mark,
+                                         Salvaging salvaging = Salvaging::kAtOnce);
 
 // Milliseconds since 1970, by the options' clock.
 std::int64_t NowMs(const QueueServiceOptions& options);

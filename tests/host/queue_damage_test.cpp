@@ -133,6 +133,58 @@ TEST_F(QueueDamageTest, ADamagedStoreIsMovedAsideAndSalvaged) {
   }
 }
 
+// What a check would find shows whether there was one.
+TEST_F(QueueDamageTest, ALargeStoreIsCheckedUnlessItIsKnownToBeSound) {
+  const auto mark = [&] { return StorePath().string() + ".sound"; };
+  std::string opened;  // what the mark says while the store is open
+  struct Case {
+    const char* what;
+    bool touched;  // the file's time tells of the damage
+    std::function<void()> before;
+    bool checked;
+  };
+  const Case cases[] = {
+      {"closed and untouched", false, [] {}, false},
+      {"changed since", true, [] {}, true},
+      {"no mark", false, [&] { fs::remove(mark()); }, true},
+      {"its process was killed", true, [&] { std::ofstream(mark()) << opened; }, false},
+      {"open when the machine went down", true, [&] { std::ofstream(mark()) << "open another-boot 1"; },
+       true},
+      {"copied while it was open", true,
+       [&] {
+         std::ofstream(mark()) << opened;
+         fs::copy_file(StorePath(), folder.Path() / "copy");
+         fs::rename(folder.Path() / "copy", StorePath());
+       },
+       true},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.what);
+    options.folder = folder.Path() / row.what;
+    MakeStore();
+    const std::int64_t page = Pages("items")[5];
+    Open();
+    for (int i = 0; i < 25; ++i) Push("large", std::string(200'000, 'x'));
+    opened = FileContent(mark());
+    service.Reset();
+    const auto time = fs::last_write_time(StorePath());
+    Overwrite(page, 0);
+    if (!row.touched) fs::last_write_time(StorePath(), time);
+    row.before();
+    Open();
+    const auto isDamaged = ElementsAre(HasSubstr("is damaged"), HasSubstr("were salvaged"));
+    if (row.checked) {
+      EXPECT_THAT(tracer->TakeLines(), isDamaged);
+      continue;
+    }
+    EXPECT_THAT(tracer->TakeLines(), IsEmpty());
+    Waiting("q");
+    EXPECT_THAT(tracer->TakeLines(), ElementsAre(HasSubstr("can't read an item")));
+    Open();
+    EXPECT_THAT(tracer->TakeLines(), isDamaged) << "damage has shown, so nothing vouches any more";
+  }
+}
+
 // As after a crash: what isn't checkpointed stands in the log alone.
 TEST_F(QueueDamageTest, TheLogOfADamagedStoreCounts) {
   Open();
@@ -172,6 +224,30 @@ TEST_F(QueueDamageTest, ACheckFindsFiguresThatDontFit) {
   Database().Execute("DELETE FROM items WHERE token % 2 = 0; INSERT INTO items VALUES(9999, 77, 0, x'00')");
   EXPECT_THAT(Findings(), ElementsAre(HasSubstr("queue q should hold 590 items and holds 295"),
                                       "1 items belong to no queue"));
+}
+
+// A figure that says too much would keep the queue full for ever.
+TEST_F(QueueDamageTest, FiguresOfItemsThatArentThereAreCorrected) {
+  for (const char* figures : {"waiting=1000, waiting_bytes=300000000", "waiting=-7, waiting_bytes=300000000",
+                              "waiting=1, waiting_bytes=-300000000, accepted=77"}) {
+    SCOPED_TRACE(figures);
+    Open();
+    Push("q", "good");
+    service.Reset();
+    Database().Execute(std::string("UPDATE queues SET ") + figures);
+    Open();
+    EvictAndPush(*Producer("q"), "q", "may be refused");
+    {
+      const auto reader = Reader("q");
+      for (const ReadItem& item : ReadAll(*reader)) reader->Ack(&item.token);
+    }
+    EXPECT_FALSE(ReadOne(*Reader("q")));
+    EXPECT_EQ(Ledger().waiting, host::ItemCount{});
+    EXPECT_THAT(tracer->TakeLines(), ElementsAre(HasSubstr("that aren't there")));
+    Push("q", "fits again");
+    EXPECT_THAT(Waiting("q"), ElementsAre("fits again"));
+    service->ClearQueue("q");
+  }
 }
 
 TEST_F(QueueDamageTest, AnEarlierLayoutIsUpgradedAndACopyKeptUntilTheFirstCleanClose) {
