@@ -61,6 +61,23 @@ int Sync(sqlite3_file* file, int) {
   return SQLITE_OK;
 }
 
+int FileSize(sqlite3_file* file, sqlite3_int64* size) {
+  return Fails(Operation::kFileSize) ? SQLITE_IOERR_FSTAT : Original(file).xFileSize(file, size);
+}
+int Lock(sqlite3_file* file, int level) {
+  return Fails(Operation::kLock) ? SQLITE_IOERR_LOCK : Original(file).xLock(file, level);
+}
+// The memory that the connections of a store share beside its log.
+int ShmMap(sqlite3_file* file, int region, int bytes, int extend, void volatile** place) {
+  if (Fails(Operation::kShmMap)) return SQLITE_IOERR_SHMMAP;
+  return Original(file).xShmMap(file, region, bytes, extend, place);
+}
+int ShmLock(sqlite3_file* file, int offset, int places, int flags) {
+  // Giving a lock back can't fail.
+  if ((flags & SQLITE_SHM_LOCK) != 0 && Fails(Operation::kShmLock)) return SQLITE_IOERR_SHMLOCK;
+  return Original(file).xShmLock(file, offset, places, flags);
+}
+
 sqlite3_vfs* original = nullptr;
 sqlite3_vfs vfs;
 
@@ -75,19 +92,33 @@ const Methods* WithFaults(const sqlite3_io_methods* methods) {
     faulty.xWrite = Write;
     faulty.xTruncate = Truncate;
     faulty.xSync = Sync;
+    faulty.xFileSize = FileSize;
+    faulty.xLock = Lock;
+    if (faulty.iVersion >= 2) {
+      faulty.xShmMap = ShmMap;
+      faulty.xShmLock = ShmLock;
+    }
   }
   return &entry->second;
 }
 
 int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* outFlags) {
+  if (Fails(Operation::kOpen)) {
+    file->pMethods = nullptr;
+    return SQLITE_CANTOPEN;
+  }
   const int code = original->xOpen(original, name, file, flags, outFlags);
   if (file->pMethods) file->pMethods = WithFaults(file->pMethods);
   if (code == SQLITE_OK) Tell({FaultyVfs::Event::kOpen, file, name ? name : ""});
   return code;
 }
 int Delete(sqlite3_vfs*, const char* name, int) {
+  if (Fails(Operation::kDelete)) return SQLITE_IOERR_DELETE;
   Tell({FaultyVfs::Event::kDelete, nullptr, name});
   return original->xDelete(original, name, 0);
+}
+int Access(sqlite3_vfs*, const char* name, int flags, int* result) {
+  return Fails(Operation::kAccess) ? SQLITE_IOERR_ACCESS : original->xAccess(original, name, flags, result);
 }
 
 }  // namespace
@@ -100,6 +131,7 @@ void FaultyVfs::Register() {
   vfs.pNext = nullptr;
   vfs.xOpen = Open;
   vfs.xDelete = Delete;
+  vfs.xAccess = Access;
   sqlite3_vfs_register(&vfs, 0);
 }
 

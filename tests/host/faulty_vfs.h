@@ -16,7 +16,20 @@ namespace veld_report::tests {
 
 class FaultyVfs {
  public:
-  enum class Operation { kNone, kRead, kWrite, kSync, kTruncate };
+  enum class Operation {
+    kNone,
+    kRead,
+    kWrite,
+    kSync,
+    kTruncate,
+    kOpen,
+    kDelete,
+    kAccess,
+    kFileSize,
+    kLock,
+    kShmMap,
+    kShmLock
+  };
 
   // Something that has been done to a file, or is about to be for kDelete.
   struct Event {
