@@ -202,6 +202,8 @@ void QueueWriter::Settle(bool withItems) {
   }
   dirty_.clear();
   added_.clear();
+  // What has been read ahead since may hold them again, and nobody skips them from here on.
+  for (const Delete& removed : deletes_) removed.queue->ahead.Drop(removed.token);
   deletes_.clear();
   evictions_ = 0;
   deletedTokens_.clear();

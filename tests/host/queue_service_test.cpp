@@ -127,6 +127,24 @@ TEST_F(GroupingTest, AGroupIsCommittedWhenItIsFullOrSomebodyLooks) {
   EXPECT_EQ(Committed(), 65) << "with the producer";
 }
 
+// What is read ahead may hold items whose deletion is buffered.
+TEST_F(GroupingTest, WhatWasAcknowledgedStaysGoneWhenItsGroupIsWritten) {
+  options.commitOperations = 10'000;
+  options.commitDelay = std::chrono::hours(1);
+  Open();
+  const auto producer = Producer("q");
+  for (std::size_t i = 0; i < 300; ++i) PushText(*producer, Numbered(i));
+  const auto first = Reader("q");
+  const auto held = ReadAll(*first, 200);  // more than is read ahead at once
+  for (std::size_t i = 5; i < 60; ++i) first->Ack(&held[i].token);
+  for (std::size_t i = 0; i < 2; ++i) first->ReturnItem(&held[i].token);
+  const auto second = Reader("q");
+  EXPECT_EQ(ReadOne(*second)->bytes, Numbered(0));
+  service->Commit();
+  EXPECT_EQ(ReadOne(*second)->bytes, Numbered(1));
+  EXPECT_EQ(ReadOne(*second)->bytes, Numbered(200));
+}
+
 TEST_F(GroupingTest, AGroupThatStaysSmallIsCommittedByItself) {
   options.commitDelay = std::chrono::milliseconds(10);
   Open();
