@@ -11,8 +11,10 @@
 int main(int argc, char** argv) {
   using namespace veld_report::bench;
   const std::map<std::string, std::function<Result(const RoadOptions&)>> modes = {
-      {"road", MeasureRoad},   {"push", MeasurePush},     {"drain", MeasureDrain}, {"evict", MeasureEviction},
-      {"start", MeasureStart}, {"queues", MeasureQueues}, {"fill", FillOnly},
+      {"road", MeasureRoad},      {"reporter", MeasureReporter},
+      {"push", MeasurePush},      {"drain", MeasureDrain},
+      {"evict", MeasureEviction}, {"start", MeasureStart},
+      {"queues", MeasureQueues},  {"fill", FillOnly},
   };
   try {
     const RoadOptions options = ParseOptions(argc, argv);

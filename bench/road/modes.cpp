@@ -7,6 +7,7 @@
 #include "bench/road/road_host.h"
 #include "bench/road/sink.h"
 #include "host/hash/queue_name.h"
+#include "veld_report/reporter.h"
 
 namespace veld_report::bench {
 namespace {
@@ -82,6 +83,42 @@ Result MeasureRoad(const RoadOptions& options) {
   return result;
 }
 
+// As an application has it: a record that is refused for want of room in memory is offered again, and a flush
+// ends the run.
+Result MeasureReporter(const RoadOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(SinkFor(options));
+  ReporterOptions reporterOptions;
+  reporterOptions.store = folder.Path();
+  reporterOptions.endpoints = {{.url = UrlOf(sink.Url(), 0)}};
+  reporterOptions.packetLimit = static_cast<std::uint32_t>(options.packet);
+  reporterOptions.queueLimitKb = static_cast<std::uint32_t>(options.queueLimitKb);
+  if (options.pending != 0) reporterOptions.memoryLimitRecords = options.pending;
+  Reporter reporter(reporterOptions);
+  ResetPeak();
+  const std::uint64_t before = ResidentKb();
+
+  const Stopwatch watch;
+  Opened record = OpenedOfSize(options.size, firstNumber);
+  for (std::uint64_t i = 0; i < options.records; ++i, ++record.number) {
+    zel::ResultCode code = reporter.TrySend(record);
+    while (code == zel::eOutOfSpace) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      code = reporter.TrySend(record);
+    }
+    if (zel::Failed(code)) throw std::runtime_error("a record is refused");
+  }
+  const double submitted = watch.WallSeconds();
+  if (!reporter.Flush(std::chrono::seconds(options.timeoutS)))
+    throw std::runtime_error("the flush doesn't end");
+  Result result;
+  SetCost(result, static_cast<double>(options.records), watch.WallSeconds(), watch.UsedCpuSeconds());
+  result.Set("submittedAfterS", submitted);
+  SetMemory(result, before);
+  SetSink(result, sink, options.count);
+  return result;
+}
+
 Result MeasurePush(const RoadOptions& options) {
   const StoreFolder folder(options);
   const Sink sink(SinkFor(options));
@@ -99,6 +136,11 @@ Result MeasurePush(const RoadOptions& options) {
   SetCost(result, static_cast<double>(options.records), watch.WallSeconds(), watch.UsedCpuSeconds());
   result.Set("mostPending", host.MostPending());
   SetMemory(result, before);
+  double bytes = 0;
+  for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
+    bytes += static_cast<double>(file.file_size());
+  }
+  result.Set("diskBytesPerRecord", bytes / static_cast<double>(options.records + options.fill));
   return result;
 }
 

@@ -7,6 +7,7 @@
 namespace veld_report::bench {
 
 Result MeasureRoad(const RoadOptions& options);
+Result MeasureReporter(const RoadOptions& options);
 Result MeasurePush(const RoadOptions& options);
 Result MeasureDrain(const RoadOptions& options);
 Result MeasureEviction(const RoadOptions& options);
