@@ -10,7 +10,8 @@ namespace veld_report::world {
 // What a run came to: the invariant that broke, or `crash`; empty for none.
 inline constexpr char crash[] = "crash or hang";
 
-// Runs the script in a child. `text`, if not null, receives what the failure told, with the step.
+// Runs the script in a child. `text` receives what the failure told, with the step; null: a child without
+// stderr.
 std::string RunInChild(const Script& script, Lie lie, std::string* text);
 
 // How far a run of many worlds has come, in memory that a child shares with its parent.

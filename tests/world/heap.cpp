@@ -102,3 +102,8 @@ void* operator new(std::size_t size) {
 void operator delete(void* block) noexcept { __wrap_free(block); }
 void operator delete(void* block, std::size_t) noexcept { __wrap_free(block); }
 #endif
+
+#if defined(__SANITIZE_THREAD__)
+// Children start a thread of their own.
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+#endif
