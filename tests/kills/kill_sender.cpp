@@ -1,0 +1,96 @@
+// The sending process of the kill test. It sends numbered records until it is killed, and writes down which
+// numbers it is about to send ("t FIRST LAST") and which ones are known to be in the store ("c FIRST LAST").
+// Each line is one write, so a kill leaves whole lines.
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+
+#include "veld_report/reporter.h"
+
+namespace kills {
+
+struct Numbered {
+  std::uint64_t number = 0;
+  std::string text{};
+};
+VELD_RECORD(Numbered, 0x5a170041, number, text)
+
+}  // namespace kills
+
+namespace {
+
+// Follows from the number alone, so that whoever reads the record can tell that nothing of it has changed.
+kills::Numbered RecordOf(std::uint64_t number) {
+  kills::Numbered record{number};
+  for (std::uint64_t i = 0; i < number % 40; ++i) record.text += std::to_string(number) + "-";
+  return record;
+}
+
+void WriteDown(int notes, char what, std::uint64_t first, std::uint64_t last) {
+  const std::string line =
+      std::string(1, what) + " " + std::to_string(first) + " " + std::to_string(last) + "\n";
+  if (write(notes, line.data(), line.size()) != static_cast<ssize_t>(line.size())) std::abort();
+}
+
+[[noreturn]] void SendUntilKilled(veld_report::Reporter& reporter, int notes, std::uint64_t first,
+                                  std::mt19937& random) {
+  std::uint64_t next = first;
+  std::uint64_t uncommitted = first;
+  for (;;) {
+    const std::uint64_t last = next + random() % 40;
+    WriteDown(notes, 't', next, last);
+    while (next <= last) reporter.Send(RecordOf(next++));
+    if (!reporter.FlushToStore(std::chrono::seconds(20))) continue;
+    WriteDown(notes, 'c', uncommitted, last);
+    uncommitted = next;
+  }
+}
+
+// 0: everything that the store held has been delivered.
+int Drain(veld_report::Reporter& reporter) {
+  const bool flushed = reporter.Flush(std::chrono::seconds(60));
+  const veld_report::QueueLedger total = reporter.Stats().total;
+  std::printf("accepted %lld, delivered %lld, waiting %lld\n", static_cast<long long>(total.accepted.items),
+              static_cast<long long>(total.delivered.items), static_cast<long long>(total.waiting.items));
+  return flushed && total.IsBalanced() && total.accepted == total.delivered ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  if (count != 7) {
+    std::fprintf(stderr,
+                 "usage: kill_sender MODULE STORE URL KEY NOTES FIRST, a FIRST of 0 to drain the store\n");
+    return 2;
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const std::uint64_t first = std::strtoull(arguments[6], nullptr, 10);
+  std::mt19937 random(static_cast<std::mt19937::result_type>(first));
+  constexpr std::uint32_t packetLimits[] = {1, 7, 20, 100};
+  veld_report::ReporterOptions options;
+  options.modulePath = arguments[1];
+  options.store = arguments[2];
+  options.endpoints = {{arguments[3]}};
+  options.signingKeyFile = arguments[4];
+  options.packetLimit = packetLimits[first == 0 ? 3 : random() % 4];
+  options.queueLimitKb = 1 << 20;
+  options.retryAfter = std::chrono::seconds(1);
+  options.proxy = "";
+  try {
+    veld_report::Reporter reporter(options);
+    if (first == 0) return Drain(reporter);
+    const int notes = open(arguments[5], O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (notes < 0) throw std::runtime_error(std::string("can't open ") + arguments[5]);
+    SendUntilKilled(reporter, notes, first, random);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kill_sender: %s\n", error.what());
+    return 1;
+  }
+}
