@@ -130,8 +130,23 @@ PowerLog::PowerLog(const fs::path& folder) : start_(ReadImage(folder)) {
   FaultyVfs::observer = [this](const FaultyVfs::Event& event) { Note(event); };
 }
 
+std::size_t PowerLog::Count() const {
+  const std::lock_guard lock(mutex_);
+  return steps_.size();
+}
+
+std::size_t PowerLog::LogEnd() const {
+  const std::lock_guard lock(mutex_);
+  return logEnd_;
+}
+
+bool PowerLog::IsLogSync(const DiskStep& step) const {
+  return step.kind == DiskStep::kSync && logs_.contains(step.file);
+}
+
 void PowerLog::Note(const FaultyVfs::Event& event) {
   using Event = FaultyVfs::Event;
+  const std::lock_guard lock(mutex_);
   const std::string name = fs::path(event.name).filename();
   if (event.kind == Event::kDelete) {
     if (names_.erase(name) != 0) steps_.push_back({DiskStep::kUnlink, 0, 0, name});
@@ -142,7 +157,8 @@ void PowerLog::Note(const FaultyVfs::Event& event) {
     if (name.empty()) return;
     const auto [entry, isNew] = names_.try_emplace(name, files_);
     if (isNew) steps_.push_back({DiskStep::kLink, files_++, 0, name});
-    open_[event.file] = {entry->second, IsLog(name), IsLog(name) || IsJournal(name)};
+    open_[event.file] = {entry->second, IsLog(name) || IsJournal(name)};
+    if (IsLog(name)) logs_.insert(entry->second);
     return;
   }
   const auto found = open_.find(event.file);
@@ -154,7 +170,7 @@ void PowerLog::Note(const FaultyVfs::Event& event) {
   } else {
     const auto kind = event.kind == Event::kWrite ? DiskStep::kWrite : DiskStep::kTruncate;
     steps_.push_back({kind, file.file, event.offset, std::string(event.bytes)});
-    if (file.isLog && kind == DiskStep::kWrite) logEnd_ = steps_.size();
+    if (kind == DiskStep::kWrite && logs_.contains(file.file)) logEnd_ = steps_.size();
   }
 }
 

@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -58,6 +60,7 @@ class Disk {
   std::vector<DiskStep> since_;  // of the folder
 };
 
+// Threads: any for what the store does; Count and LogEnd too.
 // Life: recording from the constructor on -> ended by Stop or the destructor. The store is opened after the
 // one and closed before the other.
 class PowerLog {
@@ -70,23 +73,27 @@ class PowerLog {
 
   void Stop() { FaultyVfs::observer = nullptr; }
   const DiskImage& Start() const { return start_; }
-  const std::vector<DiskStep>& Steps() const { return steps_; }
+  std::size_t Count() const;
   // Number of the step behind the last write to the write-ahead log.
-  std::size_t LogEnd() const { return logEnd_; }
+  std::size_t LogEnd() const;
+  // For when the recording has ended.
+  const std::vector<DiskStep>& Steps() const { return steps_; }
+  bool IsLogSync(const DiskStep& step) const;
 
  private:
   struct Open {
     std::size_t file;
-    bool isLog;
     bool syncsFolder;  // with its next sync, as SQLite does it for logs and journals
   };
 
   void Note(const FaultyVfs::Event& event);
 
   DiskImage start_;
+  mutable std::mutex mutex_;  // guards the rest, until the recording has ended
   std::vector<DiskStep> steps_;
   std::map<std::string, std::size_t> names_;
   std::map<const void*, Open> open_;
+  std::set<std::size_t> logs_;
   std::size_t files_ = 0;
   std::size_t logEnd_ = 0;
 };

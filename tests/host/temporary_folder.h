@@ -11,8 +11,8 @@ namespace veld_report::tests {
 
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "veld_test.XXXXXX").string();
+  explicit TemporaryFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string name = (parent / "veld_test.XXXXXX").string();
     if (!mkdtemp(name.data())) throw std::runtime_error("can't make a folder for the test: " + name);
     path_ = name;
   }
