@@ -41,7 +41,8 @@ void ConnectionWatch::BodyBegins(Connection* connection) {
 bool ConnectionWatch::Hold(Connection* connection, std::size_t bodyBytes) {
   const Lock hold(lock_);
   const std::size_t more = bodyBytes - std::min(bodyBytes, connection->bodyBytes);
-  if (connection->cut || more > limits_.bodyBytes - std::min(bodyBytes_, limits_.bodyBytes)) return false;
+  const std::size_t limit = bodyBytes <= firstPieceBytes ? limits_.bodyBytes : limits_.bodyBytes / 8 * 7;
+  if (connection->cut || more > limit - std::min(bodyBytes_, limit)) return false;
   bodyBytes_ += more;
   uncutBodyBytes_ += more;
   connection->bodyBytes += more;

@@ -24,7 +24,8 @@ struct ConnectionLimits {
   // For the headers of a request, from the start of the connection or the end of the answer before; and once
   // more for its body.
   std::chrono::milliseconds requestTime;
-  // Of bodies that are arriving, together. From three quarters of it on, connections are cut.
+  // Of bodies that are arriving, together. From three quarters of it on, connections are cut. The last eighth
+  // is for the first piece of a body, so that a small one gets through while large ones are being cut.
   std::size_t bodyBytes;
 };
 
@@ -53,6 +54,7 @@ class ConnectionWatch {
 
   // The headers are there, the body's time begins.
   void BodyBegins(Connection* connection);
+  static constexpr std::size_t firstPieceBytes = 64 * 1024;
   // So many bytes are held for the body from now on. False if there is no room for them; then it holds what
   // it held.
   bool Hold(Connection* connection, std::size_t bodyBytes);

@@ -24,7 +24,6 @@ namespace {
 // sending can read the answer; beyond it the connection is closed.
 constexpr std::size_t drainFactor = 4;
 constexpr std::chrono::seconds stopPatience{2};
-constexpr std::size_t firstBodyBytes = 64 * 1024;  // what a body gets at once; then it doubles
 // The library's own limit stands in for a moment in which many connections come and the cut ones haven't
 // gone.
 constexpr unsigned spareConnections = 32;
@@ -205,8 +204,8 @@ class ReportServer::Impl {
   bool MakeRoom(Request* request) {
     std::string& body = request->body;
     if (request->received <= body.capacity()) return true;
-    const std::size_t wanted =
-        std::max({request->received, 2 * body.capacity(), std::min(request->declared, firstBodyBytes)});
+    const std::size_t first = std::min(request->declared, ConnectionWatch::firstPieceBytes);
+    const std::size_t wanted = std::max({request->received, 2 * body.capacity(), first});
     request->noRoom = !watch_.Hold(request->connection, wanted);
     if (!request->noRoom) body.reserve(wanted);
     return !request->noRoom;

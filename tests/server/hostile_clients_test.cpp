@@ -123,7 +123,8 @@ class HostileClients : public testing::Test {
   void ExpectServed(int count) const {
     for (int i = 0; i < count; ++i) {
       const auto start = Clock::now();
-      ASSERT_EQ(Exchange(port_, Post(exampleBody)).status, 200);
+      const RawAnswer answer = Exchange(port_, Post(exampleBody));
+      ASSERT_EQ(answer.status, 200) << answer.text;
       ASSERT_LT(Clock::now() - start, soon);
     }
   }
