@@ -56,15 +56,18 @@ void HttpEngine::Loop() {
     incoming.clear();
     EndCancelled();
     int running = 0;
-    curl_multi_perform(multi, &running);
+    const bool failed = curl_multi_perform(multi, &running) != CURLM_OK;
     EndDone();
+    // Out of memory, most likely. The library goes on with what it had half built, and may divide by the zero
+    // in it (7.88 does so for a table of sockets), so what is in flight has to end here.
+    if (failed) EndAll(LocalFailure(zel::eOutOfMemory));
     if (curl_multi_poll(multi, nullptr, 0, longestPollMs, nullptr) != CURLM_OK) {
       // Out of memory, most likely: go on, but not in a busy loop.
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
   const HttpOutcome cancelled = LocalFailure(zel::eOperationCancelled);
-  while (!transfers_.empty()) EndTransfer(transfers_.begin(), cancelled);
+  EndAll(cancelled);
   for (const zel::Ref<HttpRequest>& request : incoming) End(*request, cancelled);
   {
     const std::lock_guard lock(mutex_);
@@ -154,6 +157,10 @@ void HttpEngine::EndCancelled() {
     if (transfer->second->Request().IsCancelled()) EndTransfer(transfer, cancelled);
     transfer = next;
   }
+}
+
+void HttpEngine::EndAll(const HttpOutcome& outcome) {
+  while (!transfers_.empty()) EndTransfer(transfers_.begin(), outcome);
 }
 
 void HttpEngine::EndDone() {

@@ -47,6 +47,7 @@ class HttpEngine {
   void StartTransfer(const zel::Ref<HttpRequest>& request, Clock::TimePoint startedAt);
   void EndCancelled();
   void EndDone();
+  void EndAll(const HttpOutcome& outcome);
   void EndTransfer(Transfers::iterator transfer, const HttpOutcome& outcome) noexcept;
   void TellHeldBack() noexcept;
   void End(HttpRequest& request, const HttpOutcome& outcome) noexcept;
