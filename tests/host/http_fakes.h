@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "contract/http.h"
@@ -99,7 +100,11 @@ struct ClientUnderTest {
   std::string contentType = "application/json";
   std::uint32_t kind = 1;
 
-  explicit ClientUnderTest(network_services::IHttpClientFactory* factory) {
+  // With `made` for its client if there is one.
+  explicit ClientUnderTest(network_services::IHttpClientFactory* factory,
+                           zel::Ref<network_services::IHttpClient> made = {})
+      : client(std::move(made)) {
+    if (client) return;
     EXPECT_EQ(factory->CreateClient(client.Out()), zel::sOk);
   }
 
