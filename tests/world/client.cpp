@@ -47,7 +47,7 @@ bool Decodes(std::string_view text, std::string_view bytes) {
 
 }  // namespace
 
-const char certificates[16] = {};
+const char certificates[32] = {};
 
 zel::ResultCode Request::Wait(std::uint32_t timeoutMs) {
   Use();
@@ -183,7 +183,7 @@ zel::ResultCode Client::MakeRequestAsync(const zel::wstring& url,
     host.answers.pop_front();
   }
   made->status = static_cast<std::uint16_t>(answer.a);
-  if (answer.a < 0) made->failure = answer.a;
+  if (answer.a <= 1) made->failure = answer.a;
   made->dueMs = host.nowMs + static_cast<std::uint64_t>(std::max(answer.b, 0));
   made->waitResult = answer.c;
   made->body = zel::Ref<zel::IIO>(body);

@@ -66,6 +66,6 @@ class ClientFactory final : public Fake<network_services::IHttpClientFactory> {
 };
 
 // Row i of the certificates is (certificates + i, certificates + i + 1).
-extern const char certificates[16];
+extern const char certificates[32];
 
 }  // namespace veld_report::world

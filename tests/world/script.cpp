@@ -104,6 +104,8 @@ class Generator {
 
   Step Trouble() {
     const int draw = Below(10);
+    // A gate that closes while a walk goes on.
+    if (draw == 0) return {.kind = Kind::fault, .op = Op::isBackgroundDisabled, .b = 1 + Below(8), .c = 1};
     if (draw < 5) {
       const auto op = static_cast<Op>(Below(scriptedOps));
       const int result = Pick({-2147483579, -2147483550, -2147483575, -1, 1, 1, throws});
@@ -130,15 +132,13 @@ class Generator {
     for (const int service : {noTimer, noQueues, noHttp}) {
       if (Below(30) == 0) missing |= service;
     }
-    return {.kind = Kind::restart,
-            .a = missing,
-            .b = Below(4) == 0,
-            .c = Below(1 << 20),
-            .settings = MakeSettings()};
+    return {
+        .kind = Kind::restart, .a = missing, .b = Below(2), .c = Below(1 << 20), .settings = MakeSettings()};
   }
 
   Step Answer() {
-    const int status = Pick({200, 200, 200, 200, 201, 204, 404, 500, 0, 65535, -2147483567, -1, -2147483039});
+    const int status =
+        Pick({200, 200, 200, 200, 201, 204, 404, 500, 0, 1, 65535, -2147483567, -1, -2147483039});
     const int delay = Pick({0, 1, 1, 30, 700, 4999, 5000, 5001, 9000, 60000, -1});
     return {.kind = Kind::answer, .a = status, .b = delay, .c = Pick({0, 0, 0, 0, 1, -2147483039})};
   }
@@ -154,7 +154,7 @@ class Generator {
     settings.queueLimitKb = Pick({0u, 1u, 1u, 2u, 3u, 10u, 10u, 4194304u, 4194305u});
     settings.sendTimeoutS = Pick({0u, 1u, 1u, 2u, 5u, 4294968u});
     settings.mismatch = Below(15) == 0;
-    const int rows = Below(8) == 0 ? 0 : 1 + Below(urlCount);
+    const int rows = Below(8) == 0 ? 0 : Below(25) == 0 ? 17 + Below(8) : 1 + Below(urlCount);
     const bool consumers = Below(2) == 0;
     for (int i = 0; i < rows; ++i) settings.rows.push_back({Below(urlCount), consumers ? Below(3) : 0});
     return settings;
