@@ -2,25 +2,19 @@
 // or a payload text that is wrapped into one, since no mutation finds its way through base-64 by itself.
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "formats/base64.h"
+#include "fuzz/input.h"
 #include "server/json_reader.h"
 #include "server/message_check.h"
 
 namespace {
 
+using veld_report::fuzz::Require;
 using veld_report::server::CheckMessage;
 using veld_report::server::MessageContent;
-
-void Require(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "broken: %s\n", what);
-  std::abort();
-}
 
 std::string Encoded(std::string_view bytes) {
   zel::string text;

@@ -1,27 +1,78 @@
-// Stands in for libFuzzer where there is none: runs a target over the files that are named, once each. So the
-// committed inputs are tests in every build, and a target can't fall behind what it calls.
+// Stands in for libFuzzer where there is none: runs a target over the inputs of a folder, once each, and then
+// over changed copies of them. So every build tests with what was found before, and a target can't fall
+// behind what it calls. Usage: TARGET FOLDER COPIES [SEED]; the seed is printed, and repeats a run.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
+#include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-int main(int count, char** files) {
-  if (count < 2) {
-    std::fprintf(stderr, "replay: no inputs\n");
+namespace {
+
+constexpr std::size_t longestInput = 4096;
+
+std::vector<std::string> ReadInputs(const char* folder) {
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) files.push_back(entry.path());
+  std::sort(files.begin(), files.end());
+  std::vector<std::string> inputs;
+  for (const auto& path : files) {
+    std::ifstream file(path, std::ios::binary);
+    inputs.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  return inputs;
+}
+
+std::string Changed(const std::vector<std::string>& inputs, std::mt19937_64& random) {
+  const auto below = [&](std::size_t limit) { return static_cast<std::size_t>(random() % limit); };
+  std::string input = inputs[below(inputs.size())];
+  for (std::size_t i = below(8) + 1; i > 0; --i) {
+    const std::size_t at = below(input.size() + 1);
+    switch (below(4)) {
+      case 0:
+        input.insert(at, 1, static_cast<char>(random()));
+        break;
+      case 1:
+        input.erase(at, below(16));
+        break;
+      case 2:
+        if (at < input.size()) input[at] = static_cast<char>(random());
+        break;
+      default: {
+        const std::string& other = inputs[below(inputs.size())];
+        input.insert(at, other.substr(below(other.size() + 1), below(64)));
+      }
+    }
+  }
+  return input.substr(0, longestInput);
+}
+
+void Run(const std::string& input) {
+  LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  const std::vector<std::string> inputs = count < 3 ? std::vector<std::string>() : ReadInputs(arguments[1]);
+  if (inputs.empty()) {
+    std::fprintf(stderr, "replay: no inputs; usage: TARGET FOLDER COPIES [SEED]\n");
     return 2;
   }
-  for (int i = 1; i < count; ++i) {
-    std::ifstream file(files[i], std::ios::binary);
-    if (!file) {
-      std::fprintf(stderr, "replay: %s can't be read\n", files[i]);
-      return 1;
-    }
-    const std::string input{std::istreambuf_iterator<char>(file), {}};
-    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
-  }
-  std::printf("replay: %d inputs\n", count - 1);
+  const std::uint64_t seed = count > 3 ? std::strtoull(arguments[3], nullptr, 10) : std::random_device()();
+  std::printf("replay: seed %llu\n", static_cast<unsigned long long>(seed));
+  std::fflush(stdout);
+  std::mt19937_64 random(seed);
+  for (const std::string& input : inputs) Run(input);
+  const unsigned long copies = std::strtoul(arguments[2], nullptr, 10);
+  for (unsigned long i = 0; i < copies; ++i) Run(Changed(inputs, random));
+  std::printf("replay: %zu inputs and %lu changed ones\n", inputs.size(), copies);
   return 0;
 }

@@ -1,7 +1,6 @@
 #include "memory_io/memory_io.h"
 
 #include <algorithm>
-#include <random>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -92,45 +91,6 @@ TEST_P(MemoryStream, SizeBeyondMemoryIsACodeAndChangesNothing) {
   EXPECT_EQ(written, 0u);
   EXPECT_EQ(Position(), std::uint64_t{INT64_MAX});
   EXPECT_EQ(Content(), "abcdef");
-}
-
-TEST_P(MemoryStream, RandomOperationsMatchAModel) {
-  const auto seed = static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed());
-  SCOPED_TRACE("run with --gtest_random_seed=" + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };
-  Open("start");
-  std::string model = "start";
-  std::uint64_t position = 0;
-  for (int i = 0; i < 3000; ++i) {
-    switch (below(4)) {
-      case 0: {
-        const std::string bytes(below(40), static_cast<char>('a' + i % 26));
-        ASSERT_EQ(Write(bytes), zel::sOk);
-        if (model.size() < position + bytes.size()) model.resize(position + bytes.size());
-        model.replace(position, bytes.size(), bytes);
-        position += bytes.size();
-        break;
-      }
-      case 1: {
-        const std::uint32_t count = below(60);
-        const std::string expected = position < model.size() ? model.substr(position, count) : "";
-        ASSERT_EQ(Read(count), expected);
-        position += expected.size();
-        break;
-      }
-      case 2:
-        position = Seek(0, static_cast<std::int64_t>(random() % (model.size() + 20)));
-        break;
-      default: {
-        const std::uint64_t size = below(300);
-        ASSERT_EQ(stream->SetSize(size), zel::sOk);
-        model.resize(size);
-      }
-    }
-    ASSERT_EQ(Position(), position);
-    ASSERT_EQ(Content(), model);
-  }
 }
 
 }  // namespace

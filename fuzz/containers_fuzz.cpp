@@ -1,0 +1,255 @@
+// Strings, narrow and wide, and vectors: a row of operations beside the standard containers that do the same.
+// The first byte of an input chooses. Every so often the allocator fails, and then nothing may have changed.
+#include <array>
+#include <new>
+#include <vector>
+
+#include "fuzz/failing_allocator.h"
+#include "types/basic_string.h"
+#include "types/vector.h"
+
+namespace {
+
+using veld_report::fuzz::FailingAllocator;
+using veld_report::fuzz::Input;
+using veld_report::fuzz::Require;
+
+struct Allocators {
+  std::array<zel::Ref<FailingAllocator>, 2> both{veld_report::host::MakeObject<FailingAllocator>(),
+                                                 veld_report::host::MakeObject<FailingAllocator>()};
+
+  // Null for the process heap.
+  zel::IAllocator* Choose(Input& in) {
+    const std::size_t choice = in.Below(3);
+    return choice == 2 ? nullptr : both[choice].Get();
+  }
+  // Runs `body` with the allocators failing or not; false if that made it fail.
+  template <class Body>
+  bool Try(Input& in, Body&& body) {
+    const bool fail = in.OneIn(8);
+    for (const auto& one : both) one->fail = fail;
+    bool done = true;
+    try {
+      body();
+    } catch (const std::bad_alloc&) {
+      Require(fail, "out of memory without a reason");
+      done = false;
+    }
+    for (const auto& one : both) one->fail = false;
+    return done;
+  }
+};
+
+template <class C>
+class StringRun {
+ public:
+  using String = zel::basic_string_t<C>;
+  using Model = std::basic_string<C>;
+
+  explicit StringRun(Input& in) : in_(in) {}
+
+  void Step() {
+    const std::size_t which = in_.Below(slots);
+    String& text = strings_[which];
+    Model& model = models_[which];
+    const std::size_t from = in_.Below(slots);
+    const std::uint64_t before = text.capacity;
+    Model wanted = model;
+    const std::size_t operation = in_.Below(11);
+    const Model piece = in_.template Characters<C>(in_.Below(50));
+    const std::size_t at = model.empty() ? 0 : in_.Below(model.size());
+    const std::size_t count = std::min<std::size_t>(in_.Below(40), model.size() - at);
+    const bool done = allocators_.Try(in_, [&] {
+      switch (operation) {
+        case 0:
+          wanted += piece;
+          text.append(piece.data(), piece.size());
+          Require(text.capacity == Grown(before, wanted.size()), "append grows to another capacity");
+          break;
+        case 1:
+          wanted += Model(model, at, count);
+          text.append(text.data + at, count);
+          break;
+        case 2:
+          wanted.insert(0, piece);
+          text.insert(piece.data(), piece.size());
+          break;
+        case 3:
+          wanted.insert(0, Model(model, at, count));
+          text.insert(text.data + at, count);
+          break;
+        case 4:
+          wanted = piece;
+          text.assign(piece.data(), piece.size());
+          break;
+        case 5:
+          wanted = Model(model, at, count);
+          text.assign(text.data + at, count);
+          break;
+        case 6:
+          wanted.insert(at, piece);
+          text.resize_extra_at(at, piece.size());
+          std::copy(piece.begin(), piece.end(), text.data + at);
+          break;
+        case 7:
+          text.reserve_extra(piece.size());
+          text.data[text.size] = C();  // the caller's affair
+          break;
+        case 8:
+          wanted = models_[from];
+          text = strings_[from];
+          Require(text.allocator == strings_[from].allocator, "a copy keeps its allocator");
+          break;
+        case 9: {
+          String made(std::basic_string_view<C>(piece), allocators_.Choose(in_));
+          wanted = piece;
+          text = std::move(made);
+          Require(made.empty() && made.IsInline(), "what was moved away isn't empty");
+          break;
+        }
+        default: {
+          String copy(strings_[from]);
+          copy.swap(text);
+          wanted = models_[from];
+          Require(copy.View() == model, "swap loses a text");
+        }
+      }
+    });
+    if (done) model = wanted;
+    Check();
+  }
+
+ private:
+  static constexpr std::size_t slots = 3;
+
+  static std::uint64_t Grown(std::uint64_t capacity, std::uint64_t needed) {
+    return needed <= capacity ? capacity : std::max(needed, 2 * capacity);
+  }
+
+  void Check() {
+    for (std::size_t i = 0; i < slots; ++i) {
+      const String& text = strings_[i];
+      Require(text.View() == models_[i], "the text is another");
+      Require(text.data[text.size] == C() && text.size <= text.capacity, "no room for the end");
+      Require(text.IsInline() == (text.capacity == String::inlineCapacity), "inline with a block's capacity");
+      if (models_[i].size() > 4000) strings_[i] = String(), models_[i].clear();
+    }
+    if constexpr (sizeof(C) == 1) {
+      const std::basic_string<signed char> left(models_[0].begin(), models_[0].end());
+      const std::basic_string<signed char> right(models_[1].begin(), models_[1].end());
+      const bool below = std::lexicographical_compare(left.begin(), left.end(), right.begin(), right.end());
+      Require((strings_[0] < strings_[1]) == below, "the order is another");
+    }
+    Require((strings_[0] == strings_[1]) == (models_[0] == models_[1]), "equality is another");
+  }
+
+  Input& in_;
+  Allocators allocators_;
+  std::array<String, slots> strings_;
+  std::array<Model, slots> models_;
+};
+
+class VectorRun {
+ public:
+  explicit VectorRun(Input& in) : in_(in) {}
+
+  void Step() {
+    const std::size_t which = in_.Below(2);
+    Vector& vector = vectors_[which];
+    Model& model = models_[which];
+    Model wanted = model;
+    const std::size_t operation = in_.Below(8);
+    const std::string text(in_.Bytes(in_.Below(40)));
+    zel::string element(std::string_view(text), allocators_.Choose(in_));
+    const std::size_t at = model.empty() ? 0 : in_.Below(model.size());
+    const std::uint64_t oldSize = vector.size(), oldCapacity = vector.capacity();
+    const auto grown = [&](std::uint64_t count) {
+      const std::uint64_t needed = oldSize + count;
+      Require(vector.capacity() == (needed <= oldCapacity ? oldCapacity : std::max(2 * oldSize, needed)),
+              "growth has another capacity");
+    };
+    const bool done = allocators_.Try(in_, [&] {
+      switch (operation) {
+        case 0:
+          wanted.push_back(text);
+          vector.push_back(element);
+          grown(1);
+          break;
+        case 1:
+          wanted.push_back(text);
+          vector.push_back(std::move(element));
+          grown(1);
+          break;
+        case 2:
+          if (model.empty()) break;
+          wanted.push_back(model[at]);
+          vector.push_back(vector[at]);
+          grown(1);
+          break;
+        case 3:
+          wanted.resize(model.size() + text.size());
+          vector.append(text.size());
+          grown(text.size());
+          break;
+        case 4:
+          wanted.resize(at);
+          vector.Truncate(at);
+          break;
+        case 5:
+          wanted = models_[1 - which];
+          vector = vectors_[1 - which];
+          Require(vector.capacity() == vector.size(), "a copy has room to spare");
+          break;
+        case 6:
+          vector = Vector(allocators_.Choose(in_));
+          wanted.clear();
+          break;
+        default: {
+          Vector moved(std::move(vector));
+          Require(vector.empty() && !vector.first, "what was moved away isn't empty");
+          vector.swap(moved);
+        }
+      }
+    });
+    if (done) model = wanted;
+    Check();
+  }
+
+ private:
+  using Vector = zel::vector_t<zel::string>;
+  using Model = std::vector<std::string>;
+
+  void Check() {
+    for (std::size_t i = 0; i < 2; ++i) {
+      Require(vectors_[i].size() == models_[i].size(), "the count is another");
+      for (std::size_t k = 0; k < models_[i].size(); ++k)
+        Require(vectors_[i][k].View() == models_[i][k], "an element is another");
+      if (models_[i].size() > 300) vectors_[i].clear(), models_[i].clear();
+    }
+  }
+
+  Input& in_;
+  Allocators allocators_;
+  std::array<Vector, 2> vectors_;
+  std::array<Model, 2> models_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input in(data, size);
+  const auto all = [&](auto&& run) {
+    while (!in.Empty()) run.Step();
+  };
+  switch (in.Below(3)) {
+    case 0:
+      all(StringRun<char>(in));
+      break;
+    case 1:
+      all(StringRun<char16_t>(in));
+      break;
+    default:
+      all(VectorRun(in));
+  }
+  return 0;
+}

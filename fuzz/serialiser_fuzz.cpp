@@ -1,0 +1,328 @@
+// The host kit's serialiser with records of any shape: an input makes up descriptors, right and wrong, and
+// values for them. What comes out must read back as the values that went in, or be refused where the
+// descriptor or a piece of finished JSON is wrong.
+#include <simdjson.h>
+
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "fuzz/input.h"
+#include "fuzz/plain_text.h"
+#include "host/json/field_kinds.h"
+#include "tests/host/json_serialize.h"
+
+namespace {
+
+using namespace veld_report::fuzz;
+namespace kinds = veld_report::host::field_kinds;
+
+// Values as a text that has one form for each: what was put in and what is read back are compared by it.
+std::string Form(double value) {
+  if (!std::isfinite(value)) return "null";
+  // A number without a fraction reads back as an integer, and 0 without its sign.
+  if (std::abs(value) < 0x1p53 && value == std::trunc(value)) return std::to_string(std::int64_t(value));
+  return "double " + std::to_string(std::bit_cast<std::uint64_t>(value));
+}
+std::string Form(std::string_view utf8) { return "\"" + Base64(utf8) + "\""; }
+
+std::string Form(simdjson::dom::element value) {
+  using Type = simdjson::dom::element_type;
+  std::string text;
+  switch (value.type()) {
+    case Type::ARRAY:
+      for (const auto each : simdjson::dom::array(value.get_array())) text += Form(each) + ",";
+      return "[" + text + "]";
+    case Type::OBJECT:
+      for (const auto each : simdjson::dom::object(value.get_object()))
+        text += Form(each.key) + ":" + Form(each.value) + ",";
+      return "{" + text + "}";
+    case Type::INT64:
+      return std::to_string(value.get_int64().value());
+    case Type::UINT64:
+      return std::to_string(value.get_uint64().value());
+    case Type::DOUBLE:
+      return Form(value.get_double().value());
+    case Type::STRING:
+      return Form(value.get_string().value());
+    case Type::BOOL:
+      return value.get_bool().value() ? "true" : "false";
+    default:
+      return "null";
+  }
+}
+
+// Empty if the text isn't JSON.
+std::string FormOfText(std::string_view text) {
+  static simdjson::dom::parser parser;
+  simdjson::dom::element value;
+  return parser.parse(text.data(), text.size()).get(value) ? "" : Form(value);
+}
+
+struct Elements {
+  std::vector<void*> each;
+};
+
+struct Helper final : zel::SerVectorHelper {
+  const zel::SerObjDescriptor* descriptor = nullptr;
+  std::uint32_t size = 0;
+
+  zel::ResultCode Resize(void*, std::uint32_t) override { return zel::eNotSupported; }
+  zel::ResultCode GetSize(const void* field, std::uint32_t* out) override {
+    *out = static_cast<std::uint32_t>(static_cast<const Elements*>(field)->each.size());
+    return zel::sOk;
+  }
+  zel::ResultCode GetElement(void* field, std::uint32_t index, void** out) override {
+    *out = static_cast<Elements*>(field)->each.at(index);
+    return zel::sOk;
+  }
+  zel::ResultCode GetElementDescriptor(const zel::SerObjDescriptor** out) override {
+    *out = descriptor;
+    return zel::sOk;
+  }
+  zel::ResultCode GetElementSize(std::uint32_t* out) override {
+    *out = size;
+    return zel::sOk;
+  }
+};
+
+struct Schema {
+  zel::SerObjDescriptor descriptor;
+  std::deque<Helper> helpers;
+  std::vector<zel::SerFieldDescriptor> rows;
+  std::vector<const Schema*> inner;  // of each row that holds records
+};
+
+constexpr std::size_t slotBytes = 48;  // takes a value of any kind
+static_assert(sizeof(zel::string) <= slotBytes && sizeof(Elements) <= slotBytes);
+
+class Maker {
+ public:
+  explicit Maker(Input& in) : in_(in) {}
+  Maker(const Maker&) = delete;
+  Maker& operator=(const Maker&) = delete;
+  ~Maker() {
+    for (const auto& each : endings_) each();
+  }
+
+  bool MustFail() const { return mustFail_; }
+
+  const Schema* MakeSchema(int depth) {
+    Schema& schema = schemas_.emplace_back();
+    const std::size_t count = in_.Below(depth == 0 ? 7 : 4);
+    for (std::size_t i = 0; i < count; ++i) {
+      static constexpr const char* names[] = {"", "a", "payload", "\"\\\n", "\xff\xed\xa0", "g\xc3\xa9", "b"};
+      static constexpr std::uint32_t forms[] = {0, kinds::vectorFlag, kinds::optionalFlag};
+      zel::SerFieldDescriptor row{.name = names[in_.Below(std::size(names))], .flags = forms[in_.Below(3)]};
+      const Schema* inner = nullptr;
+      row.offset = static_cast<std::uint32_t>(i * slotBytes);
+      if (depth < 4 && in_.OneIn(4)) {
+        inner = MakeSchema(depth + 1);
+        row.flags |= kinds::recordFlag;
+        row.typeId = inner->descriptor.serId;
+      } else {
+        PlainRow(&row);
+      }
+      Helper& helper = schema.helpers.emplace_back();
+      helper.descriptor = inner ? &inner->descriptor : nullptr;
+      helper.size = static_cast<std::uint32_t>(row.size);
+      row.vectorHelper = &helper;
+      if (in_.OneIn(64)) Spoil(&row);
+      schema.rows.push_back(row);
+      schema.inner.push_back(inner);
+    }
+    schema.rows.push_back(veld_report::host::endRow);
+    schema.descriptor = {.serId = static_cast<std::uint32_t>(schemas_.size()), .name = "Any"};
+    schema.descriptor.size = count * slotBytes;
+    schema.descriptor.fields = schema.rows.data();
+    return &schema;
+  }
+
+  // Makes an instance and adds its form to `expected`.
+  void* Fill(const Schema& schema, std::string* expected) {
+    const std::size_t count = schema.inner.size();
+    char* const block = blocks_.emplace_back(std::make_unique<char[]>(count * slotBytes + 1)).get();
+    const auto& only = schema.rows[0];
+    const bool wholeText = count == 1 && IsJson(only.typeId) && only.flags == 0 && only.name && !*only.name;
+    if (!wholeText) *expected += "{";
+    for (std::size_t i = 0; i < count; ++i) {
+      const zel::SerFieldDescriptor& row = schema.rows[i];
+      if (!row.name || (row.flags & unknownFlag) != 0 || (row.flags != 0 && !row.vectorHelper))
+        mustFail_ = true;
+      if (mustFail_) return block;
+      std::string value;
+      bool absent = false;
+      if (row.flags == 0) {
+        Value(row, block + row.offset, &value);
+      } else {
+        absent = !Several(row, schema.inner[i], block + row.offset, &value);
+      }
+      if (absent) continue;
+      *expected += wholeText ? value : Form(Repaired(std::string_view(row.name))) + ":" + value + ",";
+    }
+    if (!wholeText) *expected += "}";
+    return block;
+  }
+
+ private:
+  static constexpr std::uint32_t unknownFlag = 0x00000100;
+  static bool IsJson(std::uint32_t kind) {
+    return kind == kinds::jsonText || kind == kinds::standardJsonText;
+  }
+
+  void PlainRow(zel::SerFieldDescriptor* row) {
+    static constexpr std::pair<std::uint32_t, std::uint64_t> all[] = {
+        {kinds::boolean, 1},         {kinds::signedInteger, 1},   {kinds::signedInteger, 2},
+        {kinds::signedInteger, 4},   {kinds::signedInteger, 8},   {kinds::unsignedInteger, 1},
+        {kinds::unsignedInteger, 2}, {kinds::unsignedInteger, 4}, {kinds::unsignedInteger, 8},
+        {kinds::floatingPoint, 4},   {kinds::floatingPoint, 8},   {kinds::narrowString, 48},
+        {kinds::wideString, 48},     {kinds::standardString, 32}, {kinds::standardWideString, 32},
+        {kinds::stringView, 16},     {kinds::jsonText, 48},       {kinds::standardJsonText, 32}};
+    std::tie(row->typeId, row->size) = all[in_.Below(std::size(all))];
+  }
+
+  void Spoil(zel::SerFieldDescriptor* row) {
+    switch (in_.Below(4)) {
+      case 0:
+        row->name = nullptr;
+        break;
+      case 1:
+        row->flags |= unknownFlag;
+        break;
+      case 2:
+        row->vectorHelper = nullptr;
+        break;
+      default:
+        row->typeId = 0x77;  // neither a kind nor a record's
+    }
+  }
+
+  // False for an optional that is absent.
+  bool Several(const zel::SerFieldDescriptor& row, const Schema* inner, void* place, std::string* expected) {
+    auto* const elements = Put(place, Elements{});
+    const bool isVector = (row.flags & kinds::vectorFlag) != 0;
+    const bool isOptional = (row.flags & kinds::optionalFlag) != 0;
+    const std::size_t count = isVector ? in_.Below(5) : isOptional ? in_.Below(2) : 1;
+    if (inner && row.typeId != inner->descriptor.serId) mustFail_ = true;
+    if (isVector) *expected += "[";
+    for (std::size_t i = 0; i < count && !mustFail_; ++i) {
+      void* element = nullptr;
+      if (inner) {
+        element = Fill(*inner, expected);
+      } else {
+        element = blocks_.emplace_back(std::make_unique<char[]>(slotBytes)).get();
+        Value(row, element, expected);
+      }
+      elements->each.push_back(element);
+      if (isVector) *expected += ",";
+    }
+    if (isVector) *expected += "]";
+    return !isOptional || count != 0;
+  }
+
+  void Value(const zel::SerFieldDescriptor& row, void* place, std::string* expected) {
+    const std::uint64_t bits = in_.Number(row.size <= 8 ? row.size : 0);
+    const auto signedForm = [&](auto value) { return std::to_string(std::int64_t{*Put(place, value)}); };
+    const auto unsignedForm = [&](auto value) { return std::to_string(std::uint64_t{*Put(place, value)}); };
+    switch (row.typeId) {
+      case kinds::boolean:
+        *expected += *Put(place, static_cast<std::uint8_t>(bits)) != 0 ? "true" : "false";
+        break;
+      case kinds::signedInteger:
+        *expected += row.size == 1   ? signedForm(static_cast<std::int8_t>(bits))
+                     : row.size == 2 ? signedForm(static_cast<std::int16_t>(bits))
+                     : row.size == 4 ? signedForm(static_cast<std::int32_t>(bits))
+                                     : signedForm(static_cast<std::int64_t>(bits));
+        break;
+      case kinds::unsignedInteger:
+        *expected += row.size == 1   ? unsignedForm(static_cast<std::uint8_t>(bits))
+                     : row.size == 2 ? unsignedForm(static_cast<std::uint16_t>(bits))
+                     : row.size == 4 ? unsignedForm(static_cast<std::uint32_t>(bits))
+                                     : unsignedForm(bits);
+        break;
+      case kinds::floatingPoint:
+        *expected += row.size == 8 ? Form(*Put(place, std::bit_cast<double>(bits)))
+                                   : FormOfFloat(*Put(place, std::bit_cast<float>(std::uint32_t(bits))));
+        break;
+      case kinds::narrowString:
+        *expected += Form(Repaired(Put(place, zel::string(Bytes()))->View()));
+        break;
+      case kinds::wideString:
+        *expected += Form(Repaired(Put(place, zel::wstring(std::u16string_view(Units())))->View()));
+        break;
+      case kinds::standardString:
+        *expected += Form(Repaired(*Put(place, std::string(Bytes()))));
+        break;
+      case kinds::standardWideString:
+        *expected += Form(Repaired(*Put(place, Units())));
+        break;
+      case kinds::stringView:
+        *expected += Form(Repaired(*Put(place, Bytes())));
+        break;
+      case kinds::jsonText:
+        *expected += Json(Put(place, zel::string(JsonBytes()))->View());
+        break;
+      case kinds::standardJsonText:
+        *expected += Json(*Put(place, std::string(JsonBytes())));
+        break;
+      default:
+        mustFail_ = true;
+    }
+  }
+
+  // A float is read back as the double that its shortest text stands for.
+  static std::string FormOfFloat(float value) {
+    if (!std::isfinite(value)) return "null";
+    char text[64];
+    *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
+    return Form(std::strtod(text, nullptr));
+  }
+  std::string_view Bytes() { return in_.Bytes(in_.Below(40)); }
+  std::u16string Units() { return in_.Characters<char16_t>(in_.Below(20)); }
+  std::string JsonBytes() {
+    static constexpr std::string_view good[] = {"{\"a\" : [1,\t2.5e3,\n true,null]}", "\"x\\u00e9\\n\"",
+                                                " -0 ", "[[{}],\r\n{\"b\":{}}]"};
+    return std::string(in_.OneIn(2) ? in_.Bytes(in_.Below(200)) : good[in_.Below(4)]);
+  }
+  std::string Json(std::string_view text) {
+    const std::string form = FormOfText(text);
+    if (form.empty()) mustFail_ = true;
+    return form;
+  }
+
+  template <class T>
+  T* Put(void* place, T value) {
+    static_assert(sizeof(T) <= slotBytes);
+    T* const made = new (place) T(std::move(value));
+    if constexpr (!std::is_trivially_destructible_v<T>) endings_.push_back([made] { made->~T(); });
+    return made;
+  }
+
+  Input& in_;
+  bool mustFail_ = false;
+  std::deque<Schema> schemas_;
+  std::deque<std::unique_ptr<char[]>> blocks_;
+  std::vector<std::function<void()>> endings_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input in(data, size);
+  Maker maker(in);
+  const Schema* const schema = maker.MakeSchema(0);
+  std::string expected;
+  void* const object = maker.Fill(*schema, &expected);
+  const auto result = veld_report::host::Serialize(zel::AnyPtr(object, &schema->descriptor));
+  Require(zel::Failed(result.code) == maker.MustFail(), "a wrong record passes, or a right one is refused");
+  Require(zel::Failed(result.flush) == maker.MustFail(), "Flush and Serialize don't agree");
+  if (maker.MustFail()) return 0;
+  Require(FormOfText(result.text) == expected, "other values are read back: " + result.text);
+  Require(result.text.find_first_of("\n\r\t") == std::string::npos, "a record isn't one line");
+  return 0;
+}
