@@ -139,6 +139,14 @@ void SqliteConnection::KeepLogOnClose(bool keep) {
   sqlite3_db_config(handle_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, keep ? 1 : 0, nullptr);
 }
 
+void SqliteConnection::CountLogPages() {
+  const auto note = [](void* pages, sqlite3*, const char*, int count) {
+    *static_cast<int*>(pages) = count;
+    return SQLITE_OK;
+  };
+  sqlite3_wal_hook(handle_.get(), note, logPages_.get());
+}
+
 std::int64_t SqliteConnection::QueryInteger(std::string_view sql) const {
   SqliteStatement statement(*this, sql);
   if (!statement.Step()) throw SqliteError(SQLITE_NOTFOUND, "no answer to " + std::string(sql));

@@ -91,6 +91,10 @@ class SqliteConnection {
   void Execute(const std::string& sql);
   // Whether closing leaves the write-ahead log where it is, as for a file that must not be changed.
   void KeepLogOnClose(bool keep);
+  // From here on LogPages tells how many pages the write-ahead log held at the last commit. SQLite then
+  // writes the log back no more by itself.
+  void CountLogPages();
+  int LogPages() const { return *logPages_; }
   // The first column of the first row; throws if there is no row.
   std::int64_t QueryInteger(std::string_view sql) const;
   std::string QueryText(std::string_view sql) const;
@@ -104,6 +108,7 @@ class SqliteConnection {
   struct Close {
     void operator()(sqlite3* handle) const;
   };
+  std::unique_ptr<int> logPages_ = std::make_unique<int>(0);  // SQLite knows the address
   std::unique_ptr<sqlite3, Close> handle_;
 };
 

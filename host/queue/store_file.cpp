@@ -45,7 +45,7 @@ SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const
   connection.KeepLogOnClose(false);
   connection.Execute("PRAGMA journal_mode=WAL");
   connection.Execute(settings.syncEveryCommit ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-  connection.Execute("PRAGMA wal_autocheckpoint=" + std::to_string(logPages));
+  connection.Execute("PRAGMA wal_autocheckpoint=" + std::to_string(settings.logThread ? 0 : logPages));
   connection.Execute("PRAGMA secure_delete=ON");
   connection.Execute("PRAGMA temp_store=MEMORY");
   return connection;
@@ -67,7 +67,11 @@ StoreFile::StoreFile(const std::filesystem::path& file, const Settings& settings
       deleteItems_(connection_, "DELETE FROM items WHERE queue=?1"),
       next_(connection_,
             "SELECT token, enqueued_ms, data FROM items WHERE queue=?1 AND token>?2 ORDER BY token LIMIT ?3"),
-      dataVersion_(connection_, "PRAGMA data_version") {}
+      dataVersion_(connection_, "PRAGMA data_version") {
+  if (!settings.logThread) return;
+  log_.emplace(file);
+  connection_.CountLogPages();
+}
 
 void StoreFile::QuickCheck() {
   const std::string result = connection_.QueryText("PRAGMA quick_check(1)");
@@ -76,7 +80,15 @@ void StoreFile::QuickCheck() {
 
 void StoreFile::Begin() { begin_.Run(); }
 
-void StoreFile::Commit() { commit_.Run(); }
+void StoreFile::Commit() {
+  commit_.Run();
+  if (!log_ || !log_->MustWriteBack(connection_.LogPages())) return;
+  try {
+    Checkpoint();
+  } catch (const SqliteError&) {
+    // What was committed stands in the log; the next commit tries again.
+  }
+}
 
 void StoreFile::Rollback() noexcept {
   try {
@@ -223,9 +235,13 @@ std::int64_t StoreFile::DataVersion() {
   return dataVersion_.Integer(0);
 }
 
-void StoreFile::Checkpoint() { connection_.Execute("PRAGMA wal_checkpoint(PASSIVE)"); }
+void StoreFile::Checkpoint() {
+  if (log_) log_->WaitUntilIdle();
+  connection_.Execute("PRAGMA wal_checkpoint(PASSIVE)");
+}
 
 void StoreFile::Compact(bool rebuild) {
+  if (log_) log_->WaitUntilIdle();
   connection_.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
   if (!rebuild) return;
   connection_.Execute("VACUUM");

@@ -15,14 +15,15 @@
 #include <string_view>
 #include <vector>
 
+#include "host/queue/log_keeper.h"
 #include "host/queue/queue_ledger.h"
 #include "host/queue/sqlite_connection.h"
 
 namespace veld_report::host {
 
 inline constexpr int storePageBytes = 4096;
-// The log is written back into the file when it holds so many pages: a sync each time, but also the room that
-// a full disk must still give (disk_reserve.h).
+// The log is written back into the file when it has grown by so many pages: a sync each time, but also the
+// room that a full disk must still give (disk_reserve.h).
 inline constexpr int logPages = 512;
 
 struct QueueRow {
@@ -51,6 +52,8 @@ class StoreFile {
     bool syncEveryCommit = false;
     bool inspectOnly = false;  // nothing is written, the layout must be the present one
     std::string vfs{};
+    // The log is written back by a thread (log_keeper.h).
+    bool logThread = false;
   };
 
   // Opens the file, which exists, and lays it out if it is empty. Throws StoreError for a file of a later
@@ -61,6 +64,7 @@ class StoreFile {
   void QuickCheck();
 
   void Begin();
+  // Also sees to it that the log is written back.
   void Commit();
   // Ends a transaction that failed, if SQLite hasn't done so by itself.
   void Rollback() noexcept;
@@ -129,6 +133,7 @@ class StoreFile {
   SqliteStatement deleteItems_;
   SqliteStatement next_;
   SqliteStatement dataVersion_;
+  std::optional<LogKeeper> log_;
 };
 
 }  // namespace veld_report::host

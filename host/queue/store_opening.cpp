@@ -15,7 +15,11 @@ constexpr std::chrono::seconds openingTime{15};
 constexpr std::chrono::milliseconds openingStep{5};
 
 StoreFile::Settings FileSettings(const QueueServiceOptions& options) {
-  return {.syncEveryCommit = options.syncEveryCommit, .inspectOnly = options.inspectOnly, .vfs = options.vfs};
+  return {.syncEveryCommit = options.syncEveryCommit,
+          .inspectOnly = options.inspectOnly,
+          .vfs = options.vfs,
+          // Who brings a VFS along sees its calls on the threads of its own.
+          .logThread = !options.inspectOnly && options.vfs.empty()};
 }
 
 void Say(const QueueServiceOptions& options, const std::string& line) {

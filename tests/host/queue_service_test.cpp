@@ -153,6 +153,17 @@ TEST_F(GroupingTest, AGroupThatStaysSmallIsCommittedByItself) {
   EXPECT_TRUE(Eventually([&] { return Committed() == 1; }));
 }
 
+TEST_F(QueueServiceTest, TheLogIsWrittenBackWhilePushingGoesOn) {
+  constexpr std::uintmax_t mib = 1 << 20;
+  Open();
+  const auto producer = Producer("q");
+  for (std::uintmax_t pushed = 0; pushed < 32 * mib; pushed += 1024) {
+    ASSERT_EQ(PushText(*producer, std::string(1024, 'x')), zel::sOk);
+  }
+  EXPECT_LE(std::filesystem::file_size(StorePath().string() + "-wal"), 9 * mib);
+  EXPECT_GE(std::filesystem::file_size(StorePath()), 24 * mib);
+}
+
 class LedgerTest : public StoreTest {
  protected:
   void SetUp() override { Open(); }

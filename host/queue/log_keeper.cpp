@@ -1,0 +1,85 @@
+#include "host/queue/log_keeper.h"
+
+#include <sys/statvfs.h>
+
+#include "host/base/service_thread.h"
+#include "host/queue/store_file.h"
+
+namespace veld_report::host {
+namespace {
+
+constexpr int mostLogPages = 4 * logPages;
+constexpr unsigned long plentyOfBytes = 256UL << 20;
+
+}  // namespace
+
+LogKeeper::~LogKeeper() {
+  if (!thread_.joinable()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+bool LogKeeper::MustWriteBack(int pages) {
+  if (pages < pagesAtStart_) pagesAtStart_ = 0;  // the log has begun anew
+  if (pages - pagesAtStart_ < logPages) return false;
+  if (pages >= mostLogPages || !HasRoom() || !Start()) {
+    WaitUntilIdle();
+    pagesAtStart_ = pages;
+    return true;
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    if (asked_) return false;
+    asked_ = true;
+  }
+  pagesAtStart_ = pages;
+  changed_.notify_all();
+  return false;
+}
+
+bool LogKeeper::HasRoom() const {
+  struct statvfs disk {};
+  return statvfs(file_.parent_path().c_str(), &disk) == 0 && disk.f_bavail * disk.f_frsize >= plentyOfBytes;
+}
+
+// Returns false where there is no thread or connection to be had just now.
+bool LogKeeper::Start() noexcept {
+  if (thread_.joinable()) return true;
+  try {
+    connection_.emplace(file_, SqliteConnection::Access::kReadWrite);
+    connection_->Execute("PRAGMA synchronous=NORMAL");
+    thread_ = StartServiceThread("veld-log", [this] { Run(); });
+    return true;
+  } catch (...) {
+    connection_.reset();
+    return false;
+  }
+}
+
+void LogKeeper::WaitUntilIdle() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return !asked_; });
+}
+
+void LogKeeper::Run() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    changed_.wait(lock, [&] { return asked_ || stopping_; });
+    if (!asked_) return;
+    lock.unlock();
+    try {
+      connection_->Execute("PRAGMA wal_checkpoint(PASSIVE)");
+    } catch (const std::exception&) {
+      // The log stays as it is, and its owner writes it back when it has grown enough.
+    }
+    lock.lock();
+    asked_ = false;
+    changed_.notify_all();
+  }
+}
+
+}  // namespace veld_report::host
