@@ -25,7 +25,7 @@ LogKeeper::~LogKeeper() {
 
 bool LogKeeper::MustWriteBack(int pages) {
   if (pages < pagesAtStart_) pagesAtStart_ = 0;  // the log has begun anew
-  if (pages - pagesAtStart_ < logPages) return false;
+  if (pages < mostLogPages && pages - pagesAtStart_ < logPages) return false;
   if (pages >= mostLogPages || !HasRoom() || !Start()) {
     WaitUntilIdle();
     pagesAtStart_ = pages;
