@@ -127,7 +127,7 @@ class Model {
   std::map<std::uint64_t, std::shared_ptr<RequestState>> requests_;  // in flight
 
   // The sender that stands.
-  struct Sender {
+  struct SenderState {
     bool constructed = false, bound = false, stopping = false, armed = false, running = false;
     bool mode = false, signature = false, notification = false;
     Snapshot live;
@@ -143,7 +143,7 @@ class Model {
     std::uint64_t current = 0;  // the request that is waited for
     std::uint32_t needToSend = 0, sent = 0;
   };
-  Sender sender_;
+  SenderState sender_;
 };
 
 }  // namespace veld_report::world

@@ -22,7 +22,7 @@ bool Less(int left, int right) {
 void Model::Construct() {
   zel::ResultCode failure = 0;
   bool failed = false;
-  sender_ = Sender();
+  sender_ = SenderState();
   const auto has = [&](int service) { return (host_.missing & service) == 0; };
   try {
     if (!has(noQueues) || !has(noHttp)) {
@@ -121,7 +121,7 @@ void Model::Release() {
 
 void Model::FinishRelease() {
   Drain(sender_.live);
-  sender_ = Sender();
+  sender_ = SenderState();
   Return(0, false);
 }
 

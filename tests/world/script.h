@@ -82,13 +82,13 @@ struct Step {
     advance,   // a: milliseconds
     gate,      // a: closed or open
     answer,    // for one coming request. a: status, or the code of a failure, 1 or negative; b: delay in
-             // milliseconds, -1 for inside MakeRequestAsync; c: result of Wait
-    fault,    // at the bth call of `op` from here: result c
-    memory,   // a: 0 host's allocator, 1 process heap; the bth allocation of the module from here gives null
-    enter,    // at the bth call of `op` from here another thread comes in. a: Entry submit, settings or
-              // release; c: bytes of a submission; with `settings`
-    foreign,  // a: name, b: count of items that somebody else puts there
-    settle,   // all obstacles go, and then all items have to
+               // milliseconds, -1 for inside MakeRequestAsync; c: result of Wait
+    fault,     // at the bth call of `op` from here: result c
+    memory,    // a: 0 host's allocator, 1 process heap; the bth allocation of the module from here gives null
+    enter,     // at the bth call of `op` from here another thread comes in. a: Entry submit, settings or
+               // release; c: bytes of a submission; with `settings`
+    foreign,   // a: name, b: count of items that somebody else puts there
+    settle,    // all obstacles go, and then all items have to
   };
   Kind kind = Kind::advance;
   Op op = Op::push;

@@ -8,81 +8,6 @@ namespace veld_report::world {
 namespace {
 
 constexpr std::uint64_t blockOut = 0x6b636f6c42747541;
-// A narrow string that is the text of the whole record.
-constexpr std::uint32_t wholeText = 0x7f;
-
-constexpr zel::SerFieldDescriptor textFields[] = {
-    {.typeId = wholeText, .name = "text", .size = sizeof(zel::string)},
-    {.flags = zel::SerFieldDescriptor::endOfTable}};
-
-// The text reaches the stream but for its last character, which comes with Flush.
-class Storage final : public Fake<zel::IStorage> {
- public:
-  Storage(Host& owner, zel::IIO* stream) : Fake(owner), stream_(stream) {}
-  zel::ResultCode ReservedStorageOperation0() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation1() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation2() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation3() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation4() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation5() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation6() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation7() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation8() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation9() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation10() override { return Reserved(); }
-  zel::ResultCode ReservedStorageOperation11() override { return Reserved(); }
-  zel::ResultCode Flush() override {
-    Use();
-    Call call(host, Op::flush, 0);
-    if (call.Refused()) return call.Planned();
-    const zel::ResultCode result = text.empty() ? 0 : Write(std::string_view(text).substr(text.size() - 1));
-    return result != 0 ? result : call.Planned();
-  }
-  zel::ResultCode Write(std::string_view piece) {
-    std::uint32_t written = 0;
-    const Inside inside;
-    const auto result = stream_->Write(piece.data(), static_cast<std::uint32_t>(piece.size()), &written);
-    return result;
-  }
-  std::string text;
-
- private:
-  void OnEnd() override {
-    const Inside inside;
-    stream_.Reset();
-  }
-  zel::Ref<zel::IIO> stream_;
-};
-
-void WriteJson(void* object, const zel::SerObjDescriptor& descriptor, std::string& out) {
-  if (descriptor.fields->typeId == wholeText) {
-    out += static_cast<zel::string*>(object)->View();
-    return;
-  }
-  char separator = '{';
-  for (const auto* field = descriptor.fields; field->flags != zel::SerFieldDescriptor::endOfTable; ++field) {
-    void* place = static_cast<char*>(object) + field->offset;
-    out += separator;
-    out.append("\"").append(field->name).append("\":");
-    separator = ',';
-    if (field->flags != zel::SerFieldDescriptor::vectorOfRecords) {
-      out.append("\"").append(static_cast<zel::string*>(place)->View()).append("\"");
-      continue;
-    }
-    std::uint32_t count = 0;
-    const zel::SerObjDescriptor* element = nullptr;
-    field->vectorHelper->GetSize(place, &count);
-    field->vectorHelper->GetElementDescriptor(&element);
-    for (std::uint32_t i = 0; i < count; ++i) {
-      void* item = nullptr;
-      field->vectorHelper->GetElement(place, i, &item);
-      out += i == 0 ? '[' : ',';
-      WriteJson(item, *element, out);
-    }
-    out += ']';
-  }
-  out += '}';
-}
 
 std::uint64_t NumberBehind(std::string_view line, std::string_view words) {
   std::uint64_t number = 0;
@@ -92,8 +17,6 @@ std::uint64_t NumberBehind(std::string_view line, std::string_view words) {
 }
 
 }  // namespace
-
-const zel::SerObjDescriptor textRecord{43, "TextRecord", sizeof(TextRecord), textFields, nullptr};
 
 void* HostAllocator::Allocate(std::uint64_t size) {
   const Outside outside;
@@ -238,28 +161,6 @@ zel::ResultCode Notification::OnRequestFinished(const orvel::RequestNotification
                      (notification->url.View() == narrow || notification->url.empty());
   if (!right || !host.completing) host.Fail(invariant::calls, "a notification of something else");
   return call.Done(call.Planned());
-}
-
-zel::ResultCode JsonFactory::CreateJsonStorage(zel::IIO* stream, const zel::JsonStorageOptions*,
-                                               zel::IStorage** out) {
-  const Outside outside;
-  Use();
-  Call call(host, Op::createStorage, 0);
-  if (call.Refused()) return call.Planned();
-  *out = host.Make<Storage>(stream);
-  return call.Planned();
-}
-
-zel::ResultCode Serializer::Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t,
-                                      zel::IObject**) {
-  Use();
-  Call call(host, Op::serialize, 0, object->descriptor != &textRecord);
-  if (call.Refused()) return call.Done(call.Planned());
-  auto& target = static_cast<Storage&>(*storage);
-  WriteJson(object->object, *object->descriptor, target.text);
-  const auto result =
-      target.text.empty() ? 0 : target.Write(std::string_view(target.text).substr(0, target.text.size() - 1));
-  return call.Done(result < 0 ? result : call.Planned());
 }
 
 zel::ResultCode Locator::GetInterface(zel::InterfaceId interfaceId, std::uint32_t, void** out) {

@@ -3,52 +3,24 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "contract/exports.h"
-#include "contract/sender.h"
 #include "tests/world/client.h"
 #include "tests/world/helper.h"
 #include "tests/world/model.h"
+#include "tests/world/sender.h"
 #include "tests/world/services.h"
 
-extern "C" zel::ResultCode zelGetObjectFactory(zel::IServiceLocator* locator, std::uint32_t classId,
-                                               zel::IObject** out);
 extern "C" zel::ResultCode zelCanUnloadModule();
 
 namespace veld_report::world {
 namespace {
 
-using orvel::veld_report::IVeldReportSender;
-using orvel::veld_report::IVeldReportSenderConstruct;
-using orvel::veld_report::IVeldReportSenderSettings;
-using orvel::veld_report::SenderSettings;
-
 // A sendTimeout of 0 and a closed gate fire for ever.
 constexpr int mostFirings = 20;
-constexpr const char* consumerNames[] = {"", "x", "y", "nobody"};
 constexpr std::uint32_t settleLimitKb = 1000;
-
-SenderSettings ForModule(const Settings& settings) {
-  SenderSettings made;
-  made.packetLimit = settings.packetLimit;
-  made.queueLimit = settings.queueLimitKb;
-  made.sendTimeout = settings.sendTimeoutS;
-  const bool named = settings.HasConsumers();
-  const char* certificate = certificates;
-  for (const Row& row : settings.rows) {
-    orvel::veld_report::UrlEntry entry;
-    entry.url = zel::wstring(std::u16string_view(Url(row.url)));
-    entry.certificates.first = reinterpret_cast<const orvel::veld_report::OpaqueCertificate*>(certificate);
-    entry.certificates.last = reinterpret_cast<const orvel::veld_report::OpaqueCertificate*>(++certificate);
-    made.urls.push_back(entry);
-    if (named) made.consumers.push_back(zel::string(std::string_view(consumerNames[row.consumer])));
-  }
-  if (settings.mismatch) made.consumers.push_back(zel::string());
-  return made;
-}
 
 class World {
  public:
-  explicit World(Lie lie) : host_(lie), model_(host_) {
+  explicit World(Lie lie) : host_(lie), model_(host_), sender_(host_, model_) {
     host_.enter = [this](const Step& step) { EnterFromOutside(step); };
     host_.park = [] { Helper::Get().Park(); };
   }
@@ -77,13 +49,13 @@ class World {
       case Kind::restart:
         return Restart(step);
       case Kind::submit:
-        for (int i = 0; i < step.a && sender_ && !host_.Failed(); ++i) {
-          Submit(step.c, step.b);
+        for (int i = 0; i < step.a && sender_.Exists() && !host_.Failed(); ++i) {
+          sender_.Submit(step.c, step.b);
           Check();
         }
         return;
       case Kind::settings:
-        if (sender_) SetSettings(step.settings);
+        if (sender_.Exists()) sender_.SetSettings(step.settings);
         return Check();
       case Kind::advance:
         return Advance(static_cast<std::uint64_t>(step.a));
@@ -120,20 +92,6 @@ class World {
     FailHeap(0);
   }
 
-  // One call of the module's, on any thread.
-  template <class Operation>
-  void Perform(Entry entry, Operation&& operation) {
-    host_.Append({.op = Op::enter, .a = static_cast<std::uint64_t>(entry)});
-    Record end{.op = Op::returned};
-    try {
-      const Inside inside;
-      end.result = operation();
-    } catch (...) {
-      end.threw = true;
-    }
-    host_.Append(end);
-  }
-
   // Judges what the calls since the last time have told.
   void Check() {
     host_.CheckLedger();
@@ -142,49 +100,17 @@ class World {
     host_.enumerated.clear();
   }
 
-  void Submit(int consumer, int size) {
-    std::string json = "{\"n\":" + std::to_string(++submitted_) + ",\"p\":\"";
-    json.append(static_cast<std::size_t>(size), static_cast<char>('a' + submitted_ % 26));
-    json.resize(static_cast<std::size_t>(size));
-    model_.Expect(consumer, Print(json), json.size());
-    TextRecord record{zel::string(std::string_view(json))};
-    const zel::string name{std::string_view(consumerNames[consumer])};
-    const zel::AnyPtr data(&record, &textRecord);
-    Perform(Entry::submit, [&] {
-      return consumer == 0 ? sender_->SendStatistic(data) : sender_->SendStatistic(name, data);
-    });
-  }
-
-  void SetSettings(const Settings& settings) {
-    const SenderSettings given = ForModule(settings);
-    const Settings* outer = std::exchange(host_.settings, &settings);
-    model_.Expect(settings);
-    Perform(Entry::settings, [&] { return settings_->SetSettings(given); });
-    host_.settings = outer;
-  }
-
-  void Release() {
-    const Inside inside;
-    construct_.Reset();
-    settings_.Reset();
-    zel::Ref<IVeldReportSender> last = std::move(sender_);
-    Perform(Entry::release, [&] {
-      last.Reset();
-      return zel::sOk;
-    });
-  }
-
   void EnterFromOutside(const Step& step) {
     const Outside outside;
-    if (!sender_ || host_.constructing || entered_ || Helper::Get().Parked()) return;
+    if (!sender_.Exists() || host_.constructing || entered_ || Helper::Get().Parked()) return;
     const auto entry = static_cast<Entry>(step.a);
     if (entry == Entry::release && !host_.running) return;
     entered_ = true;
     ++Host::seen[static_cast<std::size_t>(step.op)].entered;
     Helper::Get().Do([&] {
-      if (entry == Entry::submit) Submit(step.b % 4, step.c);
-      if (entry == Entry::settings) SetSettings(step.settings);
-      if (entry == Entry::release) Release();
+      if (entry == Entry::submit) sender_.Submit(step.b % 4, step.c);
+      if (entry == Entry::settings) sender_.SetSettings(step.settings);
+      if (entry == Entry::release) sender_.Release();
     });
     entered_ = false;
   }
@@ -194,7 +120,7 @@ class World {
     auto* sink = static_cast<zel::IRunnable*>(host_.sink);
     host_.timerDueMs = never;
     host_.running = true;
-    Perform(Entry::run, [&] { return sink->Run(nullptr); });
+    sender_.Run(sink);
     host_.running = false;
     if (Helper::Get().Parked()) Helper::Get().Resume();
     Check();
@@ -219,8 +145,8 @@ class World {
   }
 
   void EndSender() {
-    if (!sender_) return;
-    Release();
+    if (!sender_.Exists()) return;
+    sender_.Release();
     Check();
   }
 
@@ -233,39 +159,15 @@ class World {
     host_.timerRestarts = (step.c & 1) != 0;
     if (host_.missing & noTimer) FailHeap(host_.failBlock = 0);
     host_.constructing = true;
-    Create();
-    if (!sender_ && !host_.Failed()) {
+    sender_.Create();
+    if (!sender_.Exists() && !host_.Failed()) {
       ClearFaults();
-      Create();
-      if (!sender_) host_.Fail(invariant::calls, "no sender can be made");
+      sender_.Create();
+      if (!sender_.Exists()) host_.Fail(invariant::calls, "no sender can be made");
     }
-    if (!host_.Failed()) Construct(step.settings);
+    if (!host_.Failed()) sender_.Construct(step.settings);
     host_.constructing = false;
     Check();
-  }
-
-  void Create() {
-    zel::Ref<zel::IObject> first;
-    zel::IServiceLocator* locator = &host_.services->locator;
-    const Inside inside;
-    if (zelGetObjectFactory(locator, orvel::veld_report::senderClassId, first.Out()) == 0) {
-      static_cast<zel::IObjectFactory*>(first.Get())
-          ->CreateInstance(locator, IVeldReportSender::iid, sender_.OutVoid());
-    }
-    const bool excused = std::any_of(host_.recording.begin(), host_.recording.end(),
-                                     [](const Record& record) { return record.op == Op::excuse; });
-    if (!sender_ && !excused) host_.Fail(invariant::calls, "no sender is made");
-    host_.recording.clear();
-    if (!sender_) return;
-    sender_->QueryInterface(IVeldReportSenderConstruct::iid, construct_.OutVoid());
-    sender_->QueryInterface(IVeldReportSenderSettings::iid, settings_.OutVoid());
-  }
-
-  void Construct(const Settings& settings) {
-    const SenderSettings given = ForModule(settings);
-    host_.settings = &settings;
-    model_.Expect(settings);
-    Perform(Entry::construct, [&] { return construct_->Construct(given); });
   }
 
   void PutForeign(const Step& step) {
@@ -291,7 +193,7 @@ class World {
         .packetLimit = 2, .queueLimitKb = settleLimitKb, .rows = {{0, 0}, {1, 0}, {2, 0}, {3, 0}}};
     Restart(restart);
     if (host_.Failed()) return;
-    Submit(0, 30);
+    sender_.Submit(0, 30);
     Check();
     Advance(2000);
     if (host_.Failed()) return;
@@ -323,16 +225,13 @@ class World {
   // After a failure: all goes as far as it can, unjudged.
   void Abandon() {
     ClearFaults();
-    if (sender_) Release();
+    if (sender_.Exists()) sender_.Release();
     while (Request* request = host_.FirstDue()) host_.Complete(*request);
   }
 
   Host host_;
   Model model_;
-  zel::Ref<IVeldReportSender> sender_;
-  zel::Ref<IVeldReportSenderConstruct> construct_;
-  zel::Ref<IVeldReportSenderSettings> settings_;
-  std::uint64_t submitted_ = 0;
+  Sender sender_;
   std::uint64_t cycles_ = 0;
   bool entered_ = false;
 };
