@@ -47,6 +47,8 @@ enum class Syncing { kEveryCommit, kWithTheLog, kByAThread };
 
 class PowerLossTest : public StoreTest, public testing::WithParamInterface<Syncing> {
  protected:
+  using Clock = std::chrono::steady_clock;
+
   // A commit and where the log's steps stood: before it, when it was written, when it was answered.
   struct Commit {
     std::size_t begin;
@@ -215,7 +217,7 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
     random.seed(seed);
     model = {};
     WriteImage({}, folder.Path());
-    for (int i = 0; i < generations && !HasFailure(); ++i) {
+    for (int i = 0; i < generations && !HasFailure() && Clock::now() < deadline; ++i) {
       if (i > 0) GoOnFromALoss();
       Record(steps);
       if (!HasFailure()) Sweep(share);
@@ -235,15 +237,16 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
   std::size_t synced = 0;  // number of the last sync that the sweep has come past
   std::size_t found = 0;   // number of the commit, from 1, that the last image held
   std::size_t images = 0;
+  Clock::time_point deadline = Clock::time_point::max();  // of a long run
   int number = 0;
 };
 
 TEST_P(PowerLossTest, WhateverTheDiskHoldsOpensWithEverythingThatWasSyncedAndInOrder) {
   auto seed = static_cast<std::uint64_t>(FromEnvironment("VELD_TEST_SEED", 1));
   const std::int64_t seconds = FromEnvironment("VELD_POWER_SECONDS", 0);
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   Run(seed, 3, 60, 0.04);
-  while (!HasFailure() && std::chrono::steady_clock::now() < end) Run(++seed, 3, 160, 0.2);
+  deadline = Clock::now() + std::chrono::seconds(seconds);
+  while (!HasFailure() && Clock::now() < deadline) Run(++seed, 3, 160, 0.2);
   std::cout << "power loss: " << images << " images, seeds to " << seed << "\n";
 }
 
