@@ -61,7 +61,9 @@ class HttpEngine {
   std::vector<zel::Ref<HttpRequest>> incoming_;
   std::shared_ptr<const CertificateTable> certificates_;
 
-  Transfers transfers_;  // the loop's own
+  // The loop's own.
+  Transfers transfers_;
+  HttpTransfer::EasyHandle idleHandle_;  // of an earlier transfer, with its buffers; may be null
 };
 
 }  // namespace veld_report::host
