@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "apps/veldrep/failure.h"
+
 namespace veld_report::app {
 
 enum ExitCode : int {
@@ -13,13 +15,6 @@ enum ExitCode : int {
   exitFailed = 1,
   exitWrongCommandLine = 2,
   exitRefusedLines = 3,
-};
-
-// A failure that ends the command with exit code 1. what() is "what: why", as it goes to stderr behind
-// "veldrep: ".
-class Failure : public std::runtime_error {
- public:
-  Failure(const std::string& what, const std::string& why) : std::runtime_error(what + ": " + why) {}
 };
 
 // A command line that parses and makes no sense; ends the command with exit code 2.

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "apps/veldrep/command.h"
+#include "apps/veldrep/failure.h"
 
 namespace veld_report::app {
 namespace {
