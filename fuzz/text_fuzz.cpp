@@ -3,6 +3,7 @@
 #include <clocale>
 #include <cstdint>
 #include <typeinfo>
+#include <vector>
 
 #include "formats/base64.h"
 #include "fuzz/input.h"
@@ -80,9 +81,10 @@ void NarrowToWide(Input& in, bool utf8) {
 
 void EncodeBase64(Input& in) {
   zel::string out = Used(in);
-  // At the exact end of a block, so that reading on is noticed.
   const std::string bytes(in.Rest());
-  const auto* const first = reinterpret_cast<const std::uint8_t*>(bytes.data());
+  // A block without an end of its own behind the bytes, so that reading on is noticed.
+  const std::vector<std::uint8_t> block(bytes.begin(), bytes.end());
+  const std::uint8_t* const first = block.data();
   orvel::veld_report::Base64Encode(first, bytes.size(), &out);
   Require(out.View() == Base64(bytes) && out.data[out.size] == '\0', "base-64");
   std::string back;
