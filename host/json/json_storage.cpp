@@ -1,5 +1,7 @@
 #include "host/json/json_storage.h"
 
+#include <cstddef>
+#include <new>
 #include <utility>
 
 #include "host/base/host_object.h"
@@ -7,8 +9,45 @@
 namespace veld_report::host {
 namespace {
 
+// The memory of the storage that a thread gave back last. A thread that submits makes and drops one for each
+// record, so it takes this again and asks the heap once.
+class SpareBlock {
+ public:
+  static void* Take(std::size_t size) {
+    if (void* const block = std::exchange(spare_, nullptr)) return block;
+    return ::operator new(size);
+  }
+  static void Keep(void* block) noexcept {
+    // Tells the thread's end to free what is kept; from then on nothing is.
+    static thread_local const AtThreadEnd end;
+    static_cast<void>(end);
+    if (closed_ || spare_) {
+      ::operator delete(block);
+    } else {
+      spare_ = block;
+    }
+  }
+
+ private:
+  struct AtThreadEnd {
+    AtThreadEnd() = default;
+    ~AtThreadEnd() {
+      closed_ = true;
+      ::operator delete(std::exchange(spare_, nullptr));
+    }
+  };
+  // Without destructors of their own, so that a storage that outlives the thread's objects may still look.
+  static thread_local constinit void* spare_;
+  static thread_local constinit bool closed_;
+};
+thread_local constinit void* SpareBlock::spare_ = nullptr;
+thread_local constinit bool SpareBlock::closed_ = false;
+
 class JsonStorage final : public HostObject<zel::IStorage, IJsonTextAccess> {
  public:
+  static void* operator new(std::size_t size) { return SpareBlock::Take(size); }
+  static void operator delete(void* block) noexcept { SpareBlock::Keep(block); }
+
   explicit JsonStorage(zel::Ref<zel::IIO> stream) : writer_(std::move(stream)) {}
 
   JsonTextWriter* BeginValue() override { return std::exchange(begun_, true) ? nullptr : &writer_; }
