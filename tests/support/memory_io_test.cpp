@@ -81,6 +81,21 @@ TEST_P(MemoryStream, SeeksFromThreeOrigins) {
   }
 }
 
+// The room behind the end holds what stood there before.
+TEST_P(MemoryStream, AGapIsFilledWithZeros) {
+  Open("abcdefgh");
+  ASSERT_EQ(stream->SetSize(2), zel::sOk);
+  Seek(0, 5);
+  ASSERT_EQ(Write("X"), zel::sOk);
+  EXPECT_EQ(Content(), std::string_view("ab\0\0\0X", 6));
+  ASSERT_EQ(stream->SetSize(3), zel::sOk);
+  Seek(0, 5);
+  ASSERT_EQ(Write(""), zel::sOk);
+  EXPECT_EQ(Content(), std::string_view("ab\0\0\0", 5));
+  ASSERT_EQ(stream->SetSize(7), zel::sOk);
+  EXPECT_EQ(Content(), std::string_view("ab\0\0\0\0\0", 7));
+}
+
 TEST_P(MemoryStream, SizeBeyondMemoryIsACodeAndChangesNothing) {
   Open("abcdef");
   for (const std::uint64_t size : {std::uint64_t{1} << 62, std::uint64_t{1} << 63, UINT64_MAX}) {
