@@ -1,7 +1,7 @@
 // The persistent queues of the contract, kept in SQLite: one file a domain, in a folder of the user's choice.
 //
 // It differs from a plain table with a lock around it in three ways. Changes are grouped into transactions of
-// up to 64 (QueueServiceOptions), so a Push costs a copy in memory; what is answered 0 can be lost within
+// up to 512 (QueueServiceOptions), so a Push costs a copy in memory; what is answered 0 can be lost within
 // those 10 milliseconds if the process crashes, unless commitEveryPush is set. What a reader holds is a claim
 // in memory: another reader doesn't get the item until the claim is given back, or the reader or the process
 // is gone. And a token is never used again, also across restarts and emptied queues.

@@ -16,9 +16,9 @@ struct QueueServiceOptions {
   // Where the stores lie, one file a domain. Made with mode 0700 if it doesn't exist.
   std::filesystem::path folder;
 
-  // Pushes and acknowledgements are grouped into one transaction until there are so many of them, or the
-  // first is so old. What a crash of the process can lose is what stands in such a group.
-  std::size_t commitOperations = 64;
+  // Pushes and acknowledgements are grouped into one transaction until there are so many of them, or 256 KiB
+  // of items, or the first is so old. What a crash of the process can lose is what stands in such a group.
+  std::size_t commitOperations = 512;
   std::chrono::milliseconds commitDelay{10};
   // Every Push is a transaction of its own: what it has answered 0 to survives a crash of the process.
   bool commitEveryPush = false;

@@ -78,9 +78,11 @@ class QueueWriter {
   bool IsDirty() const { return !dirty_.empty(); }
   // The time of the oldest change in the buffer; only while it is dirty.
   Clock::time_point DirtySince() const { return dirtySince_; }
-  // Whether so many changes stand in the buffer. What was evicted belongs to the push that it made room for.
+  // Whether so many changes stand in the buffer, or so many bytes of items that it is time to write them all
+  // the same. What was evicted belongs to the push that it made room for.
   bool HoldsOperations(std::size_t count) const {
-    return items_.size() + deletes_.size() - evictions_ >= count || evictions_ >= mostEvictions;
+    return items_.size() + deletes_.size() - evictions_ >= count || evictions_ >= mostEvictions ||
+           bytes_.size() >= mostBytes;
   }
   std::size_t BufferedItems() const { return items_.size(); }
   bool IsDeleted(std::uint64_t token) const { return !deletes_.empty() && deletedTokens_.contains(token); }
@@ -107,6 +109,7 @@ class QueueWriter {
   };
 
   static constexpr std::size_t mostEvictions = 1024;
+  static constexpr std::size_t mostBytes = 256 * 1024;
 
   bool Try(bool withItems);
   void TryDeletionsAlone();

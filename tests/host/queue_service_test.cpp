@@ -97,7 +97,10 @@ TEST_F(QueueServiceTest, RefusalsToOpenSayWhatToDo) {
 // What stands in the file is seen by a second connection, as after a crash.
 class GroupingTest : public QueueServiceTest {
  protected:
-  GroupingTest() { options.commitDelay = std::chrono::hours(1); }
+  GroupingTest() {
+    options.commitDelay = std::chrono::hours(1);
+    options.commitOperations = 8;
+  }
   std::int64_t Committed() {
     return host::SqliteConnection(StorePath(), host::SqliteConnection::Access::kRead)
         .QueryInteger("SELECT count(*) FROM items");
@@ -108,23 +111,23 @@ TEST_F(GroupingTest, AGroupIsCommittedWhenItIsFullOrSomebodyLooks) {
   Open();
   auto producer = Producer("q");
   service->Commit();
-  for (int i = 0; i < 63; ++i) ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
+  for (int i = 0; i < 7; ++i) ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
   EXPECT_EQ(Committed(), 0);
   ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
-  EXPECT_EQ(Committed(), 64);
+  EXPECT_EQ(Committed(), 8);
   ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
   auto reader = Reader("q");
   const auto item = ReadOne(*reader);
   ASSERT_TRUE(item);
-  EXPECT_EQ(Committed(), 65) << "before a read";
+  EXPECT_EQ(Committed(), 9) << "before a read";
   reader->Ack(&item->token);
-  EXPECT_EQ(Committed(), 65);
+  EXPECT_EQ(Committed(), 9);
   reader.Reset();
-  EXPECT_EQ(Committed(), 64) << "with the reader";
+  EXPECT_EQ(Committed(), 8) << "with the reader";
   ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
-  EXPECT_EQ(Committed(), 64);
+  EXPECT_EQ(Committed(), 8);
   producer.Reset();
-  EXPECT_EQ(Committed(), 65) << "with the producer";
+  EXPECT_EQ(Committed(), 9) << "with the producer";
 }
 
 // What is read ahead may hold items whose deletion is buffered.

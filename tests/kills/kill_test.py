@@ -18,9 +18,9 @@ import tempfile
 
 from proxy import Proxy
 
-# An acknowledgement is in the sender's file with its group of 64 at the latest, and the largest packet has 100
+# An acknowledgement is in the sender's file with its group of 512 at the latest, and the largest packet has 100
 # records whose answer may have come in the moment of the kill.
-MOST_REPEATED_BY_A_KILL = 63 + 100
+MOST_REPEATED_BY_A_KILL = 511 + 100
 
 
 class Failure(Exception):
