@@ -86,6 +86,7 @@ HostKit::HostKit(const HostKitOptions& options)
       http_(MakeHttp(options.http, tracer_, heldBack_)),
       timer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
       mode_(MakeObject<ExecutionMode>()),
+      drains_(MakeObject<DrainWatch>(mode_, timer_)),
       locator_(MakeObject<ServiceLocator>()) {
   heldBack_->SetTimer(timer_.Get());
   try {
@@ -108,7 +109,7 @@ void HostKit::RegisterServices(const HostKitOptions& options) {
   locator.Register<orvel::IQueueFactory>(options.wrapQueues ? options.wrapQueues(queues) : queues);
   locator.Register<network_services::IHttpClientFactory>(MakeObject<StoppableHttpFactory>(http_, httpStop_));
   locator.Register<zel::ITimerService>(timer_);
-  locator.Register<orvel::IExecutionModeProvider>(mode_);
+  locator.Register<orvel::IExecutionModeProvider>(drains_);
   locator.Register<zel::IJsonStorageFactory>(CreateJsonStorageFactory());
   locator.Register<zel::IStorageSerializer2>(CreateWatchedSerializer(CreateSerializer()));
   locator.Register<orvel::IRequestsNotification>(
@@ -154,6 +155,11 @@ Submission HostKit::SubmitJson(std::string_view consumer, std::string_view text)
 
 void HostKit::Nudge() { SubmitJson(nudgeConsumer, "{}"); }
 
+void HostKit::BeginCycle() {
+  if (!timer_->IsArmed()) Nudge();
+  timer_->FireNow();
+}
+
 void HostKit::SetSettings(const KitSettings& settings) {
   const BuiltSettings built(settings);
   const std::lock_guard guard(settingsLock_);
@@ -172,6 +178,7 @@ bool HostKit::Close() {
   sender_.Reset();
   heldBack_->SetTimer(nullptr);
   if (timer_) urlStates_->Close();
+  drains_.Reset();
   timer_.Reset();
   if (locator_) locator_->Clear();
   locator_.Reset();

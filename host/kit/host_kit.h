@@ -13,6 +13,7 @@
 
 #include "contract/sender.h"
 #include "host/allocator/heap_allocator.h"
+#include "host/kit/drain_watch.h"
 #include "host/kit/host_kit_options.h"
 #include "host/kit/stoppable_http.h"
 #include "host/kit/submission_watch.h"
@@ -51,6 +52,9 @@ class HostKit {
   // Starts a cycle within a second without submitting anything: for what an earlier run left behind, and
   // where the chain of cycles has ended with items waiting. Timer().FireNow() brings it forward.
   void Nudge();
+  // Has a cycle begin at once, or as soon as the one in progress has ended, also where there is nothing to
+  // send. A cycle that is just beginning may swallow it, so who has to rely on it says it again.
+  void BeginCycle();
 
   // Replaces the settings as one step; the next cycle works by them, and queues of urls that are no longer
   // there are removed with their items then. Throws std::invalid_argument or std::runtime_error, with nothing
@@ -61,6 +65,7 @@ class HostKit {
   TimerService& Timer() { return *timer_; }
   HttpClientFactory& Http() { return *http_; }
   ExecutionMode& Mode() { return *mode_; }
+  const DrainWatch& Drains() const { return *drains_; }
   LineTracer& Tracer() { return *tracer_; }
   HeapAllocator& Allocator() { return *allocator_; }
 
@@ -82,6 +87,7 @@ class HostKit {
   const std::shared_ptr<HttpStop> httpStop_ = std::make_shared<HttpStop>();
   zel::Ref<TimerService> timer_;
   zel::Ref<ExecutionMode> mode_;
+  zel::Ref<DrainWatch> drains_;
   zel::Ref<ServiceLocator> locator_;
   std::unique_ptr<LoadedModule> module_;
   zel::Ref<orvel::veld_report::IVeldReportSender> sender_;

@@ -15,9 +15,12 @@ constexpr milliseconds longestPause{5000};
 }  // namespace
 
 bool Flusher::Flush(const std::function<TimePoint()>& end) {
+  const std::uint64_t before = kit_.Timer().RunsStarted();
   if (!FlushToStore(end)) return false;
-  milliseconds pause = firstPause;
   const std::uint64_t mark = kit_.Queues().LastToken();
+  // The cycle that has just moved the records goes on to send them.
+  if (!WaitForRun(before, end)) return IsBehind(mark);
+  milliseconds pause = firstPause;
   while (!IsBehind(mark)) {
     const TimePoint next = steady_clock::now() + pause;
     WaitForRun(kit_.Timer().RunsStarted(), [&] { return std::min(end(), next); });
@@ -40,33 +43,31 @@ bool Flusher::FlushToStore(const std::function<TimePoint()>& end) {
 }
 
 bool Flusher::Drain(const std::function<TimePoint()>& end) {
-  const std::uint64_t generation = settingsGeneration_;
-  const int cycles = appliedGeneration_ == generation ? 1 : 2;
-  for (int i = 0; i < cycles; ++i) {
-    if (!RunCycle(end)) return false;
-  }
-  appliedGeneration_ = generation;
-  return true;
+  const std::uint64_t before = kit_.Timer().RunsStarted();
+  return InSlices(end, [&](TimePoint until) {
+    kit_.BeginCycle();
+    return kit_.Drains().WaitForDrain(before, until);
+  });
 }
 
 bool Flusher::RunCycle(const std::function<TimePoint()>& end) {
   const std::uint64_t before = kit_.Timer().RunsStarted();
-  for (;;) {
-    // Again in each round: a cycle that is just beginning disarms the timer first, and this firing with it.
-    if (!kit_.Timer().IsArmed()) kit_.Nudge();
-    kit_.Timer().FireNow();
-    const TimePoint last = end();
-    const TimePoint now = steady_clock::now();
-    if (kit_.Timer().WaitForRun(before, std::min(last, now + slice))) return true;
-    if (now >= last) return false;
-  }
+  return InSlices(end, [&](TimePoint until) {
+    kit_.BeginCycle();
+    return kit_.Timer().WaitForRun(before, until);
+  });
 }
 
 bool Flusher::WaitForRun(std::uint64_t startedAfter, const std::function<TimePoint()>& end) {
+  return InSlices(end, [&](TimePoint until) { return kit_.Timer().WaitForRun(startedAfter, until); });
+}
+
+bool Flusher::InSlices(const std::function<TimePoint()>& end,
+                       const std::function<bool(TimePoint)>& waitUntil) {
   for (;;) {
     const TimePoint last = end();
     const TimePoint now = steady_clock::now();
-    if (kit_.Timer().WaitForRun(startedAfter, std::min(last, now + slice))) return true;
+    if (waitUntil(std::min(last, now + slice))) return true;
     if (now >= last) return false;
   }
 }

@@ -1,12 +1,12 @@
 // Flusher: waits until what has been submitted is off this machine, or dropped by a rule.
 //
-// How it knows: the first cycle that begins behind the call has moved everything from memory into the store.
-// The youngest token of the store is then a mark, since tokens only rise: as soon as each queue's oldest item
-// is younger than the mark, or there is none, everything before it has been acknowledged, which happens on an
-// answer of 200, or has been dropped, which the ledger counts.
+// How it knows: the first cycle that begins behind the call moves everything from memory into the store, and
+// the kit tells when it has, before the cycle sends anything. The youngest token of the store is then a mark,
+// since tokens only rise: as soon as each queue's oldest item is younger than the mark, or there is none,
+// everything before it has been acknowledged, which happens on an answer of 200, or has been dropped, which
+// the ledger counts.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -22,28 +22,24 @@ class Flusher {
 
   explicit Flusher(host::HostKit& kit) : kit_(kit) {}
 
-  // To be called behind each change of the settings.
-  void SettingsChanged() { ++settingsGeneration_; }
-
   // Returns whether it came about before `end()`, which is asked again at least 20 times a second, so that it
   // may change. Throws what the store throws.
   bool Flush(const std::function<TimePoint()>& end);
   // As Flush, but content when everything is in the store's file.
   bool FlushToStore(const std::function<TimePoint()>& end);
-  // Moves everything from memory into the store by a cycle that begins now, without a commit. False: not
-  // before `end()`.
+  // Moves everything from memory into the store by a cycle that begins now, without a commit, and doesn't
+  // wait for what this cycle sends. False: not before `end()`.
   bool Drain(const std::function<TimePoint()>& end);
 
  private:
   bool RunCycle(const std::function<TimePoint()>& end);
   bool WaitForRun(std::uint64_t startedAfter, const std::function<TimePoint()>& end);
+  // Calls `waitUntil` with moments soon to come until it returns true, or `end()` has passed.
+  static bool InSlices(const std::function<TimePoint()>& end,
+                       const std::function<bool(TimePoint)>& waitUntil);
   bool IsBehind(std::uint64_t mark);
 
   host::HostKit& kit_;
-  // A cycle that has new settings to apply may fail at that before it comes to the memory; the one behind it
-  // hasn't, so behind a change two cycles are waited for.
-  std::atomic<std::uint64_t> settingsGeneration_{1};
-  std::atomic<std::uint64_t> appliedGeneration_{0};
 };
 
 }  // namespace veld_report

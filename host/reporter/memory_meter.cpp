@@ -4,9 +4,12 @@ namespace veld_report {
 
 bool MemoryMeter::HasRoom() {
   const std::lock_guard guard(lock_);
-  // The timer is asked now and then only: the answer changes with each cycle, not with each record.
+  // The kit is asked now and then only: the answer changes with each cycle, not with each record.
   constexpr std::uint64_t questionEvery = 64;
-  if (submitted_ % questionEvery == 0 || submitted_ - moved_ >= limit_) Refresh();
+  if (submitted_ % questionEvery == 0 || submitted_ - moved_ >= limit_) {
+    Refresh();
+    if (submitted_ - moved_ > limit_ / 2) kit_.BeginCycle();
+  }
   return submitted_ - moved_ < limit_;
 }
 
@@ -22,11 +25,11 @@ std::uint64_t MemoryMeter::InMemory() {
 }
 
 void MemoryMeter::Refresh() {
-  constexpr std::chrono::steady_clock::time_point noWaiting{};
-  if (mark_ != moved_ && !timer_.WaitForRun(runsAtMark_, noWaiting)) return;
-  moved_ = mark_;
+  if (kit_.Drains().LastDrained() > runsAtMark_) moved_ = mark_;
+  const std::uint64_t runs = kit_.Timer().RunsStarted();
+  if (mark_ != moved_ && runs != runsAtMark_) return;  // a cycle is on its way to what the mark stands for
   mark_ = submitted_;
-  runsAtMark_ = timer_.RunsStarted();
+  runsAtMark_ = runs;
 }
 
 }  // namespace veld_report

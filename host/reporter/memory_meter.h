@@ -7,28 +7,30 @@
 #include <cstdint>
 #include <mutex>
 
-#include "host/timer/timer_service.h"
+#include "host/kit/host_kit.h"
 
 namespace veld_report {
 
-// Threads: any. The timer must outlive it.
+// Threads: any. The kit must outlive it.
 class MemoryMeter {
  public:
-  MemoryMeter(host::TimerService& timer, std::uint64_t limit) : timer_(timer), limit_(limit) {}
+  MemoryMeter(host::HostKit& kit, std::uint64_t limit) : kit_(kit), limit_(limit) {}
 
+  // Has the next cycle begin early where memory fills up. Throws std::bad_alloc.
   bool HasRoom();
   // To be called once the sender has the record.
   void Add();
-  // An upper bound: what a cycle in progress has moved already counts until the cycle has ended.
+  // An upper bound: what a cycle has moved counts until this cycle has emptied the memory, and what was
+  // submitted meanwhile until the next one has.
   std::uint64_t InMemory();
 
  private:
   void Refresh();
 
-  host::TimerService& timer_;
+  host::HostKit& kit_;
   const std::uint64_t limit_;
 
-  std::mutex lock_;  // guards the rest; held across questions to the timer
+  std::mutex lock_;  // guards the rest; held across questions to the kit
   std::uint64_t submitted_ = 0;
   std::uint64_t moved_ = 0;  // of those, how many are known to have left memory
   // A cycle that is not among the first `runsAtMark_` finds the first `mark_` records in memory and moves

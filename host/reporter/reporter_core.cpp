@@ -79,7 +79,7 @@ Reporter::Core::Core(ReporterOptions options)
     kit_ = std::make_unique<host::HostKit>(kitOptions);
     kit_->Mode().AllowBackground(options.sendingAllowed);
     flusher_ = std::make_unique<Flusher>(*kit_);
-    memory_ = std::make_unique<MemoryMeter>(kit_->Timer(), options.memoryLimitRecords);
+    memory_ = std::make_unique<MemoryMeter>(*kit_, options.memoryLimitRecords);
     AdoptSettings(SettingsOf(options));
     // What an earlier run left behind goes out without waiting for a first record.
     kit_->Nudge();
@@ -176,7 +176,6 @@ void Reporter::Core::SetSettings(const Settings& settings) {
     if (!pass) ThrowClosed();
     const std::lock_guard guard(changeLock_);
     kit_->SetSettings(KitSettingsOf(settings));
-    flusher_->SettingsChanged();
     AdoptSettings(settings);
   });
 }

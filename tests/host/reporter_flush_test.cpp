@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "host/queue/queue_service.h"
+#include "host/reporter/memory_meter.h"
 #include "tests/host/reporter_test_tools.h"
 
 namespace application {
@@ -65,6 +66,49 @@ TEST_F(Sending, FlushToStoreIsTrueOnceEverythingIsInTheFile) {
   }
   reporter.Close(seconds(0));
   EXPECT_FALSE(reporter.FlushToStore(seconds(20)));
+}
+
+TEST_F(Sending, FlushToStoreWaitsForNoAnswerToWhatItsCycleSends) {
+  tests::ScriptedServer silent(NeverAnswers);
+  Reporter reporter(Options({{silent.Url()}}));
+  reporter.SendJson("1");
+  // The cycle waits for an answer longer than that, 5 seconds.
+  EXPECT_TRUE(reporter.FlushToStore(seconds(4)));
+  const auto beside = host::QueueService::Open({.folder = Path("store"), .inspectOnly = true});
+  EXPECT_EQ(beside->TotalWaiting().items, 1);
+  EXPECT_TRUE(silent.WaitForRequests(1));
+}
+
+TEST_F(Sending, RoomInMemoryComesWithTheDrainNotWithTheEndOfTheCycle) {
+  constexpr std::uint64_t limit = 10;
+  tests::ScriptedServer silent(NeverAnswers);
+  host::HostKitOptions options;
+  options.modulePath = VELD_MODULE_PATH;
+  options.queues.folder = Path("store");
+  options.settings.endpoints = {{.url = silent.Url()}};
+  host::HostKit kit(options);
+  MemoryMeter meter(kit, limit);
+  const auto fill = [&] {
+    for (std::uint64_t i = 0; i < limit; ++i) meter.Add();
+  };
+  const auto soon = [] { return steady_clock::now() + seconds(20); };
+
+  // A full memory has a cycle begin also where no timer is armed for one.
+  fill();
+  EXPECT_FALSE(meter.HasRoom());
+  ASSERT_TRUE(kit.Timer().WaitForRun(0, soon()));
+  EXPECT_TRUE(meter.HasRoom());
+
+  fill();
+  EXPECT_EQ(meter.InMemory(), limit);
+  const std::uint64_t runs = kit.Timer().RunsStarted();
+  kit.SubmitJson("", "1");
+  kit.BeginCycle();
+  ASSERT_TRUE(kit.Drains().WaitForDrain(runs, soon()));
+  EXPECT_TRUE(meter.HasRoom());
+  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
+  // The cycle is still at it.
+  EXPECT_FALSE(kit.Timer().WaitForRun(runs, {}));
 }
 
 // One endpoint works and one doesn't: the flush must not be content with the half of it.

@@ -78,7 +78,8 @@ struct ReporterOptions {
   bool sendingAllowed = true;  // see AllowSending
 
   // Most records in memory, on their way to the store; when there are more, Send refuses. It keeps a producer
-  // that is faster than the disk from filling the memory.
+  // that is faster than the disk from filling the memory. Once it is half full, cycles follow one another
+  // without a pause; but while a cycle sends, nothing leaves memory.
   std::uint64_t memoryLimitRecords = 100000;
   std::chrono::milliseconds maxAge{0};  // of a record in the store; 0: no limit
   std::uint64_t storeLimitBytes = 0;    // of all queues together; 0: no limit
@@ -159,9 +160,9 @@ class Reporter {
 
   // Starts a send cycle now and waits. Returns true only if everything that was accepted before the call is
   // in the store's file, where a crash of the process doesn't reach it (nor one of the machine, with
-  // syncEveryCommit), has been answered 200, or was dropped by a rule that the ledger tells of. The cycle
-  // sends as well, and so does the one that may be in progress, so servers that answer slowly make it take
-  // longer. False: not by the deadline, or Close was called.
+  // syncEveryCommit), has been answered 200, or was dropped by a rule that the ledger tells of. It doesn't
+  // wait for what its own cycle sends, but the cycle that may be in progress has to end first, and that takes
+  // longer where servers answer slowly. False: not by the deadline, or Close was called.
   bool FlushToStore(std::chrono::milliseconds deadline) noexcept;
 
   // Takes no more records, flushes as long as `deadline`, and stops: a request in flight is ended, and what
