@@ -140,8 +140,7 @@ void HttpEngine::StartTransfer(const zel::Ref<HttpRequest>& request, Clock::Time
     const std::lock_guard lock(mutex_);
     certificates = certificates_;
   }
-  auto transfer = std::make_unique<HttpTransfer>(request, *shared_, std::move(idleHandle_),
-                                                 std::move(certificates), startedAt);
+  auto transfer = std::make_unique<HttpTransfer>(request, *shared_, std::move(certificates), startedAt);
   CURL* const handle = transfer->Handle();
   const auto place = transfers_.emplace(handle, std::move(transfer)).first;
   const CURLMcode added = curl_multi_add_handle(multi_, handle);
@@ -180,8 +179,6 @@ void HttpEngine::EndTransfer(Transfers::iterator transfer, const HttpOutcome& ou
   HttpRequest& request = owner->Request();
   Note(request, owner->StartedAt(), outcome);
   End(request, outcome);
-  // After a failure nobody knows what the handle holds.
-  if (!zel::Failed(outcome.code)) idleHandle_ = owner->TakeHandle();
 }
 
 void HttpEngine::TellHeldBack() noexcept {

@@ -61,9 +61,7 @@ class HttpEngine {
   std::vector<zel::Ref<HttpRequest>> incoming_;
   std::shared_ptr<const CertificateTable> certificates_;
 
-  // The loop's own.
-  Transfers transfers_;
-  HttpTransfer::EasyHandle idleHandle_;  // of an earlier transfer, with its buffers; may be null
+  Transfers transfers_;  // the loop's own
 };
 
 }  // namespace veld_report::host

@@ -35,13 +35,13 @@ const char* OrNull(const std::string& text) { return text.empty() ? nullptr : te
 
 }  // namespace
 
-HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared, EasyHandle easy,
+HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
                            std::shared_ptr<const CertificateTable> certificates, Clock::TimePoint startedAt)
     : request_(std::move(request)),
       shared_(shared),
       certificates_(std::move(certificates)),
       startedAt_(startedAt),
-      easy_(easy ? std::move(easy) : EasyHandle(curl_easy_init())) {
+      easy_(curl_easy_init()) {
   if (!easy_) throw std::bad_alloc();
   Set(CURLOPT_ERRORBUFFER, errorText_.data());
   Set(CURLOPT_NOSIGNAL, 1L);

@@ -24,14 +24,8 @@ struct HttpTransferRefused {
 // before the transfer goes.
 class HttpTransfer {
  public:
-  struct EasyCleanup {
-    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-  };
-  using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
-
-  // `easy`: a handle in the state of a new one, or null to make one. `certificates` may be null: the trusted
-  // ones of the options or the system. Throws HttpTransferRefused.
-  HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared, EasyHandle easy,
+  // `certificates` may be null: the trusted ones of the options or the system. Throws HttpTransferRefused.
+  HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
                std::shared_ptr<const CertificateTable> certificates, Clock::TimePoint startedAt);
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
@@ -40,11 +34,6 @@ class HttpTransfer {
   HttpRequest& Request() const { return *request_; }
   Clock::TimePoint StartedAt() const { return startedAt_; }
   HttpOutcome Outcome(CURLcode result) const;
-  // The handle for another transfer, with its buffers and without any of its options.
-  EasyHandle TakeHandle() {
-    curl_easy_reset(easy_.get());
-    return std::move(easy_);
-  }
 
  private:
   template <class Value>
@@ -63,6 +52,9 @@ class HttpTransfer {
   static std::size_t TakeHeader(char* line, std::size_t size, std::size_t count, void* self) noexcept;
   static std::size_t TakeAnswer(char* data, std::size_t size, std::size_t count, void* self) noexcept;
 
+  struct EasyCleanup {
+    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+  };
   struct ListCleanup {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   };
@@ -83,7 +75,7 @@ class HttpTransfer {
   List headers_;
   List resolve_;
   // Last, so that libcurl lets go before what it points to goes.
-  EasyHandle easy_;
+  std::unique_ptr<CURL, EasyCleanup> easy_;
 };
 
 }  // namespace veld_report::host
