@@ -23,7 +23,7 @@ _veldrep() {
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
       ;;
-    --listen | --url | --status | --body-limit | --consumer | --packet-limit | --queue-limit | --send-timeout | \
+    --listen | --url | --status | --body-limit | --body-memory | --connections | --request-time | --consumer | --packet-limit | --queue-limit | --send-timeout | \
       --to | --trace-level | --wait | -n)
       return
       ;;
