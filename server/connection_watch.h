@@ -54,7 +54,7 @@ class ConnectionWatch {
 
   // The headers are there, the body's time begins.
   void BodyBegins(Connection* connection);
-  static constexpr std::size_t firstPieceBytes = 64 * 1024;
+  static constexpr std::size_t firstPieceBytes = std::size_t{64} * 1024;
   // So many bytes are held for the body from now on. False if there is no room for them; then it holds what
   // it held.
   bool Hold(Connection* connection, std::size_t bodyBytes);

@@ -14,7 +14,7 @@ namespace veld_report::host {
 namespace {
 
 // Twice the log: once for what the file grows by when the log is written back, once for the log's own growth.
-constexpr off_t reserveBytes = 2 * logPages * storePageBytes;
+constexpr off_t reserveBytes = off_t{2} * logPages * storePageBytes;
 
 }  // namespace
 

@@ -109,7 +109,7 @@ class QueueWriter {
   };
 
   static constexpr std::size_t mostEvictions = 1024;
-  static constexpr std::size_t mostBytes = 256 * 1024;
+  static constexpr std::size_t mostBytes = std::size_t{256} * 1024;
 
   bool Try(bool withItems);
   void TryDeletionsAlone();

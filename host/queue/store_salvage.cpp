@@ -244,7 +244,7 @@ std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int
   std::tm utc{};
   gmtime_r(&seconds, &utc);
   char time[32] = {};
-  std::strftime(time, sizeof time, "%Y%m%dT%H%M%SZ", &utc);
+  static_cast<void>(std::strftime(time, sizeof time, "%Y%m%dT%H%M%SZ", &utc));
   const std::string base = file.string() + damagedInfix + time;
   std::filesystem::path aside = base;
   for (int number = 2; std::filesystem::exists(aside); ++number) aside = base + "-" + std::to_string(number);
