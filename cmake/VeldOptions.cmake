@@ -31,7 +31,9 @@ target_compile_options(veld_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
   $<$<BOOL:${VELD_WERROR}>:-Werror>)
-target_include_directories(veld_flags INTERFACE ${CMAKE_SOURCE_DIR})
+# Where includes begin. What stands beside src/ adds the top folder.
+set(VELD_INCLUDES ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/src/module ${PROJECT_SOURCE_DIR}/src/contract)
+target_include_directories(veld_flags INTERFACE ${VELD_INCLUDES})
 if(VELD_SANITIZE)
   # -O1 and line numbers alone halve the time of a sanitizer build and find the same.
   target_compile_options(veld_flags INTERFACE

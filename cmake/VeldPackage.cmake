@@ -46,8 +46,8 @@ function(veld_collect_included_headers headers out)
       continue()
     endif()
     list(APPEND all ${header})
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
-    file(STRINGS ${CMAKE_SOURCE_DIR}/${header} includes REGEX "^#include \"host/")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS src/${header})
+    file(STRINGS ${PROJECT_SOURCE_DIR}/src/${header} includes REGEX "^#include \"host/")
     foreach(line IN LISTS includes)
       string(REGEX REPLACE "^#include \"(.*)\".*" "\\1" included "${line}")
       list(APPEND waiting ${included})
@@ -60,7 +60,7 @@ endfunction()
 add_library(veld_contract INTERFACE)
 target_compile_features(veld_contract INTERFACE cxx_std_20)
 target_include_directories(veld_contract INTERFACE
-  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
+  "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src;${PROJECT_SOURCE_DIR}/src/contract>"
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
   $<INSTALL_INTERFACE:${VELD_INSTALL_HEADERS}>)
 set_target_properties(veld_contract PROPERTIES EXPORT_NAME contract)
@@ -68,11 +68,12 @@ set_target_properties(veld_report PROPERTIES EXPORT_NAME module)
 install(TARGETS veld_contract EXPORT veld_report COMPONENT dev)
 install(TARGETS veld_report EXPORT veld_report
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
-install(DIRECTORY contract types DESTINATION ${VELD_INSTALL_HEADERS} COMPONENT dev
-  FILES_MATCHING PATTERN "*.h")
+file(GLOB contractHeaders CONFIGURE_DEPENDS src/contract/*.h)
+install(FILES ${contractHeaders} DESTINATION ${VELD_INSTALL_HEADERS}/contract COMPONENT dev)
+install(DIRECTORY src/contract/types DESTINATION ${VELD_INSTALL_HEADERS} COMPONENT dev FILES_MATCHING PATTERN "*.h")
 
 # veld_report::host, the folders of the host kit in one archive.
-veld_collect_static_libraries(${CMAKE_SOURCE_DIR}/host hostLibraries)
+veld_collect_static_libraries(${PROJECT_SOURCE_DIR}/src/host hostLibraries)
 set(hostObjects $<TARGET_OBJECTS:veld_types>)
 foreach(library IN LISTS hostLibraries)
   list(APPEND hostObjects $<TARGET_OBJECTS:${library}>)
@@ -83,13 +84,13 @@ target_link_libraries(veld_report_host INTERFACE veld_contract
   CURL::libcurl OpenSSL::SSL OpenSSL::Crypto SQLite::SQLite3 simdjson::simdjson Threads::Threads
   ${CMAKE_DL_LIBS})
 install(TARGETS veld_report_host EXPORT veld_report ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
-file(GLOB hostHeaders RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS host/include/veld_report/*.h)
-install(FILES ${hostHeaders} DESTINATION ${VELD_INSTALL_HEADERS} COMPONENT dev)
+file(GLOB hostHeaders RELATIVE ${PROJECT_SOURCE_DIR}/src CONFIGURE_DEPENDS src/host/include/veld_report/*.h)
+install(DIRECTORY src/host/include/veld_report DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 veld_collect_included_headers("${hostHeaders};host/kit/host_kit.h" hostHeaders)
 list(FILTER hostHeaders EXCLUDE REGEX "^host/include/")
 foreach(header IN LISTS hostHeaders)
   cmake_path(GET header PARENT_PATH folder)
-  install(FILES ${header} DESTINATION ${VELD_INSTALL_HEADERS}/${folder} COMPONENT dev)
+  install(FILES src/${header} DESTINATION ${VELD_INSTALL_HEADERS}/${folder} COMPONENT dev)
 endforeach()
 
 # veld_report::c, the host kit behind C functions.
@@ -148,7 +149,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME veld-report)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
-  ${CMAKE_SOURCE_DIR}/cmake/debian/postinst ${CMAKE_SOURCE_DIR}/cmake/debian/postrm)
+  ${PROJECT_SOURCE_DIR}/cmake/debian/postinst ${PROJECT_SOURCE_DIR}/cmake/debian/postrm)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "The module that keeps records in persistent queues and sends them as signed\n JSON messages, and the program veldrep around it.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME veld-report-dev)
