@@ -29,12 +29,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       std::string_view line = "untouched";
       const Result result = reader.Next(std::chrono::milliseconds(0), &line);
       if (result == last) return;
-      Require(result == Result::kLine || result == Result::kTooLong, "an end or a pause at the wrong place");
+      Require(result == Result::line || result == Result::tooLong, "an end or a pause at the wrong place");
       Require(told < given.size(), "more lines than there are");
       const std::size_t end = std::min(given.find('\n', told), given.size());
-      Require(end < given.size() || last == Result::kEnd, "a line that hasn't ended yet");
-      Require((result == Result::kTooLong) == (end - told > limit), "the limit of a line");
-      if (result == Result::kLine)
+      Require(end < given.size() || last == Result::end, "a line that hasn't ended yet");
+      Require((result == Result::tooLong) == (end - told > limit), "the limit of a line");
+      if (result == Result::line)
         Require(line == std::string_view(given).substr(told, end - told), "the line");
       Require(reader.LineNumber() == ++lines, "the number of the line");
       told = end + 1;
@@ -48,10 +48,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t i = 0; i < times; ++i) pieces += piece;
     Require(write(ends[1], pieces.data(), pieces.size()) == static_cast<ssize_t>(pieces.size()), "the pipe");
     given += pieces;
-    drain(Result::kNothing);
+    drain(Result::nothing);
   }
   close(ends[1]);
-  drain(Result::kEnd);
+  drain(Result::end);
   Require(told >= given.size() && reader.BytesRead() == given.size(), "something is missing");
   return 0;
 }

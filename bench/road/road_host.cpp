@@ -138,7 +138,7 @@ void RoadHost::NotePending(std::uint64_t pending) {
 }
 
 void RoadHost::BeginCycle() {
-  kit_->Nudge();
+  kit_->TriggerCycle();
   kit_->Timer().FireNow();
 }
 

@@ -11,7 +11,7 @@ ConnectionWatch::ConnectionWatch(const ConnectionLimits& limits, std::function<v
 
 ConnectionWatch::~ConnectionWatch() {
   {
-    const Lock hold(lock_);
+    const Lock lock(mutex_);
     ended_ = true;
   }
   ending_.notify_all();
@@ -19,7 +19,7 @@ ConnectionWatch::~ConnectionWatch() {
 }
 
 ConnectionWatch::Connection* ConnectionWatch::Opened(int socket) {
-  const Lock hold(lock_);
+  const Lock lock(mutex_);
   Connection& opened = connections_.emplace_back(Connection{socket, std::chrono::steady_clock::now()});
   ++uncut_;
   if (uncut_ > limits_.connections) CutLongest(&opened, false, "there are too many connections");
@@ -28,18 +28,18 @@ ConnectionWatch::Connection* ConnectionWatch::Opened(int socket) {
 
 void ConnectionWatch::Closed(Connection* connection) {
   Ended(connection);
-  const Lock hold(lock_);
+  const Lock lock(mutex_);
   if (!connection->cut) --uncut_;
   connections_.remove_if([&](const Connection& each) { return &each == connection; });
 }
 
 void ConnectionWatch::BodyBegins(Connection* connection) {
-  const Lock hold(lock_);
+  const Lock lock(mutex_);
   connection->since = std::chrono::steady_clock::now();
 }
 
 bool ConnectionWatch::Hold(Connection* connection, std::size_t bodyBytes) {
-  const Lock hold(lock_);
+  const Lock lock(mutex_);
   const std::size_t more = bodyBytes - std::min(bodyBytes, connection->bodyBytes);
   const std::size_t limit = bodyBytes <= firstPieceBytes ? limits_.bodyBytes : limits_.bodyBytes / 8 * 7;
   if (connection->cut || more > limit - std::min(bodyBytes_, limit)) return false;
@@ -53,13 +53,13 @@ bool ConnectionWatch::Hold(Connection* connection, std::size_t bodyBytes) {
 }
 
 bool ConnectionWatch::Arrived(Connection* connection) {
-  const Lock hold(lock_);
+  const Lock lock(mutex_);
   connection->arrived = true;
   return !connection->cut;
 }
 
 void ConnectionWatch::Ended(Connection* connection) {
-  const Lock hold(lock_);
+  const Lock lock(mutex_);
   bodyBytes_ -= connection->bodyBytes;
   if (!connection->cut) uncutBodyBytes_ -= connection->bodyBytes;
   connection->bodyBytes = 0;
@@ -68,10 +68,10 @@ void ConnectionWatch::Ended(Connection* connection) {
 }
 
 void ConnectionWatch::CutOverdue() {
-  Lock hold(lock_);
+  Lock lock(mutex_);
   const auto step = std::clamp<std::chrono::milliseconds>(
       limits_.requestTime / 4, std::chrono::milliseconds(10), std::chrono::seconds(1));
-  while (!ending_.wait_for(hold, step, [this] { return ended_; })) {
+  while (!ending_.wait_for(lock, step, [this] { return ended_; })) {
     const auto latest = std::chrono::steady_clock::now() - limits_.requestTime;
     for (Connection& each : connections_) {
       if (each.since < latest && !each.arrived && !each.cut) Cut(each, "its request takes too long");

@@ -74,7 +74,7 @@ class ConnectionWatch {
   const ConnectionLimits limits_;
   const std::function<void(const std::string&)> log_;
 
-  std::mutex lock_;  // guards what follows; held while sockets are shut down and while `log` is called
+  std::mutex mutex_;  // guards what follows; held while sockets are shut down and while `log` is called
   std::condition_variable ending_;
   bool ended_ = false;
   std::list<Connection> connections_;

@@ -95,26 +95,26 @@ void NdjsonFile::RepairTail() {
 
 void NdjsonFile::Append(std::string_view lines) {
   if (lines.empty()) return;
-  std::unique_lock hold(lock_);
+  std::unique_lock lock(mutex_);
   std::shared_ptr<Batch> batch = open_;
   if (batch) {
     batch->lines.append(lines);
-    changed_.wait(hold, [&] { return batch->done; });
+    changed_.wait(lock, [&] { return batch->done; });
   } else {
     batch = std::make_shared<Batch>();
     batch->lines = lines;
     open_ = batch;
-    changed_.wait(hold, [&] { return !writing_; });
+    changed_.wait(lock, [&] { return !writing_; });
     writing_ = true;
     open_.reset();
-    hold.unlock();
+    lock.unlock();
     std::string failure;
     try {
       failure = Write(batch->lines);
     } catch (const std::exception&) {
       failure = "out of memory";  // short enough to need none
     }
-    hold.lock();
+    lock.lock();
     writing_ = false;
     batch->failure = std::move(failure);
     batch->done = true;

@@ -54,7 +54,7 @@ class NdjsonFile {
   bool broken_ = false;     // a piece of a line couldn't be cut off again; belongs to the same
   std::uint64_t tornBytes_ = 0;
 
-  std::mutex lock_;  // guards what follows; never held across I/O
+  std::mutex mutex_;  // guards what follows; never held across I/O
   std::condition_variable changed_;
   std::shared_ptr<Batch> open_;  // the batch that calls may still join
   bool writing_ = false;

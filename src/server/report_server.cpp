@@ -102,8 +102,8 @@ class ReportServer::Impl {
     if (!daemon_) return;
     MHD_quiesce_daemon(daemon_);
     {
-      std::unique_lock hold(lock_);
-      idle_.wait_for(hold, stopPatience, [this] { return active_ == 0; });
+      std::unique_lock lock(mutex_);
+      idle_.wait_for(lock, stopPatience, [this] { return active_ == 0; });
     }
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
@@ -145,7 +145,7 @@ class ReportServer::Impl {
     delete request;
     *state = nullptr;
     server->watch_.Ended(watched);
-    const std::lock_guard hold(server->lock_);
+    const std::lock_guard lock(server->mutex_);
     if (--server->active_ == 0) server->idle_.notify_all();
   }
 
@@ -181,7 +181,7 @@ class ReportServer::Impl {
       request->answered = true;
       result = Queue(connection, TooLarge());
     }
-    const std::lock_guard hold(lock_);
+    const std::lock_guard lock(mutex_);
     ++active_;
     *state = request.release();
     return result;
@@ -249,7 +249,7 @@ class ReportServer::Impl {
   std::uint16_t port_ = 0;
   MHD_Daemon* daemon_ = nullptr;
 
-  std::mutex lock_;  // guards `active_`
+  std::mutex mutex_;  // guards `active_`
   std::condition_variable idle_;
   std::size_t active_ = 0;  // requests that have begun and aren't completed
 };

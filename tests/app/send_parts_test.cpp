@@ -22,8 +22,8 @@ std::vector<std::string> ReadAll(const std::string& text, std::size_t limit) {
   for (;;) {
     std::string_view line;
     const LineReader::Result result = reader.Next(std::chrono::seconds(10), &line);
-    if (result == LineReader::Result::kEnd) break;
-    lines.push_back(result == LineReader::Result::kTooLong ? "<too long>" : std::string(line));
+    if (result == LineReader::Result::end) break;
+    lines.push_back(result == LineReader::Result::tooLong ? "<too long>" : std::string(line));
     EXPECT_EQ(reader.LineNumber(), lines.size());
   }
   EXPECT_EQ(reader.BytesRead(), text.size());

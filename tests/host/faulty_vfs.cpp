@@ -35,7 +35,7 @@ const sqlite3_io_methods& Original(sqlite3_file* file) {
 }
 
 int Read(sqlite3_file* file, void* buffer, int bytes, sqlite3_int64 offset) {
-  if (Fails(Operation::kRead)) return SQLITE_IOERR_READ;
+  if (Fails(Operation::read)) return SQLITE_IOERR_READ;
   return Original(file).xRead(file, buffer, bytes, offset);
 }
 int Write(sqlite3_file* file, const void* buffer, int bytes, sqlite3_int64 offset) {

@@ -18,7 +18,7 @@ class FaultyVfs {
  public:
   enum class Operation {
     kNone,
-    kRead,
+    read,
     kWrite,
     kSync,
     kTruncate,

@@ -24,7 +24,7 @@ class HttpFaults : public testing::TestWithParam<Sweep> {
  protected:
   static void SetUpTestSuite() { FaultyCurl::Install(); }
   HttpFaults() {
-    options_.holdBack.enabled = false;
+    options_.backoff.enabled = false;
     options_.connectTimeoutMs = options_.totalTimeoutMs = 2000;
     factory_ = CreateHttpClientFactory(options_);
   }

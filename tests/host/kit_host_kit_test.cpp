@@ -160,7 +160,7 @@ TEST_F(Kit, AHeldBackUrlIsToldAboutAndDoesNotHoldTheOthersUp) {
   EXPECT_THAT(trace, testing::Not(testing::HasSubstr("secret")));
 }
 
-TEST_F(Kit, WhatAnEarlierRunLeftBehindGoesAfterANudge) {
+TEST_F(Kit, WhatAnEarlierRunLeftBehindGoesAfterATrigger) {
   const std::string url = "http://127.0.0.1:" + std::to_string(tests::ClosedPort());
   {
     HostKit kit(Options({{url}}));
@@ -169,7 +169,7 @@ TEST_F(Kit, WhatAnEarlierRunLeftBehindGoesAfterANudge) {
   const auto server = Serve("out");
   HostKit kit(Options({{url}}));
   EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
-  kit.Nudge();
+  kit.TriggerCycle();
   RunCycle(kit);
   EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
   // Another address is another queue; the old one goes with its items, and the ledger says so.
@@ -232,7 +232,7 @@ TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
       {[](auto& o) { o.settings.endpoints[0].url = "ftp://h"; },
        "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
       {[](auto& o) { o.settings.endpoints[0].url = "http://\xff"; }, "not valid UTF-8 at byte 7"},
-      {[](auto& o) { o.settings.endpoints[0].consumer = "veld_report.nudge"; },
+      {[](auto& o) { o.settings.endpoints[0].consumer = "veld_report.trigger"; },
        "the kit uses this consumer name"},
       {[](auto& o) { o.settings.endpoints[0].certificates = {"no certificate"}; }, "endpoint 1"},
       {[](auto& o) { o.settings.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},

@@ -43,7 +43,7 @@ class QueueDamageTest : public StoreTest {
     service.Reset();
     return last;
   }
-  SqliteConnection Database() { return {StorePath(), SqliteConnection::Access::kReadWrite}; }
+  SqliteConnection Database() { return {StorePath(), SqliteConnection::Access::readWrite}; }
   // Numbers, from 1, of the pages that hold the rows of a table or index.
   std::vector<std::int64_t> Pages(const std::string& name) {
     const SqliteConnection database = Database();
@@ -262,7 +262,7 @@ TEST_F(QueueDamageTest, AnEarlierLayoutIsUpgradedAndACopyKeptUntilTheFirstCleanC
   EXPECT_THAT(Waiting("q"), ElementsAre("old", "two"));
   EXPECT_EQ(Ledger(), (host::QueueLedger{.accepted = {2, 6}, .waiting = {2, 6}}));
   EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0600));
-  EXPECT_EQ(SqliteConnection(copy, SqliteConnection::Access::kReadWrite).QueryInteger("PRAGMA user_version"),
+  EXPECT_EQ(SqliteConnection(copy, SqliteConnection::Access::readWrite).QueryInteger("PRAGMA user_version"),
             1);
   Open();
   EXPECT_FALSE(fs::exists(copy));

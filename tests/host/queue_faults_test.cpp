@@ -139,7 +139,7 @@ std::string OperationName(const testing::TestParamInfo<FaultyVfs::Operation>& op
 }
 using enum FaultyVfs::Operation;
 INSTANTIATE_TEST_SUITE_P(, FaultSweepTest,
-                         testing::Values(kRead, kWrite, kSync, kTruncate, kOpen, kDelete, kAccess, kFileSize,
+                         testing::Values(read, kWrite, kSync, kTruncate, kOpen, kDelete, kAccess, kFileSize,
                                          kLock, kShmMap, kShmLock),
                          OperationName);
 

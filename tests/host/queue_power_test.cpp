@@ -206,7 +206,7 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
     if (Chance(0.7)) return;
     Open();
     service.Reset();
-    host::SqliteConnection connection(StorePath(), host::SqliteConnection::Access::kReadWrite);
+    host::SqliteConnection connection(StorePath(), host::SqliteConnection::Access::readWrite);
     for (const char* column : {"expired", "expired_bytes", "damaged", "damaged_bytes"})
       connection.Execute("ALTER TABLE queues DROP COLUMN " + std::string(column));
     connection.Execute("PRAGMA user_version=1");

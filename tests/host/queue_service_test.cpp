@@ -102,7 +102,7 @@ class GroupingTest : public QueueServiceTest {
     options.commitOperations = 8;
   }
   std::int64_t Committed() {
-    return host::SqliteConnection(StorePath(), host::SqliteConnection::Access::kRead)
+    return host::SqliteConnection(StorePath(), host::SqliteConnection::Access::read)
         .QueryInteger("SELECT count(*) FROM items");
   }
 };

@@ -80,12 +80,12 @@ TEST_F(TimerServiceTest, FireNowBringsAllForwardAndAFlushWaitsForARunOfItsOwn) {
 }
 
 // A sink like the module's: each Run is cut short, asks for the next one soon, and arms for a minute.
-TEST_F(TimerServiceTest, HurryingShortensAnArmingButNotWithoutEnd) {
-  EXPECT_FALSE(timer->Hurry(50, 3)) << "no Run is in progress";
+TEST_F(TimerServiceTest, RunSoonShortensAnArmingButNotWithoutEnd) {
+  EXPECT_FALSE(timer->RunSoon(50, 3)) << "no Run is in progress";
   for (const bool armsFirst : {false, true}) {
     RecordingSink sink(timer.Get(), [&](RecordingSink* self) {
       if (armsFirst) timer->ArmTimer(self, 60000);
-      timer->Hurry(50, 3);
+      timer->RunSoon(50, 3);
       timer->ArmTimer(self, 60000);
     });
     timer->ArmTimer(&sink, 1000);

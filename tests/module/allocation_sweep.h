@@ -14,29 +14,29 @@
 namespace veld_report::tests {
 
 // Whose allocations fail, and how many.
-struct Dearth {
+struct OutOfMemoryMode {
   const char* name;
   bool ofHeap;   // of the process heap; else of the host's allocator
   bool onwards;  // the nth and all behind it; else the nth alone
-  friend std::ostream& operator<<(std::ostream& stream, const Dearth& dearth) {
-    return stream << dearth.name;
+  friend std::ostream& operator<<(std::ostream& stream, const OutOfMemoryMode& mode) {
+    return stream << mode.name;
   }
 };
-inline constexpr Dearth dearths[] = {{"OfAllocator", false, false},
-                                     {"OfAllocatorOnwards", false, true},
-                                     {"OfHeap", true, false},
-                                     {"OfHeapOnwards", true, true}};
+inline constexpr OutOfMemoryMode outOfMemoryModes[] = {{"OfAllocator", false, false},
+                                                       {"OfAllocatorOnwards", false, true},
+                                                       {"OfHeap", true, false},
+                                                       {"OfHeapOnwards", true, true}};
 
 // Which allocation fails in one run, and whether it has. The world of that run asks it.
 class FailingAllocation {
  public:
-  FailingAllocation(const Dearth& dearth, int nth) : dearth_(dearth), nth_(nth) {}
+  FailingAllocation(const OutOfMemoryMode& mode, int nth) : mode_(mode), nth_(nth) {}
   void Start(fakes::FakeAllocator& allocator) {
     before_ = allocator.Allocations();
-    if (dearth_.ofHeap) {
-      ModuleHeap::FailNth(nth_, dearth_.onwards);
+    if (mode_.ofHeap) {
+      ModuleHeap::FailNth(nth_, mode_.onwards);
     } else {
-      allocator.FailNth(nth_, dearth_.onwards);
+      allocator.FailNth(nth_, mode_.onwards);
     }
   }
   // Ends it. Returns whether an allocation has failed.
@@ -47,11 +47,11 @@ class FailingAllocation {
     return failed;
   }
   bool Failed(fakes::FakeAllocator& allocator) const {
-    return (dearth_.ofHeap ? ModuleHeap::Allocations() : allocator.Allocations() - before_) >= nth_;
+    return (mode_.ofHeap ? ModuleHeap::Allocations() : allocator.Allocations() - before_) >= nth_;
   }
 
  private:
-  const Dearth dearth_;
+  const OutOfMemoryMode mode_;
   const int nth_;
   int before_ = 0;
 };
@@ -60,13 +60,13 @@ class FailingAllocation {
 // ends the world, and returns whether an allocation has failed. No block of the library with the address
 // `inLibrary` in it may be left. Returns the number of allocations that were failed, one after the other.
 template <class RunOne>
-int SweepAllocations(const Dearth& dearth, const void* inLibrary, RunOne&& runOne) {
+int SweepAllocations(const OutOfMemoryMode& mode, const void* inLibrary, RunOne&& runOne) {
   for (int nth = 1; nth < 5000; ++nth) {
     const testing::ScopedTrace trace(__FILE__, __LINE__, "allocation " + std::to_string(nth));
-    FailingAllocation failing(dearth, nth);
-    if (dearth.ofHeap) ModuleHeap::Watch(inLibrary);
+    FailingAllocation failing(mode, nth);
+    if (mode.ofHeap) ModuleHeap::Watch(inLibrary);
     const bool failed = runOne(failing);
-    const int left = dearth.ofHeap ? ModuleHeap::LiveBlocks() : 0;
+    const int left = mode.ofHeap ? ModuleHeap::LiveBlocks() : 0;
     ModuleHeap::End();
     EXPECT_EQ(left, 0) << "a leak";
     if (!failed || testing::Test::HasFailure()) return nth - 1;

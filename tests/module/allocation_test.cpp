@@ -144,7 +144,7 @@ const Operation operations[] = {
 };
 // clang-format on
 
-class Allocation : public testing::TestWithParam<Dearth> {
+class Allocation : public testing::TestWithParam<OutOfMemoryMode> {
  protected:
   void SetUp() override {
     if (GetParam().ofHeap && !ModuleHeap::Available()) GTEST_SKIP() << "the sanitizer has a heap of its own";
@@ -200,8 +200,8 @@ TEST_P(Allocation, AWholeLifeLosesAtMostTheSubmissionInHand) {
   });
 }
 
-INSTANTIATE_TEST_SUITE_P(, Allocation, testing::ValuesIn(dearths),
-                         [](const auto& dearth) { return dearth.param.name; });
+INSTANTIATE_TEST_SUITE_P(, Allocation, testing::ValuesIn(outOfMemoryModes),
+                         [](const auto& mode) { return mode.param.name; });
 
 }  // namespace
 }  // namespace veld_report::tests

@@ -103,7 +103,7 @@ void SenderTest::Start(const Plan& plan, bool firstCycle) {
 }
 
 void SenderTest::Cycle() {
-  Nudge();
+  TriggerCycle();
   Events();
   Lines();
   Fire();

@@ -108,9 +108,9 @@ class SenderTest : public testing::Test, protected Sender {
   void Start(const Plan& plan = {}, bool firstCycle = false);
   ResultCode Set(const Plan& plan) { return settings->SetSettings(MakeSettings(plan)); }
   // Submits a record to a consumer that no row has: it arms the timer and is dropped by the cycle.
-  void Nudge() { EXPECT_EQ(Send("{}", "nobody"), zel::sOk); }
+  void TriggerCycle() { EXPECT_EQ(Send("{}", "nobody"), zel::sOk); }
   void Fire() { ASSERT_TRUE(host.timer->Fire()) << "no timer is armed"; }
-  // Nudge and Fire, with the log cleared between.
+  // TriggerCycle and Fire, with the log cleared between.
   void Cycle();
   void End();
   // Ends it and forgets all scripts and queues, for the next row of a table.

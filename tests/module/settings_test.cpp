@@ -126,7 +126,7 @@ TEST_F(SettingsTest, TheTimerIsAskedForOnceTheFlagTellsTheTruth) {
   Start();
   EXPECT_EQ(Set({}), zel::sOk);
   EXPECT_THAT(Events(), ElementsAre("SetCertificates 1")) << "the flag is left over from Construct";
-  Nudge();
+  TriggerCycle();
   EXPECT_EQ(Set({}), zel::sOk);
   EXPECT_THAT(Events(), ElementsAre("ArmTimer 1000", "SetCertificates 1"));
   Fire();

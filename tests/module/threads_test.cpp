@@ -47,7 +47,7 @@ TEST_F(ThreadsTest, TheLastReleaseCancelsTheRequestThatACycleWaitsFor) {
   host.http->usual = HttpAnswer::Never();
   PutItems('a', {"{\"a\":1}"});
   PutItems('b', {"{\"a\":1}"});
-  Nudge();
+  TriggerCycle();
   std::binary_semaphore waiting(0);
   script().Do("Wait", [&] {
     waiting.release();
@@ -99,7 +99,7 @@ TEST_F(ThreadsTest, AStopEndsTheWalkAtItsNextCheck) {
     PutItems('a', all);
     // The same queue twice, so that the walk has a queue left whatever the order.
     host.queues->store.extraNames = {QueueName('a')};
-    Nudge();
+    TriggerCycle();
     Lines();
     Events();
     StopInside(row.operation, row.nth);
@@ -169,7 +169,7 @@ TEST_F(ThreadsTest, AnAnswerMayComeWhenTheSenderIsGone) {
 }
 
 // The host kit's timer without the delays: 1 ms for what a cycle asks for, none for a submission.
-class HurriedTimer final : public host::HostObject<zel::ITimerService> {
+class PromptTimer final : public host::HostObject<zel::ITimerService> {
  public:
   zel::ResultCode ReservedTimerOperation0() override { return zel::eNotImplemented; }
   zel::ResultCode ReservedTimerOperation1() override { return zel::eNotImplemented; }
@@ -190,7 +190,7 @@ class HurriedTimer final : public host::HostObject<zel::ITimerService> {
 };
 
 // Waits a moment for one, and doesn't insist.
-void LetACycleBegin(const HurriedTimer& timer) {
+void LetACycleBegin(const PromptTimer& timer) {
   const std::uint64_t before = timer.Cycles();
   for (int i = 0; i < 200 && timer.Cycles() == before; ++i) std::this_thread::yield();
 }
@@ -209,7 +209,7 @@ void LiveARound(RoundTotals* totals) {
   const Plan plans[] = {{.urls = {urlA, urlB}, .packetLimit = 17, .queueLimit = 1000, .sendTimeout = 2},
                         {.urls = {urlB, urlA, urlC}, .packetLimit = 5, .queueLimit = 2000, .sendTimeout = 2}};
   fakes::FakeHost host;
-  const auto timer = host::MakeObject<HurriedTimer>();
+  const auto timer = host::MakeObject<PromptTimer>();
   for (zel::IObject*& service : host.locator->services) {
     if (service == host.timer.Get()) service = timer.Get();
   }

@@ -195,7 +195,7 @@ TEST_F(WalkTest, WhatEndsAWalkBetweenOrInQueues) {
     Start({.urls = {urlA, urlB}}, true);
     PutItems('a', {"12345"});
     PutItems('b', {"12345"});
-    Nudge();
+    TriggerCycle();
     row.script();
     Lines();
     Fire();
@@ -236,7 +236,7 @@ TEST_F(WalkTest, TheOrderOfQueuesFollowsTheRuntimesDraws) {
     SCOPED_TRACE(seed);
     std::srand(seed);
     const Strings order = expected(names);
-    Nudge();
+    TriggerCycle();
     std::srand(seed);
     Fire();
     EXPECT_THAT(Events({"CreateAckConsumer"}), ElementsAreArray(order));

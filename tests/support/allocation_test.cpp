@@ -255,17 +255,17 @@ const Operation operations[] = {
 };
 // clang-format on
 
-class SupportAllocation : public testing::TestWithParam<Dearth> {};
+class SupportAllocation : public testing::TestWithParam<OutOfMemoryMode> {};
 
 TEST_P(SupportAllocation, FailsWithItsCodeAndChangesNothing) {
-  const Dearth dearth = GetParam();
-  if (dearth.ofHeap && !ModuleHeap::Available()) GTEST_SKIP() << "the sanitizer has a heap of its own";
+  const OutOfMemoryMode mode = GetParam();
+  if (mode.ofHeap && !ModuleHeap::Available()) GTEST_SKIP() << "the sanitizer has a heap of its own";
   static const char here = 0;
   int sum = 0;
   for (const Operation& operation : operations) {
     SCOPED_TRACE(operation.name);
-    const int failed = SweepAllocations(dearth, &here, [&](FailingAllocation& failing) {
-      Subjects subjects(dearth.ofHeap);
+    const int failed = SweepAllocations(mode, &here, [&](FailingAllocation& failing) {
+      Subjects subjects(mode.ofHeap);
       const std::string before = subjects.Image();
       const std::uint64_t blocks = subjects.allocator->LiveBlocks();
       ResultCode code = zel::eUnexpected;
@@ -284,7 +284,7 @@ TEST_P(SupportAllocation, FailsWithItsCodeAndChangesNothing) {
       return hasFailed;
     });
     const bool allocates = operation.allocates == Allocates::always ||
-                           (dearth.ofHeap && operation.allocates == Allocates::fromHeapAlone);
+                           (mode.ofHeap && operation.allocates == Allocates::fromHeapAlone);
     EXPECT_EQ(failed > 0, allocates);
     sum += failed;
   }
@@ -292,8 +292,8 @@ TEST_P(SupportAllocation, FailsWithItsCodeAndChangesNothing) {
   RecordProperty("allocations_failed", sum);
 }
 
-INSTANTIATE_TEST_SUITE_P(, SupportAllocation, testing::ValuesIn(dearths),
-                         [](const auto& dearth) { return dearth.param.name; });
+INSTANTIATE_TEST_SUITE_P(, SupportAllocation, testing::ValuesIn(outOfMemoryModes),
+                         [](const auto& mode) { return mode.param.name; });
 
 }  // namespace
 }  // namespace veld_report::tests

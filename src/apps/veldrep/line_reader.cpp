@@ -38,8 +38,8 @@ LineReader::Result LineReader::Next(std::chrono::milliseconds patience, std::str
     if (!skipping_ && buffer_.size() - begin_ > lineLimitBytes_) skipping_ = true;
     if (skipping_) begin_ = buffer_.size();
     if (ended_ && (skipping_ || begin_ < buffer_.size())) return Deliver(buffer_.size(), line);
-    if (ended_) return Result::kEnd;
-    if (!Fill(patience)) return Result::kNothing;
+    if (ended_) return Result::end;
+    if (!Fill(patience)) return Result::nothing;
   }
 }
 
@@ -50,7 +50,7 @@ LineReader::Result LineReader::Deliver(std::size_t end, std::string_view* line) 
   skipping_ = false;
   begin_ = end < buffer_.size() ? end + 1 : end;
   scanned_ = begin_;
-  return tooLong ? Result::kTooLong : Result::kLine;
+  return tooLong ? Result::tooLong : Result::line;
 }
 
 bool LineReader::Fill(std::chrono::milliseconds patience) {

@@ -15,10 +15,10 @@ namespace veld_report::app {
 class LineReader {
  public:
   enum class Result {
-    kLine,
-    kTooLong,  // a line over the limit went by; there is no text
-    kNothing,  // no whole line within the time
-    kEnd,
+    line,
+    tooLong,  // a line over the limit went by; there is no text
+    nothing,  // no whole line within the time
+    end,
   };
 
   // `path`: "-" is stdin. Throws Failure if the file can't be opened.
@@ -27,7 +27,7 @@ class LineReader {
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
 
-  // `line` is set for kLine and valid until the next call; it has no line end. A last line without a line end
+  // `line` is set for line and valid until the next call; it has no line end. A last line without a line end
   // counts. A signal ends the wait as well. Throws Failure if the input can't be read.
   Result Next(std::chrono::milliseconds patience, std::string_view* line);
 

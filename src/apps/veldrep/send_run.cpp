@@ -19,7 +19,7 @@ constexpr std::chrono::milliseconds pause{5};
 // The module empties its memory in every cycle, so a wait for that which is longer than a few cycles on
 // servers that don't answer means that something is broken.
 constexpr std::chrono::seconds memoryPatience{60};
-// A cycle waits five seconds at most for one answer; what hasn't moved for longer needs a nudge.
+// A cycle waits five seconds at most for one answer; what hasn't moved for longer needs a trigger.
 constexpr std::chrono::seconds longestWaitOfACycle{6};
 
 volatile sig_atomic_t interrupted = 0;
@@ -76,7 +76,7 @@ SendRun::SendRun(const SendOptions& options)
       pacer_(LimitsOf(options), Targets(options), before_),
       lastChange_(started_),
       lastLook_(started_),
-      lastNudge_(started_) {
+      lastTrigger_(started_) {
   RefuseForeignQueues();
 }
 
@@ -97,7 +97,7 @@ void SendRun::RefuseForeignQueues() const {
 int SendRun::Run() {
   StopOnInterrupt();
   Look();
-  if (figures_.waiting > 0) session_.Nudge();
+  if (figures_.waiting > 0) session_.TriggerCycle();
   if (!options_.file.empty()) ReadInput();
   figures_.readShare = 1;
   WaitForDelivery();
@@ -112,15 +112,15 @@ void SendRun::ReadInput() {
   while (!stopped_ && !interrupted) {
     std::string_view line;
     const LineReader::Result result = reader.Next(lookEvery, &line);
-    if (result == LineReader::Result::kEnd) return;
+    if (result == LineReader::Result::end) return;
     lineNumber_ = reader.LineNumber();
     if (reader.SizeBytes() != 0) {
       figures_.readShare = static_cast<double>(reader.BytesRead()) / static_cast<double>(reader.SizeBytes());
     }
-    if (result == LineReader::Result::kLine) TakeLine(WithoutBlanks(line));
-    if (result == LineReader::Result::kTooLong) RefuseLine("it is longer than 8 MiB");
+    if (result == LineReader::Result::line) TakeLine(WithoutBlanks(line));
+    if (result == LineReader::Result::tooLong) RefuseLine("it is longer than 8 MiB");
     // The clock costs less than a record, but not nothing.
-    const bool mayBeTime = result == LineReader::Result::kNothing || lineNumber_ % 64 == 0;
+    const bool mayBeTime = result == LineReader::Result::nothing || lineNumber_ % 64 == 0;
     if (mayBeTime && Clock::now() - lastLook_ >= lookEvery) Look();
   }
 }
@@ -166,7 +166,7 @@ void SendRun::RefuseLine(const std::string& reason) {
 bool SendRun::WaitForRoom(std::int64_t bytes) {
   if (pacer_.MaySubmit(bytes)) return true;
   const Clock::time_point begun = Clock::now();
-  session_.Hurry();
+  session_.RunSoon();
   for (Look(); !pacer_.MaySubmit(bytes); Look()) {
     const auto patience = pacer_.HasRoom(bytes) ? memoryPatience : std::chrono::seconds(options_.waitSeconds);
     if (interrupted || Clock::now() - std::max(begun, lastChange_) >= patience) return false;
@@ -177,7 +177,7 @@ bool SendRun::WaitForRoom(std::int64_t bytes) {
 
 void SendRun::WaitForDelivery() {
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(options_.waitSeconds);
-  session_.Hurry();
+  session_.RunSoon();
   for (Look(); figures_.waiting > 0 && !interrupted && Clock::now() < deadline; Look()) {
     std::this_thread::sleep_for(pause);
   }
@@ -194,11 +194,11 @@ void SendRun::Look() {
   figures_.delivered = sum.delivered.items - Sum(before_).delivered.items;
   figures_.waiting = sum.waiting.items + pacer_.ItemsInMemory();
   progress_.Show(figures_);
-  const auto nudgeAfter = longestWaitOfACycle + std::chrono::seconds(options_.sendTimeoutSeconds);
-  if (figures_.waiting > 0 && now - std::max(lastChange_, lastNudge_) > nudgeAfter) {
+  const auto triggerAfter = longestWaitOfACycle + std::chrono::seconds(options_.sendTimeoutSeconds);
+  if (figures_.waiting > 0 && now - std::max(lastChange_, lastTrigger_) > triggerAfter) {
     // The chain of cycles may have ended with items waiting; where it hasn't, this changes nothing.
-    session_.Nudge();
-    lastNudge_ = now;
+    session_.TriggerCycle();
+    lastTrigger_ = now;
   }
 }
 

@@ -41,7 +41,7 @@ class SendRun {
   // False: there was no room in time, or the user has had enough.
   bool WaitForRoom(std::int64_t bytes);
   void WaitForDelivery();
-  // Looks at the ledgers, and after the progress and the nudges that hang on them.
+  // Looks at the ledgers, and after the progress and the triggers that hang on them.
   void Look();
   int Conclude();
 
@@ -55,7 +55,7 @@ class SendRun {
 
   SendFigures figures_;
   host::QueueLedger sum_;  // of all queues, as Look saw it last
-  Clock::time_point lastChange_, lastLook_, lastNudge_;
+  Clock::time_point lastChange_, lastLook_, lastTrigger_;
   std::uint64_t lineNumber_ = 0;
   bool stopped_ = false;  // before the end of the input
 };

@@ -32,23 +32,23 @@ std::string SendSession::Submit(std::string_view json) {
   return "the sender didn't take it: " + host::CodeText(submission.code);
 }
 
-void SendSession::Nudge() {
-  kit_->Nudge();
-  Hurry();
+void SendSession::TriggerCycle() {
+  kit_->TriggerCycle();
+  RunSoon();
 }
 
-void SendSession::Hurry() { kit_->Timer().FireNow(); }
+void SendSession::RunSoon() { kit_->Timer().FireNow(); }
 
 void SendSession::OnRequestFinished(const host::FinishedRequest& request) {
   // A request that the end of the session cut off is no failure of its server.
   if (request.result == zel::sOk || request.result == zel::eOperationCancelled) return;
-  const std::lock_guard hold(lock_);
+  const std::lock_guard lock(mutex_);
   ++failures_.requests;
   failures_.last = host::WithoutCredentials(request.url) + ": " + host::CodeText(request.result);
 }
 
 SendSession::Failures SendSession::RequestFailures() const {
-  const std::lock_guard hold(lock_);
+  const std::lock_guard lock(mutex_);
   return failures_;
 }
 

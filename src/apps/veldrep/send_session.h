@@ -17,15 +17,15 @@ namespace veld_report::app {
 class SendSession {
  public:
   // Loads the module, opens the store and constructs the sender. Nothing is sent before the first Submit or
-  // Nudge. Throws std::exception: what can't be had and why.
+  // TriggerCycle. Throws std::exception: what can't be had and why.
   explicit SendSession(const SendOptions& options);
 
   // One JSON object as a record. Returns why the sender didn't take it, or an empty text.
   std::string Submit(std::string_view json);
   // Starts a cycle by itself, for what an earlier run left behind and for a chain of cycles that has ended.
-  void Nudge();
+  void TriggerCycle();
   // Begins at once with the cycle that a submission has asked for; without it that takes up to a second.
-  void Hurry();
+  void RunSoon();
   // Also after Close.
   Ledgers CurrentLedgers() { return queues_->Ledgers(); }
   // Ends the sending and moves what was submitted into the queues. A second call does nothing.
@@ -42,7 +42,7 @@ class SendSession {
   void OnRequestFinished(const host::FinishedRequest& request);
 
   const std::string to_;
-  mutable std::mutex lock_;  // guards failures_, which the HTTP client's thread writes
+  mutable std::mutex mutex_;  // guards failures_, which the HTTP client's thread writes
   Failures failures_;
   // Behind what its callbacks use, so that it goes first.
   std::unique_ptr<host::HostKit> kit_;

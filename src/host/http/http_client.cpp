@@ -72,7 +72,7 @@ class HttpClient final : public HostObject<IHttpClient, IHttpClientCertificates>
                   std::string("veld_host\tHttp: certificates refused: ") + error.what());
         return zel::eInvalidArgument;
       }
-      if (urls) shared_->holdBack.KeepOnly(*urls);
+      if (urls) shared_->backoff.KeepOnly(*urls);
       return zel::sOk;
     });
   }
@@ -105,8 +105,8 @@ class Factory final : public HostObject<HttpClientFactory> {
     });
   }
   void AnnounceUrls(std::vector<std::string> urls) override { shared_->Announce(std::move(urls)); }
-  std::vector<HttpClientState> States() const override { return shared_->holdBack.States(); }
-  std::uint64_t StatesVersion() const override { return shared_->holdBack.Version(); }
+  std::vector<HttpClientState> States() const override { return shared_->backoff.States(); }
+  std::uint64_t StatesVersion() const override { return shared_->backoff.Version(); }
 
  private:
   const std::shared_ptr<HttpShared> shared_;

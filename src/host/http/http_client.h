@@ -26,7 +26,7 @@ namespace veld_report::host {
 //
 // A failure is: no answer (but for a cancelled request), and the statuses 408, 425, 429 and 500 up. Any other
 // status says that the server is well, though it may not like the content.
-struct HoldBackOptions {
+struct BackoffOptions {
   bool enabled = true;
   std::uint32_t firstDelayMs = 1000;
   std::uint32_t longestDelayMs = 5 * 60 * 1000;
@@ -50,11 +50,11 @@ struct HttpClientOptions {
   std::string caDirectory{};
   // Addresses that go before name resolution, each "HOST:PORT:ADDRESS[,ADDRESS]...".
   std::vector<std::string> resolve{};
-  HoldBackOptions holdBack{};
+  BackoffOptions backoff{};
   // Called on a client's thread before a request that is held back ends; may be empty. Such a request ends
   // the sender's walk through its queues, and the urls behind it in the walk wait for the next cycle. Who
-  // runs the timer can have that cycle come sooner (TimerService::Hurry).
-  std::function<void()> onHeldBack{};
+  // runs the timer can have that cycle come sooner (TimerService::RunSoon).
+  std::function<void()> onBackoff{};
   std::shared_ptr<Clock> clock{};    // for holding back; null: the machine's
   std::function<double()> random{};  // evenly in [0, 1), called by one thread at a time; null: the machine's
   zel::Ref<zel::ITracer> tracer{};   // may be null; gets a line per failed request, without anything secret

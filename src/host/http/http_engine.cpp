@@ -113,9 +113,9 @@ void HttpEngine::Start(const zel::Ref<HttpRequest>& request) {
     return;
   }
   const std::string& url = request->GetContent().urlText;
-  const std::optional<Clock::TimePoint> startedAt = shared_->holdBack.Start(url);
+  const std::optional<Clock::TimePoint> startedAt = shared_->backoff.Start(url);
   if (!startedAt) {
-    TellHeldBack();
+    NotifyBackoff();
     End(*request, LocalFailure(zel::eNotReady));
     return;
   }
@@ -181,9 +181,9 @@ void HttpEngine::EndTransfer(Transfers::iterator transfer, const HttpOutcome& ou
   End(request, outcome);
 }
 
-void HttpEngine::TellHeldBack() noexcept {
+void HttpEngine::NotifyBackoff() noexcept {
   try {
-    if (shared_->options.onHeldBack) shared_->options.onHeldBack();
+    if (shared_->options.onBackoff) shared_->options.onBackoff();
   } catch (...) {
     // The request ends all the same.
   }
@@ -199,7 +199,7 @@ void HttpEngine::Note(const HttpRequest& request, Clock::TimePoint startedAt,
                       const HttpOutcome& outcome) noexcept {
   try {
     const std::string& url = request.GetContent().urlText;
-    shared_->holdBack.End(url, startedAt, outcome);
+    shared_->backoff.End(url, startedAt, outcome);
     if (!zel::Failed(outcome.code) || outcome.code == zel::eOperationCancelled) return;
     TraceLine(shared_->options.tracer.Get(), failureLevel,
               "veld_host\tHttp: request to " + WithoutCredentials(url) + " failed: " + outcome.error);

@@ -49,7 +49,7 @@ class HttpEngine {
   void EndDone();
   void EndAll(const HttpOutcome& outcome);
   void EndTransfer(Transfers::iterator transfer, const HttpOutcome& outcome) noexcept;
-  void TellHeldBack() noexcept;
+  void NotifyBackoff() noexcept;
   void End(HttpRequest& request, const HttpOutcome& outcome) noexcept;
   void Note(const HttpRequest& request, Clock::TimePoint startedAt, const HttpOutcome& outcome) noexcept;
 

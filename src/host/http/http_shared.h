@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/http/hold_back.h"
+#include "host/http/backoff.h"
 #include "host/http/http_client.h"
 #include "host/http/proxy.h"
 
@@ -20,7 +20,7 @@ class HttpShared {
              std::function<double()> random)
       : options(std::move(givenOptions)),
         proxy(std::move(givenProxy)),
-        holdBack(options.holdBack, std::move(clock), std::move(random)) {}
+        backoff(options.backoff, std::move(clock), std::move(random)) {}
 
   void Announce(std::vector<std::string> urls) {
     const std::lock_guard lock(mutex_);
@@ -34,7 +34,7 @@ class HttpShared {
 
   const HttpClientOptions options;
   const ProxySettings proxy;
-  HoldBack holdBack;
+  Backoff backoff;
 
  private:
   std::mutex mutex_;  // guards the one below

@@ -41,7 +41,7 @@ bool JsonCheck::IsOneValue(std::string_view text, std::string* why) {
 
 std::unique_ptr<JsonCheck::Parser> JsonCheck::Borrow() {
   {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard lock(mutex_);
     if (!idle_.empty()) {
       std::unique_ptr<Parser> parser = std::move(idle_.back());
       idle_.pop_back();
@@ -55,7 +55,7 @@ std::unique_ptr<JsonCheck::Parser> JsonCheck::Borrow() {
 
 void JsonCheck::GiveBack(std::unique_ptr<Parser> parser) {
   if (parser->parser.capacity() > keptCapacityBytes) return;
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   if (idle_.size() < idleLimit) idle_.push_back(std::move(parser));
 }
 

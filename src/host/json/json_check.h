@@ -34,7 +34,7 @@ class JsonCheck {
   std::unique_ptr<Parser> Borrow();
   void GiveBack(std::unique_ptr<Parser> parser);
 
-  std::mutex lock_;  // guards idle_, for moments
+  std::mutex mutex_;  // guards idle_, for moments
   std::vector<std::unique_ptr<Parser>> idle_;
 };
 

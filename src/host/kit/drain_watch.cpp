@@ -11,7 +11,7 @@ std::uint32_t DrainWatch::IsBackgroundDisabled() {
   // First of all: who waits for the drain may change the mode back as soon as it is noted.
   const std::uint32_t disabled = mode_->IsBackgroundDisabled();
   const std::uint64_t run = timer_->RunsStarted();  // the Run that asks: there is one at a time
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   if (run > lastDrained_) {
     lastDrained_ = run;
     drained_.notify_all();
@@ -20,13 +20,13 @@ std::uint32_t DrainWatch::IsBackgroundDisabled() {
 }
 
 std::uint64_t DrainWatch::LastDrained() const {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   return lastDrained_;
 }
 
 bool DrainWatch::WaitForDrain(std::uint64_t startedAfter,
                               std::chrono::steady_clock::time_point deadline) const {
-  std::unique_lock lock(lock_);
+  std::unique_lock lock(mutex_);
   return drained_.wait_until(lock, deadline, [&] { return lastDrained_ > startedAfter; });
 }
 

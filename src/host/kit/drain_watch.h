@@ -38,7 +38,7 @@ class DrainWatch final : public HostObject<orvel::IExecutionModeProvider> {
   const zel::Ref<orvel::IExecutionModeProvider> mode_;
   const zel::Ref<TimerService> timer_;
 
-  mutable std::mutex lock_;  // guards lastDrained_
+  mutable std::mutex mutex_;  // guards lastDrained_
   mutable std::condition_variable drained_;
   std::uint64_t lastDrained_ = 0;
 };

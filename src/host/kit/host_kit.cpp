@@ -44,32 +44,32 @@ FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& 
 
 // A request that is held back ends the sender's walk, and the urls behind it would wait for sendTimeout. The
 // relay has the next cycle come sooner. It knows the timer only while the kit runs: a client may outlive it.
-class HeldBackRelay {
+class BackoffRelay {
  public:
   void SetTimer(TimerService* timer) {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard lock(mutex_);
     timer_ = timer;
   }
-  void OnHeldBack() {
-    const std::lock_guard guard(lock_);
-    if (timer_) timer_->Hurry(soonMs, mostInARow);
+  void OnBackoff() {
+    const std::lock_guard lock(mutex_);
+    if (timer_) timer_->RunSoon(soonMs, mostInARow);
   }
 
  private:
   static constexpr std::uint32_t soonMs = 50;
   static constexpr std::uint32_t mostInARow = 8;
 
-  std::mutex lock_;
+  std::mutex mutex_;
   TimerService* timer_ = nullptr;
 };
 
 namespace {
 
 zel::Ref<HttpClientFactory> MakeHttp(HttpClientOptions options, const zel::Ref<LineTracer>& tracer,
-                                     std::shared_ptr<HeldBackRelay> relay) {
+                                     std::shared_ptr<BackoffRelay> relay) {
   options.tracer = tracer;
-  options.onHeldBack = [relay = std::move(relay), own = std::move(options.onHeldBack)] {
-    relay->OnHeldBack();
+  options.onBackoff = [relay = std::move(relay), own = std::move(options.onBackoff)] {
+    relay->OnBackoff();
     if (own) own();
   };
   return CreateHttpClientFactory(options);
@@ -82,13 +82,13 @@ HostKit::HostKit(const HostKitOptions& options)
       tracer_(MakeObject<LineTracer>(options.trace)),
       queues_(OpenQueues(options.queues, tracer_)),
       urlStates_(std::make_shared<UrlStateFile>(options.queues.folder)),
-      heldBack_(std::make_shared<HeldBackRelay>()),
-      http_(MakeHttp(options.http, tracer_, heldBack_)),
+      backoff_(std::make_shared<BackoffRelay>()),
+      http_(MakeHttp(options.http, tracer_, backoff_)),
       timer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
       mode_(MakeObject<ExecutionMode>()),
       drains_(MakeObject<DrainWatch>(mode_, timer_)),
       locator_(MakeObject<ServiceLocator>()) {
-  heldBack_->SetTimer(timer_.Get());
+  backoff_->SetTimer(timer_.Get());
   try {
     RegisterServices(options);
     MakeSender(options);
@@ -132,7 +132,7 @@ void HostKit::MakeSender(const HostKitOptions& options) {
           "module: the sender can't be constructed");
   Require(sender->QueryInterface(IVeldReportSenderSettings::iid, senderSettings_.OutVoid()),
           "module: the sender takes no settings");
-  const std::lock_guard guard(settingsLock_);
+  const std::lock_guard lock(settingsMutex_);
   http_->AnnounceUrls(settings.Urls());
   Require(construct->Construct(settings.Record()), "module: the sender refuses its services or settings");
   urlStates_->SetUrls(settings.Urls());
@@ -153,16 +153,16 @@ Submission HostKit::SubmitJson(std::string_view consumer, std::string_view text)
   return Submit(consumer, record.AsAny());
 }
 
-void HostKit::Nudge() { SubmitJson(nudgeConsumer, "{}"); }
+void HostKit::TriggerCycle() { SubmitJson(triggerConsumer, "{}"); }
 
 void HostKit::BeginCycle() {
-  if (!timer_->IsArmed()) Nudge();
+  if (!timer_->IsArmed()) TriggerCycle();
   timer_->FireNow();
 }
 
 void HostKit::SetSettings(const KitSettings& settings) {
   const BuiltSettings built(settings);
-  const std::lock_guard guard(settingsLock_);
+  const std::lock_guard lock(settingsMutex_);
   if (!senderSettings_) throw std::runtime_error("settings: the sender is closed");
   http_->AnnounceUrls(built.Urls());
   Require(senderSettings_->SetSettings(built.Record()), "settings: the sender refuses them");
@@ -176,7 +176,7 @@ bool HostKit::Close() {
   httpStop_->Stop();
   senderSettings_.Reset();
   sender_.Reset();
-  heldBack_->SetTimer(nullptr);
+  backoff_->SetTimer(nullptr);
   if (timer_) urlStates_->Close();
   drains_.Reset();
   timer_.Reset();

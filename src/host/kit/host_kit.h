@@ -27,7 +27,7 @@
 
 namespace veld_report::host {
 
-class HeldBackRelay;
+class BackoffRelay;
 
 // Life: running (from the constructor on) -> closed.
 // Threads: any for all operations but Close and the destructor, which run alone, when nobody uses the kit any
@@ -35,8 +35,8 @@ class HeldBackRelay;
 class HostKit {
  public:
   // Opens the store, loads the module, makes and constructs the sender. Nothing is sent before a first
-  // submission or Nudge. Throws std::exception (StoreError, std::invalid_argument, std::runtime_error) with a
-  // sentence that names what is wrong, and then leaves nothing behind.
+  // submission or TriggerCycle. Throws std::exception (StoreError, std::invalid_argument, std::runtime_error)
+  // with a sentence that names what is wrong, and then leaves nothing behind.
   explicit HostKit(const HostKitOptions& options);
   HostKit(const HostKit&) = delete;
   HostKit& operator=(const HostKit&) = delete;
@@ -51,7 +51,7 @@ class HostKit {
   Submission SubmitJson(std::string_view consumer, std::string_view text);
   // Starts a cycle within a second without submitting anything: for what an earlier run left behind, and
   // where the chain of cycles has ended with items waiting. Timer().FireNow() brings it forward.
-  void Nudge();
+  void TriggerCycle();
   // Has a cycle begin at once, or as soon as the one in progress has ended, also where there is nothing to
   // send. A cycle that is just beginning may swallow it, so who has to rely on it says it again.
   void BeginCycle();
@@ -82,7 +82,7 @@ class HostKit {
   zel::Ref<LineTracer> tracer_;
   zel::Ref<QueueService> queues_;
   const std::shared_ptr<UrlStateFile> urlStates_;  // shared with what hears of finished requests
-  const std::shared_ptr<HeldBackRelay> heldBack_;  // shared with the HTTP clients
+  const std::shared_ptr<BackoffRelay> backoff_;    // shared with the HTTP clients
   zel::Ref<HttpClientFactory> http_;
   const std::shared_ptr<HttpStop> httpStop_ = std::make_shared<HttpStop>();
   zel::Ref<TimerService> timer_;
@@ -92,7 +92,7 @@ class HostKit {
   std::unique_ptr<LoadedModule> module_;
   zel::Ref<orvel::veld_report::IVeldReportSender> sender_;
 
-  std::mutex settingsLock_;  // held across AnnounceUrls and the SetSettings that belongs to it
+  std::mutex settingsMutex_;  // held across AnnounceUrls and the SetSettings that belongs to it
   zel::Ref<orvel::veld_report::IVeldReportSenderSettings> senderSettings_;
 };
 

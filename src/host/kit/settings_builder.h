@@ -10,8 +10,8 @@
 
 namespace veld_report::host {
 
-// The consumer name of nudges, which no endpoint may have.
-inline constexpr char nudgeConsumer[] = "veld_report.nudge";
+// The consumer name of triggers, which no endpoint may have.
+inline constexpr char triggerConsumer[] = "veld_report.trigger";
 
 // Owns everything that the record points to. Belongs to one thread; can't be copied.
 class BuiltSettings {

@@ -48,7 +48,7 @@ class StoppableClient final : public HostObject<IHttpClient> {
 void HttpStop::Stop() {
   zel::Ref<IHttpRequestHandle> request;
   {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard lock(mutex_);
     stopped_ = true;
     request = std::move(last_);
   }
@@ -58,7 +58,7 @@ void HttpStop::Stop() {
 void HttpStop::Begin(zel::Ref<IHttpRequestHandle> request) {
   zel::Ref<IHttpRequestHandle> toCancel;
   {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard lock(mutex_);
     if (stopped_) {
       toCancel = std::move(request);
     } else {

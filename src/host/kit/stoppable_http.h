@@ -22,7 +22,7 @@ class HttpStop {
   void Begin(zel::Ref<network_services::IHttpRequestHandle> request);
 
  private:
-  std::mutex lock_;  // guards both; not held across Cancel
+  std::mutex mutex_;  // guards both; not held across Cancel
   bool stopped_ = false;
   // The sender has one request at a time, so the last one is the only one that it can be waiting for.
   zel::Ref<network_services::IHttpRequestHandle> last_;

@@ -88,7 +88,7 @@ bool ReplaceFile(const std::filesystem::path& file, const std::string& content) 
 UrlStateFile::UrlStateFile(const std::filesystem::path& storeFolder) : file_(StateFile(storeFolder)) {}
 
 void UrlStateFile::SetUrls(const std::vector<std::string>& urls) {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   urls_.clear();
   version_.reset();
   for (const std::string& url : urls) {
@@ -98,7 +98,7 @@ void UrlStateFile::SetUrls(const std::vector<std::string>& urls) {
 }
 
 void UrlStateFile::Update(const HttpClientFactory& http) {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   // Asked for before the states, so that a change behind it is seen the next time.
   const std::uint64_t version = http.StatesVersion();
   if (version_ == version) return;
@@ -114,7 +114,7 @@ void UrlStateFile::Update(const HttpClientFactory& http) {
 }
 
 void UrlStateFile::Close() {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   for (UrlState& each : urls_) each.http.waitsUntil.reset();
   Write();
   closed_ = true;

@@ -44,7 +44,7 @@ class UrlStateFile {
   void Write();
 
   const std::filesystem::path file_;
-  std::mutex lock_;  // guards the rest; held while the file is written
+  std::mutex mutex_;  // guards the rest; held while the file is written
   std::vector<UrlState> urls_;
   std::string written_;
   std::optional<std::uint64_t> version_;  // of what the client knew at the last update

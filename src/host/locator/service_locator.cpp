@@ -7,7 +7,7 @@ namespace veld_report::host {
 
 void ServiceLocator::Store(zel::InterfaceId interfaceId, zel::Ref<zel::IObject> keeper, void* exact) {
   Entry entry{std::move(keeper), exact};
-  const std::unique_lock guard(lock_);
+  const std::unique_lock lock(mutex_);
   if (exact) {
     std::swap(entries_[interfaceId], entry);
   } else if (const auto found = entries_.find(interfaceId); found != entries_.end()) {
@@ -19,14 +19,14 @@ void ServiceLocator::Store(zel::InterfaceId interfaceId, zel::Ref<zel::IObject> 
 
 void ServiceLocator::Clear() {
   std::map<zel::InterfaceId, Entry> old;
-  const std::unique_lock guard(lock_);
+  const std::unique_lock lock(mutex_);
   old.swap(entries_);
 }
 
 zel::ResultCode ServiceLocator::GetInterface(zel::InterfaceId interfaceId, std::uint32_t, void** out) {
   return Guarded([&] {
     *out = nullptr;
-    const std::shared_lock guard(lock_);
+    const std::shared_lock lock(mutex_);
     const auto found = entries_.find(interfaceId);
     if (found == entries_.end()) return zel::eInterfaceNotSupported;
     found->second.keeper->AddRef();

@@ -40,7 +40,7 @@ class ServiceLocator final : public HostObject<zel::IServiceLocator> {
 
   void Store(zel::InterfaceId interfaceId, zel::Ref<zel::IObject> keeper, void* exact);
 
-  std::shared_mutex lock_;  // guards entries_; no service is released under it
+  std::shared_mutex mutex_;  // guards entries_; no service is released under it
   std::map<zel::InterfaceId, Entry> entries_;
 };
 

@@ -127,7 +127,7 @@ bool QueueStore::IsExpired(const ItemRow& row) const {
 bool QueueStore::HoldsLease() {
   if (!options_.shared || lease_) return true;
   try {
-    lease_ = FileLock::Try(path_.string() + ".lease", FileLock::Kind::kExclusive, nullptr);
+    lease_ = FileLock::Try(path_.string() + ".lease", FileLock::Kind::exclusive, nullptr);
   } catch (const StoreError& error) {
     Trace(failureLevel, error.what());
   }

@@ -77,7 +77,7 @@ class Manager final : public HostObject<orvel::IQueueManager> {
 
 std::shared_ptr<FileLock> LockFolder(const QueueServiceOptions& options) {
   if (options.inspectOnly) return std::make_shared<FileLock>();
-  const auto kind = options.shared ? FileLock::Kind::kShared : FileLock::Kind::kExclusive;
+  const auto kind = options.shared ? FileLock::Kind::shared : FileLock::Kind::exclusive;
   return std::make_shared<FileLock>(LockStoreFolder(options.folder, kind));
 }
 

@@ -42,7 +42,7 @@ struct QueueServiceOptions {
   // and removing answer 0x80000042.
   bool inspectOnly = false;
   // Whether a store's structure is checked when it is opened, unless it is large and known to be sound
-  // (sound_mark.h); costs a pass over the file.
+  // (clean_marker.h); costs a pass over the file.
   bool checkAtOpen = true;
 
   // Gets failures, and what a person should know; may be null. Called on any thread, also while a lock of the

@@ -30,9 +30,9 @@
 #include <vector>
 
 #include "host/queue/claim_list.h"
+#include "host/queue/clean_marker.h"
 #include "host/queue/queue_service_options.h"
 #include "host/queue/queue_writer.h"
-#include "host/queue/sound_mark.h"
 #include "host/queue/store_file.h"
 #include "host/queue/store_folder.h"
 #include "types/result_code.h"
@@ -138,7 +138,7 @@ class QueueStore {
   // Guards everything below; held across the file's operations.
   std::mutex mutex_;
   DiskReserve reserve_;
-  SoundMark mark_;
+  CleanMarker mark_;
   std::unique_ptr<StoreFile> file_;  // null only at the very end
   QueueWriter writer_;
   std::int64_t dataVersion_ = 0;

@@ -122,7 +122,7 @@ void SqliteConnection::Close::operator()(sqlite3* handle) const { sqlite3_close_
 
 SqliteConnection::SqliteConnection(const std::filesystem::path& file, Access access, const std::string& vfs) {
   const int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE |
-                    (access == Access::kRead ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
+                    (access == Access::read ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
   sqlite3* handle = nullptr;
   const int code = sqlite3_open_v2(file.c_str(), &handle, flags, vfs.empty() ? nullptr : vfs.c_str());
   handle_.reset(handle);

@@ -82,7 +82,7 @@ class StatementScope {
 
 class SqliteConnection {
  public:
-  enum class Access { kRead, kReadWrite };
+  enum class Access { read, readWrite };
 
   // Opens an existing file; it is never created here. `vfs`: name of a registered SQLite VFS, empty for the
   // default. Throws SqliteError.

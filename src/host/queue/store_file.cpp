@@ -32,7 +32,7 @@ std::string InsertSql(std::size_t rows) {
 }  // namespace
 
 SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const Settings& settings) {
-  SqliteConnection connection(file, SqliteConnection::Access::kReadWrite, settings.vfs);
+  SqliteConnection connection(file, SqliteConnection::Access::readWrite, settings.vfs);
   // A file that is refused stays exactly as it is.
   connection.KeepLogOnClose(true);
   if (settings.inspectOnly) {

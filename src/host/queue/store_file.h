@@ -15,9 +15,9 @@
 #include <string_view>
 #include <vector>
 
-#include "host/queue/log_keeper.h"
 #include "host/queue/queue_ledger.h"
 #include "host/queue/sqlite_connection.h"
+#include "host/queue/wal_checkpointer.h"
 
 namespace veld_report::host {
 
@@ -52,7 +52,7 @@ class StoreFile {
     bool syncEveryCommit = false;
     bool inspectOnly = false;  // nothing is written, the layout must be the present one
     std::string vfs{};
-    // The log is written back by a thread (log_keeper.h).
+    // The log is written back by a thread (wal_checkpointer.h).
     bool logThread = false;
   };
 
@@ -133,7 +133,7 @@ class StoreFile {
   SqliteStatement deleteItems_;
   SqliteStatement next_;
   SqliteStatement dataVersion_;
-  std::optional<LogKeeper> log_;
+  std::optional<WalCheckpointer> log_;
 };
 
 }  // namespace veld_report::host

@@ -49,7 +49,7 @@ void SyncFolder(const std::filesystem::path& folder) noexcept {
 }
 
 int LockOperation(FileLock::Kind kind) {
-  return (kind == FileLock::Kind::kShared ? LOCK_SH : LOCK_EX) | LOCK_NB;
+  return (kind == FileLock::Kind::shared ? LOCK_SH : LOCK_EX) | LOCK_NB;
 }
 
 }  // namespace

@@ -37,7 +37,7 @@ bool PreparePrivateFile(const std::filesystem::path& file);
 // An advisory lock on a file. It ends with the object, and with the process however that ends.
 class FileLock {
  public:
-  enum class Kind { kExclusive, kShared };
+  enum class Kind { exclusive, shared };
 
   FileLock() = default;
   FileLock(FileLock&& other) noexcept;
@@ -59,7 +59,7 @@ class FileLock {
 
  private:
   int descriptor_ = -1;
-  Kind kind_ = Kind::kExclusive;
+  Kind kind_ = Kind::exclusive;
 };
 
 }  // namespace veld_report::host

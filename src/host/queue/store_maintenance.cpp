@@ -15,7 +15,7 @@ FileLock LockExistingFolder(const std::filesystem::path& folder) {
   if (!std::filesystem::is_directory(folder)) {
     throw StoreError("there is no folder " + folder.string() + ": name the folder of the store");
   }
-  return LockStoreFolder(folder, FileLock::Kind::kExclusive);
+  return LockStoreFolder(folder, FileLock::Kind::exclusive);
 }
 
 std::uint64_t SizeOnDisk(const std::filesystem::path& file) {
@@ -109,8 +109,8 @@ std::vector<SalvageReport> SalvageStore(const std::filesystem::path& folder, zel
   for (const std::string& domain : StoredDomains(folder)) {
     const auto file = StoreFilePath(folder, domain);
     DiskReserve reserve(file.string() + ".reserve");
-    SoundMark mark(file);
-    const auto store = OpenStoreFile(options, file, lock, reserve, mark, Salvaging::kLater);
+    CleanMarker mark(file);
+    const auto store = OpenStoreFile(options, file, lock, reserve, mark, Salvaging::later);
     for (const auto& damaged : DamagedFilesOf(file)) {
       if (!IsSalvaged(damaged)) reports.push_back(SalvageInto(*store, damaged, {}));
     }

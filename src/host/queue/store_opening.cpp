@@ -32,7 +32,7 @@ FileLock LockOpening(const std::filesystem::path& file) {
   const auto deadline = std::chrono::steady_clock::now() + openingTime;
   while (true) {
     std::string holder;
-    FileLock lock = FileLock::Try(lockFile, FileLock::Kind::kExclusive, &holder);
+    FileLock lock = FileLock::Try(lockFile, FileLock::Kind::exclusive, &holder);
     if (lock) return lock;
     if (std::chrono::steady_clock::now() > deadline) {
       throw StoreError("process " + holder + " has been opening the store " + file.string() +
@@ -43,7 +43,7 @@ FileLock LockOpening(const std::filesystem::path& file) {
 }
 
 std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options, const std::filesystem::path& file,
-                                       const SoundMark& mark) {
+                                       const CleanMarker& mark) {
   // Before SQLite brings the log's content into the file.
   const bool check = options.checkAtOpen && !mark.Vouches();
   auto opened = std::make_unique<StoreFile>(file, FileSettings(options));
@@ -62,7 +62,7 @@ bool IsEmptyWithLog(const std::filesystem::path& file) {
 
 // Nothing if the file is damaged: then `*damage` says how.
 std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std::filesystem::path& file,
-                                   DiskReserve& reserve, const SoundMark& mark, std::string* damage) {
+                                   DiskReserve& reserve, const CleanMarker& mark, std::string* damage) {
   if (IsEmptyWithLog(file)) {
     *damage = "its file is empty, its log isn't";
     return nullptr;
@@ -97,12 +97,12 @@ std::unique_ptr<StoreFile> Replace(const QueueServiceOptions& options, const std
 std::unique_ptr<StoreFile> ReplaceAlone(const QueueServiceOptions& options, const std::filesystem::path& file,
                                         const std::string& damage, FileLock& folderLock) {
   if (!options.shared) return Replace(options, file, damage);
-  if (!folderLock.Change(FileLock::Kind::kExclusive)) {
+  if (!folderLock.Change(FileLock::Kind::exclusive)) {
     throw StoreError("the store " + file.string() + " is damaged (" + damage +
                      ") and other processes use it: end them, and the next start repairs it");
   }
   auto replaced = Replace(options, file, damage);
-  folderLock.Change(FileLock::Kind::kShared);
+  folderLock.Change(FileLock::Kind::shared);
   return replaced;
 }
 
@@ -124,7 +124,7 @@ void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesyst
 
 std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
                                          const std::filesystem::path& file, FileLock& folderLock,
-                                         DiskReserve& reserve, SoundMark& mark, Salvaging salvaging) {
+                                         DiskReserve& reserve, CleanMarker& mark, Salvaging salvaging) {
   if (options.inspectOnly) return std::make_unique<StoreFile>(file, FileSettings(options));
   FileLock opening;
   if (options.shared) opening = LockOpening(file);
@@ -133,7 +133,7 @@ std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
   auto store = TryOpen(options, file, reserve, mark, &damage);
   if (!store) store = ReplaceAlone(options, file, damage, folderLock);
   mark.NoteOpened();
-  if (salvaging == Salvaging::kAtOnce) SalvageDamagedFiles(options, file, *store);
+  if (salvaging == Salvaging::atOnce) SalvageDamagedFiles(options, file, *store);
   return store;
 }
 

@@ -4,16 +4,16 @@
 #include <filesystem>
 #include <memory>
 
+#include "host/queue/clean_marker.h"
 #include "host/queue/disk_reserve.h"
 #include "host/queue/queue_service_options.h"
-#include "host/queue/sound_mark.h"
 #include "host/queue/store_file.h"
 #include "host/queue/store_folder.h"
 
 namespace veld_report::host {
 
 // Whether a damaged store is salvaged at once, or the caller does it.
-enum class Salvaging { kAtOnce, kLater };
+enum class Salvaging { atOnce, later };
 
 // Makes the file if there is none, lays it out or brings it up to date, and checks it unless `mark` vouches
 // for it. One that can't be read or fails its check is moved aside, and what can be read of it is put into a
@@ -23,8 +23,8 @@ enum class Salvaging { kAtOnce, kLater };
 // processes use, and SqliteError where neither damage nor the layout is the reason.
 std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
                                          const std::filesystem::path& file, FileLock& folderLock,
-                                         DiskReserve& reserve, SoundMark& mark,
-                                         Salvaging salvaging = Salvaging::kAtOnce);
+                                         DiskReserve& reserve, CleanMarker& mark,
+                                         Salvaging salvaging = Salvaging::atOnce);
 
 // Milliseconds since 1970, by the options' clock.
 std::int64_t NowMs(const QueueServiceOptions& options);

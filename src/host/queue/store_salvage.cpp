@@ -37,7 +37,7 @@ void RemoveWithCompanions(const std::filesystem::path& file) {
 }
 
 std::unique_ptr<SqliteConnection> OpenUnchanged(const std::filesystem::path& file, const std::string& vfs) {
-  auto connection = std::make_unique<SqliteConnection>(file, SqliteConnection::Access::kReadWrite, vfs);
+  auto connection = std::make_unique<SqliteConnection>(file, SqliteConnection::Access::readWrite, vfs);
   connection->KeepLogOnClose(true);
   return connection;
 }

@@ -13,16 +13,16 @@ class CallGate {
   // Held by a call as long as it is inside. False if the gate is shut.
   class Pass {
    public:
-    explicit Pass(CallGate& gate) : lock_(gate.inside_, std::defer_lock) {
+    explicit Pass(CallGate& gate) : mutex_(gate.inside_, std::defer_lock) {
       if (gate.IsShut()) return;
-      lock_.lock();
+      mutex_.lock();
       // It may have been shut meanwhile. Without the first test a steady stream of calls could keep Shut out.
-      if (gate.IsShut()) lock_.unlock();
+      if (gate.IsShut()) mutex_.unlock();
     }
-    explicit operator bool() const { return lock_.owns_lock(); }
+    explicit operator bool() const { return mutex_.owns_lock(); }
 
    private:
-    std::shared_lock<std::shared_mutex> lock_;
+    std::shared_lock<std::shared_mutex> mutex_;
   };
 
   // For calls that stay inside for long: they must leave soon once this is true.

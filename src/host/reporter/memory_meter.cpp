@@ -3,7 +3,7 @@
 namespace veld_report {
 
 bool MemoryMeter::HasRoom() {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   // The kit is asked now and then only: the answer changes with each cycle, not with each record.
   constexpr std::uint64_t questionEvery = 64;
   if (submitted_ % questionEvery == 0 || submitted_ - moved_ >= limit_) {
@@ -14,12 +14,12 @@ bool MemoryMeter::HasRoom() {
 }
 
 void MemoryMeter::Add() {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   ++submitted_;
 }
 
 std::uint64_t MemoryMeter::InMemory() {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   Refresh();
   return submitted_ - moved_;
 }

@@ -30,7 +30,7 @@ class MemoryMeter {
   host::HostKit& kit_;
   const std::uint64_t limit_;
 
-  std::mutex lock_;  // guards the rest; held across questions to the kit
+  std::mutex mutex_;  // guards the rest; held across questions to the kit
   std::uint64_t submitted_ = 0;
   std::uint64_t moved_ = 0;  // of those, how many are known to have left memory
   // A cycle that is not among the first `runsAtMark_` finds the first `mark_` records in memory and moves

@@ -55,14 +55,14 @@ std::string WhyRefused(const host::Submission& submission, bool isJson, std::str
 
 void ListenerSlot::Set(Listener listener) {
   auto fresh = listener ? std::make_shared<const Listener>(std::move(listener)) : nullptr;
-  const std::lock_guard guard(lock_);
+  const std::lock_guard lock(mutex_);
   listener_.swap(fresh);
 }
 
 void ListenerSlot::Call(const FinishedRequest& request) const {
   std::shared_ptr<const Listener> listener;
   {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard lock(mutex_);
     listener = listener_;
   }
   if (listener) (*listener)(request);
@@ -82,14 +82,14 @@ Reporter::Core::Core(ReporterOptions options)
     memory_ = std::make_unique<MemoryMeter>(*kit_, options.memoryLimitRecords);
     AdoptSettings(SettingsOf(options));
     // What an earlier run left behind goes out without waiting for a first record.
-    kit_->Nudge();
+    kit_->TriggerCycle();
   });
 }
 
 Reporter::Core::~Core() { Close(closeDeadline_); }
 
 std::string Reporter::Core::CheckConsumer(std::string_view consumer) const {
-  const std::lock_guard guard(settingsLock_);
+  const std::lock_guard lock(settingsMutex_);
   if (settings_.endpoints.empty()) return "there is no endpoint; set one in the settings";
   if (consumer.empty() || consumers_.contains(consumer)) return {};
   return "no endpoint has the consumer \"" + std::string(consumer) + "\"; name one of the settings, or none";
@@ -144,7 +144,7 @@ bool Reporter::Core::Close(milliseconds deadline) noexcept {
   TimePoint earliest = closeBy_.load();
   while (end < earliest && !closeBy_.compare_exchange_weak(earliest, end)) {
   }
-  const std::lock_guard guard(closeLock_);
+  const std::lock_guard lock(closeMutex_);
   if (!std::exchange(closed_, true)) CloseOnce();
   return flushedAtClose_;
 }
@@ -165,7 +165,7 @@ void Reporter::Core::AdoptSettings(const Settings& settings) {
     if (!endpoint.consumer.empty()) consumers.insert(endpoint.consumer);
   }
   Settings copy = settings;
-  const std::lock_guard guard(settingsLock_);
+  const std::lock_guard lock(settingsMutex_);
   std::swap(settings_, copy);
   consumers_.swap(consumers);
 }
@@ -174,14 +174,14 @@ void Reporter::Core::SetSettings(const Settings& settings) {
   Translated([&] {
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
-    const std::lock_guard guard(changeLock_);
+    const std::lock_guard lock(changeMutex_);
     kit_->SetSettings(KitSettingsOf(settings));
     AdoptSettings(settings);
   });
 }
 
 Settings Reporter::Core::CurrentSettings() const {
-  const std::lock_guard guard(settingsLock_);
+  const std::lock_guard lock(settingsMutex_);
   return settings_;
 }
 

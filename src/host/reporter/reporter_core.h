@@ -24,7 +24,7 @@ class ListenerSlot {
   void Call(const FinishedRequest& request) const;
 
  private:
-  mutable std::mutex lock_;  // guards listener_; not held across a call of it
+  mutable std::mutex mutex_;  // guards listener_; not held across a call of it
   std::shared_ptr<const Listener> listener_;
 };
 
@@ -64,19 +64,19 @@ class Reporter::Core {
   std::atomic<std::uint64_t> submitted_{0};
   std::atomic<std::uint64_t> refused_{0};
 
-  mutable std::mutex settingsLock_;  // guards the two below, for moments
+  mutable std::mutex settingsMutex_;  // guards the two below, for moments
   Settings settings_;
   std::set<std::string, std::less<>> consumers_;
 
   std::mutex
-      changeLock_;  // held across a change of the settings, so that they change in one order everywhere
+      changeMutex_;  // held across a change of the settings, so that they change in one order everywhere
   // Created by the constructor, gone with the object; closed by CloseOnce.
   std::unique_ptr<host::HostKit> kit_;
   std::unique_ptr<Flusher> flusher_;
   std::unique_ptr<MemoryMeter> memory_;
 
   std::atomic<TimePoint> closeBy_{TimePoint::max()};  // the earliest end that a Close has asked for
-  std::mutex closeLock_;                              // held across the close; guards the two below
+  std::mutex closeMutex_;                             // held across the close; guards the two below
   bool closed_ = false;
   bool flushedAtClose_ = false;
 };

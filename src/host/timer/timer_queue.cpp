@@ -34,7 +34,7 @@ void TimerQueue::Loop() {
 
 void TimerQueue::RunFirst(std::unique_lock<std::mutex>& lock) {
   zel::IRunnable* const sink = order_.begin()->sink;
-  if (sink == hurriedSink_ && !order_.begin()->hurried) hurriedInARow_ = 0;
+  if (sink == soonSink_ && !order_.begin()->soon) soonInARow_ = 0;
   Remove(sink);
   running_ = sink;
   runningCancelled_ = false;
@@ -68,8 +68,8 @@ void TimerQueue::Stop() {
   finished_.notify_all();
 }
 
-void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool hurried) {
-  const Firing firing{clock_->Now() + delay, sequence_++, sink, hurried, delay};
+void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool soon) {
+  const Firing firing{clock_->Now() + delay, sequence_++, sink, soon, delay};
   const auto place = order_.insert(firing).first;
   try {
     pending_.emplace(sink, firing);
@@ -81,11 +81,10 @@ void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, b
 }
 
 // Without memory of its own: a sink that is armed stays so.
-void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due,
-                      bool hurried) {
+void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool soon) {
   auto node = order_.extract(pending->second);
   pending->second.due = due;
-  pending->second.hurried = hurried;
+  pending->second.soon = soon;
   node.value() = pending->second;
   // First the insertion, then the question: in one expression the compiler may ask for begin() before it.
   const auto place = order_.insert(std::move(node)).position;
@@ -104,18 +103,18 @@ zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
   const std::lock_guard lock(mutex_);
   if (stopped_ || (runningCancelled_ && running_ == sink)) return zel::eInvalidState;
   std::chrono::milliseconds delay(delayMs);
-  const bool hurried = sink == hurriedSink_ && hurry_ && *hurry_ < delay;
-  if (hurried) delay = *hurry_;
-  if (sink == hurriedSink_) hurry_.reset();
+  const bool soon = sink == soonSink_ && soonDelay_ && *soonDelay_ < delay;
+  if (soon) delay = *soonDelay_;
+  if (sink == soonSink_) soonDelay_.reset();
   const auto found = pending_.find(sink);
   if (found == pending_.end()) {
-    Insert(sink, delay, hurried);
+    Insert(sink, delay, soon);
     return zel::sOk;
   }
   // Every submission comes here: a delay that is no shorter needs no look at the clock.
   if (delay >= found->second.delay) return zel::sOk;
   const Clock::TimePoint due = clock_->Now() + delay;
-  if (due < found->second.due) Move(found, due, hurried);
+  if (due < found->second.due) Move(found, due, soon);
   return zel::sOk;
 }
 
@@ -144,18 +143,18 @@ std::size_t TimerQueue::FireNow() {
   return order_.size();
 }
 
-bool TimerQueue::Hurry(std::uint32_t delayMs, std::uint32_t mostInARow) {
+bool TimerQueue::RunSoon(std::uint32_t delayMs, std::uint32_t mostInARow) {
   const std::lock_guard lock(mutex_);
   if (!running_) return false;
-  if (running_ != hurriedSink_) hurriedInARow_ = 0;
-  hurriedSink_ = running_;
-  if (hurriedInARow_ >= mostInARow) return false;
-  ++hurriedInARow_;
+  if (running_ != soonSink_) soonInARow_ = 0;
+  soonSink_ = running_;
+  if (soonInARow_ >= mostInARow) return false;
+  ++soonInARow_;
   const std::chrono::milliseconds delay(delayMs);
   const Clock::TimePoint due = clock_->Now() + delay;
   const auto found = pending_.find(running_);
   if (found == pending_.end()) {
-    hurry_ = delay;
+    soonDelay_ = delay;
   } else if (due < found->second.due) {
     Move(found, due, true);
   }

@@ -39,7 +39,7 @@ class TimerQueue final : private IClockListener {
   void Cancel(zel::IRunnable* sink);
 
   std::size_t FireNow();
-  bool Hurry(std::uint32_t delayMs, std::uint32_t mostInARow);
+  bool RunSoon(std::uint32_t delayMs, std::uint32_t mostInARow);
   bool IsArmed() const;
   std::uint64_t RunsStarted() const;
   std::uint64_t FailedRuns() const;
@@ -50,7 +50,7 @@ class TimerQueue final : private IClockListener {
     Clock::TimePoint due;
     std::uint64_t sequence;  // of two due at once, the one armed first runs first
     zel::IRunnable* sink;
-    bool hurried = false;
+    bool soon = false;
     std::chrono::milliseconds delay{0};  // with which it was armed; it may have been brought forward since
     friend bool operator<(const Firing& left, const Firing& right) {
       return std::tie(left.due, left.sequence) < std::tie(right.due, right.sequence);
@@ -58,8 +58,8 @@ class TimerQueue final : private IClockListener {
   };
 
   void OnClockAdvanced() override;
-  void Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool hurried);
-  void Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool hurried);
+  void Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool soon);
+  void Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool soon);
   void Remove(zel::IRunnable* sink);
   void RunFirst(std::unique_lock<std::mutex>& lock);
   bool RunGuarded(zel::IRunnable* sink) noexcept;
@@ -80,10 +80,10 @@ class TimerQueue final : private IClockListener {
   std::uint64_t runsStarted_ = 0;
   std::uint64_t runsFinished_ = 0;
   std::uint64_t failedRuns_ = 0;
-  // Of the sink that Hurry was last called for; only compared.
-  const zel::IRunnable* hurriedSink_ = nullptr;
-  std::optional<std::chrono::milliseconds> hurry_;  // the longest delay of its next arming
-  std::uint32_t hurriedInARow_ = 0;
+  // Of the sink that RunSoon was last called for; only compared.
+  const zel::IRunnable* soonSink_ = nullptr;
+  std::optional<std::chrono::milliseconds> soonDelay_;  // the longest delay of its next arming
+  std::uint32_t soonInARow_ = 0;
   bool stopped_ = false;
 };
 

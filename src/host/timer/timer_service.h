@@ -50,7 +50,7 @@ class TimerService final : public HostObject<zel::ITimerService> {
   // most so many milliseconds from here, or from its next ArmTimer. Does nothing and returns false if no Run
   // is in progress, or once it has done so `mostInARow` times for this sink without a firing in between that
   // came at its own time, so a Run that is always cut short doesn't turn into a busy loop.
-  bool Hurry(std::uint32_t delayMs, std::uint32_t mostInARow);
+  bool RunSoon(std::uint32_t delayMs, std::uint32_t mostInARow);
   // Whether any firing is pending. A Run in progress doesn't count.
   bool IsArmed() const;
   // How many Runs have begun, of all sinks.

@@ -81,7 +81,7 @@ zel::ResultCode LineTracer::AcquireBuffer(std::uint32_t level, char** buffer, st
 zel::ResultCode LineTracer::Acquire(std::uint32_t level, char** buffer, std::uint64_t size) {
   char* found = nullptr;
   if (size <= pooledBytes) {
-    const std::lock_guard guard(poolLock_);
+    const std::lock_guard lock(poolMutex_);
     if (!pool_.empty()) {
       found = pool_.back();
       pool_.pop_back();
@@ -120,7 +120,7 @@ zel::ResultCode LineTracer::CommitBuffer(char* buffer, std::uint64_t length) {
 
 void LineTracer::Recycle(char* buffer) {
   if (HeaderOf(buffer)->capacity == pooledBytes) {
-    const std::lock_guard guard(poolLock_);
+    const std::lock_guard lock(poolMutex_);
     if (pool_.size() < poolLimit) {
       pool_.push_back(buffer);
       return;
@@ -130,7 +130,7 @@ void LineTracer::Recycle(char* buffer) {
 }
 
 void LineTracer::WriteLine(std::uint32_t level, std::string_view text) {
-  const std::lock_guard guard(outputLock_);
+  const std::lock_guard lock(outputMutex_);
   line_.clear();
   AppendTime(line_);
   line_.append(" ").append(std::to_string(level)).append(" ");

@@ -59,11 +59,11 @@ class LineTracer final : public HostObject<zel::ITracer> {
   std::atomic<std::uint64_t> dropped_{0};
   const std::function<void(std::string_view)> sink_;
 
-  std::mutex outputLock_;  // guards file_, line_ and the call of sink_; held across one write
+  std::mutex outputMutex_;  // guards file_, line_ and the call of sink_; held across one write
   std::unique_ptr<TraceFile> file_;
   std::string line_;
 
-  std::mutex poolLock_;  // guards pool_, for moments
+  std::mutex poolMutex_;  // guards pool_, for moments
   std::vector<char*> pool_;
 };
 

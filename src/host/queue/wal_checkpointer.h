@@ -1,4 +1,4 @@
-// LogKeeper, the thread that writes a store's log back into its file while the store goes on.
+// WalCheckpointer, the thread that writes a store's log back into its file while the store goes on.
 //
 // SQLite does this in the commit that fills the log: two syncs, during which nobody pushes or reads. Here the
 // log may grow on meanwhile, up to four times its usual size; only a writer that outruns the disk waits. On a
@@ -17,12 +17,12 @@ namespace veld_report::host {
 
 // Its own connection and thread come into being when they are first needed. One thread at a time, the one
 // that uses the file's main connection; the object must go before that connection.
-class LogKeeper {
+class WalCheckpointer {
  public:
-  explicit LogKeeper(const std::filesystem::path& file) : file_(file) {}
-  LogKeeper(const LogKeeper&) = delete;
-  LogKeeper& operator=(const LogKeeper&) = delete;
-  ~LogKeeper();
+  explicit WalCheckpointer(const std::filesystem::path& file) : file_(file) {}
+  WalCheckpointer(const WalCheckpointer&) = delete;
+  WalCheckpointer& operator=(const WalCheckpointer&) = delete;
+  ~WalCheckpointer();
 
   // Told after each commit how many pages the log holds. Returns whether the caller must write it back
   // itself.

@@ -1,4 +1,4 @@
-// SoundMark, a note beside a store that its file needs no check at the next opening.
+// CleanMarker, a note beside a store that its file needs no check at the next opening.
 //
 // A check reads the whole file, seconds for millions of items. The note vouches for a file that was checked
 // or made once and that only SQLite has written since: either the last process closed it and it has not been
@@ -13,10 +13,10 @@
 
 namespace veld_report::host {
 
-class SoundMark {
+class CleanMarker {
  public:
   // `file`: the store's. An empty path makes a mark that does nothing.
-  explicit SoundMark(const std::filesystem::path& file);
+  explicit CleanMarker(const std::filesystem::path& file);
 
   bool Vouches() const;
   // The file is sound and about to be written.

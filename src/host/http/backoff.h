@@ -1,4 +1,4 @@
-// HoldBack, the memory of how urls have answered, and the decision whether a request may go.
+// Backoff, the memory of how urls have answered, and the decision whether a request may go.
 #pragma once
 
 #include <atomic>
@@ -17,10 +17,10 @@ namespace veld_report::host {
 
 // Keeps a row for each url: rows don't know each other, so that one url in trouble holds up no other.
 // Threads: any.
-class HoldBack {
+class Backoff {
  public:
   // `random` gives numbers evenly in [0, 1).
-  HoldBack(const HoldBackOptions& options, std::shared_ptr<Clock> clock, std::function<double()> random);
+  Backoff(const BackoffOptions& options, std::shared_ptr<Clock> clock, std::function<double()> random);
 
   // Returns when the request starts, or nothing if the url is to be left alone for the time being.
   std::optional<Clock::TimePoint> Start(const std::string& url) const;
@@ -47,7 +47,7 @@ class HoldBack {
   void Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome);
   Clock::TimePoint WaitAfterFailure(const Row& row, const HttpOutcome& outcome) const;
 
-  const HoldBackOptions options_;
+  const BackoffOptions options_;
   const std::shared_ptr<Clock> clock_;
   const std::function<double()> random_;
 

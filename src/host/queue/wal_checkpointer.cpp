@@ -1,4 +1,4 @@
-#include "host/queue/log_keeper.h"
+#include "host/queue/wal_checkpointer.h"
 
 #include <sys/statvfs.h>
 
@@ -13,7 +13,7 @@ constexpr unsigned long plentyOfBytes = 256UL << 20;
 
 }  // namespace
 
-LogKeeper::~LogKeeper() {
+WalCheckpointer::~WalCheckpointer() {
   if (!thread_.joinable()) return;
   {
     const std::lock_guard lock(mutex_);
@@ -23,7 +23,7 @@ LogKeeper::~LogKeeper() {
   thread_.join();
 }
 
-bool LogKeeper::MustWriteBack(int pages) {
+bool WalCheckpointer::MustWriteBack(int pages) {
   if (pages < pagesAtStart_) pagesAtStart_ = 0;  // the log has begun anew
   if (pages < mostLogPages && pages - pagesAtStart_ < logPages) return false;
   if (pages >= mostLogPages || !HasRoom() || !Start()) {
@@ -41,16 +41,16 @@ bool LogKeeper::MustWriteBack(int pages) {
   return false;
 }
 
-bool LogKeeper::HasRoom() const {
+bool WalCheckpointer::HasRoom() const {
   struct statvfs disk {};
   return statvfs(file_.parent_path().c_str(), &disk) == 0 && disk.f_bavail * disk.f_frsize >= plentyOfBytes;
 }
 
 // Returns false where there is no thread or connection to be had just now.
-bool LogKeeper::Start() noexcept {
+bool WalCheckpointer::Start() noexcept {
   if (thread_.joinable()) return true;
   try {
-    connection_.emplace(file_, SqliteConnection::Access::kReadWrite);
+    connection_.emplace(file_, SqliteConnection::Access::readWrite);
     connection_->Execute("PRAGMA synchronous=NORMAL");
     thread_ = StartServiceThread("veld-log", [this] { Run(); });
     return true;
@@ -60,12 +60,12 @@ bool LogKeeper::Start() noexcept {
   }
 }
 
-void LogKeeper::WaitUntilIdle() {
+void WalCheckpointer::WaitUntilIdle() {
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [&] { return !asked_; });
 }
 
-void LogKeeper::Run() {
+void WalCheckpointer::Run() {
   std::unique_lock lock(mutex_);
   while (true) {
     changed_.wait(lock, [&] { return asked_ || stopping_; });

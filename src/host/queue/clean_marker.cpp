@@ -1,4 +1,4 @@
-#include "host/queue/sound_mark.h"
+#include "host/queue/clean_marker.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -41,10 +41,10 @@ bool HasLog(const std::filesystem::path& file) {
 
 }  // namespace
 
-SoundMark::SoundMark(const std::filesystem::path& file)
+CleanMarker::CleanMarker(const std::filesystem::path& file)
     : file_(file), mark_(file.empty() ? std::string() : file.string() + ".sound") {}
 
-bool SoundMark::Vouches() const {
+bool CleanMarker::Vouches() const {
   struct stat status {};
   if (file_.empty() || stat(file_.c_str(), &status) != 0 || status.st_size <= smallFileBytes) return false;
   const std::string line = FirstLine(mark_);
@@ -52,7 +52,7 @@ bool SoundMark::Vouches() const {
   return line == OpenText(status) || (line == ClosedText(status) && !HasLog(file_));
 }
 
-void SoundMark::NoteOpened() noexcept {
+void CleanMarker::NoteOpened() noexcept {
   struct stat status {};
   try {
     if (!file_.empty() && stat(file_.c_str(), &status) == 0) Write(OpenText(status));
@@ -61,7 +61,7 @@ void SoundMark::NoteOpened() noexcept {
   }
 }
 
-void SoundMark::NoteClosed() noexcept {
+void CleanMarker::NoteClosed() noexcept {
   struct stat status {};
   try {
     if (withdrawn_ || file_.empty() || stat(file_.c_str(), &status) != 0) return;
@@ -71,13 +71,13 @@ void SoundMark::NoteClosed() noexcept {
   }
 }
 
-void SoundMark::Withdraw() noexcept {
+void CleanMarker::Withdraw() noexcept {
   withdrawn_ = true;
   if (!file_.empty()) unlink(mark_.c_str());
 }
 
 // A line that is cut off by a full disk vouches for nothing.
-void SoundMark::Write(const std::string& text) noexcept {
+void CleanMarker::Write(const std::string& text) noexcept {
   const int descriptor = OpenPrivateFile(mark_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
   if (descriptor < 0) return;
   const bool written = write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());

@@ -1,4 +1,4 @@
-#include "host/http/hold_back.h"
+#include "host/http/backoff.h"
 
 #include <algorithm>
 #include <set>
@@ -32,11 +32,10 @@ std::string ErrorText(const HttpOutcome& outcome) {
 
 }  // namespace
 
-HoldBack::HoldBack(const HoldBackOptions& options, std::shared_ptr<Clock> clock,
-                   std::function<double()> random)
+Backoff::Backoff(const BackoffOptions& options, std::shared_ptr<Clock> clock, std::function<double()> random)
     : options_(options), clock_(std::move(clock)), random_(std::move(random)) {}
 
-std::optional<Clock::TimePoint> HoldBack::Start(const std::string& url) const {
+std::optional<Clock::TimePoint> Backoff::Start(const std::string& url) const {
   const std::lock_guard lock(mutex_);
   const Clock::TimePoint now = clock_->Now();
   const auto row = rows_.find(url);
@@ -44,7 +43,7 @@ std::optional<Clock::TimePoint> HoldBack::Start(const std::string& url) const {
   return now;
 }
 
-void HoldBack::End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
+void Backoff::End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
   if (outcome.code == zel::eOperationCancelled) return;
   const std::lock_guard lock(mutex_);
   const auto [place, added] = rows_.try_emplace(url);
@@ -53,7 +52,7 @@ void HoldBack::End(const std::string& url, Clock::TimePoint startedAt, const Htt
   if (added || place->second != before) version_.fetch_add(1, std::memory_order_release);
 }
 
-void HoldBack::Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
+void Backoff::Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
   row.lastError = ErrorText(outcome);
   if (!zel::Failed(outcome.code)) row.lastStatus = outcome.status;
   if (outcome.local || startedAt < row.failedAt) return;
@@ -67,7 +66,7 @@ void HoldBack::Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& out
   }
 }
 
-Clock::TimePoint HoldBack::WaitAfterFailure(const Row& row, const HttpOutcome& outcome) const {
+Clock::TimePoint Backoff::WaitAfterFailure(const Row& row, const HttpOutcome& outcome) const {
   if (!options_.enabled) return {};
   milliseconds wait(0);
   if (row.failures >= 2) {
@@ -84,14 +83,14 @@ Clock::TimePoint HoldBack::WaitAfterFailure(const Row& row, const HttpOutcome& o
   return clock_->Now() + wait;
 }
 
-void HoldBack::KeepOnly(const std::vector<std::string>& urls) {
+void Backoff::KeepOnly(const std::vector<std::string>& urls) {
   const std::set<std::string_view> kept(urls.begin(), urls.end());
   const std::lock_guard lock(mutex_);
   std::erase_if(rows_, [&](const auto& row) { return !kept.contains(row.first); });
   version_.fetch_add(1, std::memory_order_release);
 }
 
-std::vector<HttpClientState> HoldBack::States() const {
+std::vector<HttpClientState> Backoff::States() const {
   const std::lock_guard lock(mutex_);
   const Clock::TimePoint now = clock_->Now();
   const Clock::WallTimePoint wallNow = clock_->WallNow();
