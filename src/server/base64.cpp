@@ -57,7 +57,7 @@ std::string DecodeBase64(std::string_view text, std::string* bytes) {
     return "has " + std::to_string(text.size()) +
            " characters, which isn't a multiple of 4: it is cut or not padded";
   }
-  // What is left of a last group must be zero, or two texts would stand for the same bytes.
+  // The leftover bits of the last group must be zero, or two texts would stand for the same bytes.
   if (window != 0) return "ends in bits that stand for no byte, at character " + std::to_string(characters);
   *bytes = std::move(result);
   return {};

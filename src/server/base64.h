@@ -1,7 +1,7 @@
-// Strict decoding of base-64: the padded standard alphabet (RFC 4648 section 4) and nothing else.
+// Strict base64 decoding: the padded standard alphabet (RFC 4648 section 4) and nothing else.
 //
-// A library decoder that skips blanks or takes the URL-safe alphabet would pass messages that another server
-// refuses; this one accepts exactly one text for each sequence of bytes.
+// A library decoder that skips whitespace or accepts the URL-safe alphabet would pass messages that another
+// server rejects. This one accepts exactly one text for each sequence of bytes.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 
 namespace veld_report::server {
 
-// Puts the bytes into `bytes` and returns an empty text, or returns what is wrong and where, as the end of a
-// sentence that names the text ("has ... at character 7", counted from 1); then `bytes` is empty. Throws
-// std::bad_alloc. Threads: any.
+// Puts the bytes into `bytes` and returns an empty text. On an error it empties `bytes` and returns what is
+// wrong and where, as the end of a sentence that names the text ("has ... at character 7", counted from 1).
+// Throws std::bad_alloc. Threads: any.
 std::string DecodeBase64(std::string_view text, std::string* bytes);
 
 }  // namespace veld_report::server

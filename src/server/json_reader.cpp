@@ -18,7 +18,8 @@ bool IsHexDigit(char character) {
 
 using OnElement = std::function<void(std::string_view)>;
 
-// A recursive descent over one text. `members` and `onElement` receive the parts of the outermost value only.
+// A recursive descent parser over one text. Only the parts of the outermost value go to `members` and
+// `onElement`.
 class Scanner {
  public:
   Scanner(std::string_view text, std::size_t maxDepth) : text_(text), depthLeft_(maxDepth) {

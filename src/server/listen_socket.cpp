@@ -30,7 +30,7 @@ std::uint16_t PortOf(int handle) {
   sockaddr_storage storage{};
   socklen_t length = sizeof(storage);
   if (getsockname(handle, reinterpret_cast<sockaddr*>(&storage), &length) != 0) return 0;
-  // The port stands at the same place for both families.
+  // The port is at the same offset for both address families.
   return ntohs(reinterpret_cast<const sockaddr_in*>(&storage)->sin_port);
 }
 
@@ -41,7 +41,7 @@ ListenSocket OpenListenSocket(const std::string& address, std::uint16_t port) {
   const int handle =
       socket(list->ai_family, list->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, list->ai_protocol);
   const int yes = 1;
-  // A restarted server takes its port back while connections of the old one are still dying away.
+  // Lets a restarted server take its port back while connections of the old one are still closing.
   const bool listening = handle >= 0 &&
                          setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) == 0 &&
                          bind(handle, list->ai_addr, list->ai_addrlen) == 0 && listen(handle, SOMAXCONN) == 0;

@@ -13,13 +13,13 @@
 namespace veld_report::server {
 namespace {
 
-// A sentence that ends the check.
+// Ends the check. what() is the whole sentence.
 class Refusal : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// Runs a step of json_reader.h and makes its half sentence a whole one.
+// Runs a step of json_reader.h and completes the sentence of its error.
 template <class Step>
 auto Reading(const std::string& name, Step&& step) {
   try {
@@ -29,7 +29,7 @@ auto Reading(const std::string& name, Step&& step) {
   }
 }
 
-// The value of the one member that an object of the format has more of than `others` are expected in.
+// The value of the member `key`, which must be there exactly once.
 std::string_view TakeMember(const std::vector<JsonMember>& members, std::string_view key,
                             const std::string& owner) {
   const JsonMember* found = nullptr;
@@ -87,7 +87,7 @@ void AppendLine(std::string_view item, std::string* lines) {
   } else {
     std::string minified(item.size(), '\0');
     std::size_t length = 0;
-    // Can't fail: a text that has passed the grammar has no open string.
+    // Can't fail: a text that passed the grammar has no unclosed string.
     if (simdjson::minify(item.data(), item.size(), minified.data(), length)) {
       throw Refusal("an item can't be put on one line");
     }
@@ -102,7 +102,7 @@ void ReadItems(MessageContent* content) {
   RefuseOthers(members, "array", "array", "the payload");
   std::string lines;
   std::size_t count = 0;
-  lines.reserve(array.size());  // an item's line end is in place of its comma or of a bracket
+  lines.reserve(array.size());  // line ends take the place of commas and brackets
   Reading("\"array\" of the payload", [&] {
     ReadJsonArray(array, [&](std::string_view item) {
       AppendLine(item, &lines);

@@ -17,7 +17,7 @@ namespace {
 
 std::string Reason() { return std::generic_category().message(errno); }
 
-// Returns false, with errno set, when the file takes no more.
+// Returns false, with errno set, if the file can't be written.
 bool WriteAll(int file, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = write(file, text.data(), text.size());
@@ -57,7 +57,7 @@ void NdjsonFile::Open() {
   SyncFolder();
 }
 
-// A file that was just created is on the disk only when its folder is.
+// A new file is durable only once its folder is synced.
 void NdjsonFile::SyncFolder() const {
   std::filesystem::path folder = std::filesystem::path(path_).parent_path();
   if (folder.empty()) folder = ".";
@@ -127,7 +127,7 @@ std::string NdjsonFile::Write(const std::string& lines) {
   if (broken_)
     return "holds a piece of a line that can't be cut off; restart the server when the disk is well";
   if (!WriteAll(file_, lines)) return CutBack("can't be written: " + Reason());
-  // A failed sync says nothing about which bytes are safe, so all of the batch goes.
+  // After a failed sync nobody knows which bytes are safe, so the whole batch goes.
   if (fdatasync(file_) != 0) return CutBack("can't be synced: " + Reason());
   size_ += lines.size();
   return {};

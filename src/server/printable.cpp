@@ -5,12 +5,12 @@
 namespace veld_report::server {
 namespace {
 
-// Appends what stands at the front of `text`, made fit, and returns the bytes that it took.
+// Appends the first character of `text`, escaped if need be, and returns how many bytes it took.
 std::size_t AppendFirst(std::string_view text, std::string* result) {
   constexpr char digits[] = "0123456789abcdef";
   const auto byte = static_cast<unsigned char>(text[0]);
   const std::size_t length = host::ValidUtf8Prefix(text);
-  // U+0080 to U+009f are control characters as well, and a terminal may obey them.
+  // U+0080 to U+009f are control characters as well, and terminals may act on them.
   const bool control = byte < 0x20 || byte == 0x7f ||
                        (length == 2 && byte == 0xc2 && static_cast<unsigned char>(text[1]) < 0xa0);
   if (length != 0 && !control) {

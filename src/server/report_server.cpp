@@ -20,12 +20,11 @@
 namespace veld_report::server {
 namespace {
 
-// A body over the limit is read and dropped up to this many times the limit, so that a client that is still
-// sending can read the answer; beyond it the connection is closed.
+// A body over the limit is read and dropped up to this multiple of the limit, so that a client that is still
+// sending can read the answer. Beyond that the connection is closed.
 constexpr std::size_t drainFactor = 4;
 constexpr std::chrono::seconds stopPatience{2};
-// The library's own limit stands in for a moment in which many connections come and the cut ones haven't
-// gone.
+// Headroom in the library's own limit, for a burst of new connections while the cut ones are still closing.
 constexpr unsigned spareConnections = 32;
 
 struct Answer {
@@ -35,7 +34,7 @@ struct Answer {
 
 struct Request {
   ConnectionWatch::Connection* connection;
-  std::size_t declared;  // 0 for a body in chunks
+  std::size_t declared;  // 0 for a chunked body
   std::string body;
   std::size_t received = 0;
   bool answered = false;  // an answer was queued before the body was read
@@ -47,7 +46,7 @@ std::string_view Header(MHD_Connection* connection, const char* name) {
   return value ? value : "";
 }
 
-// The declared length, or 0 where there is none (a chunked body).
+// The declared length; 0 if there is none (a chunked body).
 std::size_t DeclaredLength(MHD_Connection* connection) {
   const std::string_view text = Header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
   std::size_t length = 0;
@@ -86,7 +85,7 @@ class ReportServer::Impl {
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::OnRequest, this,
         MHD_OPTION_LISTEN_SOCKET, socket_, MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
-        // The library gives each thread its share of this, and one thread may get them all.
+        // The library divides this among its threads, and one thread may get all connections.
         MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
         MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
         &Impl::OnCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::OnConnection, this, MHD_OPTION_END);
@@ -107,7 +106,7 @@ class ReportServer::Impl {
     }
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
-    // A quiesced daemon leaves its socket to its maker.
+    // A quiesced daemon leaves its socket to its owner.
     close(socket_);
   }
 
@@ -119,8 +118,8 @@ class ReportServer::Impl {
   std::atomic<std::uint64_t> refusedRequests{0};
 
  private:
-  // The library is C: nothing may be thrown through it. It calls once with the headers, once or more with
-  // pieces of the body, and once with no piece at the end.
+  // The library is written in C, so nothing may be thrown through it. It calls once with the headers, once or
+  // more with pieces of the body, and once with an empty piece at the end.
   static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char*, const char* method,
                               const char*, const char* data, std::size_t* size, void** state) noexcept {
     auto* const server = static_cast<Impl*>(self);
@@ -160,7 +159,7 @@ class ReportServer::Impl {
     try {
       *watched = watch.Opened(info->connect_fd);
     } catch (const std::exception&) {
-      *watched = nullptr;  // its first request ends it
+      *watched = nullptr;  // its first request closes it
     }
   }
 
@@ -200,7 +199,7 @@ class ReportServer::Impl {
     return MHD_YES;
   }
 
-  // Memory is taken as the body comes, not when a length is claimed.
+  // Memory is reserved as the body arrives, not by its declared length.
   bool MakeRoom(Request* request) {
     std::string& body = request->body;
     if (request->received <= body.capacity()) return true;
@@ -251,7 +250,7 @@ class ReportServer::Impl {
 
   std::mutex mutex_;  // guards `active_`
   std::condition_variable idle_;
-  std::size_t active_ = 0;  // requests that have begun and aren't completed
+  std::size_t active_ = 0;  // requests in progress
 };
 
 ReportServer::ReportServer(ReportServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}

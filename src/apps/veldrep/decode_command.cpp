@@ -1,4 +1,4 @@
-// veldrep decode: a captured body, layer by layer, by the very check that the report server makes.
+// veldrep decode: a captured body, layer by layer, by the same check that the report server uses.
 #include <cstdio>
 #include <memory>
 
@@ -28,7 +28,7 @@ std::string Hexadecimal(std::string_view bytes) {
 
 void PrintPayload(const server::MessageContent& content) {
   Print("payload: " + std::to_string(content.payloadText.size()) + " bytes");
-  // Items that couldn't be taken apart are still there to be read.
+  // Items that couldn't be split are still worth reading.
   if (content.itemCount == 0) Print("  text: " + server::WithoutControls(content.payloadText));
   if (content.itemCount != 0) Print("  items: " + std::to_string(content.itemCount));
   std::string_view lines = content.itemLines;

@@ -7,7 +7,7 @@
 
 namespace veld_report::app {
 
-// Reads a public key. Throws std::runtime_error with the path and what is wrong.
+// Reads a public key. Throws std::runtime_error with the path and the reason.
 server::SignatureVerifier VerifierFromFile(const std::string& path);
 
 }  // namespace veld_report::app

@@ -1,4 +1,4 @@
-// veldrep keygen: an Ed25519 pair, for send --sign and serve --key.
+// veldrep keygen: an Ed25519 key pair, for send --sign and serve --key.
 #include <cstdio>
 #include <memory>
 

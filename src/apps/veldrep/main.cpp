@@ -1,4 +1,4 @@
-// veldrep: the one program around the module and the report server.
+// veldrep: the command line program for the module and the report server.
 #include <vector>
 
 #include "apps/veldrep/command.h"
@@ -18,7 +18,7 @@ int Run(const Command& command) {
   }
 }
 
-// CLI11's own texts and exit codes, in this program's form.
+// Prints CLI11's errors in this program's form, with its exit codes.
 int Explain(const CLI::App& program, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) return program.exit(error);
   const auto chosen = program.get_subcommands();

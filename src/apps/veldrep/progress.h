@@ -1,4 +1,4 @@
-// The progress bar of send: one line on stderr that is written over, and only where stderr is a terminal.
+// The progress bar of send: one line on stderr that is overwritten, shown only if stderr is a terminal.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@ struct SendFigures {
   std::int64_t delivered = 0;   // items: a record counts once for each queue that it goes to
   std::int64_t waiting = 0;     // the same, in memory and in the queues
   std::uint64_t refusedLines = 0;
-  double readShare = 0;  // of the input, 0 to 1; 1 where its size isn't known
+  double readShare = 0;  // of the input, 0 to 1; 1 if its size isn't known
 };
 
 // One thread at a time.
@@ -22,9 +22,9 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // Shows the figures if it is time again.
+  // Shows the figures if the last time was long enough ago.
   void Show(const SendFigures& figures);
-  // Takes the line away, for other text that goes to the terminal.
+  // Erases the bar, to make way for other text on the terminal.
   void Clear();
 
  private:
@@ -33,7 +33,7 @@ class Progress {
   const bool terminal_;
   bool shown_ = false;
   Clock::time_point lastShown_{};
-  // The rate is that between two marks, which are about two seconds apart.
+  // The rate is measured between two marks, about two seconds apart.
   Clock::time_point markTime_{};
   std::int64_t markDelivered_ = 0;
   double rate_ = 0;

@@ -1,4 +1,4 @@
-// veldrep queues: what waits in a store, also beside a running sender.
+// veldrep queues: what is waiting in a store, even while a sender is running.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -25,7 +25,7 @@ struct QueuesOptions {
 };
 
 zel::Ref<host::QueueService> OpenStore(const QueuesOptions& options, bool inspectOnly) {
-  // The service would make a store that isn't there; a look into one must not.
+  // The service would create a missing store; a command that only looks must not.
   if (!std::filesystem::exists(host::StoreFilePath(options.store, host::defaultDomain))) {
     throw Failure(options.store, "there is no store in this folder");
   }
@@ -44,7 +44,7 @@ std::int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count();
 }
 
-// The queue that was asked for, so that a typing error isn't taken for an empty queue.
+// Finds the queue by name, so that a typo isn't mistaken for an empty queue.
 host::QueueInfo Find(host::QueueService& service, const std::string& urlOrName) {
   const std::string name = QueueName(urlOrName);
   for (const host::QueueInfo& each : service.ListQueues()) {
@@ -53,7 +53,7 @@ host::QueueInfo Find(host::QueueService& service, const std::string& urlOrName) 
   throw Failure(urlOrName, "the store has no such queue" + (name == urlOrName ? "" : " (" + name + ")"));
 }
 
-// A queue and, if the sender left word of it, its url and how sending to that goes.
+// A queue and, if the sender has recorded it, its url and the state of sending there.
 struct ListedQueue {
   host::QueueInfo queue;
   host::UrlState state;
@@ -69,7 +69,7 @@ std::vector<ListedQueue> ListedQueues(const QueuesOptions& options) {
   return listed;
 }
 
-// How long the sender holds requests to the url back from here on; 0 if it doesn't.
+// How much longer the sender holds back requests to the url; 0 if it doesn't.
 std::int64_t WaitsMs(const host::UrlState& state) {
   if (!state.http.waitsUntil) return 0;
   const auto left = *state.http.waitsUntil - std::chrono::system_clock::now();

@@ -1,4 +1,4 @@
-// veldrep send: records from a file or a pipe to report servers, by the module.
+// veldrep send: sends records from a file or a pipe to report servers, through the module.
 #include <algorithm>
 #include <memory>
 
@@ -57,7 +57,7 @@ void AddLimits(CLI::App* command, SendOptions* options) {
       ->type_name("N")
       ->check(CLI::Range(1, 1'000'000))
       ->capture_default_str();
-  // The module counts in bytes of 32 bits, so 4 GiB would come out as nothing.
+  // The module counts bytes in 32 bits, so 4 GiB would wrap to 0.
   command
       ->add_option("--queue-limit", options->queueLimitKb,
                    "most that one queue holds, in KiB; reading waits when it is nearly full")

@@ -15,12 +15,12 @@ struct SendOptions {
   std::uint32_t queueLimitKb = 1 << 20;
   std::uint32_t sendTimeoutSeconds = 1;
   std::string signKey;
-  std::string to;  // the consumer that the records are for; empty: all
+  std::string to;  // the consumer of the records; empty: all
   std::string trace;
   std::uint32_t traceLevel = 300;
   std::uint32_t waitSeconds = 60;
   std::string modulePath;  // empty: the one beside the program
-  std::string file;        // empty: no input, only what waits is sent
+  std::string file;        // empty: no input, send only what is waiting
 };
 
 }  // namespace veld_report::app

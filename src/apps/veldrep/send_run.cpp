@@ -12,19 +12,19 @@
 namespace veld_report::app {
 namespace {
 
-// A single item of this size makes a body that a report server takes at its default limit.
+// The body of a single item of this size is within the default limit of a report server.
 constexpr std::size_t lineLimitBytes = 8 << 20;
 constexpr std::chrono::milliseconds lookEvery{50};
 constexpr std::chrono::milliseconds pause{5};
-// The module empties its memory in every cycle, so a wait for that which is longer than a few cycles on
-// servers that don't answer means that something is broken.
+// The module empties its memory in every cycle. Even if no server answers, a cycle is shorter than this, so a
+// longer wait means that something is broken.
 constexpr std::chrono::seconds memoryPatience{60};
-// A cycle waits five seconds at most for one answer; what hasn't moved for longer needs a trigger.
-constexpr std::chrono::seconds longestWaitOfACycle{6};
+// A cycle waits five seconds at most for one answer. If nothing has moved for longer, a cycle is triggered.
+constexpr std::chrono::seconds maxCycleWait{6};
 
 volatile sig_atomic_t interrupted = 0;
 
-// The first Ctrl-C ends the run in order, the second at once.
+// The first Ctrl-C ends the run in an orderly way, the second at once.
 void StopOnInterrupt() {
   struct sigaction action {};
   action.sa_handler = [](int) { interrupted = 1; };
@@ -119,14 +119,14 @@ void SendRun::ReadInput() {
     }
     if (result == LineReader::Result::line) TakeLine(WithoutBlanks(line));
     if (result == LineReader::Result::tooLong) RefuseLine("it is longer than 8 MiB");
-    // The clock costs less than a record, but not nothing.
+    // Reading the clock is cheaper than a record, but not free.
     const bool mayBeTime = result == LineReader::Result::nothing || lineNumber_ % 64 == 0;
     if (mayBeTime && Clock::now() - lastLook_ >= lookEvery) Look();
   }
 }
 
 void SendRun::TakeLine(std::string_view line) {
-  // A blank line is no record, and nothing to complain about.
+  // A blank line is neither a record nor an error.
   if (line.empty() || !CheckLine(line)) return;
   const auto bytes = static_cast<std::int64_t>(line.size());
   if (!pacer_.CanEverFit(bytes)) return RefuseLine("it is larger than --queue-limit allows");
@@ -194,9 +194,9 @@ void SendRun::Look() {
   figures_.delivered = sum.delivered.items - Sum(before_).delivered.items;
   figures_.waiting = sum.waiting.items + pacer_.ItemsInMemory();
   progress_.Show(figures_);
-  const auto triggerAfter = longestWaitOfACycle + std::chrono::seconds(options_.sendTimeoutSeconds);
+  const auto triggerAfter = maxCycleWait + std::chrono::seconds(options_.sendTimeoutSeconds);
   if (figures_.waiting > 0 && now - std::max(lastChange_, lastTrigger_) > triggerAfter) {
-    // The chain of cycles may have ended with items waiting; where it hasn't, this changes nothing.
+    // The chain of cycles may have ended with items waiting. If it hasn't, this changes nothing.
     session_.TriggerCycle();
     lastTrigger_ = now;
   }

@@ -1,8 +1,7 @@
-// SendRun: one run of veldrep send, from the first line of the input to the last word on stdout.
+// SendRun: one run of veldrep send, from the first line of the input to the summary on stdout.
 //
-// Life of a record here: read -> checked (else refused, with its number and reason) -> held back until the
-// pacer lets it go -> submitted -> in its queues -> delivered. What isn't delivered in time stays in the
-// store.
+// Life of a record: read -> checked (or refused, with its line number and the reason) -> paced -> submitted
+// -> in its queues -> delivered. What isn't delivered in time stays in the store.
 #pragma once
 
 #include <chrono>
@@ -22,12 +21,12 @@ namespace veld_report::app {
 
 class SendRun {
  public:
-  // Throws as SendSession; Failure if the store holds items for a url that isn't given, since the module
-  // removes the queues of urls that it isn't told of.
+  // Throws like SendSession. Throws Failure if the store holds items for a url that isn't given: the module
+  // removes the queues of urls that it doesn't know.
   explicit SendRun(const SendOptions& options);
 
-  // Returns the exit code. Throws Failure if the input can't be read; what was submitted is in the store
-  // then.
+  // Returns the exit code. Throws Failure if the input can't be read; then what was submitted is in the
+  // store.
   int Run();
 
  private:
@@ -38,10 +37,10 @@ class SendRun {
   void TakeLine(std::string_view line);
   bool CheckLine(std::string_view line);
   void RefuseLine(const std::string& reason);
-  // False: there was no room in time, or the user has had enough.
+  // False if there was no room in time or the user interrupted.
   bool WaitForRoom(std::int64_t bytes);
   void WaitForDelivery();
-  // Looks at the ledgers, and after the progress and the triggers that hang on them.
+  // Reads the ledgers, shows the progress and triggers a cycle if nothing has moved for a while.
   void Look();
   int Conclude();
 
@@ -54,7 +53,7 @@ class SendRun {
   host::JsonCheck jsonCheck_;
 
   SendFigures figures_;
-  host::QueueLedger sum_;  // of all queues, as Look saw it last
+  host::QueueLedger sum_;  // of all queues, from the last Look
   Clock::time_point lastChange_, lastLook_, lastTrigger_;
   std::uint64_t lineNumber_ = 0;
   bool stopped_ = false;  // before the end of the input

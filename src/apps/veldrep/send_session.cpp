@@ -40,7 +40,7 @@ void SendSession::TriggerCycle() {
 void SendSession::RunSoon() { kit_->Timer().FireNow(); }
 
 void SendSession::OnRequestFinished(const host::FinishedRequest& request) {
-  // A request that the end of the session cut off is no failure of its server.
+  // A request that was cancelled by the end of the session isn't a failure of its server.
   if (request.result == zel::sOk || request.result == zel::eOperationCancelled) return;
   const std::lock_guard lock(mutex_);
   ++failures_.requests;

@@ -1,4 +1,4 @@
-// SendSession: the module with a host around it, as much as veldrep send needs of them.
+// SendSession: what veldrep send needs of the module and its host.
 #pragma once
 
 #include <cstdint>
@@ -16,24 +16,25 @@ namespace veld_report::app {
 // Life: open -> closed. Threads: one at a time.
 class SendSession {
  public:
-  // Loads the module, opens the store and constructs the sender. Nothing is sent before the first Submit or
-  // TriggerCycle. Throws std::exception: what can't be had and why.
+  // Loads the module, opens the store and constructs the sender. Sends nothing before the first Submit or
+  // TriggerCycle. Throws std::exception with what is missing and why.
   explicit SendSession(const SendOptions& options);
 
-  // One JSON object as a record. Returns why the sender didn't take it, or an empty text.
+  // Submits one JSON object as a record. Returns why the sender refused it, or an empty text.
   std::string Submit(std::string_view json);
-  // Starts a cycle by itself, for what an earlier run left behind and for a chain of cycles that has ended.
+  // Starts a cycle without a submission: for what an earlier run left, or after the chain of cycles has
+  // ended.
   void TriggerCycle();
-  // Begins at once with the cycle that a submission has asked for; without it that takes up to a second.
+  // Starts the cycle that a submission has scheduled at once, not after up to a second.
   void RunSoon();
   // Also after Close.
   Ledgers CurrentLedgers() { return queues_->Ledgers(); }
-  // Ends the sending and moves what was submitted into the queues. A second call does nothing.
+  // Stops sending and moves what was submitted into the queues. A second call does nothing.
   void Close() { kit_->Close(); }
 
   struct Failures {
     std::uint64_t requests = 0;
-    std::string last;  // "URL: what came of it"
+    std::string last;  // "URL: reason"
   };
   Failures RequestFailures() const;
 
@@ -42,9 +43,9 @@ class SendSession {
   void OnRequestFinished(const host::FinishedRequest& request);
 
   const std::string to_;
-  mutable std::mutex mutex_;  // guards failures_, which the HTTP client's thread writes
+  mutable std::mutex mutex_;  // guards failures_, written by the HTTP client's thread
   Failures failures_;
-  // Behind what its callbacks use, so that it goes first.
+  // Declared after what its callbacks use, so that it is destroyed first.
   std::unique_ptr<host::HostKit> kit_;
   zel::Ref<host::QueueService> queues_;
 };

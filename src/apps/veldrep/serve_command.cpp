@@ -32,7 +32,7 @@ void ParseListen(const std::string& text, server::ReportServerOptions* options) 
   if (bracketed) address = address.substr(1, address.size() - 2);
   const auto [end, code] = std::from_chars(port.data(), port.data() + port.size(), options->port);
   const bool portOk = !port.empty() && code == std::errc() && end == port.data() + port.size();
-  // An IPv6 address without brackets would lose its last group to the port.
+  // Without brackets the last group of an IPv6 address would be taken for the port.
   if (address.empty() || !portOk || (!bracketed && address.find(':') != std::string::npos)) {
     throw WrongCommandLine("--listen " + text + ": expected ADDRESS:PORT, as in 127.0.0.1:0 or [::1]:8080");
   }
@@ -51,7 +51,7 @@ int Serve(const ServeOptions& given) {
   options.requestTime = std::chrono::seconds(given.requestSeconds);
   options.log = Complain;
 
-  // Blocked before the server's threads start, so that they inherit it and only sigwait sees the two.
+  // Blocked before the server's threads start, so that they inherit the mask and only sigwait gets the two.
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGTERM);

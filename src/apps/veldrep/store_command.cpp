@@ -1,4 +1,4 @@
-// veldrep store: the care of a store that no process uses.
+// veldrep store: maintenance of a store that no process is using.
 #include <cstdio>
 #include <memory>
 
@@ -17,7 +17,7 @@ void RequireStore(const StoreOptions& options) {
     throw Failure(options.store, "there is no store in this folder");
 }
 
-// Damage is a failure of the command, so that a script needs no more than the exit code.
+// Damage is a failure of the command, so that a script only needs the exit code.
 int Check(const StoreOptions& options) {
   RequireStore(options);
   bool good = true;
