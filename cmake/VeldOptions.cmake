@@ -1,4 +1,4 @@
-# The build's switches and the flags that every target of this project gets.
+# The build options, and the flags of every target of this project.
 include_guard(GLOBAL)
 
 option(VELD_WERROR "Treat warnings as errors" OFF)
@@ -6,7 +6,7 @@ option(VELD_TESTS "Build the tests" ON)
 option(VELD_FUZZ "Build the fuzz targets; needs clang" OFF)
 set(VELD_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
 
-# The benchmarks count allocations by a malloc of their own, which a sanitizer has too.
+# The benchmarks count allocations by replacing malloc, as the sanitizers do too.
 find_package(benchmark QUIET)
 find_path(VELD_RAPIDJSON_INCLUDE rapidjson/writer.h)
 include(CMakeDependentOption)
@@ -25,20 +25,20 @@ endif()
 set(CMAKE_CXX_FLAGS_RELEASE "-O2")
 set(CMAKE_C_FLAGS_RELEASE "-O2")
 
-# Target with the warnings and the sanitizer; link it privately.
+# The warnings and the sanitizer; linked privately.
 add_library(veld_flags INTERFACE)
 target_compile_options(veld_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
   $<$<BOOL:${VELD_WERROR}>:-Werror>)
-# Where includes begin. What stands beside src/ adds the top folder.
+# The include roots. Tests, bench and fuzz add the top folder.
 set(VELD_INCLUDES ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/src/module ${PROJECT_SOURCE_DIR}/src/contract)
 target_include_directories(veld_flags INTERFACE ${VELD_INCLUDES})
 if(VELD_SANITIZE)
-  # -O1 and line numbers alone halve the time of a sanitizer build and find the same.
+  # -O1 and -g1 halve the time of a sanitizer build and find the same faults.
   target_compile_options(veld_flags INTERFACE
     -fsanitize=${VELD_SANITIZE} -fno-omit-frame-pointer -O1 -g1)
-  # With its sanitizers g++ takes values for uninitialised that it can follow without them.
+  # With sanitizers g++ reports values as uninitialised that aren't.
   target_compile_options(veld_flags INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(veld_flags INTERFACE -fsanitize=${VELD_SANITIZE})
   if(VELD_SANITIZE MATCHES "undefined")

@@ -1,12 +1,12 @@
-# What `cmake --install` puts where, the files with which other projects find it, and the .deb packages.
+# What `cmake --install` installs, the files for find_package and pkg-config, and the .deb packages.
 #
-# Two components, which become two packages: `runtime` (module, C library, program, man pages, completions)
-# and `dev` (headers, the host kit's archive, CMake and pkg-config files).
+# Two components become two packages: `runtime` (module, C library, program, man pages, completions) and `dev`
+# (headers, the host kit's archive, CMake and pkg-config files).
 include_guard(GLOBAL)
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# What the host kit's archive makes its users link with.
+# What users of the host kit's archive have to link.
 find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(SQLite3 REQUIRED)
@@ -56,7 +56,7 @@ function(veld_collect_included_headers headers out)
   set(${out} ${all} PARENT_SCOPE)
 endfunction()
 
-# veld_report::contract, all that a host of one's own needs.
+# veld_report::contract, all that your own host needs.
 add_library(veld_contract INTERFACE)
 target_compile_features(veld_contract INTERFACE cxx_std_20)
 target_include_directories(veld_contract INTERFACE
@@ -72,7 +72,7 @@ file(GLOB contractHeaders CONFIGURE_DEPENDS src/contract/*.h)
 install(FILES ${contractHeaders} DESTINATION ${VELD_INSTALL_HEADERS}/contract COMPONENT dev)
 install(DIRECTORY src/contract/types DESTINATION ${VELD_INSTALL_HEADERS} COMPONENT dev FILES_MATCHING PATTERN "*.h")
 
-# veld_report::host, the folders of the host kit in one archive.
+# veld_report::host, the folders of the host kit as one archive.
 veld_collect_static_libraries(${PROJECT_SOURCE_DIR}/src/host hostLibraries)
 set(hostObjects $<TARGET_OBJECTS:veld_types>)
 foreach(library IN LISTS hostLibraries)
@@ -93,7 +93,7 @@ foreach(header IN LISTS hostHeaders)
   install(FILES src/${header} DESTINATION ${VELD_INSTALL_HEADERS}/${folder} COMPONENT dev)
 endforeach()
 
-# veld_report::c, the host kit behind C functions.
+# veld_report::c, the C interface of the host kit.
 set_target_properties(veld_report_c PROPERTIES
   EXPORT_NAME c VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
 target_include_directories(veld_report_c INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
@@ -108,7 +108,7 @@ configure_package_config_file(cmake/veld_report-config.cmake.in
   INSTALL_DESTINATION ${VELD_INSTALL_CMAKE} PATH_VARS CMAKE_INSTALL_LIBDIR)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/package/veld_report-config-version.cmake
   COMPATIBILITY SameMinorVersion)
-# Relative, so that a package that was installed elsewhere finds itself.
+# Relative, so that a package works wherever it was installed.
 file(RELATIVE_PATH VELD_PREFIX_OF_PKGCONFIG
   /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/veld_report.pc.in ${CMAKE_BINARY_DIR}/package/veld_report.pc @ONLY)
@@ -119,7 +119,7 @@ install(FILES
 install(FILES ${CMAKE_BINARY_DIR}/package/veld_report.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-# The program and what a shell and a reader want of it.
+# The program, its man pages, completions and documents.
 install(TARGETS veldrep RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime
   FILES_MATCHING PATTERN "*.1")
@@ -133,7 +133,7 @@ install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONE
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT dev FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev)
 
-# The .deb packages: `cpack` in the build folder, after a build.
+# The .deb packages: run `cpack` in the build folder after a build.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME veld-report)
 set(CPACK_PACKAGE_VENDOR "veld_report maintainers")

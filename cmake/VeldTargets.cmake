@@ -1,4 +1,4 @@
-# Helpers with which the folders declare their targets.
+# Functions that declare targets.
 include_guard(GLOBAL)
 
 # veld_add_library(NAME sources...): a static library with the project's flags.
@@ -9,7 +9,7 @@ function(veld_add_library name)
 endfunction()
 
 # veld_add_test(NAME SOURCES sources... LIBRARIES libraries... [ARGUMENTS arguments...])
-# One GoogleTest program, registered as one ctest test; its name says what it covers.
+# One GoogleTest program, registered as one ctest test, with a name that says what it covers.
 function(veld_add_test name)
   cmake_parse_arguments(TEST "" "" "SOURCES;LIBRARIES;ARGUMENTS" ${ARGN})
   add_executable(${name} ${TEST_SOURCES})
@@ -42,7 +42,7 @@ function(veld_collect_sources folder out)
   set(${out} ${all} PARENT_SCOPE)
 endfunction()
 
-# A test that no target builds would pass for ever, so it stops the build.
+# A test that no target builds would never run, so it stops the configuration.
 function(veld_require_every_test_source_in_a_target)
   veld_collect_sources(${PROJECT_SOURCE_DIR}/tests built)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS

@@ -1,5 +1,5 @@
-// Strings, narrow and wide, and vectors: a row of operations beside the standard containers that do the same.
-// The first byte of an input chooses. Every so often the allocator fails, and then nothing may have changed.
+// Strings, narrow and wide, and vectors, compared with the standard containers under the same operations. The
+// first byte of an input chooses the type. Sometimes the allocator fails; then nothing may have changed.
 #include <array>
 #include <new>
 #include <vector>
@@ -23,7 +23,7 @@ struct Allocators {
     const std::size_t choice = in.Below(3);
     return choice == 2 ? nullptr : both[choice].Get();
   }
-  // Runs `body` with the allocators failing or not; false if that made it fail.
+  // Runs `body`, with the allocators failing or not. False if that made it fail.
   template <class Body>
   bool Try(Input& in, Body&& body) {
     const bool fail = in.OneIn(8);
@@ -93,7 +93,7 @@ class StringRun {
           break;
         case 7:
           text.reserve_extra(piece.size());
-          text.data[text.size] = C();  // the caller's affair
+          text.data[text.size] = C();  // as the caller must
           break;
         case 8:
           wanted = models_[from];

@@ -1,4 +1,4 @@
-// A host allocator that fails when it is told to and counts what it has given out.
+// A host allocator that can be made to fail and counts its live blocks.
 #pragma once
 
 #include <cstdlib>
@@ -11,11 +11,11 @@ namespace veld_report::fuzz {
 
 class FailingAllocator final : public host::HostObject<zel::IAllocator> {
  public:
-  static constexpr std::uint64_t mostBytes = 1 << 30;  // beyond it a sanitizer would end the process
+  static constexpr std::uint64_t maxBytes = 1 << 30;  // beyond it a sanitizer would end the process
   bool fail = false;
 
   void* Allocate(std::uint64_t size) override {
-    if (fail || size > mostBytes) return nullptr;
+    if (fail || size > maxBytes) return nullptr;
     void* const memory = std::malloc(size);
     live_ += memory ? 1 : 0;
     return memory;

@@ -1,6 +1,6 @@
-// The report server over a real connection. The first byte of an input chooses how much of a request it is:
-// raw bytes, a body behind sound headers, a payload wrapped into a message, or a body in chunks. The server
-// has to answer with a status or to close, soon, and to count what it has stored.
+// The report server over a real connection. The first byte of an input chooses what the rest is: raw bytes, a
+// body after valid headers, a payload to be wrapped into a message, or a chunked body. The server must soon
+// answer with a status or close the connection, and must count what it stored.
 #include <charconv>
 #include <chrono>
 #include <fstream>
@@ -32,7 +32,7 @@ struct Running {
     options.outPath = out;
     options.bodyLimitBytes = 1 << 16;
     options.threads = 1;
-    options.requestTime = std::chrono::milliseconds(20);  // for every input that ends half-way
+    options.requestTime = std::chrono::milliseconds(20);  // for inputs that end half-way
     return options;
   }
 };
@@ -70,7 +70,7 @@ std::string Request(Input& in) {
   }
 }
 
-// "N items stored" of each answer 200.
+// The sum of "N items stored" over all answers 200.
 std::uint64_t StoredByAnswers(std::string_view answers) {
   std::uint64_t sum = 0;
   for (std::size_t at = 0; (at = answers.find(" items stored\n", at)) != std::string_view::npos; ++at) {

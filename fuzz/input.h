@@ -1,4 +1,4 @@
-// What the targets share: reading an input as a row of decisions, and the end of a run that broke a promise.
+// What the targets share: reading an input as a series of decisions, and aborting on a failure.
 #pragma once
 
 #include <algorithm>
@@ -11,14 +11,14 @@
 
 namespace veld_report::fuzz {
 
-// Ends the process, which is how a target tells libFuzzer that this input is a find.
+// Ends the process if the condition is false, which libFuzzer takes as a finding.
 inline void Require(bool condition, std::string_view what) {
   if (condition) return;
   std::fprintf(stderr, "broken: %.*s\n", static_cast<int>(what.size()), what.data());
   std::abort();
 }
 
-// Behind the end of the input every decision is 0, so any input is a whole one.
+// After the end of the input every decision is 0, so any input is complete.
 class Input {
  public:
   Input(const std::uint8_t* data, std::size_t size) : left_(reinterpret_cast<const char*>(data), size) {}
@@ -33,10 +33,10 @@ class Input {
     for (std::size_t i = 0; i < bytes; ++i) value = value << 8 | Byte();
     return value;
   }
-  // One byte decides for a limit up to 256, so that a small change of the input is a small change of the run.
+  // Limits up to 256 use one byte, so that a small change of the input is a small change of the run.
   std::size_t Below(std::size_t limit) { return limit <= 256 ? Byte() % limit : Number(4) % limit; }
   bool OneIn(std::size_t chances) { return Below(chances) == chances - 1; }
-  // Fewer where the input ends.
+  // Fewer at the end of the input.
   std::string_view Bytes(std::size_t count) {
     const std::string_view taken = left_.substr(0, count);
     left_.remove_prefix(taken.size());

@@ -1,5 +1,4 @@
-// The program's line reader over a pipe: the input is cut into pieces that arrive one by one, and what it
-// hands out is compared with the lines of the whole.
+// The program's line reader on a pipe. The input arrives in pieces, and the lines must be those of the whole.
 #include "apps/veldrep/line_reader.h"
 
 #include <fcntl.h>
@@ -20,8 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   app::LineReader reader("/proc/self/fd/" + std::to_string(ends[0]), limit);
   close(ends[0]);
 
-  std::string given;     // what has gone into the pipe
-  std::size_t told = 0;  // how much of it has been handed out
+  std::string given;     // what was written to the pipe
+  std::size_t seen = 0;  // how much of it has been handed out
   std::uint64_t lines = 0;
   const auto drain = [&](Result last) {
     for (std::size_t calls = 0;; ++calls) {
@@ -30,18 +29,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       const Result result = reader.Next(std::chrono::milliseconds(0), &line);
       if (result == last) return;
       Require(result == Result::line || result == Result::tooLong, "an end or a pause at the wrong place");
-      Require(told < given.size(), "more lines than there are");
-      const std::size_t end = std::min(given.find('\n', told), given.size());
+      Require(seen < given.size(), "more lines than there are");
+      const std::size_t end = std::min(given.find('\n', seen), given.size());
       Require(end < given.size() || last == Result::end, "a line that hasn't ended yet");
-      Require((result == Result::tooLong) == (end - told > limit), "the limit of a line");
+      Require((result == Result::tooLong) == (end - seen > limit), "the limit of a line");
       if (result == Result::line)
-        Require(line == std::string_view(given).substr(told, end - told), "the line");
+        Require(line == std::string_view(given).substr(seen, end - seen), "the line");
       Require(reader.LineNumber() == ++lines, "the number of the line");
-      told = end + 1;
+      seen = end + 1;
     }
   };
   while (!in.Empty()) {
-    // A repeated piece makes long lines from short inputs; a pipe takes 64 KiB.
+    // Repeating a piece makes long lines from short inputs. A pipe takes 64 KiB.
     const std::size_t length = in.Below(64), times = in.OneIn(8) ? in.Below(200) : 1;
     const std::string_view piece = in.Bytes(length);
     std::string pieces;
@@ -52,6 +51,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   close(ends[1]);
   drain(Result::end);
-  Require(told >= given.size() && reader.BytesRead() == given.size(), "something is missing");
+  Require(seen >= given.size() && reader.BytesRead() == given.size(), "something is missing");
   return 0;
 }

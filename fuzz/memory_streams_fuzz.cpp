@@ -1,4 +1,4 @@
-// Both memory streams: a row of operations beside a std::string that does the same.
+// Both memory streams, compared with a std::string under the same operations.
 #include "fuzz/failing_allocator.h"
 #include "memory_io/memory_io.h"
 
@@ -8,7 +8,7 @@ using veld_report::fuzz::Input;
 using veld_report::fuzz::Require;
 using zel::IIO;
 
-constexpr std::uint64_t mostBytes = 1 << 16;  // what a growth may reach here
+constexpr std::uint64_t maxBytes = 1 << 16;  // limit for growth here
 
 class Run {
  public:
@@ -21,7 +21,7 @@ class Run {
                               : zel::memory_io::CreateIOFromBuffer(&text_, &made);
     Require(code == zel::sOk, "the stream can't be made");
     stream_ = zel::Ref<IIO>::Attach(made);
-    if (ownCopy) text_.assign("another text", 12);  // has to go unnoticed
+    if (ownCopy) text_.assign("another text", 12);  // must make no difference
     Check();
   }
 
@@ -36,7 +36,7 @@ class Run {
         return Seek();
       case 3:
         return Resize(in_.Below(300));
-      case 4:  // sizes beyond all memory among them
+      case 4:  // including sizes beyond all memory
         return Resize(in_.Number());
       default:
         Require(stream_->Flush() == zel::sOk, "Flush fails");
@@ -62,7 +62,7 @@ class Run {
     const auto code = stream_->Write(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &written);
     if (zel::Failed(code)) {
       Require(code == zel::eOutOfMemory && written == 0, "a failed Write has another code, or has written");
-      Require(allocator_->fail || position_ > mostBytes, "Write fails without a reason");
+      Require(allocator_->fail || position_ > maxBytes, "Write fails without a reason");
       return;
     }
     Require(written == bytes.size(), "Write is short");
@@ -91,17 +91,17 @@ class Run {
     std::uint64_t found = 77;
     Require(stream_->Seek(origin, offset, in_.OneIn(3) ? nullptr : &found) == zel::sOk, "Seek fails");
     Require(found == 77 || found == position_, "Seek tells another position");
-    // A Write far out would really take that much memory.
-    if (position_ <= mostBytes || position_ > std::uint64_t{1} << 62) return;
+    // A Write that far out would really take that much memory.
+    if (position_ <= maxBytes || position_ > std::uint64_t{1} << 62) return;
     position_ = 0;
     stream_->Seek(0, 0, nullptr);
   }
 
   void Resize(std::uint64_t size) {
-    if (size > mostBytes && size < std::uint64_t{1} << 62) size %= mostBytes;
+    if (size > maxBytes && size < std::uint64_t{1} << 62) size %= maxBytes;
     const auto code = stream_->SetSize(size);
     if (zel::Failed(code)) {
-      Require(code == zel::eOutOfMemory && (allocator_->fail || size > mostBytes), "SetSize fails");
+      Require(code == zel::eOutOfMemory && (allocator_->fail || size > maxBytes), "SetSize fails");
       return;
     }
     model_.resize(size);

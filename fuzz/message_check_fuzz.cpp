@@ -1,5 +1,5 @@
-// Feeds the server's check of a message. The first byte of an input chooses what the rest is: a whole body,
-// or a payload text that is wrapped into one, since no mutation finds its way through base-64 by itself.
+// The server's check of a message. The first byte of an input chooses what the rest is: a whole body, or a
+// payload text to be wrapped into one, since no mutation finds its way through base64 by itself.
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -27,7 +27,7 @@ std::string Body(std::string_view payload, std::string_view signatureBlock) {
          Encoded(signatureBlock) + R"("}]})";
 }
 
-// What was accepted is stored a line an item, so it must come out the same when it is sent again.
+// What was accepted is stored one item per line, so it must come out the same when sent again.
 void RequireStorable(const MessageContent& content) {
   Require(content.payloadDecoded && content.signatureDecoded, "a body passed that wasn't read to its end");
   const auto lines = std::count(content.itemLines.begin(), content.itemLines.end(), '\n');
@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(content.payloadDecoded && content.payloadText == rest, "encoder and decoder disagree");
   }
   if (content.problem.empty()) RequireStorable(content);
-  // A signature that is never right must never pass.
+  // With a verifier that accepts nothing, nothing may pass.
   const MessageContent signedOnly =
       CheckMessage(body, [](auto, auto) { return std::string("it isn't right"); });
   Require(!signedOnly.problem.empty() && !signedOnly.signatureChecked, "an unsigned message passed");

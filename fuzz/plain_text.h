@@ -1,4 +1,4 @@
-// The encodings of text once more, slow and by the table of the standard, for comparison.
+// The text encodings again, slow and straight from the standard's tables, for comparison.
 #pragma once
 
 #include <array>
@@ -20,8 +20,8 @@ inline std::string Utf8(std::uint32_t codePoint) {
   return text;
 }
 
-// The code point at `*at`, which moves behind it. At bytes that are none it is `broken`, and `*at` moves over
-// the longest beginning of a sequence that stands there, or over one byte (Unicode 15, table 3-7).
+// Decodes the code point at `*at` and moves `*at` past it. Invalid bytes give `broken`, and `*at` moves past
+// the longest valid prefix of a sequence, or past one byte (Unicode 15, table 3-7).
 inline std::uint32_t NextUtf8(std::string_view text, std::size_t* at) {
   struct Row {
     unsigned first, last, tails, secondFirst, secondLast;
@@ -50,7 +50,7 @@ inline std::uint32_t NextUtf8(std::string_view text, std::size_t* at) {
   return broken;
 }
 
-// The code point at `*at`; half a pair on its own stands for itself.
+// Decodes the code point at `*at`; a lone surrogate stands for itself.
 inline std::uint32_t NextUtf16(std::u16string_view text, std::size_t* at) {
   const std::uint32_t unit = text[(*at)++];
   if (unit < 0xd800 || unit > 0xdbff || *at == text.size()) return unit;
@@ -62,7 +62,7 @@ inline std::uint32_t NextUtf16(std::u16string_view text, std::size_t* at) {
 
 inline bool IsHalfPair(std::uint32_t codePoint) { return codePoint >= 0xd800 && codePoint <= 0xdfff; }
 
-// With U+FFFD for everything that stands for no character.
+// Replaces everything invalid by U+FFFD.
 inline std::string Repaired(std::string_view utf8) {
   std::string text;
   for (std::size_t at = 0; at < utf8.size();) {

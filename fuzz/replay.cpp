@@ -1,6 +1,6 @@
-// Stands in for libFuzzer where there is none: runs a target over the inputs of a folder, once each, and then
-// over changed copies of them. So every build tests with what was found before, and a target can't fall
-// behind what it calls. Usage: TARGET FOLDER COPIES [SEED]; the seed is printed, and repeats a run.
+// Replaces libFuzzer in other builds: runs a target once over each input of a folder, and then over mutated
+// copies. So every build tests earlier findings, and a target can't rot. Usage: TARGET FOLDER COPIES [SEED].
+// The seed is printed; passing it repeats a run.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 namespace {
 
-constexpr std::size_t longestInput = 4096;
+constexpr std::size_t maxInputBytes = 4096;
 
 std::vector<std::string> ReadInputs(const char* folder) {
   std::vector<std::filesystem::path> files;
@@ -51,7 +51,7 @@ std::string Changed(const std::vector<std::string>& inputs, std::mt19937_64& ran
       }
     }
   }
-  return input.substr(0, longestInput);
+  return input.substr(0, maxInputBytes);
 }
 
 void Run(const std::string& input) {

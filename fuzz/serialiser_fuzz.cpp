@@ -1,6 +1,6 @@
-// The host kit's serialiser with records of any shape: an input makes up descriptors, right and wrong, and
-// values for them. What comes out must read back as the values that went in, or be refused where the
-// descriptor or a piece of finished JSON is wrong.
+// The host kit's serialiser with records of any shape. An input makes up descriptors, valid and invalid, and
+// values for them. The JSON must read back as the values that went in, or be refused if the descriptor or a
+// piece of finished JSON is invalid.
 #include <simdjson.h>
 
 #include <bit>
@@ -22,7 +22,7 @@ namespace {
 using namespace veld_report::fuzz;
 namespace kinds = veld_report::host::field_kinds;
 
-// Values as a text that has one form for each: what was put in and what is read back are compared by it.
+// A canonical text for each value, to compare what was put in with what is read back.
 std::string Form(double value) {
   if (!std::isfinite(value)) return "null";
   // A number without a fraction reads back as an integer, and 0 without its sign.
@@ -95,10 +95,10 @@ struct Schema {
   zel::SerObjDescriptor descriptor;
   std::deque<Helper> helpers;
   std::vector<zel::SerFieldDescriptor> rows;
-  std::vector<const Schema*> inner;  // of each row that holds records
+  std::vector<const Schema*> inner;  // for each row that holds records
 };
 
-constexpr std::size_t slotBytes = 48;  // takes a value of any kind
+constexpr std::size_t slotBytes = 48;  // fits a value of any kind
 static_assert(sizeof(zel::string) <= slotBytes && sizeof(Elements) <= slotBytes);
 
 class Maker {
@@ -143,7 +143,7 @@ class Maker {
     return &schema;
   }
 
-  // Makes an instance and adds its form to `expected`.
+  // Fills an instance and appends its form to `expected`.
   void* Fill(const Schema& schema, std::string* expected) {
     const std::size_t count = schema.inner.size();
     char* const block = blocks_.emplace_back(std::make_unique<char[]>(count * slotBytes + 1)).get();
@@ -198,11 +198,11 @@ class Maker {
         row->vectorHelper = nullptr;
         break;
       default:
-        row->typeId = 0x77;  // neither a kind nor a record's
+        row->typeId = 0x77;  // neither a kind nor a record type
     }
   }
 
-  // False for an optional that is absent.
+  // False for an empty optional.
   bool Several(const zel::SerFieldDescriptor& row, const Schema* inner, void* place, std::string* expected) {
     auto* const elements = Put(place, Elements{});
     const bool isVector = (row.flags & kinds::vectorFlag) != 0;
@@ -275,7 +275,7 @@ class Maker {
     }
   }
 
-  // A float is read back as the double that its shortest text stands for.
+  // A float reads back as the double that its shortest text stands for.
   static std::string FormOfFloat(float value) {
     if (!std::isfinite(value)) return "null";
     char text[64];

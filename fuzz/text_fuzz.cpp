@@ -1,5 +1,5 @@
-// The conversions of text and the base-64 of the wire format, beside the slow ones of plain_text.h. The first
-// byte of an input chooses the conversion, the rest is the text.
+// The text conversions and the wire format's base64, compared with the slow ones of plain_text.h. The first
+// byte of an input chooses the conversion; the rest is the text.
 #include <clocale>
 #include <cstdint>
 #include <typeinfo>
@@ -15,7 +15,7 @@ namespace {
 
 using namespace veld_report::fuzz;
 
-// Old content that has to go, shorter or longer than what comes.
+// Previous content, shorter or longer than the result, that must be overwritten.
 zel::string Used(Input& in) { return zel::string(std::string(in.Below(60), 'o')); }
 
 void WideToUtf8(Input& in) {
@@ -35,7 +35,7 @@ void EncodeOne(Input& in) {
   Require(std::string_view(bytes, count) == Utf8(codePoint), "UTF-8 of one code point");
 }
 
-// The locale decides what a character is: the plain one has ASCII alone.
+// The locale decides what a character is; the "C" locale only knows ASCII.
 void WideToNarrow(Input& in, bool utf8) {
   zel::string out = Used(in);
   const std::string before(out.View());
@@ -54,7 +54,7 @@ void WideToNarrow(Input& in, bool utf8) {
 
 void NarrowToWide(Input& in, bool utf8) {
   const zel::string narrow(in.Rest());
-  // The C library takes old forms of values above 0x10ffff, which are no text.
+  // The C library accepts old forms of values above 0x10ffff, which aren't text.
   for (const char byte : narrow.View()) {
     if (static_cast<unsigned char>(byte) > 0xf3) return;
   }
@@ -82,7 +82,7 @@ void NarrowToWide(Input& in, bool utf8) {
 void EncodeBase64(Input& in) {
   zel::string out = Used(in);
   const std::string bytes(in.Rest());
-  // A block without an end of its own behind the bytes, so that reading on is noticed.
+  // An exact copy with nothing after it, so that reading past the end is noticed.
   const std::vector<std::uint8_t> block(bytes.begin(), bytes.end());
   const std::uint8_t* const first = block.data();
   orvel::veld_report::Base64Encode(first, bytes.size(), &out);
@@ -98,7 +98,7 @@ void EncodeBase64(Input& in) {
   Require(zel::HexText(first, bytes.size()).View() == hex, "hexadecimal text");
 }
 
-// Only the one text of some bytes may be taken.
+// Only the one canonical text of some bytes may be accepted.
 void DecodeBase64(Input& in) {
   const std::string_view text = in.Rest();
   std::string bytes;
@@ -112,7 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Input in(data, size);
   const std::size_t choice = in.Below(8);
   const bool utf8 = choice % 2 == 0;
-  // Which locales there are is the machine's affair; "C.utf8" is a part of the C library.
+  // Which locales exist depends on the machine; "C.utf8" is part of the C library.
   if (choice < 4 && !std::setlocale(LC_CTYPE, utf8 ? "C.utf8" : "C")) return 0;
   switch (choice) {
     case 0:

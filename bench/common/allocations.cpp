@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-// What stands behind malloc and its kin in glibc; exported for replacements that want to go on to it.
+// glibc's own names of malloc and its relatives, exported so that a replacement can call them.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);

@@ -1,8 +1,8 @@
-// ModuleHost: a sender of the real module with the kit's services in front of it and null services behind it.
+// ModuleHost: a sender of the real module, with the kit's services before it and null services after it.
 //
-// A submission costs here what it costs in a program on the kit: locator, allocator, tracer, timer, JSON
-// storage and serialiser are the kit's. The cycle runs when the benchmark says so, on its own thread, and
-// ends in queues and a client that do nothing. The whole road is bench/road's affair.
+// A submission costs the same here as in a program on the kit: locator, allocator, tracer, timer, JSON
+// storage and serialiser are the kit's. A cycle runs when the benchmark calls for it, on the caller's thread,
+// and ends in queues and a client that do nothing. The whole pipeline is measured in bench/end_to_end.
 #pragma once
 
 #include <cstdint>
@@ -23,16 +23,16 @@ namespace veld_report::bench {
 struct ModuleHostOptions {
   std::vector<std::string> urls{"http://127.0.0.1:9/in"};
   std::uint32_t packetLimit = 100;
-  // In place of the kit's services; null for those.
+  // Replace the kit's services if not null.
   zel::Ref<zel::IJsonStorageFactory> storages{};
   zel::Ref<zel::IStorageSerializer2> serializer{};
   zel::Ref<zel::IAllocator> allocator{};
-  zel::Ref<zel::ITracer> tracer{};  // the kit's has every level off
-  // Without it there is no thread but the caller's, for programs that count instructions.
+  zel::Ref<zel::ITracer> tracer{};  // the kit's has all levels off
+  // If false, there is no thread but the caller's, as programs that count instructions need.
   bool realTimer = true;
 };
 
-// Belongs to one thread, but for Submit and SubmitTo, which any may call.
+// For one thread, except Submit and SubmitTo, which any thread may call.
 class ModuleHost {
  public:
   // Throws std::runtime_error.
@@ -42,13 +42,13 @@ class ModuleHost {
   ~ModuleHost();
 
   void Submit(const zel::AnyPtr& record) { sender->SendStatistic(noConsumer_, record); }
-  // Of the first url, and of any.
+  // The queue name of the first url, or of any.
   std::string QueueName() const { return QueueNameOf(firstUrl_); }
   static std::string QueueNameOf(const std::string& url);
   void SetUrls(const std::vector<std::string>& urls);
-  // A cycle whose gate is closed: memory goes into the queues and nothing is sent.
+  // A cycle with its gate closed: records move from memory into the queues and nothing is sent.
   void Drain();
-  // A whole cycle. The first one must stand behind a submission.
+  // A whole cycle. There must be a submission before the first one.
   void RunCycle() { timer->RunCycle(); }
 
   zel::Ref<NullQueues> queues = host::MakeObject<NullQueues>();
@@ -65,10 +65,10 @@ class ModuleHost {
   host::LoadedModule module_;
 };
 
-// `count` urls, each different.
+// `count` distinct urls.
 std::vector<std::string> ManyUrls(std::size_t count);
 
-// An allocator that counts what it is asked for, on the process heap.
+// An allocator on the process heap that counts its blocks.
 class CountingAllocator final : public host::HostObject<zel::IAllocator> {
  public:
   void* Allocate(std::uint64_t size) override;

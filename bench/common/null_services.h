@@ -1,5 +1,5 @@
-// Services that stand in for the disk, the network and the clock where a benchmark measures what lies in
-// front of them. They do the least that the contract allows, so that next to nothing of a figure is theirs.
+// Services that replace the disk, the network and the clock where a benchmark measures the code before them.
+// They do the minimum that the contract allows, so that they hardly count in a figure.
 #pragma once
 
 #include <atomic>
@@ -16,8 +16,8 @@
 
 namespace veld_report::bench {
 
-// A timer that never fires by itself: the benchmark runs the cycle on its own thread. What the module arms
-// goes on to `inner` (may be null) with a delay that doesn't come, so that arming costs what it costs.
+// A timer that never fires by itself: the benchmark runs the cycle on its own thread. Arming goes on to
+// `inner` (may be null) with a delay that never elapses, so that it costs what it normally costs.
 class HeldTimer final : public host::HostObject<zel::ITimerService> {
  public:
   explicit HeldTimer(zel::Ref<zel::ITimerService> inner) : inner_(std::move(inner)) {}
@@ -25,7 +25,7 @@ class HeldTimer final : public host::HostObject<zel::ITimerService> {
   zel::ResultCode ReservedTimerOperation0() override { return zel::eNotImplemented; }
   zel::ResultCode ReservedTimerOperation1() override { return zel::eNotImplemented; }
   zel::ResultCode ArmTimer(zel::IRunnable* sink, std::uint32_t) override {
-    // Written once: a second writer of the same value would share the line between the cores.
+    // Written once: another write of the same value would bounce the cache line between the cores.
     if (sink_.load(std::memory_order_relaxed) != sink) sink_.store(sink, std::memory_order_relaxed);
     return inner_ ? inner_->ArmTimer(sink, neverMs) : zel::sOk;
   }
@@ -49,7 +49,7 @@ class HeldTimer final : public host::HostObject<zel::ITimerService> {
   std::atomic<zel::IRunnable*> sink_{nullptr};
 };
 
-// Queues that take everything and keep nothing but a count. Reading hands out `item`, `readable` times.
+// Queues that accept everything and only count. Reading returns `item`, `readable` times.
 class NullQueues final : public host::HostObject<orvel::IQueueFactory> {
  public:
   std::uint64_t pushed = 0;
@@ -58,7 +58,7 @@ class NullQueues final : public host::HostObject<orvel::IQueueFactory> {
   std::uint64_t readable = 0;
   std::vector<std::string> names{};    // of all queues
   std::uint64_t removed = 0;           // calls of RemoveQueue
-  std::function<void()> onLastRead{};  // behind the read that leaves none; may be empty
+  std::function<void()> onLastRead{};  // called after the read of the last item; may be empty
 
   zel::ResultCode CreateAckConsumer(const zel::string&, const zel::string&,
                                     orvel::IAckConsumer** out) override {
@@ -76,7 +76,7 @@ class NullQueues final : public host::HostObject<orvel::IQueueFactory> {
   }
 
  private:
-  // They refer to the factory, which outlives them here.
+  // These refer to the factory, which outlives them here.
   class Producer final : public host::HostObject<orvel::IQueueProducer> {
    public:
     explicit Producer(NullQueues& queues) : queues_(queues) {}
@@ -129,7 +129,7 @@ class NullHttp final : public host::HostObject<network_services::IHttpClientFact
  public:
   std::uint64_t requests = 0;
   std::uint64_t lastSize = 0;         // of the last body, in bytes
-  std::function<void()> onRequest{};  // before anything else; may be empty
+  std::function<void()> onRequest{};  // called first; may be empty
 
   zel::ResultCode CreateClient(network_services::IHttpClient** out) override {
     *out = host::MakeObject<Client>(*this).Detach();

@@ -18,10 +18,10 @@ struct Opened {
 };
 VELD_RECORD(Opened, 0xbe0c4001, event, document, number, durationMs, ok)
 
-// As JSON, while the number has seven digits.
+// The length in JSON, as long as the number has seven digits.
 inline constexpr std::size_t openedBytes = 135;
 
-// A record of `bytes` as JSON (at least 100), while its number has as many digits as `number`.
+// A record of `bytes` in JSON (at least 100), as long as its number has as many digits as `number`.
 inline Opened OpenedOfSize(std::size_t bytes, std::int64_t number) {
   Opened record;
   record.number = number;

@@ -1,4 +1,4 @@
-// The CPU time of a thread, which other load on the machine hardly changes.
+// The CPU time of a thread, which other load on the machine hardly affects.
 #pragma once
 
 #include <ctime>

@@ -1,5 +1,5 @@
-// veld_bench_counts: runs one part of the module so often, for callgrind to count the instructions between
-// the marks. scripts/instruction-counts starts it and compares with what is recorded.
+// veld_bench_counts: repeats one part of the module so that callgrind can count the instructions between the
+// marks. scripts/instruction-counts runs it and compares the counts with the recorded ones.
 //
 // Everything is fixed: one thread, no clock, no disk, no network, the same records in the same order. Without
 // callgrind it does the same and counts nothing.
@@ -18,7 +18,7 @@
 namespace veld_report::bench {
 namespace {
 
-// Callgrind begins with counting off, so two calls of this enclose what is counted.
+// Callgrind starts with counting off, so two calls of this enclose what is counted.
 void Mark() { CALLGRIND_TOGGLE_COLLECT; }
 
 ModuleHostOptions FixedHost() {
@@ -27,7 +27,7 @@ ModuleHostOptions FixedHost() {
   return options;
 }
 
-// Runs `once` so many times behind a few that aren't counted: those that resolve symbols and fill the heap.
+// Runs `once` that many times, after a few uncounted runs that resolve symbols and fill the heap.
 int Repeat(int times, const std::function<void(bool counted)>& once) {
   for (int i = 0; i < 8; ++i) once(false);
   for (int i = 0; i < times; ++i) once(true);
@@ -46,8 +46,7 @@ int CountSubmission(const ModuleHostOptions& options) {
   });
 }
 
-// The module with a serialiser that hands it a finished text, so that next to nothing of the count is the
-// host's.
+// The module with a serialiser that returns a fixed text, so that the host hardly adds to the count.
 int CountSubmissionModule() {
   ModuleHostOptions options = FixedHost();
   options.storages = CreatePlainStorages();
@@ -78,7 +77,7 @@ int CountCycle() {
   });
 }
 
-// From the last item of a packet of 100, 200 bytes each, to the call of the HTTP client.
+// From the last item of a packet of 100 items of 200 bytes to the call of the HTTP client.
 int CountBody() {
   ModuleHost host(FixedHost());
   Opened record;
@@ -100,7 +99,7 @@ int Count(const std::string& part) {
       {"body", CountBody},
   };
   if (const auto found = parts.find(part); found != parts.end()) {
-    // How often, for the script to divide by.
+    // The number of repetitions, for the script to divide by.
     std::printf("%d\n", found->second());
     return 0;
   }

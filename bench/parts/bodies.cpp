@@ -1,4 +1,4 @@
-// What a request is made of: the base-64 text, and the whole body from the items of a packet.
+// The steps that make a request: the base64 text, and the whole body from the items of a packet.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 
@@ -25,7 +25,7 @@ std::vector<std::uint8_t> Bytes(std::size_t count) {
 
 void SetThroughput(benchmark::State& state) { state.SetBytesProcessed(state.iterations() * state.range(0)); }
 
-// With the memory of the text, which a caller hands on.
+// Includes the allocation of the text, which a caller passes on.
 void Base64Module(benchmark::State& state) {
   const std::vector<std::uint8_t> bytes = Bytes(static_cast<std::size_t>(state.range(0)));
   zel::string text;
@@ -48,8 +48,7 @@ void Base64OpenSsl(benchmark::State& state) {
 }
 BENCHMARK(Base64OpenSsl)->Arg(20'000)->Arg(500'000);
 
-// From the moment at which the module has a packet's last item to the one at which it hands the body to the
-// HTTP client: 100 items of 200 bytes.
+// From the last item of a packet to the call of the HTTP client with the body: 100 items of 200 bytes.
 void PacketToBody(benchmark::State& state) {
   ModuleHost host;
   Opened record = OpenedOfSize(200, 1234567);

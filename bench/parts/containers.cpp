@@ -1,4 +1,4 @@
-// The strings, vectors and streams that cross between host and module, beside those of the standard library.
+// The strings, vectors and streams that cross between host and module, next to those of the standard library.
 // Each pair does the same work.
 #include <benchmark/benchmark.h>
 
@@ -66,7 +66,7 @@ void VectorOfStrings(benchmark::State& state) {
 BENCHMARK_TEMPLATE(VectorOfStrings, zel::vector_t<zel::string>, zel::string);
 BENCHMARK_TEMPLATE(VectorOfStrings, std::vector<std::string>, std::string);
 
-// The scratch memory of the walk: the same vector filled again and again.
+// The walk's scratch memory: the same vector filled again and again.
 void VectorAssign(benchmark::State& state) {
   zel::vector_t<std::uint8_t> scratch;
   const auto* const bytes = reinterpret_cast<const std::uint8_t*>(longText.data());
@@ -89,7 +89,7 @@ void VectorAssignStandard(benchmark::State& state) {
 }
 BENCHMARK(VectorAssignStandard);
 
-// A record's text in 21 writes, which is what a serialiser that buffers nothing makes of five fields.
+// A record's text in 21 writes: five fields from a serialiser that doesn't buffer.
 void StreamWrite(benchmark::State& state) {
   for (auto _ : state) {
     zel::string text;
@@ -112,7 +112,7 @@ void StreamWriteStandard(benchmark::State& state) {
 }
 BENCHMARK(StreamWriteStandard);
 
-// A body of 27 KB into a stream, and out of it in the pieces that an HTTP client asks for.
+// A body of 27 KB written to a stream, and read in the pieces that an HTTP client asks for.
 void StreamRead(benchmark::State& state) {
   const zel::string body(std::string(27'000, 'x'));
   char piece[16384];

@@ -1,4 +1,4 @@
-// The queue service beside SQLite used plainly in groups: items of 200 bytes in and out.
+// The queue service next to plain SQLite with grouped transactions: items of 200 bytes in and out.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 #include <stdlib.h>
@@ -33,7 +33,7 @@ class Folder {
   std::filesystem::path path;
 };
 
-// As one would write it: a table, prepared statements, a transaction for each hundred.
+// A straightforward store: one table, prepared statements, a transaction per hundred items.
 class PlainStore {
  public:
   PlainStore() {
@@ -124,7 +124,7 @@ class KitStore {
     }
     if (!service_->Commit()) throw std::runtime_error("store: can't be written");
   }
-  // As the walk does it: a packet's acknowledgements behind its reads.
+  // As in the walk: a packet's acknowledgements follow its reads.
   void ReadAndAcknowledge() {
     zel::Ref<orvel::IAckConsumer> reader;
     service_->CreateAckConsumer(domain_, name_, reader.Out());
@@ -148,7 +148,7 @@ class KitStore {
   zel::Ref<orvel::IQueueProducer> producer_;
 };
 
-// One iteration is so many items. `cpu_us`: of the process, an item, its threads included.
+// One iteration is that many items. `cpu_us`: CPU time of all threads of the process, per item.
 template <class Timed, class Untimed>
 void Measure(benchmark::State& state, Timed&& timed, Untimed&& untimed, bool timedFirst) {
   double cpu = 0;

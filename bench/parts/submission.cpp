@@ -1,4 +1,4 @@
-// SendStatistic: what a producer pays for a call.
+// SendStatistic: the cost of a call for the producer.
 #include <benchmark/benchmark.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -19,7 +19,7 @@
 namespace veld_report::bench {
 namespace {
 
-// Calls between two drains: few enough that the memory that a call takes is memory that was used before.
+// Calls between two drains: few enough that a call gets memory that was used before.
 constexpr int callsInARow = 20000;
 
 ModuleHostOptions TokenHost() {
@@ -29,7 +29,7 @@ ModuleHostOptions TokenHost() {
   return options;
 }
 
-// One run of calls on this thread, and what they took.
+// A series of calls on this thread, and its cost.
 struct Run {
   double wallSeconds = 0;
   double cpuSeconds = 0;
@@ -49,8 +49,8 @@ struct Run {
   }
 };
 
-// How many blocks a call takes from the host's allocator, by a host of its own: counting isn't free. No other
-// may be alive, or the module would stay loaded behind it.
+// The number of blocks that a call takes from the host's allocator. Counting isn't free, so this has a host
+// of its own. No other host may exist, or the module would stay loaded.
 double HostAllocations(ModuleHostOptions options) {
   const auto allocator = host::MakeObject<CountingAllocator>();
   options.allocator = allocator;
@@ -61,14 +61,14 @@ double HostAllocations(ModuleHostOptions options) {
   return static_cast<double>(allocator->blocks - before) / callsInARow;
 }
 
-// Wall and CPU time of one call and its allocations, in every library of the process. The reported time is
-// that of callsInARow calls of each thread at once; `wall_ns` and `cpu_ns` are those of one call.
+// Wall time, CPU time and allocations of one call, in every library of the process. The reported time is that
+// of callsInARow calls on each thread at once; `wall_ns` and `cpu_ns` are for one call.
 void Submission(benchmark::State& state, const ModuleHostOptions& options) {
   const auto threadCount = static_cast<std::size_t>(state.range(0));
   const double hostAllocations = HostAllocations(options);
   ModuleHost host(options);
   std::vector<Opened> records(threadCount);
-  // Once around, so that the deque and the heap have their blocks.
+  // A warm-up run, so that the deque and the heap have their blocks.
   Run().Measure(host, records[0]);
   host.Drain();
   if (host.queues->lastSize != openedBytes) return state.SkipWithError("the record isn't 135 bytes of JSON");
@@ -110,7 +110,7 @@ BENCHMARK(SubmissionKit)->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->U
 void SubmissionWriteAToken(benchmark::State& state) { Submission(state, TokenHost()); }
 BENCHMARK(SubmissionWriteAToken)->ArgName("threads")->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// The floor: the same text by hand into a buffer that is there.
+// The lower bound: the same text written by hand into an existing buffer.
 char* Copy(char* out, std::string_view text) {
   std::memcpy(out, text.data(), text.size());
   return out + text.size();
@@ -136,7 +136,7 @@ void JsonByHand(benchmark::State& state) {
 }
 BENCHMARK(JsonByHand);
 
-// What a user would take for the text alone.
+// The usual way to produce just the text.
 void JsonRapidJson(benchmark::State& state) {
   Opened record;
   rapidjson::StringBuffer buffer;

@@ -1,4 +1,4 @@
-// What grows with the number of urls: the snapshot of a cycle, the upkeep of the queues, the look-ups of the
+// What grows with the number of urls: the snapshot of a cycle, the upkeep of the queues, the lookups of the
 // walk. Each is a whole cycle of the module in which nothing else happens.
 #include <benchmark/benchmark.h>
 
@@ -13,7 +13,7 @@
 namespace veld_report::bench {
 namespace {
 
-// A host with range(0) urls whose cycle has been run once.
+// A host with range(0) urls that has run one cycle.
 struct TableHost {
   explicit TableHost(const benchmark::State& state)
       : urls(ManyUrls(static_cast<std::size_t>(state.range(0)))), host({.urls = urls}) {
@@ -25,7 +25,7 @@ struct TableHost {
   ModuleHost host;
 };
 
-// Names of `count` queues that no url of the table has.
+// `count` queue names that match no url of the table.
 std::vector<std::string> StrangeNames(std::size_t count) {
   std::vector<std::string> names;
   for (std::size_t i = 0; i < count; ++i) {
@@ -34,7 +34,7 @@ std::vector<std::string> StrangeNames(std::size_t count) {
   return names;
 }
 
-// Runs `cycle` once an iteration; `prepare` before it isn't measured. The figure is CPU time.
+// Runs `cycle` once per iteration, after an unmeasured `prepare`. The figure is CPU time.
 template <class Prepare, class Cycle>
 void MeasureCycles(benchmark::State& state, Prepare&& prepare, Cycle&& cycle) {
   for (auto _ : state) {
@@ -51,7 +51,7 @@ void CycleSnapshot(benchmark::State& state) {
       state, [] {}, [&] { table.host.Drain(); });
 }
 
-// Half of the queues that the service holds are in the table, the other half are removed.
+// Half of the queues in the service are in the table; the other half are removed.
 void CycleUpdateQueues(benchmark::State& state) {
   TableHost table(state);
   NullQueues& queues = *table.host.queues;
@@ -66,7 +66,7 @@ void CycleUpdateQueues(benchmark::State& state) {
   if (queues.removed != expected) state.SkipWithError("the cycle removed other queues than it should");
 }
 
-// The walk meets as many queues as the table has rows, none of them in it.
+// The walk visits as many queues as the table has rows. None of them is in the table.
 void CycleLookUps(benchmark::State& state) {
   TableHost table(state);
   table.host.queues->names = StrangeNames(table.urls.size());
@@ -87,7 +87,7 @@ VELD_TABLE_BENCHMARK(CycleUpdateQueues);
 VELD_TABLE_BENCHMARK(CycleLookUps);
 VELD_TABLE_BENCHMARK(SetSettings);
 
-// From nothing to a factory and back: what loading costs.
+// The cost of loading: from nothing to a factory and back.
 void ModuleLoad(benchmark::State& state) {
   const std::string path = host::FindModule();
   for (auto _ : state) {

@@ -1,4 +1,4 @@
-// Trace sites: what a line costs that nobody wants, and one that is written.
+// Trace sites: the cost of a line that is off, and of one that is written.
 #include <benchmark/benchmark.h>
 
 #include <string_view>
@@ -13,7 +13,7 @@ namespace {
 
 [[gnu::noinline]] void Nothing(zel::ITracer* tracer) { benchmark::DoNotOptimize(tracer); }
 
-// In a function of its own, so that loop and call are the same as around the empty one.
+// In a function of its own, so that loop and call are the same as for the empty one.
 [[gnu::noinline]] void SiteWithNumbers(zel::ITracer* tracer) {
   zel::TraceLine(tracer, zel::normalLevel, [&](zel::TraceStream& line) {
     line.PutText("Not all data were sent. NeedToSend size = ").PutUInt32(123456);
@@ -33,7 +33,7 @@ void TraceSiteOff(benchmark::State& state) {
 }
 BENCHMARK(TraceSiteOff);
 
-// Takes lines into one buffer and throws them away.
+// Takes lines into one buffer and discards them.
 class BufferTracer final : public host::HostObject<zel::ITracer> {
  public:
   zel::ResultCode AcquireBuffer(std::uint32_t, char** buffer, std::uint64_t size) override {
@@ -51,7 +51,7 @@ class BufferTracer final : public host::HostObject<zel::ITracer> {
   char buffer_[4096] = {};
 };
 
-// A line of 100 bytes. What the tracer does with it isn't in the figure.
+// A line of 100 bytes, without the tracer's work.
 void TraceLineOn(benchmark::State& state) {
   const auto tracer = host::MakeObject<BufferTracer>();
   const std::uint64_t before = AllocationsOfThisThread();
@@ -61,14 +61,14 @@ void TraceLineOn(benchmark::State& state) {
       line.PutText(". Sended size = ").PutUInt32(7890123).PutText(". Of the walk: ").PutUInt64(123456789);
     });
   }
-  // The loop's own machinery allocates a handful of times.
+  // The benchmark loop itself allocates a handful of times.
   const auto allocations = static_cast<double>(AllocationsOfThisThread() - before);
   state.counters["allocations"] = allocations / static_cast<double>(state.iterations());
   state.counters["bytes"] = static_cast<double>(tracer->lastLength);
 }
 BENCHMARK(TraceLineOn);
 
-// The same line through the kit's tracer, to the point where it would be written.
+// The same line through the kit's tracer, up to the write.
 void TraceLineOnKit(benchmark::State& state) {
   std::uint64_t bytes = 0;
   const auto tracer = host::MakeObject<host::LineTracer>(

@@ -1,5 +1,5 @@
-// A record with nested parts, members under names of their own, a listener, and the ledger at the end:
-// described_record STORE URL
+// A record with nested parts and renamed members, a listener, and the ledger at the end.
+// Usage: described_record STORE URL
 #include <veld_report/reporter.h>
 
 #include <cstdio>
@@ -18,7 +18,7 @@ struct Line {
 };
 VELD_RECORD(Line, 0x51a00001, article, count, price)
 
-// The structs of its members are described above it. An empty optional is left out of the JSON.
+// The structs of its members must be described above. An empty optional is left out of the JSON.
 struct Order {
   std::uint64_t number;
   Channel channel;
@@ -33,7 +33,7 @@ VELD_RECORD(Order, 0x51a00002, (number, "order_number"), channel, lines, voucher
 
 namespace {
 
-// Runs on a thread of the HTTP client, once for each request that has ended.
+// Runs on a thread of the HTTP client, once for each completed request.
 void Report(const veld_report::FinishedRequest& request) {
   const bool delivered = request.result == zel::sOk;
   std::printf("%s %s\n", request.url.c_str(), delivered ? "has taken its records" : "has to be tried again");
@@ -52,7 +52,7 @@ int Run(const char* store, const char* url) {
                             .tags = {"new customer"},
                             .extra = {R"({"ab_test":{"checkout":"b"}})"}},
                 "sales");
-  // For what has no struct.
+  // For records that have no struct.
   reporter.Send(veld_report::RecordBuilder().Add("event", "checkout").Add("steps", 3), "sales");
 
   const bool allDone = reporter.Flush(std::chrono::seconds(10));

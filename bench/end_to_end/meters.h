@@ -1,4 +1,4 @@
-// What a run has cost this process, and the JSON object in which it is told.
+// What a run has cost this process, and the JSON object that reports it.
 #pragma once
 
 #include <chrono>
@@ -8,15 +8,15 @@
 
 namespace veld_report::bench {
 
-// CPU time of this process so far, all threads, in seconds; of its children none.
+// CPU time of all threads of this process so far, in seconds. Child processes aren't included.
 double CpuSeconds();
 
-// Memory of this process, in KB: what it has, and the most since ResetPeak.
+// Memory of this process, in KB: the current amount, and the peak since ResetPeak.
 std::uint64_t ResidentKb();
 std::uint64_t PeakKb();
 void ResetPeak();
 
-// Wall and CPU time since it was made.
+// Wall and CPU time since its construction.
 class Stopwatch {
  public:
   double WallSeconds() const {
@@ -36,7 +36,7 @@ class Result {
   void Set(std::string_view name, double value);
   void Set(std::string_view name, bool value) { Add(name, value ? "true" : "false"); }
   void Set(std::string_view name, std::string_view text) { Add(name, "\"" + std::string(text) + "\""); }
-  // The CPU time of each thread that is alive, under its name, in microseconds for each of `records`.
+  // The CPU time of each live thread, under its name, in microseconds per record.
   void SetThreads(double records);
   std::string Text() const { return "{" + members_ + "}"; }
 

@@ -1,4 +1,4 @@
-#include "bench/road/sink.h"
+#include "bench/end_to_end/sink.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -32,7 +32,7 @@ int Checked(int result, const char* what) {
 class ItemCounter {
  public:
   ItemCounter(const SinkOptions& options, SinkCounters& counters)
-      : counters_(counters), firstNumber_(options.firstNumber), seen_(options.mostNumbers) {}
+      : counters_(counters), firstNumber_(options.firstNumber), seen_(options.maxNumbers) {}
 
   void Count(std::string_view body) {
     constexpr std::string_view opening = R"("payload":")";
@@ -70,13 +70,13 @@ class ItemCounter {
   std::vector<unsigned char> decoded_;
 };
 
-// One connection: requests with a Content-Length, one after the other.
+// One connection: requests with a Content-Length, one after another.
 class Connection {
  public:
   explicit Connection(int socket) : socket_(socket) {}
   int Socket() const { return socket_; }
 
-  // Takes what has come. False once the connection has ended.
+  // Processes what has arrived. False once the connection has ended.
   bool Serve(SinkCounters& counters, ItemCounter* items) {
     if (used_ + chunk > buffer_.size()) buffer_.resize(used_ + chunk);
     const ssize_t got = ::recv(socket_, buffer_.data() + used_, chunk, 0);
@@ -121,7 +121,7 @@ class Connection {
   int socket_;
   std::vector<char> buffer_;
   std::size_t used_ = 0;
-  std::size_t bodyBegin_ = 0;  // 0: the head of the request isn't complete
+  std::size_t bodyBegin_ = 0;  // 0: the request's headers aren't complete
   std::size_t bodySize_ = 0;
 };
 

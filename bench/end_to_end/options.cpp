@@ -1,4 +1,4 @@
-#include "bench/road/options.h"
+#include "bench/end_to_end/options.h"
 
 #include <charconv>
 #include <map>
@@ -9,12 +9,12 @@ namespace veld_report::bench {
 namespace {
 
 constexpr char usage[] =
-    "usage: veld_bench_road [--mode MODE] [--NAME VALUE | --FLAG]...\n"
+    "usage: veld_bench_end_to_end [--mode MODE] [--NAME VALUE | --FLAG]...\n"
     "modes:\n"
-    "  road    records from submission to status 200 and out of the store\n"
+    "  end-to-end  records from submission to status 200 and out of the store\n"
     "  reporter  the same through the reporter, which holds `pending` records in memory (100000 unless "
     "given)\n"
-    "  push    as road as far as the store, with `fill` items waiting there\n"
+    "  push    from submission to the store, with `fill` items waiting there\n"
     "  drain   `fill` items from the store to status 200, `rounds` times\n"
     "  evict   push, into an empty queue and into a full one of 2048 KB\n"
     "  start   from the making of the host to the first item read, with `fill` items waiting\n"
@@ -36,8 +36,8 @@ std::uint64_t Number(const std::string& name, std::string_view text) {
 
 }  // namespace
 
-RoadOptions ParseOptions(int argc, char** argv) {
-  RoadOptions options;
+RunOptions ParseOptions(int argc, char** argv) {
+  RunOptions options;
   const std::map<std::string, std::uint64_t*> numbers = {
       {"--records", &options.records},    {"--size", &options.size},
       {"--threads", &options.threads},    {"--urls", &options.urls},

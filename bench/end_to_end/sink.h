@@ -1,8 +1,9 @@
 // The report server of a benchmark: a process of its own on loopback that answers every POST with 200 at
 // once.
 //
-// It differs from `veldrep serve` in that it stores nothing and, unless told to count, doesn't look into a
-// body, so that it never is what a measurement waits for. What it costs is kept apart: it is another process.
+// It differs from `veldrep serve` in that it stores nothing and doesn't read the bodies (unless asked to
+// count), so that no measurement waits for it. As a process of its own it doesn't add to the cost of the
+// sender.
 #pragma once
 
 #include <sys/types.h>
@@ -13,11 +14,11 @@
 
 namespace veld_report::bench {
 
-// Lies in memory that both processes see.
+// In memory that both processes share.
 struct SinkCounters {
   std::atomic<std::uint64_t> requests{0};
   std::atomic<std::uint64_t> bodyBytes{0};
-  // Where bodies are counted: items by their "number", and how many different ones from `firstNumber` on.
+  // If bodies are counted: the items by their "number", and the distinct ones from `firstNumber` on.
   std::atomic<std::uint64_t> items{0};
   std::atomic<std::uint64_t> distinct{0};
 };
@@ -26,10 +27,10 @@ struct SinkOptions {
   std::uint16_t port = 0;  // 0: a free one
   bool count = false;      // decodes the payloads and counts their items
   std::int64_t firstNumber = 0;
-  std::uint64_t mostNumbers = 0;
+  std::uint64_t maxNumbers = 0;
 };
 
-// Life: serving (from the constructor on) -> gone, with the object or with this process.
+// Life: serves from the constructor until the object or this process ends.
 class Sink {
  public:
   // Forks, so this process must have one thread. Throws std::system_error.

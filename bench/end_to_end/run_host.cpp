@@ -1,4 +1,4 @@
-#include "bench/road/road_host.h"
+#include "bench/end_to_end/run_host.h"
 
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 std::string ConsumerOf(std::uint64_t index) { return "c" + std::to_string(index); }
 
-host::QueueServiceOptions StoreOptions(const RoadOptions& options, const std::filesystem::path& folder) {
+host::QueueServiceOptions StoreOptions(const RunOptions& options, const std::filesystem::path& folder) {
   host::QueueServiceOptions store;
   store.folder = folder;
   if (options.group != 0) store.commitOperations = options.group;
@@ -28,7 +28,7 @@ host::QueueServiceOptions StoreOptions(const RoadOptions& options, const std::fi
   return store;
 }
 
-void Fill(const RoadOptions& options, const std::filesystem::path& folder, const std::string& base) {
+void Fill(const RunOptions& options, const std::filesystem::path& folder, const std::string& base) {
   const auto service = host::QueueService::Open(StoreOptions(options, folder));
   zel::Ref<orvel::IQueueProducer> producer;
   const zel::string domain(host::defaultDomain);
@@ -52,7 +52,7 @@ void Fill(const RoadOptions& options, const std::filesystem::path& folder, const
 
 }  // namespace
 
-StoreFolder::StoreFolder(const RoadOptions& options) : path_(options.store), kept_(!options.store.empty()) {
+StoreFolder::StoreFolder(const RunOptions& options) : path_(options.store), kept_(!options.store.empty()) {
   if (kept_) return;
   std::string name = (std::filesystem::temp_directory_path() / "veld-bench-XXXXXX").string();
   if (!::mkdtemp(name.data())) throw std::runtime_error("no folder can be made in the temporary one");
@@ -68,7 +68,7 @@ std::string UrlOf(const std::string& base, std::uint64_t index) {
   return base + "/in/" + std::to_string(index);
 }
 
-void FillStore(const RoadOptions& options, const std::filesystem::path& folder, const std::string& base) {
+void FillStore(const RunOptions& options, const std::filesystem::path& folder, const std::string& base) {
   if (options.fill == 0) return;
   const pid_t process = ::fork();
   if (process == 0) {
@@ -76,7 +76,7 @@ void FillStore(const RoadOptions& options, const std::filesystem::path& folder, 
     try {
       Fill(options, folder, base);
     } catch (const std::exception& error) {
-      std::fprintf(stderr, "veld_bench_road: %s\n", error.what());
+      std::fprintf(stderr, "veld_bench_end_to_end: %s\n", error.what());
       code = 1;
     }
     ::_exit(code);
@@ -87,7 +87,7 @@ void FillStore(const RoadOptions& options, const std::filesystem::path& folder, 
   }
 }
 
-RoadHost::RoadHost(const RoadOptions& options, const std::filesystem::path& folder, const std::string& base)
+RunHost::RunHost(const RunOptions& options, const std::filesystem::path& folder, const std::string& base)
     : options_(options) {
   host::HostKitOptions kit;
   kit.queues = StoreOptions(options, folder);
@@ -104,7 +104,7 @@ RoadHost::RoadHost(const RoadOptions& options, const std::filesystem::path& fold
   kit_ = std::make_unique<host::HostKit>(kit);
 }
 
-void RoadHost::Submit(std::uint64_t from, std::uint64_t to) {
+void RunHost::Submit(std::uint64_t from, std::uint64_t to) {
   constexpr std::uint64_t lookEvery = 64;
   std::vector<std::string> consumers;
   for (std::uint64_t i = 0; i < options_.urls; ++i) consumers.push_back(ConsumerOf(i));
@@ -131,18 +131,18 @@ void RoadHost::Submit(std::uint64_t from, std::uint64_t to) {
   look();
 }
 
-void RoadHost::NotePending(std::uint64_t pending) {
-  std::uint64_t most = mostPending_.load(std::memory_order_relaxed);
-  while (pending > most && !mostPending_.compare_exchange_weak(most, pending)) {
+void RunHost::NotePending(std::uint64_t pending) {
+  std::uint64_t max = maxPending_.load(std::memory_order_relaxed);
+  while (pending > max && !maxPending_.compare_exchange_weak(max, pending)) {
   }
 }
 
-void RoadHost::BeginCycle() {
+void RunHost::BeginCycle() {
   kit_->TriggerCycle();
   kit_->Timer().FireNow();
 }
 
-void RoadHost::RunCycle() {
+void RunHost::RunCycle() {
   const std::uint64_t before = kit_->Timer().RunsStarted();
   BeginCycle();
   if (!kit_->Timer().WaitForRun(before,
@@ -151,7 +151,7 @@ void RoadHost::RunCycle() {
   }
 }
 
-void RoadHost::WaitUntil(const std::function<bool()>& done) {
+void RunHost::WaitUntil(const std::function<bool()>& done) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options_.timeoutS);
   while (!done()) {
     if (std::chrono::steady_clock::now() > deadline)
@@ -161,11 +161,11 @@ void RoadHost::WaitUntil(const std::function<bool()>& done) {
   }
 }
 
-void RoadHost::WaitUntilPushed(std::uint64_t items) {
+void RunHost::WaitUntilPushed(std::uint64_t items) {
   WaitUntil([&] { return traffic_.pushed.load() >= items; });
 }
 
-void RoadHost::WaitUntilAcknowledged(std::uint64_t items) {
+void RunHost::WaitUntilAcknowledged(std::uint64_t items) {
   WaitUntil([&] { return traffic_.acknowledged.load() >= items; });
 }
 

@@ -1,4 +1,4 @@
-#include "bench/road/watched_queues.h"
+#include "bench/end_to_end/watched_queues.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "bench/road/meters.h"
+#include "bench/end_to_end/meters.h"
 
 #include <sys/resource.h>
 

@@ -1,4 +1,4 @@
-// RoadHost: the kit, its sink and its store, as the modes of the program use them.
+// RunHost: the kit with its store and its sink, as the modes use them.
 #pragma once
 
 #include <filesystem>
@@ -7,19 +7,19 @@
 #include <string>
 
 #include "bench/common/record.h"
-#include "bench/road/options.h"
-#include "bench/road/watched_queues.h"
+#include "bench/end_to_end/options.h"
+#include "bench/end_to_end/watched_queues.h"
 #include "host/kit/host_kit.h"
 
 namespace veld_report::bench {
 
-// Numbers of records begin here, so that all of them have as many digits.
+// The first record number, so that all numbers have the same number of digits.
 inline constexpr std::int64_t firstNumber = 10'000'000;
 
-// A folder that goes with the object, unless it was named by the user.
+// A folder that is removed with the object, unless the user named it.
 class StoreFolder {
  public:
-  explicit StoreFolder(const RoadOptions& options);
+  explicit StoreFolder(const RunOptions& options);
   StoreFolder(const StoreFolder&) = delete;
   StoreFolder& operator=(const StoreFolder&) = delete;
   ~StoreFolder();
@@ -30,26 +30,26 @@ class StoreFolder {
   const bool kept_;
 };
 
-// The urls of a run on the sink at `base`.
+// The url with that index, on the sink at `base`.
 std::string UrlOf(const std::string& base, std::uint64_t index);
-// Puts options.fill items into the queue of the first url, in a process of its own, so that its memory isn't
-// this one's. This process must have one thread. Throws std::runtime_error if that fails.
-void FillStore(const RoadOptions& options, const std::filesystem::path& folder, const std::string& base);
+// Puts options.fill items into the queue of the first url. It forks a process for that, so that the memory
+// isn't counted here; this process must have one thread. Throws std::runtime_error on failure.
+void FillStore(const RunOptions& options, const std::filesystem::path& folder, const std::string& base);
 
-// Belongs to one thread but for Submit.
-class RoadHost {
+// For one thread, except Submit.
+class RunHost {
  public:
   // Throws std::exception.
-  RoadHost(const RoadOptions& options, const std::filesystem::path& folder, const std::string& base);
+  RunHost(const RunOptions& options, const std::filesystem::path& folder, const std::string& base);
 
-  // Submits records firstNumber + `from` up to `to`, waiting while too many stand in memory.
+  // Submits records firstNumber + `from` up to `to` and waits while too many are in memory.
   void Submit(std::uint64_t from, std::uint64_t to);
   void AllowSending(bool allowed) { kit_->Mode().AllowBackground(allowed); }
-  // Begins a cycle, also where nothing was submitted.
+  // Begins a cycle, even if nothing was submitted.
   void BeginCycle();
   // Runs one whole cycle.
   void RunCycle();
-  // Waits until `done`, bringing cycles forward. Throws std::runtime_error when options.timeoutS are over.
+  // Triggers cycles until `done` returns true. Throws std::runtime_error after options.timeoutS.
   void WaitUntil(const std::function<bool()>& done);
   void WaitUntilPushed(std::uint64_t items);
   void WaitUntilAcknowledged(std::uint64_t items);
@@ -57,15 +57,15 @@ class RoadHost {
 
   host::HostKit& Kit() { return *kit_; }
   const QueueTraffic& Traffic() const { return traffic_; }
-  std::uint64_t MostPending() const { return mostPending_.load(); }
+  std::uint64_t MaxPending() const { return maxPending_.load(); }
 
  private:
   void NotePending(std::uint64_t pending);
 
-  const RoadOptions options_;
+  const RunOptions options_;
   QueueTraffic traffic_;
   std::atomic<std::uint64_t> submitted_{0};
-  std::atomic<std::uint64_t> mostPending_{0};
+  std::atomic<std::uint64_t> maxPending_{0};
   std::unique_ptr<host::HostKit> kit_;
 };
 

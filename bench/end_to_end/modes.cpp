@@ -1,22 +1,22 @@
-#include "bench/road/modes.h"
+#include "bench/end_to_end/modes.h"
 
 #include <algorithm>
 #include <thread>
 #include <vector>
 
-#include "bench/road/road_host.h"
-#include "bench/road/sink.h"
+#include "bench/end_to_end/run_host.h"
+#include "bench/end_to_end/sink.h"
 #include "host/hash/queue_name.h"
 #include "veld_report/reporter.h"
 
 namespace veld_report::bench {
 namespace {
 
-SinkOptions SinkFor(const RoadOptions& options) {
+SinkOptions SinkFor(const RunOptions& options) {
   return {.port = static_cast<std::uint16_t>(options.port),
           .count = options.count,
           .firstNumber = firstNumber,
-          .mostNumbers = std::max(options.records, options.fill)};
+          .maxNumbers = std::max(options.records, options.fill)};
 }
 
 double Middle(std::vector<double> values) {
@@ -24,7 +24,7 @@ double Middle(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// What `items` have cost.
+// The cost of `items` records.
 void SetCost(Result& result, double items, double wallSeconds, double cpuSeconds) {
   result.Set("seconds", wallSeconds);
   result.Set("recordsPerSecond", items / wallSeconds);
@@ -44,7 +44,7 @@ void SetSink(Result& result, const Sink& sink, bool counted) {
   result.Set("distinctAtSink", sink.Counters().distinct.load());
 }
 
-void SubmitAll(RoadHost& host, const RoadOptions& options) {
+void SubmitAll(RunHost& host, const RunOptions& options) {
   std::vector<std::thread> others;
   const auto share = [&](std::uint64_t index) { return options.records * index / options.threads; };
   for (std::uint64_t i = 1; i < options.threads; ++i) {
@@ -56,10 +56,10 @@ void SubmitAll(RoadHost& host, const RoadOptions& options) {
 
 }  // namespace
 
-Result MeasureRoad(const RoadOptions& options) {
+Result MeasureEndToEnd(const RunOptions& options) {
   const StoreFolder folder(options);
   const Sink sink(SinkFor(options));
-  RoadHost host(options, folder.Path(), sink.Url());
+  RunHost host(options, folder.Path(), sink.Url());
   ResetPeak();
   const std::uint64_t before = ResidentKb();
 
@@ -76,16 +76,16 @@ Result MeasureRoad(const RoadOptions& options) {
   SetCost(result, static_cast<double>(options.records), wall, cpu);
   result.Set("submittedAfterS", submitted);
   result.Set("storedAfterS", stored);
-  result.Set("mostPending", host.MostPending());
+  result.Set("maxPending", host.MaxPending());
   SetMemory(result, before);
   SetSink(result, sink, options.count);
   result.SetThreads(static_cast<double>(options.records));
   return result;
 }
 
-// As an application has it: a record that is refused for want of room in memory is offered again, and a flush
-// ends the run.
-Result MeasureReporter(const RoadOptions& options) {
+// As in an application: a record that is refused because memory is full is offered again, and a flush ends
+// the run.
+Result MeasureReporter(const RunOptions& options) {
   const StoreFolder folder(options);
   const Sink sink(SinkFor(options));
   ReporterOptions reporterOptions;
@@ -119,11 +119,11 @@ Result MeasureReporter(const RoadOptions& options) {
   return result;
 }
 
-Result MeasurePush(const RoadOptions& options) {
+Result MeasurePush(const RunOptions& options) {
   const StoreFolder folder(options);
   const Sink sink(SinkFor(options));
   FillStore(options, folder.Path(), sink.Url());
-  RoadHost host(options, folder.Path(), sink.Url());
+  RunHost host(options, folder.Path(), sink.Url());
   host.AllowSending(false);
   ResetPeak();
   const std::uint64_t before = ResidentKb();
@@ -134,7 +134,7 @@ Result MeasurePush(const RoadOptions& options) {
   host.Kit().Queues().Commit();
   Result result;
   SetCost(result, static_cast<double>(options.records), watch.WallSeconds(), watch.UsedCpuSeconds());
-  result.Set("mostPending", host.MostPending());
+  result.Set("maxPending", host.MaxPending());
   SetMemory(result, before);
   double bytes = 0;
   for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
@@ -144,14 +144,14 @@ Result MeasurePush(const RoadOptions& options) {
   return result;
 }
 
-Result MeasureDrain(const RoadOptions& options) {
+Result MeasureDrain(const RunOptions& options) {
   const Sink sink(SinkFor(options));
   std::vector<double> walls, cpus;
   std::uint64_t before = 0, peak = 0;
   const StoreFolder folder(options);
   for (std::uint64_t round = 0; round < options.rounds; ++round) {
     FillStore(options, folder.Path(), sink.Url());
-    RoadHost host(options, folder.Path(), sink.Url());
+    RunHost host(options, folder.Path(), sink.Url());
     const auto waiting = static_cast<std::uint64_t>(host.Kit().Queues().TotalWaiting().items);
     if (waiting == 0) throw std::runtime_error("drain: nothing waits in the store");
     ResetPeak();
@@ -171,18 +171,18 @@ Result MeasureDrain(const RoadOptions& options) {
   return result;
 }
 
-Result MeasureEviction(const RoadOptions& options) {
+Result MeasureEviction(const RunOptions& options) {
   constexpr std::uint64_t fullKb = 2048;
   Result result;
   double cost[2] = {};
   for (const bool full : {false, true}) {
-    RoadOptions one = options;
+    RunOptions one = options;
     one.queueLimitKb = full ? fullKb : options.queueLimitKb;
     one.fill = full ? fullKb * 1024 / options.size : 0;
     const StoreFolder folder(one);
     const Sink sink(SinkFor(one));
     FillStore(one, folder.Path(), sink.Url());
-    RoadHost host(one, folder.Path(), sink.Url());
+    RunHost host(one, folder.Path(), sink.Url());
     host.AllowSending(false);
     SubmitAll(host, one);
     const std::uint64_t early = host.Traffic().pushed.load();
@@ -203,12 +203,12 @@ Result MeasureEviction(const RoadOptions& options) {
   return result;
 }
 
-Result MeasureStart(const RoadOptions& options) {
+Result MeasureStart(const RunOptions& options) {
   const StoreFolder folder(options);
   const Sink sink(SinkFor(options));
   FillStore(options, folder.Path(), sink.Url());
   const auto begin = std::chrono::steady_clock::now();
-  RoadHost host(options, folder.Path(), sink.Url());
+  RunHost host(options, folder.Path(), sink.Url());
   const auto opened = std::chrono::steady_clock::now();
   host.BeginCycle();
   host.WaitUntil([&] { return host.Traffic().firstReadNs.load() != 0; });
@@ -221,11 +221,11 @@ Result MeasureStart(const RoadOptions& options) {
   return result;
 }
 
-Result MeasureQueues(const RoadOptions& options) {
+Result MeasureQueues(const RunOptions& options) {
   const StoreFolder folder(options);
   const Sink sink(SinkFor(options));
-  RoadHost host(options, folder.Path(), sink.Url());
-  // Each url gets one record first, so that its queue exists, and that is sent.
+  RunHost host(options, folder.Path(), sink.Url());
+  // One record for each url first, so that every queue exists.
   host.Submit(0, options.urls);
   host.WaitUntilAcknowledged(options.urls);
   std::vector<double> walls, cpus;
@@ -233,8 +233,8 @@ Result MeasureQueues(const RoadOptions& options) {
     host.AllowSending(false);
     const std::uint64_t pushed = host.Traffic().pushed.load();
     const std::uint64_t acknowledged = host.Traffic().acknowledged.load();
-    // Records go to the urls in turn, so a stretch of `active` numbers from a multiple of `urls` on reaches
-    // the first ones.
+    // Records go round-robin to the urls. `active` numbers from a multiple of `urls` on therefore reach the
+    // first `active` urls.
     for (std::uint64_t i = 0; i < options.records; ++i) {
       host.Submit(i * options.urls, i * options.urls + options.active);
     }
@@ -254,7 +254,7 @@ Result MeasureQueues(const RoadOptions& options) {
   return result;
 }
 
-Result FillOnly(const RoadOptions& options) {
+Result FillOnly(const RunOptions& options) {
   const StoreFolder folder(options);
   const Sink sink(SinkFor(options));
   const Stopwatch watch;
