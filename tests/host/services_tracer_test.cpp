@@ -9,7 +9,7 @@
 #include <set>
 #include <thread>
 
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 #include "host/tracer/line_tracer.h"
 #include "tests/host/temporary_folder.h"
 
@@ -43,7 +43,7 @@ TEST_F(Tracer, LevelThatIsOffStoresNothing) {
   EXPECT_NE(tracer_->AcquireBuffer(700, &buffer, 512), 0);
   EXPECT_EQ(buffer, &untouched);
   tracer_->SetLevel(0);
-  TraceLine(tracer_.Get(), 300, "unwanted");
+  WriteTrace(tracer_.Get(), 300, "unwanted");
   EXPECT_TRUE(lines_.empty());
 }
 
@@ -72,7 +72,7 @@ TEST_F(Tracer, ConcurrentWritersNeverMixLinesAndRotationLosesNone) {
       threads.emplace_back([&, t] {
         for (int i = 0; i < 200; ++i) {
           const std::string padding(static_cast<std::size_t>(i % 7) * 40, '.');
-          TraceLine(tracer.Get(), 700, std::to_string(t * 200 + i) + padding + "!");
+          WriteTrace(tracer.Get(), 700, std::to_string(t * 200 + i) + padding + "!");
         }
       });
     }
@@ -94,7 +94,7 @@ TEST_F(Tracer, ConcurrentWritersNeverMixLinesAndRotationLosesNone) {
 TEST_F(Tracer, FileIsTheOwnersAloneAndNeverOutgrowsItsLimit) {
   const auto tracer = MakeObject<LineTracer>(LineTracerOptions{.path = path_, .limitBytes = 1000});
   for (int round = 0; round < 2; ++round) {
-    for (int i = 0; i < 100; ++i) TraceLine(tracer.Get(), 300, std::string(100, 'x'));
+    for (int i = 0; i < 100; ++i) WriteTrace(tracer.Get(), 300, std::string(100, 'x'));
     struct stat status {};
     ASSERT_EQ(::stat(path_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);

@@ -1,7 +1,7 @@
-// Clock, the time that the host kit's services go by.
+// Clock: the source of time for the host kit's services.
 //
-// It differs from std::chrono::steady_clock in that a test can put a clock in its place that stands still
-// until it is advanced. Not for deadlines that a person gave: those are real time.
+// It differs from std::chrono::steady_clock in that a test can substitute a clock that only moves when it is
+// advanced. Not for deadlines that a caller sets: those are real time.
 #pragma once
 
 #include <chrono>
@@ -11,10 +11,10 @@
 
 namespace veld_report::host {
 
-// Told when a clock that doesn't run by itself has moved.
+// Notified when a clock that doesn't run by itself has been advanced.
 class IClockListener {
  public:
-  // On the thread that advanced the clock, with a lock of the clock's held.
+  // Called on the thread that advanced the clock, with a lock of the clock held.
   virtual void OnClockAdvanced() = 0;
 
  protected:
@@ -28,20 +28,20 @@ class Clock {
   using WallTimePoint = std::chrono::system_clock::time_point;
 
   virtual ~Clock() = default;
-  // Never runs backwards. For delays.
+  // Monotonic time. For delays.
   virtual TimePoint Now() const = 0;
-  // The calendar's time, which may jump. For dates that come from outside.
+  // Wall-clock time, which may jump. For dates that come from outside.
   virtual WallTimePoint WallNow() const = 0;
-  // Waits on `changed` as std::condition_variable::wait_until does; may return early.
+  // Waits on `changed` like std::condition_variable::wait_until. May return early.
   virtual void WaitUntil(std::condition_variable& changed, std::unique_lock<std::mutex>& lock,
                          TimePoint deadline) const = 0;
-  // Between the two calls the listener hears of each advance. Called without the lock that the listener
-  // takes when it is told.
+  // From AddListener to RemoveListener the listener is notified of each advance. Don't call them with a lock
+  // held that OnClockAdvanced takes.
   virtual void AddListener(IClockListener*) {}
   virtual void RemoveListener(IClockListener*) {}
 };
 
-// The machine's clocks.
+// The system's clocks.
 class SystemClock final : public Clock {
  public:
   TimePoint Now() const override { return std::chrono::steady_clock::now(); }

@@ -1,4 +1,4 @@
-// Result codes in messages that a person reads.
+// Result codes in messages for people.
 #pragma once
 
 #include <string>
@@ -7,8 +7,7 @@
 
 namespace veld_report::host {
 
-// "0x80000062 Out of space"; a code that the host has no text for gives the number alone. Throws
-// std::bad_alloc.
+// "0x80000062 Out of space"; just the number if the host has no text for the code. Throws std::bad_alloc.
 std::string CodeText(zel::ResultCode code);
 
 }  // namespace veld_report::host

@@ -1,7 +1,7 @@
-// HostObject, the base with which the host kit's services implement interfaces of the contract.
+// HostObject: the base class of the host kit's objects that implement interfaces of the contract.
 //
-// It gives the reference count and QueryInterface; a service derives from it and writes its operations.
-// Objects are made by MakeObject, with one reference for the maker, and end with the last Release. Not for
+// It provides the reference count and QueryInterface; a service derives from it and implements the
+// operations. MakeObject makes an object with one reference, and the last Release destroys it. Not for
 // objects that are members of others.
 #pragma once
 
@@ -16,8 +16,8 @@
 
 namespace veld_report::host {
 
-// `Interfaces`: what the object implements; id 0 asks for the first. One without an id of its own (no `iid`
-// member) is reached by no id but 0.
+// `Interfaces`: what the object implements. Id 0 returns the first; an interface without an id of its own (no
+// `iid` member) can't be reached in any other way.
 template <class... Interfaces>
 class HostObject : public Interfaces... {
  public:
@@ -58,14 +58,14 @@ class HostObject : public Interfaces... {
   std::atomic<std::uint32_t> references_{1};
 };
 
-// Makes a T with the one reference that the result owns.
+// Makes a T; the result owns its one reference.
 template <class T, class... Arguments>
 zel::Ref<T> MakeObject(Arguments&&... arguments) {
   return zel::Ref<T>::Attach(new T(std::forward<Arguments>(arguments)...));
 }
 
-// Runs `body`, which returns a ResultCode, and turns what it throws into a code: no host operation of the kit
-// lets an exception cross the boundary.
+// Runs `body`, which returns a ResultCode, and translates its exceptions into codes. No operation of the kit
+// lets an exception cross the binary boundary.
 template <class Body>
 zel::ResultCode Guarded(Body&& body) noexcept {
   try {

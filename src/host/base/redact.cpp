@@ -12,7 +12,7 @@ std::string WithoutCredentials(std::string_view text) {
     const std::size_t authority = scheme + mark.size();
     result.append(text.substr(0, authority));
     text.remove_prefix(authority);
-    // The last @ of the authority counts: a careless password may hold one itself.
+    // The last @ of the authority counts: a careless password may contain one itself.
     const std::size_t at = text.substr(0, text.find_first_of("/?#\\ \t\r\n\"'<>")).rfind('@');
     if (at != std::string_view::npos) text.remove_prefix(at + 1);
   }

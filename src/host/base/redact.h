@@ -1,4 +1,4 @@
-// Takes what must not be written out of text that is about to be written.
+// Removes credentials from text that is about to be written.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 
 namespace veld_report::host {
 
-// The text with user and password taken out of every url in it: "http://me:pw@host/x" gives "http://host/x".
-// A url's query stays.
+// Removes user and password from every url in the text: "http://me:pw@host/x" becomes "http://host/x". A
+// url's query stays.
 std::string WithoutCredentials(std::string_view text);
 
 }  // namespace veld_report::host

@@ -8,7 +8,7 @@
 namespace veld_report::host {
 namespace {
 
-// A new thread inherits the mask of its maker, so no signal can slip in between.
+// A new thread inherits its creator's mask, so no signal can slip in between.
 class AllSignalsBlocked {
  public:
   AllSignalsBlocked() {

@@ -1,4 +1,4 @@
-// Starts the thread of a service inside a process that isn't ours.
+// Starts a service's thread inside somebody else's process.
 #pragma once
 
 #include <functional>
@@ -6,8 +6,8 @@
 
 namespace veld_report::host {
 
-// A thread with all signals blocked, so that the application's handlers run on its own threads and a broken
-// connection raises no SIGPIPE here. `name`: at most 15 characters, for debuggers. Throws std::system_error.
+// A thread with all signals blocked. So the application's handlers run on its own threads, and a broken
+// connection raises no SIGPIPE here. `name`: 15 characters at most, for debuggers. Throws std::system_error.
 std::thread StartServiceThread(const char* name, std::function<void()> body);
 
 }  // namespace veld_report::host

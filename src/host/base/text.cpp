@@ -11,9 +11,9 @@ namespace {
 std::uint32_t Byte(char character) { return static_cast<unsigned char>(character); }
 
 struct LeadByte {
-  std::size_t length;  // 0 for a byte that can't begin a sequence
+  std::size_t length;  // 0 for a byte that can't start a sequence
   std::uint32_t bits;
-  std::uint32_t least;  // a smaller value would be an overlong form
+  std::uint32_t minimum;  // a smaller value is an overlong form
 };
 
 LeadByte Classify(std::uint32_t byte) {
@@ -24,7 +24,7 @@ LeadByte Classify(std::uint32_t byte) {
   return {0, 0, 0};
 }
 
-// Decodes the sequence at the front of `text`; length 0 if it isn't a valid one.
+// Decodes the sequence at the front of `text`. Returns its length, or 0 if it is invalid.
 std::size_t Decode(std::string_view text, std::uint32_t* codePoint) {
   if (text.empty()) return 0;
   const LeadByte lead = Classify(Byte(text[0]));
@@ -35,7 +35,7 @@ std::size_t Decode(std::string_view text, std::uint32_t* codePoint) {
     value = (value << 6) | (Byte(text[i]) & 0x3f);
   }
   const bool surrogate = value >= 0xd800 && value <= 0xdfff;
-  if (value < lead.least || value > 0x10ffff || surrogate) return 0;
+  if (value < lead.minimum || value > 0x10ffff || surrogate) return 0;
   *codePoint = value;
   return lead.length;
 }

@@ -12,7 +12,7 @@
 #include "host/base/host_object.h"
 #include "host/base/service_thread.h"
 #include "host/base/text.h"
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 #include "host/http/certificates.h"
 #include "host/http/http_engine.h"
 #include "host/http/http_request.h"
@@ -68,8 +68,8 @@ class HttpClient final : public HostObject<IHttpClient, IHttpClientCertificates>
       try {
         engine_->SetCertificates(ReadCertificateTable(*table, urls.value_or(std::vector<std::string>())));
       } catch (const std::invalid_argument& error) {
-        TraceLine(shared_->options.tracer.Get(), failureLevel,
-                  std::string("veld_host\tHttp: certificates refused: ") + error.what());
+        WriteTrace(shared_->options.tracer.Get(), failureLevel,
+                   std::string("veld_host\tHttp: certificates refused: ") + error.what());
         return zel::eInvalidArgument;
       }
       if (urls) shared_->backoff.KeepOnly(*urls);

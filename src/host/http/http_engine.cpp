@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "host/base/redact.h"
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 
 namespace veld_report::host {
 namespace {
@@ -191,8 +191,8 @@ void HttpEngine::NotifyBackoff() noexcept {
 
 void HttpEngine::End(HttpRequest& request, const HttpOutcome& outcome) noexcept {
   if (request.End(outcome)) return;
-  TraceLine(shared_->options.tracer.Get(), failureLevel,
-            "veld_host\tHttp: an exception left the completion of a request; the client goes on");
+  WriteTrace(shared_->options.tracer.Get(), failureLevel,
+             "veld_host\tHttp: an exception left the completion of a request; the client goes on");
 }
 
 void HttpEngine::Note(const HttpRequest& request, Clock::TimePoint startedAt,
@@ -201,8 +201,8 @@ void HttpEngine::Note(const HttpRequest& request, Clock::TimePoint startedAt,
     const std::string& url = request.GetContent().urlText;
     shared_->backoff.End(url, startedAt, outcome);
     if (!zel::Failed(outcome.code) || outcome.code == zel::eOperationCancelled) return;
-    TraceLine(shared_->options.tracer.Get(), failureLevel,
-              "veld_host\tHttp: request to " + WithoutCredentials(url) + " failed: " + outcome.error);
+    WriteTrace(shared_->options.tracer.Get(), failureLevel,
+               "veld_host\tHttp: request to " + WithoutCredentials(url) + " failed: " + outcome.error);
   } catch (...) {
     // Without memory the url's row stays as it is, and the line is lost.
   }

@@ -1,8 +1,8 @@
-// Ready helper objects for field tables: what a descriptor points to besides its numbers and names.
+// Helper objects for field tables: what a descriptor points to besides numbers and names.
 //
-// One constant object serves each type: `&fieldHelper<VectorHelper<std::vector<int>>>`. They hold no data and
-// are set up at compile time, so a table that points to them is constant too. The `Source` argument says
-// where a record's descriptor comes from: a class with `static const zel::SerObjDescriptor* Get()`.
+// There is one constant object for each type: `&fieldHelper<VectorHelper<std::vector<int>>>`. They hold no
+// data and are initialised at compile time, so a table that points to them is constant too. The `Source`
+// argument supplies a record's descriptor: a class with `static const zel::SerObjDescriptor* Get()`.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ struct NoDescriptor {
   static const zel::SerObjDescriptor* Get() { return nullptr; }
 };
 
-// The operations of a structure T that can be made, copied and assigned.
+// The operations of a default-constructible, copyable and assignable structure T.
 template <class T>
 class RecordHelper final : public zel::SerObjDescriptorHelper {
  public:
@@ -54,7 +54,7 @@ class RecordHelper final : public zel::SerObjDescriptorHelper {
   bool ReservedHelperOperation() override { return false; }
 };
 
-// What the three kinds of helper share: the checks and the description of one element.
+// What the three kinds of helper share: the checks, and the description of an element.
 template <class Container, class Element, class Source>
 class ElementHelper : public zel::SerVectorHelper {
  public:
@@ -74,7 +74,7 @@ class ElementHelper : public zel::SerVectorHelper {
   ~ElementHelper() = default;
 };
 
-// A std::vector or a zel::vector_t. The elements of a std::vector<bool> are read through constants.
+// For a std::vector or a zel::vector_t. The elements of a std::vector<bool> are read through constants.
 template <class V, class Source = NoDescriptor>
 class VectorHelper final
     : public ElementHelper<V, std::decay_t<decltype(std::declval<const V&>()[0])>, Source> {
@@ -114,7 +114,7 @@ class VectorHelper final
   }
 };
 
-// A record inside a record: always one element, which is the field itself.
+// For a record inside a record: always one element, the field itself.
 template <class T, class Source>
 class NestedHelper final : public ElementHelper<T, T, Source> {
  public:
@@ -133,7 +133,7 @@ class NestedHelper final : public ElementHelper<T, T, Source> {
   }
 };
 
-// A std::optional<T>: no element or one.
+// For a std::optional<T>: no element or one.
 template <class T, class Source = NoDescriptor>
 class OptionalHelper final : public ElementHelper<std::optional<T>, T, Source> {
  public:

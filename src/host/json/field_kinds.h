@@ -1,5 +1,5 @@
-// The kinds of field that the host's serialiser knows: what stands in `typeId` and `flags` of a row of a
-// field table (contract/descriptor.h), and how the value lies in memory.
+// The kinds of field that the host's serialiser knows: the values of `typeId` and `flags` in a row of a field
+// table (contract/descriptor.h), and the memory layout that they stand for.
 //
 // `flags` says what the field holds, `typeId` what one value is:
 //
@@ -11,12 +11,13 @@
 //   optionalFlag                            at most one plain value             a kind below
 //   optionalFlag | recordFlag               at most one record                  serId of the record
 //
-// All but a plain value need a `vectorHelper`, through which the serialiser reaches the values: GetSize gives
-// their number (always 1 for a nested record, 0 or 1 for an optional), GetElement the address of each, and
-// GetElementSize the size of one. GetElementDescriptor gives the descriptor of a record, whose serId must be
-// the row's `typeId`; for plain values it isn't called. host/json/field_helpers.h has ready ones.
+// All but plain values need a `vectorHelper`, through which the serialiser reaches the values. GetSize
+// returns how many there are (always 1 for a nested record, 0 or 1 for an optional), GetElement the address
+// of each, GetElementSize the size of one. GetElementDescriptor returns a record's descriptor, whose serId
+// must be the row's `typeId`; it isn't called for plain values. host/json/field_helpers.h has helpers for all
+// of these.
 //
-// An absent optional has no member in the JSON text. Vectors of vectors and of optionals have no form; put
+// An empty optional has no member in the JSON text. Vectors of vectors and of optionals aren't supported; put
 // the inner one into a record.
 #pragma once
 
@@ -31,26 +32,26 @@ inline constexpr std::uint32_t vectorFlag = 0x00002000;
 inline constexpr std::uint32_t optionalFlag = 0x00004000;
 static_assert((recordFlag | vectorFlag) == zel::SerFieldDescriptor::vectorOfRecords);
 
-// Numbers. The size of a value (`size` of a plain field, otherwise GetElementSize) tells the width: 1, 2, 4
-// or 8 bytes for the two kinds of integer, 4 or 8 for a floating point number, 1 for a boolean, which is
-// false exactly when its byte is 0. A floating point number is written in the shortest form that reads back
-// as the same value (with an exponent from 2^53 on, since readers take digits alone for an integer), and as
-// null if it is not finite.
+// Numbers. The size of a value (`size` of a plain field, otherwise GetElementSize) gives the width: 1, 2, 4
+// or 8 bytes for both kinds of integer, 4 or 8 for a floating point number, 1 for a boolean, which is false
+// if its byte is 0. A floating point number is written in the shortest form that reads back as the same
+// value, and as null if it isn't finite. From 2^53 on it has an exponent, since readers take digits alone for
+// an integer.
 inline constexpr std::uint32_t boolean = 0x01;
 inline constexpr std::uint32_t signedInteger = 0x02;
 inline constexpr std::uint32_t unsignedInteger = 0x03;
 inline constexpr std::uint32_t floatingPoint = 0x04;
 
-// Text. Narrow text is UTF-8 and wide text UTF-16; each sequence that isn't valid is written as U+FFFD.
+// Text. Narrow text is UTF-8, wide text is UTF-16. Invalid sequences are written as U+FFFD.
 inline constexpr std::uint32_t narrowString = zel::SerFieldDescriptor::narrowString;  // 0x21, zel::string
 inline constexpr std::uint32_t wideString = 0x22;                                     // zel::wstring
 inline constexpr std::uint32_t standardString = 0x23;                                 // std::string
 inline constexpr std::uint32_t standardWideString = 0x24;                             // std::u16string
 inline constexpr std::uint32_t stringView = 0x25;                                     // std::string_view
 
-// Text that is JSON already, exactly one value: it is checked and then written as it stands, less the line
-// breaks and tabs between its tokens. A structure whose table has exactly one row, of one of these kinds with
-// flags 0 and an empty name, isn't an object: it is that text.
+// Text that already is JSON, exactly one value. It is checked and then written unchanged, except that line
+// breaks and tabs between its tokens are dropped. A structure with exactly one field of such a kind, with
+// flags 0 and an empty name, isn't written as an object but as that text.
 inline constexpr std::uint32_t jsonText = 0x31;          // zel::string
 inline constexpr std::uint32_t standardJsonText = 0x33;  // std::string
 

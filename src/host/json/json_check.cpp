@@ -9,7 +9,7 @@ namespace veld_report::host {
 namespace {
 
 constexpr std::size_t idleLimit = 8;
-constexpr std::size_t keptCapacityBytes = 1 << 20;  // a parser that has grown further isn't kept
+constexpr std::size_t keptCapacityBytes = 1 << 20;  // a parser that has grown larger isn't kept
 
 }  // namespace
 
@@ -19,8 +19,8 @@ struct JsonCheck::Parser {
 
 JsonCheck::JsonCheck() {
   idle_.reserve(idleLimit);
-  // simdjson has static objects that come into being at first use. Used here, they outlive a static object
-  // that holds this one.
+  // simdjson creates static objects on first use. Using it here makes them outlive a static object that holds
+  // this one.
   GiveBack(Borrow());
 }
 JsonCheck::~JsonCheck() = default;
@@ -29,7 +29,7 @@ bool JsonCheck::IsOneValue(std::string_view text) { return IsOneValue(text, null
 
 bool JsonCheck::IsOneValue(std::string_view text, std::string* why) {
   std::unique_ptr<Parser> borrowed = Borrow();
-  // Not the parser's own test: the byte order mark, which simdjson skips, isn't white space of JSON.
+  // simdjson skips a byte order mark, but in JSON it isn't whitespace.
   const bool marked = text.starts_with("\xef\xbb\xbf");
   const simdjson::error_code error = borrowed->parser.parse(text.data(), text.size()).error();
   GiveBack(std::move(borrowed));

@@ -1,4 +1,4 @@
-// JsonCheck, the test whether a text is exactly one JSON value. It uses simdjson and keeps its parsers.
+// JsonCheck tests whether a text is exactly one JSON value. It uses simdjson and keeps its parsers.
 #pragma once
 
 #include <cstddef>
@@ -10,11 +10,10 @@
 
 namespace veld_report::host {
 
-// Threads: any; a check holds no lock.
+// Threads: any; no lock is held during a check.
 class JsonCheck {
  public:
-  // Deepest nesting that is accepted. A reader at the far end sees the text inside two further levels, and
-  // readers commonly stop at 1024.
+  // The maximum nesting depth. A receiver sees the text two levels deeper, and readers commonly stop at 1024.
   static constexpr std::size_t depthLimit = 512;
 
   JsonCheck();
@@ -22,11 +21,11 @@ class JsonCheck {
   JsonCheck& operator=(const JsonCheck&) = delete;
   ~JsonCheck();
 
-  // Whether `text` is one complete JSON value in valid UTF-8, with nothing but white space around it, nested
-  // no deeper than the limit. Numbers that neither a 64-bit integer nor a double holds are refused: a reader
-  // that can't take them would refuse the whole message. Throws std::bad_alloc.
+  // True if `text` is one complete JSON value in valid UTF-8, with nothing but whitespace around it and not
+  // nested deeper than the limit. Numbers that fit neither a 64-bit integer nor a double are refused: a
+  // reader that can't handle them would refuse the whole message. Throws std::bad_alloc.
   bool IsOneValue(std::string_view text);
-  // The same; `*why` gets the reason of a refusal.
+  // The same; `*why` receives the reason of a refusal.
   bool IsOneValue(std::string_view text, std::string* why);
 
  private:
@@ -34,7 +33,7 @@ class JsonCheck {
   std::unique_ptr<Parser> Borrow();
   void GiveBack(std::unique_ptr<Parser> parser);
 
-  std::mutex mutex_;  // guards idle_, for moments
+  std::mutex mutex_;  // guards idle_; held briefly
   std::vector<std::unique_ptr<Parser>> idle_;
 };
 

@@ -1,7 +1,7 @@
-// JsonRecord, a record that is known only as finished JSON text.
+// JsonRecord: a record that exists only as finished JSON text.
 //
-// It is how a line of a file, or what another library made, goes through the same door as a described
-// structure. The text is checked when it is serialised, not when the record is made.
+// It gives lines of a file, or the output of another library, the same path as described structures. The text
+// is checked when it is serialised, not when the record is made.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@ struct JsonRecord {
 
   // One field of the kind "JSON text" with an empty name; constant, of static lifetime.
   static const zel::SerObjDescriptor* Descriptor();
-  // For SendStatistic, which is done with the record when it returns. The record must outlive the result.
+  // For SendStatistic, which doesn't keep the record. The record must outlive the result.
   zel::AnyPtr AsAny() { return zel::AnyPtr(this, Descriptor()); }
 };
 

@@ -9,8 +9,8 @@
 namespace veld_report::host {
 namespace {
 
-// The memory of the storage that a thread gave back last. A thread that submits makes and drops one for each
-// record, so it takes this again and asks the heap once.
+// Keeps the memory of the storage that a thread released last. A thread that submits makes and destroys a
+// storage for each record, so this saves it all heap calls but the first.
 class SpareBlock {
  public:
   static void* Take(std::size_t size) {
@@ -18,7 +18,7 @@ class SpareBlock {
     return ::operator new(size);
   }
   static void Keep(void* block) noexcept {
-    // Tells the thread's end to free what is kept; from then on nothing is.
+    // Its destructor frees the kept block at the end of the thread; after that nothing is kept.
     static thread_local const AtThreadEnd end;
     static_cast<void>(end);
     if (closed_ || spare_) {
@@ -36,7 +36,7 @@ class SpareBlock {
       ::operator delete(std::exchange(spare_, nullptr));
     }
   };
-  // Without destructors of their own, so that a storage that outlives the thread's objects may still look.
+  // These have no destructors, so that they are still valid for a storage that outlives the thread's objects.
   static thread_local constinit void* spare_;
   static thread_local constinit bool closed_;
 };

@@ -1,4 +1,4 @@
-// The JSON storage of the host kit: one JSON text written into a stream, for the serialiser beside it.
+// The JSON storage of the host kit: one JSON text written to a stream, for the serialiser of this folder.
 #pragma once
 
 #include "contract/json.h"
@@ -7,13 +7,13 @@
 
 namespace veld_report::host {
 
-// How the serialiser reaches the text of a storage. The storages of CreateJsonStorageFactory offer it; it
+// The serialiser's access to the text of a storage. The storages of CreateJsonStorageFactory implement it; it
 // never leaves the host.
 class IJsonTextAccess : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0x4b1d7a90;
-  // The writer for the one value of this storage; null from the second call on: a text holds one value.
-  // Belongs to the storage.
+  // The writer for the storage's one value. Null from the second call on, since a text holds one value. Owned
+  // by the storage.
   virtual JsonTextWriter* BeginValue() = 0;
 
  protected:
@@ -21,8 +21,8 @@ class IJsonTextAccess : public zel::IObject {
 };
 
 // Makes storages that write compact JSON. All four options are accepted and none changes the text. A storage
-// belongs to one thread at a time and keeps its stream until it goes. Its Flush answers the first failure of
-// the stream or of the serialisation, and writes nothing more after one. Threads: any.
+// is for one thread at a time and holds its stream until its end. Its Flush returns the first failure of the
+// stream or of the serialisation, and after one it writes nothing. Threads: any.
 zel::Ref<zel::IJsonStorageFactory> CreateJsonStorageFactory();
 
 }  // namespace veld_report::host

@@ -19,15 +19,15 @@ bool IsPlain(unsigned char byte) { return byte >= 0x20 && byte < 0x80 && byte !=
 
 constexpr std::uint64_t Everywhere(unsigned char byte) { return 0x0101010101010101U * byte; }
 
-// Has the top bit set in each byte below which all are plain and that is not; bytes above may be marked
-// falsely. The arithmetic is that of searching a zero byte in a word.
+// Sets the top bit of the first byte that isn't plain. No bit below it is set; bits above it may be set
+// falsely. The arithmetic is that of searching a word for a zero byte.
 std::uint64_t MarkUnplain(std::uint64_t word) {
   const auto below = [word](unsigned char byte) { return word - Everywhere(byte); };
   const auto equal = [word](unsigned char byte) { return (word ^ Everywhere(byte)) - Everywhere(1); };
   return (word | ((below(0x20) | equal('"') | equal('\\')) & ~word)) & Everywhere(0x80);
 }
 
-// How many bytes at the front are plain.
+// The number of plain bytes at the front.
 std::size_t PlainPrefix(std::string_view text) {
   std::size_t length = 0;
   if constexpr (std::endian::native == std::endian::little) {
@@ -42,14 +42,14 @@ std::size_t PlainPrefix(std::string_view text) {
   return length;
 }
 
-// The bytes that may follow a lead byte differ from 0x80-0xbf for four of them only.
+// The second byte of a sequence is 0x80-0xbf, except after four lead bytes.
 bool MayFollow(unsigned char lead, unsigned char second) {
   const unsigned char low = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
   const unsigned char high = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
   return second >= low && second <= high;
 }
 
-// How many bytes at the front of text that begins with no valid sequence belong to the one bad sequence.
+// `text` starts with an invalid sequence. Returns that sequence's length.
 std::size_t BadSequenceLength(std::string_view text) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char lead = byte(0);
@@ -73,8 +73,8 @@ void JsonTextWriter::Fail(zel::ResultCode code) {
 
 void JsonTextWriter::WriteThrough(std::string_view text) {
   while (!text.empty() && !zel::Failed(failure_)) {
-    constexpr std::size_t most = 1U << 30;  // the stream counts in 32 bits
-    const auto count = static_cast<std::uint32_t>(std::min(text.size(), most));
+    constexpr std::size_t maxBytes = 1U << 30;  // the stream counts in 32 bits
+    const auto count = static_cast<std::uint32_t>(std::min(text.size(), maxBytes));
     std::uint32_t written = 0;
     const zel::ResultCode code = stream_->Write(text.data(), count, &written);
     if (zel::Failed(code)) {
@@ -114,7 +114,7 @@ void JsonTextWriter::Escaped(unsigned char byte) {
 void JsonTextWriter::String(std::string_view utf8) {
   Raw('"');
   while (!utf8.empty()) {
-    std::size_t run = PlainPrefix(utf8);  // as many bytes as can go out unchanged
+    std::size_t run = PlainPrefix(utf8);  // bytes that can be written unchanged
     while (run < utf8.size() && (utf8[run] & '\x80') != 0) {
       const std::size_t sequence = ValidUtf8Prefix(utf8.substr(run));
       if (sequence == 0) break;
@@ -179,8 +179,8 @@ NumberText Format(Number value, Form... form) {
   return result;
 }
 
-// From 2^53 on the exponent is always written: readers take a number of digits alone for an integer, and fail
-// on one that is too long for theirs.
+// From 2^53 on the exponent is always written: readers take digits alone for an integer, and fail if it is
+// too long for theirs.
 template <class Number>
 NumberText FloatingText(Number value) {
   constexpr Number exactIntegers = Number{9007199254740992};

@@ -1,8 +1,8 @@
-// JsonTextWriter, the tokens of one JSON text on their way into a stream.
+// JsonTextWriter writes the tokens of one JSON text to a stream.
 //
-// It writes compact JSON and knows nothing of structure: commas and nesting are the caller's. It gathers its
-// output in a small buffer, since each Write of the stream costs a virtual call. The first failure sticks and
-// everything after it is dropped, so a caller asks once at the end of a piece and not at each token.
+// It writes compact JSON and knows nothing of structure: commas and nesting are up to the caller. It buffers
+// its output, since each Write of the stream costs a virtual call. The first failure sticks and all later
+// output is dropped, so a caller need only check at the end of a piece, not after each token.
 #pragma once
 
 #include <algorithm>
@@ -16,12 +16,12 @@
 
 namespace veld_report::host {
 
-// Life: writing -> failed, if something failed. Belongs to one thread at a time.
+// Life: writing -> failed (if something failed). For one thread at a time.
 class JsonTextWriter {
  public:
   explicit JsonTextWriter(zel::Ref<zel::IIO> stream);
 
-  // Bytes as they stand.
+  // Writes the bytes unchanged.
   void Raw(std::string_view text) {
     if (text.size() > buffer_.size() - used_ || zel::Failed(failure_)) {
       RawPastBuffer(text);
@@ -32,26 +32,26 @@ class JsonTextWriter {
   }
   void Raw(char character) {
     if (used_ == buffer_.size()) RawPastBuffer({});
-    buffer_[used_++] = character;  // never handed on after a failure
+    buffer_[used_++] = character;  // never written after a failure
   }
-  // A JSON string. Each sequence that isn't valid UTF-8 (each maximal part of one, as Unicode 15 chapter 3.9
-  // recommends) and each lone surrogate comes out as U+FFFD. Control characters, the quotation mark and the
-  // backslash are escaped, nothing else.
+  // Writes a JSON string. Each invalid UTF-8 sequence (each maximal subpart, as Unicode 15 chapter 3.9
+  // recommends) and each lone surrogate becomes U+FFFD. Only control characters, the quotation mark and the
+  // backslash are escaped.
   void String(std::string_view utf8);
   void String(std::u16string_view utf16);
   void Boolean(bool value) { Raw(value ? std::string_view("true") : std::string_view("false")); }
   void Signed(std::int64_t value);
   void Unsigned(std::uint64_t value);
-  // The shortest form that reads back as the same value, with an exponent from 2^53 on; null if the value
-  // isn't finite.
+  // Writes the shortest form that reads back as the same value, with an exponent from 2^53 on. Writes null if
+  // the value isn't finite.
   void Floating(double value);
   void Floating(float value);
 
-  // Hands on what stands in the buffer. Returns the first failure, or 0.
+  // Writes the buffer to the stream. Returns the first failure, or 0.
   zel::ResultCode Flush();
 
-  // The stream's code if a Write of it failed, 0x80000062 "Out of space" if it took fewer bytes than it was
-  // given, what Fail got, or 0.
+  // The stream's code if a Write failed, 0x80000062 "Out of space" if it took fewer bytes than given, the
+  // argument of Fail, or 0.
   zel::ResultCode Failure() const { return failure_; }
   void Fail(zel::ResultCode code);
 
@@ -63,7 +63,7 @@ class JsonTextWriter {
   zel::Ref<zel::IIO> stream_;
   zel::ResultCode failure_ = zel::sOk;
   std::size_t used_ = 0;
-  // A storage with this much is still a block that the heap hands out without a search.
+  // The largest buffer with which the heap still serves a storage without a search.
   std::array<char, 896> buffer_;
 };
 

@@ -6,7 +6,7 @@
 namespace veld_report::host {
 namespace {
 
-// A stream that only a writer uses.
+// A stream that appends to a text. Only for JsonTextWriter.
 class TextStream final : public HostObject<zel::IIO> {
  public:
   explicit TextStream(std::string* text) : text_(text) {}

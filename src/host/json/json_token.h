@@ -1,4 +1,4 @@
-// Single JSON tokens as text, for those who put a small text together by hand.
+// Single JSON tokens as text, for building small texts by hand.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace veld_report::host {
 
-// As JsonTextWriter writes them. Throw std::bad_alloc.
+// In the same form as JsonTextWriter's. They throw std::bad_alloc.
 std::string JsonToken(std::string_view utf8);
 std::string JsonToken(double value);
 

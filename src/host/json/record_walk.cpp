@@ -17,7 +17,7 @@ bool IsJsonKind(std::uint32_t kind) {
   return kind == field_kinds::jsonText || kind == field_kinds::standardJsonText;
 }
 
-// A structure that stands for the JSON text in its only field.
+// True for a structure whose only field is the whole JSON text.
 bool IsWholeText(const SerFieldDescriptor* table) {
   return table[0].flags == SerFieldDescriptor::plainField && IsJsonKind(table[0].typeId) && table[0].name &&
          table[0].name[0] == '\0' && table[1].flags == SerFieldDescriptor::endOfTable;
@@ -31,7 +31,7 @@ bool IsKnownForm(std::uint32_t flags) {
 
 void* FieldOf(void* object, const SerFieldDescriptor& row) { return static_cast<char*>(object) + row.offset; }
 
-// Fields of foreign structures needn't be aligned.
+// The fields of an application's structures may be unaligned.
 template <class T>
 T Load(const void* value) {
   T result;
@@ -137,7 +137,7 @@ zel::ResultCode RecordWalk::Member(const SerFieldDescriptor& row, void* object, 
     const zel::ResultCode code = Inspect(row, field, &elements);
     if (zel::Failed(code)) return code;
     const bool isOptional = (row.flags & field_kinds::optionalFlag) != 0;
-    if (isOptional && elements.count == 0) return zel::sOk;  // absent: no member
+    if (isOptional && elements.count == 0) return zel::sOk;  // empty: no member
   }
   if (!*first) out_.Raw(',');
   *first = false;
@@ -169,7 +169,7 @@ zel::ResultCode RecordWalk::Array(const SerFieldDescriptor& row, void* field, co
   for (std::uint32_t index = 0; index < elements.count; ++index) {
     if (index != 0) out_.Raw(',');
     zel::ResultCode code = Element(row, field, elements, index);
-    // A stream that has failed would make a walk over a long vector pointless.
+    // Stops early on a long vector if the stream has failed.
     if (!zel::Failed(code)) code = out_.Failure();
     if (zel::Failed(code)) {
       if (location_.index == zel::SerializeErrorLocation::noIndex) location_.index = index;
@@ -227,8 +227,8 @@ zel::ResultCode RecordWalk::Value(std::uint32_t kind, const void* value, std::ui
 
 zel::ResultCode RecordWalk::JsonText(std::string_view text) {
   if (!check_.IsOneValue(text)) return zel::eInvalidArgument;
-  // In a valid text white space stands between tokens only and separates none. Without line breaks an item
-  // stays one line wherever it is listed.
+  // Whitespace in a valid text is only found between tokens and is never needed there. Without line breaks an
+  // item is always a single line.
   constexpr std::string_view breaks = "\t\n\r";
   while (!text.empty() && (breaks.find(text.back()) != std::string_view::npos || text.back() == ' ')) {
     text.remove_suffix(1);

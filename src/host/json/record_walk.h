@@ -1,4 +1,4 @@
-// RecordWalk, the walk over one described record that writes it as JSON. A part of the serialiser.
+// RecordWalk walks over one described record and writes it as JSON. Part of the serialiser.
 #pragma once
 
 #include <cstdint>
@@ -11,33 +11,33 @@
 
 namespace veld_report::host {
 
-// Where a walk stopped: the innermost record and its field, and the element of the innermost vector on the
-// way there.
+// Where a walk stopped: the innermost record, its field, and the index in the innermost vector on the path to
+// it.
 struct WalkLocation {
   std::string objectName;
   std::string fieldName;
   std::uint32_t index = zel::SerializeErrorLocation::noIndex;
 };
 
-// Life: made -> walked once. Belongs to one thread. `out` and `check` must outlive it.
+// Life: made -> walked once. For one thread. `out` and `check` must outlive it.
 class RecordWalk {
  public:
-  // Deepest nesting of records. More of it can only be a descriptor that contains itself.
+  // The maximum nesting depth of records. Deeper nesting can only be a descriptor that contains itself.
   static constexpr std::uint32_t depthLimit = 64;
 
   RecordWalk(JsonTextWriter& out, JsonCheck& check) : out_(out), check_(check) {}
 
-  // Returns 0 or the first failure, with Location() set: 0x80000046 "Invalid argument" for a descriptor that
-  // is broken (null where a pointer must be, an unknown kind or flag, a width that doesn't exist, a serId
-  // that isn't the element's) and for text that isn't JSON where it must be, 0x80000042 "Not supported" at
-  // the depth limit, the code of a helper or of the stream otherwise. Lets exceptions of helpers pass.
+  // Returns 0 or the first failure, with Location() set. 0x80000046 "Invalid argument": the descriptor is
+  // broken (an unexpected null pointer, an unknown kind or flag, a width that doesn't exist, a serId that
+  // isn't the element's), or a text that has to be JSON isn't. 0x80000042 "Not supported": the depth limit.
+  // Otherwise the code of a helper or of the stream. Exceptions of helpers pass through.
   zel::ResultCode Record(const zel::SerObjDescriptor* descriptor, void* object);
   const WalkLocation& Location() const { return location_; }
 
  private:
   struct Elements {
     std::uint32_t count = 0;
-    std::uint32_t size = 0;                             // of one, in bytes; only for plain values
+    std::uint32_t size = 0;                             // of one element, in bytes; only for plain values
     const zel::SerObjDescriptor* descriptor = nullptr;  // only for records
   };
 

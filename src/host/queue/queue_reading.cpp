@@ -1,7 +1,7 @@
 // The readers' side of a store; see queue_store.h.
 #include <algorithm>
 
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 #include "host/queue/queue_refusal.h"
 #include "host/queue/queue_store.h"
 #include "host/queue/store_opening.h"

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "host/base/text.h"
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 #include "host/queue/store_layout.h"
 #include "host/queue/store_maintenance.h"
 
@@ -128,7 +128,7 @@ zel::ResultCode QueueService::WithStore(const zel::string& domain, bool needsWri
     try {
       body(Store(ToStd(domain)));
     } catch (const std::runtime_error& error) {
-      TraceLine(options_.tracer.Get(), failureLevel, std::string("store\t") + error.what());
+      WriteTrace(options_.tracer.Get(), failureLevel, std::string("store\t") + error.what());
       return zel::eUnspecifiedError;
     }
     return zel::sOk;

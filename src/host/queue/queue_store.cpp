@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "host/base/service_thread.h"
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 #include "host/queue/queue_refusal.h"
 #include "host/queue/store_layout.h"
 #include "host/queue/store_opening.h"
@@ -288,7 +288,7 @@ void QueueStore::NoteFailure(const std::string& what, const SqliteError& error) 
 }
 
 void QueueStore::Trace(std::uint32_t level, const std::string& line) const {
-  TraceLine(options_.tracer.Get(), level, "store\t" + path_.string() + ": " + line);
+  WriteTrace(options_.tracer.Get(), level, "store\t" + path_.string() + ": " + line);
 }
 
 }  // namespace veld_report::host

@@ -4,7 +4,7 @@
 #include <string>
 #include <thread>
 
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 #include "host/queue/store_salvage.h"
 
 namespace veld_report::host {
@@ -23,7 +23,7 @@ StoreFile::Settings FileSettings(const QueueServiceOptions& options) {
 }
 
 void Say(const QueueServiceOptions& options, const std::string& line) {
-  TraceLine(options.tracer.Get(), failureLevel, "store\t" + line);
+  WriteTrace(options.tracer.Get(), failureLevel, "store\t" + line);
 }
 
 // Only one process at a time makes, upgrades or repairs a file.

@@ -27,13 +27,13 @@ using DigestContext = std::unique_ptr<EVP_MD_CTX, FreeDigestContext>;
 
 EVP_PKEY* Raw(const std::shared_ptr<void>& key) { return static_cast<EVP_PKEY*>(key.get()); }
 
-// The error queue is a thread's own: what is left there would show up in someone else's message.
+// OpenSSL's error queue is per thread: what is left there would show up in somebody else's message.
 [[noreturn]] void Fail(const std::string& what) {
   ERR_clear_error();
   throw std::runtime_error(what);
 }
 
-// Without it OpenSSL asks for a password at the terminal.
+// Without this OpenSSL prompts for a password at the terminal.
 int NoPassword(char*, int, int, void*) { return -1; }
 
 std::shared_ptr<void> Checked(EVP_PKEY* key, const char* what) {

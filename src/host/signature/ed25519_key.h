@@ -1,4 +1,4 @@
-// Ed25519Key, one half or both halves of an Ed25519 key pair (RFC 8032), held by OpenSSL.
+// Ed25519Key: one or both halves of an Ed25519 key pair (RFC 8032), held by OpenSSL.
 #pragma once
 
 #include <array>
@@ -10,19 +10,19 @@
 
 namespace veld_report::host {
 
-// Immutable once made; shared freely between threads.
+// Immutable; may be shared between threads.
 class Ed25519Key {
  public:
   using Signature = std::array<std::uint8_t, 64>;
 
-  // PEM: a private key in PKCS #8 without a password, a public one as SubjectPublicKeyInfo. All four throw
-  // std::runtime_error with what is wrong (the FromFile forms with the path); nothing ever asks at a
+  // PEM: a private key in PKCS #8 without a password, or a public key as SubjectPublicKeyInfo. All four throw
+  // std::runtime_error with the reason (the FromFile forms with the path too). None of them ever prompts at a
   // terminal.
   static Ed25519Key PrivateFromPem(std::string_view pem);
   static Ed25519Key PublicFromPem(std::string_view pem);
   static Ed25519Key PrivateFromFile(const std::string& path);
   static Ed25519Key PublicFromFile(const std::string& path);
-  // A new pair from OpenSSL's random numbers. Throws std::runtime_error.
+  // A new pair from OpenSSL's random number generator. Throws std::runtime_error.
   static Ed25519Key Generate();
 
   // Needs the private half. Throws std::runtime_error.
@@ -31,8 +31,8 @@ class Ed25519Key {
 
   std::string PrivatePem() const;
   std::string PublicPem() const;
-  // The key's name: the thumbprint of RFC 7638 over its public half as in RFC 8037, which is the unpadded
-  // base64url text of a SHA-256, 43 characters.
+  // The key's name: the RFC 7638 thumbprint of its public half in the form of RFC 8037, that is a SHA-256 as
+  // 43 characters of unpadded base64url.
   const std::string& KeyId() const { return keyId_; }
 
  private:

@@ -15,8 +15,8 @@ zel::ResultCode Ed25519Signer::Sign(const zel::ByteRange* payload,
     const auto signature = key_.Sign({text, static_cast<std::size_t>(payload->end - payload->begin)});
     signatureBlock->clear();
     signatureBlock->append(header_.size() + signature.size());
-    std::uint8_t* const behindHeader = std::copy(header_.begin(), header_.end(), signatureBlock->first);
-    std::copy(signature.begin(), signature.end(), behindHeader);
+    std::uint8_t* const afterHeader = std::copy(header_.begin(), header_.end(), signatureBlock->first);
+    std::copy(signature.begin(), signature.end(), afterHeader);
     return zel::sOk;
   });
 }

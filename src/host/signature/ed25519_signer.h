@@ -1,8 +1,8 @@
-// Ed25519Signer, the signature provider of the host kit.
+// Ed25519Signer: the signature provider of the host kit.
 //
-// The block that the server sees is the JSON header {"alg":"EdDSA","kid":"..."}, one zero byte, and the 64
-// bytes of the signature over the payload text (RFC 8032, the plain form without a context). `kid` is
-// Ed25519Key::KeyId. It proves who made the message and keeps no secret.
+// The signature block is the JSON header {"alg":"EdDSA","kid":"..."}, a zero byte, and the 64 bytes of the
+// signature over the payload text (RFC 8032, the plain form without a context). `kid` is Ed25519Key::KeyId.
+// It proves who made the message; it doesn't encrypt.
 #pragma once
 
 #include <string>
@@ -16,15 +16,15 @@ namespace veld_report::host {
 // Threads: any.
 class Ed25519Signer final : public HostObject<orvel::ISignatureProvider> {
  public:
-  // `key`: with its private half.
+  // `key` needs its private half.
   explicit Ed25519Signer(Ed25519Key key);
 
-  // 0x8000004b "Unspecified error" if OpenSSL can't sign; the message then goes out unsigned.
+  // Returns 0x8000004b "Unspecified error" if OpenSSL can't sign; the message is then sent unsigned.
   zel::ResultCode Sign(const zel::ByteRange* payload, zel::vector_t<std::uint8_t>* signatureBlock) override;
 
  private:
   const Ed25519Key key_;
-  const std::string header_;  // with the zero byte
+  const std::string header_;  // including the zero byte
 };
 
 }  // namespace veld_report::host

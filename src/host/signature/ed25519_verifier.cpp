@@ -20,7 +20,7 @@ std::optional<Header> ParseHeader(std::string_view text) {
   std::string_view algorithm, keyId;
   if (parser.parse(text.data(), text.size()).get(root) != simdjson::SUCCESS) return std::nullopt;
   if (root["alg"].get(algorithm) != simdjson::SUCCESS) return std::nullopt;
-  // A header without a key name is legal; it then matches no key.
+  // A header without a key name is legal, but matches no key.
   if (root["kid"].get(keyId) != simdjson::SUCCESS) keyId = {};
   return Header{std::string(algorithm), std::string(keyId)};
 }

@@ -1,4 +1,4 @@
-// Ed25519Verifier, the other end of Ed25519Signer: for servers and for tools that look into a message.
+// Ed25519Verifier: the counterpart of Ed25519Signer, for servers and for tools that inspect messages.
 #pragma once
 
 #include <optional>
@@ -10,24 +10,24 @@
 
 namespace veld_report::host {
 
-// The two parts of a signed block; views into it.
+// The two parts of a signed block, as views into it.
 struct SignatureBlockParts {
   std::string_view header;  // JSON text
   std::span<const std::uint8_t> signature;
 };
 
-// Splits header, zero byte and 64 bytes of signature. Nothing if the block doesn't have that form; an
-// unsigned block hasn't. The header isn't parsed here.
+// Splits a block into the header, the zero byte and the 64 bytes of signature. Returns nothing if the block
+// doesn't have that form; an unsigned block hasn't. The header isn't parsed here.
 std::optional<SignatureBlockParts> SplitSignatureBlock(std::string_view block);
 
 // Threads: any.
 class Ed25519Verifier {
  public:
-  // `key`: the public half is enough.
+  // `key` only needs its public half.
   explicit Ed25519Verifier(Ed25519Key key);
 
-  // Checks form, algorithm, key name and signature of a block over a payload. Returns an empty text if all is
-  // well, otherwise a phrase that says what is wrong ("the message isn't signed"). Throws std::bad_alloc.
+  // Checks the form, algorithm, key name and signature of a block over a payload. Returns an empty text if it
+  // is valid, otherwise a phrase that says what is wrong ("the message isn't signed"). Throws std::bad_alloc.
   std::string Check(std::string_view payload, std::string_view block) const;
 
  private:

@@ -14,7 +14,7 @@
 namespace veld_report::host {
 namespace {
 
-// A file that goes again unless it is kept.
+// Removes its file in the destructor unless Keep was called.
 class NewFile {
  public:
   NewFile(const std::string& path, mode_t mode) : path_(path) {

@@ -1,4 +1,4 @@
-// Making a key pair as two files.
+// Makes a key pair and writes it to two files.
 #pragma once
 
 #include <string>
@@ -11,9 +11,9 @@ struct KeyFiles {
   std::string keyId;
 };
 
-// Makes an Ed25519 pair: PREFIX.key.pem, readable and writable by the owner alone from its first byte on, and
-// PREFIX.pub.pem. Existing files are never overwritten: it throws std::runtime_error, and then, as on any
-// other failure, leaves no file of its own behind.
+// Makes an Ed25519 pair: PREFIX.key.pem, accessible to its owner only from the first byte on, and
+// PREFIX.pub.pem. Never overwrites a file: if one exists, it throws std::runtime_error. On any failure it
+// removes the files that it made.
 KeyFiles GenerateEd25519KeyPair(const std::string& prefix);
 
 }  // namespace veld_report::host

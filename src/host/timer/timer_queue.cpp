@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 
 namespace veld_report::host {
 
@@ -54,7 +54,7 @@ bool TimerQueue::RunGuarded(zel::IRunnable* sink) noexcept {
     sink->Run(nullptr);
     return true;
   } catch (...) {
-    TraceLine(tracer_.Get(), failureLevel, "veld_host\tTimer: an exception left a Run; the timer goes on");
+    WriteTrace(tracer_.Get(), failureLevel, "veld_host\tTimer: an exception left a Run; the timer goes on");
     return false;
   }
 }

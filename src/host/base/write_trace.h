@@ -1,4 +1,4 @@
-// Writes a finished line to a tracer: for the kit's own services, whose lines are rare.
+// Writes a complete line to a tracer. For the kit's own services, which rarely trace.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,6 @@ inline constexpr std::uint32_t failureLevel = 300;
 inline constexpr std::uint32_t detailLevel = 700;
 
 // `tracer` may be null. Never throws: a line that can't be written is lost.
-void TraceLine(zel::ITracer* tracer, std::uint32_t level, std::string_view line) noexcept;
+void WriteTrace(zel::ITracer* tracer, std::uint32_t level, std::string_view line) noexcept;
 
 }  // namespace veld_report::host

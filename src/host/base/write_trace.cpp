@@ -1,10 +1,10 @@
-#include "host/base/trace_line.h"
+#include "host/base/write_trace.h"
 
 #include <cstring>
 
 namespace veld_report::host {
 
-void TraceLine(zel::ITracer* tracer, std::uint32_t level, std::string_view line) noexcept {
+void WriteTrace(zel::ITracer* tracer, std::uint32_t level, std::string_view line) noexcept {
   if (!tracer) return;
   try {
     char* buffer = nullptr;
