@@ -10,7 +10,7 @@
 #include "formats/base64.h"
 #include "fuzz/input.h"
 #include "server/report_server.h"
-#include "tests/host/temporary_folder.h"
+#include "tests/common/temporary_folder.h"
 #include "tests/server/raw_client.h"
 
 namespace {

@@ -4,15 +4,14 @@
 // What is promised depends on where the damage is. In the log every frame has a checksum, so what comes back
 // is exactly what stood there, up to some commit. The file has none, so a change inside an item's bytes goes
 // unnoticed and the item comes back changed; only its order, its token and the figures' balance can be asked.
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <vector>
 
 #include "fuzz/input.h"
 #include "host/queue/queue_service.h"
+#include "tests/common/files.h"
+#include "tests/common/temporary_folder.h"
 #include "tests/host/queue_items.h"
-#include "tests/host/temporary_folder.h"
 
 namespace {
 
@@ -21,6 +20,7 @@ using veld_report::fuzz::Require;
 using veld_report::host::QueueService;
 using veld_report::tests::PushText;
 using veld_report::tests::ReadAll;
+using veld_report::tests::ReadFile;
 namespace fs = std::filesystem;
 
 constexpr const char* names[] = {"alpha", "beta"};
@@ -37,11 +37,6 @@ zel::Ref<orvel::IAckConsumer> Reader(QueueService& service, const std::string& q
   const auto code = service.CreateAckConsumer(zel::string("veld_rep"), zel::string(queue), made.Out());
   Require(code == zel::sOk, "no reader");
   return made;
-}
-
-std::string Content(const fs::path& file) {
-  std::ifstream stream(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 // The two files as a killed process leaves them: most in the file, the last changes in the log.
@@ -69,8 +64,8 @@ struct Prepared {
     service->Commit();
     push(*service, 50, 5);
     service->Commit();
-    file = Content(folder.Path() / "veld_rep.queue");
-    log = Content(folder.Path() / "veld_rep.queue-wal");
+    file = ReadFile(folder.Path() / "veld_rep.queue");
+    log = ReadFile(folder.Path() / "veld_rep.queue-wal");
     Require(!file.empty() && !log.empty(), "the preparation");
   }
 };

@@ -5,13 +5,22 @@
 
 #include <csignal>
 
-#include "tests/app/program.h"
+#include "tests/app/veldrep.h"
+#include "tests/common/files.h"
+#include "tests/common/waiting.h"
 
 namespace veld_report::app_test {
 namespace {
 
 using testing::HasSubstr;
 using testing::StartsWith;
+using tests::Eventually;
+using tests::Lines;
+using tests::Program;
+using tests::ProgramResult;
+using tests::ReadFile;
+using tests::TemporaryFolder;
+using tests::WriteFile;
 
 constexpr const char* exampleBody =
     R"({"payload":"eyJhcnJheSI6W3siYSI6MX0seyJiIjoyfV19","signatures":[{"protected":"eyJhbGciOiJub25lIn0A"}]})";
@@ -34,7 +43,7 @@ TEST(CommandLine, WrongOnesEndWithTwoAndASentence) {
            {"store", "--store", "x"},
            {"store", "check"},
        }) {
-    const Result result = Veldrep(arguments);
+    const ProgramResult result = Veldrep(arguments);
     EXPECT_EQ(result.exitCode, 2) << testing::PrintToString(arguments);
     EXPECT_THAT(result.errors, StartsWith("veldrep: "));
     EXPECT_EQ(result.output, "");
@@ -52,7 +61,7 @@ TEST(CommandLine, EveryCommandHasHelpWithAnExample) {
                                                                                        {"keygen"}}) {
     std::vector<std::string> arguments = command;
     arguments.push_back("--help");
-    const Result result = Veldrep(arguments);
+    const ProgramResult result = Veldrep(arguments);
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output, HasSubstr("Example: veldrep " + command[0]))
         << testing::PrintToString(command);
@@ -66,7 +75,7 @@ TEST(Keygen, MakesAPairThatIsNeverOverwritten) {
   ASSERT_EQ(stat((folder / "k.key.pem").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
   const std::string before = ReadFile(folder / "k.key.pem");
-  const Result again = Veldrep({"keygen", folder / "k"});
+  const ProgramResult again = Veldrep({"keygen", folder / "k"});
   EXPECT_EQ(again.exitCode, 1);
   EXPECT_THAT(again.errors, HasSubstr("k.key.pem: exists already"));
   EXPECT_EQ(ReadFile(folder / "k.key.pem"), before);
@@ -99,7 +108,7 @@ TEST(Decode, ShowsEachLayerAsFarAsItIsSound) {
       {{"decode", "--key", folder / "body", folder / "body"}, "", 1, "", "veldrep: "},
   };
   for (const auto& each : cases) {
-    const Result result = Veldrep(each.arguments, each.input);
+    const ProgramResult result = Veldrep(each.arguments, each.input);
     EXPECT_EQ(result.exitCode, each.exitCode) << testing::PrintToString(each.arguments);
     EXPECT_THAT(result.output, HasSubstr(each.output));
     EXPECT_THAT(result.errors, HasSubstr(each.errors));

@@ -8,15 +8,16 @@
 #include "apps/veldrep/line_reader.h"
 #include "apps/veldrep/pacer.h"
 #include "apps/veldrep/text.h"
-#include "tests/app/program.h"
+#include "tests/common/files.h"
+#include "tests/common/temporary_folder.h"
 
 namespace veld_report::app {
 namespace {
 
 // What LineReader makes of a whole file: the lines, "<too long>" for one over the limit.
 std::vector<std::string> ReadAll(const std::string& text, std::size_t limit) {
-  const app_test::TemporaryFolder folder;
-  app_test::WriteFile(folder / "in", text);
+  const tests::TemporaryFolder folder;
+  tests::WriteFile(folder / "in", text);
   LineReader reader(folder / "in", limit);
   std::vector<std::string> lines;
   for (;;) {

@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <memory>
 
-#include "tests/app/program.h"
+#include "tests/app/veldrep.h"
+#include "tests/common/files.h"
+#include "tests/common/waiting.h"
 
 namespace veld_report::app_test {
 namespace {
@@ -15,6 +17,13 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 using testing::UnorderedElementsAreArray;
+using tests::Eventually;
+using tests::Lines;
+using tests::Program;
+using tests::ProgramResult;
+using tests::ReadFile;
+using tests::TemporaryFolder;
+using tests::WriteFile;
 
 std::vector<std::string> Records(int first, int count) {
   std::vector<std::string> records;
@@ -52,7 +61,7 @@ TEST_F(SendTest, FileArrivesRecordForRecordSigned) {
   const Server server(folder_ / "out", {"--key", folder_ / "k.pub.pem"});
   const auto records = Records(0, 1000);
   WriteFile(folder_ / "in", Joined(records));
-  const Result result =
+  const ProgramResult result =
       Veldrep(Send({"--url", server.Url() + "/v1", "--sign", folder_ / "k.key.pem", folder_ / "in"}));
   EXPECT_EQ(result.exitCode, 0) << result.errors;
   EXPECT_THAT(result.output,
@@ -83,7 +92,7 @@ TEST_F(SendTest, RefusedLinesAreNamedAndTheRestGoesOn) {
   const Server server(folder_ / "out");
   const std::string input =
       "{\"a\":1}\n\n[1]\n{\"a\":}\n  {\"b\":2} \r\n\"text\"\n{\"c\":\"\xff\"}\n{\"d\":4}";
-  const Result result = Veldrep(Send({"--url", server.Url(), "-"}), input);
+  const ProgramResult result = Veldrep(Send({"--url", server.Url(), "-"}), input);
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_THAT(result.output, StartsWith("submitted 3, delivered 3, refused lines 4, still waiting 0, "));
   const auto errors = Lines(result.errors);
@@ -98,7 +107,7 @@ TEST_F(SendTest, RefusedLinesAreNamedAndTheRestGoesOn) {
 TEST_F(SendTest, WhatFindsNoServerWaitsAndGoesOutLater) {
   const auto records = Records(0, 20);
   const std::string trace = folder_ / "trace";
-  Program offline(Send({"--url", deadUrl_, "--trace", trace, "-"}));
+  Program offline(VeldrepArguments(Send({"--url", deadUrl_, "--trace", trace, "-"})));
   offline.Feed(Joined(records));
   offline.EndInput();
   ASSERT_TRUE(Eventually([&] { return ReadFile(trace).find("failed") != std::string::npos; }));
@@ -108,21 +117,21 @@ TEST_F(SendTest, WhatFindsNoServerWaitsAndGoesOutLater) {
   EXPECT_THAT(offline.Errors(), HasSubstr("requests failed, the last one: " + deadUrl_ + ": 0x800000"));
 
   const std::string store = folder_ / "store";
-  const Result list = Veldrep({"queues", "--store", store, "--json"});
+  const ProgramResult list = Veldrep({"queues", "--store", store, "--json"});
   EXPECT_THAT(list.output,
               HasSubstr("\"items\":20,\"bytes\":" + std::to_string(Joined(records).size() - 20)));
-  const Result peek = Veldrep({"queues", "--store", store, "peek", deadUrl_, "-n", "3"});
+  const ProgramResult peek = Veldrep({"queues", "--store", store, "peek", deadUrl_, "-n", "3"});
   EXPECT_EQ(peek.output, Joined(Records(0, 3)));
   EXPECT_EQ(Veldrep({"queues", "--store", store, "peek", "http://127.0.0.1/other"}).exitCode, 1);
 
   // Another url alone would make the module remove the queue of this one.
-  const Result other = Veldrep(Send({"--url", "http://127.0.0.1:9/other"}));
+  const ProgramResult other = Veldrep(Send({"--url", "http://127.0.0.1:9/other"}));
   EXPECT_EQ(other.exitCode, 1);
   EXPECT_THAT(other.errors, HasSubstr("20 items wait for a url that isn't given"));
 
   const int port = std::atoi(deadUrl_.c_str() + deadUrl_.rfind(':') + 1);
   const Server server(folder_ / "out", {}, port);
-  const Result later = Veldrep(Send({"--url", deadUrl_}));
+  const ProgramResult later = Veldrep(Send({"--url", deadUrl_}));
   EXPECT_EQ(later.exitCode, 0);
   EXPECT_THAT(later.output, StartsWith("submitted 0, delivered 20, refused lines 0, still waiting 0, "));
   EXPECT_THAT(Stored(), testing::ElementsAreArray(records));
@@ -138,7 +147,7 @@ TEST_F(SendTest, ClearedQueueIsGone) {
 }
 
 TEST_F(SendTest, StoreIsLookedIntoBesideARunningSender) {
-  Program sender(Send({"--url", deadUrl_, "--wait", "0", "-"}));
+  Program sender(VeldrepArguments(Send({"--url", deadUrl_, "--wait", "0", "-"})));
   sender.Feed(Joined(Records(0, 4)));
   const std::string store = folder_ / "store";
   ASSERT_TRUE(Eventually([&] {
@@ -149,7 +158,7 @@ TEST_F(SendTest, StoreIsLookedIntoBesideARunningSender) {
                                                     {"queues", "--store", store, "clear", deadUrl_},
                                                     {"queues", "--store", store, "clear", "--all"},
                                                     {"store", "compact", "--store", store}}) {
-    const Result refused = Veldrep(arguments);
+    const ProgramResult refused = Veldrep(arguments);
     EXPECT_EQ(refused.exitCode, 1) << testing::PrintToString(arguments);
     EXPECT_THAT(refused.errors, StartsWith("veldrep: "));
   }
@@ -173,7 +182,7 @@ TEST_F(SendTest, ClearAllLeavesNothingReadable) {
 TEST_F(SendTest, DamagedStoreIsFoundAndSalvaged) {
   ASSERT_EQ(Veldrep(Send({"--url", deadUrl_, "--wait", "0", "-"}), Joined(Records(0, 2000))).exitCode, 0);
   const std::string store = folder_ / "store";
-  const Result good = Veldrep({"store", "check", "--store", store});
+  const ProgramResult good = Veldrep({"store", "check", "--store", store});
   EXPECT_EQ(good.exitCode, 0) << good.errors;
   EXPECT_THAT(good.output, StartsWith("veld_rep: good, 2000 items of "));
   EXPECT_THAT(Veldrep({"store", "compact", "--store", store}).output, HasSubstr("bytes before"));
@@ -181,7 +190,7 @@ TEST_F(SendTest, DamagedStoreIsFoundAndSalvaged) {
   std::string file = ReadFile(folder_ / "store/veld_rep.queue");
   std::fill_n(file.begin() + static_cast<std::ptrdiff_t>(file.size() / 2), 8192, '\x5a');
   WriteFile(folder_ / "store/veld_rep.queue", file);
-  const Result damaged = Veldrep({"store", "check", "--store", store});
+  const ProgramResult damaged = Veldrep({"store", "check", "--store", store});
   EXPECT_EQ(damaged.exitCode, 1);
   EXPECT_THAT(damaged.output, HasSubstr("DAMAGED"));
   EXPECT_THAT(damaged.errors, HasSubstr("veldrep store salvage"));
@@ -196,7 +205,7 @@ TEST_F(SendTest, ServerKilledInBetweenLosesNothing) {
   const int port = server->Port();
   const auto records = Records(0, 3000);
   const auto half = records.begin() + 1500;
-  Program sender(Send({"--url", server->Url(), "--packet-limit", "20", "-"}));
+  Program sender(VeldrepArguments(Send({"--url", server->Url(), "--packet-limit", "20", "-"})));
   sender.Feed(Joined({records.begin(), half}));
   ASSERT_TRUE(Eventually([&] { return !Stored().empty(); }));
   server->Process().Signal(SIGKILL);
@@ -216,27 +225,29 @@ TEST_F(SendTest, ServerKilledInBetweenLosesNothing) {
 TEST_F(SendTest, LargeFileThroughASmallQueueDropsNothing) {
   const Server server(folder_ / "out");
   const auto records = Records(0, 2000);
-  const Result result = Veldrep(Send({"--url", server.Url(), "--queue-limit", "8", "-"}), Joined(records));
+  const ProgramResult result =
+      Veldrep(Send({"--url", server.Url(), "--queue-limit", "8", "-"}), Joined(records));
   EXPECT_EQ(result.exitCode, 0) << result.errors;
   EXPECT_THAT(Stored(), testing::ElementsAreArray(records));
 }
 
 TEST_F(SendTest, FullQueueStopsTheReaderInsteadOfDroppingItems) {
-  const Result result =
+  const ProgramResult result =
       Veldrep(Send({"--url", deadUrl_, "--queue-limit", "1", "--wait", "1", "-"}), Joined(Records(0, 100)));
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.errors, HasSubstr("the queues had no room in time"));
-  const Result peek = Veldrep({"queues", "--store", folder_ / "store", "peek", deadUrl_, "-n", "1"});
+  const ProgramResult peek = Veldrep({"queues", "--store", folder_ / "store", "peek", deadUrl_, "-n", "1"});
   EXPECT_EQ(peek.output, Joined(Records(0, 1)));
   const std::string large = "{\"x\":\"" + std::string(2000, 'x') + "\"}";
-  const Result tooLarge = Veldrep(Send({"--url", deadUrl_, "--queue-limit", "1", "--wait", "0", "-"}), large);
+  const ProgramResult tooLarge =
+      Veldrep(Send({"--url", deadUrl_, "--queue-limit", "1", "--wait", "0", "-"}), large);
   EXPECT_EQ(tooLarge.exitCode, 3);
   EXPECT_THAT(tooLarge.errors, HasSubstr("larger than --queue-limit"));
 }
 
 TEST_F(SendTest, InterruptedSenderKeepsWhatItHasTaken) {
   const std::string trace = folder_ / "trace";
-  Program sender(Send({"--url", deadUrl_, "--trace", trace, "-"}));
+  Program sender(VeldrepArguments(Send({"--url", deadUrl_, "--trace", trace, "-"})));
   sender.Feed(Joined(Records(0, 10)));
   ASSERT_TRUE(Eventually([&] { return ReadFile(trace).find("failed") != std::string::npos; }));
   sender.Signal(SIGINT);
@@ -261,7 +272,7 @@ TEST_F(SendTest, FailuresSayWhatIsWrong) {
       {Send({"--url", deadUrl_, "--sign", folder_ / "none.pem"}), 1, "none.pem"},
   };
   for (const auto& each : cases) {
-    const Result result = Veldrep(each.arguments);
+    const ProgramResult result = Veldrep(each.arguments);
     EXPECT_EQ(result.exitCode, each.exitCode) << result.errors;
     EXPECT_THAT(result.errors, StartsWith("veldrep: "));
     EXPECT_THAT(result.errors, HasSubstr(each.errors));

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/common/waiting.h"
 #include "tests/host/http_fakes.h"
 #include "tests/host/recording_sink.h"
 #include "tests/host/scripted_server.h"

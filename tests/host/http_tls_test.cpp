@@ -6,9 +6,9 @@
 
 #include "host/http/http_client.h"
 #include "host/http/http_outcome.h"
+#include "tests/common/temporary_folder.h"
 #include "tests/host/http_fakes.h"
 #include "tests/host/scripted_server.h"
-#include "tests/host/temporary_folder.h"
 #include "tests/host/tls_support.h"
 
 namespace veld_report::tests {

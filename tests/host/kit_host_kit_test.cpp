@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -18,8 +17,9 @@
 #include "host/signature/ed25519_verifier.h"
 #include "host/signature/key_files.h"
 #include "server/report_server.h"
+#include "tests/common/files.h"
+#include "tests/common/temporary_folder.h"
 #include "tests/host/scripted_server.h"
-#include "tests/host/temporary_folder.h"
 
 namespace veld_report::host {
 namespace {
@@ -43,12 +43,7 @@ class Kit : public testing::Test {
     options.verifier = std::move(verifier);
     return std::make_unique<server::ReportServer>(std::move(options));
   }
-  std::vector<std::string> Stored(const std::string& file) {
-    std::ifstream stream(folder_.Path() / file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-  }
+  std::vector<std::string> Stored(const std::string& file) { return tests::ReadLines(folder_ / file); }
   // One whole cycle, from this moment on.
   static void RunCycle(HostKit& kit) {
     const std::uint64_t before = kit.Timer().RunsStarted();

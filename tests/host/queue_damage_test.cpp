@@ -93,13 +93,13 @@ TEST_F(QueueDamageTest, ADamagedStoreIsMovedAsideAndSalvaged) {
     options.folder = folder.Path() / row.what;
     const std::uint64_t lastToken = MakeStore();
     row.damage();
-    const std::string damaged = FileContent(StorePath());
+    const std::string damaged = ReadFile(StorePath());
     EXPECT_THAT(Findings(), testing::Not(IsEmpty()));
-    EXPECT_TRUE(FileContent(StorePath()) == damaged) << "a check changes nothing";
+    EXPECT_TRUE(ReadFile(StorePath()) == damaged) << "a check changes nothing";
     Open();
     const auto aside = host::DamagedFilesOf(StorePath());
     ASSERT_THAT(aside, SizeIs(1));
-    EXPECT_TRUE(FileContent(aside[0]) == damaged) << "the damaged file is kept as it is";
+    EXPECT_TRUE(ReadFile(aside[0]) == damaged) << "the damaged file is kept as it is";
 
     const auto found = Waiting("q");
     std::size_t next = 10;
@@ -165,7 +165,7 @@ TEST_F(QueueDamageTest, ALargeStoreIsCheckedUnlessItIsKnownToBeSound) {
     const std::int64_t page = Pages("items")[5];
     Open();
     for (int i = 0; i < 25; ++i) Push("large", std::string(200'000, 'x'));
-    opened = FileContent(mark());
+    opened = ReadFile(mark());
     service.Reset();
     const auto time = fs::last_write_time(StorePath());
     Overwrite(page, 0);
@@ -273,10 +273,10 @@ TEST_F(QueueDamageTest, AnEarlierLayoutIsUpgradedAndACopyKeptUntilTheFirstCleanC
 TEST_F(QueueDamageTest, ALaterLayoutIsRefusedAndLeftAlone) {
   MakeStore();
   Database().Execute("PRAGMA user_version=3");
-  const std::string before = FileContent(StorePath());
+  const std::string before = ReadFile(StorePath());
   EXPECT_THAT(OpenError(), testing::AllOf(HasSubstr("has layout 3, and this program knows layouts up to 2"),
                                           HasSubstr("use the newer program")));
-  EXPECT_TRUE(FileContent(StorePath()) == before);
+  EXPECT_TRUE(ReadFile(StorePath()) == before);
   EXPECT_THAT(host::DamagedFilesOf(StorePath()), IsEmpty());
 }
 

@@ -18,7 +18,7 @@ class QueueLimitsTest : public StoreTest {
   // Whether any file of the folder has the text in it.
   bool Holds(const std::string& text) {
     for (const auto& entry : std::filesystem::directory_iterator(options.folder)) {
-      if (FileContent(entry.path()).find(text) != std::string::npos) return true;
+      if (ReadFile(entry.path()).find(text) != std::string::npos) return true;
     }
     return false;
   }

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <map>
 
 #include "tests/host/queue_test_tools.h"
@@ -22,12 +23,7 @@ class QueueProcessesTest : public StoreTest {
   static constexpr int each = 1500;
   static constexpr std::size_t atOnce = 20;
 
-  Strings Log(const char* kind, int process) {
-    std::ifstream stream(folder.Path() / (kind + std::to_string(process)));
-    Strings lines;
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-  }
+  Strings Log(const char* kind, int process) { return ReadLines(folder / (kind + std::to_string(process))); }
   // Notes what was pushed after it was answered 0, and what is delivered before it is acknowledged.
   void PushAndSend(int process) {
     Open();

@@ -1,16 +1,12 @@
 // What the tests of the store share: a store in a folder of its own.
 #pragma once
 
-#include <chrono>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <thread>
-
 #include "host/queue/queue_service.h"
 #include "host/queue/store_maintenance.h"
+#include "tests/common/files.h"
+#include "tests/common/temporary_folder.h"
+#include "tests/common/waiting.h"
 #include "tests/host/queue_items.h"
-#include "tests/host/temporary_folder.h"
 
 namespace veld_report::host {
 
@@ -21,21 +17,6 @@ inline void PrintTo(const QueueLedger& ledger, std::ostream* out) {
 }  // namespace veld_report::host
 
 namespace veld_report::tests {
-
-// Polls, for what a thread of the service brings about by itself.
-inline bool Eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
-
-inline std::string FileContent(const std::filesystem::path& file) {
-  std::ifstream stream(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
 
 class StoreTest : public testing::Test, protected QueueOperations {
  protected:

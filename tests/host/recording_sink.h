@@ -6,7 +6,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 
@@ -68,17 +67,6 @@ class RecordingSink final : public zel::IRunnable {
   std::condition_variable changed_;
   int started_ = 0;
   int ended_ = 0;
-};
-
-// Opened once; passes everybody who waits for it.
-class Gate {
- public:
-  void Open() { open_.set_value(); }
-  bool WaitOpen() const { return opened_.wait_for(std::chrono::seconds(20)) == std::future_status::ready; }
-
- private:
-  std::promise<void> open_;
-  const std::shared_future<void> opened_ = open_.get_future().share();
 };
 
 }  // namespace veld_report::tests

@@ -89,11 +89,12 @@ TEST_F(Closing, SecondCloserShortensTheFirstAndGetsItsAnswer) {
 // A reporter that is a static object of the program, ended by its destructor behind main.
 TEST_F(Closing, StaticReporterDeliversAtExitAndEndsInTime) {
   const auto server = Serve("out");
-  EXPECT_EQ(RunProgram({VELD_STATIC_PROGRAM, VELD_MODULE_PATH, Path("a"), server->Url()}, seconds(30)), 0);
+  EXPECT_EQ(tests::RunProgram({VELD_STATIC_PROGRAM, VELD_MODULE_PATH, Path("a"), server->Url()}).exitCode, 0);
   EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"from":"main"})", R"({"from":"a static destructor"})"));
   tests::ScriptedServer silent(NeverAnswers);
   const milliseconds time = TimeOf([&] {
-    EXPECT_EQ(RunProgram({VELD_STATIC_PROGRAM, VELD_MODULE_PATH, Path("b"), silent.Url()}, seconds(30)), 0);
+    EXPECT_EQ(tests::RunProgram({VELD_STATIC_PROGRAM, VELD_MODULE_PATH, Path("b"), silent.Url()}).exitCode,
+              0);
   });
   EXPECT_LT(time, seconds(3) + seconds(5) + seconds(2));
 }
@@ -102,7 +103,7 @@ class CInterface : public ReporterTest {};
 
 TEST_F(CInterface, CProgramGoesThroughEveryFunction) {
   const auto server = Serve("out");
-  EXPECT_EQ(RunProgram({VELD_C_PROGRAM, VELD_MODULE_PATH, Path("c"), server->Url()}, seconds(60)), 0);
+  EXPECT_EQ(tests::RunProgram({VELD_C_PROGRAM, VELD_MODULE_PATH, Path("c"), server->Url()}).exitCode, 0);
   EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"from":"C","text":"gr\u00fc\u00df"})"));
 }
 
@@ -111,10 +112,9 @@ TEST_F(CInterface, PythonLoadsTheLibrary) {
   GTEST_SKIP() << "python3 is built without the sanitizer that the library needs";
 #endif
   const auto server = Serve("out");
-  const int python = RunProgram(
-      {"python3", VELD_PYTHON_PROGRAM, VELD_C_LIBRARY, VELD_MODULE_PATH, Path("py"), server->Url()},
-      seconds(60));
-  EXPECT_EQ(python, 0) << "python3 must be installed";
+  const tests::ProgramResult python = tests::RunProgram(
+      {"python3", VELD_PYTHON_PROGRAM, VELD_C_LIBRARY, VELD_MODULE_PATH, Path("py"), server->Url()});
+  EXPECT_EQ(python.exitCode, 0) << python.errors;
   EXPECT_THAT(Stored("out"), testing::Contains("{\"from\":\"python\",\"text\":\"gr\xc3\xbc\xc3\x9f\"}"));
 }
 

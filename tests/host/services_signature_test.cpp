@@ -10,7 +10,7 @@
 #include "host/signature/ed25519_signer.h"
 #include "host/signature/ed25519_verifier.h"
 #include "host/signature/key_files.h"
-#include "tests/host/temporary_folder.h"
+#include "tests/common/temporary_folder.h"
 
 namespace veld_report::host {
 namespace {

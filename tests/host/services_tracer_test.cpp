@@ -11,7 +11,7 @@
 
 #include "host/base/write_trace.h"
 #include "host/tracer/line_tracer.h"
-#include "tests/host/temporary_folder.h"
+#include "tests/common/temporary_folder.h"
 
 namespace veld_report::host {
 namespace {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "contract/timer.h"
+#include "tests/common/waiting.h"
 #include "tests/host/recording_sink.h"
 #include "types/ref.h"
 

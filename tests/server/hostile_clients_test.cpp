@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "server/report_server.h"
-#include "tests/host/temporary_folder.h"
+#include "tests/common/temporary_folder.h"
 #include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
 

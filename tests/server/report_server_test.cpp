@@ -4,17 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <algorithm>
+#include <atomic>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <mutex>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "server/ndjson_file.h"
+#include "tests/common/files.h"
+#include "tests/common/temporary_folder.h"
 #include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
 
@@ -30,26 +27,15 @@ using testing::HasSubstr;
 
 class ReportServerTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "report-server-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folder_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
-
   std::string Path() const { return folder_ / "out.ndjson"; }
-  std::string Stored() const {
-    std::ifstream file(Path(), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-  void Write(const std::string& text) const { std::ofstream(Path(), std::ios::binary) << text; }
+  std::string Stored() const { return tests::ReadFile(Path()); }
   ReportServerOptions Options() const {
     ReportServerOptions options;
     options.outPath = Path();
     return options;
   }
 
-  std::filesystem::path folder_;
+  const tests::TemporaryFolder folder_;
 };
 
 TEST_F(ReportServerTest, GoodMessageIsStoredBeforeItsAnswer) {
@@ -146,10 +132,7 @@ TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
   }
   for (std::thread& each : threads) each.join();
   EXPECT_EQ(good, threadCount * messages);
-  std::istringstream stored(Stored());
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(stored, line);) lines.push_back(line);
-  EXPECT_THAT(lines, testing::UnorderedElementsAreArray(expected));
+  EXPECT_THAT(tests::Lines(Stored()), testing::UnorderedElementsAreArray(expected));
 }
 
 TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
@@ -164,7 +147,7 @@ TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
       {std::string(65535, 'x') + "\n" + std::string(65536, 'y'), std::string(65535, 'x') + "\n"},
   };
   for (const auto& each : cases) {
-    Write(each.before);
+    tests::WriteFile(Path(), each.before);
     ReportServer server(Options());
     EXPECT_EQ(server.TornBytes(), each.before.size() - each.after.size());
     EXPECT_EQ(Stored(), each.after);
@@ -212,7 +195,7 @@ TEST_F(ReportServerTest, StartFailuresSayWhatIsWrong) {
   options.address = "no such address";
   EXPECT_THAT(reason(options), HasSubstr("isn't an address to listen on"));
   options = Options();
-  options.outPath = folder_ / "none" / "out.ndjson";
+  options.outPath = folder_ / "none/out.ndjson";
   EXPECT_THAT(reason(options), HasSubstr("can't be opened"));
   options.outPath = "/dev/null";
   EXPECT_THAT(reason(options), HasSubstr("isn't a regular file"));

@@ -1,4 +1,4 @@
-// A folder for one test, gone with the object.
+// A folder for one test, removed with the object.
 #pragma once
 
 #include <stdlib.h>
@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace veld_report::tests {
 
@@ -24,6 +25,7 @@ class TemporaryFolder {
   }
 
   const std::filesystem::path& Path() const { return path_; }
+  std::string operator/(std::string_view name) const { return path_ / name; }
 
  private:
   std::filesystem::path path_;
