@@ -1,6 +1,5 @@
 #include "tests/app/veldrep.h"
 
-#include <cstdlib>
 #include <stdexcept>
 
 #include "tests/common/waiting.h"
@@ -8,28 +7,24 @@
 namespace veld_report::app_test {
 namespace {
 
-std::vector<std::string> ServeArguments(const std::filesystem::path& out,
-                                        const std::vector<std::string>& more, int port) {
-  std::vector<std::string> arguments = {"serve", "--out", out, "--listen",
-                                        "127.0.0.1:" + std::to_string(port)};
-  arguments.insert(arguments.end(), more.begin(), more.end());
-  return VeldrepArguments(arguments);
+std::vector<std::string> Prefixed(const std::string& first, const std::vector<std::string>& arguments) {
+  std::vector<std::string> all = {first};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  return all;
 }
 
 }  // namespace
 
 std::vector<std::string> VeldrepArguments(const std::vector<std::string>& arguments) {
-  std::vector<std::string> all = {VELDREP_PATH};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  return all;
+  return Prefixed(VELDREP_PATH, arguments);
 }
 
 tests::ProgramResult Veldrep(const std::vector<std::string>& arguments, std::string_view input) {
   return tests::RunProgram(VeldrepArguments(arguments), input);
 }
 
-Server::Server(const std::filesystem::path& out, const std::vector<std::string>& more, int port)
-    : program_(ServeArguments(out, more, port)) {
+Server::Server(const std::vector<std::string>& arguments, const std::string& workingFolder)
+    : program_(VeldrepArguments(Prefixed("serve", arguments)), workingFolder) {
   const std::string announcement = "listening on ";
   if (!tests::Eventually([&] { return program_.Output().ends_with("\n"); })) {
     throw std::runtime_error("serve doesn't get ready: " + program_.Errors());
@@ -37,7 +32,5 @@ Server::Server(const std::filesystem::path& out, const std::vector<std::string>&
   url_ = program_.Output().substr(announcement.size());
   url_.pop_back();
 }
-
-int Server::Port() const { return std::atoi(url_.c_str() + url_.rfind(':') + 1); }
 
 }  // namespace veld_report::app_test

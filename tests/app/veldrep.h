@@ -1,7 +1,6 @@
 // The built veldrep, run to its end or serving beside a test.
 #pragma once
 
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,18 +9,19 @@
 
 namespace veld_report::app_test {
 
-// The program's path and these arguments.
+// These arguments with the program's path before them.
 std::vector<std::string> VeldrepArguments(const std::vector<std::string>& arguments);
 
 // From start to end.
 tests::ProgramResult Veldrep(const std::vector<std::string>& arguments, std::string_view input = {});
 
-// A veldrep serve on a free port of 127.0.0.1, or on the given one.
+// A veldrep serve that is ready. Without --listen among the arguments it has a free port of 127.0.0.1.
 class Server {
  public:
-  explicit Server(const std::filesystem::path& out, const std::vector<std::string>& more = {}, int port = 0);
+  explicit Server(const std::vector<std::string>& arguments, const std::string& workingFolder = {});
   const std::string& Url() const { return url_; }
-  int Port() const;
+  // As --listen takes it.
+  std::string Address() const { return url_.substr(std::string_view("http://").size()); }
   tests::Program& Process() { return program_; }
 
  private:

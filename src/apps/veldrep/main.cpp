@@ -23,7 +23,10 @@ int Explain(const CLI::App& program, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) return program.exit(error);
   const auto chosen = program.get_subcommands();
   const std::string name = chosen.empty() ? "veldrep" : "veldrep " + chosen.front()->get_name();
-  Complain("command line: " + std::string(error.what()) + " (see " + name + " --help)");
+  // CLI11 only says that a command is missing.
+  const auto rest = program.remaining();
+  const std::string what = chosen.empty() && !rest.empty() ? "there is no command " + rest[0] : error.what();
+  Complain("command line: " + what + " (see " + name + " --help)");
   return exitWrongCommandLine;
 }
 

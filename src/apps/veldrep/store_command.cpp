@@ -1,5 +1,6 @@
 // veldrep store: maintenance of a store that no process is using.
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 
 #include "apps/veldrep/command.h"
@@ -13,7 +14,7 @@ struct StoreOptions {
 };
 
 void RequireStore(const StoreOptions& options) {
-  if (host::StoredDomains(options.store).empty())
+  if (!std::filesystem::is_directory(options.store) || host::StoredDomains(options.store).empty())
     throw Failure(options.store, "there is no store in this folder");
 }
 

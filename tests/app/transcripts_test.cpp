@@ -1,0 +1,138 @@
+// Runs the transcripts: files of commands whose exit codes and output are compared whole.
+//
+//   # says what follows
+//   $ veldrep decode body         a command, run to its end in the transcript's own folder, without a shell
+//   < {"payload": ...             a line of its input
+//   | body: 104 bytes             a line that it has written to stdout,
+//   ! veldrep: ...                and one to stderr
+//   = 1                           its exit code, if that isn't 0, or the signal that ended it
+//   & server veldrep serve ...    the same in the background, until it listens; {server} is its url and {server address} what
+//                                 --listen takes, from here on
+//   % server TERM                 sends a signal to it and waits for its end
+//
+// With VELD_REWRITE_TRANSCRIPTS set, the files are written anew; the difference is to be read like code.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <regex>
+#include <sstream>
+
+#include "tests/app/veldrep.h"
+#include "tests/common/files.h"
+
+namespace veld_report::app_test {
+namespace {
+
+using tests::Lines;
+
+class Transcript {
+ public:
+  // What the transcript looks like if its commands are run.
+  std::string Replay(const std::string& text) {
+    const auto lines = Lines(text);
+    for (auto line = lines.begin(); line != lines.end();) {
+      const std::string head = *line++;
+      if (head.find_first_of("|!=") == 0) continue;
+      std::string input;
+      shown_ += head + "\n";
+      for (; line != lines.end() && line->starts_with("< "); ++line) {
+        shown_ += *line + "\n";
+        input += line->substr(2) + "\n";
+      }
+      const auto words = Words(head);
+      if (words.empty()) continue;
+      if (words[0] == "$") Run({words.begin() + 1, words.end()}, input);
+      // The words after the name are "veldrep serve ...".
+      if (words[0] == "&") {
+        servers_[words.at(1)] = std::make_unique<Server>(std::vector(words.begin() + 4, words.end()), folder_.Path());
+      }
+      if (words[0] == "%") End(*servers_.at(words.at(1)), words.at(2));
+    }
+    return shown_;
+  }
+
+ private:
+  std::vector<std::string> Words(std::string line) const {
+    for (const auto& [name, server] : servers_) {
+      line = std::regex_replace(line, std::regex("\\{" + name + "\\}"), server->Url());
+      line = std::regex_replace(line, std::regex("\\{" + name + " address\\}"), server->Address());
+    }
+    std::istringstream stream(line);
+    std::vector<std::string> words;
+    const char quote = '\'';
+    for (std::string word; stream >> std::ws && stream;) {
+      if (stream.peek() == quote ? std::getline(stream.ignore(), word, quote) : stream >> word) {
+        words.push_back(word);
+      }
+    }
+    return words;
+  }
+  void Run(const std::vector<std::string>& words, const std::string& input) {
+    const auto all = words.at(0) == "veldrep" ? VeldrepArguments({words.begin() + 1, words.end()}) : words;
+    tests::Program program(all, folder_.Path());
+    program.Feed(input);
+    Show(program);
+  }
+  void End(Server& server, const std::string& signal) {
+    server.Process().Signal(signal == "KILL" ? SIGKILL : signal == "INT" ? SIGINT : SIGTERM);
+    Show(server.Process());
+  }
+  void Show(tests::Program& program) {
+    const int exitCode = program.Wait();
+    // Only stdout and stderr each keep their order.
+    for (const std::string& each : Lines(program.Output())) shown_ += Fixed("| " + each) + "\n";
+    for (const std::string& each : Lines(program.Errors())) shown_ += Fixed("! " + each) + "\n";
+    if (exitCode > 0) shown_ += "= " + std::to_string(exitCode) + "\n";
+    if (exitCode < 0) shown_ += "= signal " + std::to_string(-exitCode) + "\n";
+  }
+  // Without what differs from run to run.
+  std::string Fixed(std::string line) const {
+    line = std::regex_replace(line, std::regex(folder_.Path().string()), "{folder}");
+    for (const auto& [name, server] : servers_) {
+      line = std::regex_replace(line, std::regex(server->Url() + "\\b"), "{" + name + "}");
+    }
+    static const std::pair<std::regex, const char*> varying[] = {
+        {std::regex(R"( +\d+(\.\d)? (ms|s)\b)"), " {time}"},
+        {std::regex(R"(\d+\.\d seconds)"), "{time}"},
+        {std::regex(R"((age_ms":|waits_ms":)\d+)"), "$1{time}"},
+        {std::regex(R"(\d{8}T\d{6}Z)"), "{moment}"},
+        {std::regex(R"(127\.0\.0\.1 port \d+)"), "127.0.0.1 port {port}"},
+        {std::regex(R"(\b[0-9a-f]{32}\b)", std::regex::icase), "{digest}"},
+        {std::regex(R"(key id: \S+)"), "key id: {id}"},
+    };
+    for (const auto& [pattern, name] : varying) line = std::regex_replace(line, pattern, name);
+    return line;
+  }
+
+  const tests::TemporaryFolder folder_;
+  std::map<std::string, std::unique_ptr<Server>> servers_;
+  std::string shown_;
+};
+
+std::vector<std::string> Names() {
+  std::vector<std::string> names;
+  for (const auto& each : std::filesystem::directory_iterator(TRANSCRIPTS)) names.push_back(each.path().stem());
+  std::ranges::sort(names);
+  return names;
+}
+
+class Transcripts : public testing::TestWithParam<std::string> {};
+
+TEST_P(Transcripts, ReadAsRecorded) {
+  const std::filesystem::path file = std::filesystem::path(TRANSCRIPTS) / (GetParam() + ".txt");
+  const std::string recorded = tests::ReadFile(file);
+  ASSERT_NE(recorded, "");
+  const std::string replayed = Transcript().Replay(recorded);
+  if (std::getenv("VELD_REWRITE_TRANSCRIPTS")) return tests::WriteFile(file, replayed);
+  EXPECT_EQ(replayed, recorded) << "VELD_REWRITE_TRANSCRIPTS=1 records it anew";
+}
+
+INSTANTIATE_TEST_SUITE_P(Veldrep, Transcripts, testing::ValuesIn(Names()), [](const auto& instance) { return instance.param; });
+
+}  // namespace
+}  // namespace veld_report::app_test
