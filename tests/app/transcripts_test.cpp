@@ -6,7 +6,8 @@
 //   | body: 104 bytes             a line that it has written to stdout,
 //   ! veldrep: ...                and one to stderr
 //   = 1                           its exit code, if that isn't 0, or the signal that ended it
-//   & server veldrep serve ...    the same in the background, until it listens; {server} is its url and {server address} what
+//   & server veldrep serve ...    the same in the background, until it listens; {server} is its url and
+//   {server address} what
 //                                 --listen takes, from here on
 //   % server TERM                 sends a signal to it and waits for its end
 //
@@ -49,7 +50,8 @@ class Transcript {
       if (words[0] == "$") Run({words.begin() + 1, words.end()}, input);
       // The words after the name are "veldrep serve ...".
       if (words[0] == "&") {
-        servers_[words.at(1)] = std::make_unique<Server>(std::vector(words.begin() + 4, words.end()), folder_.Path());
+        servers_[words.at(1)] =
+            std::make_unique<Server>(std::vector(words.begin() + 4, words.end()), folder_.Path());
       }
       if (words[0] == "%") End(*servers_.at(words.at(1)), words.at(2));
     }
@@ -116,7 +118,8 @@ class Transcript {
 
 std::vector<std::string> Names() {
   std::vector<std::string> names;
-  for (const auto& each : std::filesystem::directory_iterator(TRANSCRIPTS)) names.push_back(each.path().stem());
+  for (const auto& each : std::filesystem::directory_iterator(TRANSCRIPTS))
+    names.push_back(each.path().stem());
   std::ranges::sort(names);
   return names;
 }
@@ -132,7 +135,8 @@ TEST_P(Transcripts, ReadAsRecorded) {
   EXPECT_EQ(replayed, recorded) << "VELD_REWRITE_TRANSCRIPTS=1 records it anew";
 }
 
-INSTANTIATE_TEST_SUITE_P(Veldrep, Transcripts, testing::ValuesIn(Names()), [](const auto& instance) { return instance.param; });
+INSTANTIATE_TEST_SUITE_P(Veldrep, Transcripts, testing::ValuesIn(Names()),
+                         [](const auto& instance) { return instance.param; });
 
 }  // namespace
 }  // namespace veld_report::app_test

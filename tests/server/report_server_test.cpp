@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <atomic>
 #include <csignal>
 #include <thread>
 #include <vector>
@@ -70,7 +69,6 @@ TEST_F(ReportServerTest, WhatIsNot200StoresNothing) {
       {Post("{}"), 400, "the body has no member \"payload\""},
       {Post(Body(R"({"array":["bad"]})")), 400, "a bad one"},
       {Post(large), 413, "over the limit of 1000 bytes"},
-      {Post(std::string(100000, ' ')), 413, "over the limit"},
       {chunked + "3e9\r\n" + large + "\r\n0\r\n\r\n", 413, "over the limit"},
   };
   for (const auto& each : cases) {
@@ -88,17 +86,6 @@ TEST_F(ReportServerTest, WhatIsNot200StoresNothing) {
   EXPECT_EQ(server.StoredItems(), 4U);
 }
 
-TEST_F(ReportServerTest, EndlessChunkedBodyIsCutOff) {
-  ReportServerOptions options = Options();
-  options.bodyLimitBytes = 1000;
-  ReportServer server(options);
-  std::string request =
-      "POST / HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\n";
-  for (int i = 0; i < 2000; ++i) request += "3e8\r\n" + std::string(1000, ' ') + "\r\n";
-  // It never ends its body, so only the server can end this exchange.
-  EXPECT_EQ(Exchange(server.Port(), request).status, 0);
-}
-
 TEST_F(ReportServerTest, TrialStatusAnswersGoodMessagesAndStoresNothing) {
   ReportServerOptions options = Options();
   options.status = 503;
@@ -110,28 +97,21 @@ TEST_F(ReportServerTest, TrialStatusAnswersGoodMessagesAndStoresNothing) {
 
 TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
   ReportServer server(Options());
-  constexpr int threadCount = 8;
-  constexpr int messages = 20;
   std::vector<std::string> expected;
   std::vector<std::thread> threads;
-  std::atomic<int> good{0};
-  for (int i = 0; i < threadCount; ++i) {
-    for (int j = 0; j < messages; ++j) {
-      const std::string id = std::to_string(i * messages + j);
-      expected.push_back("{\"id\":" + id + ",\"part\":1}");
-      expected.push_back("{\"id\":" + id + ",\"part\":2}");
+  for (int client = 0; client < 8; ++client) {
+    std::vector<std::string> bodies;
+    for (int i = 0; i < 20; ++i) {
+      const std::string id = std::to_string(client) + "-" + std::to_string(i);
+      const std::string first = "{\"id\":\"" + id + "\",\"part\":1}", second = "\"" + id + "\"";
+      expected.insert(expected.end(), {first, second});
+      bodies.push_back(Body("{\"array\":[" + first + "," + second + "]}"));
     }
-    threads.emplace_back([&, i] {
-      for (int j = 0; j < messages; ++j) {
-        const std::string id = std::to_string(i * messages + j);
-        const std::string body =
-            Body("{\"array\":[{\"id\":" + id + ",\"part\":1},{\"id\":" + id + ",\"part\":2}]}");
-        if (Exchange(server.Port(), Post(body)).status == 200) ++good;
-      }
+    threads.emplace_back([&server, bodies = std::move(bodies)] {
+      for (const std::string& each : bodies) EXPECT_EQ(Exchange(server.Port(), Post(each)).status, 200);
     });
   }
   for (std::thread& each : threads) each.join();
-  EXPECT_EQ(good, threadCount * messages);
   EXPECT_THAT(tests::Lines(Stored()), testing::UnorderedElementsAreArray(expected));
 }
 
