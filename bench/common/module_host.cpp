@@ -3,16 +3,16 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "host/allocator/heap_allocator.h"
 #include "host/base/text.h"
-#include "host/hash/hash_service.h"
-#include "host/hash/queue_name.h"
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
 #include "host/kit/module_path.h"
 #include "host/kit/submission_watch.h"
-#include "host/timer/timer_service.h"
-#include "host/tracer/line_tracer.h"
+#include "host/services/hash_service.h"
+#include "host/services/heap_allocator.h"
+#include "host/services/line_tracer.h"
+#include "host/services/queue_name.h"
+#include "host/services/timer_service.h"
 
 namespace veld_report::bench {
 namespace {

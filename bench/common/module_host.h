@@ -14,9 +14,9 @@
 #include "contract/json.h"
 #include "contract/sender.h"
 #include "contract/tracer.h"
-#include "host/locator/service_locator.h"
-#include "host/mode/execution_mode.h"
-#include "host/module/loaded_module.h"
+#include "host/services/execution_mode.h"
+#include "host/services/loaded_module.h"
+#include "host/services/service_locator.h"
 
 namespace veld_report::bench {
 

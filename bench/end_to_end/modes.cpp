@@ -6,7 +6,7 @@
 
 #include "bench/end_to_end/run_host.h"
 #include "bench/end_to_end/sink.h"
-#include "host/hash/queue_name.h"
+#include "host/services/queue_name.h"
 #include "veld_report/reporter.h"
 
 namespace veld_report::bench {

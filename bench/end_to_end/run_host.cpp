@@ -9,8 +9,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "host/hash/queue_name.h"
 #include "host/queue/queue_service.h"
+#include "host/services/queue_name.h"
 
 namespace veld_report::bench {
 namespace {

@@ -7,8 +7,8 @@
 #include "bench/common/module_host.h"
 #include "bench/common/record.h"
 #include "bench/common/thread_time.h"
-#include "host/hash/queue_name.h"
 #include "host/kit/module_path.h"
+#include "host/services/queue_name.h"
 
 namespace veld_report::bench {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "bench/common/allocations.h"
 #include "host/base/host_object.h"
-#include "host/tracer/line_tracer.h"
+#include "host/services/line_tracer.h"
 #include "trace/trace_stream.h"
 
 namespace veld_report::bench {

@@ -8,7 +8,7 @@
 #include "host/base/redact.h"
 #include "host/http/http_outcome.h"
 #include "host/http/proxy.h"
-#include "host/tracer/line_tracer.h"
+#include "host/services/line_tracer.h"
 #include "tests/host/fake_resolver.h"
 #include "tests/host/http_contract.h"
 

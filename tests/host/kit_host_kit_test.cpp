@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "host/hash/queue_name.h"
 #include "host/kit/host_kit.h"
 #include "host/kit/module_path.h"
+#include "host/services/queue_name.h"
 #include "host/signature/ed25519_verifier.h"
 #include "host/signature/key_files.h"
 #include "server/report_server.h"

@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "contract/tracer.h"
-#include "host/allocator/heap_allocator.h"
 #include "host/base/text.h"
-#include "host/hash/hash_service.h"
-#include "host/hash/queue_name.h"
-#include "host/locator/service_locator.h"
-#include "host/module/loaded_module.h"
-#include "host/notification/function_notification.h"
+#include "host/services/function_notification.h"
+#include "host/services/hash_service.h"
+#include "host/services/heap_allocator.h"
+#include "host/services/loaded_module.h"
+#include "host/services/queue_name.h"
+#include "host/services/service_locator.h"
 #include "types/text_conversion.h"
 
 namespace veld_report::host {

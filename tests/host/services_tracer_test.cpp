@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "host/base/write_trace.h"
-#include "host/tracer/line_tracer.h"
+#include "host/services/line_tracer.h"
 #include "tests/common/temporary_folder.h"
 
 namespace veld_report::host {

@@ -1,4 +1,4 @@
-#include "host/timer/timer_service.h"
+#include "host/services/timer_service.h"
 
 #include <gtest/gtest.h>
 

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "host/base/host_object.h"
-#include "host/timer/timer_service.h"
+#include "host/services/timer_service.h"
 #include "tests/module/sender_test.h"
 
 namespace veld_report::tests {

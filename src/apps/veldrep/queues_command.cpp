@@ -7,10 +7,10 @@
 
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/text.h"
-#include "host/hash/queue_name.h"
 #include "host/kit/url_states.h"
 #include "host/queue/queue_service.h"
 #include "host/queue/store_folder.h"
+#include "host/services/queue_name.h"
 #include "server/printable.h"
 
 namespace veld_report::app {

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "apps/veldrep/command.h"
-#include "host/hash/queue_name.h"
+#include "host/services/queue_name.h"
 
 namespace veld_report::app {
 namespace {

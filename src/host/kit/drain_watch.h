@@ -14,7 +14,7 @@
 
 #include "contract/execution_mode.h"
 #include "host/base/host_object.h"
-#include "host/timer/timer_service.h"
+#include "host/services/timer_service.h"
 
 namespace veld_report::host {
 

@@ -5,13 +5,13 @@
 
 #include "host/base/code_text.h"
 #include "host/base/text.h"
-#include "host/hash/hash_service.h"
 #include "host/json/json_record.h"
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
 #include "host/kit/module_path.h"
 #include "host/kit/settings_builder.h"
-#include "host/notification/function_notification.h"
+#include "host/services/function_notification.h"
+#include "host/services/hash_service.h"
 #include "host/signature/ed25519_signer.h"
 
 namespace veld_report::host {

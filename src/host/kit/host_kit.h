@@ -12,18 +12,18 @@
 #include <string_view>
 
 #include "contract/sender.h"
-#include "host/allocator/heap_allocator.h"
 #include "host/kit/drain_watch.h"
 #include "host/kit/host_kit_options.h"
 #include "host/kit/stoppable_http.h"
 #include "host/kit/submission_watch.h"
 #include "host/kit/url_states.h"
-#include "host/locator/service_locator.h"
-#include "host/mode/execution_mode.h"
-#include "host/module/loaded_module.h"
 #include "host/queue/queue_service.h"
-#include "host/timer/timer_service.h"
-#include "host/tracer/line_tracer.h"
+#include "host/services/execution_mode.h"
+#include "host/services/heap_allocator.h"
+#include "host/services/line_tracer.h"
+#include "host/services/loaded_module.h"
+#include "host/services/service_locator.h"
+#include "host/services/timer_service.h"
 
 namespace veld_report::host {
 

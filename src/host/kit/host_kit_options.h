@@ -8,9 +8,9 @@
 
 #include "contract/queue.h"
 #include "host/http/http_client.h"
-#include "host/notification/function_notification.h"
 #include "host/queue/queue_service_options.h"
-#include "host/tracer/line_tracer.h"
+#include "host/services/function_notification.h"
+#include "host/services/line_tracer.h"
 
 namespace veld_report::host {
 

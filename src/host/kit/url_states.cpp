@@ -11,8 +11,8 @@
 #include <unordered_map>
 
 #include "host/base/redact.h"
-#include "host/hash/queue_name.h"
 #include "host/queue/store_folder.h"
+#include "host/services/queue_name.h"
 
 namespace veld_report::host {
 namespace {

@@ -5,9 +5,9 @@
 
 #include "host/base/code_text.h"
 #include "host/base/redact.h"
-#include "host/hash/queue_name.h"
 #include "host/json/json_check.h"
 #include "host/reporter/kit_options.h"
+#include "host/services/queue_name.h"
 
 namespace veld_report {
 namespace {

@@ -21,8 +21,8 @@
 #include <string_view>
 #include <vector>
 
-#include "host/notification/finished_request.h"
 #include "host/queue/queue_ledger.h"
+#include "host/services/finished_request.h"
 #include "types/result_code.h"
 #include "veld_report/record.h"
 #include "veld_report/record_builder.h"

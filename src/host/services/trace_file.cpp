@@ -1,4 +1,4 @@
-#include "host/tracer/trace_file.h"
+#include "host/services/trace_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "host/hash/queue_name.h"
+#include "host/services/queue_name.h"
 
 #include <openssl/evp.h>
 

@@ -1,4 +1,4 @@
-#include "host/notification/function_notification.h"
+#include "host/services/function_notification.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "host/tracer/line_tracer.h"
+#include "host/services/line_tracer.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "host/base/redact.h"
-#include "host/tracer/trace_file.h"
+#include "host/services/trace_file.h"
 
 namespace veld_report::host {
 namespace {

@@ -1,4 +1,4 @@
-#include "host/module/loaded_module.h"
+#include "host/services/loaded_module.h"
 
 #include <dlfcn.h>
 

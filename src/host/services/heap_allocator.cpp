@@ -1,4 +1,4 @@
-#include "host/allocator/heap_allocator.h"
+#include "host/services/heap_allocator.h"
 
 #include <cstddef>
 #include <cstdlib>

@@ -5,7 +5,7 @@
 
 #include "contract/requests_notification.h"
 #include "host/base/host_object.h"
-#include "host/notification/finished_request.h"
+#include "host/services/finished_request.h"
 
 namespace veld_report::host {
 

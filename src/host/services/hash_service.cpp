@@ -1,4 +1,4 @@
-#include "host/hash/hash_service.h"
+#include "host/services/hash_service.h"
 
 #include <openssl/evp.h>
 

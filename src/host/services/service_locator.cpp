@@ -1,4 +1,4 @@
-#include "host/locator/service_locator.h"
+#include "host/services/service_locator.h"
 
 #include <mutex>
 #include <utility>

@@ -1,9 +1,9 @@
-#include "host/timer/timer_service.h"
+#include "host/services/timer_service.h"
 
 #include <utility>
 
 #include "host/base/service_thread.h"
-#include "host/timer/timer_queue.h"
+#include "host/services/timer_queue.h"
 
 namespace veld_report::host {
 

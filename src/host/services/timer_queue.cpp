@@ -1,4 +1,4 @@
-#include "host/timer/timer_queue.h"
+#include "host/services/timer_queue.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "host/mode/execution_mode.h"
+#include "host/services/execution_mode.h"
 
 namespace veld_report::host {
 
