@@ -1,5 +1,5 @@
-// A pair of byte pointers: the first byte and the place behind the last one. Always passed by pointer; the
-// bytes belong to the caller and stay valid for the length of the call.
+// A pair of byte pointers: to the first byte and past the last one. Always passed by pointer. The bytes
+// belong to the caller and stay valid during the call.
 #pragma once
 
 #include <cstdint>

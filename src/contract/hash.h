@@ -1,4 +1,4 @@
-// The host's hash service, from which the names of the queues come. Required when a sender is created.
+// The host's hash service, which gives the queues their names. Required when a sender is created.
 #pragma once
 
 #include "contract/byte_range.h"
@@ -6,7 +6,7 @@
 
 namespace crypto::hash {
 
-// One calculation: Update, then Finish. Belongs to one thread.
+// One calculation: Update, then Finish. For one thread.
 class IHashCalculator : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0x61b2b6f5;
@@ -27,11 +27,11 @@ class IHashCalculator : public zel::IObject {
 class IHashCalculatorFactory : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0x898b9c28;
-  // The only algorithm that the module asks for: a hash with a digest of 16 bytes. Queues keep their names
-  // only as long as the host keeps the algorithm.
+  // The only algorithm that the module asks for, with a digest of 16 bytes. If the host changes the
+  // algorithm, the queues' names change.
   static constexpr std::uint32_t queueNameAlgorithm = 100;
 
-  // `*out`: a new object that offers IHashCalculator, with one reference for the caller.
+  // `*out`: a new object that implements IHashCalculator, with one reference for the caller.
   virtual zel::ResultCode CreateCalculator(std::uint32_t algorithm, zel::IObject** out) = 0;
 
  protected:

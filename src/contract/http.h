@@ -17,8 +17,8 @@ struct HttpHeader {
 };
 static_assert(sizeof(HttpHeader) == 96 && offsetof(HttpHeader, value) == 48);
 
-// What goes with every request. The sender fills `headers` with one row, "Content-Type: application/json";
-// `shortParameter` is 30. The other fields are the client's own affair and stand at 0.
+// The options of every request. The sender fills `headers` with one row, "Content-Type: application/json",
+// and sets `shortParameter` to 30. The other fields are for the client's own use and are 0.
 struct HttpRequestOptions {
   zel::vector_t<HttpHeader> headers;
   std::uint64_t wordParameter0 = 0;
@@ -36,7 +36,8 @@ static_assert(offsetof(HttpRequestOptions, wordParameter1) == 48 &&
 static_assert(offsetof(HttpRequestOptions, objectParameter) == 64 &&
               offsetof(HttpRequestOptions, wideParameter) == 72);
 
-// One url's certificates: the first element and the place behind the last. The elements are the host's own.
+// The certificates of one url: pointers to the first one and past the last one. The elements are the host's
+// own type.
 struct CertificateRow {
   const void* begin;
   const void* end;
@@ -47,22 +48,22 @@ struct CertificateRange {
 };
 static_assert(sizeof(CertificateRow) == 16 && sizeof(CertificateRange) == 16);
 
-// Where the client's answer record holds the HTTP status, an unsigned 16-bit value.
+// The offset of the HTTP status, an unsigned 16-bit value, in the client's answer record.
 inline constexpr std::size_t responseStatusOffset = 80;
 
-// Reads the HTTP status out of a client's answer record.
+// Reads the HTTP status from a client's answer record.
 inline std::uint16_t ResponseStatus(const void* response) {
   return *reinterpret_cast<const std::uint16_t*>(static_cast<const char*>(response) + responseStatusOffset);
 }
 
-// The module implements it, one object a request. The client calls exactly one of the two operations, once,
-// at some time, on any thread, and keeps a reference until then.
+// Implemented by the module, with one object per request. The client calls exactly one of the two operations,
+// exactly once, at any time and on any thread, and holds a reference until then.
 class IAsyncHttpRequestCallback : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0x880c454b;
-  // The client got an HTTP answer. `response`: its record of it, valid during the call.
+  // The client received an HTTP answer. `response`: the client's record of it, valid during the call.
   virtual zel::ResultCode OnRequestCompleted(const zel::wstring& url, const void* response) = 0;
-  // No answer came.
+  // There was no answer.
   virtual zel::ResultCode OnRequestFailed(const zel::wstring& url, zel::ResultCode code) = 0;
 
  protected:
@@ -73,8 +74,8 @@ class IAsyncHttpRequestCallback : public zel::IObject {
 class IHttpRequestHandle : public zel::IObject {
  public:
   virtual zel::ResultCode ReservedRequestOperation() = 0;
-  // Blocks until the request has ended or the time is up. A negative result says that it didn't end well. It
-  // must return after the callback's operation has, or the totals of a cycle count the packet twice.
+  // Blocks until the request has ended or the time is up. A negative result means that it didn't end well. It
+  // must not return before the callback's operation has, or the totals of a cycle count the packet twice.
   virtual zel::ResultCode Wait(std::uint32_t timeoutMs) = 0;
   // Ends the request, so that a Wait on another thread returns. It must not block: the sender holds a lock.
   virtual zel::ResultCode Cancel() = 0;
@@ -90,10 +91,9 @@ class IHttpClient : public zel::IObject {
   virtual zel::ResultCode ReservedClientOperation2() = 0;
   virtual zel::ResultCode ReservedClientOperation3() = 0;
   virtual zel::ResultCode ReservedClientOperation4() = 0;
-  // Starts a request and returns at once. `requestKind`: points to 1, a request with a body. `body`: at
-  // position 0; the client takes references of its own to it and to `callback`. `reserved`: null. After a
-  // success
-  // `*request` holds a reference for the caller; after a failure the callback isn't called.
+  // Starts a request and returns at once. `requestKind` points to 1, a request with a body. `body` is at
+  // position 0; the client takes its own references to it and to `callback`. `reserved` is null. On success
+  // `*request` holds a reference for the caller; on failure the callback isn't called.
   virtual zel::ResultCode MakeRequestAsync(const zel::wstring& url, const HttpRequestOptions& options,
                                            const std::uint32_t* requestKind, zel::IIO* body, void* reserved,
                                            IAsyncHttpRequestCallback* callback,
@@ -112,12 +112,12 @@ class IHttpClientFactory : public zel::IObject {
   ~IHttpClientFactory() = default;
 };
 
-// A further interface of the client object, without which settings are refused.
+// A second interface of the client object. Without it settings are refused.
 class IHttpClientCertificates : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0xecae8144;
-  // Takes the certificates for all urls, a row an entry of SenderSettings::urls. The table is valid during
-  // the call only.
+  // Takes the certificates of all urls, one row for each entry of SenderSettings::urls. The table is only
+  // valid during the call.
   virtual zel::ResultCode SetCertificates(const CertificateRange* table) = 0;
 
  protected:

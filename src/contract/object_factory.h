@@ -1,4 +1,4 @@
-// zel::IObjectFactory, what zelGetObjectFactory hands out. The module implements it.
+// zel::IObjectFactory, returned by zelGetObjectFactory. The module implements it.
 #pragma once
 
 #include "contract/service_locator.h"
@@ -8,8 +8,9 @@ namespace zel {
 class IObjectFactory : public IObject {
  public:
   static constexpr InterfaceId iid = 0x80077a33;
-  // Makes one object of the factory's class. `locator` isn't null; the object keeps a reference to it.
-  // `interfaceId`: the wanted interface, 0 for the first. `*out` receives it with one reference. Any thread.
+  // Makes an object of the factory's class. `locator` isn't null; the object keeps a reference to it.
+  // `interfaceId` is the wanted interface, 0 for the first. `*out` receives it with one reference. Any
+  // thread.
   virtual ResultCode CreateInstance(IServiceLocator* locator, InterfaceId interfaceId, void** out) = 0;
 
  protected:

@@ -1,4 +1,4 @@
-// How the host hears of each finished request. Optional.
+// Notifies the host of each completed request. Optional.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,8 @@ namespace orvel {
 
 struct RequestNotification {
   zel::string source;  // always "VeldRep"
-  // 0 for status 200, 0x80000071 "Invalid result" for another status, the client's code for no answer.
+  // 0 for status 200, 0x80000071 "Invalid result" for any other status, the client's code if there was no
+  // answer.
   zel::ResultCode resultCode = zel::sOk;
   zel::string url;  // UTF-8
 };
@@ -20,7 +21,7 @@ static_assert(offsetof(RequestNotification, resultCode) == 48 && offsetof(Reques
 class IRequestsNotification : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0x09f6a0bf;
-  // The record is valid during the call. Runs on a thread of the HTTP client; the result isn't looked at.
+  // The record is valid during the call. Called on a thread of the HTTP client; the result is ignored.
   virtual zel::ResultCode OnRequestFinished(const RequestNotification* notification) = 0;
 
  protected:

@@ -6,13 +6,12 @@
 
 namespace zel {
 
-// Threads: any. The module asks on callers' threads, on the timer's and on the HTTP client's.
+// Threads: any. Called on callers' threads, on the timer's and on the HTTP client's.
 class IServiceLocator : public IObject {
  public:
-  // `interfaceId`: which service. `reserved`: always 0. On success (a result that isn't negative) `*out`
+  // `interfaceId` selects the service. `reserved` is always 0. On success (a non-negative result) `*out`
   // holds a new reference for the caller, cast to exactly that interface; on failure it stays null. A service
-  // may be asked for any number of times, and whether the answer is one shared object is the locator's
-  // choice.
+  // may be looked up any number of times. Whether the result is one shared object is up to the locator.
   virtual ResultCode GetInterface(InterfaceId interfaceId, std::uint32_t reserved, void** out) = 0;
 
  protected:

@@ -5,20 +5,21 @@
 
 namespace zel {
 
-// A line is written into a buffer of the tracer's and handed back in one piece: the module owns none of the
-// buffers. Threads: any, also while the sender holds a lock of its own.
+// A line is written to one of the tracer's buffers and returned in one piece. The module owns no buffer.
+// Threads: any, also while the sender holds one of its locks.
 class ITracer : public IObject {
  public:
   static constexpr InterfaceId iid = 0x6ef3329b;
-  // No level, but the request to grow a buffer.
+  // Not a level, but the request to grow a buffer.
   static constexpr std::uint32_t growLevel = 1000;
 
-  // With a level: answer 0 and store a writable buffer of at least `size` bytes if a line of this level is
-  // wanted; answer anything else and store nothing if not. Levels in use: 300 for failures, 700 for the rest.
-  // With level 1000: `*buffer` holds a buffer from this tracer; answer 0 and leave there a buffer of at least
-  // `size` bytes with the same content, or answer non-zero and leave a pointer that CommitBuffer still takes.
+  // With a level: if a line of this level is wanted, return 0 and store a writable buffer of at least `size`
+  // bytes; otherwise return anything else and store nothing. Levels in use: 300 for failures, 700 for the
+  // rest. With level 1000: `*buffer` is a buffer of this tracer. Either return 0 and store a buffer of at
+  // least `size` bytes with the same content, or return non-zero and leave a pointer that CommitBuffer still
+  // accepts.
   virtual ResultCode AcquireBuffer(std::uint32_t level, char** buffer, std::uint64_t size) = 0;
-  // Takes the line, exactly `length` bytes with no terminator and no line end, and the buffer back.
+  // Takes the line, exactly `length` bytes without terminator or line end, and takes the buffer back.
   virtual ResultCode CommitBuffer(char* buffer, std::uint64_t length) = 0;
 
  protected:

@@ -1,7 +1,7 @@
-// ResultCode: the status value that every operation across a binary boundary returns.
+// ResultCode: the status that every operation across a binary boundary returns.
 //
-// Negative is failure, 0 is success, a positive value is a success with something to say. Inside the module
-// a failure travels as an exception instead (zel/rtl/error_handling/exceptions.h). The texts of the codes are
+// Negative is failure, 0 is success, and positive is success with additional information. Inside the module a
+// failure travels as an exception instead (zel/rtl/error_handling/exceptions.h). The texts of the codes are
 // in zel/rtl/error_handling/result_code_texts.h; the names here follow those texts.
 #pragma once
 

@@ -9,7 +9,7 @@
 namespace zel {
 namespace {
 
-// Hands each code point of UTF-16 text to `visit`, which returns false to end the walk.
+// Calls `visit` for each code point of UTF-16 text, until it returns false.
 template <class Visit>
 bool ForEachCodePoint(std::u16string_view text, Visit&& visit) {
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -24,7 +24,8 @@ bool ForEachCodePoint(std::u16string_view text, Visit&& visit) {
   return true;
 }
 
-// Makes `size` the length of `out`, without setting new characters. On failure the string is as it was.
+// Makes `size` the length of `out`, without initialising new characters. On failure the string doesn't
+// change.
 template <class C>
 ResultCode Resize(basic_string_t<C>* out, std::uint64_t size) {
   if (size > out->size) {
@@ -39,7 +40,7 @@ ResultCode Resize(basic_string_t<C>* out, std::uint64_t size) {
   return sOk;
 }
 
-// Writes one code point in the locale's encoding; 0 if it has none there. NUL is one byte.
+// Writes one code point in the locale's encoding. Returns 0 if the locale lacks it. NUL takes one byte.
 std::size_t EncodeNarrow(std::uint32_t codePoint, char (&buffer)[MB_LEN_MAX]) {
   if (codePoint == 0) {
     buffer[0] = '\0';
@@ -50,7 +51,7 @@ std::size_t EncodeNarrow(std::uint32_t codePoint, char (&buffer)[MB_LEN_MAX]) {
   return length == static_cast<std::size_t>(-1) ? 0 : length;
 }
 
-// Hands each character of locale text to `visit`, as the value of a wchar_t. False at a broken sequence.
+// Calls `visit` for each character of locale text, as the value of a wchar_t. False at an invalid sequence.
 template <class Visit>
 bool ForEachNarrowCharacter(const char* text, std::uint64_t size, Visit&& visit) {
   for (std::uint64_t i = 0; i < size;) {
@@ -70,7 +71,7 @@ bool ForEachNarrowCharacter(const char* text, std::uint64_t size, Visit&& visit)
   return true;
 }
 
-// The UTF-16 units that one wchar_t gives: a value above 0xffff is a pair, one above 0x10ffff is nothing.
+// The number of UTF-16 units for a wchar_t: a value above 0xffff takes two, one above 0x10ffff none.
 std::uint64_t UnitCount(std::uint32_t character) {
   if (character < 0x10000) return 1;
   return character <= 0x10ffff ? 2 : 0;
