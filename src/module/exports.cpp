@@ -1,4 +1,4 @@
-// The two exported functions of the module. Neither lets an exception escape; both may be called from any
+// The two exported functions of the module. Neither lets an exception escape. Both may be called on any
 // thread and take no lock.
 #include "contract/exports.h"
 #include "facade/veld_report/src/veld_report_sender.h"

@@ -1,4 +1,4 @@
-// The factory of one class: what zelGetObjectFactory makes anew for every call. It holds nothing but its
+// The factory of one class, which zelGetObjectFactory makes anew for every call. It holds nothing but its
 // reference count; the objects that it makes don't depend on it.
 #pragma once
 
@@ -9,7 +9,7 @@
 
 namespace zel {
 
-// T: the class that is made; ObjectT: the wrapper that is really instantiated.
+// T: the class to make; ObjectT: the wrapper that is actually instantiated.
 template <class T, class ObjectT>
 class GenericObjectFactory : public IObjectFactory, public ObjectRootEx<NoServiceStrategy> {
  public:
@@ -28,7 +28,7 @@ class GenericObjectFactory : public IObjectFactory, public ObjectRootEx<NoServic
     if (const ResultCode code = LocatorObjectFactory::Make(locator, &object); Failed(code)) return code;
     try {
       const ResultCode code = object->QueryInterface(interfaceId, out);
-      // A failed query leaves the last reference here, and this ends the object again.
+      // If the query failed, this is the last reference and destroys the object.
       object->Release();
       return code;
     } catch (...) {

@@ -13,7 +13,7 @@ struct Pair {
   char characters[2];
 };
 
-// The two characters of each 12-bit number, so that a group of three bytes costs two look-ups.
+// The two characters of each 12-bit number, so that a group of three bytes takes two lookups.
 constexpr std::array<Pair, 4096> MakePairs() {
   std::array<Pair, 4096> pairs{};
   for (std::uint32_t bits = 0; bits < pairs.size(); ++bits) {
@@ -30,7 +30,7 @@ char* PutGroup(char* place, std::uint64_t bits) {
   return place + 4;
 }
 
-// The next eight bytes as a number, the first byte on top.
+// The next eight bytes as a big-endian number.
 std::uint64_t LoadBigEndian(const std::uint8_t* bytes) {
   std::uint64_t value = 0;
   std::memcpy(&value, bytes, sizeof value);

@@ -1,4 +1,4 @@
-// The descriptors of Message and Signature: constant tables, set at load, which the host's serialiser reads.
+// The descriptors of Message and Signature: constant tables, initialised at load, for the host's serialiser.
 //
 // They are reached through zel::StaticDescriptor<Message>::pointer and <Signature>, which are never null in
 // this module. Any thread.
@@ -19,7 +19,7 @@ const SerObjDescriptor* const StaticDescriptor<orvel::veld_report::Message>::poi
 
 namespace orvel::veld_report {
 
-// The vector helper that no row of this module points to.
+// The vector helper that no row of this module uses.
 extern zel::NoSerVectorHelperImpl<void> noVectorHelper;
 
 }  // namespace orvel::veld_report

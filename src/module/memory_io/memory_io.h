@@ -1,12 +1,12 @@
-// Memory streams: a zel::IIO whose bytes live in a narrow string. It is how text crosses to host services.
+// Memory streams: a zel::IIO whose bytes are in a narrow string. They carry text to and from host services.
 //
-// There are two with one behaviour, made by CreateIOFromBuffer: the pointer stream writes straight into the
-// caller's string, which must outlive it; the own-copy stream has a copy, and no tie to the caller. The first
-// is for text that the host writes, the second for text that the host keeps and reads.
+// There are two with the same behaviour, both made by CreateIOFromBuffer. The pointer stream writes straight
+// to the caller's string, which must outlive it; it is for text that the host writes. The own-copy stream has
+// a copy and no tie to the caller; it is for text that the host keeps and reads.
 //
-// Life: from CreateIOFromBuffer to the Release that brings the count to 0; that may come from any thread. The
-// other operations take no lock: a stream, and the string of a pointer stream, belong to one thread at a
-// time. No operation lets an exception out, and none writes a trace line.
+// Life: from CreateIOFromBuffer to the last Release, which may come on any thread. The other operations take
+// no lock: a stream, and the string of a pointer stream, are for one thread at a time. No operation lets an
+// exception out, and none writes a trace line.
 #pragma once
 
 #include <algorithm>
@@ -22,20 +22,20 @@
 
 namespace zel::memory_io {
 
-// Makes a stream over `*text` at position 0; what the string holds stays. `*out` receives it with one
-// reference. Returns 0x80000041 "Out of memory" if there is none for the stream; then `*out` is as it was.
-// Any thread.
+// Makes a stream over `*text` at position 0; the string's content stays. `*out` receives it with one
+// reference. Returns 0x80000041 "Out of memory" if there is no memory for the stream; then `*out` doesn't
+// change. Any thread.
 ResultCode CreateIOFromBuffer(string* text, IIO** out);
 // Makes a stream with a copy of `text`, at position 0. If there is no memory for the copy, it fails with the
-// stream already in `*out`, and the caller releases that as after a success.
+// stream already in `*out`, and the caller must release it as after a success.
 ResultCode CreateIOFromBuffer(const string& text, IIO** out);
 
 namespace detail {
 
-// Reading and positioning. S is a string or a pointer to one, P the pointer to its characters.
+// Reads and positions. S is a string or a pointer to one, P the pointer to its characters.
 //
-// The size of the stream is that of the string at every moment. The position isn't bounded by it, but it is
-// never negative as a signed number: Seek sees to that, and Write ends at most at the size of a string.
+// The size of the stream always is that of the string. The position may be past the end, but is never
+// negative as a signed number: Seek ensures that, and Write never goes past the maximum size of a string.
 template <class S, class P>
 class MemoryIOStorageReadOnly : public IIO {
  public:
@@ -52,7 +52,7 @@ class MemoryIOStorageReadOnly : public IIO {
   }
   ResultCode Seek(std::uint32_t origin, std::int64_t offset, std::uint64_t* newPosition) override {
     const std::uint64_t base = origin == 1 ? position_ : origin == 2 ? Text().size : 0;
-    // Unsigned, where overflow is defined; a sum behind the largest signed number counts as below zero too.
+    // Unsigned, since its overflow is defined. A sum above the largest signed number counts as negative too.
     const std::uint64_t target = base + static_cast<std::uint64_t>(offset);
     position_ = target > largestPosition ? 0 : target;
     if (newPosition) *newPosition = position_;
@@ -66,7 +66,7 @@ class MemoryIOStorageReadOnly : public IIO {
     *out = Text().size;
     return sOk;
   }
-  // Every write is already in the string.
+  // Every write is in the string already.
   ResultCode Flush() override { return sOk; }
 
  protected:
@@ -86,20 +86,20 @@ class MemoryIOStorageReadOnly : public IIO {
   std::uint64_t position_ = 0;
 };
 
-// Writing, with what the stream's own SetSize allows.
+// Writes, within what the stream's own SetSize allows.
 template <class S>
 class MemoryIOStorageWritable : public MemoryIOStorageReadOnly<S, char*> {
  public:
   ResultCode Write(const void* buffer, std::uint32_t count, std::uint32_t* bytesWritten) override {
     *bytesWritten = 0;
-    // No overflow: the position is below 2^63.
+    // Can't overflow: the position is below 2^63.
     const std::uint64_t end = this->position_ + count;
     if (end > this->Text().size) {
       const ResultCode code = Extend(end);
       if (Failed(code)) {
         const std::uint64_t size = this->Text().size;
         if (code != eNotSupported || this->position_ >= size) return code;
-        // A stream of fixed size takes what fits. That is less than `count`, so it has 32 bits.
+        // A stream of fixed size takes what fits. That is less than `count`, so it fits in 32 bits.
         count = static_cast<std::uint32_t>(size - this->position_);
       }
     }
@@ -122,11 +122,11 @@ class MemoryIOStorageWritable : public MemoryIOStorageReadOnly<S, char*> {
   }
 };
 
-// Growing and shrinking by the string's own rule. For a pointer, attaching stores it.
+// Grows and shrinks by the string's own rule. For a pointer, attaching stores it.
 template <class S>
 class MemoryIOStorageSizeable : public MemoryIOStorageWritable<S> {
  public:
-  // Shrinking keeps the string's memory. Growth that fails leaves the stream as it was.
+  // Shrinking keeps the string's memory. If growth fails, the stream doesn't change.
   ResultCode SetSize(std::uint64_t size) override {
     string& text = this->Text();
     if (size == text.size) return sOk;
@@ -152,14 +152,14 @@ class MemoryIOStorageSizeable : public MemoryIOStorageWritable<S> {
   ~MemoryIOStorageSizeable() = default;
 };
 
-// A string of its own. The `&` of its parameter is the form of attaching: a string comes in by reference and
-// is copied.
+// A string of its own. The `&` of its parameter is the form of attaching: a string comes by reference and is
+// copied.
 template <class S>
 class MemoryIOStorage;
 template <class S>
 class MemoryIOStorage<S&> : public MemoryIOStorageSizeable<S> {
  public:
-  // Throws what the copy throws, with the stream as it was.
+  // Throws what the copy throws; then the stream doesn't change.
   void Attach(const S& text) {
     this->storage_ = text;
     this->position_ = 0;
@@ -169,7 +169,7 @@ class MemoryIOStorage<S&> : public MemoryIOStorageSizeable<S> {
   ~MemoryIOStorage() = default;
 };
 
-// The complete stream, but for the reference count.
+// The complete stream, except for the reference count.
 template <class Storage>
 class MemoryIO : public Storage, public ObjectRootEx<NoServiceStrategy> {
  public:

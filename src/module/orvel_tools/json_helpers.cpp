@@ -15,7 +15,7 @@ constexpr char unit[] = "orvel_tools/json_helpers";
 
 static_assert(zel::messageSerId == orvel::veld_report::Message::serId);
 
-// The factory goes as soon as the storage stands.
+// The factory isn't needed once the storage exists.
 zel::Ref<zel::IStorage> CreateStorage(zel::IServiceLocator* locator, zel::IIO* stream,
                                       const zel::JsonStorageOptions& options) {
   zel::Ref<zel::IJsonStorageFactory> factory;
@@ -34,7 +34,7 @@ zel::Ref<zel::IStorage> CreateStorage(zel::IServiceLocator* locator, zel::IIO* s
 zel::string SerializeToJson(zel::IServiceLocator* locator, const zel::AnyPtr& object) {
   zel::string text;
   const zel::JsonStorageOptions options;
-  // Behind the text, so that storage and stream are gone before it is handed over or destroyed.
+  // In a scope after the text, so that storage and stream are gone before it is returned or destroyed.
   {
     zel::Ref<zel::IIO> stream;
     const zel::ResultCode code = zel::memory_io::CreateIOFromBuffer(&text, stream.Out());
@@ -49,7 +49,7 @@ zel::string SerializeMessageToJson(zel::IServiceLocator* locator,
                                    const orvel::veld_report::Message& message) {
   const zel::SerObjDescriptor* descriptor = zel::StaticDescriptor<orvel::veld_report::Message>::pointer;
   if (!descriptor) descriptor = zel::LookupMessageDescriptor(locator);
-  // A serialiser only reads what the object points to.
+  // A serialiser only reads the object.
   const zel::AnyPtr object(const_cast<orvel::veld_report::Message*>(&message), descriptor);
   return SerializeToJson(locator, object);
 }

@@ -1,8 +1,8 @@
-// From a described object to JSON text, through the host's JSON storage and serialiser.
+// Turns a described object into JSON text with the host's JSON storage and serialiser.
 //
-// The module writes no JSON by itself: this is the thin layer around those two services. The text is written
-// in place, into the string that is returned. The services are looked up anew on every call, and no reference
-// survives it. Any thread; no lock is taken.
+// The module writes no JSON itself; this is a thin layer around those two services. The text is written in
+// place, to the string that is returned. The services are looked up on every call, and no reference is kept.
+// Any thread; no lock is taken.
 #pragma once
 
 #include "contract/descriptor.h"
@@ -12,8 +12,8 @@
 
 namespace orvel_tools {
 
-// Returns the JSON text, without allocator. `locator` isn't null. Throws zel::SystemException with the
-// failing call's code, and std::bad_alloc.
+// Returns the JSON text, without allocator. `locator` isn't null. Throws zel::SystemException with the failed
+// call's code, and std::bad_alloc.
 zel::string SerializeToJson(zel::IServiceLocator* locator, const zel::AnyPtr& object);
 
 // The same for the message of a request.

@@ -33,14 +33,14 @@ zel::wstring SerializeFailureText(zel::IObject* context) {
   try {
     AppendLocation(location, &text);
   } catch (...) {
-    // The text stands as far as it came: the failure of Serialize is what has to be reported.
+    // The text stays as far as it got: the failure to report is that of Serialize.
   }
   return text;
 }
 
 void SerializeToStorage(zel::IServiceLocator* locator, const zel::AnyPtr& object, zel::IStorage* storage,
                         std::uint32_t flag) {
-  // Declared in this order, so that context, serialiser and the copy's keeper go in the reverse one.
+  // Declared in this order, so that context, serialiser and the copy's keeper are released in reverse.
   const zel::AnyPtr copy(object);
   zel::Ref<zel::IStorageSerializer2> serializer;
   zel::Ref<zel::IObject> context;

@@ -1,4 +1,4 @@
-// Driving the host's serialiser: one described object into one storage.
+// Calls the host's serialiser: one described object into one storage.
 #pragma once
 
 #include <cstdint>
@@ -10,13 +10,13 @@
 
 namespace orvel_tools {
 
-// Serialises `object` into `storage` and flushes it. The serialiser is looked up for each call. `flag`: 1 or
-// 0. Throws zel::SystemException with the failing call's code.
+// Serialises `object` into `storage` and flushes it. The serialiser is looked up for each call. `flag` is 1
+// or 0. Throws zel::SystemException with the failed call's code.
 void SerializeToStorage(zel::IServiceLocator* locator, const zel::AnyPtr& object, zel::IStorage* storage,
                         std::uint32_t flag);
 
-// The text of a failed Serialize: "Serialize", and where it stopped if `context`, which may be null, can
-// tell. Throws std::bad_alloc only before it appends the place; what fails from there on cuts the text short.
+// The text of a failed Serialize: "Serialize", and the location if `context`, which may be null, provides it.
+// Throws std::bad_alloc only before it appends the location; a failure after that cuts the text short.
 zel::wstring SerializeFailureText(zel::IObject* context);
 
 }  // namespace orvel_tools

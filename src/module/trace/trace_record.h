@@ -1,4 +1,4 @@
-// TraceRecord, the question whether a line is wanted. The answer "no" costs the one call that asks.
+// TraceRecord asks whether a line is wanted. If it isn't, the line costs this one call.
 #pragma once
 
 #include <cstdint>
@@ -12,17 +12,17 @@ namespace zel {
 inline constexpr std::uint32_t failureLevel = 300;
 inline constexpr std::uint32_t normalLevel = 700;
 
-// Size of the buffer that a line begins with, in bytes.
+// The size of the buffer that a line starts with, in bytes.
 inline constexpr std::uint64_t initialLineCapacity = 512;
 
 struct TraceRecord {
-  Ref<ITracer> tracer;     // set only when the tracer said yes
-  char* buffer = nullptr;  // the tracer's; null means that no line is to be written
+  Ref<ITracer> tracer;     // only set if the line is wanted
+  char* buffer = nullptr;  // the tracer's; null if no line is wanted
 };
 
-// Asks `tracer`, which may be null, for a line of that level. Exactly 0 is yes. A tracer that says yes and
-// gives no buffer gets no line, and no reference on it is kept. In the header, so that a line that isn't
-// wanted costs its site the tracer's call and nothing more.
+// Asks `tracer`, which may be null, for a line of that level. Exactly 0 means yes. If the tracer agrees but
+// gives no buffer, there is no line, and no reference to it is kept. In the header, so that an unwanted line
+// costs its site nothing but the tracer's call.
 inline void OpenTraceRecord(TraceRecord* record, ITracer* tracer, std::uint32_t level) {
   record->buffer = nullptr;
   if (!tracer) return;

@@ -15,7 +15,7 @@ TraceStream::~TraceStream() {
   try {
     Commit();
   } catch (...) {
-    // Another exception may be on its way already; a tracer that throws loses the line.
+    // Another exception may be in flight; if the tracer throws, the line is lost.
   }
 }
 

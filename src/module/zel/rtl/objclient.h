@@ -1,9 +1,9 @@
-// The object root: how a class of the module comes by its allocator, its tracer and its locator, and by a
-// further service that it can't live without.
+// The object root: how a class of the module gets its allocator, its tracer, its locator, and any other
+// service that it requires.
 //
-// A required service is looked up in a constructor, and its absence throws GetInterfaceException. So a class
-// needs no test for these services: an object that exists has them all. The fields don't change after
-// construction and are read from any thread.
+// A required service is looked up in a constructor, which throws GetInterfaceException if it is missing. So a
+// class needn't test for these services: an object that exists has them all. The fields don't change after
+// construction and may be read on any thread.
 #pragma once
 
 #include "contract/service_locator.h"
@@ -13,7 +13,7 @@
 
 namespace zel {
 
-// Looks a service up or throws GetInterfaceException with its id and the locator's answer.
+// Looks up a service, or throws GetInterfaceException with its id and the locator's result.
 template <class I>
 Ref<I> RequireInterface(IServiceLocator* locator) {
   Ref<I> service;
@@ -36,7 +36,7 @@ struct ServiceLocatorProvider {
   const Ref<IServiceLocator> locator;
 };
 
-// A list of services. The bases are built, and so looked up, in the order of the list.
+// A list of services. The bases are constructed, so the services are looked up, in the order of the list.
 struct NoServiceStrategy {
   NoServiceStrategy() = default;
   explicit NoServiceStrategy(IServiceLocator*) {}
@@ -49,7 +49,7 @@ template <class First, class Rest>
 struct CompositeServiceStrategy : First, Rest {
   explicit CompositeServiceStrategy(IServiceLocator* source) : First(source), Rest(source) {}
 };
-// An empty place of a list is no base, since one class can't be a base twice over.
+// An empty place in a list is no base, since a class can't be a base twice.
 template <class Rest>
 struct CompositeServiceStrategy<NoServiceStrategy, Rest> : Rest {
   explicit CompositeServiceStrategy(IServiceLocator* source) : Rest(source) {}
@@ -67,12 +67,12 @@ class ObjectRootEx : public S {
   using S::S;
 };
 
-// What the sender and the request callback stand on.
+// The services of the sender and the request callback.
 using AllocatorTracerLocatorStrategy = CompositeServiceStrategyHelper<
     ServiceStrategyAdapter<AllocatorProvider>, ServiceStrategyAdapter<TracerProvider>,
     ServiceStrategyAdapter<ServiceLocatorProvider>, NoServiceStrategy, NoServiceStrategy>;
 
-// The base with which a class states that it can't live without service I.
+// The base with which a class requires service I.
 template <class I>
 class ServiceProvider {
  public:

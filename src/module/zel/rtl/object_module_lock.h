@@ -1,8 +1,8 @@
 // The module's bookkeeping of live objects.
 //
-// ModuleObjectCount is what zelCanUnloadModule reads; the per-class values are for a debugger: how many of
-// one class live, and the XOR of their addresses, which is 0 again when the last has gone. The values are
-// three separate atomics, not one transaction.
+// zelCanUnloadModule reads ModuleObjectCount. The per-class values are for debuggers: how many objects of a
+// class are alive, and the XOR of their addresses, which is 0 again once the last is gone. They are three
+// separate atomics, not one transaction.
 #pragma once
 
 #include <atomic>
@@ -12,8 +12,8 @@ namespace zel {
 
 extern constinit std::atomic<std::uint32_t> ModuleObjectCount;
 
-// An empty first base of each concrete object, so that it is built before everything else of the object and
-// goes after it.
+// An empty first base of each concrete object, so that it is constructed before everything else of the object
+// and destroyed after it.
 template <class T>
 class ObjectModuleAutoLockTyped {
  public:

@@ -1,4 +1,4 @@
-// RowsByConsumer finds the rows of the working table that take a submission, without a look at all of them.
+// RowsByConsumer finds the rows of the working table for a submission without a full scan.
 #pragma once
 
 #include <algorithm>
@@ -11,15 +11,15 @@
 
 namespace orvel::veld_report {
 
-// An order of the rows by consumer, for one drain. The table stays where it is and doesn't change meanwhile.
-// A short table, or one for whose order there is no memory, is searched row by row.
+// The rows ordered by consumer, for one drain. The table must not move or change meanwhile. A short table is
+// scanned row by row, and so is one for which there is no memory.
 class RowsByConsumer {
  public:
   explicit RowsByConsumer(const zel::vector_t<ConsumerEndpoint>& rows) noexcept : rows_(rows) {
-    if (rows.size() <= longestScan) return;
+    if (rows.size() <= maxScan) return;
     try {
       for (const ConsumerEndpoint& row : rows) order_.push_back(&row);
-      // By consumer, and in the order of the table among the rows of one.
+      // By consumer; within a consumer, in the order of the table.
       std::sort(order_.begin(), order_.end(),
                 [](const ConsumerEndpoint* left, const ConsumerEndpoint* right) {
                   if (left->consumer < right->consumer) return true;
@@ -30,7 +30,7 @@ class RowsByConsumer {
     }
   }
 
-  // Visits the rows of `consumer`, or all rows if that is empty, in the order of the table.
+  // Visits the rows of `consumer`, or all rows if it is empty, in the order of the table.
   template <class Visit>
   void Each(const zel::string& consumer, Visit&& visit) const {
     if (consumer.empty() || order_.empty()) {
@@ -46,7 +46,7 @@ class RowsByConsumer {
   }
 
  private:
-  static constexpr std::uint64_t longestScan = 16;
+  static constexpr std::uint64_t maxScan = 16;
 
   const zel::vector_t<ConsumerEndpoint>& rows_;
   std::vector<const ConsumerEndpoint*> order_;

@@ -1,8 +1,7 @@
-// An unbiased shuffle from a random source that gives 15 bits at a time.
+// An unbiased shuffle with a random source that yields 15 bits at a time.
 //
-// std::shuffle would draw in an order of the library's own; here the draws are fixed: one for each position
-// from the second on, each of as many pieces as the position needs, thrown away where it would favour a
-// value.
+// The draws of std::shuffle depend on the library. Here they are fixed: one for each position from the second
+// on, made of as many pieces as the position needs, and repeated if it would favour a value.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +9,7 @@
 
 namespace orvel::veld_report {
 
-// A number below `k`, which isn't 0. `random15` gives numbers; those above 32767 are passed over.
+// A number below `k`, which isn't 0. Numbers of `random15` above 32767 are skipped.
 template <class Random15>
 std::uint64_t DrawBelow(std::uint64_t k, Random15&& random15) {
   for (;;) {
@@ -28,7 +27,7 @@ std::uint64_t DrawBelow(std::uint64_t k, Random15&& random15) {
   }
 }
 
-// `names`: anything with size() and operator[]. Fewer than two elements draw nothing.
+// `names`: anything with size() and operator[]. With fewer than two elements nothing is drawn.
 template <class Names, class Random15>
 void Shuffle(Names& names, Random15&& random15) {
   for (std::uint64_t i = 1; i < names.size(); ++i) {

@@ -10,8 +10,8 @@
 namespace orvel::veld_report {
 namespace {
 
-// The runtime's source, which the module never seeds. Its low 15 bits are used where its range is wider, so
-// that no draw is passed over for its range.
+// The runtime's source, which the module never seeds. If its range is wider, the low 15 bits are used, so
+// that no number is skipped for its range.
 std::uint32_t RuntimeRandom15() { return static_cast<std::uint32_t>(std::rand()) & 32767u; }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// ShuffledQueueList: the names of all queues of the domain in random order, for one walk, with its position.
+// ShuffledQueueList: the names of all queues of the domain in random order, with the position of one walk.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@ namespace orvel::veld_report {
 
 class ShuffledQueueList {
  public:
-  // Asks the queue service for the names, duplicates included, and shuffles them. Throws zel::SystemException
-  // with the service's code.
+  // Gets the names from the queue service, duplicates included, and shuffles them. Throws
+  // zel::SystemException with the service's code.
   explicit ShuffledQueueList(IQueueFactory* queueFactory);
 
   bool Exhausted() const { return cursor == names.size(); }
@@ -21,7 +21,7 @@ class ShuffledQueueList {
 
  private:
   zel::vector_t<zel::string> names;
-  std::uint64_t cursor = 0;  // moves only forward
+  std::uint64_t cursor = 0;  // only moves forward
 };
 
 }  // namespace orvel::veld_report

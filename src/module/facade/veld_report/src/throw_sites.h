@@ -1,7 +1,7 @@
-// The sites at which the sender throws, each with its fixed path, line and text.
+// The sites where the sender throws, each with its fixed path, line and text.
 //
-// The three are part of what support engineers search traces for, so they are constants that don't move with
-// the code. Where one text has two rows, the line tells the operation.
+// Support engineers search traces for these three, so they are constants that don't move with the code. If a
+// text has two rows, the line identifies the operation.
 #pragma once
 
 #include <cstdint>

@@ -1,12 +1,12 @@
-// zel_helpers::TimerSink binds a member function of its owner to a runnable that the host's timer can call,
-// with the rules by which it is armed.
+// zel_helpers::TimerSink makes a member function of its owner callable by the host's timer, and decides when
+// to arm the timer.
 //
-// It is a member of its owner, not an object of its own (zel::AutoObject completes it): its reference
-// counting counts nothing, and the owner calls Stop and Cancel before it goes. A firing is one-shot: the
-// callback begins with Disarm, and from then on a submission arms the timer anew, even while the callback
-// still runs.
+// It is a member of its owner, not a separate object (zel::AutoObject completes it). Its reference counting
+// does nothing, and the owner calls Stop and Cancel before its end. Each call of the timer needs its own
+// arming: the callback begins with Disarm, and from then on a submission arms the timer again, even while the
+// callback is still running.
 //
-// Life: unbound -> bound -> idle or armed, in turns -> stopped. Without a service it stays unbound.
+// Life: unbound -> bound -> idle or armed, alternating -> stopped. Without a service it stays unbound.
 #pragma once
 
 #include <cstdint>
@@ -23,15 +23,15 @@ class TimerSink : zel::IRunnable, public zel::ObjectRootEx<zel::NoServiceStrateg
  public:
   using Callback = void (T::*)(void* argument);
 
-  // The owner isn't counted. Before the service is set, on the owner's thread.
+  // Doesn't count the owner. Call it on the owner's thread, before the service is set.
   void Bind(T* newOwner, Callback newCallback) {
     owner = newOwner;
     callback = newCallback;
   }
 
-  // Asks for one firing unless one is asked for already. Returns what ArmTimer did, 1 "False" if the sink is
-  // armed, and 0x8000006a "Invalid state" when it is stopped or has no service. A call without a service, or
-  // one that the service refused, leaves the sink marked as armed. Any thread.
+  // Asks for one call unless one is pending. Returns the result of ArmTimer, 1 "False" if the sink is armed,
+  // and 0x8000006a "Invalid state" if it is stopped or has no service. An unstopped sink counts as armed
+  // afterwards, even without a service or after a refusal. Any thread.
   zel::ResultCode Arm(std::uint32_t delayMs) {
     const std::lock_guard lock(timerLock);
     if (stopped) return zel::eInvalidState;
@@ -39,32 +39,32 @@ class TimerSink : zel::IRunnable, public zel::ObjectRootEx<zel::NoServiceStrateg
     armed = true;
     return timerService ? timerService->ArmTimer(this, delayMs) : zel::eInvalidState;
   }
-  // Asks for a firing whether or not one is asked for: what a submission does. Any thread.
+  // Asks for a call whether or not one is pending, as a submission does. Any thread.
   void ArmAlways(std::uint32_t delayMs) {
     const std::lock_guard lock(timerLock);
     if (stopped) return;
     armed = true;
     if (timerService) timerService->ArmTimer(this, delayMs);
   }
-  // Drops what is pending. The callback begins with it.
+  // Drops the pending call. The callback begins with this.
   void Disarm() {
     const std::lock_guard lock(timerLock);
     armed = false;
     if (timerService) timerService->DisarmTimer(this);
   }
-  // From here no arming succeeds.
+  // After this no arming succeeds.
   void Stop() {
     const std::lock_guard lock(timerLock);
     stopped = true;
     armed = false;
   }
-  // Returns when the callback isn't running and won't run again. Not under any lock, since the callback takes
-  // the sink's own.
+  // Returns once the callback isn't running and won't run again. Don't call it under a lock: the callback
+  // takes the sink's.
   void Cancel() {
     if (timerService) timerService->CancelTimer(this);
   }
 
-  // Written during the owner's construction, then read freely. Null: the sink can't be armed.
+  // Written while the owner is constructed, then only read. Null: the sink can't be armed.
   zel::Ref<zel::ITimerService> timerService;
 
  private:
@@ -84,11 +84,10 @@ class TimerSink : zel::IRunnable, public zel::ObjectRootEx<zel::NoServiceStrateg
 
   T* owner = nullptr;
   Callback callback = nullptr;
-  // Guards the two flags and is held across ArmTimer and DisarmTimer, never across CancelTimer or the
-  // callback.
+  // Guards the two flags. Held across ArmTimer and DisarmTimer, never across CancelTimer or the callback.
   std::recursive_mutex timerLock;
   bool stopped = false;
-  bool armed = false;  // a firing was asked for and hasn't come
+  bool armed = false;  // a call is pending
 };
 
 }  // namespace zel_helpers

@@ -12,7 +12,7 @@
 namespace zel {
 namespace {
 
-// The only site of GetInterfaceException, as the framework names it.
+// The only site of GetInterfaceException, under the framework's name for it.
 constexpr ThrowPlace getInterfacePlace{"zel\\rtl\\error_handling\\../objclient", 129};
 
 void AppendHex8(wstring* out, std::uint32_t value) {

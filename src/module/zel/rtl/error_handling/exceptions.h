@@ -1,10 +1,10 @@
 // The exceptions that carry a failure inside the module.
 //
 // They are thrown by value and caught by reference. Unlike std::system_error they carry a ResultCode and the
-// site that threw, as constants of static lifetime, and their texts are wide strings. Across an interface
-// none travels: exception_conversion.h turns them into codes and trace lines.
+// throw site, as constants of static lifetime, and their texts are wide strings. None crosses an interface:
+// exception_conversion.h turns them into codes and trace lines.
 //
-// An exception doesn't change after its construction and belongs to one thread.
+// An exception doesn't change after its construction and is for one thread.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@
 
 namespace zel {
 
-// The place of a throw: a source path of static lifetime and a line.
+// The site of a throw: a source path of static lifetime and a line.
 struct ThrowPlace {
   const char* file;
   std::int32_t line;
@@ -32,25 +32,25 @@ class Exception : public std::exception {
 
   // The narrow name of the class.
   const char* what() const noexcept override { return "Unknown exception"; }
-  // What happened, without the class and the place.
+  // What happened, without the class and the site.
   virtual wstring GetDescription() const { return message; }
-  // Throws a copy as its final class.
+  // Throws a copy of its final class.
   [[noreturn]] virtual void Rethrow() const = 0;
   // A copy on the general heap, owned by the caller.
   virtual Exception* Clone() const = 0;
 
-  // "NAME - DESCRIPTION. At FILE(LINE) ", with its trailing blank, through the locale. An empty text if
-  // memory runs out; throws std::bad_cast for a name or path that the locale can't convert.
+  // "NAME - DESCRIPTION. At FILE(LINE) ", with the trailing blank, through the locale. Returns an empty text
+  // if memory runs out; throws std::bad_cast for a name or path that the locale can't convert.
   wstring GetDisplayText() const;
 
   const char* file;
   std::int32_t line;
   wstring message;
-  // An exception that this one is chained to; may be null.
+  // The exception that this one is chained to; may be null.
   std::unique_ptr<Exception> nested;
 };
 
-// Gives a final class the two operations that must know it. Adds no field.
+// Gives a final class the two operations that depend on it. Adds no field.
 template <class Final, class Base>
 class ExceptionBase : public Base {
  public:
@@ -63,27 +63,27 @@ class ResultCodeException : public ExceptionBase<ResultCodeException, Exception>
  public:
   ResultCodeException(ThrowPlace place, ResultCode failure, wstring text);
   const char* what() const noexcept override { return "ResultCodeException"; }
-  // "MESSAGE: 0xHHHHHHHH (TEXT)", without "MESSAGE: " where there is none.
+  // "MESSAGE: 0xHHHHHHHH (TEXT)", without "MESSAGE: " if there is no message.
   wstring GetDescription() const override;
 
   ResultCode code;
 };
 
-// A call that had to succeed didn't.
+// A call that had to succeed failed.
 class SystemException final : public ExceptionBase<SystemException, ResultCodeException> {
  public:
   using ExceptionBase::ExceptionBase;
   const char* what() const noexcept override { return "SystemException"; }
 };
 
-// A structure's meta information can't be had.
+// A structure's meta information isn't available.
 class InvalidResultException final : public ExceptionBase<InvalidResultException, ResultCodeException> {
  public:
   using ExceptionBase::ExceptionBase;
   const char* what() const noexcept override { return "InvalidResultException"; }
 };
 
-// The service locator refused an interface that an object can't do without. `code` is its answer.
+// The service locator refused an interface that an object requires. `code` is the locator's result.
 class GetInterfaceException final : public ExceptionBase<GetInterfaceException, ResultCodeException> {
  public:
   GetInterfaceException(InterfaceId interfaceId, ResultCode failure);
@@ -94,7 +94,7 @@ class GetInterfaceException final : public ExceptionBase<GetInterfaceException, 
   InterfaceId iid;
 };
 
-// Violations of a contract. Nothing in the module throws them; the conversions know them.
+// Contract violations. Nothing in the module throws them, but the conversions know them.
 namespace contract {
 
 class RequireViolation final : public ExceptionBase<RequireViolation, Exception> {

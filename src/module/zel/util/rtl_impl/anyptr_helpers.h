@@ -1,4 +1,4 @@
-// LookupMessageDescriptor, for hosts that register structures: the descriptor of Message from the host
+// LookupMessageDescriptor, for hosts that register structures: gets the descriptor of Message from the host
 // instead of from the module's own table.
 #pragma once
 
@@ -12,8 +12,8 @@ namespace zel {
 // The only structure that is ever looked up.
 inline constexpr std::uint32_t messageSerId = 0xe688adc8;
 
-// Asks MetaInfoProvider and, where that is missing or doesn't know the structure, MetaInfoRegistry. The
-// descriptor is the host's. `locator` isn't null. Throws InvalidResultException. Any thread.
+// Asks MetaInfoProvider; if that is missing or doesn't know the structure, asks MetaInfoRegistry. The
+// descriptor is owned by the host. `locator` isn't null. Throws InvalidResultException. Any thread.
 const SerObjDescriptor* LookupMessageDescriptor(IServiceLocator* locator);
 
 }  // namespace zel
