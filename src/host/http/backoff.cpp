@@ -72,12 +72,12 @@ Clock::TimePoint Backoff::WaitAfterFailure(const Row& row, const HttpOutcome& ou
   if (row.failures >= 2) {
     const std::uint32_t doublings = std::min<std::uint32_t>(row.failures - 2, 31);
     const std::uint64_t bound =
-        std::min<std::uint64_t>(std::uint64_t{options_.firstDelayMs} << doublings, options_.longestDelayMs);
+        std::min<std::uint64_t>(std::uint64_t{options_.firstDelayMs} << doublings, options_.maxDelayMs);
     wait = milliseconds(static_cast<std::int64_t>(static_cast<double>(bound) * random_()));
   }
   if (outcome.retryAfter && MayAskToWait(outcome.status)) {
     const auto asked =
-        ParseRetryAfter(*outcome.retryAfter, clock_->WallNow(), milliseconds(options_.longestRetryAfterMs));
+        ParseRetryAfter(*outcome.retryAfter, clock_->WallNow(), milliseconds(options_.maxRetryAfterMs));
     wait = std::max(wait, asked.value_or(milliseconds(0)));
   }
   return clock_->Now() + wait;

@@ -1,4 +1,4 @@
-// Backoff, the memory of how urls have answered, and the decision whether a request may go.
+// Backoff remembers how urls have answered and decides whether a request may be sent.
 #pragma once
 
 #include <atomic>
@@ -15,22 +15,22 @@
 
 namespace veld_report::host {
 
-// Keeps a row for each url: rows don't know each other, so that one url in trouble holds up no other.
-// Threads: any.
+// Keeps a row for each url. The rows are independent, so one failing url doesn't hold up others. Threads:
+// any.
 class Backoff {
  public:
-  // `random` gives numbers evenly in [0, 1).
+  // `random` returns numbers uniformly distributed in [0, 1).
   Backoff(const BackoffOptions& options, std::shared_ptr<Clock> clock, std::function<double()> random);
 
-  // Returns when the request starts, or nothing if the url is to be left alone for the time being.
+  // Returns the time of the start, or nothing if requests to the url are held back.
   std::optional<Clock::TimePoint> Start(const std::string& url) const;
-  // How a request that Start let pass has ended. One that began before the last failure changes nothing but
-  // the error text: requests of one and the same outage count once.
+  // Records the outcome of a request that Start allowed. If it started before the last failure, only the
+  // error text changes: the requests of one outage count as one failure.
   void End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome);
   // Forgets all other urls.
   void KeepOnly(const std::vector<std::string>& urls);
   std::vector<HttpClientState> States() const;
-  // Another number than before whenever States would tell something new, but for waits that have run out.
+  // Changes whenever the result of States does, except that the end of a wait doesn't count.
   std::uint64_t Version() const { return version_.load(std::memory_order_acquire); }
 
  private:
@@ -51,7 +51,7 @@ class Backoff {
   const std::shared_ptr<Clock> clock_;
   const std::function<double()> random_;
 
-  mutable std::mutex mutex_;  // guards the rows and `random_`; held across calls of clock and random alone
+  mutable std::mutex mutex_;  // guards the rows and `random_`; only held across calls of clock and random
   std::map<std::string, Row> rows_;
   std::atomic<std::uint64_t> version_{0};
 };

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::string_view pinMark = "sha256//";
 
-// 32 bytes are 44 characters, the last of them one "=".
+// A pin is 32 bytes, so 44 characters of which the last is "=".
 bool IsPin(std::string_view text) {
   const std::string_view digest = text.substr(pinMark.size());
   if (digest.size() != 44 || digest[43] != '=' || digest[42] == '=') return false;
@@ -25,7 +25,7 @@ bool IsPin(std::string_view text) {
   return EVP_DecodeBlock(bytes, reinterpret_cast<const unsigned char*>(digest.data()), 44) == 33;
 }
 
-// Whether the text holds certificates, and each of its PEM blocks is one that can be read.
+// True if the text contains certificates and each of its PEM blocks is a valid one.
 bool IsCertificatePem(std::string_view text) {
   const std::unique_ptr<BIO, decltype(&BIO_free)> source(
       BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), &BIO_free);

@@ -1,4 +1,4 @@
-// The certificates that urls bring along, checked and in the form that libcurl takes.
+// The certificates of urls, checked and in libcurl's form.
 #pragma once
 
 #include <map>
@@ -11,20 +11,20 @@
 
 namespace veld_report::host {
 
-// One url's. At least one of the two isn't empty.
+// The certificates of one url. At least one of the two isn't empty.
 struct CertificateSet {
-  std::string caPem;  // all CA certificates, one behind the other
+  std::string caPem;  // all CA certificates, concatenated
   std::string pins;   // "sha256//...;sha256//..."
 };
 
 using CertificateTable = std::map<std::string, CertificateSet>;
 
-// Reads one element after another. Throws std::invalid_argument, with the number of the element, for one that
-// is neither a PEM text with certificates alone nor a pin.
+// Reads the elements in order. If one is neither a PEM text with only certificates nor a pin, it throws
+// std::invalid_argument with the number of the element.
 CertificateSet ReadCertificates(const std::vector<std::string_view>& elements);
 
 // Reads the table of SetCertificates. Urls without certificates have no row in the result. Throws
-// std::invalid_argument, also for certificates without a url to go with.
+// std::invalid_argument, also if there are certificates without a url.
 CertificateTable ReadCertificateTable(const network_services::CertificateRange& table,
                                       const std::vector<std::string>& urls);
 

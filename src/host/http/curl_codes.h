@@ -1,4 +1,4 @@
-// From libcurl's results to the codes of the contract.
+// Maps libcurl's results to the codes of the contract.
 #pragma once
 
 #include <curl/curl.h>
@@ -7,7 +7,7 @@
 
 namespace veld_report::host {
 
-// Always negative but for CURLE_OK. HttpClientFactory's comment lists the codes.
+// Always negative, except for CURLE_OK. The codes are listed at HttpClientFactory.
 zel::ResultCode CodeOf(CURLcode result);
 
 }  // namespace veld_report::host

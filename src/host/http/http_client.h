@@ -22,15 +22,15 @@ namespace veld_report::host {
 
 // When requests to a url are held back. The first failure in a row holds nothing, so a single bad answer
 // changes nothing for the requests behind it. The n-th one, from the second on, draws its wait evenly between
-// 0 and firstDelayMs * 2^(n-2), at most longestDelayMs. Retry-After of a 429 or 503 holds from the first on.
+// 0 and firstDelayMs * 2^(n-2), at most maxDelayMs. Retry-After of a 429 or 503 holds from the first on.
 //
 // A failure is: no answer (but for a cancelled request), and the statuses 408, 425, 429 and 500 up. Any other
 // status says that the server is well, though it may not like the content.
 struct BackoffOptions {
   bool enabled = true;
   std::uint32_t firstDelayMs = 1000;
-  std::uint32_t longestDelayMs = 5 * 60 * 1000;
-  std::uint32_t longestRetryAfterMs = 60 * 60 * 1000;
+  std::uint32_t maxDelayMs = 5 * 60 * 1000;
+  std::uint32_t maxRetryAfterMs = 60 * 60 * 1000;
 };
 
 struct HttpClientOptions {

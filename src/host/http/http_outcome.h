@@ -1,4 +1,4 @@
-// How a request ended.
+// The outcome of a request.
 #pragma once
 
 #include <cstdint>
@@ -9,15 +9,15 @@
 
 namespace veld_report::host {
 
-// Codes that the kit's client gives besides the common ones.
+// Codes of the kit's client besides the common ones.
 inline constexpr zel::ResultCode eMediaError = zel::MakeResultCode(0x80000059);
 inline constexpr zel::ResultCode eInvalidSignature = zel::MakeResultCode(0x8000005a);
 
 struct HttpOutcome {
-  zel::ResultCode code = zel::sOk;  // 0: an answer came
+  zel::ResultCode code = zel::sOk;  // 0: there was an answer
   std::uint16_t status = 0;         // of the answer
-  std::string error{};              // for people; empty where an answer came
-  // It failed before anything was asked of the network, so it says nothing about the server.
+  std::string error{};              // for people; empty if there was an answer
+  // It failed before it used the network, so it says nothing about the server.
   bool local = false;
   std::optional<std::string> retryAfter{};  // the header's value
 };

@@ -9,7 +9,7 @@
 namespace veld_report::host {
 namespace {
 
-// The record of an answer. Of its content the contract knows the status alone.
+// The answer record. The contract only defines its status.
 struct HttpResponse {
   std::uint8_t unused[network_services::responseStatusOffset] = {};
   std::uint16_t status = 0;
@@ -61,7 +61,7 @@ bool HttpRequest::Complete(const HttpOutcome& outcome) noexcept {
     // The request has ended all the same.
   }
   try {
-    // Before Wait returns, so that whoever waits then holds the only reference.
+    // Before Wait returns, so that a waiter then holds the only reference.
     content_.body.Reset();
     content_.callback.Reset();
   } catch (...) {

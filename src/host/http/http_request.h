@@ -1,4 +1,4 @@
-// HttpRequest, one request of the kit's client: what is to be sent, and the handle by which it is waited for.
+// HttpRequest: one request of the kit's client, with its content and the handle to wait for it.
 #pragma once
 
 #include <atomic>
@@ -16,7 +16,7 @@ namespace veld_report::host {
 
 class HttpEngine;
 
-// Life: in flight -> ended. In flight it holds the body and the callback; End gives them up.
+// Life: in flight -> ended. It holds the body and the callback while in flight; End releases them.
 class HttpRequest final : public HostObject<network_services::IHttpRequestHandle> {
  public:
   struct Content {
@@ -32,11 +32,11 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
   zel::ResultCode Wait(std::uint32_t timeoutMs) override;
   zel::ResultCode Cancel() override;
 
-  // For the engine. The content's body and callback belong to its thread, from the submission on.
+  // For the engine. From submission on, the content's body and callback are for the engine's thread only.
   const Content& GetContent() const { return content_; }
   bool IsCancelled() const { return cancelled_.load(std::memory_order_acquire); }
-  // Runs the completion, gives up body and callback, and then wakes who waits. Called once. Returns false if
-  // the completion threw.
+  // Calls the completion, releases body and callback, and then wakes the waiters. Called once. Returns false
+  // if the completion threw.
   bool End(const HttpOutcome& outcome) noexcept;
 
  private:
@@ -46,7 +46,7 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
   const std::shared_ptr<HttpEngine> engine_;
   std::atomic<bool> cancelled_ = false;
 
-  std::mutex mutex_;  // guards the two below
+  std::mutex mutex_;  // guards the two members below
   std::condition_variable changed_;
   bool ended_ = false;
   zel::ResultCode result_ = zel::eNotInitialized;

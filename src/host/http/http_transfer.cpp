@@ -13,11 +13,11 @@ struct UrlCleanup {
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
 
-// The scheme in lower case, or nothing for what isn't a url with one.
+// The scheme in lower case, or nothing if the text isn't a url with a scheme.
 std::string SchemeOf(const std::string& text) {
   const std::unique_ptr<CURLU, UrlCleanup> url(curl_url());
   if (!url) throw std::bad_alloc();
-  // What looks like a url up to a NUL isn't one.
+  // A NUL would end the url early.
   if (text.find('\0') != std::string::npos) return {};
   if (curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) return {};
   char* scheme = nullptr;
@@ -45,7 +45,7 @@ HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shar
   if (!easy_) throw std::bad_alloc();
   Set(CURLOPT_ERRORBUFFER, errorText_.data());
   Set(CURLOPT_NOSIGNAL, 1L);
-  // Name resolution runs on a thread of libcurl's. Without this, ending a request would wait for that thread.
+  // Names are resolved on a thread of libcurl. Without this, ending a request would wait for that thread.
   Set(CURLOPT_QUICK_EXIT, 1L);
   SetUrl();
   SetHeaders();
@@ -79,7 +79,7 @@ void HttpTransfer::SetUrl() {
 }
 
 void HttpTransfer::SetHeaders() {
-  // A large body would else wait for a leave that few servers give.
+  // Otherwise a large body would wait for a permission that few servers give.
   Append(&headers_, "Expect:");
   for (const std::string& line : request_->GetContent().headers) {
     if (!IsHeaderLine(line)) throw HttpTransferRefused{zel::eInvalidArgument, "a header isn't valid"};
@@ -130,7 +130,7 @@ void HttpTransfer::SetTrust() {
     Set(folder, OrNull(options.caDirectory));
 }
 
-// Puts the url's own certificates, if it has any, in place of the trusted ones.
+// Replaces the trusted certificates by the url's own, if it has any.
 void HttpTransfer::SetOwnTrust() {
   if (!certificates_) return;
   const auto own = certificates_->find(request_->GetContent().urlText);
@@ -142,7 +142,7 @@ void HttpTransfer::SetOwnTrust() {
     Set(CURLOPT_SSL_VERIFYHOST, 0L);
     return;
   }
-  // The folder of trusted certificates would count beside the blob.
+  // Otherwise the folder of trusted certificates would count in addition to the blob.
   Set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
   Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   curl_blob blob = {const_cast<char*>(set.caPem.data()), set.caPem.size(), CURL_BLOB_NOCOPY};
@@ -152,7 +152,7 @@ void HttpTransfer::SetOwnTrust() {
 void HttpTransfer::Append(List* list, const std::string& line) {
   curl_slist* const longer = curl_slist_append(list->get(), line.c_str());
   if (!longer) throw std::bad_alloc();
-  // The head moves only where the list was empty.
+  // The head only changes if the list was empty.
   (void)list->release();
   list->reset(longer);
 }
@@ -163,7 +163,7 @@ std::size_t HttpTransfer::ReadBody(char* buffer, std::size_t size, std::size_t c
   const auto room = static_cast<std::uint32_t>(std::min<std::size_t>(size * count, UINT32_MAX));
   transfer.bodyFailure_ =
       Guarded([&] { return transfer.request_->GetContent().body->Read(buffer, room, &bytesRead); });
-  // A body that ends early would leave the server waiting for the rest.
+  // If a body ends early, the server would wait for the rest.
   const bool cut = bytesRead == 0 && transfer.bodyPosition_ < transfer.bodySize_;
   if (cut && !zel::Failed(transfer.bodyFailure_)) transfer.bodyFailure_ = zel::eUnexpected;
   if (zel::Failed(transfer.bodyFailure_)) return CURL_READFUNC_ABORT;
@@ -171,7 +171,7 @@ std::size_t HttpTransfer::ReadBody(char* buffer, std::size_t size, std::size_t c
   return bytesRead;
 }
 
-// libcurl goes back to the start where a kept connection turns out to have been closed.
+// libcurl rewinds to the start if a reused connection turns out to be closed.
 int HttpTransfer::SeekBody(void* self, curl_off_t offset, int origin) noexcept {
   auto& transfer = *static_cast<HttpTransfer*>(self);
   std::uint64_t position = 0;
@@ -182,8 +182,8 @@ int HttpTransfer::SeekBody(void* self, curl_off_t offset, int origin) noexcept {
   return zel::Failed(code) ? CURL_SEEKFUNC_FAIL : CURL_SEEKFUNC_OK;
 }
 
-// libcurl takes an answer whose headers break off for a whole one. An interim answer (100) has an empty line
-// of its own before the real one begins, and trailers come behind that.
+// libcurl takes an answer whose headers break off for a complete one. An interim answer (100) has its own
+// empty line before the real answer starts, and trailers follow after that.
 std::size_t HttpTransfer::TakeHeader(char* line, std::size_t size, std::size_t count, void* self) noexcept {
   const std::string_view text(line, size * count);
   bool& complete = static_cast<HttpTransfer*>(self)->headersComplete_;

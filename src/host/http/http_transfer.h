@@ -1,4 +1,4 @@
-// HttpTransfer, one request on its way through libcurl.
+// HttpTransfer: one request as libcurl handles it.
 #pragma once
 
 #include <curl/curl.h>
@@ -14,17 +14,17 @@
 
 namespace veld_report::host {
 
-// Thrown while a transfer is being made: it can't be sent.
+// Thrown while a transfer is set up: it can't be sent.
 struct HttpTransferRefused {
   zel::ResultCode code;
   std::string error;
 };
 
-// Belongs to the engine's thread. The engine adds the handle to its multi handle and takes it out again
-// before the transfer goes.
+// For the engine's thread. The engine adds the handle to its multi handle and removes it before the transfer
+// ends.
 class HttpTransfer {
  public:
-  // `certificates` may be null: the trusted ones of the options or the system. Throws HttpTransferRefused.
+  // `certificates` may be null: those of the options or the system are trusted. Throws HttpTransferRefused.
   HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
                std::shared_ptr<const CertificateTable> certificates, Clock::TimePoint startedAt);
   HttpTransfer(const HttpTransfer&) = delete;
@@ -74,7 +74,7 @@ class HttpTransfer {
   std::array<char, CURL_ERROR_SIZE> errorText_ = {};
   List headers_;
   List resolve_;
-  // Last, so that libcurl lets go before what it points to goes.
+  // Declared last, so that libcurl is done before what it points to is destroyed.
   std::unique_ptr<CURL, EasyCleanup> easy_;
 };
 

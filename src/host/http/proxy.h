@@ -1,4 +1,4 @@
-// Which proxy a request takes.
+// Selects the proxy of a request.
 #pragma once
 
 #include <functional>
@@ -9,18 +9,18 @@
 
 namespace veld_report::host {
 
-// Read once: libcurl itself would read the environment for each request, which an application may be changing
-// on another thread.
+// Read once: libcurl itself would read the environment for each request, while an application may be changing
+// it on another thread.
 struct ProxySettings {
   std::string forHttp;  // empty: none
   std::string forHttps;
-  std::string noProxy;  // hosts that are reached without one
+  std::string noProxy;  // hosts that are reached directly
 
   const std::string& For(std::string_view scheme) const { return scheme == "https" ? forHttps : forHttp; }
 };
 
-// `environment` gives a variable's value, or null. Lower-case names go before upper-case ones; HTTP_PROXY in
-// upper case isn't looked at, since a web server hands a request's header "Proxy" to its children under it.
+// `environment` returns a variable's value, or null. Lower-case names take precedence. HTTP_PROXY in upper
+// case is ignored, since a web server passes a request's header "Proxy" to its children under that name.
 ProxySettings ReadProxySettings(const HttpClientOptions& options,
                                 const std::function<const char*(const char*)>& environment);
 

@@ -24,22 +24,22 @@ std::string Trimmed(const std::string& text) {
 }  // namespace
 
 std::optional<milliseconds> ParseRetryAfter(const std::string& value,
-                                            std::chrono::system_clock::time_point now, milliseconds longest) {
+                                            std::chrono::system_clock::time_point now, milliseconds maxWait) {
   const std::string text = Trimmed(value);
   if (IsNumber(text)) {
     std::int64_t count = 0;
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), count);
-    // Compared in seconds, so that no number is too large for the milliseconds.
-    if (parsed.ec != std::errc() || count > longest.count() / 1000) return longest;
+    // Compared in seconds, so that no number overflows in milliseconds.
+    if (parsed.ec != std::errc() || count > maxWait.count() / 1000) return maxWait;
     return seconds(count);
   }
-  // curl_getdate takes a lone number of 8 digits and the like for a date; a date of HTTP has a comma or
+  // curl_getdate takes a plain number of 8 digits and the like for a date. A date in HTTP has a comma or
   // blanks.
   if (text.find(' ') == std::string::npos) return std::nullopt;
   const time_t date = curl_getdate(text.c_str(), nullptr);
   if (date == -1) return std::nullopt;
   const auto wait = std::chrono::system_clock::from_time_t(date) - now;
-  return std::clamp(std::chrono::ceil<milliseconds>(wait), milliseconds(0), longest);
+  return std::clamp(std::chrono::ceil<milliseconds>(wait), milliseconds(0), maxWait);
 }
 
 }  // namespace veld_report::host

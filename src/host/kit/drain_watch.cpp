@@ -8,9 +8,9 @@ DrainWatch::DrainWatch(zel::Ref<orvel::IExecutionModeProvider> mode, zel::Ref<Ti
     : mode_(std::move(mode)), timer_(std::move(timer)) {}
 
 std::uint32_t DrainWatch::IsBackgroundDisabled() {
-  // First of all: who waits for the drain may change the mode back as soon as it is noted.
+  // First of all: a thread that waits for the drain may change the mode back as soon as it is noted.
   const std::uint32_t disabled = mode_->IsBackgroundDisabled();
-  const std::uint64_t run = timer_->RunsStarted();  // the Run that asks: there is one at a time
+  const std::uint64_t run = timer_->RunsStarted();  // the Run that asks; there is only one at a time
   const std::lock_guard lock(mutex_);
   if (run > lastDrained_) {
     lastDrained_ = run;

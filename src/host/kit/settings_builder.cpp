@@ -12,7 +12,7 @@ namespace veld_report::host {
 namespace {
 
 // The module multiplies both in 32 bits: seconds to milliseconds, and units of 1024 bytes to bytes.
-constexpr std::uint32_t longestSendTimeoutS = 4294967;
+constexpr std::uint32_t maxSendTimeoutS = 4294967;
 constexpr std::uint32_t largestQueueLimitKb = 4194303;
 
 bool IsHttpUrl(std::string_view url) {
@@ -25,10 +25,10 @@ bool IsHttpUrl(std::string_view url) {
   return hasScheme("http://") || hasScheme("https://");
 }
 
-void CheckLimit(const char* name, std::uint32_t value, std::uint32_t least, std::uint32_t most) {
-  if (value >= least && value <= most) return;
+void CheckLimit(const char* name, std::uint32_t value, std::uint32_t min, std::uint32_t max) {
+  if (value >= min && value <= max) return;
   throw std::invalid_argument(std::string("settings: ") + name + " is " + std::to_string(value) +
-                              "; it must be " + std::to_string(least) + " to " + std::to_string(most));
+                              "; it must be " + std::to_string(min) + " to " + std::to_string(max));
 }
 
 [[noreturn]] void Refuse(std::uint64_t index, const KitEndpoint& endpoint, const std::string& why) {
@@ -49,7 +49,7 @@ void CheckCertificates(const KitEndpoint& endpoint, std::uint64_t index) {
 
 BuiltSettings::BuiltSettings(const KitSettings& settings) {
   CheckLimit("queueLimitKb", settings.queueLimitKb, 1, largestQueueLimitKb);
-  CheckLimit("sendTimeoutS", settings.sendTimeoutS, 0, longestSendTimeoutS);
+  CheckLimit("sendTimeoutS", settings.sendTimeoutS, 0, maxSendTimeoutS);
   record_.packetLimit = settings.packetLimit;
   record_.queueLimit = settings.queueLimitKb;
   record_.sendTimeout = settings.sendTimeoutS;
@@ -77,7 +77,7 @@ void BuiltSettings::AddEndpoint(const KitEndpoint& endpoint, std::uint64_t index
   entry.certificates.first = reinterpret_cast<const OpaqueCertificate*>(texts.first);
   entry.certificates.last = reinterpret_cast<const OpaqueCertificate*>(texts.last);
   entry.certificates.end = reinterpret_cast<const OpaqueCertificate*>(texts.end);
-  certificates_.push_back(std::move(texts));  // moving a vector leaves its elements where they are
+  certificates_.push_back(std::move(texts));  // moving a vector doesn't move its elements
   urls_.push_back(endpoint.url);
 }
 

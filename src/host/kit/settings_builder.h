@@ -1,4 +1,4 @@
-// From the kit's settings to the record that the module takes.
+// Turns the kit's settings into the record that the module takes.
 #pragma once
 
 #include <string>
@@ -10,15 +10,15 @@
 
 namespace veld_report::host {
 
-// The consumer name of triggers, which no endpoint may have.
+// The consumer name of triggers, which no endpoint may use.
 inline constexpr char triggerConsumer[] = "veld_report.trigger";
 
-// Owns everything that the record points to. Belongs to one thread; can't be copied.
+// Owns everything that the record points to. For one thread; can't be copied.
 class BuiltSettings {
  public:
-  // Throws std::invalid_argument, saying which value is wrong and what it must be: a url of another scheme or
-  // not in UTF-8, a reserved consumer name, certificates that can't be read, a limit that would wrap round in
-  // the module.
+  // Throws std::invalid_argument, which says which value is wrong and what it must be: a url with another
+  // scheme or not in UTF-8, a reserved consumer name, certificates that can't be read, a limit that would
+  // overflow in the module.
   explicit BuiltSettings(const KitSettings& settings);
   BuiltSettings(const BuiltSettings&) = delete;
   BuiltSettings& operator=(const BuiltSettings&) = delete;

@@ -8,7 +8,7 @@
 namespace veld_report::host {
 namespace {
 
-// A plain pointer, so that a submission from a static object's destructor still works.
+// A plain pointer, so that submitting from a static object's destructor still works.
 thread_local SubmissionWatch* current = nullptr;
 
 std::string Place(zel::IObject* context) {
@@ -51,7 +51,7 @@ void SubmissionWatch::Note(zel::ResultCode code, zel::IObject* context) noexcept
   try {
     if (zel::Failed(code)) current->result_.where = Place(context);
   } catch (...) {
-    // Without memory for it the place stays unsaid; the code stands.
+    // If memory runs out, the location is missing; the code is still noted.
   }
 }
 

@@ -1,7 +1,7 @@
-// SubmissionWatch: what became of a submission, which the sender itself doesn't tell.
+// SubmissionWatch reports the outcome of a submission, which the sender itself doesn't.
 //
-// SendStatistic answers 0 whatever happened in it. But it serialises on the caller's thread, through the
-// host's own service, so a serialiser that notes its result for the thread in question knows.
+// SendStatistic always returns 0. But it serialises on the caller's thread, through the host's own service.
+// So the serialiser knows the outcome and notes it for that thread.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@
 
 namespace veld_report::host {
 
-// How a submission ended. `where` says which field stopped it ("Message.signatures[0]"), if one did.
+// The outcome of a submission. `where` names the field that stopped it ("Message.signatures[0]"), if one did.
 struct Submission {
   zel::ResultCode code = zel::sOk;
   std::string where{};
@@ -19,7 +19,7 @@ struct Submission {
   bool Accepted() const { return !zel::Failed(code); }
 };
 
-// Notes what the watching serialiser does on this thread while the object lives. Watches nest.
+// While it lives, it notes what the watching serialiser does on this thread. Watches nest.
 class SubmissionWatch {
  public:
   SubmissionWatch();
@@ -27,7 +27,7 @@ class SubmissionWatch {
   SubmissionWatch& operator=(const SubmissionWatch&) = delete;
   ~SubmissionWatch();
 
-  // 0x8000006b "Not initialized" if no serialisation has run.
+  // 0x8000006b "Not initialized" if there was no serialisation.
   Submission Take() { return std::move(result_); }
 
   // For the serialiser. Does nothing on a thread without a watch.
@@ -38,7 +38,7 @@ class SubmissionWatch {
   SubmissionWatch* const outer_;
 };
 
-// A serialiser that does what `inner` does and notes the outcome.
+// A serialiser that acts like `inner` and notes the outcome.
 zel::Ref<zel::IStorageSerializer2> CreateWatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner);
 
 }  // namespace veld_report::host

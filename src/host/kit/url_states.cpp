@@ -24,7 +24,7 @@ std::filesystem::path StateFile(const std::filesystem::path& storeFolder) {
   return storeFolder / "urls.state";
 }
 
-// A field must not end its line or its column.
+// Keeps a field from ending its line or its column.
 std::string Field(std::string_view text) {
   std::string field(text);
   std::ranges::replace_if(
@@ -48,7 +48,7 @@ bool ParseNumber(std::string_view text, Number* out) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
-// Anything that isn't a line of this file gives nothing.
+// Returns nothing for anything but a line of this file.
 std::optional<UrlState> ParseLine(std::string_view line) {
   std::array<std::string_view, 6> fields;
   for (std::size_t i = 0; i + 1 < fields.size(); ++i) {
@@ -99,7 +99,7 @@ void UrlStateFile::SetUrls(const std::vector<std::string>& urls) {
 
 void UrlStateFile::Update(const HttpClientFactory& http) {
   const std::lock_guard lock(mutex_);
-  // Asked for before the states, so that a change behind it is seen the next time.
+  // Read before the states, so that a later change is noticed next time.
   const std::uint64_t version = http.StatesVersion();
   if (version_ == version) return;
   version_ = version;

@@ -1,9 +1,9 @@
-// What a sender knows of its urls, left in the store's folder for whoever looks in from outside.
+// What a sender knows of its urls, in a file of the store's folder for anyone who inspects the store.
 //
-// The store's queues are named by digests of their urls, and why a queue waits is known only to the process
-// that sends. So that process keeps this file beside the store: a line a url, with the name of its queue, the
-// url without user and password, and how sending to it goes. It is a note for people: nothing reads it to
-// decide anything, and a store without it is whole.
+// The store's queues are named by digests of their urls, and only the sending process knows why a queue is
+// waiting. So that process keeps this file with the store: one line for each url, with the name of its queue,
+// the url without user and password, and the state of sending there. It is information for people: no program
+// decides anything by it, and a store without it is complete.
 #pragma once
 
 #include <chrono>
@@ -19,7 +19,7 @@ namespace veld_report::host {
 
 struct UrlState {
   std::string queueName{};
-  // Of `http`, waitsUntil is exact to the millisecond.
+  // In `http`, waitsUntil is exact to the millisecond.
   HttpClientState http{};
 };
 
@@ -28,26 +28,26 @@ class UrlStateFile {
  public:
   explicit UrlStateFile(const std::filesystem::path& storeFolder);
 
-  // Names the urls of the settings, as they are given there. Writes the file.
+  // Sets the urls, as they are in the settings. Writes the file.
   void SetUrls(const std::vector<std::string>& urls);
-  // Takes what the client knows, and writes the file if something that a person looks for has changed: a
-  // wait, the last status or the last error. Costs next to nothing if the client knows nothing new. A file
-  // that can't be written is left as it is, without a word.
+  // Takes the client's states, and writes the file if something of interest has changed: a wait, the last
+  // status or the last error. Costs next to nothing if the client has nothing new. If the file can't be
+  // written, it silently stays as it is.
   void Update(const HttpClientFactory& http);
   // Forgets the waits, which end with the process. Nothing is written afterwards.
   void Close();
 
-  // What stands in the file; nothing where there is none or it can't be read.
+  // The content of the file; nothing if there is none or it can't be read.
   static std::vector<UrlState> Read(const std::filesystem::path& storeFolder);
 
  private:
   void Write();
 
   const std::filesystem::path file_;
-  std::mutex mutex_;  // guards the rest; held while the file is written
+  std::mutex mutex_;  // guards the members below; held while the file is written
   std::vector<UrlState> urls_;
   std::string written_;
-  std::optional<std::uint64_t> version_;  // of what the client knew at the last update
+  std::optional<std::uint64_t> version_;  // of the client's states at the last update
   bool closed_ = false;
 };
 

@@ -1,8 +1,8 @@
-// ClaimList, the tokens that a reader has handed out and that are neither acknowledged nor given back.
+// ClaimList: the tokens that a reader has handed out and that are neither acknowledged nor given back.
 //
-// A reader moves forward, so its tokens come in ascending order, and as a rule they leave in the same order:
-// then each costs a step at one end of an array, where a hash map would allocate for it.
-// One thread at a time; queue_store.h locks.
+// A reader only moves forward, so its tokens are added in ascending order, and they usually leave in the same
+// order. Then each costs a step at one end of an array; a hash map would allocate. One thread at a time;
+// queue_store.h locks.
 #pragma once
 
 #include <algorithm>
@@ -14,10 +14,10 @@ namespace veld_report::host {
 
 class ClaimList {
  public:
-  // `token` is above all that were added before.
+  // `token` is greater than all that were added before.
   void Add(std::uint64_t token, std::int64_t bytes) { claims_.push_back({token, bytes}); }
   bool Contains(std::uint64_t token) const { return Find(token) != claims_.end(); }
-  // Takes a claim out. Returns the size of its item, or nothing where there is no such claim.
+  // Removes a claim. Returns the size of its item, or nothing if there is no such claim.
   std::optional<std::int64_t> Take(std::uint64_t token) {
     const auto found = Find(token);
     if (found == claims_.end()) return std::nullopt;
@@ -46,7 +46,7 @@ class ClaimList {
   std::vector<Claim>::const_iterator Find(std::uint64_t token) const {
     const auto first = claims_.begin() + static_cast<std::ptrdiff_t>(first_);
     if (first == claims_.end()) return first;
-    // The next in line, mostly.
+    // Usually the first one.
     const auto found = first->token == token
                            ? first
                            : std::ranges::lower_bound(first, claims_.end(), token, {}, &Claim::token);
@@ -54,7 +54,7 @@ class ClaimList {
   }
 
   std::vector<Claim> claims_;
-  std::size_t first_ = 0;  // what stands before it has been taken
+  std::size_t first_ = 0;  // the claims before it were taken
 };
 
 }  // namespace veld_report::host

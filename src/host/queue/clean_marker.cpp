@@ -12,7 +12,7 @@
 namespace veld_report::host {
 namespace {
 
-// Checked in a few milliseconds.
+// Checking this much takes a few milliseconds.
 constexpr off_t smallFileBytes = 4 << 20;
 
 std::string FirstLine(const std::filesystem::path& file) {
@@ -22,7 +22,7 @@ std::string FirstLine(const std::filesystem::path& file) {
   return line;
 }
 
-// Names the file and the time for which the machine has been up; empty where the machine can't tell.
+// Identifies the file and the machine's current uptime; empty if the machine has no such identity.
 std::string OpenText(const struct stat& status) {
   const std::string boot = FirstLine("/proc/sys/kernel/random/boot_id");
   return boot.empty() ? boot : "open " + boot + " " + std::to_string(status.st_ino);
@@ -76,7 +76,7 @@ void CleanMarker::Withdraw() noexcept {
   if (!file_.empty()) unlink(mark_.c_str());
 }
 
-// A line that is cut off by a full disk vouches for nothing.
+// A line truncated by a full disk vouches for nothing.
 void CleanMarker::Write(const std::string& text) noexcept {
   const int descriptor = OpenPrivateFile(mark_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
   if (descriptor < 0) return;

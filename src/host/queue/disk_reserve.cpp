@@ -13,7 +13,7 @@
 namespace veld_report::host {
 namespace {
 
-// Twice the log: once for what the file grows by when the log is written back, once for the log's own growth.
+// Twice the log: once for the file's growth when the log is written back, once for the log's own.
 constexpr off_t reserveBytes = off_t{2} * logPages * storePageBytes;
 
 }  // namespace

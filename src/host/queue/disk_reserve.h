@@ -1,9 +1,9 @@
-// A file that holds some room on the disk, to be given up when the disk is full: then acknowledgements and
-// removals can still be written. It covers what the write-ahead log can hold (logPages in store_file.h): once
-// the log has been written back with its help, the log's own room is used again and again.
+// A file that reserves some room on the disk, to be given up when the disk is full, so that acknowledgements
+// and removals can still be written. It covers the maximum size of the write-ahead log (logPages in
+// store_file.h): once that has been written back with its help, the log reuses its own room.
 //
-// A disk that has little room from the start gets no reserve, and a store works without one.
-// Threads: its store's lock guards it.
+// If the disk has little room from the start, there is no reserve, and the store works without one. Threads:
+// its store's lock guards it.
 #pragma once
 
 #include <filesystem>
@@ -12,11 +12,11 @@ namespace veld_report::host {
 
 class DiskReserve {
  public:
-  // Takes the room, or finds it taken. The file outlives the object: a next start may need it.
+  // Takes the room, unless it is taken already. The file outlives the object: the next start may need it.
   explicit DiskReserve(std::filesystem::path file);
 
   void Release() noexcept;
-  // True from Release to the Restore that succeeds: nothing should be stored that can be refused.
+  // True from Release to a successful Restore: nothing should be stored that can be refused.
   bool IsGivenUp() const { return givenUp_; }
   // Takes the room again, if it isn't taken and the disk has plenty.
   void Restore() noexcept;

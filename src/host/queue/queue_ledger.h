@@ -1,10 +1,11 @@
-// What became of the items of a queue: the figures that a store keeps for each queue name.
+// The figures that a store keeps for each queue name: what became of the queue's items.
 //
-// The rule that holds at every moment, in memory and in the file: every item that was offered is accounted
-// for once. An item that is refused counts as accepted and rejected, so that losses show on both sides:
+// This holds at any time, in memory and in the file: every item that was offered is accounted for exactly
+// once.
 //   accepted = delivered + evicted + rejected + removed + waiting        (in items, and in bytes)
-// The other figures stand outside the rule: `returned` counts claims that were given back, whose items go on
-// waiting; `expired` is a part of evicted and `damaged` a part of removed.
+// A refused item counts as accepted and rejected, so that losses show on both sides. The other figures aren't
+// part of this sum: `returned` counts claims that were given back, whose items are still waiting; `expired`
+// is part of evicted and `damaged` part of removed.
 #pragma once
 
 #include <array>
@@ -29,12 +30,12 @@ struct QueueLedger {
   ItemCount accepted{};   // offered by Push
   ItemCount delivered{};  // acknowledged by a reader
   ItemCount evicted{};    // dropped to make room for newer ones
-  ItemCount rejected{};   // Push answered a failure, and the same item wasn't stored by a retry
-  ItemCount removed{};    // went with their queue
-  ItemCount waiting{};    // stand in the queue
+  ItemCount rejected{};   // Push failed, and no retry stored the same item
+  ItemCount removed{};    // removed with their queue
+  ItemCount waiting{};    // in the queue
   ItemCount returned{};   // claims given back by ReturnItem
-  ItemCount expired{};    // of evicted: dropped because they were too old
-  ItemCount damaged{};    // of removed: stood in a damaged file and couldn't be read any more
+  ItemCount expired{};    // of evicted: dropped for their age
+  ItemCount damaged{};    // of removed: in a damaged file and no longer readable
 
   static constexpr std::size_t figures = 9;
   std::array<ItemCount*, figures> All() {
@@ -52,7 +53,7 @@ struct QueueLedger {
   }
   bool operator==(const QueueLedger&) const = default;
 
-  // Books an item that leaves the queue, or the opposite for a negative count. `kind`: delivered, evicted or
+  // Records that an item leaves the queue, or the reverse for a negative count. `kind`: delivered, evicted or
   // expired.
   void Leave(ItemCount QueueLedger::*kind, ItemCount item) {
     this->*kind += item;

@@ -1,4 +1,4 @@
-// What a queue service is opened with.
+// The options of a queue service.
 #pragma once
 
 #include <chrono>
@@ -13,44 +13,43 @@
 namespace veld_report::host {
 
 struct QueueServiceOptions {
-  // Where the stores lie, one file a domain. Made with mode 0700 if it doesn't exist.
+  // The folder of the stores, one file for each domain. Created with mode 0700 if it doesn't exist.
   std::filesystem::path folder;
 
-  // Pushes and acknowledgements are grouped into one transaction until there are so many of them, or 256 KiB
-  // of items, or the first is so old. What a crash of the process can lose is what stands in such a group.
+  // Pushes and acknowledgements are grouped into one transaction, until there are this many of them, or 256
+  // KiB of items, or the first has waited this long. A crash of the process can lose what is in such a group.
   std::size_t commitOperations = 512;
   std::chrono::milliseconds commitDelay{10};
-  // Every Push is a transaction of its own: what it has answered 0 to survives a crash of the process.
+  // Every Push is a transaction of its own: what it returned 0 for survives a crash of the process.
   bool commitEveryPush = false;
-  // Every transaction is synced: it survives a crash of the machine, at the price of a sync each.
+  // Every transaction is synced: it survives a crash of the machine, at the cost of a sync each.
   bool syncEveryCommit = false;
 
-  // An item that is older is dropped when it comes up for reading, and counted as evicted and expired; 0:
-  // never.
+  // Older items are dropped when they are due to be read, and count as evicted and expired; 0: never.
   std::chrono::milliseconds maxAge{0};
-  // Room for the items of all queues of a domain together, in bytes; 0: no limit. An item for which there is
-  // no room makes the service drop the oldest items of whichever queue is largest, and count them as evicted,
-  // so one queue in trouble can't keep the others out. 0x80000062 if not even that makes room.
+  // Limit for the items of all queues of a domain together, in bytes; 0: no limit. For an item that doesn't
+  // fit, the service drops the oldest items of the largest queue and counts them as evicted. So one failing
+  // queue can't keep the others out. Push returns 0x80000062 if not even that makes room.
   std::uint64_t storeLimitBytes = 0;
 
-  // Several processes may have the folder open, all of them with `shared` set. All may push. What is waiting
-  // is sent by one at a time: a reader that doesn't make room finds nothing while readers of another process
-  // are alive. The limits hold up to what the processes have in their groups.
-  // Not set, a second process gets an error.
+  // Several processes may open the folder, all of them with `shared` set. All may push. One at a time sends
+  // what is waiting: a reader other than one that makes room finds nothing while readers of another process
+  // are alive. The limits hold except for what the processes have in their groups. If it isn't set, a second
+  // process gets an error.
   bool shared = false;
-  // For a look beside a running process: nothing is locked, made, repaired or written, and pushing, reading
-  // and removing answer 0x80000042.
+  // For inspection while another process is running: nothing is locked, created, repaired or written.
+  // Pushing, reading and removing return 0x80000042.
   bool inspectOnly = false;
-  // Whether a store's structure is checked when it is opened, unless it is large and known to be sound
-  // (clean_marker.h); costs a pass over the file.
+  // Checks a store's structure when it is opened, unless it is large and known to be good (clean_marker.h).
+  // That reads the whole file.
   bool checkAtOpen = true;
 
-  // Gets failures, and what a person should know; may be null. Called on any thread, also while a lock of the
-  // store is held.
+  // Receives failures and other messages for people; may be null. Called on any thread, also with a lock of
+  // the store held.
   zel::Ref<zel::ITracer> tracer{};
-  // Milliseconds since 1970; empty for the system's clock.
+  // Returns milliseconds since 1970; empty for the system's clock.
   std::function<std::int64_t()> nowMs{};
-  // Name of a registered SQLite VFS; empty for the default one.
+  // The name of a registered SQLite VFS; empty for the default.
   std::string vfs{};
 };
 

@@ -5,7 +5,7 @@
 namespace veld_report::host {
 namespace {
 
-constexpr std::size_t mostRows = 128;
+constexpr std::size_t maxRows = 128;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ const ReadAhead::Row* ReadAhead::Find(std::uint64_t after) const {
 void ReadAhead::Fill(StoreFile& file, std::int64_t queueId, std::uint64_t after, std::size_t limitBytes) {
   const bool continues = valid_ && after >= begin_;
   const bool nothingLeft = first_ == rows_.size();
-  // Behind an item that is in nobody's way any more the stretch can begin where it did before.
+  // If no item is left, the range can still start where it did before.
   const std::uint64_t begin = continues && nothingLeft ? begin_ : after;
   const std::uint64_t from = continues ? std::max(after, end_) : after;
   valid_ = false;
@@ -47,7 +47,7 @@ void ReadAhead::Fill(StoreFile& file, std::int64_t queueId, std::uint64_t after,
   end_ = from;
   reachesEnd_ = false;
   try {
-    reachesEnd_ = file.ReadItems(queueId, from, mostRows, [&](const ItemRow& row) {
+    reachesEnd_ = file.ReadItems(queueId, from, maxRows, [&](const ItemRow& row) {
       if (!rows_.empty() && bytes_.size() + row.data.size() > limitBytes) return false;
       const std::size_t offset = bytes_.size();
       bytes_.insert(bytes_.end(), row.data.begin(), row.data.end());
@@ -56,7 +56,7 @@ void ReadAhead::Fill(StoreFile& file, std::int64_t queueId, std::uint64_t after,
       return true;
     });
   } catch (const SqliteError&) {
-    // What stands before a place that can't be read is good: the failure comes up when its turn has come.
+    // The rows before an unreadable place are good. The failure is reported when its turn comes.
     if (rows_.empty()) throw;
   }
   valid_ = true;
@@ -77,7 +77,7 @@ void ReadAhead::Forget() {
 }
 
 void ReadAhead::Shrink() {
-  // Rows that are still to come are read again, should somebody ask.
+  // The remaining rows are read again when they are needed.
   if (first_ != rows_.size()) valid_ = false;
   rows_ = {};
   bytes_ = {};

@@ -1,9 +1,9 @@
-// ReadAhead, a stretch of one queue as the file holds it, read in one go.
+// ReadAhead: a range of one queue's items in the file, read at once.
 //
-// A statement for each item would pay a read transaction, two locks on the file and a search of two trees
-// each time. It is no cache to be trusted blindly: whoever deletes items or adds some to the file tells it,
-// and where another process may have done so it is thrown away.
-// One thread at a time; queue_store.h locks.
+// A statement for each item would cost a read transaction, two locks on the file and two tree searches each
+// time. It isn't kept up to date by itself: whoever deletes items from the file or adds some must report
+// that, and if another process may have done so, it must be forgotten. One thread at a time; queue_store.h
+// locks.
 #pragma once
 
 #include <cstdint>
@@ -16,19 +16,18 @@ namespace veld_report::host {
 
 class ReadAhead {
  public:
-  // The oldest item with a token above `after`, claimed ones included; null if there is none. What the file
-  // has been asked to delete must have been told to Drop, or be skipped by the caller. Reads on if need be,
-  // at most `limitBytes` of items, or one larger item. Throws SqliteError. The result is valid until the next
-  // call.
+  // The oldest item with a token above `after`, claimed or not; null if there is none. Deletions must be
+  // reported with Drop, or the caller must skip those items. Reads further if needed: up to `limitBytes` of
+  // items, or one larger item. Throws SqliteError. The result is valid until the next call.
   const ItemRow* Next(StoreFile& file, std::int64_t queueId, std::uint64_t after, std::size_t limitBytes);
 
-  // The item is deleted, or about to be.
+  // The item was or will be deleted.
   void Drop(std::uint64_t token);
-  // The file has got further items of this queue, younger than all before.
+  // The file has new items of this queue, younger than all others.
   void NoteInsertion() { reachesEnd_ = false; }
-  // Forgets everything: the file has changed in a way that isn't known in detail.
+  // Forgets everything, because the file has changed in unknown ways.
   void Forget();
-  // Gives the memory back. That the queue is empty, if it is, stays known.
+  // Frees the memory. If the queue is empty, that is still known.
   void Shrink();
 
  private:
@@ -43,12 +42,12 @@ class ReadAhead {
   const Row* Find(std::uint64_t after) const;
   void Fill(StoreFile& file, std::int64_t queueId, std::uint64_t after, std::size_t limitBytes);
 
-  // Holds every item with a token above begin_ and up to end_, and if it reaches the end, all above begin_.
+  // Holds every item with a token above begin_ and up to end_; if it reaches the end, all above begin_.
   bool valid_ = false;
   bool reachesEnd_ = false;
   std::uint64_t begin_ = 0;
   std::uint64_t end_ = 0;
-  std::size_t first_ = 0;  // what stands before it has been dropped
+  std::size_t first_ = 0;  // the rows before it were dropped
   std::vector<Row> rows_;
   std::vector<std::uint8_t> bytes_;
   ItemRow found_;

@@ -5,7 +5,7 @@
 namespace veld_report::host {
 namespace {
 
-// How long a statement waits for another process that holds the file.
+// How long a statement waits for another process that has locked the file.
 constexpr int busyTimeoutMs = 5000;
 
 [[noreturn]] void Fail(sqlite3* handle, int code) {
@@ -88,7 +88,7 @@ bool SqliteStatement::Step() {
   try {
     Fail(handle, extended);
   } catch (...) {
-    // Resetting replaces the connection's message, so it comes after the exception has taken it.
+    // After the exception has read the message: a reset replaces it.
     Reset();
     throw;
   }

@@ -1,7 +1,7 @@
-// A thin layer over SQLite's C interface: errors become exceptions and statements are reset by scope.
+// A thin layer over SQLite's C interface: errors become exceptions, and statements are reset by scope.
 //
-// It hides nothing of SQL and isn't a general wrapper. A connection is opened without SQLite's own mutexes,
-// so connection and statements belong to one thread at a time; their owner locks.
+// It doesn't hide SQL and isn't a general wrapper. A connection is opened without SQLite's own mutexes, so a
+// connection and its statements are for one thread at a time; their owner locks.
 #pragma once
 
 #include <cstdint>
@@ -17,17 +17,17 @@ struct sqlite3_stmt;
 
 namespace veld_report::host {
 
-// What SQLite refused to do. The text names the file and what was tried.
+// A failed SQLite operation. The text names the file and the attempt.
 class SqliteError : public std::runtime_error {
  public:
   SqliteError(int code, const std::string& what) : std::runtime_error(what), code_(code) {}
   // SQLite's extended result code.
   int Code() const { return code_; }
-  // The content of the file can't be read as what it should be.
+  // The file's content is invalid.
   bool IsDamage() const;
   // The same, and not because a device failed to read: trying again won't help.
   bool IsCertainDamage() const;
-  // No room, or the device refused a write: a later try may go well.
+  // There is no room, or the device refused a write: a later attempt may succeed.
   bool IsNoRoom() const;
 
  private:
@@ -43,17 +43,17 @@ class SqliteStatement {
 
   SqliteStatement& Bind(int index, std::int64_t value);
   SqliteStatement& BindNull(int index);
-  // The bytes must stay as they are until the statement is reset.
+  // The bytes must not change until the statement is reset.
   SqliteStatement& Bind(int index, std::string_view text);
   SqliteStatement& Bind(int index, std::span<const std::uint8_t> blob);
 
-  // Moves to the next row; false when there is none. Throws SqliteError, with the statement reset.
+  // Moves to the next row; false if there is none. Throws SqliteError and then resets the statement.
   bool Step();
-  // Runs a statement that gives no rows, and resets it.
+  // Runs a statement that returns no rows, and resets it.
   void Run();
   void Reset() noexcept;
 
-  // Of the current row, columns from 0. Views are valid until the next Step or Reset.
+  // Columns of the current row, from 0. Views are valid until the next Step or Reset.
   int Columns() const;
   std::int64_t Integer(int column) const;
   std::string_view Text(int column) const;
@@ -68,7 +68,7 @@ class SqliteStatement {
   std::unique_ptr<sqlite3_stmt, Finalize> statement_;
 };
 
-// Resets a statement at the end of a scope, so that no read transaction stays open behind it.
+// Resets a statement at the end of a scope, so that it leaves no read transaction open.
 class StatementScope {
  public:
   explicit StatementScope(SqliteStatement& statement) : statement_(statement) {}
@@ -84,21 +84,21 @@ class SqliteConnection {
  public:
   enum class Access { read, readWrite };
 
-  // Opens an existing file; it is never created here. `vfs`: name of a registered SQLite VFS, empty for the
+  // Opens an existing file and never creates one. `vfs`: the name of a registered SQLite VFS, empty for the
   // default. Throws SqliteError.
   SqliteConnection(const std::filesystem::path& file, Access access, const std::string& vfs = {});
 
   void Execute(const std::string& sql);
-  // Whether closing leaves the write-ahead log where it is, as for a file that must not be changed.
+  // If set, closing keeps the write-ahead log, as for a file that must not change.
   void KeepLogOnClose(bool keep);
-  // From here on LogPages tells how many pages the write-ahead log held at the last commit. SQLite then
-  // writes the log back no more by itself.
+  // From now on LogPages returns the size of the write-ahead log in pages at the last commit. SQLite then no
+  // longer checkpoints automatically.
   void CountLogPages();
   int LogPages() const { return *logPages_; }
   // The first column of the first row; throws if there is no row.
   std::int64_t QueryInteger(std::string_view sql) const;
   std::string QueryText(std::string_view sql) const;
-  // Rows that the last INSERT, UPDATE or DELETE changed.
+  // The number of rows that the last INSERT, UPDATE or DELETE changed.
   std::int64_t Changes() const;
   // False while a transaction is open.
   bool IsAutocommit() const;

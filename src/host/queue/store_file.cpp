@@ -33,7 +33,7 @@ std::string InsertSql(std::size_t rows) {
 
 SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const Settings& settings) {
   SqliteConnection connection(file, SqliteConnection::Access::readWrite, settings.vfs);
-  // A file that is refused stays exactly as it is.
+  // A file that is refused must not change.
   connection.KeepLogOnClose(true);
   if (settings.inspectOnly) {
     connection.Execute("PRAGMA query_only=ON");
@@ -86,7 +86,7 @@ void StoreFile::Commit() {
   try {
     Checkpoint();
   } catch (const SqliteError&) {
-    // What was committed stands in the log; the next commit tries again.
+    // What was committed is in the log; the next commit tries again.
   }
 }
 
@@ -94,7 +94,7 @@ void StoreFile::Rollback() noexcept {
   try {
     if (!connection_.IsAutocommit()) connection_.Execute("ROLLBACK");
   } catch (const SqliteError&) {
-    // Nothing is left to undo: a rollback fails only where SQLite has made one already.
+    // There is nothing left to undo: a rollback only fails if SQLite has rolled back already.
   }
 }
 
@@ -168,7 +168,7 @@ bool StoreFile::RestoreItem(std::int64_t queueId, const ItemRow& item) {
 
 void StoreFile::RaiseTokens(std::uint64_t token) {
   const std::string value = std::to_string(token);
-  // SQLite makes the row with the first item only.
+  // SQLite only creates the row with the first item.
   connection_.Execute(
       "INSERT INTO sqlite_sequence(name, seq) SELECT 'items', 0"
       " WHERE NOT EXISTS(SELECT 1 FROM sqlite_sequence WHERE name='items');"

@@ -1,8 +1,8 @@
-// The SQLite file of one domain: its layout and the statements on it.
+// The SQLite file of one domain: its layout, and the statements on it.
 //
-// It knows no locks, claims or grouping; queue_store.h has those. Every operation throws SqliteError, and
-// whoever opened a transaction rolls it back then. One thread at a time.
-// The layout of the file is told in store_layout.h.
+// It has no locks, claims or groups; those are in queue_store.h. Every operation throws SqliteError; the
+// caller that began a transaction then rolls it back. One thread at a time. The layout is described in
+// store_layout.h.
 #pragma once
 
 #include <array>
@@ -22,7 +22,7 @@
 namespace veld_report::host {
 
 inline constexpr int storePageBytes = 4096;
-// The log is written back into the file when it has grown by so many pages: a sync each time, but also the
+// The log is checkpointed when it has grown by this many pages. That takes a sync each time. It also is the
 // room that a full disk must still give (disk_reserve.h).
 inline constexpr int logPages = 512;
 
@@ -50,62 +50,61 @@ class StoreFile {
  public:
   struct Settings {
     bool syncEveryCommit = false;
-    bool inspectOnly = false;  // nothing is written, the layout must be the present one
+    bool inspectOnly = false;  // nothing is written; the layout must be current
     std::string vfs{};
-    // The log is written back by a thread (wal_checkpointer.h).
+    // A thread checkpoints the log (wal_checkpointer.h).
     bool logThread = false;
   };
 
-  // Opens the file, which exists, and lays it out if it is empty. Throws StoreError for a file of a later
+  // Opens an existing file and initialises it if it is empty. Throws StoreError for a file with a later
   // layout, SqliteError for everything else.
   StoreFile(const std::filesystem::path& file, const Settings& settings);
 
-  // Reads the structure of the whole file. Throws SqliteError, as damage, if something is wrong with it.
+  // Checks the structure of the whole file. Throws SqliteError, as damage, if something is wrong.
   void QuickCheck();
 
   void Begin();
-  // Also sees to it that the log is written back.
+  // Also makes sure that the log is checkpointed.
   void Commit();
-  // Ends a transaction that failed, if SQLite hasn't done so by itself.
+  // Ends a failed transaction, unless SQLite has done so.
   void Rollback() noexcept;
 
   std::vector<QueueRow> LoadQueues();
-  // Returns the id of the name's row, which is made if there is none.
+  // Returns the id of the name's row, and creates the row if there is none.
   std::int64_t AddQueue(const std::string& name);
-  // Adds `change` to the queue's figures. Its presence stays without a value.
+  // Adds `change` to the queue's figures. `present` without a value leaves the presence as it is.
   void UpdateQueue(std::int64_t id, std::optional<bool> present, const QueueLedger& change);
 
-  // Their tokens ascend in the order given.
+  // The tokens ascend in the given order.
   void InsertItems(std::span<const NewItem> items);
-  // With the token that the item had in another file. Returns false if the token is taken.
+  // Restores an item with its token from another file. False if the token is taken.
   bool RestoreItem(std::int64_t queueId, const ItemRow& item);
-  // The next token will be above `token`.
+  // Makes the next token greater than `token`.
   void RaiseTokens(std::uint64_t token);
-  // Returns whether the item was there.
+  // Returns true if the item was there.
   bool DeleteItem(std::uint64_t token);
   // Deletes the items of all queues with tokens from `first` to `last`. Returns how many there were.
   std::int64_t DeleteRange(std::uint64_t first, std::uint64_t last);
-  // Deletes all items of the queue and returns what they were.
+  // Deletes all items of the queue. Returns their count and size.
   ItemCount DeleteItems(std::int64_t queueId);
-  // Hands the queue's items with tokens above `after` to `take`, oldest first, until it has had `count` or
-  // answers false. Returns whether there was no further one.
+  // Calls `take` for the queue's items with tokens above `after`, oldest first, until it has had `count` or
+  // `take` returns false. Returns true if there were no more.
   bool ReadItems(std::int64_t queueId, std::uint64_t after, std::size_t count,
                  const std::function<bool(const ItemRow&)>& take);
-  // The oldest item of the queue with a token above `after`. Call Finish when the views aren't needed any
+  // The oldest item of the queue with a token above `after`. Call Finish once the views aren't needed any
   // more.
   std::optional<ItemRow> NextItem(std::int64_t queueId, std::uint64_t after);
   void Finish() { next_.Reset(); }
-  // Time of Push of the oldest item, if there is one.
+  // The time of the oldest item's Push, if there is an item.
   std::optional<std::int64_t> OldestMs(std::int64_t queueId);
-  // What the queue really holds, counted.
+  // The actual content of the queue, counted.
   ItemCount CountItems(std::int64_t queueId);
 
   // Changes when another connection has committed something.
   std::int64_t DataVersion();
-  // Moves the log's content into the file as far as nobody is in the way, so that the log starts again at its
-  // beginning.
+  // Checkpoints the log as far as nobody is in the way, so that it restarts at its beginning.
   void Checkpoint();
-  // Empties the log. With `rebuild` the file is written anew without the free space in it.
+  // Empties the log. With `rebuild` the file is also rewritten without its free space.
   void Compact(bool rebuild);
 
   SqliteConnection& Connection() { return connection_; }
@@ -115,7 +114,7 @@ class StoreFile {
   SqliteStatement& InsertStatement(std::size_t form);
   ItemRow CurrentItem() const;
 
-  // A statement's own cost and that of the token counter come once for all its rows.
+  // The fixed costs of a statement and of the token counter come once for all its rows.
   static constexpr std::array<std::size_t, 3> insertRows{64, 8, 1};
 
   SqliteConnection connection_;

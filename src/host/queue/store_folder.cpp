@@ -24,8 +24,8 @@ std::string Reason(int error) { return std::generic_category().message(error); }
                    "; give this user the right to write in that folder, or choose another one");
 }
 
-// A umask can only have taken rights of the owner away; they are put back. The superuser, who may look after
-// a store that isn't his, must not lock its owner out.
+// A umask can only have removed rights of the owner; they are restored. If the superuser looks after somebody
+// else's store, he must not lock the owner out.
 void SetOwnerAndMode(int descriptor, const std::filesystem::path& file) noexcept {
   struct stat status {};
   if (fstat(descriptor, &status) != 0) return;
@@ -39,8 +39,8 @@ void SetOwnerAndMode(int descriptor, const std::filesystem::path& file) noexcept
   [[maybe_unused]] const int ignored = fchmod(descriptor, fileMode);
 }
 
-// A folder that was just made is on the disk only when the one above it is. Where that can't be had (no right
-// to read it) the folder works all the same.
+// A new folder is durable only once its parent is synced. If that isn't possible (no permission to read it),
+// the folder works all the same.
 void SyncFolder(const std::filesystem::path& folder) noexcept {
   const int handle = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (handle < 0) return;
@@ -64,8 +64,8 @@ int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept {
 }
 
 bool IsSafeDomainName(std::string_view domain) {
-  constexpr std::size_t longest = 64;
-  return !domain.empty() && domain.size() <= longest && std::ranges::all_of(domain, [](char c) {
+  constexpr std::size_t maxLength = 64;
+  return !domain.empty() && domain.size() <= maxLength && std::ranges::all_of(domain, [](char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
   });
 }
@@ -77,7 +77,7 @@ std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::st
 void PrepareStoreFolder(const std::filesystem::path& folder) {
   std::error_code error;
   if (std::filesystem::is_directory(folder, error)) return;
-  std::vector<std::filesystem::path> grown;  // the folders that get a new one
+  std::vector<std::filesystem::path> grown;  // the parents of new folders
   for (auto made = folder; !std::filesystem::exists(made, error) && made.has_parent_path();) {
     made = made.parent_path();
     grown.push_back(made);
@@ -97,7 +97,7 @@ bool PreparePrivateFile(const std::filesystem::path& file) {
     close(descriptor);
     return true;
   }
-  // One that exists isn't opened: closing it again would end the locks that SQLite may have on it here.
+  // An existing file isn't opened: closing it would end the locks that SQLite may have on it in this process.
   struct stat status {};
   if (errno != EEXIST || lstat(file.c_str(), &status) != 0) FailFile(file, "make", errno);
   if (!S_ISREG(status.st_mode)) FailFile(file, "use", EINVAL);
@@ -126,7 +126,7 @@ bool FileLock::Change(Kind kind) {
     kind_ = kind;
     return true;
   }
-  // The system gives the old lock up before it tries the new one.
+  // The system releases the old lock before it tries the new one.
   [[maybe_unused]] const int again = flock(descriptor_, LockOperation(kind_));
   return false;
 }
@@ -144,7 +144,7 @@ FileLock FileLock::Try(const std::filesystem::path& file, Kind kind, std::string
     if (holder) holder->assign(text, length > 0 ? static_cast<std::size_t>(length) : 0);
     return FileLock();
   }
-  // Only for the message to the next one, so a full disk is no reason to fail.
+  // Only for the message to the next process, so a full disk is no reason to fail.
   const std::string number = std::to_string(getpid());
   if (ftruncate(lock.descriptor_, 0) == 0) {
     [[maybe_unused]] const ssize_t ignored = pwrite(lock.descriptor_, number.data(), number.size(), 0);

@@ -1,7 +1,8 @@
-// The folder of a store: its permissions, its lock, and the names in it.
+// The folder of a store: its permissions, its lock, and its file names.
 //
-// A folder that is made here is the owner's alone (0700); one that exists keeps its permissions, since it may
-// be somebody's choice. Every file is made with 0600, whatever the umask, before its first byte is written.
+// A folder that is created here is accessible to its owner only (0700). An existing one keeps its
+// permissions, which may be deliberate. Every file has mode 0600, whatever the umask, before its first byte
+// is written.
 #pragma once
 
 #include <filesystem>
@@ -17,21 +18,21 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// 1 to 64 of A-Z a-z 0-9 _ - : a name that is one file name on every system and can't leave the folder.
+// 1 to 64 of A-Z a-z 0-9 _ - : a valid file name on every system, and one that can't leave the folder.
 bool IsSafeDomainName(std::string_view domain);
 
-// The file of a domain. Its companions have this name and a suffix.
+// The file of a domain. Its companion files have this name and a suffix.
 std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::string_view domain);
 
-// Makes the folder if it isn't there. Throws StoreError.
+// Creates the folder if there is none. Throws StoreError.
 void PrepareStoreFolder(const std::filesystem::path& folder);
 
-// Opens a file without following links, making it with mode 0600 if `flags` have O_CREAT. Returns a
+// Opens a file without following links; with O_CREAT in `flags` creates it with mode 0600. Returns a
 // descriptor, or -1 with errno set.
 int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
 
-// Makes an empty file with mode 0600 if there is none, and takes group's and others' rights from one that is.
-// Returns whether the file is new. Throws StoreError.
+// Creates an empty file with mode 0600 if there is none, otherwise removes the rights of group and others.
+// Returns true if the file is new. Throws StoreError.
 bool PreparePrivateFile(const std::filesystem::path& file);
 
 // An advisory lock on a file. It ends with the object, and with the process however that ends.
@@ -46,13 +47,13 @@ class FileLock {
   FileLock& operator=(const FileLock&) = delete;
   ~FileLock();
 
-  // Takes the lock without waiting, and writes the process's number into the file for people. `*holder` gets
-  // what stands there if somebody else has the lock. Returns an object that holds nothing in that case.
-  // Throws StoreError if the file can't be made.
+  // Tries to lock, without waiting, and writes the process id to the file for people. If somebody else has
+  // the lock, `*holder` receives the file's content, and the result holds nothing. Throws StoreError if the
+  // file can't be created.
   static FileLock Try(const std::filesystem::path& file, Kind kind, std::string* holder);
 
-  // Takes the lock in another way, without waiting. Returns false, with the lock as it was before, if
-  // somebody else has it.
+  // Tries to change the kind of the lock, without waiting. If somebody else has it, returns false with the
+  // lock unchanged.
   bool Change(Kind kind);
 
   explicit operator bool() const { return descriptor_ >= 0; }

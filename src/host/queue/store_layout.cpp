@@ -11,7 +11,7 @@
 namespace veld_report::host {
 namespace {
 
-// Tells stores from other SQLite files: "vldq".
+// Distinguishes stores from other SQLite files: "vldq".
 constexpr std::int64_t applicationId = 0x766c6471;
 
 constexpr const char* ledgerColumns[] = {
@@ -57,10 +57,10 @@ void InTransaction(SqliteConnection& connection, const std::string& sql) {
   }
 }
 
-// Through SQLite, so that the log's content is in the copy and the locks on the file stay.
+// Copied through SQLite, so that the copy includes the log's content and the locks on the file remain.
 void KeepCopy(SqliteConnection& connection, const std::filesystem::path& file, std::int64_t version) {
   const auto copy = EarlierLayoutCopy(file, version);
-  std::filesystem::remove(copy);  // of an upgrade that was cut off
+  std::filesystem::remove(copy);  // left by an interrupted upgrade
   PreparePrivateFile(copy);
   std::string quoted;
   for (const char character : copy.string()) quoted.append(character == '\'' ? 2 : 1, character);

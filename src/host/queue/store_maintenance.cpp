@@ -9,7 +9,7 @@
 namespace veld_report::host {
 namespace {
 
-constexpr std::size_t mostFindings = 20;
+constexpr std::size_t maxFindings = 20;
 
 FileLock LockExistingFolder(const std::filesystem::path& folder) {
   if (!std::filesystem::is_directory(folder)) {
@@ -52,7 +52,7 @@ StoreCheck CheckOne(const std::filesystem::path& file, const std::string& domain
   check.fileBytes = SizeOnDisk(file);
   try {
     StoreFile store(file, {.inspectOnly = true});
-    SqliteStatement lines(store.Connection(), "PRAGMA integrity_check(" + std::to_string(mostFindings) + ")");
+    SqliteStatement lines(store.Connection(), "PRAGMA integrity_check(" + std::to_string(maxFindings) + ")");
     while (lines.Step()) {
       if (lines.Text(0) != "ok") check.findings.emplace_back(lines.Text(0));
     }

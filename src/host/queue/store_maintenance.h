@@ -1,6 +1,6 @@
-// What people do with the stores of a folder that no process uses: check them, salvage, compact.
+// Maintenance of the stores of a folder that no process is using: check, salvage, compact.
 //
-// All three lock the folder and throw StoreError if it is in use, or if it isn't there.
+// All three lock the folder and throw StoreError if it is in use or doesn't exist.
 #pragma once
 
 #include <cstdint>
@@ -30,19 +30,18 @@ struct StoreCompaction {
   std::uint64_t bytesAfter = 0;
 };
 
-// Reads every store whole and compares its figures with its items. Changes nothing, also where it finds
-// damage.
+// Reads every store whole and compares its figures with its items. Changes nothing, even if it finds damage.
 std::vector<StoreCheck> CheckStore(const std::filesystem::path& folder);
 
-// Replaces what is damaged, as opening does, and tries again to salvage the damaged files of earlier times
-// that haven't been salvaged yet.
+// Replaces what is damaged, as opening does, and tries again to salvage earlier damaged files that haven't
+// been salvaged yet.
 std::vector<SalvageReport> SalvageStore(const std::filesystem::path& folder,
                                         zel::Ref<zel::ITracer> tracer = {});
 
-// Writes every store anew without its free space. A damaged one is refused: salvage first.
+// Rewrites every store without its free space. Refuses a damaged one: salvage it first.
 std::vector<StoreCompaction> CompactStore(const std::filesystem::path& folder);
 
-// Locks a folder for one process, or for all that share it; the text says who has it. Throws StoreError.
+// Locks a folder for one process, or for all that share it. The error says who has it. Throws StoreError.
 FileLock LockStoreFolder(const std::filesystem::path& folder, FileLock::Kind kind);
 // The domains that have a file in the folder.
 std::vector<std::string> StoredDomains(const std::filesystem::path& folder);

@@ -10,7 +10,7 @@
 namespace veld_report::host {
 namespace {
 
-// How long processes that share a folder wait for each other's opening.
+// How long processes that share a folder wait for each other when opening.
 constexpr std::chrono::seconds openingTime{15};
 constexpr std::chrono::milliseconds openingStep{5};
 
@@ -18,7 +18,7 @@ StoreFile::Settings FileSettings(const QueueServiceOptions& options) {
   return {.syncEveryCommit = options.syncEveryCommit,
           .inspectOnly = options.inspectOnly,
           .vfs = options.vfs,
-          // Who brings a VFS along sees its calls on the threads of its own.
+          // A custom VFS is only called on its owner's threads.
           .logThread = !options.inspectOnly && options.vfs.empty()};
 }
 
@@ -26,7 +26,7 @@ void Say(const QueueServiceOptions& options, const std::string& line) {
   WriteTrace(options.tracer.Get(), failureLevel, "store\t" + line);
 }
 
-// Only one process at a time makes, upgrades or repairs a file.
+// Only one process at a time creates, upgrades or repairs a file.
 FileLock LockOpening(const std::filesystem::path& file) {
   const auto lockFile = file.parent_path() / "store.opening";
   const auto deadline = std::chrono::steady_clock::now() + openingTime;
@@ -44,7 +44,7 @@ FileLock LockOpening(const std::filesystem::path& file) {
 
 std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options, const std::filesystem::path& file,
                                        const CleanMarker& mark) {
-  // Before SQLite brings the log's content into the file.
+  // Before SQLite moves the log's content into the file.
   const bool check = options.checkAtOpen && !mark.Vouches();
   auto opened = std::make_unique<StoreFile>(file, FileSettings(options));
   if (check) opened->QuickCheck();
@@ -52,7 +52,7 @@ std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options, const
   return opened;
 }
 
-// A main file of no bytes would make SQLite throw its log away.
+// If the main file is empty, SQLite would discard its log.
 bool IsEmptyWithLog(const std::filesystem::path& file) {
   std::error_code error;
   const auto log = file.string() + "-wal";
@@ -60,7 +60,7 @@ bool IsEmptyWithLog(const std::filesystem::path& file) {
          std::filesystem::file_size(log, error) != 0;
 }
 
-// Nothing if the file is damaged: then `*damage` says how.
+// Returns nothing if the file is damaged; then `*damage` says how.
 std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std::filesystem::path& file,
                                    DiskReserve& reserve, const CleanMarker& mark, std::string* damage) {
   if (IsEmptyWithLog(file)) {
@@ -76,7 +76,7 @@ std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std
         *damage = error.what();
         return nullptr;
       }
-      // A read may go well the second time, and even opening needs some room.
+      // A second read may succeed, and even opening needs some room.
       if (error.IsNoRoom()) reserve.Release();
     }
   }
@@ -89,7 +89,7 @@ std::unique_ptr<StoreFile> Replace(const QueueServiceOptions& options, const std
   MoveStoreAside(file, nowMs);
   PreparePrivateFile(file);
   auto fresh = std::make_unique<StoreFile>(file, FileSettings(options));
-  // Above every token of the old store, also where that can't tell its last one.
+  // Above every token of the old store, even if that can't give its last one.
   fresh->RaiseTokens(static_cast<std::uint64_t>(nowMs));
   return fresh;
 }
@@ -106,7 +106,7 @@ std::unique_ptr<StoreFile> ReplaceAlone(const QueueServiceOptions& options, cons
   return replaced;
 }
 
-// Also what an earlier start couldn't salvage, for want of room for instance.
+// Including what an earlier start couldn't salvage, for lack of room for instance.
 void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesystem::path& file,
                          StoreFile& target) {
   for (const auto& damaged : DamagedFilesOf(file)) {

@@ -18,8 +18,8 @@
 namespace veld_report::host {
 namespace {
 
-// Bounds the search between the two scans; about a microsecond each.
-constexpr std::uint64_t mostLookups = 1'000'000;
+// Limits the lookups between the two scans. Each takes about a microsecond.
+constexpr std::uint64_t maxLookups = 1'000'000;
 constexpr const char* damagedInfix = ".damaged-";
 constexpr const char* salvagedSuffix = ".salvaged";
 constexpr std::size_t pageBytes = storePageBytes;
@@ -46,7 +46,7 @@ bool HasTables(const SqliteConnection& connection) {
   return connection.QueryInteger("SELECT count(*) FROM sqlite_schema WHERE name IN ('queues', 'items')") == 2;
 }
 
-// A copy of a file, with the first page of a new store in place of its own. Gone with the object.
+// A copy of a file with the first page of a new store in place of its own. Removed with the object.
 class CopyWithNewFirstPage {
  public:
   CopyWithNewFirstPage(const std::filesystem::path& source, const std::string& vfs)
@@ -116,7 +116,7 @@ class Salvage {
     ItemCount salvaged;
   };
 
-  // Runs a query on the source until its end or until it can't be read any more. Returns whether it ended.
+  // Runs a query on the source until it ends or fails. Returns true if it ended.
   bool ReadRows(const std::string& sql, std::uint64_t parameter,
                 const std::function<void(SqliteStatement&)>& onRow) {
     std::unique_ptr<SqliteStatement> rows;
@@ -127,7 +127,7 @@ class Salvage {
       return false;
     }
     while (true) {
-      // Only what the source does is forgiven here, not a failure of the target in onRow.
+      // Only failures of the source are caught here, not those of the target in onRow.
       try {
         if (!rows->Step()) return true;
       } catch (const SqliteError&) {
@@ -157,7 +157,7 @@ class Salvage {
     });
   }
 
-  // Names stand a second time in the index of the names.
+  // The names' index has all names a second time.
   void ReadNames() {
     if (figuresKnown_) return;
     ReadRows("SELECT id, name FROM queues INDEXED BY sqlite_autoindex_queues_1 WHERE name>='' AND id>=?1", 0,
@@ -174,7 +174,7 @@ class Salvage {
     if (ended) return;
     std::uint64_t high = std::max(highestToken_, low) + 1;
     ReadRows(columns + ">?1 ORDER BY token DESC", low, [&](SqliteStatement& row) { high = Restore(row); });
-    const std::uint64_t end = std::min(high, low + mostLookups);
+    const std::uint64_t end = std::min(high, low + maxLookups);
     for (std::uint64_t token = low + 1; token < end; ++token) {
       ReadRows(columns + "=?1", token, [&](SqliteStatement& row) { Restore(row); });
     }
@@ -248,7 +248,7 @@ std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int
   const std::string base = file.string() + damagedInfix + time;
   std::filesystem::path aside = base;
   for (int number = 2; std::filesystem::exists(aside); ++number) aside = base + "-" + std::to_string(number);
-  // The log first: a file without its log would look like an older, whole store.
+  // The log first: a file without its log would look like an older, intact store.
   for (const char* suffix : {"-wal", "-journal", ""}) {
     if (!std::filesystem::exists(With(file, suffix))) continue;
     std::error_code error;
@@ -267,7 +267,7 @@ std::vector<std::filesystem::path> DamagedFilesOf(const std::filesystem::path& f
   for (const auto& entry : std::filesystem::directory_iterator(file.parent_path())) {
     const std::string name = entry.path().filename().string();
     if (!name.starts_with(prefix)) continue;
-    // The names of logs and marks go on with lower-case letters.
+    // The names of logs and markers continue with lower-case letters.
     const bool isFile = name.find_first_not_of("0123456789TZ-", prefix.size()) == std::string::npos;
     if (isFile) files.push_back(entry.path());
   }

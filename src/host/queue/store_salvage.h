@@ -1,8 +1,8 @@
-// Reads what can be read out of a damaged store into a good one.
+// Copies what can be read of a damaged store to a good one.
 //
-// It goes through SQLite, so that the write-ahead log counts: from both ends of the items towards the damage,
-// and item by item in between. Where the first page is unreadable, a copy with the first page of a new store
-// is tried, as every store has its tables at the same places. The damaged file itself isn't changed.
+// It reads through SQLite, so that the write-ahead log counts: from both ends of the items towards the
+// damage, and item by item in between. If the first page is unreadable, it tries a copy with the first page
+// of a new store, as every store has its tables at the same places. The damaged file itself isn't changed.
 #pragma once
 
 #include <cstdint>
@@ -19,26 +19,27 @@ namespace veld_report::host {
 struct SalvageReport {
   std::filesystem::path source;
   ItemCount salvaged;
-  // What the source's figures say was waiting and couldn't be read; nothing if they can't be read either.
+  // What was waiting by the source's figures and couldn't be read; nothing if the figures can't be read
+  // either.
   std::optional<ItemCount> lost;
 };
 
-// Moves a store's file with its log aside, to NAME.damaged-TIME, and returns that name. `nowMs`: since 1970.
+// Moves a store's file and its log aside, to NAME.damaged-TIME, and returns that name. `nowMs`: since 1970.
 // Throws StoreError if it can't be moved.
 std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int64_t nowMs);
 
-// The files that were moved aside in place of `file`, oldest first.
+// The files that were moved aside from `file`, oldest first.
 std::vector<std::filesystem::path> DamagedFilesOf(const std::filesystem::path& file);
-// Deletes one of them, with its log and its mark. Throws std::filesystem::filesystem_error.
+// Deletes one of these, with its log and its marker. Throws std::filesystem::filesystem_error.
 void DeleteDamagedFile(const std::filesystem::path& damaged);
 
-// One transaction on `target`: on an exception (SqliteError, StoreError) nothing of it stands. Items keep
-// their tokens; figures are added to those of the target, where lost items count as removed and damaged.
-// A file beside the source marks it as salvaged.
+// One transaction on `target`: on an exception (SqliteError, StoreError) it is rolled back. Items keep their
+// tokens. Figures are added to those of the target, where lost items count as removed and damaged. A file
+// next to the source marks it as salvaged.
 SalvageReport SalvageInto(StoreFile& target, const std::filesystem::path& source, const std::string& vfs);
 bool IsSalvaged(const std::filesystem::path& source);
 
-// One sentence for people and traces.
+// One sentence, for people and traces.
 std::string Describe(const SalvageReport& report);
 
 }  // namespace veld_report::host

@@ -8,7 +8,7 @@
 namespace veld_report::host {
 namespace {
 
-constexpr int mostLogPages = 4 * logPages;
+constexpr int maxLogPages = 4 * logPages;
 constexpr unsigned long plentyOfBytes = 256UL << 20;
 
 }  // namespace
@@ -24,9 +24,9 @@ WalCheckpointer::~WalCheckpointer() {
 }
 
 bool WalCheckpointer::MustWriteBack(int pages) {
-  if (pages < pagesAtStart_) pagesAtStart_ = 0;  // the log has begun anew
-  if (pages < mostLogPages && pages - pagesAtStart_ < logPages) return false;
-  if (pages >= mostLogPages || !HasRoom() || !Start()) {
+  if (pages < pagesAtStart_) pagesAtStart_ = 0;  // the log has restarted
+  if (pages < maxLogPages && pages - pagesAtStart_ < logPages) return false;
+  if (pages >= maxLogPages || !HasRoom() || !Start()) {
     WaitUntilIdle();
     pagesAtStart_ = pages;
     return true;
@@ -46,7 +46,7 @@ bool WalCheckpointer::HasRoom() const {
   return statvfs(file_.parent_path().c_str(), &disk) == 0 && disk.f_bavail * disk.f_frsize >= plentyOfBytes;
 }
 
-// Returns false where there is no thread or connection to be had just now.
+// Returns false if no thread or connection is available now.
 bool WalCheckpointer::Start() noexcept {
   if (thread_.joinable()) return true;
   try {
@@ -74,7 +74,7 @@ void WalCheckpointer::Run() {
     try {
       connection_->Execute("PRAGMA wal_checkpoint(PASSIVE)");
     } catch (const std::exception&) {
-      // The log stays as it is, and its owner writes it back when it has grown enough.
+      // The log stays as it is, and its owner checkpoints it once it has grown enough.
     }
     lock.lock();
     asked_ = false;

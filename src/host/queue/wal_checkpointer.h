@@ -1,8 +1,9 @@
-// WalCheckpointer, the thread that writes a store's log back into its file while the store goes on.
+// WalCheckpointer: the thread that checkpoints a store's write-ahead log while the store is in use.
 //
-// SQLite does this in the commit that fills the log: two syncs, during which nobody pushes or reads. Here the
-// log may grow on meanwhile, up to four times its usual size; only a writer that outruns the disk waits. On a
-// disk with little room everything is as SQLite does it, so that the log stays small.
+// SQLite does this in the commit that fills the log. That takes two syncs, during which nobody can push or
+// read. Here the log may go on growing meanwhile, up to four times its usual size; only a writer that outruns
+// the disk waits. On a disk with little room the commit checkpoints as in SQLite, so that the log stays
+// small.
 #pragma once
 
 #include <condition_variable>
@@ -15,8 +16,8 @@
 
 namespace veld_report::host {
 
-// Its own connection and thread come into being when they are first needed. One thread at a time, the one
-// that uses the file's main connection; the object must go before that connection.
+// Creates its own connection and thread when they are first needed. Only for the thread that uses the file's
+// main connection, which must outlive the object.
 class WalCheckpointer {
  public:
   explicit WalCheckpointer(const std::filesystem::path& file) : file_(file) {}
@@ -24,10 +25,9 @@ class WalCheckpointer {
   WalCheckpointer& operator=(const WalCheckpointer&) = delete;
   ~WalCheckpointer();
 
-  // Told after each commit how many pages the log holds. Returns whether the caller must write it back
-  // itself.
+  // Called after each commit with the log's size in pages. Returns true if the caller must checkpoint itself.
   bool MustWriteBack(int pages);
-  // Returns when nobody is writing back, until the next MustWriteBack.
+  // Returns once no checkpoint is running, until the next MustWriteBack.
   void WaitUntilIdle();
 
  private:
@@ -36,10 +36,10 @@ class WalCheckpointer {
   void Run();
 
   const std::filesystem::path file_;
-  std::optional<SqliteConnection> connection_;  // the thread's
-  int pagesAtStart_ = 0;                        // of the last time that the thread was asked
+  std::optional<SqliteConnection> connection_;  // for the thread
+  int pagesAtStart_ = 0;                        // when the thread was last asked
 
-  std::mutex mutex_;  // guards the two below; never held while the log is written back
+  std::mutex mutex_;  // guards the two members below; never held during a checkpoint
   bool asked_ = false;
   bool stopping_ = false;
   std::condition_variable changed_;

@@ -1,4 +1,4 @@
-// CallGate: lets calls in until it is shut, and lets the one who shuts it wait for those inside.
+// CallGate lets calls in until it is shut; shutting it waits for the calls inside.
 #pragma once
 
 #include <atomic>
@@ -10,13 +10,14 @@ namespace veld_report {
 // Life: open -> shut. Threads: any.
 class CallGate {
  public:
-  // Held by a call as long as it is inside. False if the gate is shut.
+  // Held by a call while it is inside. False if the gate is shut.
   class Pass {
    public:
     explicit Pass(CallGate& gate) : mutex_(gate.inside_, std::defer_lock) {
       if (gate.IsShut()) return;
       mutex_.lock();
-      // It may have been shut meanwhile. Without the first test a steady stream of calls could keep Shut out.
+      // It may have been shut meanwhile. Without the first test a steady stream of calls could keep Shut
+      // waiting.
       if (gate.IsShut()) mutex_.unlock();
     }
     explicit operator bool() const { return mutex_.owns_lock(); }
@@ -25,9 +26,9 @@ class CallGate {
     std::shared_lock<std::shared_mutex> mutex_;
   };
 
-  // For calls that stay inside for long: they must leave soon once this is true.
+  // For calls that stay inside for a long time: they must leave soon once this is true.
   bool IsShut() const { return shut_.load(std::memory_order_acquire); }
-  // Returns when nobody is inside any more. Not from inside.
+  // Returns once no call is inside. Not to be called from inside.
   void Shut() {
     shut_.store(true, std::memory_order_release);
     const std::unique_lock waitsForAll(inside_);

@@ -1,4 +1,4 @@
-// From the reporter's options to those of the kit.
+// Turns the reporter's options into those of the kit.
 #pragma once
 
 #include "host/kit/host_kit_options.h"
@@ -6,7 +6,7 @@
 
 namespace veld_report {
 
-// Both throw std::invalid_argument for what the kit couldn't hold. The listener isn't looked at.
+// Both throw std::invalid_argument for values out of the kit's range. The listener is ignored.
 host::HostKitOptions KitOptionsOf(const ReporterOptions& options);
 host::KitSettings KitSettingsOf(const Settings& settings);
 

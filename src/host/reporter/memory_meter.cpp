@@ -4,7 +4,7 @@ namespace veld_report {
 
 bool MemoryMeter::HasRoom() {
   const std::lock_guard lock(mutex_);
-  // The kit is asked now and then only: the answer changes with each cycle, not with each record.
+  // The kit is only asked now and then: the answer changes with each cycle, not with each record.
   constexpr std::uint64_t questionEvery = 64;
   if (submitted_ % questionEvery == 0 || submitted_ - moved_ >= limit_) {
     Refresh();
@@ -27,7 +27,7 @@ std::uint64_t MemoryMeter::InMemory() {
 void MemoryMeter::Refresh() {
   if (kit_.Drains().LastDrained() > runsAtMark_) moved_ = mark_;
   const std::uint64_t runs = kit_.Timer().RunsStarted();
-  if (mark_ != moved_ && runs != runsAtMark_) return;  // a cycle is on its way to what the mark stands for
+  if (mark_ != moved_ && runs != runsAtMark_) return;  // a cycle is about to reach the mark
   mark_ = submitted_;
   runsAtMark_ = runs;
 }

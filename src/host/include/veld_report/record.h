@@ -1,4 +1,4 @@
-// VELD_RECORD: how a plain struct becomes a record that a reporter can send.
+// VELD_RECORD turns a plain struct into a record that a reporter can send.
 //
 //   struct AppStarted {
 //     std::string version;
@@ -7,16 +7,17 @@
 //   };
 //   VELD_RECORD(AppStarted, 0x5a17c0de, version, (startupMs, "startup_ms"), firstRun)
 //
-// The macro stands at namespace scope, in the struct's own namespace, behind the struct and behind the macros
-// of the structs that are its members. It builds the constant table of host/json/field_kinds.h at compile
-// time: nothing is registered, allocated or looked up at run time. The JSON object has a member for each
-// field that is named, in that order, under the field's name or the one given with it.
+// Put the macro at namespace scope, in the struct's own namespace, after the struct and after the macros of
+// the structs that are its members. It builds the constant table of host/json/field_kinds.h at compile time:
+// nothing is registered, allocated or looked up at run time. The JSON object has a member for each field that
+// is named, in that order, under the field's name or the name given with it.
 //
-// A field may be a bool; a number of any width but long double, or an enumeration, which goes as its number;
-// text (std::string, std::string_view and zel::string in UTF-8, std::u16string and zel::wstring); Json; a
-// record; a std::vector or zel::vector_t of these; or a std::optional of these, which is left out while it is
-// empty. Anything else stops the compiler with a sentence. Not for classes with private parts, bases or
-// virtual functions; use RecordBuilder (record_builder.h) for those, and for what is known at run time only.
+// A field may be a bool; a number of any width except long double, or an enumeration, which is sent as its
+// number; text (std::string, std::string_view and zel::string in UTF-8, std::u16string and zel::wstring in
+// UTF-16); Json; a record; a std::vector or zel::vector_t of these; or a std::optional of these, which is
+// left out if it is empty. Anything else is a compile error with a sentence. Not for classes with private
+// members, bases or virtual functions; for those, and for fields that are only known at run time, use
+// RecordBuilder (record_builder.h).
 #pragma once
 
 #include <concepts>
@@ -36,12 +37,12 @@
 
 namespace veld_report {
 
-// Text that is JSON already, exactly one value. It is checked when the record is sent.
+// Text that already is JSON, exactly one value. It is checked when the record is sent.
 struct Json {
   std::string text{};
 };
 
-// A struct with a VELD_RECORD.
+// A struct that has a VELD_RECORD.
 template <class T>
 concept DescribedRecord = requires(const T* record) {
   { VeldRecordDescriptor(record) } -> std::same_as<const zel::SerObjDescriptor*>;
@@ -61,7 +62,7 @@ inline constexpr bool isCharacter =
     std::same_as<T, char> || std::same_as<T, wchar_t> || std::same_as<T, char8_t> ||
     std::same_as<T, char16_t> || std::same_as<T, char32_t>;
 
-// The kind of a plain value; 0 for a type that is none.
+// The kind of a plain value; 0 for any other type.
 template <class T>
 consteval std::uint32_t PlainKind() {
   if constexpr (std::is_enum_v<T>) {
@@ -92,7 +93,7 @@ consteval std::uint32_t PlainKind() {
 template <class T>
 inline constexpr bool isElement = PlainKind<T>() != 0 || DescribedRecord<T>;
 
-// What a field holds: its element, and what holds the element.
+// What a field holds: its element, and its container.
 template <class T>
 struct Shape {
   using Element = T;
@@ -157,8 +158,8 @@ consteval zel::SerFieldDescriptor EndOfTable() {
 }  // namespace record_detail
 }  // namespace veld_report
 
-// `Type`: the struct's name. `serId`: a number of the application's choice for it, different for each of its
-// structs. Then the fields, up to 256, each as NAME or as (NAME, "member name").
+// `Type`: the struct's name. `serId`: a number that the application chooses, different for each of its
+// structs. Then up to 256 fields, each as NAME or as (NAME, "member name").
 #define VELD_RECORD(Type, serId, ...)                                                                        \
   [[maybe_unused]] inline consteval std::uint32_t VeldRecordSerId(const Type*) { return (serId); }           \
   [[maybe_unused]] inline const ::zel::SerObjDescriptor* VeldRecordDescriptor(const Type*) {                 \
@@ -179,14 +180,15 @@ consteval zel::SerFieldDescriptor EndOfTable() {
 #define VELD_RECORD_RENAMED_PAIR(Type, ...) VELD_RECORD_ROW(Type, __VA_ARGS__)
 #define VELD_RECORD_UNWRAP(...) __VA_ARGS__
 
-// Whether an argument begins with a parenthesis: the probe then becomes two arguments, the second of them 1.
+// Tests whether an argument starts with a parenthesis: the probe then becomes two arguments, the second of
+// them 1.
 #define VELD_RECORD_PROBE(...) ~, VELD_RECORD_RENAMED,
 #define VELD_RECORD_SECOND(first, second, ...) second
 #define VELD_RECORD_CHOOSE(...) VELD_RECORD_SECOND(__VA_ARGS__)
 #define VELD_RECORD_FIELD(Type, item) \
   VELD_RECORD_CHOOSE(VELD_RECORD_PROBE item, VELD_RECORD_NAMED, ~)(Type, item)
 
-// A macro can't call itself, but what it leaves behind can be scanned again: 256 times here.
+// A macro can't call itself, but its result can be rescanned: 256 times here.
 #define VELD_RECORD_EACH(Type, item, ...) \
   VELD_RECORD_FIELD(Type, item) __VA_OPT__(VELD_RECORD_AGAIN VELD_RECORD_PARENTHESES(Type, __VA_ARGS__))
 #define VELD_RECORD_AGAIN() VELD_RECORD_EACH

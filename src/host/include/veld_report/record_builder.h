@@ -1,9 +1,9 @@
-// RecordBuilder, a record whose fields are known at run time only.
+// RecordBuilder: a record whose fields are only known at run time.
 //
 //   reporter.Send(veld_report::RecordBuilder().Add("event", "click").Add("count", 3));
 //
-// It differs from a described struct (record.h) in that it costs memory and forgets the types. It is a
-// writer, not a document: what was added can't be read or changed.
+// It differs from a described struct (record.h) in that it costs memory and doesn't keep the types. It only
+// writes: what was added can't be read or changed.
 #pragma once
 
 #include <concepts>
@@ -17,15 +17,15 @@
 
 namespace veld_report {
 
-// Belongs to one thread at a time; may be copied and used again. Every Add appends a member and throws
-// std::bad_alloc; the names aren't checked for repetition. Text is UTF-8, with U+FFFD in place of what isn't.
+// For one thread at a time; may be copied and reused. Every Add appends a member and throws std::bad_alloc.
+// Names aren't checked for duplicates. Text is UTF-8; invalid sequences become U+FFFD.
 class RecordBuilder {
  public:
   RecordBuilder& Add(std::string_view name, std::string_view value);
   RecordBuilder& Add(std::string_view name, const std::string& value) {
     return Add(name, std::string_view(value));
   }
-  // A null pointer adds null.
+  // Adds null for a null pointer.
   RecordBuilder& Add(std::string_view name, const char* value);
   RecordBuilder& Add(std::string_view name, bool value);
   template <std::signed_integral T>
@@ -36,10 +36,10 @@ class RecordBuilder {
   RecordBuilder& Add(std::string_view name, T value) {
     return AddUnsigned(name, value);
   }
-  // Null if the value isn't finite.
+  // Adds null if the value isn't finite.
   RecordBuilder& Add(std::string_view name, double value);
   RecordBuilder& Add(std::string_view name, std::nullptr_t);
-  // The inner record as it is at this moment.
+  // Adds the inner record as it is now.
   RecordBuilder& Add(std::string_view name, const RecordBuilder& inner);
   // Checked when the record is sent.
   RecordBuilder& Add(std::string_view name, const Json& value);
@@ -50,13 +50,13 @@ class RecordBuilder {
       RecordBuilder one;
       one.Add({}, static_cast<const T&>(value));
       if (!elements.empty()) elements.push_back(',');
-      // The value stands behind the empty name and the colon; an empty optional has left nothing.
+      // The value follows the empty name and the colon; for an empty optional there is nothing.
       elements.append(one.members_.empty() ? std::string_view("null")
                                            : std::string_view(one.members_).substr(3));
     }
     return AddText(name, '[' + elements + ']');
   }
-  // An empty one adds nothing.
+  // An empty optional adds nothing.
   template <class T>
   RecordBuilder& Add(std::string_view name, const std::optional<T>& value) {
     if (value.has_value()) Add(name, value.value());
