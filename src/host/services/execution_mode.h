@@ -1,7 +1,8 @@
-// ExecutionMode, the switch that holds sending back: on battery, on a metered line, during a demonstration.
+// ExecutionMode: a switch that holds back sending, on battery, on a metered connection or during a
+// demonstration.
 //
-// Records are still taken and stored while it is off, and the sender asks again after its send timeout. It
-// doesn't end a cycle that is already running, and it is no substitute for closing the sender.
+// While it is off, records are still accepted and stored, and the sender asks again after its send timeout.
+// It doesn't end a running cycle, and it doesn't replace closing the sender.
 #pragma once
 
 #include <atomic>
@@ -14,7 +15,7 @@ namespace veld_report::host {
 // Threads: any.
 class ExecutionMode final : public HostObject<orvel::IExecutionModeProvider> {
  public:
-  // Sending is allowed from the start on.
+  // Sending is allowed at first.
   void AllowBackground(bool allowed) { allowed_.store(allowed, std::memory_order_relaxed); }
   bool BackgroundAllowed() const { return allowed_.load(std::memory_order_relaxed); }
 

@@ -1,4 +1,4 @@
-// One request that has ended, in terms of the standard library.
+// A completed request, in terms of the standard library.
 #pragma once
 
 #include <string>
@@ -8,9 +8,9 @@
 namespace veld_report::host {
 
 struct FinishedRequest {
-  std::string url;  // UTF-8, as the settings gave it
-  // 0: answered 200 and its items are gone from the queue. 0x80000071 "Invalid result": another status. Any
-  // other code: no answer. In the last two cases the items stay in their queue.
+  std::string url;  // UTF-8, as in the settings
+  // 0: answered with 200, and its items are gone from the queue. 0x80000071 "Invalid result": another status.
+  // Any other code: no answer. In the last two cases the items stay in their queue.
   zel::ResultCode result = zel::sOk;
 };
 

@@ -1,4 +1,4 @@
-// FunctionNotification, which hands each finished request to a function of the application.
+// FunctionNotification passes each completed request to a function of the application.
 #pragma once
 
 #include <functional>
@@ -9,13 +9,13 @@
 
 namespace veld_report::host {
 
-// The function runs on a thread of the HTTP client, possibly after the sender is gone, and may run on several
-// threads at once. It should return soon: the sender waits for it. What it throws is dropped.
+// The function runs on a thread of the HTTP client, possibly after the sender is gone, and on several threads
+// at once. It should return soon, since the sender waits for it. Its exceptions are dropped.
 class FunctionNotification final : public HostObject<orvel::IRequestsNotification> {
  public:
   using Function = std::function<void(const FinishedRequest&)>;
 
-  // An empty function is allowed.
+  // `function` may be empty.
   explicit FunctionNotification(Function function);
 
   zel::ResultCode OnRequestFinished(const orvel::RequestNotification* notification) override;

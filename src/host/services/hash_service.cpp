@@ -11,8 +11,8 @@ struct FreeContext {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-// One calculation: Update any number of times, then Finish once; afterwards both answer 0x8000006a "Invalid
-// state". Belongs to one thread.
+// One calculation: Update any number of times, then Finish once. After that both return 0x8000006a "Invalid
+// state". For one thread.
 class HashCalculator final : public HostObject<crypto::hash::IHashCalculator> {
  public:
   bool Begin() { return context_ && EVP_DigestInit_ex(context_.get(), EVP_md5(), nullptr) == 1; }

@@ -7,7 +7,7 @@
 namespace veld_report::host {
 namespace {
 
-// Stands in front of each block and keeps the alignment of what follows.
+// Precedes each block and keeps the alignment of what follows.
 struct alignas(std::max_align_t) BlockHeader {
   std::uint64_t size;
 };

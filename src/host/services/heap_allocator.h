@@ -1,7 +1,7 @@
-// HeapAllocator, the process heap as a service of the host, with an account of what is out.
+// HeapAllocator: the process heap as a service of the host, with a count of live blocks.
 //
-// It differs from malloc in the account alone: a test or a support engineer can see that nothing of the
-// module is left. Its blocks carry a word of their own, so they go back through Free and not through free().
+// It only differs from malloc in the count, by which a test or a support engineer can see that nothing of the
+// module is left. Its blocks have a header, so they must be freed with Free and not with free().
 #pragma once
 
 #include <atomic>
@@ -12,17 +12,17 @@
 
 namespace veld_report::host {
 
-// Threads: any. Must outlive no block: each block's owner holds a reference on the allocator.
+// Threads: any. Whoever owns a block holds a reference to the allocator.
 class HeapAllocator final : public HostObject<zel::IAllocator> {
  public:
-  // `size` bytes aligned for any type, or null. A size of 0 gives a block too.
+  // Returns `size` bytes aligned for any type, or null. A size of 0 also gives a block.
   void* Allocate(std::uint64_t size) override;
-  // Answers 0x80000043 "Not implemented".
+  // Returns 0x80000043 "Not implemented".
   zel::ResultCode ReservedAllocatorOperation() override { return zel::eNotImplemented; }
-  // Null is allowed and does nothing.
+  // Does nothing for null.
   void Free(void* memory) override;
 
-  // What is out, by the sizes that were asked for. Snapshots: the two may differ by a call in progress.
+  // Live blocks, by their requested sizes. These are snapshots: the two may differ by a call in progress.
   std::uint64_t LiveBytes() const { return liveBytes_.load(std::memory_order_relaxed); }
   std::uint64_t LiveBlocks() const { return liveBlocks_.load(std::memory_order_relaxed); }
 

@@ -15,10 +15,10 @@
 namespace veld_report::host {
 namespace {
 
-constexpr std::uint64_t pooledBytes = 1024;  // a buffer of exactly this size is kept for the next line
+constexpr std::uint64_t pooledBytes = 1024;  // buffers of exactly this size are reused
 constexpr std::size_t poolLimit = 16;
 
-// Stands in front of each buffer.
+// Precedes each buffer.
 struct BufferHeader {
   std::uint64_t capacity;
   std::uint64_t level;
@@ -109,7 +109,7 @@ zel::ResultCode LineTracer::CommitBuffer(char* buffer, std::uint64_t length) {
   if (!buffer) return zel::eInvalidArgument;
   const BufferHeader header = *HeaderOf(buffer);
   const zel::ResultCode result = Guarded([&] {
-    // A length above the capacity can only be a mistake of the writer's; the bytes behind aren't ours.
+    // A length above the capacity is a mistake of the writer; the bytes after the buffer aren't ours.
     WriteLine(static_cast<std::uint32_t>(header.level), {buffer, std::min(length, header.capacity)});
     return zel::sOk;
   });
@@ -134,7 +134,7 @@ void LineTracer::WriteLine(std::uint32_t level, std::string_view text) {
   line_.clear();
   AppendTime(line_);
   line_.append(" ").append(std::to_string(level)).append(" ");
-  // The module traces urls as the settings give them, with user and password.
+  // The module traces urls as they are in the settings, with user and password.
   if (text.find('@') == std::string_view::npos) {
     AppendPrintable(line_, text);
   } else {

@@ -1,8 +1,8 @@
-// LoadedModule, the module's shared library in this process.
+// LoadedModule: the module's shared library in this process.
 //
-// It is loaded at run time and never linked, so a host builds without it. It goes only after it has answered
-// that none of its objects is alive; the duty of having no thread inside its code stays with the host, which
-// therefore stops its timer and its HTTP client first.
+// It is loaded at run time and never linked, so a host builds without it. It is only unloaded once it has
+// reported that none of its objects is alive. The host must also make sure that no thread is inside its code,
+// so it stops its timer and its HTTP client first.
 #pragma once
 
 #include <string>
@@ -12,16 +12,16 @@
 
 namespace veld_report::host {
 
-// Life: loaded -> unloaded (TryUnload answered true) or left in the process.
-// Threads: any, but TryUnload and the destructor alone.
+// Life: loaded -> unloaded (TryUnload returned true) or left in the process.
+// Threads: any, but not during TryUnload or the destructor.
 class LoadedModule {
  public:
-  // `path`: of the library file; one without a slash is looked for as the system's loader does. Throws
-  // std::runtime_error with the loader's reason, or the name of the function that the file lacks.
+  // `path` is the library's file; without a slash the system's loader looks for it. Throws std::runtime_error
+  // with the loader's reason, or with the name of the function that the file lacks.
   explicit LoadedModule(const std::string& path);
   LoadedModule(const LoadedModule&) = delete;
   LoadedModule& operator=(const LoadedModule&) = delete;
-  // Unloads if it can; else the library stays in the process for good, which is safe.
+  // Unloads if possible; otherwise the library stays in the process for good, which is safe.
   ~LoadedModule();
 
   // A factory of the sender's class. `locator` may be null. Throws std::runtime_error with the code.
@@ -29,7 +29,7 @@ class LoadedModule {
 
   // True while no object of the module is alive.
   bool CanUnload() const;
-  // Unloads if no object is alive. Returns whether the library is gone.
+  // Unloads if no object is alive. Returns true if the library is gone.
   bool TryUnload();
 
  private:

@@ -14,7 +14,7 @@ void ServiceLocator::Store(zel::InterfaceId interfaceId, zel::Ref<zel::IObject> 
     std::swap(found->second, entry);
     entries_.erase(found);
   }
-  // `entry` is older than the guard: what it holds is released outside the lock.
+  // `entry` is declared before the guard, so what it holds is released outside the lock.
 }
 
 void ServiceLocator::Clear() {

@@ -1,7 +1,7 @@
-// ServiceLocator, the directory through which the module finds the host's services.
+// ServiceLocator: the directory through which the module finds the host's services.
 //
-// It is a table from interface id to one shared object; it makes nothing on demand. The module looks services
-// up by nothing else, so what isn't registered here doesn't exist for it.
+// It is a table from interface id to one shared object; it makes nothing on demand. The module looks up
+// services nowhere else, so a service that isn't registered here doesn't exist for it.
 #pragma once
 
 #include <map>
@@ -12,24 +12,24 @@
 
 namespace veld_report::host {
 
-// Life: filled -> in use -> cleared. Services may be registered and taken out at any time, but a sender looks
-// most of them up only while it is made and constructed.
+// Life: filled -> in use -> cleared. Services may be registered and removed at any time, but a sender only
+// looks up most of them while it is created and constructed.
 // Threads: any.
 class ServiceLocator final : public HostObject<zel::IServiceLocator> {
  public:
-  // Offers the service under the interface's own id, in place of an earlier one. Takes a reference; a null
-  // `service` takes the entry out. Throws std::bad_alloc.
+  // Registers the service under the interface's own id and replaces an earlier one. Takes a reference. A null
+  // `service` removes the entry. Throws std::bad_alloc.
   template <class I>
   void Register(zel::Ref<I> service) {
     I* const exact = service.Get();
     Store(I::iid, zel::Ref<zel::IObject>(std::move(service)), exact);
   }
 
-  // Releases all services. Breaks the ring if one of them holds the locator.
+  // Releases all services. Breaks the reference cycle if one of them holds the locator.
   void Clear();
 
-  // Answers the pointer that was registered, cast to exactly that interface, with a new reference.
-  // 0x80000001 "Interface not supported" for an id that isn't in the table. `reserved` isn't looked at.
+  // Returns the registered pointer, cast to exactly that interface, with a new reference. 0x80000001
+  // "Interface not supported" for an id that isn't in the table. `reserved` is ignored.
   zel::ResultCode GetInterface(zel::InterfaceId interfaceId, std::uint32_t reserved, void** out) override;
 
  private:

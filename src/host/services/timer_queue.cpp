@@ -42,7 +42,7 @@ void TimerQueue::RunFirst(std::unique_lock<std::mutex>& lock) {
   lock.unlock();
   const bool succeeded = RunGuarded(sink);
   lock.lock();
-  // From here on a canceller may return and the sink be gone.
+  // From here on a canceller may return and the sink may be gone.
   running_ = nullptr;
   runsFinished_ = runsStarted_;
   if (!succeeded) ++failedRuns_;
@@ -80,13 +80,13 @@ void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, b
   if (place == order_.begin()) changed_.notify_all();
 }
 
-// Without memory of its own: a sink that is armed stays so.
+// Needs no memory, so an armed sink stays armed.
 void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool soon) {
   auto node = order_.extract(pending->second);
   pending->second.due = due;
   pending->second.soon = soon;
   node.value() = pending->second;
-  // First the insertion, then the question: in one expression the compiler may ask for begin() before it.
+  // Insertion and comparison are separate: in one expression the compiler might call begin() first.
   const auto place = order_.insert(std::move(node)).position;
   if (place == order_.begin()) changed_.notify_all();
 }
@@ -111,7 +111,7 @@ zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
     Insert(sink, delay, soon);
     return zel::sOk;
   }
-  // Every submission comes here: a delay that is no shorter needs no look at the clock.
+  // Every submission gets here. If the delay is no shorter, the clock needn't be read.
   if (delay >= found->second.delay) return zel::sOk;
   const Clock::TimePoint due = clock_->Now() + delay;
   if (due < found->second.due) Move(found, due, soon);
@@ -128,7 +128,7 @@ void TimerQueue::Cancel(zel::IRunnable* sink) {
   Remove(sink);
   // A Run that cancels its own sink can't wait for itself.
   if (running_ != sink || loopThread_ == std::this_thread::get_id()) return;
-  // Without this mark a Run that arms itself again could begin anew before the waiter wakes.
+  // Without this mark a Run that arms itself again could start again before the waiter wakes.
   runningCancelled_ = true;
   const std::uint64_t run = runsStarted_;
   finished_.wait(lock, [&] { return runsFinished_ >= run; });

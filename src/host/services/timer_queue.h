@@ -1,7 +1,7 @@
-// TimerQueue, the pending firings of a timer service and the loop that runs them.
+// TimerQueue: the pending calls of a timer service and the loop that makes them.
 //
-// It is apart from the service so that it can outlive it: the thread in Loop owns the queue too, and the
-// service's last Release may come from a Run on that very thread.
+// It is separate from the service so that it can outlive it. The thread in Loop shares ownership of the
+// queue, since the service's last Release may come from a Run on that thread.
 #pragma once
 
 #include <condition_variable>
@@ -22,7 +22,7 @@
 namespace veld_report::host {
 
 // Life: made -> looping (one thread in Loop) -> stopped (by Stop). Operations on a stopped queue arm nothing.
-// Threads: any, for all but Loop. The operations are those of TimerService, which describes them.
+// Threads: any, except for Loop. The operations are those of TimerService and are described there.
 class TimerQueue final : private IClockListener {
  public:
   TimerQueue(std::shared_ptr<Clock> clock, zel::Ref<zel::ITracer> tracer);
@@ -30,7 +30,7 @@ class TimerQueue final : private IClockListener {
   TimerQueue& operator=(const TimerQueue&) = delete;
   ~TimerQueue();
 
-  // Runs what is due until Stop; then a Run in progress has ended.
+  // Runs what is due until Stop, and finishes a Run in progress.
   void Loop();
   void Stop();
 
@@ -48,10 +48,10 @@ class TimerQueue final : private IClockListener {
  private:
   struct Firing {
     Clock::TimePoint due;
-    std::uint64_t sequence;  // of two due at once, the one armed first runs first
+    std::uint64_t sequence;  // if two are due at once, the one armed first runs first
     zel::IRunnable* sink;
     bool soon = false;
-    std::chrono::milliseconds delay{0};  // with which it was armed; it may have been brought forward since
+    std::chrono::milliseconds delay{0};  // the delay given at arming; it may have been moved up since
     friend bool operator<(const Firing& left, const Firing& right) {
       return std::tie(left.due, left.sequence) < std::tie(right.due, right.sequence);
     }
@@ -67,22 +67,22 @@ class TimerQueue final : private IClockListener {
   const std::shared_ptr<Clock> clock_;
   const zel::Ref<zel::ITracer> tracer_;
 
-  // Guards all below; never held across a call of a sink, of the tracer or of AddListener.
+  // Guards the members below. Never held across a call of a sink, of the tracer or of AddListener.
   mutable std::mutex mutex_;
-  std::condition_variable changed_;   // for Loop: the first firing may be another one
+  std::condition_variable changed_;   // for Loop: the first pending call may have changed
   std::condition_variable finished_;  // for waiters: a Run has ended
   std::set<Firing> order_;
   std::map<zel::IRunnable*, Firing> pending_;
   std::thread::id loopThread_;
   zel::IRunnable* running_ = nullptr;
-  bool runningCancelled_ = false;  // a Cancel waits for the Run in progress, so its sink can't be armed
+  bool runningCancelled_ = false;  // a Cancel waits for this Run, so its sink can't be armed
   std::uint64_t sequence_ = 0;
   std::uint64_t runsStarted_ = 0;
   std::uint64_t runsFinished_ = 0;
   std::uint64_t failedRuns_ = 0;
-  // Of the sink that RunSoon was last called for; only compared.
+  // The sink of the last RunSoon; only used for comparison.
   const zel::IRunnable* soonSink_ = nullptr;
-  std::optional<std::chrono::milliseconds> soonDelay_;  // the longest delay of its next arming
+  std::optional<std::chrono::milliseconds> soonDelay_;  // the maximum delay of its next arming
   std::uint32_t soonInARow_ = 0;
   bool stopped_ = false;
 };

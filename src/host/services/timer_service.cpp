@@ -41,8 +41,8 @@ zel::ResultCode TimerService::CancelTimer(zel::IRunnable* sink) {
 }
 
 std::size_t TimerService::FireNow() { return queue_->FireNow(); }
-bool TimerService::RunSoon(std::uint32_t delayMs, std::uint32_t mostInARow) {
-  return queue_->RunSoon(delayMs, mostInARow);
+bool TimerService::RunSoon(std::uint32_t delayMs, std::uint32_t maxInARow) {
+  return queue_->RunSoon(delayMs, maxInARow);
 }
 bool TimerService::IsArmed() const { return queue_->IsArmed(); }
 std::uint64_t TimerService::RunsStarted() const { return queue_->RunsStarted(); }

@@ -61,7 +61,7 @@ void TraceFile::Rotate() {
     ::close(descriptor_);
     descriptor_ = fresh;
   }
-  // Where the old file couldn't be moved, losing it is better than filling the disk.
+  // If the old file couldn't be moved, losing it is better than filling the disk.
   if (!moved || fresh < 0) (void)!::ftruncate(descriptor_, 0);
   sizeBytes_ = SizeOf(descriptor_);
 }

@@ -1,7 +1,8 @@
-// TraceFile, a file of lines that never outgrows its limit.
+// TraceFile: a file of lines with a size limit.
 //
-// At the limit the file is renamed to NAME.1, in place of an older one, and a new one begun, so the two
-// together hold at most twice the limit. Not for data: a line that can't be written is dropped and counted.
+// At the limit the file is renamed to NAME.1, replacing an older one, and a new one is started, so that the
+// two together never exceed twice the limit. Not for data: a line that can't be written is dropped and
+// counted.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +14,15 @@ namespace veld_report::host {
 // Life: open -> closed with the object. Threads: one at a time.
 class TraceFile {
  public:
-  // Opens for appending, readable by the owner alone, and makes the file if need be. An empty `path` means
-  // stderr, which has no limit. Throws std::runtime_error, naming the path and the reason.
+  // Opens the file for appending, or creates it, accessible to its owner only. An empty `path` means stderr,
+  // which has no limit. Throws std::runtime_error with the path and the reason.
   TraceFile(std::string path, std::uint64_t limitBytes);
   TraceFile(const TraceFile&) = delete;
   TraceFile& operator=(const TraceFile&) = delete;
   ~TraceFile();
 
-  // `line` ends with its line end and goes out in one write, so lines of several processes don't mix either.
-  // Returns false if it couldn't be written whole.
+  // `line` includes its line end and is written in one call, so that lines of several processes don't mix
+  // either. Returns false if it couldn't be written whole.
   bool Write(std::string_view line);
 
  private:
