@@ -90,7 +90,7 @@ class Run {
     position_ = static_cast<std::uint64_t>(target);
     std::uint64_t found = 77;
     Require(stream_->Seek(origin, offset, in_.OneIn(3) ? nullptr : &found) == zel::sOk, "Seek fails");
-    Require(found == 77 || found == position_, "Seek tells another position");
+    Require(found == 77 || found == position_, "Seek reports another position");
     // A Write that far out would really take that much memory.
     if (position_ <= maxBytes || position_ > std::uint64_t{1} << 62) return;
     position_ = 0;
