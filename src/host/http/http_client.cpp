@@ -105,6 +105,7 @@ class Factory final : public HostObject<HttpClientFactory> {
     });
   }
   void AnnounceUrls(std::vector<std::string> urls) override { shared_->Announce(std::move(urls)); }
+  void AllowRequests(bool allowed) override { shared_->gate.Allow(allowed); }
   std::vector<HttpClientState> States() const override { return shared_->backoff.States(); }
   std::uint64_t StatesVersion() const override { return shared_->backoff.Version(); }
 

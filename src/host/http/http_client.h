@@ -102,6 +102,10 @@ class HttpClientFactory : public network_services::IHttpClientFactory {
   // call, or with another number of rows, it accepts only empty rows. Hold a lock of your own over this call
   // and the Construct or SetSettings that follows.
   virtual void AnnounceUrls(std::vector<std::string> urls) = 0;
+  // With false every request of its clients ends as cancelled, those in flight and those still to come, until
+  // this is called with true. From its return on no byte of a request leaves. Waits for no server and no
+  // completion. Throws nothing.
+  virtual void AllowRequests(bool allowed) = 0;
   // A row for each url that has had a request, sorted.
   virtual std::vector<HttpClientState> States() const = 0;
   // Another number than before whenever States would tell something new, but for waits that have run out.

@@ -42,9 +42,16 @@ HttpEngine::HttpEngine(std::shared_ptr<HttpShared> shared)
     curl_multi_cleanup(multi_);
     throw std::runtime_error("the HTTP client's thread can't be woken; are there file descriptors left?");
   }
+  try {
+    shared_->gate.Add(this);
+  } catch (...) {
+    curl_multi_cleanup(multi_);
+    throw;
+  }
 }
 
 HttpEngine::~HttpEngine() {
+  shared_->gate.Remove(this);
   if (multi_) curl_multi_cleanup(multi_);
 }
 
@@ -55,12 +62,7 @@ void HttpEngine::Loop() {
     for (const zel::Ref<HttpRequest>& request : incoming) Start(request);
     incoming.clear();
     EndCancelled();
-    int running = 0;
-    const bool failed = curl_multi_perform(multi, &running) != CURLM_OK;
-    EndDone();
-    // Out of memory, most likely. The library goes on with what it had half built, and may divide by the zero
-    // in it (7.88 does so for a table of sockets), so what is in flight has to end here.
-    if (failed) EndAll(LocalFailure(zel::eOutOfMemory));
+    Perform(multi);
     if (curl_multi_poll(multi, nullptr, 0, longestPollMs, nullptr) != CURLM_OK) {
       // Out of memory, most likely: go on, but not in a busy loop.
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -74,6 +76,22 @@ void HttpEngine::Loop() {
     multi_ = nullptr;
   }
   curl_multi_cleanup(multi);
+}
+
+void HttpEngine::Perform(CURLM* multi) {
+  bool failed = false;
+  bool allowed = false;
+  {
+    const RequestGate::Pass pass(shared_->gate);
+    allowed = static_cast<bool>(pass);
+    int running = 0;
+    if (allowed) failed = curl_multi_perform(multi, &running) != CURLM_OK;
+  }
+  EndDone();
+  if (!allowed) EndAll(LocalFailure(zel::eOperationCancelled));
+  // Out of memory, most likely. The library goes on with what it had half built, and may divide by the zero
+  // in it (7.88 does so for a table of sockets), so what is in flight has to end here.
+  if (failed) EndAll(LocalFailure(zel::eOutOfMemory));
 }
 
 bool HttpEngine::TakeIncoming(std::vector<zel::Ref<HttpRequest>>* incoming) {

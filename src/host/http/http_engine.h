@@ -44,6 +44,7 @@ class HttpEngine {
   // Returns false once stopped. Hands the accepted requests over in either case.
   bool TakeIncoming(std::vector<zel::Ref<HttpRequest>>* incoming);
   void Start(const zel::Ref<HttpRequest>& request);
+  void Perform(CURLM* multi);
   void StartTransfer(const zel::Ref<HttpRequest>& request, Clock::TimePoint startedAt);
   void EndCancelled();
   void EndDone();

@@ -10,6 +10,7 @@
 #include "host/http/backoff.h"
 #include "host/http/http_client.h"
 #include "host/http/proxy.h"
+#include "host/http/request_gate.h"
 
 namespace veld_report::host {
 
@@ -35,6 +36,7 @@ class HttpShared {
   const HttpClientOptions options;
   const ProxySettings proxy;
   Backoff backoff;
+  RequestGate gate;
 
  private:
   std::mutex mutex_;  // guards the one below

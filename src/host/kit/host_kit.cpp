@@ -107,7 +107,7 @@ void HostKit::RegisterServices(const HostKitOptions& options) {
   locator.Register<crypto::hash::IHashCalculatorFactory>(MakeObject<HashService>());
   const zel::Ref<orvel::IQueueFactory> queues(queues_);
   locator.Register<orvel::IQueueFactory>(options.wrapQueues ? options.wrapQueues(queues) : queues);
-  locator.Register<network_services::IHttpClientFactory>(MakeObject<StoppableHttpFactory>(http_, httpStop_));
+  locator.Register<network_services::IHttpClientFactory>(http_);
   locator.Register<zel::ITimerService>(timer_);
   locator.Register<orvel::IExecutionModeProvider>(drains_);
   locator.Register<zel::IJsonStorageFactory>(CreateJsonStorageFactory());
@@ -160,6 +160,19 @@ void HostKit::BeginCycle() {
   timer_->FireNow();
 }
 
+void HostKit::AllowSending(bool allowed) noexcept {
+  // The gate of the walk alone would let the rest of a queue go out, and so would that of the requests let
+  // walks begin for nothing.
+  mode_->AllowBackground(allowed);
+  http_->AllowRequests(allowed);
+  if (!allowed) return;
+  try {
+    BeginCycle();
+  } catch (...) {
+    // No memory for a trigger: the sender asks again by itself after its send timeout.
+  }
+}
+
 void HostKit::SetSettings(const KitSettings& settings) {
   const BuiltSettings built(settings);
   const std::lock_guard lock(settingsMutex_);
@@ -173,7 +186,7 @@ bool HostKit::Close() {
   // The sender's last Release ends a cycle in progress and writes what is in memory into the queues. Behind
   // it nobody arms the timer, and the HTTP client, which went with the sender, has ended its requests; once
   // the timer's thread has ended too, no thread is left in the module's code.
-  httpStop_->Stop();
+  if (http_) http_->AllowRequests(false);
   senderSettings_.Reset();
   sender_.Reset();
   backoff_->SetTimer(nullptr);

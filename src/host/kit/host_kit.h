@@ -14,7 +14,6 @@
 #include "contract/sender.h"
 #include "host/kit/drain_watch.h"
 #include "host/kit/host_kit_options.h"
-#include "host/kit/stoppable_http.h"
 #include "host/kit/submission_watch.h"
 #include "host/kit/url_states.h"
 #include "host/queue/queue_service.h"
@@ -56,6 +55,12 @@ class HostKit {
   // send. A cycle that is just beginning may swallow it, so who has to rely on it says it again.
   void BeginCycle();
 
+  // With false no request starts any more from the return on, and one in flight ends as cancelled; records
+  // are still taken and stored. With true a cycle begins at once. Calls must not overlap. Sending is allowed
+  // from the start on.
+  void AllowSending(bool allowed) noexcept;
+  bool IsSendingAllowed() const { return mode_->BackgroundAllowed(); }
+
   // Replaces the settings as one step; the next cycle works by them, and queues of urls that are no longer
   // there are removed with their items then. Throws std::invalid_argument or std::runtime_error, with nothing
   // changed.
@@ -84,7 +89,6 @@ class HostKit {
   const std::shared_ptr<UrlStateFile> urlStates_;  // shared with what hears of finished requests
   const std::shared_ptr<BackoffRelay> backoff_;    // shared with the HTTP clients
   zel::Ref<HttpClientFactory> http_;
-  const std::shared_ptr<HttpStop> httpStop_ = std::make_shared<HttpStop>();
   zel::Ref<TimerService> timer_;
   zel::Ref<ExecutionMode> mode_;
   zel::Ref<DrainWatch> drains_;

@@ -14,14 +14,16 @@ constexpr milliseconds longestPause{5000};
 
 }  // namespace
 
-bool Flusher::Flush(const std::function<TimePoint()>& end) {
+bool Flusher::FlushUnless(const std::function<bool()>& isPointless, const std::function<TimePoint()>& end) {
   const std::uint64_t before = kit_.Timer().RunsStarted();
   if (!FlushToStore(end)) return false;
   const std::uint64_t mark = kit_.Queues().LastToken();
+  if (isPointless()) return IsBehind(mark);
   // The cycle that has just moved the records goes on to send them.
   if (!WaitForRun(before, end)) return IsBehind(mark);
   milliseconds pause = firstPause;
   while (!IsBehind(mark)) {
+    if (isPointless()) return false;
     const TimePoint next = steady_clock::now() + pause;
     WaitForRun(kit_.Timer().RunsStarted(), [&] { return std::min(end(), next); });
     if (IsBehind(mark)) break;

@@ -24,7 +24,12 @@ class Flusher {
 
   // Returns whether it came about before `end()`, which is asked again at least 20 times a second, so that it
   // may change. Throws what the store throws.
-  bool Flush(const std::function<TimePoint()>& end);
+  bool Flush(const std::function<TimePoint()>& end) {
+    return FlushUnless([] { return false; }, end);
+  }
+  // The same, but returns early if `isPointless()`, which is asked once everything is in the store and again
+  // before each further cycle.
+  bool FlushUnless(const std::function<bool()>& isPointless, const std::function<TimePoint()>& end);
   // As Flush, but content when everything is in the store's file.
   bool FlushToStore(const std::function<TimePoint()>& end);
   // Moves everything from memory into the store by a cycle that begins now, without a commit, and doesn't

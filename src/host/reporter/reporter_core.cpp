@@ -77,7 +77,7 @@ Reporter::Core::Core(ReporterOptions options)
       slot->Call(request);
     };
     kit_ = std::make_unique<host::HostKit>(kitOptions);
-    kit_->Mode().AllowBackground(options.sendingAllowed);
+    if (!options.sendingAllowed) ChangeConsent(&Core::sendingAllowed_, false);
     flusher_ = std::make_unique<Flusher>(*kit_);
     memory_ = std::make_unique<MemoryMeter>(*kit_, options.memoryLimitRecords);
     AdoptSettings(SettingsOf(options));
@@ -152,9 +152,14 @@ bool Reporter::Core::Close(milliseconds deadline) noexcept {
 void Reporter::Core::CloseOnce() noexcept {
   gate_.Shut();
   try {
-    flushedAtClose_ = flusher_->Flush([this] { return closeBy_.load(); });
+    flushedAtClose_ = flusher_->FlushUnless([this] { return !kit_->IsSendingAllowed(); },
+                                            [this] { return closeBy_.load(); });
   } catch (...) {
     // A store that can't be asked: what became of the records is unknown, so the answer stays no.
+  }
+  {
+    const std::lock_guard lock(consentMutex_);
+    sendingEnded_ = true;
   }
   kit_->Close();
 }
@@ -185,11 +190,24 @@ Settings Reporter::Core::CurrentSettings() const {
   return settings_;
 }
 
-void Reporter::Core::AllowSending(bool allowed) noexcept {
-  const CallGate::Pass pass(gate_);
-  if (!pass) return;
-  kit_->Mode().AllowBackground(allowed);
-  if (allowed) kit_->Timer().FireNow();
+// Holds sending back for as long as it lives.
+class Reporter::Core::Forgetting {
+ public:
+  explicit Forgetting(Core& core) : core_(core) { core_.ChangeConsent(&Core::forgetting_, true); }
+  Forgetting(const Forgetting&) = delete;
+  Forgetting& operator=(const Forgetting&) = delete;
+  ~Forgetting() { core_.ChangeConsent(&Core::forgetting_, false); }
+
+ private:
+  Core& core_;
+};
+
+void Reporter::Core::AllowSending(bool allowed) noexcept { ChangeConsent(&Core::sendingAllowed_, allowed); }
+
+void Reporter::Core::ChangeConsent(bool Core::*part, bool value) noexcept {
+  const std::lock_guard lock(consentMutex_);
+  this->*part = value;
+  if (!sendingEnded_) kit_->AllowSending(sendingAllowed_ && !forgetting_);
 }
 
 Statistics Reporter::Core::Stats() {
@@ -224,14 +242,15 @@ void Reporter::Core::Forget() {
   Translated([&] {
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
+    const std::lock_guard lock(forgetMutex_);
     // What is in memory has to go into the store first, to be removed with the rest, and must not be sent.
-    const bool allowed = kit_->Mode().BackgroundAllowed();
-    kit_->Mode().AllowBackground(false);
+    const Forgetting nothingIsSent(*this);
     const TimePoint end = After(std::chrono::seconds(20));
-    const bool drained = flusher_->Drain([&] { return gate_.IsShut() ? TimePoint::min() : end; });
-    if (drained) kit_->Queues().Forget();
-    kit_->Mode().AllowBackground(allowed);
-    if (!drained) throw ReporterError(zel::eOperationTimeout, "forget: a send cycle doesn't end; try again");
+    if (!flusher_->Drain([&] { return gate_.IsShut() ? TimePoint::min() : end; })) {
+      if (gate_.IsShut()) ThrowClosed();
+      throw ReporterError(zel::eOperationTimeout, "forget: a send cycle doesn't end; try again");
+    }
+    kit_->Queues().Forget();
   });
 }
 

@@ -50,11 +50,14 @@ class Reporter::Core {
 
  private:
   using TimePoint = Flusher::TimePoint;
+  class Forgetting;
 
   // A phrase of what is wrong, or an empty text.
   std::string CheckConsumer(std::string_view consumer) const;
   void AdoptSettings(const Settings& settings);
   void CloseOnce() noexcept;
+  // Changes a part of what decides whether may be sent, and gives the sum of it to the kit.
+  void ChangeConsent(bool Core::*part, bool value) noexcept;
   using FlushForm = bool (Flusher::*)(const std::function<TimePoint()>& end);
   bool FlushBy(FlushForm form, std::chrono::milliseconds deadline) noexcept;
 
@@ -70,6 +73,13 @@ class Reporter::Core {
 
   std::mutex
       changeMutex_;  // held across a change of the settings, so that they change in one order everywhere
+
+  mutable std::mutex consentMutex_;  // guards the three below; held while the kit is given their sum
+  bool sendingAllowed_ = true;       // what the application said last
+  bool forgetting_ = false;
+  bool sendingEnded_ = false;  // by CloseOnce; the kit isn't there for consent any more
+  std::mutex forgetMutex_;     // held across a Forget
+
   // Created by the constructor, gone with the object; closed by CloseOnce.
   std::unique_ptr<host::HostKit> kit_;
   std::unique_ptr<Flusher> flusher_;

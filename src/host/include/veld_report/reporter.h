@@ -178,12 +178,14 @@ class Reporter {
 
   // Replaces the listener. A call of the former one may still be running on return. Throws std::bad_alloc.
   void SetListener(Listener listener);
-  // With false records are still taken and stored, but no cycle sends any more.
+  // With false no request starts any more from the return on, also while Close or Forget runs, and one in
+  // flight is cut; records are still taken and stored. What is said last holds.
   void AllowSending(bool allowed) noexcept;
   // Throws ReporterError if the store can't be read, or the reporter is closed.
   Statistics Stats();
   // Removes everything that waits, in memory and in the store, and leaves nothing of it readable on the disk.
-  // Throws ReporterError.
+  // Nothing is sent meanwhile; afterwards AllowSending's last word holds, also if this throws. Two calls at
+  // once go one after the other. Throws ReporterError.
   void Forget();
 
  private:
