@@ -29,8 +29,8 @@ std::size_t PaddingOf(std::string_view text) {
 }
 
 std::string BadCharacter(std::string_view text, std::size_t position) {
-  return "has " + Printable(text.substr(position, 1)) +
-         ", which isn't of the standard alphabet, at character " + std::to_string(position + 1);
+  return "has " + Printable(text.substr(position, 1)) + " at character " + std::to_string(position + 1) +
+         ", which isn't in the standard alphabet";
 }
 
 }  // namespace
@@ -55,10 +55,10 @@ std::string DecodeBase64(std::string_view text, std::string* bytes) {
   }
   if (text.size() % 4 != 0) {
     return "has " + std::to_string(text.size()) +
-           " characters, which isn't a multiple of 4: it is cut or not padded";
+           " characters, which isn't a multiple of 4: it is truncated or not padded";
   }
   // The leftover bits of the last group must be zero, or two texts would stand for the same bytes.
-  if (window != 0) return "ends in bits that stand for no byte, at character " + std::to_string(characters);
+  if (window != 0) return "ends in bits that encode no byte, at character " + std::to_string(characters);
   *bytes = std::move(result);
   return {};
 }

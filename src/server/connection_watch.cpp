@@ -22,7 +22,7 @@ ConnectionWatch::Connection* ConnectionWatch::Opened(int socket) {
   const Lock lock(mutex_);
   Connection& opened = connections_.emplace_back(Connection{socket, std::chrono::steady_clock::now()});
   ++uncut_;
-  if (uncut_ > limits_.connections) CutLongest(&opened, false, "there are too many connections");
+  if (uncut_ > limits_.connections) CutLongest(&opened, false, "too many connections");
   return &opened;
 }
 
@@ -47,7 +47,7 @@ bool ConnectionWatch::Hold(Connection* connection, std::size_t bodyBytes) {
   uncutBodyBytes_ += more;
   connection->bodyBytes += more;
   while (uncutBodyBytes_ > limits_.bodyBytes / 4 * 3) {
-    if (!CutLongest(connection, true, "there is too much in bodies that don't end")) break;
+    if (!CutLongest(connection, true, "too much memory is in unfinished bodies")) break;
   }
   return true;
 }
@@ -74,7 +74,7 @@ void ConnectionWatch::CutOverdue() {
   while (!ending_.wait_for(lock, step, [this] { return ended_; })) {
     const auto latest = std::chrono::steady_clock::now() - limits_.requestTime;
     for (Connection& each : connections_) {
-      if (each.since < latest && !each.arrived && !each.cut) Cut(each, "its request takes too long");
+      if (each.since < latest && !each.arrived && !each.cut) Cut(each, "its request took too long");
     }
   }
 }
@@ -94,7 +94,7 @@ void ConnectionWatch::Cut(Connection& connection, const char* why) {
   --uncut_;
   uncutBodyBytes_ -= connection.bodyBytes;
   shutdown(connection.socket, SHUT_RDWR);
-  if (log_) log_(std::string("a connection is cut: ") + why);
+  if (log_) log_(std::string("connection closed: ") + why);
 }
 
 }  // namespace veld_report::server

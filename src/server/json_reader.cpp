@@ -112,7 +112,7 @@ class Scanner {
         String();
         const std::string_view key = text_.substr(begin, position_ - begin);
         SkipBlanks();
-        if (!Take(':')) FailHere("\":\" behind a member's name");
+        if (!Take(':')) FailHere("\":\" after a member's name");
         SkipBlanks();
         const std::string_view value = Value();
         if (members) {
@@ -121,7 +121,7 @@ class Scanner {
         }
         SkipBlanks();
       } while (Take(','));
-      if (!Take('}')) FailHere("\",\" or \"}\" behind a member");
+      if (!Take('}')) FailHere("\",\" or \"}\" after a member");
     }
     ++depthLeft_;
   }
@@ -135,7 +135,7 @@ class Scanner {
         if (onElement) (*onElement)(element);
         SkipBlanks();
       } while (Take(','));
-      if (!Take(']')) FailHere("\",\" or \"]\" behind an element");
+      if (!Take(']')) FailHere("\",\" or \"]\" after an element");
     }
     ++depthLeft_;
   }
@@ -144,7 +144,7 @@ class Scanner {
     ++position_;
     while (!Take('"')) {
       if (AtEnd()) Fail("a string isn't closed");
-      if (static_cast<unsigned char>(Peek()) < 0x20) Fail("a control character stands in a string");
+      if (static_cast<unsigned char>(Peek()) < 0x20) Fail("a string contains a control character");
       if (Take('\\')) {
         Escape();
       } else {
@@ -156,13 +156,13 @@ class Scanner {
   void Escape() {
     if (Take('u')) {
       for (int i = 0; i < 4; ++i) {
-        if (!IsHexDigit(Peek())) FailHere("four hexadecimal digits behind \"\\u\"");
+        if (!IsHexDigit(Peek())) FailHere("four hexadecimal digits after \"\\u\"");
         ++position_;
       }
       return;
     }
     if (AtEnd() || std::string_view("\"\\/bfnrt").find(Peek()) == std::string_view::npos) {
-      FailHere("an escape that JSON knows");
+      FailHere("a valid escape");
     }
     ++position_;
   }

@@ -22,7 +22,7 @@ AddressList LookUp(const std::string& address, std::uint16_t port) {
   hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
   addrinfo* list = nullptr;
   const int code = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &list);
-  if (code != 0) throw std::runtime_error(address + ": isn't an address to listen on: " + gai_strerror(code));
+  if (code != 0) throw std::runtime_error(address + ": not an address to listen on: " + gai_strerror(code));
   return AddressList(list, &freeaddrinfo);
 }
 

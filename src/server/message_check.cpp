@@ -46,7 +46,7 @@ void RefuseOthers(const std::vector<JsonMember>& members, std::string_view first
                   const std::string& owner) {
   for (const JsonMember& member : members) {
     if (member.key == first || member.key == second) continue;
-    throw Refusal(owner + " has a member that the format doesn't know: " + Printable(member.key));
+    throw Refusal(owner + " has an unknown member: " + Printable(member.key));
   }
 }
 
@@ -54,7 +54,7 @@ std::string DecodeMember(std::string_view value, const std::string& name) {
   const std::string text = Reading(name, [&] { return ReadJsonString(value); });
   std::string bytes;
   const std::string problem = DecodeBase64(text, &bytes);
-  if (!problem.empty()) throw Refusal(name + " isn't base-64: it " + problem);
+  if (!problem.empty()) throw Refusal(name + " isn't valid base-64: it " + problem);
   return bytes;
 }
 
@@ -124,7 +124,7 @@ void Check(std::string_view body, const SignatureVerifier& verifier, MessageCont
   ReadItems(content);
   if (!verifier) return;
   const std::string problem = verifier(content->payloadText, content->signatureBlock);
-  if (!problem.empty()) throw Refusal("the signature doesn't pass: " + problem);
+  if (!problem.empty()) throw Refusal("the signature isn't accepted: " + problem);
   content->signatureChecked = true;
 }
 

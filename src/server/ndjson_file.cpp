@@ -48,11 +48,11 @@ void NdjsonFile::Open() {
   file_ = open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
   if (file_ < 0) Fail("can't be opened: " + Reason());
   struct stat status {};
-  if (fstat(file_, &status) != 0) Fail("can't be looked at: " + Reason());
-  if (!S_ISREG(status.st_mode)) Fail("isn't a regular file, so nothing in it could be synced");
+  if (fstat(file_, &status) != 0) Fail("can't be examined: " + Reason());
+  if (!S_ISREG(status.st_mode)) Fail("isn't a regular file, so it can't be synced");
   if (flock(file_, LOCK_EX | LOCK_NB) != 0)
-    Fail("is being written by another process; give each server its own");
-  if (fstat(file_, &status) != 0) Fail("can't be looked at: " + Reason());
+    Fail("is being written by another process; give each server a file of its own");
+  if (fstat(file_, &status) != 0) Fail("can't be examined: " + Reason());
   size_ = static_cast<std::uint64_t>(status.st_size);
   SyncFolder();
 }
@@ -88,7 +88,7 @@ void NdjsonFile::RepairTail() {
   tornBytes_ = size_ - whole;
   if (tornBytes_ == 0) return;
   if (ftruncate(file_, static_cast<off_t>(whole)) != 0 || fdatasync(file_) != 0) {
-    Fail("its torn last line can't be cut off: " + Reason());
+    Fail("its incomplete last line can't be removed: " + Reason());
   }
   size_ = whole;
 }
@@ -125,7 +125,7 @@ void NdjsonFile::Append(std::string_view lines) {
 
 std::string NdjsonFile::Write(const std::string& lines) {
   if (broken_)
-    return "holds a piece of a line that can't be cut off; restart the server when the disk is well";
+    return "ends in an incomplete line that can't be removed; restart the server when the disk works again";
   if (!WriteAll(file_, lines)) return CutBack("can't be written: " + Reason());
   // After a failed sync nobody knows which bytes are safe, so the whole batch goes.
   if (fdatasync(file_) != 0) return CutBack("can't be synced: " + Reason());

@@ -131,7 +131,7 @@ class ReportServer::Impl {
       if (!server->watch_.Arrived(request->connection)) return MHD_NO;
       return Queue(connection, server->Finish(connection, *request));
     } catch (const std::exception& error) {
-      server->Log(std::string("a request ends without an answer: ") + error.what());
+      server->Log(std::string("a request ended without an answer: ") + error.what());
       return MHD_NO;
     }
   }
@@ -175,7 +175,7 @@ class ReportServer::Impl {
     MHD_Result result = MHD_YES;
     if (method != MHD_HTTP_METHOD_POST) {
       request->answered = true;
-      result = Queue(connection, Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is taken here"));
+      result = Queue(connection, Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is accepted"));
     } else if (over && (waits || declared / drainFactor > options_.bodyLimitBytes)) {
       request->answered = true;
       result = Queue(connection, TooLarge());
@@ -212,13 +212,16 @@ class ReportServer::Impl {
 
   Answer Finish(MHD_Connection* connection, const Request& request) {
     if (request.received > options_.bodyLimitBytes) return TooLarge();
-    if (request.noRoom) return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many bodies are arriving at once");
+    if (request.noRoom)
+      return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many bodies are arriving at once; try again later");
     const std::string wrongType = ContentTypeProblem(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE));
     if (!wrongType.empty()) return Refuse(MHD_HTTP_BAD_REQUEST, wrongType);
     const MessageContent content = CheckMessage(request.body, options_.verifier);
     if (!content.problem.empty()) return Refuse(MHD_HTTP_BAD_REQUEST, content.problem);
     if (options_.status != MHD_HTTP_OK)
-      return {options_.status, "a good message, and nothing stored: a trial"};
+      return {options_.status,
+              "the message is valid; nothing was stored, because the server is set to answer " +
+                  std::to_string(options_.status)};
     try {
       file_.Append(content.itemLines);
     } catch (const std::runtime_error& error) {

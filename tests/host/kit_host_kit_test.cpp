@@ -228,7 +228,7 @@ TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
        "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
       {[](auto& o) { o.settings.endpoints[0].url = "http://\xff"; }, "not valid UTF-8 at byte 7"},
       {[](auto& o) { o.settings.endpoints[0].consumer = "veld_report.trigger"; },
-       "the kit uses this consumer name"},
+       "this consumer name is reserved"},
       {[](auto& o) { o.settings.endpoints[0].certificates = {"no certificate"}; }, "endpoint 1"},
       {[](auto& o) { o.settings.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
       {[](auto& o) { o.settings.sendTimeoutS = 4294968; }, "it must be 0 to 4294967"},

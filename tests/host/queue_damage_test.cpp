@@ -222,7 +222,7 @@ TEST_F(QueueDamageTest, DamageWhileOpenFailsOperationsAndIsRepairedAtTheNextOpen
 TEST_F(QueueDamageTest, ACheckFindsFiguresThatDontFit) {
   MakeStore();
   Database().Execute("DELETE FROM items WHERE token % 2 = 0; INSERT INTO items VALUES(9999, 77, 0, x'00')");
-  EXPECT_THAT(Findings(), ElementsAre(HasSubstr("queue q should hold 590 items and holds 295"),
+  EXPECT_THAT(Findings(), ElementsAre(HasSubstr("queue q should hold 590 items but holds 295"),
                                       "1 items belong to no queue"));
 }
 
@@ -243,7 +243,7 @@ TEST_F(QueueDamageTest, FiguresOfItemsThatArentThereAreCorrected) {
     }
     EXPECT_FALSE(ReadOne(*Reader("q")));
     EXPECT_EQ(Ledger().waiting, host::ItemCount{});
-    EXPECT_THAT(tracer->TakeLines(), ElementsAre(HasSubstr("that aren't there")));
+    EXPECT_THAT(tracer->TakeLines(), ElementsAre(HasSubstr("that don't exist")));
     Push("q", "fits again");
     EXPECT_THAT(Waiting("q"), ElementsAre("fits again"));
     service->ClearQueue("q");

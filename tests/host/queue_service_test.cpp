@@ -86,7 +86,7 @@ TEST_F(QueueServiceTest, RefusalsToOpenSayWhatToDo) {
   Open();
   const auto producer = Producer("q");
   service.Reset();
-  EXPECT_THAT(OpenError(), HasSubstr("in use by process " + std::to_string(getpid()) + ": end that process"))
+  EXPECT_THAT(OpenError(), HasSubstr("in use by process " + std::to_string(getpid()) + "; end that process"))
       << "a producer keeps the folder locked";
   options.folder = "/proc/no such place/store";
   EXPECT_THAT(OpenError(), HasSubstr("choose another one"));

@@ -68,12 +68,12 @@ TEST(Signature, VerifierRefusesEveryDamage) {
     std::string block;
     const char* reason;
   } cases[] = {
-      {payload + " ", block, "the signature doesn't fit the payload"},
-      {payload, BlockOf(Ed25519Key::Generate(), payload), "the signature is made with another key"},
+      {payload + " ", block, "the signature doesn't match the payload"},
+      {payload, BlockOf(Ed25519Key::Generate(), payload), "the signature was made with another key"},
       {payload, noneHeader, "the message isn't signed"},
       {payload, "", "the message isn't signed"},
       {payload, noHeader + signature, "the header of the signature isn't a JSON object with \"alg\""},
-      {payload, noneHeader + signature, "the signature isn't made with EdDSA"},
+      {payload, noneHeader + signature, "the signature's algorithm isn't EdDSA"},
   };
   for (const auto& each : cases) EXPECT_EQ(verifier.Check(each.payload, each.block), each.reason);
 }

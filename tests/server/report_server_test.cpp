@@ -173,7 +173,7 @@ TEST_F(ReportServerTest, StartFailuresSayWhatIsWrong) {
   options.port = first.Port();
   EXPECT_THAT(reason(options), HasSubstr("can't listen there"));
   options.address = "no such address";
-  EXPECT_THAT(reason(options), HasSubstr("isn't an address to listen on"));
+  EXPECT_THAT(reason(options), HasSubstr("not an address to listen on"));
   options = Options();
   options.outPath = folder_ / "none/out.ndjson";
   EXPECT_THAT(reason(options), HasSubstr("can't be opened"));

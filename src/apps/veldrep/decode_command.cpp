@@ -44,9 +44,9 @@ void PrintSignature(const server::MessageContent& content, bool withKey) {
   Print("  header: " + server::WithoutControls(content.signatureHeader));
   Print("  signature: " + (content.signature.empty() ? "none" : Hexadecimal(content.signature)));
   if (content.signatureChecked) {
-    Print("  check: it is the key's signature over this payload");
+    Print("  check: valid for this key and this payload");
   } else {
-    Print(withKey ? "  check: doesn't pass" : "  check: no key given");
+    Print(withKey ? "  check: failed" : "  check: no key given");
   }
 }
 
@@ -67,13 +67,15 @@ int Decode(const DecodeOptions& options) {
 
 Command MakeDecodeCommand(CLI::App& program) {
   CLI::App* const command = program.add_subcommand(
-      "decode", "Shows a captured message body layer by layer, as far as it is sound.");
+      "decode", "Shows a captured message body layer by layer, as far as it is valid.");
   const auto options = std::make_shared<DecodeOptions>();
   command->add_option("--key", options->key, "public key (PEM) to check the signature with")
       ->type_name("FILE");
-  command->add_option("FILE", options->file, "the body; - for stdin")->type_name("")->capture_default_str();
+  command->add_option("FILE", options->file, "file with the body; - for standard input")
+      ->type_name("")
+      ->capture_default_str();
   command->footer(
-      "It ends with exit code 1 and a sentence on stderr when a layer is broken.\n"
+      "If a layer is invalid, it says why on standard error and exits with 1.\n"
       "Example: veldrep decode --key product.pub.pem body.json");
   return {command, [options] { return Decode(*options); }};
 }

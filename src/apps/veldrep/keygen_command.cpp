@@ -11,10 +11,10 @@ Command MakeKeygenCommand(CLI::App& program) {
   CLI::App* const command =
       program.add_subcommand("keygen", "Makes an Ed25519 key pair: PREFIX.key.pem and PREFIX.pub.pem.");
   const auto prefix = std::make_shared<std::string>();
-  command->add_option("PREFIX", *prefix, "path and beginning of the names of the two files")->required();
+  command->add_option("PREFIX", *prefix, "path and first part of the names of both files")->required();
   command->footer(
-      "The private key is for send --sign and stays with its owner; the public one is for serve --key.\n"
-      "Files that exist are never overwritten.\n"
+      "Sign with the private key (send --sign) and keep it secret. Check with the public key (serve --key).\n"
+      "Existing files are never overwritten.\n"
       "Example: veldrep keygen keys/product");
   return {command, [prefix] {
             const host::KeyFiles files = host::GenerateEd25519KeyPair(*prefix);

@@ -31,13 +31,12 @@ int Explain(const CLI::App& program, const CLI::ParseError& error) {
 }
 
 int Main(int argumentCount, char** arguments) {
-  CLI::App program{
-      "Sends records to report servers, receives them, and looks into what waits and what travels."};
+  CLI::App program{"Sends records to report servers, receives them, and inspects stores and messages."};
   program.name("veldrep");
   program.require_subcommand(1);
   program.footer(
-      "Each command explains itself: veldrep send --help\n"
-      "Exit codes: 0 done, 1 failed, 2 wrong command line, 3 done but lines were refused.");
+      "veldrep COMMAND --help shows the options of a command.\n"
+      "Exit codes: 0 done, 1 failed, 2 wrong command line, 3 done, but lines were refused.");
   const std::vector<Command> commands = {MakeServeCommand(program),  MakeSendCommand(program),
                                          MakeQueuesCommand(program), MakeStoreCommand(program),
                                          MakeDecodeCommand(program), MakeKeygenCommand(program)};

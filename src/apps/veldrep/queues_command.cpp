@@ -80,7 +80,7 @@ std::string WhyItWaits(const host::UrlState& state) {
   std::string why = state.http.lastError;
   if (why.empty() && state.http.lastStatus != 0) why = "last answer " + std::to_string(state.http.lastStatus);
   const std::int64_t waitsMs = WaitsMs(state);
-  if (waitsMs != 0) why = "held back for " + Duration(waitsMs) + (why.empty() ? "" : ": " + why);
+  if (waitsMs != 0) why = "backing off for " + Duration(waitsMs) + (why.empty() ? "" : ": " + why);
   return why.empty() ? "-" : why;
 }
 
@@ -108,7 +108,7 @@ int List(const QueuesOptions& options) {
     PrintJson(listed);
     return exitOk;
   }
-  std::printf("%-32s %10s %14s %10s  %s\n", "QUEUE", "ITEMS", "BYTES", "OLDEST", "URL AND HOW SENDING GOES");
+  std::printf("%-32s %10s %14s %10s  %s\n", "QUEUE", "ITEMS", "BYTES", "OLDEST", "URL AND STATE");
   for (const auto& [queue, state] : listed) {
     const std::string url = state.queueName.empty() ? "-" : state.http.url + "  " + WhyItWaits(state);
     std::printf("%-32s %10lld %14lld %10s  %s\n", server::WithoutControls(queue.name).c_str(),
@@ -151,13 +151,14 @@ int ClearAll(const QueuesOptions& options) {
 
 int Clear(const QueuesOptions& options) {
   if (options.all != options.queue.empty()) {
-    throw WrongCommandLine("queues clear: give either a url or a queue's name, or --all");
+    throw WrongCommandLine("queues clear: give a url, a queue's name or --all");
   }
   if (options.all) return ClearAll(options);
   const auto service = OpenStore(options, false);
   const host::QueueInfo queue = Find(*service, options.queue);
   service->ClearQueue(queue.name);
-  if (!service->Commit()) throw Failure(options.store, "the removal can't be written");
+  if (!service->Commit())
+    throw Failure(options.store, "the removal can't be written; make room on the disk and try again");
   PrintRemoved(options, {queue.items, queue.bytes});
   return exitOk;
 }
@@ -169,22 +170,21 @@ CLI::App* AddPart(CLI::App* command, const std::string& name, const char* descri
 }
 
 CLI::Option* AddQueue(CLI::App* part, QueuesOptions* options) {
-  return part->add_option("QUEUE", options->queue, "the url that the queue is for, or the queue's name")
-      ->type_name("URL|NAME");
+  return part->add_option("QUEUE", options->queue, "url of the queue, or its name")->type_name("URL|NAME");
 }
 
 void AddList(CLI::App* command) {
-  CLI::App* const part = AddPart(
-      command, "list",
-      "each queue with its items, bytes, the age of the oldest, its url and why it waits (the default)");
+  CLI::App* const part =
+      AddPart(command, "list",
+              "lists each queue: items, bytes, age of the oldest item, url and why it waits (default)");
   part->footer("Example: veldrep queues --store /var/lib/app/telemetry list --json");
 }
 
 const CLI::App* AddPeek(CLI::App* command, QueuesOptions* options) {
   CLI::App* const part =
-      AddPart(command, "peek", "the oldest items of a queue, one a line; nothing is removed");
+      AddPart(command, "peek", "shows the oldest items of a queue, one per line; removes nothing");
   AddQueue(part, options)->required();
-  part->add_option("-n", options->count, "how many")
+  part->add_option("-n", options->count, "number of items")
       ->type_name("N")
       ->check(CLI::Range(1, 1000000))
       ->capture_default_str();
@@ -194,10 +194,10 @@ const CLI::App* AddPeek(CLI::App* command, QueuesOptions* options) {
 }
 
 const CLI::App* AddClear(CLI::App* command, QueuesOptions* options) {
-  CLI::App* const part = AddPart(command, "clear", "removes a queue and all its items for good");
+  CLI::App* const part = AddPart(command, "clear", "permanently removes a queue and its items");
   AddQueue(part, options);
   part->add_flag("--all", options->all,
-                 "removes every queue and leaves nothing of any item behind, damaged stores included");
+                 "every queue and every trace of its items, including damaged stores that were set aside");
   part->footer("Example: veldrep queues --store /var/lib/app/telemetry clear https://stats.example.com/v1");
   return part;
 }
@@ -205,16 +205,17 @@ const CLI::App* AddClear(CLI::App* command, QueuesOptions* options) {
 }  // namespace
 
 Command MakeQueuesCommand(CLI::App& program) {
-  CLI::App* const command = program.add_subcommand("queues", "Shows what waits in a store, and clears it.");
+  CLI::App* const command =
+      program.add_subcommand("queues", "Lists, shows and clears the queues of a store.");
   const auto options = std::make_shared<QueuesOptions>();
   command->add_option("--store", options->store, "folder of the store")->type_name("DIR")->required();
-  command->add_flag("--json", options->json, "for scripts: JSON with exact numbers");
+  command->add_flag("--json", options->json, "print JSON with exact numbers, for scripts");
   command->require_subcommand(0, 1);
   AddList(command);
   const CLI::App* const peek = AddPeek(command, options.get());
   const CLI::App* const clear = AddClear(command, options.get());
   command->footer(
-      "list and peek may be used beside a running sender; clear needs the store for itself.\n"
+      "list and peek also work while a sender runs; clear needs exclusive use of the store.\n"
       "Example: veldrep queues --store /var/lib/app/telemetry\n"
       "         veldrep queues --store /var/lib/app/telemetry peek https://stats.example.com/v1 -n 3");
   return {command, [options, peek, clear] {

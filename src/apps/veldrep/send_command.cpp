@@ -11,7 +11,7 @@ namespace {
 void CheckSense(const SendOptions& options) {
   for (const std::string& url : options.urls) {
     if (url.starts_with("http://") || url.starts_with("https://")) continue;
-    throw WrongCommandLine("--url " + url + ": expected http:// or https://");
+    throw WrongCommandLine("--url " + url + ": must begin with http:// or https://");
   }
   if (!options.consumers.empty() && options.consumers.size() != options.urls.size()) {
     throw WrongCommandLine("--consumer: give none, or one for each --url, in the same order");
@@ -19,7 +19,7 @@ void CheckSense(const SendOptions& options) {
   const auto& consumers = options.consumers;
   if (!options.to.empty() && std::find(consumers.begin(), consumers.end(), options.to) == consumers.end()) {
     throw WrongCommandLine("--to " + options.to +
-                           ": no --consumer has this name, so nobody would get the records");
+                           ": no --consumer has this name, so the records would go nowhere");
   }
   for (std::size_t i = 0; i < options.urls.size(); ++i) {
     for (std::size_t j = 0; j < i; ++j) {
@@ -33,7 +33,9 @@ void CheckSense(const SendOptions& options) {
 }
 
 void AddTargets(CLI::App* command, SendOptions* options) {
-  command->add_option("--store", options->store, "folder in which the records wait; made if it isn't there")
+  command
+      ->add_option("--store", options->store,
+                   "folder that keeps the records until they are delivered; created if missing")
       ->type_name("DIR")
       ->required();
   // Without allow_extra_args(false) an option that may be repeated would swallow FILE.
@@ -43,36 +45,34 @@ void AddTargets(CLI::App* command, SendOptions* options) {
       ->required();
   command
       ->add_option("--consumer", options->consumers,
-                   "name of the consumer behind the --url at the same place; may be repeated")
+                   "consumer name of the --url in the same position; may be repeated")
       ->type_name("NAME")
       ->allow_extra_args(false);
-  command
-      ->add_option("--to", options->to,
-                   "the consumer that the records are for; without it they go to every url")
+  command->add_option("--to", options->to, "consumer that the records are for; every url if not given")
       ->type_name("NAME");
 }
 
 void AddLimits(CLI::App* command, SendOptions* options) {
-  command->add_option("--packet-limit", options->packetLimit, "most records in one message")
+  command->add_option("--packet-limit", options->packetLimit, "maximum number of records in a message")
       ->type_name("N")
       ->check(CLI::Range(1, 1'000'000))
       ->capture_default_str();
   // The module counts bytes in 32 bits, so 4 GiB would wrap to 0.
   command
       ->add_option("--queue-limit", options->queueLimitKb,
-                   "most that one queue holds, in KiB; reading waits when it is nearly full")
-      ->type_name("KB")
+                   "maximum size of a queue, in KiB; reading pauses when it is nearly full")
+      ->type_name("KIB")
       ->check(CLI::Range(1, 4'194'303))
       ->capture_default_str();
   command
       ->add_option("--send-timeout", options->sendTimeoutSeconds,
-                   "seconds between attempts while records wait")
+                   "seconds between attempts to send while records wait")
       ->type_name("S")
       ->check(CLI::Range(1, 86'400))
       ->capture_default_str();
   command
       ->add_option("--wait", options->waitSeconds,
-                   "seconds to wait for the last deliveries, and for room in a full queue")
+                   "maximum seconds to wait for the last deliveries, and for room in a full queue")
       ->type_name("S")
       ->check(CLI::Range(0, 1'000'000))
       ->capture_default_str();
@@ -81,34 +81,35 @@ void AddLimits(CLI::App* command, SendOptions* options) {
 void AddOthers(CLI::App* command, SendOptions* options) {
   command->add_option("--sign", options->signKey, "private key (PEM) to sign the messages with")
       ->type_name("FILE");
-  command->add_option("--trace", options->trace, "file that gets the trace lines")->type_name("FILE");
+  command->add_option("--trace", options->trace, "file to append trace lines to")->type_name("FILE");
   command->add_option("--trace-level", options->traceLevel, "300: failures only, 700: everything")
       ->type_name("N")
       ->capture_default_str();
   command
       ->add_option("--module", options->modulePath,
-                   "the module; without it ../lib/libveld_report.so beside veldrep")
+                   "path of the module; by default libveld_report.so is looked for near veldrep")
       ->type_name("PATH");
   command
       ->add_option("FILE", options->file,
-                   "records, a JSON object a line; - for stdin; without it what waits in the store is sent")
+                   "records, one JSON object per line; - for standard input; if not given, only what waits "
+                   "in the store is sent")
       ->type_name("");
 }
 
 }  // namespace
 
 Command MakeSendCommand(CLI::App& program) {
-  CLI::App* const command =
-      program.add_subcommand("send", "Sends records to report servers, and what an earlier run left behind.");
+  CLI::App* const command = program.add_subcommand(
+      "send", "Sends records to report servers, and those that an earlier run left in the store.");
   const auto options = std::make_shared<SendOptions>();
   AddTargets(command, options.get());
   AddLimits(command, options.get());
   AddOthers(command, options.get());
   command->footer(
-      "It ends with one line: records submitted, items delivered (a record counts once for each url), "
+      "Ends with one line: records submitted, items delivered (a record counts once for each url), "
       "refused lines,\n"
-      "items still waiting, seconds. What still waits is safe in the store and goes out with the next run.\n"
-      "A line that isn't a JSON object is refused with its number and reason; then the exit code is 3.\n"
+      "items still waiting, seconds. What still waits stays in the store and is sent by the next run.\n"
+      "A line that isn't a JSON object is refused with its number and the reason; the exit code is then 3.\n"
       "Example: veldrep send --store waiting --url http://127.0.0.1:8080/v1 records.ndjson\n"
       "         tail -f app.ndjson | veldrep send --store waiting --url https://stats.example.com/v1 -");
   return {command, [options] {

@@ -135,7 +135,7 @@ void SendRun::TakeLine(std::string_view line) {
     progress_.Clear();
     if (!interrupted) {
       Complain(options_.file + " line " + std::to_string(lineNumber_) +
-               ": stopped before it: the queues had no room in time; raise --queue-limit or --wait");
+               ": stopped before this line: the queues had no room in time; raise --queue-limit or --wait");
     }
     return;
   }
@@ -212,11 +212,11 @@ int SendRun::Conclude() {
   }
   if (pacer_.ItemsInMemory() > 0) {
     Complain(options_.store + ": " + std::to_string(pacer_.ItemsInMemory()) +
-             " items never reached their queue; a run with --trace tells why");
+             " items never reached their queue; run with --trace to see why");
   }
   const SendSession::Failures failures = session_.RequestFailures();
   if (figures_.waiting > 0 && failures.requests > 0) {
-    Complain(std::to_string(failures.requests) + " requests failed, the last one: " + failures.last);
+    Complain(std::to_string(failures.requests) + " requests failed; the last one: " + failures.last);
   }
   const std::chrono::duration<double> seconds = Clock::now() - started_;
   std::printf("submitted %llu, delivered %lld, refused lines %llu, still waiting %lld, %.1f seconds\n",

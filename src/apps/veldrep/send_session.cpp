@@ -29,7 +29,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
 std::string SendSession::Submit(std::string_view json) {
   const host::Submission submission = kit_->SubmitJson(to_, json);
   if (submission.Accepted()) return {};
-  return "the sender didn't take it: " + host::CodeText(submission.code);
+  return "the sender rejected it: " + host::CodeText(submission.code);
 }
 
 void SendSession::TriggerCycle() {

@@ -61,7 +61,8 @@ int Serve(const ServeOptions& given) {
 
   server::ReportServer server(std::move(options));
   if (server.TornBytes() != 0) {
-    Complain(given.out + ": cut off a torn last line of " + std::to_string(server.TornBytes()) + " bytes");
+    Complain(given.out + ": removed an incomplete last line of " + std::to_string(server.TornBytes()) +
+             " bytes");
   }
   std::printf("listening on %s\n", server.Url().c_str());
   std::fflush(stdout);
@@ -78,49 +79,51 @@ int Serve(const ServeOptions& given) {
 
 Command MakeServeCommand(CLI::App& program) {
   CLI::App* const command = program.add_subcommand(
-      "serve",
-      "Receives report messages over HTTP, checks them in every layer and appends their items to a file.");
+      "serve", "Receives report messages over HTTP, checks every layer and appends their items to a file.");
   const auto options = std::make_shared<ServeOptions>();
-  command->add_option("--listen", options->listen, "address and port to listen on; port 0 takes a free one")
+  command->add_option("--listen", options->listen, "address and port to listen on; port 0 picks a free one")
       ->type_name("ADDRESS:PORT")
       ->capture_default_str();
   command
-      ->add_option("--out", options->out, "NDJSON file that gets an item a line, synced before each answer")
+      ->add_option("--out", options->out,
+                   "file to append to, one JSON item per line, synced before each answer")
       ->type_name("FILE")
       ->required();
-  command->add_option("--key", options->key, "public key (PEM); only messages with its signature pass")
+  command
+      ->add_option("--key", options->key,
+                   "public key (PEM); only messages signed with its private key are accepted")
       ->type_name("FILE");
   command
       ->add_option(
           "--status", options->status,
-          "for trials: answer every good message with this status and store nothing (unless it is 200)")
+          "for tests: answer every valid message with this status and, unless it is 200, store nothing")
       ->check(CLI::Range(200, 599))
       ->type_name("CODE")
       ->capture_default_str();
-  command->add_option("--body-limit", options->bodyLimitMiB, "largest body that is taken, in MiB")
+  command->add_option("--body-limit", options->bodyLimitMiB, "maximum size of a body, in MiB")
       ->check(CLI::Range(1, 1024))
       ->type_name("MIB")
       ->capture_default_str();
   command
       ->add_option("--body-memory", options->bodyMemoryMiB,
-                   "memory for bodies that are arriving, in MiB; at least four times --body-limit")
+                   "memory for bodies that are arriving, in MiB; raised to 4 times --body-limit if lower")
       ->check(CLI::Range(1, 1 << 20))
       ->type_name("MIB")
       ->capture_default_str();
   command
       ->add_option("--connections", options->connections,
-                   "connections at a time; at one more, the one that has waited longest is cut")
+                   "maximum number of connections; above it, the one that has waited longest is closed")
       ->check(CLI::Range(1, 100'000))
       ->type_name("N")
       ->capture_default_str();
   command
       ->add_option("--request-time", options->requestSeconds,
-                   "seconds for the headers of a request, and once more for its body")
+                   "seconds to receive the headers of a request, and again to receive its body")
       ->check(CLI::Range(1, 3600))
       ->type_name("SECONDS")
       ->capture_default_str();
   command->footer(
-      "It prints \"listening on http://ADDRESS:PORT\" when it is ready, and ends on SIGTERM or Ctrl-C.\n"
+      "Prints \"listening on http://ADDRESS:PORT\" when it is ready. SIGTERM or Ctrl-C stops it.\n"
       "Example: veldrep serve --listen 127.0.0.1:8080 --out reports.ndjson --key product.pub.pem");
   return {command, [options] { return Serve(*options); }};
 }

@@ -31,7 +31,7 @@ int Check(const StoreOptions& options) {
   }
   std::fflush(stdout);
   if (good) return exitOk;
-  throw Failure(options.store, "the store is damaged; veldrep store salvage saves what can be read");
+  throw Failure(options.store, "the store is damaged; recover what can be read with veldrep store salvage");
 }
 
 int Salvage(const StoreOptions& options) {
@@ -69,10 +69,10 @@ Command MakeStoreCommand(CLI::App& program) {
       ->required();
   command->require_subcommand(1);
   const CLI::App* const check =
-      AddPart(command, "check", "reads the store whole and changes nothing; exit code 1 if it is damaged");
+      AddPart(command, "check", "reads the whole store and changes nothing; exit code 1 if it is damaged");
   const CLI::App* const salvage =
-      AddPart(command, "salvage", "moves what is damaged aside and saves what can be read of it");
-  AddPart(command, "compact", "gives free space of the files back to the disk");
+      AddPart(command, "salvage", "sets a damaged file aside and recovers what can be read from it");
+  AddPart(command, "compact", "returns free space in the files to the file system");
   command->footer("Example: veldrep store check --store /var/lib/app/telemetry");
   return {command, [options, check, salvage] {
             if (check->parsed()) return Check(*options);

@@ -93,13 +93,12 @@ CertificateTable ReadCertificateTable(const network_services::CertificateRange& 
     const std::string& url = urls[static_cast<std::size_t>(row - table.begin)];
     try {
       if (!IsHttps(url)) {
-        throw std::invalid_argument(
-            "only a url of https takes certificates; without TLS nothing checks them");
+        throw std::invalid_argument("certificates need an https url; without TLS nothing checks them");
       }
       CertificateSet set = ReadCertificates(elements);
       const auto [place, isNew] = result.try_emplace(url, set);
       if (!isNew && (place->second.caPem != set.caPem || place->second.pins != set.pins)) {
-        throw std::invalid_argument("the url stands twice, with different certificates");
+        throw std::invalid_argument("the url appears twice with different certificates");
       }
     } catch (const std::invalid_argument& error) {
       throw std::invalid_argument(WithoutCredentials(url) + ": " + error.what());

@@ -132,7 +132,7 @@ std::function<double()> MachineRandom() {
 
 zel::Ref<HttpClientFactory> CreateHttpClientFactory(const HttpClientOptions& options) {
   if (options.totalTimeoutMs == 0 || options.connectTimeoutMs == 0) {
-    throw std::invalid_argument("HttpClientOptions: a time limit of 0 would be none; give one above 0");
+    throw std::invalid_argument("HttpClientOptions: a time limit of 0 would mean none; give one above 0");
   }
   InitializeLibraries();
   return MakeObject<Factory>(std::make_shared<HttpShared>(

@@ -210,7 +210,7 @@ void HttpEngine::NotifyBackoff() noexcept {
 void HttpEngine::End(HttpRequest& request, const HttpOutcome& outcome) noexcept {
   if (request.End(outcome)) return;
   WriteTrace(shared_->options.tracer.Get(), failureLevel,
-             "veld_host\tHttp: an exception left the completion of a request; the client goes on");
+             "veld_host\tHttp: the completion of a request threw an exception; the client continues");
 }
 
 void HttpEngine::Note(const HttpRequest& request, Clock::TimePoint startedAt,

@@ -90,7 +90,8 @@ void HttpTransfer::SetHeaders() {
 
 void HttpTransfer::SetBody() {
   const zel::ResultCode code = request_->GetContent().body->GetSize(&bodySize_);
-  if (zel::Failed(code)) throw HttpTransferRefused{code, "the size of the body can't be had"};
+  if (zel::Failed(code))
+    throw HttpTransferRefused{code, "the size of the request's body can't be determined"};
   Set(CURLOPT_POST, 1L);
   Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodySize_));
   Set(CURLOPT_READFUNCTION, &HttpTransfer::ReadBody);
@@ -215,7 +216,7 @@ HttpOutcome HttpTransfer::Outcome(CURLcode result) const {
   }
   if (!headersComplete_) {
     outcome.code = eMediaError;
-    outcome.error = "the answer broke off within its headers";
+    outcome.error = "the answer ended inside its headers";
     return outcome;
   }
   long status = 0;

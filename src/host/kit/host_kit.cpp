@@ -126,7 +126,7 @@ void HostKit::MakeSender(const HostKitOptions& options) {
   const auto factory = module_->MakeFactory(locator_.Get());
   zel::Ref<IVeldReportSender> sender;
   Require(factory->CreateInstance(locator_.Get(), IVeldReportSender::iid, sender.OutVoid()),
-          "module: the sender can't be made");
+          "module: the sender can't be created");
   zel::Ref<IVeldReportSenderConstruct> construct;
   Require(sender->QueryInterface(IVeldReportSenderConstruct::iid, construct.OutVoid()),
           "module: the sender can't be constructed");

@@ -63,7 +63,8 @@ BuiltSettings::BuiltSettings(const KitSettings& settings) {
 
 void BuiltSettings::AddEndpoint(const KitEndpoint& endpoint, std::uint64_t index) {
   if (!IsHttpUrl(endpoint.url)) Refuse(index, endpoint, "the url must begin with http:// or https://");
-  if (endpoint.consumer == triggerConsumer) Refuse(index, endpoint, "the kit uses this consumer name itself");
+  if (endpoint.consumer == triggerConsumer)
+    Refuse(index, endpoint, "this consumer name is reserved for the kit");
   CheckCertificates(endpoint, index);
   orvel::veld_report::UrlEntry& entry = record_.urls[index];
   try {

@@ -114,9 +114,9 @@ void QueueStore::CorrectWaiting(QueueState& queue) {
   }
   writer_.Touch(queue);
   CommitIfDue();
-  Trace(failureLevel, "the figures of queue " + queue.name + " told of " + std::to_string(untrue.items) +
+  Trace(failureLevel, "the ledger of queue " + queue.name + " counted " + std::to_string(untrue.items) +
                           " items (" + std::to_string(untrue.bytes) +
-                          " bytes) that aren't there; the file was damaged, and the figures are corrected");
+                          " bytes) that don't exist; the file was damaged, and the ledger is corrected");
 }
 
 bool QueueStore::IsExpired(const ItemRow& row) const {

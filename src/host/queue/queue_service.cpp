@@ -84,14 +84,14 @@ std::shared_ptr<FileLock> LockFolder(const QueueServiceOptions& options) {
 }  // namespace
 
 zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& given) {
-  if (given.folder.empty()) throw StoreError("no folder for the store was given: name one");
+  if (given.folder.empty()) throw StoreError("no folder for the store is given; name one");
   QueueServiceOptions options = given;
   // The process may change its working folder while the store is open.
   options.folder = std::filesystem::absolute(given.folder).lexically_normal();
   if (!options.folder.has_filename()) options.folder = options.folder.parent_path();
   if (!options.inspectOnly) PrepareStoreFolder(options.folder);
   if (!std::filesystem::is_directory(options.folder)) {
-    throw StoreError("there is no folder " + options.folder.string() + ": name the folder of the store");
+    throw StoreError("there is no folder " + options.folder.string() + "; name the folder of the store");
   }
   auto service = MakeObject<QueueService>(options, LockFolder(options));
   for (const std::string& domain : StoredDomains(options.folder)) service->Store(domain);
@@ -104,7 +104,7 @@ QueueService::QueueService(const QueueServiceOptions& options, std::shared_ptr<F
 std::shared_ptr<QueueStore> QueueService::Store(const std::string& domain) {
   if (!IsSafeDomainName(domain)) {
     throw StoreError("\"" + domain +
-                     "\" can't be the name of a queue domain: use 1 to 64 of A-Z a-z 0-9 _ -");
+                     "\" isn't a valid queue domain; use 1 to 64 characters of A-Z a-z 0-9 _ -");
   }
   const std::lock_guard lock(mutex_);
   std::shared_ptr<QueueStore>& store = stores_[domain];
@@ -114,7 +114,7 @@ std::shared_ptr<QueueStore> QueueService::Store(const std::string& domain) {
       store = std::make_shared<QueueStore>(options_, file, folderLock_);
     } catch (const SqliteError& error) {
       throw StoreError(std::string("the store can't be opened: ") + error.what() +
-                       "; make sure that the disk has room and the file is a store");
+                       "; make sure that the disk has room and that the file is a store");
     }
   }
   return store;
@@ -193,7 +193,7 @@ void QueueService::Forget(const std::string& domain) {
 
 // A store that others write can't be emptied by one that only looks.
 void QueueService::RequireWritable() const {
-  if (options_.inspectOnly) throw StoreError("the store was opened for a look only: open it for writing");
+  if (options_.inspectOnly) throw StoreError("the store was opened for inspection only; open it for writing");
 }
 
 void QueueService::Compact(QueueStore& store, bool rebuild) {
@@ -203,7 +203,7 @@ void QueueService::Compact(QueueStore& store, bool rebuild) {
     throw StoreError(std::string("what was removed may still be readable: ") + error.what() +
                      "; make room on the disk and try again");
   }
-  throw StoreError("the store can't be written: make room on its disk and try again");
+  throw StoreError("the store can't be written; make room on its disk and try again");
 }
 
 bool QueueService::Commit(const std::string& domain) { return Store(domain)->Commit(); }

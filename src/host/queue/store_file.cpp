@@ -38,8 +38,9 @@ SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const
   if (settings.inspectOnly) {
     connection.Execute("PRAGMA query_only=ON");
     if (connection.QueryInteger("PRAGMA user_version") == storeLayoutVersion) return connection;
-    throw StoreError("the store " + file.string() + " has another layout than this program's: open it once " +
-                     "for sending with the program that fits");
+    throw StoreError("the store " + file.string() +
+                     " has another layout than this program's; open it once for sending, "
+                     "or use the program that wrote it");
   }
   LayOutStore(connection, file);
   connection.KeepLogOnClose(false);

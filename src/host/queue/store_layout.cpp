@@ -84,7 +84,7 @@ void LayOutStore(SqliteConnection& connection, const std::filesystem::path& file
   if (isStore && version > storeLayoutVersion) {
     throw StoreError("the store " + file.string() + " has layout " + std::to_string(version) +
                      ", and this program knows layouts up to " + std::to_string(storeLayoutVersion) +
-                     ": use the newer program that wrote it, or another folder");
+                     "; use the newer program that wrote it, or another folder");
   }
   if (isStore && version == storeLayoutVersion) return;
   if (isStore && version >= 1) {
@@ -93,7 +93,7 @@ void LayOutStore(SqliteConnection& connection, const std::filesystem::path& file
     return;
   }
   if (connection.QueryInteger("PRAGMA page_count") != 0) {
-    throw SqliteError(SQLITE_NOTADB, file.string() + ": it is no store");
+    throw SqliteError(SQLITE_NOTADB, file.string() + ": it isn't a store");
   }
   InTransaction(connection, NewLayoutSql());
 }

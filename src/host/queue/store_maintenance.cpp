@@ -13,7 +13,7 @@ constexpr std::size_t maxFindings = 20;
 
 FileLock LockExistingFolder(const std::filesystem::path& folder) {
   if (!std::filesystem::is_directory(folder)) {
-    throw StoreError("there is no folder " + folder.string() + ": name the folder of the store");
+    throw StoreError("there is no folder " + folder.string() + "; name the folder of the store");
   }
   return LockStoreFolder(folder, FileLock::Kind::exclusive);
 }
@@ -36,7 +36,7 @@ void CompareFigures(StoreFile& file, StoreCheck* check) {
     check->waiting += found;
     if (found != row.ledger.waiting) {
       check->findings.push_back("queue " + row.name + " should hold " +
-                                std::to_string(row.ledger.waiting.items) + " items and holds " +
+                                std::to_string(row.ledger.waiting.items) + " items but holds " +
                                 std::to_string(found.items));
     }
     if (!row.ledger.IsBalanced())
@@ -81,7 +81,7 @@ FileLock LockStoreFolder(const std::filesystem::path& folder, FileLock::Kind kin
   if (!lock) {
     throw StoreError("the store in " + folder.string() + " is in use by process " +
                      (holder.empty() ? "(unknown)" : holder) +
-                     ": end that process first, or choose another folder");
+                     "; end that process first, or choose another folder");
   }
   return lock;
 }

@@ -36,7 +36,7 @@ FileLock LockOpening(const std::filesystem::path& file) {
     if (lock) return lock;
     if (std::chrono::steady_clock::now() > deadline) {
       throw StoreError("process " + holder + " has been opening the store " + file.string() +
-                       " for long: end that process");
+                       " for too long; end that process");
     }
     std::this_thread::sleep_for(openingStep);
   }
@@ -64,7 +64,7 @@ bool IsEmptyWithLog(const std::filesystem::path& file) {
 std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std::filesystem::path& file,
                                    DiskReserve& reserve, const CleanMarker& mark, std::string* damage) {
   if (IsEmptyWithLog(file)) {
-    *damage = "its file is empty, its log isn't";
+    *damage = "its file is empty, but its log isn't";
     return nullptr;
   }
   for (bool again = false;; again = true) {
@@ -99,7 +99,7 @@ std::unique_ptr<StoreFile> ReplaceAlone(const QueueServiceOptions& options, cons
   if (!options.shared) return Replace(options, file, damage);
   if (!folderLock.Change(FileLock::Kind::exclusive)) {
     throw StoreError("the store " + file.string() + " is damaged (" + damage +
-                     ") and other processes use it: end them, and the next start repairs it");
+                     ") and other processes use it; end them, and the next start repairs it");
   }
   auto replaced = Replace(options, file, damage);
   folderLock.Change(FileLock::Kind::shared);
@@ -115,7 +115,7 @@ void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesyst
       Say(options, Describe(SalvageInto(target, damaged, options.vfs)));
     } catch (const std::exception& error) {
       Say(options, damaged.string() + " can't be salvaged now (" + error.what() +
-                       "); the next start tries again, or \"veldrep store salvage\"");
+                       "); the next start tries again, or run veldrep store salvage");
     }
   }
 }

@@ -59,7 +59,7 @@ class CopyWithNewFirstPage {
     for (std::size_t i = 0; i < 4; ++i) page[pageCountOffset + i] = static_cast<char>(pages >> (24 - 8 * i));
     std::fstream stream(copy_, std::ios::in | std::ios::out | std::ios::binary);
     stream.write(page.data(), page.size());
-    if (!stream.flush()) throw StoreError("can't write " + copy_.string() + ": make room on that disk");
+    if (!stream.flush()) throw StoreError("can't write " + copy_.string() + "; make room on that disk");
   }
   CopyWithNewFirstPage(const CopyWithNewFirstPage&) = delete;
   CopyWithNewFirstPage& operator=(const CopyWithNewFirstPage&) = delete;
@@ -295,7 +295,7 @@ bool IsSalvaged(const std::filesystem::path& source) {
 }
 
 std::string Describe(const SalvageReport& report) {
-  std::string text = "of the damaged store, which is kept as " + report.source.string() + ", " +
+  std::string text = "the damaged store is kept as " + report.source.string() + "; " +
                      std::to_string(report.salvaged.items) + " items were salvaged and ";
   return text + (report.lost ? std::to_string(report.lost->items) + " are lost"
                              : std::string("an unknown number is lost"));

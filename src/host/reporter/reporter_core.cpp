@@ -92,7 +92,7 @@ std::string Reporter::Core::CheckConsumer(std::string_view consumer) const {
   const std::lock_guard lock(settingsMutex_);
   if (settings_.endpoints.empty()) return "there is no endpoint; set one in the settings";
   if (consumer.empty() || consumers_.contains(consumer)) return {};
-  return "no endpoint has the consumer \"" + std::string(consumer) + "\"; name one of the settings, or none";
+  return "no endpoint has the consumer \"" + std::string(consumer) + "\"; use one from the settings, or none";
 }
 
 zel::ResultCode Reporter::Core::Submit(const zel::AnyPtr* record, std::string_view json,
@@ -108,7 +108,7 @@ zel::ResultCode Reporter::Core::Submit(const zel::AnyPtr* record, std::string_vi
     std::string wrong = CheckConsumer(consumer);
     if (!wrong.empty()) return refuse(zel::eNotFound, std::move(wrong));
     if (!memory_->HasRoom()) {
-      return refuse(zel::eOutOfSpace, "too many records stand in memory; send fewer, or wait for a cycle");
+      return refuse(zel::eOutOfSpace, "too many records are in memory; send fewer, or wait for a cycle");
     }
     const host::Submission submission =
         record ? kit_->Submit(consumer, *record) : kit_->SubmitJson(consumer, json);

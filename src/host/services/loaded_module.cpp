@@ -47,11 +47,11 @@ zel::Ref<zel::IObjectFactory> LoadedModule::MakeFactory(zel::IServiceLocator* lo
   zel::Ref<zel::IObject> object;
   const zel::ResultCode made = getObjectFactory_(locator, orvel::veld_report::senderClassId, object.Out());
   if (zel::Failed(made))
-    throw std::runtime_error("module " + path_ + ": makes no factory: " + CodeText(made));
+    throw std::runtime_error("module " + path_ + ": can't create its object factory: " + CodeText(made));
   zel::Ref<zel::IObjectFactory> factory;
   const zel::ResultCode found = object->QueryInterface(zel::IObjectFactory::iid, factory.OutVoid());
   if (zel::Failed(found)) {
-    throw std::runtime_error("module " + path_ + ": its factory isn't one: " + CodeText(found));
+    throw std::runtime_error("module " + path_ + ": its factory isn't an object factory: " + CodeText(found));
   }
   return factory;
 }

@@ -54,7 +54,8 @@ bool TimerQueue::RunGuarded(zel::IRunnable* sink) noexcept {
     sink->Run(nullptr);
     return true;
   } catch (...) {
-    WriteTrace(tracer_.Get(), failureLevel, "veld_host\tTimer: an exception left a Run; the timer goes on");
+    WriteTrace(tracer_.Get(), failureLevel,
+               "veld_host\tTimer: a Run threw an exception; the timer continues");
     return false;
   }
 }

@@ -42,9 +42,9 @@ std::string Ed25519Verifier::Check(std::string_view payload, std::string_view bl
   if (!parts) return "the message isn't signed";
   const auto header = ParseHeader(parts->header);
   if (!header) return "the header of the signature isn't a JSON object with \"alg\"";
-  if (header->algorithm != "EdDSA") return "the signature isn't made with EdDSA";
-  if (header->keyId != key_.KeyId()) return "the signature is made with another key";
-  if (!key_.Verify(payload, parts->signature)) return "the signature doesn't fit the payload";
+  if (header->algorithm != "EdDSA") return "the signature's algorithm isn't EdDSA";
+  if (header->keyId != key_.KeyId()) return "the signature was made with another key";
+  if (!key_.Verify(payload, parts->signature)) return "the signature doesn't match the payload";
   return {};
 }
 
