@@ -5,8 +5,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "host/kit/memory_meter.h"
 #include "host/queue/queue_service.h"
-#include "host/reporter/memory_meter.h"
 #include "tests/host/reporter_test_tools.h"
 
 namespace application {
@@ -87,7 +87,7 @@ TEST_F(Sending, RoomInMemoryComesWithTheDrainNotWithTheEndOfTheCycle) {
   options.queues.folder = Path("store");
   options.settings.endpoints = {{.url = silent.Url()}};
   host::HostKit kit(options);
-  MemoryMeter meter(kit, limit);
+  host::MemoryMeter meter(kit, limit);
   const auto fill = [&] {
     for (std::uint64_t i = 0; i < limit; ++i) meter.Add();
   };

@@ -47,12 +47,6 @@ std::map<std::string, std::int64_t> Targets(const SendOptions& options) {
   return targets;
 }
 
-Pacer::Limits LimitsOf(const SendOptions& options) {
-  Pacer::Limits limits;
-  limits.queueBytes = std::int64_t{options.queueLimitKb} << 10;
-  return limits;
-}
-
 host::QueueLedger Sum(const Ledgers& ledgers) {
   host::QueueLedger sum;
   for (const auto& [queue, ledger] : ledgers) sum += ledger;
@@ -73,7 +67,7 @@ SendRun::SendRun(const SendOptions& options)
       started_(Clock::now()),
       session_(options),
       before_(session_.CurrentLedgers()),
-      pacer_(LimitsOf(options), Targets(options), before_),
+      room_(std::int64_t{options.queueLimitKb} << 10, Targets(options), before_),
       lastChange_(started_),
       lastLook_(started_),
       lastTrigger_(started_) {
@@ -129,7 +123,7 @@ void SendRun::TakeLine(std::string_view line) {
   // A blank line is neither a record nor an error.
   if (line.empty() || !CheckLine(line)) return;
   const auto bytes = static_cast<std::int64_t>(line.size());
-  if (!pacer_.CanEverFit(bytes)) return RefuseLine("it is larger than --queue-limit allows");
+  if (!room_.CanEverFit(bytes)) return RefuseLine("it is larger than --queue-limit allows");
   if (!WaitForRoom(bytes)) {
     stopped_ = true;
     progress_.Clear();
@@ -141,7 +135,7 @@ void SendRun::TakeLine(std::string_view line) {
   }
   const std::string refusal = session_.Submit(line);
   if (!refusal.empty()) return RefuseLine(refusal);
-  pacer_.Submitted(bytes);
+  room_.Submitted(bytes);
   ++figures_.submitted;
 }
 
@@ -164,11 +158,12 @@ void SendRun::RefuseLine(const std::string& reason) {
 }
 
 bool SendRun::WaitForRoom(std::int64_t bytes) {
-  if (pacer_.MaySubmit(bytes)) return true;
+  const auto hasRoom = [&] { return room_.Has(bytes) && session_.HasRoom(); };
+  if (hasRoom()) return true;
   const Clock::time_point begun = Clock::now();
   session_.RunSoon();
-  for (Look(); !pacer_.MaySubmit(bytes); Look()) {
-    const auto patience = pacer_.HasRoom(bytes) ? memoryPatience : std::chrono::seconds(options_.waitSeconds);
+  for (Look(); !hasRoom(); Look()) {
+    const auto patience = room_.Has(bytes) ? memoryPatience : std::chrono::seconds(options_.waitSeconds);
     if (interrupted || Clock::now() - std::max(begun, lastChange_) >= patience) return false;
     std::this_thread::sleep_for(pause);
   }
@@ -187,12 +182,12 @@ void SendRun::Look() {
   const Ledgers ledgers = session_.CurrentLedgers();
   const Clock::time_point now = Clock::now();
   lastLook_ = now;
-  pacer_.Refresh(ledgers);
+  room_.Refresh(ledgers);
   const host::QueueLedger sum = Sum(ledgers);
   if (!(sum.accepted == sum_.accepted && sum.delivered == sum_.delivered)) lastChange_ = now;
   sum_ = sum;
   figures_.delivered = sum.delivered.items - Sum(before_).delivered.items;
-  figures_.waiting = sum.waiting.items + pacer_.ItemsInMemory();
+  figures_.waiting = sum.waiting.items + room_.ItemsInMemory();
   progress_.Show(figures_);
   const auto triggerAfter = maxCycleWait + std::chrono::seconds(options_.sendTimeoutSeconds);
   if (figures_.waiting > 0 && now - std::max(lastChange_, lastTrigger_) > triggerAfter) {
@@ -210,8 +205,8 @@ int SendRun::Conclude() {
     Complain(options_.store + ": " + std::to_string(evicted) + " items were dropped to make room and " +
              std::to_string(rejected) + " couldn't be stored");
   }
-  if (pacer_.ItemsInMemory() > 0) {
-    Complain(options_.store + ": " + std::to_string(pacer_.ItemsInMemory()) +
+  if (room_.ItemsInMemory() > 0) {
+    Complain(options_.store + ": " + std::to_string(room_.ItemsInMemory()) +
              " items never reached their queue; run with --trace to see why");
   }
   const SendSession::Failures failures = session_.RequestFailures();
@@ -223,7 +218,7 @@ int SendRun::Conclude() {
               static_cast<unsigned long long>(figures_.submitted), static_cast<long long>(figures_.delivered),
               static_cast<unsigned long long>(figures_.refusedLines),
               static_cast<long long>(figures_.waiting), seconds.count());
-  const bool lost = evicted + rejected > 0 || pacer_.ItemsInMemory() > 0;
+  const bool lost = evicted + rejected > 0 || room_.ItemsInMemory() > 0;
   if (stopped_ || interrupted || lost) return exitFailed;
   return figures_.refusedLines > 0 ? exitRefusedLines : exitOk;
 }

@@ -1,7 +1,7 @@
 // SendRun: one run of veldrep send, from the first line of the input to the summary on stdout.
 //
-// Life of a record: read -> checked (or refused, with its line number and the reason) -> paced -> submitted
-// -> in its queues -> delivered. What isn't delivered in time stays in the store.
+// Life of a record: read -> checked (or refused, with its line number and the reason) -> held until there is
+// room -> submitted -> in its queues -> delivered. What isn't delivered in time stays in the store.
 #pragma once
 
 #include <chrono>
@@ -11,8 +11,8 @@
 #include <string_view>
 
 #include "apps/veldrep/line_reader.h"
-#include "apps/veldrep/pacer.h"
 #include "apps/veldrep/progress.h"
+#include "apps/veldrep/queue_room.h"
 #include "apps/veldrep/send_options.h"
 #include "apps/veldrep/send_session.h"
 #include "host/json/json_check.h"
@@ -48,7 +48,7 @@ class SendRun {
   const Clock::time_point started_;
   SendSession session_;
   const Ledgers before_;
-  Pacer pacer_;
+  QueueRoom room_;
   Progress progress_;
   host::JsonCheck jsonCheck_;
 

@@ -4,9 +4,19 @@
 #include "host/base/redact.h"
 
 namespace veld_report::app {
+namespace {
+
+constexpr std::uint64_t memoryLimitBytes = 64 << 20;
+// What a record in memory takes beside its text.
+constexpr std::uint64_t bytesBesideText = 250;
+
+}  // namespace
 
 SendSession::SendSession(const SendOptions& options)
-    : to_(options.to), kit_(std::make_unique<host::HostKit>(KitOptions(options))), queues_(&kit_->Queues()) {}
+    : to_(options.to),
+      kit_(std::make_unique<host::HostKit>(KitOptions(options))),
+      memory_(*kit_, memoryLimitBytes),
+      queues_(&kit_->Queues()) {}
 
 host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   host::HostKitOptions kit;
@@ -28,8 +38,9 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
 
 std::string SendSession::Submit(std::string_view json) {
   const host::Submission submission = kit_->SubmitJson(to_, json);
-  if (submission.Accepted()) return {};
-  return "the sender rejected it: " + host::CodeText(submission.code);
+  if (!submission.Accepted()) return "the sender rejected it: " + host::CodeText(submission.code);
+  memory_.Add(json.size() + bytesBesideText);
+  return {};
 }
 
 void SendSession::TriggerCycle() {

@@ -7,9 +7,10 @@
 #include <string>
 #include <string_view>
 
-#include "apps/veldrep/pacer.h"
+#include "apps/veldrep/queue_room.h"
 #include "apps/veldrep/send_options.h"
 #include "host/kit/host_kit.h"
+#include "host/kit/memory_meter.h"
 
 namespace veld_report::app {
 
@@ -20,6 +21,8 @@ class SendSession {
   // TriggerCycle. Throws std::exception with what is missing and why.
   explicit SendSession(const SendOptions& options);
 
+  // Whether memory has room for another record. Room comes with each cycle, whatever the servers do.
+  bool HasRoom() { return memory_.HasRoom(); }
   // Submits one JSON object as a record. Returns why the sender refused it, or an empty text.
   std::string Submit(std::string_view json);
   // Starts a cycle without a submission: for what an earlier run left, or after the chain of cycles has
@@ -47,6 +50,7 @@ class SendSession {
   Failures failures_;
   // Declared after what its callbacks use, so that it is destroyed first.
   std::unique_ptr<host::HostKit> kit_;
+  host::MemoryMeter memory_;
   zel::Ref<host::QueueService> queues_;
 };
 

@@ -79,7 +79,7 @@ Reporter::Core::Core(ReporterOptions options)
     kit_ = std::make_unique<host::HostKit>(kitOptions);
     if (!options.sendingAllowed) ChangeConsent(&Core::sendingAllowed_, false);
     flusher_ = std::make_unique<Flusher>(*kit_);
-    memory_ = std::make_unique<MemoryMeter>(*kit_, options.memoryLimitRecords);
+    memory_ = std::make_unique<host::MemoryMeter>(*kit_, options.memoryLimitRecords);
     AdoptSettings(SettingsOf(options));
     // What an earlier run left behind goes out without waiting for a first record.
     kit_->TriggerCycle();

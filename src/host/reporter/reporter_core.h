@@ -10,9 +10,9 @@
 #include <string_view>
 
 #include "host/kit/host_kit.h"
+#include "host/kit/memory_meter.h"
 #include "host/reporter/call_gate.h"
 #include "host/reporter/flusher.h"
-#include "host/reporter/memory_meter.h"
 #include "veld_report/reporter.h"
 
 namespace veld_report {
@@ -83,7 +83,7 @@ class Reporter::Core {
   // Created by the constructor, gone with the object; closed by CloseOnce.
   std::unique_ptr<host::HostKit> kit_;
   std::unique_ptr<Flusher> flusher_;
-  std::unique_ptr<MemoryMeter> memory_;
+  std::unique_ptr<host::MemoryMeter> memory_;
 
   std::atomic<TimePoint> closeBy_{TimePoint::max()};  // the earliest end that a Close has asked for
   std::mutex closeMutex_;                             // held across the close; guards the two below

@@ -1,21 +1,21 @@
-#include "host/reporter/memory_meter.h"
+#include "host/kit/memory_meter.h"
 
-namespace veld_report {
+namespace veld_report::host {
 
 bool MemoryMeter::HasRoom() {
   const std::lock_guard lock(mutex_);
   // The kit is only asked now and then: the answer changes with each cycle, not with each record.
   constexpr std::uint64_t questionEvery = 64;
-  if (submitted_ % questionEvery == 0 || submitted_ - moved_ >= limit_) {
+  if (questions_++ % questionEvery == 0 || submitted_ - moved_ >= limit_) {
     Refresh();
     if (submitted_ - moved_ > limit_ / 2) kit_.BeginCycle();
   }
   return submitted_ - moved_ < limit_;
 }
 
-void MemoryMeter::Add() {
+void MemoryMeter::Add(std::uint64_t amount) {
   const std::lock_guard lock(mutex_);
-  ++submitted_;
+  submitted_ += amount;
 }
 
 std::uint64_t MemoryMeter::InMemory() {
@@ -32,4 +32,4 @@ void MemoryMeter::Refresh() {
   runsAtMark_ = runs;
 }
 
-}  // namespace veld_report
+}  // namespace veld_report::host

@@ -1,0 +1,45 @@
+// QueueRoom: whether the queues have room for another record.
+//
+// The module takes everything, and a queue that is full drops its oldest items for new ones. A reader of a
+// large file that simply went on would push its own first records out of the queue. So it compares what was
+// submitted with what has arrived by the store's ledger. How much may stand in memory on the way there is
+// host::MemoryMeter's part.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "host/queue/queue_ledger.h"
+
+namespace veld_report::app {
+
+using Ledgers = std::map<std::string, host::QueueLedger>;
+
+// One thread at a time.
+class QueueRoom {
+ public:
+  // `targets`: the queues that each record goes to, with how many times it goes there. `before`: the ledgers
+  // before the first record.
+  QueueRoom(std::int64_t limitBytes, std::map<std::string, std::int64_t> targets, const Ledgers& before);
+
+  // As of the last Refresh.
+  bool Has(std::int64_t bytes) const { return bytes <= bytesLeft_; }
+  // A record that is larger than a queue would push everything else out of it.
+  bool CanEverFit(std::int64_t bytes) const;
+  void Submitted(std::int64_t bytes);
+  void Refresh(const Ledgers& ledgers);
+
+  // Submitted and in no queue yet as of the last Refresh, over all queues.
+  std::int64_t ItemsInMemory() const { return itemsInMemory_; }
+
+ private:
+  const std::int64_t limitBytes_;
+  const std::map<std::string, std::int64_t> targets_;
+  std::map<std::string, host::ItemCount> acceptedBefore_;
+  host::ItemCount submitted_;
+  std::int64_t bytesLeft_ = 0;
+  std::int64_t itemsInMemory_ = 0;
+};
+
+}  // namespace veld_report::app
