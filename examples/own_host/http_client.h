@@ -1,24 +1,20 @@
-// The HTTP client: one thread that makes one request after the other, over plain sockets. Enough to show what
-// the module expects; a client for use takes a library, with TLS, time limits for each phase and proxies.
+// The HTTP client: a thread a request, over plain sockets. Enough to show what the module expects; a client
+// for use takes a library, with TLS, kept connections, a limit for the whole request and proxies.
 #pragma once
 
-#include <condition_variable>
-#include <deque>
-#include <mutex>
-#include <thread>
+#include <memory>
 
 #include "contract/http.h"
 #include "counted.h"
 
 namespace own_host {
 
-class Request;
-
 class HttpClient final
     : public Counted<network_services::IHttpClient, network_services::IHttpClientCertificates> {
  public:
   HttpClient();
-  // Ends what is still to do with "Operation cancelled". Not on the client's own thread.
+  // Ends what is still to do with "Operation cancelled" and waits for the completions. From inside a
+  // completion it waits for the others.
   ~HttpClient() override;
 
   zel::ResultCode ReservedClientOperation0() override { return zel::eNotImplemented; }
@@ -36,26 +32,16 @@ class HttpClient final
   zel::ResultCode SetCertificates(const network_services::CertificateRange*) override { return zel::sOk; }
 
  private:
-  void Loop();
-
-  std::mutex lock_;  // guards all below; not held across a request
-  std::condition_variable changed_;
-  std::deque<zel::Ref<Request>> waiting_;
-  bool stop_ = false;
-  std::thread thread_;  // last: it uses all the others
+  struct InFlight;
+  const std::shared_ptr<InFlight> inFlight_;  // shared with the requests' threads
 };
 
-// Hands out one client. The host keeps the client, so that its thread ends when the host says so.
 class HttpClientFactory final : public Counted<network_services::IHttpClientFactory> {
  public:
-  explicit HttpClientFactory(zel::Ref<HttpClient> client) : client_(std::move(client)) {}
   zel::ResultCode CreateClient(network_services::IHttpClient** out) override {
-    *out = zel::Ref<HttpClient>(client_).Detach();
+    *out = Make<HttpClient>().Detach();
     return zel::sOk;
   }
-
- private:
-  zel::Ref<HttpClient> client_;
 };
 
 }  // namespace own_host

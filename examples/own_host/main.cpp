@@ -171,13 +171,12 @@ class Module {
 std::size_t Deliver(const Module& module, const std::string& url, char** texts) {
   const auto queues = Make<MemoryQueues>();
   const auto timer = Make<Timer>();
-  const auto client = Make<HttpClient>();
   const auto locator = Make<Locator>();
   locator->Register<zel::IAllocator>(Make<HeapAllocator>());
   locator->Register<zel::ITracer>(Make<StderrTracer>(300));
   locator->Register<crypto::hash::IHashCalculatorFactory>(Make<HashFactory>());
   locator->Register<orvel::IQueueFactory>(queues);
-  locator->Register<network_services::IHttpClientFactory>(Make<HttpClientFactory>(client));
+  locator->Register<network_services::IHttpClientFactory>(Make<HttpClientFactory>());
   locator->Register<zel::ITimerService>(timer);
   locator->Register<zel::IJsonStorageFactory>(Make<JsonStorageFactory>());
   locator->Register<zel::IStorageSerializer2>(Make<Serializer>());

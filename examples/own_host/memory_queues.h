@@ -2,11 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "contract/queue.h"
@@ -17,14 +17,16 @@ namespace own_host {
 struct Item {
   std::uint64_t token = 0;
   std::vector<std::uint8_t> bytes;
-  bool claimed = false;  // a reader has it
+  const void* holder = nullptr;  // the reader that has it
 };
+using Queue = std::vector<Item>;
+using QueueName = std::pair<std::string, std::string>;  // domain and name
 
-// All queues by their names. Readers and writers share it, so it outlives the service if they do.
+// All queues. Readers and writers share it, so it outlives the service if they do.
 struct QueueTable {
-  std::mutex lock;
-  std::map<std::string, std::deque<Item>> queues;
-  std::uint64_t lastToken = 0;  // tokens rise by one an item, so they tell the order and the number as well
+  std::mutex mutex;  // guards all below
+  std::map<QueueName, Queue> queues;
+  std::uint64_t lastToken = 0;  // tokens rise by one an item, so they give the order and the number as well
 };
 
 class MemoryQueues final : public Counted<orvel::IQueueFactory> {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -23,17 +24,19 @@ class Timer final : public Counted<zel::ITimerService> {
   // An armed sink keeps the earlier time: a steady stream of submissions must not put a firing off for ever.
   zel::ResultCode ArmTimer(zel::IRunnable* sink, std::uint32_t delayMs) override;
   zel::ResultCode DisarmTimer(zel::IRunnable* sink) override;
-  // Waits for a running Run of the sink.
+  // Waits for a Run of the sink in progress, except inside that Run itself.
   zel::ResultCode CancelTimer(zel::IRunnable* sink) override;
 
  private:
   using Clock = std::chrono::steady_clock;
   void Loop();
 
-  std::mutex lock_;  // guards all below; not held across Run
+  std::mutex mutex_;  // guards all below; not held across Run
   std::condition_variable changed_;
   std::map<zel::IRunnable*, Clock::time_point> pending_;
   zel::IRunnable* running_ = nullptr;
+  bool cancelled_ = false;  // the Run in progress; what it arms is dropped
+  std::uint64_t runsEnded_ = 0;
   bool stop_ = false;
   std::thread thread_;  // last: it uses all the others
 };

@@ -107,6 +107,7 @@ TEST(HttpClient, ABodyIsSentFromTheStartWhenAKeptConnectionBroke) {
   EXPECT_EQ(kit.client.Start(server.Url(), {}, "second").Wait(), zel::sOk);
   ASSERT_EQ(server.Requests().size(), 3u);
   EXPECT_EQ(server.Requests()[2].body, "second");
+  EXPECT_EQ(server.Connections(), 2) << "the first one wasn't kept";
 }
 
 TEST(WithoutCredentials, TakesUserAndPasswordOutOfEveryUrlOfAText) {
