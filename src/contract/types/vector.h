@@ -98,9 +98,7 @@ struct vector_t {
   void assign(const T* source, std::uint64_t count) requires std::is_trivially_copyable_v<T> {
     if (count > capacity()) {
       if (count > maxSize) throw std::length_error("construct");
-      T* block = allocator.Allocate(count);
-      if (first) allocator.Free(first);
-      Adopt(block, 0, count);
+      Replace(allocator.Allocate(count), 0, count);
     }
     last = std::uninitialized_copy(source, source + count, first);
   }
@@ -178,9 +176,14 @@ struct vector_t {
     construct(block);
     T* memory = block.Detach();
     std::uninitialized_move(first, last, memory);
-    Truncate(0);
-    if (first) allocator.Free(first);
-    Adopt(memory, oldSize + count, newCapacity);
+    std::destroy(first, last);
+    Replace(memory, oldSize + count, newCapacity);
+  }
+  // The old block is freed last, so that a host's Free finds the vector whole. Its elements are gone already.
+  void Replace(T* block, std::uint64_t count, std::uint64_t capacityOfBlock) {
+    T* const old = first;
+    Adopt(block, count, capacityOfBlock);
+    if (old) allocator.Free(old);
   }
   void Adopt(T* block, std::uint64_t count, std::uint64_t capacityOfBlock) {
     first = block;
