@@ -10,6 +10,7 @@
 
 #include "types/allocator.h"
 #include "types/object.h"
+#include "types/ref.h"
 
 namespace zel {
 
@@ -102,9 +103,7 @@ class AnyPtr {
     std::swap(keeper, copy.keeper);
     return *this;
   }
-  ~AnyPtr() {
-    if (keeper) keeper->Release();
-  }
+  ~AnyPtr() { Ref<IObject>::Attach(keeper).Reset(); }
 };
 static_assert(sizeof(AnyPtr) == 24 && offsetof(AnyPtr, object) == 0);
 static_assert(offsetof(AnyPtr, descriptor) == 8 && offsetof(AnyPtr, keeper) == 16);

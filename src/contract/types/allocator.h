@@ -37,12 +37,16 @@ inline void* AllocateMemory(IAllocator* allocator, std::uint64_t size) {
   return memory;
 }
 
-// Gives back what AllocateMemory with the same allocator returned.
-inline void FreeMemory(IAllocator* allocator, void* memory) {
-  if (allocator) {
-    allocator->Free(memory);
-  } else {
+// Gives back what AllocateMemory with the same allocator returned. A Free that throws stays unseen: memory
+// goes back in destructors and on ways out, where a second exception would end the process.
+inline void FreeMemory(IAllocator* allocator, void* memory) noexcept {
+  if (!allocator) {
     std::free(memory);
+    return;
+  }
+  try {
+    allocator->Free(memory);
+  } catch (...) {
   }
 }
 
@@ -59,7 +63,7 @@ class Allocator {
   T* Allocate(std::uint64_t count) const {
     return static_cast<T*>(AllocateMemory(service_.Get(), count * sizeof(T)));
   }
-  void Free(T* memory) const { FreeMemory(service_.Get(), memory); }
+  void Free(T* memory) const noexcept { FreeMemory(service_.Get(), memory); }
 
   friend bool operator==(const Allocator& left, const Allocator& right) {
     return left.Service() == right.Service();

@@ -49,8 +49,15 @@ class Ref {
   }
   // Gives the reference up to the caller.
   [[nodiscard]] T* Detach() { return std::exchange(object_, nullptr); }
-  void Reset() {
-    if (T* old = std::exchange(object_, nullptr)) old->Release();
+  // The reference is given up even if the object's Release throws: destructors and ways out let nothing
+  // through.
+  void Reset() noexcept {
+    T* const old = std::exchange(object_, nullptr);
+    if (!old) return;
+    try {
+      old->Release();
+    } catch (...) {
+    }
   }
 
   // For an out argument of exactly this type. What was held is released first.

@@ -40,7 +40,7 @@ class SerObjDescriptorImpl final : public SerObjDescriptorHelper {
     try {
       CreateAt(memory, source);
     } catch (...) {
-      allocator->Free(memory);
+      FreeMemory(allocator, memory);
       throw;
     }
     return memory;

@@ -71,7 +71,7 @@ struct LocatorObjectFactory {
     Memory(const Memory&) = delete;
     Memory& operator=(const Memory&) = delete;
     ~Memory() {
-      if (block) allocator.Free(block);
+      if (block) FreeMemory(&allocator, block);
     }
     IAllocator& allocator;
     void* block;
@@ -83,7 +83,7 @@ struct LocatorObjectFactory {
     ObjectT* object;
     ~Destruction() {
       object->~ObjectT();
-      allocator.Free(object);
+      FreeMemory(&allocator, object);
     }
   };
 };
