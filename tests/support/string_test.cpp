@@ -1,6 +1,5 @@
 #include "types/basic_string.h"
 
-#include <stdexcept>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -11,7 +10,6 @@ namespace {
 
 using fakes::FakeAllocator;
 using zel::string;
-using zel::wstring;
 
 const std::string longText = "a text that is too long for the buffer inside";
 
@@ -91,21 +89,6 @@ TEST(String, CopiesMovesAndSwapsFollowTheAllocator) {
     EXPECT_EQ(left.allocator.Service(), one.Get());
     EXPECT_EQ(moved.allocator.Service(), nullptr);
   }
-}
-
-TEST(String, RefusesLengthsBeyondTheLimit) {
-  string text("abc");
-  wstring wide(u"abc");
-  // Volatile, so that the compiler doesn't foresee what can't be allocated.
-  const volatile std::uint64_t narrowLimit = 0xfffffffffffffffe - 3, wideLimit = 0x7fffffffffffffff - 3;
-  EXPECT_THROW(text.reserve_extra(narrowLimit), std::length_error);
-  EXPECT_THROW(wide.reserve_extra(wideLimit), std::length_error);
-  EXPECT_THROW(text.resize_extra_at(3, narrowLimit), std::length_error);
-  // One below the limit it is only memory that is missing.
-  EXPECT_THROW(text.reserve_extra(narrowLimit - 1), std::bad_alloc);
-  EXPECT_THROW(wide.reserve_extra(wideLimit - 1), std::bad_alloc);
-  ExpectText<char>(text, "abc");
-  ExpectText<char16_t>(wide, u"abc");
 }
 
 }  // namespace

@@ -93,9 +93,10 @@ struct basic_string_t {
       : allocator(service) {
     append(text.data(), text.size());
   }
-  // An empty string with room for exactly that many characters, if they don't fit in the inline buffer.
+  // An empty string with room for exactly that many characters if they are more than 15. Up to 15 it keeps
+  // its inline buffer, which in a wide string has room for 7.
   explicit basic_string_t(WithCapacity wanted, IAllocator* service = nullptr) : allocator(service) {
-    if (wanted.characters <= inlineCapacity) return;
+    if (wanted.characters <= 15) return;
     if (wanted.characters >= lengthLimit) throw std::length_error("zel::basic_string_t constructor");
     data = allocator.Allocate(wanted.characters + 1);
     capacity = wanted.characters;
@@ -179,9 +180,7 @@ struct basic_string_t {
   // Puts a text in front of the string. The text may be a piece of this very string.
   void insert(const C* text, std::uint64_t count) {
     if (count == 0) return;
-    const std::less<const C*> before;
-    const bool outside = !before(data, text + count) || !before(text, data + size);
-    if (outside) {
+    if (!Overlaps(text, count)) {
       DeferredRelease<C> deferred;
       resize_extra_at(0, count, &deferred);
       Traits::move(data, text, count);
@@ -226,6 +225,14 @@ struct basic_string_t {
     }
     data = block.data;
     capacity = block.capacity;
+  }
+  // No end of the text is formed: with a count that no text has, it would be no pointer.
+  bool Overlaps(const C* text, std::uint64_t count) const {
+    const std::less<const C*> before;
+    if (!before(text, data + size)) return false;
+    if (!before(text, data)) return true;
+    const auto bytesBefore = reinterpret_cast<std::uintptr_t>(data) - reinterpret_cast<std::uintptr_t>(text);
+    return count > bytesBefore / sizeof(C);
   }
   void FreeBlock() {
     if (!IsInline()) allocator.Free(data);

@@ -21,9 +21,10 @@ std::uint64_t BoundedLength(const char* text, std::int32_t most) {
 
 std::uint64_t AppendFill(wstring* out, std::uint64_t count, std::uint32_t fill) {
   if (fill >= 0x10000 || count == 0) return 0;
-  const std::uint64_t oldSize = out->size;
-  out->resize_extra_at(oldSize, count);
-  char_traits<char16_t>::fill(out->data + oldSize, count, static_cast<char16_t>(fill));
+  out->reserve_extra(count);
+  char_traits<char16_t>::fill(out->data + out->size, count, static_cast<char16_t>(fill));
+  out->size += count;
+  out->data[out->size] = u'\0';
   return count;
 }
 
