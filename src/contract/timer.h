@@ -29,6 +29,7 @@ class ITimerService : public IObject {
   // Forgets the pending firing, if any. Called from inside Run too, under the same lock.
   virtual ResultCode DisarmTimer(IRunnable* sink) = 0;
   // Forgets the pending firing and returns only when no Run of this sink is in progress and none can begin.
+  // A failure and an exception promise the same: the sink goes once the call is over.
   virtual ResultCode CancelTimer(IRunnable* sink) = 0;
 
  protected:

@@ -96,16 +96,17 @@ void VeldReportSenderImpl::FinalRelease() {
     if (currentRequest) TearDown([&] { currentRequest->Cancel(); });
   }
   timerSink.Stop();
+  // The service's word counts on every way out of CancelTimer, also with a failure or an exception: no Run is
+  // in progress and none can begin. Nothing else could be waited for, since a firing that the service still
+  // holds would begin after any wait.
   TearDown([&] { timerSink.Cancel(); });
   if (!queueFactory) return;
-  TearDown([&] {
-    try {
-      // Nobody else is left, so the live record is read without its lock.
-      QueuePendingData(live);
-    } catch (...) {
-      zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::FinalRelease");
-    }
-  });
+  try {
+    // Nobody else is left, so the live record is read without its lock.
+    QueuePendingData(live);
+  } catch (...) {
+    zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::FinalRelease");
+  }
 }
 
 zel::ResultCode VeldReportSenderImpl::SendStatistic(zel::AnyPtr data) {
@@ -121,8 +122,11 @@ zel::ResultCode VeldReportSenderImpl::SendStatistic(const zel::string& consumer,
     result =
         zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::SendStatistic");
   }
-  TraceSubmission(consumer, data, result);
-  // The outcome of the attempt reaches nobody but the trace line.
+  // The outcome of the attempt reaches nobody but the trace line, and a tracer that throws reaches nobody.
+  try {
+    TraceSubmission(consumer, data, result);
+  } catch (...) {
+  }
   return zel::sOk;
 }
 

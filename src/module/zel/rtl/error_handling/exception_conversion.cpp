@@ -98,14 +98,15 @@ ResultCode ReportCaughtException(ITracer* tracer, const char* functionName) {
 }
 
 ResultCode ReportCaughtException(IServiceLocator* locator, const char* functionName) {
-  Ref<ITracer> tracer;
   try {
+    Ref<ITracer> tracer;
     // A locator without a tracer only costs the line.
     static_cast<void>(GetInterface(locator, tracer));
+    return ReportCaughtException(tracer.Get(), functionName);
   } catch (...) {
-    // And so does one that throws: what is being reported counts.
+    // And so does a host that throws here: what is being reported counts.
   }
-  return ReportCaughtException(tracer.Get(), functionName);
+  return ReportCaughtException(static_cast<ITracer*>(nullptr), functionName);
 }
 
 ResultCode ExceptionToResultCode() {

@@ -15,7 +15,8 @@ namespace zel {
 // ResultCodeException's own, 0 included; 0x80000041 for std::bad_alloc; 0x8000004b for all else, among them
 // std::length_error. `tracer` may be null.
 ResultCode ReportCaughtException(ITracer* tracer, const char* functionName);
-// The same with the locator's tracer, if it has one. `locator` isn't null.
+// The same with the locator's tracer, if it has one. `locator` isn't null. Throws nothing: what stands in the
+// way of the line only costs the line.
 ResultCode ReportCaughtException(IServiceLocator* locator, const char* functionName);
 
 // What an exception line opens with, and how much it matters.
