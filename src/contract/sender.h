@@ -71,9 +71,9 @@ class IVeldReportSenderSettings : public zel::IObject {
  public:
   static constexpr zel::InterfaceId iid = 0xfbec0393;
   // Replaces the settings as one step, or changes nothing: 0x80000046 "Invalid argument" if `consumers` has
-  // neither no elements nor as many as `urls`, 0x8000004b if the HTTP client refuses the certificates. Lets
-  // std::bad_alloc pass. The next send cycle brings the queues in line; queues of other urls are removed
-  // then. Threads: any, after Construct.
+  // neither no elements nor as many as `urls`, 0x8000004b if the HTTP client refuses the certificates or a
+  // service throws. Lets std::bad_alloc pass, and nothing else. The next send cycle brings the queues in
+  // line; queues of other urls are removed then. Threads: any, after Construct.
   virtual zel::ResultCode SetSettings(const SenderSettings& settings) = 0;
   // Answers 0x80000043 "Not implemented".
   virtual zel::ResultCode ReservedSettingsOperation() = 0;

@@ -1,10 +1,12 @@
 // The sender's settings: from the host's record to the sorted working table, all or nothing.
 #include <algorithm>
 #include <array>
+#include <new>
 
 #include "facade/veld_report/src/veld_report_sender.h"
 #include "trace/trace_stream.h"
 #include "types/text_conversion.h"
+#include "zel/rtl/error_handling/exception_conversion.h"
 
 namespace orvel::veld_report {
 namespace {
@@ -49,16 +51,40 @@ zel::ResultCode BuildTable(crypto::hash::IHashCalculatorFactory& hashes, const z
   return zel::sOk;
 }
 
-bool UpdateCertificates(network_services::IHttpClientCertificates& target,
-                        const zel::vector_t<network_services::CertificateRow>& certificates) {
-  const network_services::CertificateRange range{certificates.first, certificates.last};
-  return !zel::Failed(target.SetCertificates(&range));
+// A client that throws hasn't taken them. `target` stays with the caller, who releases it last.
+bool UpdateCertificates(network_services::IHttpClient& client,
+                        const zel::vector_t<network_services::CertificateRow>& certificates,
+                        zel::Ref<network_services::IHttpClientCertificates>& target) {
+  try {
+    const zel::ResultCode queried =
+        client.QueryInterface(network_services::IHttpClientCertificates::iid, target.OutVoid());
+    if (zel::Failed(queried)) return false;
+    const network_services::CertificateRange range{certificates.first, certificates.last};
+    return !zel::Failed(target->SetCertificates(&range));
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (...) {
+    return false;
+  }
 }
 
 }  // namespace
 
 zel::ResultCode VeldReportSenderImpl::SetSettings(const SenderSettings& settings) {
   if (!constructed.load(std::memory_order_acquire)) return zel::eNotInitialized;
+  try {
+    return ReplaceSettings(settings);
+  } catch (const std::bad_alloc&) {
+    // The one failure that the caller gets as an exception. Like the others it has changed nothing.
+    throw;
+  } catch (...) {
+    // Without a tracer it writes no line, like a hash service that fails.
+    return zel::ReportCaughtException(static_cast<zel::ITracer*>(nullptr), nullptr);
+  }
+}
+
+// Everything that can fail comes before TakeSettings, which can't.
+zel::ResultCode VeldReportSenderImpl::ReplaceSettings(const SenderSettings& settings) {
   zel::TraceLine(tracer.Get(), zel::normalLevel, [&](zel::TraceStream& line) {
     line.PutText("VeldReportSenderImpl::SetSettings called... New settings: ")
         .PutUInt64(settings.urls.size());
@@ -82,14 +108,16 @@ zel::ResultCode VeldReportSenderImpl::SetSettings(const SenderSettings& settings
   });
 
   zel::Ref<network_services::IHttpClientCertificates> target;
-  const zel::ResultCode queried =
-      httpClient->QueryInterface(network_services::IHttpClientCertificates::iid, target.OutVoid());
-  if (zel::Failed(queried) || !UpdateCertificates(*target, certificates)) {
+  if (!UpdateCertificates(*httpClient, certificates, target)) {
     zel::TraceText(tracer.Get(), zel::failureLevel, "Cann't update certificates for urls");
     return zel::eUnspecifiedError;
   }
   TakeSettings(settings, table);
-  static_cast<void>(timerSink.Arm(settingsDelayMs));
+  try {
+    static_cast<void>(timerSink.Arm(settingsDelayMs));
+  } catch (...) {
+    // The settings are in force, whatever becomes of the timer.
+  }
   return zel::sOk;
 }
 

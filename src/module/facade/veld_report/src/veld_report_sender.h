@@ -72,7 +72,8 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   void Submit(const zel::string& consumer, const zel::AnyPtr& data);
   void TraceSubmission(const zel::string& consumer, const zel::AnyPtr& data, zel::ResultCode result);
 
-  // Settings.
+  // Settings. Throws what a service throws, with nothing changed.
+  zel::ResultCode ReplaceSettings(const SenderSettings& settings);
   void TakeSettings(const SenderSettings& settings, zel::vector_t<ConsumerEndpoint>& table);
 
   // The send cycle: the callback of `timerSink`.
