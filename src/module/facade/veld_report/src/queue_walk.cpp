@@ -77,7 +77,8 @@ void VeldReportSenderImpl::AddToPacket(QueueVisit& visit) {
   try {
     visit.callback->tokens.push_back(visit.token);
   } catch (...) {
-    // The callback doesn't know this one, so it can't give it back.
+    // The callback doesn't know this one, so it can't give it back. The others go first, in reading order.
+    visit.callback.Reset();
     visit.consumer->ReturnItem(&visit.token);
     throw;
   }

@@ -29,7 +29,9 @@ void TearDown(Step&& step) noexcept {
 }  // namespace
 
 VeldReportSenderImpl::VeldReportSenderImpl(zel::IServiceLocator* source)
-    : ObjectRootEx(source), ServiceProvider(source) {}
+    : ObjectRootEx(source), ServiceProvider(source) {
+  requestOptions.headers = zel::vector_t<network_services::HttpHeader>(allocator.Get());
+}
 
 VeldReportSenderImpl::~VeldReportSenderImpl() = default;
 
@@ -59,7 +61,8 @@ zel::ResultCode VeldReportSenderImpl::Construct(const SenderSettings& settings) 
     zel::Ref<network_services::IHttpClientFactory> clientFactory;
     Require(zel::GetInterface(locator.Get(), clientFactory), site::getHttpClientFactory);
     Require(clientFactory->CreateClient(httpClient.Out()), site::createHttpClient);
-    requestOptions.headers.push_back({zel::string("Content-Type"), zel::string("application/json")});
+    requestOptions.headers.push_back(
+        {zel::string("Content-Type", allocator.Get()), zel::string("application/json", allocator.Get())});
 
     const auto note = [&](std::string_view text) { zel::TraceText(tracer.Get(), zel::normalLevel, text); };
     note("INetworkInformationProvider is not used in this BSK version");
