@@ -1,5 +1,5 @@
-// A host's Free or Release that throws: whoever gives memory or a reference back has done so all the same, and
-// goes on.
+// A host's Free or Release that throws: whoever gives memory or a reference back has done so all the same,
+// and goes on.
 
 #include <cstdlib>
 #include <functional>

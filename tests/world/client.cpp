@@ -170,7 +170,10 @@ zel::ResultCode Client::MakeRequestAsync(const zel::wstring& url,
   made->id = ++host.requests;
   CheckRequest(url, *body, *made);
   const bool options_ = options.headers.size() == 1 && options.headers[0].name.View() == "Content-Type" &&
-                        options.headers[0].value.View() == "application/json" && options.shortParameter == 30;
+                        options.headers[0].value.View() == "application/json" &&
+                        options.headers.allocator.Service() == &host.services->allocator &&
+                        options.headers[0].value.allocator.Service() == &host.services->allocator &&
+                        options.shortParameter == 30;
   if (!options_ || *requestKind != 1 || reserved || *request)
     host.Fail(invariant::calls, "arguments of a request");
   made->references = 0;

@@ -53,7 +53,8 @@ enum class Lie {
   reference,
   memory,
   push,
-  silence
+  silence,
+  cleanUp  // Free and Release throw, their work done; the module may not notice
 };
 
 struct Record {
@@ -146,6 +147,8 @@ class Host {
   std::vector<Step> plans;      // faults and entries that wait for their calls
   std::deque<Step> answers;
   std::function<void(const Step& step)> enter;  // lets another thread in
+  // Called for each buffer of a line, with its level, and with 0 for a line that is handed in. May throw.
+  std::function<void(std::uint32_t level)> traced;
 
   // Of the sender that stands.
   int missing = 0;
@@ -209,6 +212,7 @@ class Fake : public Interfaces..., public Tomb {
     Use();
     if (references == 0) return 0;
     if (--references == 0) OnEnd();
+    if (host.lie == Lie::cleanUp) throw Scripted();
     return references;
   }
   zel::ResultCode QueryInterface(zel::InterfaceId interfaceId, void** out) override {

@@ -86,6 +86,7 @@ class Model {
   void Construct();
   void Submit();
   zel::ResultCode SetSettings();
+  zel::ResultCode ReplaceSettings(const Settings& settings);
   void Arm(std::uint32_t delayMs);
   void Release();
   void FinishRelease();

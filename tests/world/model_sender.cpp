@@ -73,6 +73,14 @@ zel::ResultCode Model::SetSettings() {
   const Settings settings = settings_.front();
   settings_.pop_front();
   if (!sender_.constructed) return zel::eNotInitialized;
+  try {
+    return ReplaceSettings(settings);
+  } catch (const Thrown&) {
+    return zel::eUnspecifiedError;
+  }
+}
+
+zel::ResultCode Model::ReplaceSettings(const Settings& settings) {
   Snapshot made;
   for (const Row& row : settings.rows) {
     for (const Op op : {Op::createCalculator, Op::update, Op::finish}) {
@@ -93,7 +101,11 @@ zel::ResultCode Model::SetSettings() {
   sender_.updateFlags = settings.queueLimitKb != sender_.queueLimitKb ? 3 : 2;
   sender_.queueLimitKb = settings.queueLimitKb;
   sender_.live = made;
-  Arm(submissionDelayMs);
+  try {
+    Arm(submissionDelayMs);
+  } catch (const Thrown&) {
+    // They are in force.
+  }
   return 0;
 }
 

@@ -138,20 +138,11 @@ void Model::Complete(const Record& record) {
 
 void Model::GiveBack(RequestState& request) {
   if (request.reader == 0) return;
-  auto& tokens = request.tokens;
-  if (request.lastUncertain) {
-    // Memory ran out between the item and its token's place in the request: who has no place for a token may
-    // give it back at once, or leave it to the reader's end.
-    const Record* next = Peek();
-    if (!next || next->op != Op::returnItem || next->b == tokens.back()) {
-      if (next && next->op == Op::returnItem) SettleQuietly(Op::returnItem, request.reader, tokens.back());
-      tokens.pop_back();
-    }
-  }
-  for (const std::uint64_t token : tokens) {
+  for (const std::uint64_t token : request.tokens) {
     const Record* next = Peek();
     const bool here = next && next->op == Op::returnItem && next->b == token;
-    if (!here && request.lastUncertain && token == tokens.back()) return;
+    // Without memory for a request the token of its first item is left to the reader's end.
+    if (!here && request.lastUncertain && token == request.tokens.back()) return;
     SettleQuietly(Op::returnItem, request.reader, token);
   }
 }

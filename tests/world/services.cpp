@@ -41,12 +41,14 @@ void HostAllocator::Free(void* memory) {
   block[0] = 0;
   --host.blocks;
   std::free(block);
+  if (host.lie == Lie::cleanUp) throw Scripted();
 }
 
 zel::ResultCode Tracer::AcquireBuffer(std::uint32_t level, char** buffer, std::uint64_t size) {
   Use();
   if (Locks::Held() != 0) host.Fail(invariant::locks, "a trace line with a lock held");
   if (!host.trace || size > buffer_.size()) return 1;
+  if (host.traced) host.traced(level);
   if (level != growLevel) *buffer = buffer_.data();
   return zel::sOk;
 }
@@ -64,6 +66,7 @@ zel::ResultCode Tracer::CommitBuffer(char* buffer, std::uint64_t length) {
   } else if (line.find("Threre are no more data to send.") != line.npos) {
     host.Append({.op = Op::totals});
   }
+  if (host.traced) host.traced(0);
   return zel::sOk;
 }
 
