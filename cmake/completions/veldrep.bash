@@ -1,7 +1,10 @@
-# bash completion for veldrep. Commands and options come from the program's own help, so they never lag behind.
+# bash completion for veldrep. Commands and options are read from the program's help, so they are always up to date.
 
+# The options of a command and of those above it, which it takes too. Examples in the help don't count.
 _veldrep_options() {
-  "$@" --help 2>/dev/null | grep -oE -- '(^|[ ,])-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
+  local i
+  for ((i = 1; i <= $#; ++i)); do "${@:1:i}" --help 2>/dev/null; done |
+    grep -E '^ +-' | grep -oE -- '[ ,]-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
 }
 
 _veldrep_commands() {

@@ -12,10 +12,17 @@ function __veldrep_commands
     $argv --help 2>/dev/null | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z][a-z-]*\).*/\1/p'
 end
 
+# The options of a command and of those above it, which it takes too. Examples in the help don't count.
+function __veldrep_options
+    for i in (seq (count $argv))
+        $argv[1..$i] --help 2>/dev/null
+    end | grep -E '^ +-' | grep -oE -- '[ ,]-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
+end
+
 function __veldrep_words
     set -l command (__veldrep_command)
     if string match -q -- '-*' (commandline -ct)
-        $command --help 2>/dev/null | grep -oE -- '(^|[ ,])-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
+        __veldrep_options $command
     else
         __veldrep_commands $command
     end
