@@ -2,71 +2,75 @@
 // has to work or to be refused with a sentence, and what opens has to be a working store.
 //
 // What is promised depends on where the damage is. In the log every frame has a checksum, so what comes back
-// is exactly what stood there, up to some commit. The file has none, so a change inside an item's bytes goes
-// unnoticed and the item comes back changed; only its order, its token and the figures' balance can be asked.
-#include <set>
+// is exactly what stood there after one of the calls. The file has none, so a change inside an item's bytes
+// goes unnoticed and the item comes back changed; only its order and its token can be asked for.
+#include <fstream>
 #include <vector>
 
 #include "fuzz/input.h"
 #include "host/queue/queue_service.h"
-#include "tests/common/files.h"
-#include "tests/common/temporary_folder.h"
-#include "tests/host/queue_items.h"
+#include "tests/host/queue_test_tools.h"
+#include "tests/host/store_model.h"
 
 namespace {
 
+using namespace veld_report::tests;
 using veld_report::fuzz::Input;
 using veld_report::fuzz::Require;
 using veld_report::host::QueueService;
-using veld_report::tests::PushText;
-using veld_report::tests::ReadAll;
-using veld_report::tests::ReadFile;
 namespace fs = std::filesystem;
 
-constexpr const char* names[] = {"alpha", "beta"};
-constexpr std::size_t most = 1000;
+// Operations on a service. What they expect ends the run if it isn't so.
+class Store : public QueueOperations {
+ public:
+  explicit Store(zel::Ref<QueueService> opened) : service(std::move(opened)) {}
+  using QueueOperations::Producer, QueueOperations::Reader, QueueOperations::Push, QueueOperations::Waiting;
 
-zel::Ref<orvel::IQueueProducer> Producer(QueueService& service, const std::string& queue) {
-  zel::Ref<orvel::IQueueProducer> made;
-  const auto code = service.CreateProducer(zel::string("veld_rep"), zel::string(queue), 1 << 28, made.Out());
-  Require(code == zel::sOk, "no producer");
-  return made;
-}
-zel::Ref<orvel::IAckConsumer> Reader(QueueService& service, const std::string& queue) {
-  zel::Ref<orvel::IAckConsumer> made;
-  const auto code = service.CreateAckConsumer(zel::string("veld_rep"), zel::string(queue), made.Out());
-  Require(code == zel::sOk, "no reader");
-  return made;
-}
+  const zel::Ref<QueueService> service;
+
+ private:
+  orvel::IQueueFactory& Factory() override { return *service; }
+};
 
 // The two files as a killed process leaves them: most in the file, the last changes in the log.
 struct Prepared {
-  veld_report::tests::TemporaryFolder folder;
+  TemporaryFolder folder;
   std::string file, log;
-  std::set<std::string> items;
+  std::vector<StoreModel> states;  // after each call whose change stands in the log
 
   Prepared() {
+    testing::GTEST_FLAG(throw_on_failure) = true;
     const veld_report::host::QueueServiceOptions options{.folder = folder.Path()};
-    const auto push = [&](QueueService& service, std::size_t from, std::size_t count) {
+    StoreModel model;
+    const auto push = [&](Store& store, std::size_t from, std::size_t count) {
       for (std::size_t i = from; i < from + count; ++i) {
+        const std::string queue = i % 2 == 0 ? "alpha" : "beta";
         // Some larger than a page, so that there are overflow pages.
         const std::string text =
-            std::to_string(i) + std::string(i % 9 == 0 ? 5000 : 60 + i, static_cast<char>('a' + i % 26));
-        items.insert(text);
-        Require(PushText(*Producer(service, names[i % 2]), text) == zel::sOk, "Push of the preparation");
+            Numbered(i) + std::string(i % 9 == 0 ? 5000 : 60 + i, static_cast<char>('a' + i % 26));
+        model.Pushed(queue, text, PushText(*store.Producer(queue), text));
+        states.push_back(model);
       }
     };
-    push(*QueueService::Open(options), 0, 40);
-    const auto service = QueueService::Open(options);
-    push(*service, 40, 10);
-    const auto reader = Reader(*service, names[0]);
-    for (const auto& item : ReadAll(*reader, 3)) reader->Ack(&item.token);
-    service->Commit();
-    push(*service, 50, 5);
-    service->Commit();
+    {
+      Store store(QueueService::Open(options));
+      push(store, 0, 40);
+    }
+    states = {model};
+    Store store(QueueService::Open(options));
+    push(store, 40, 10);
+    const auto reader = store.Reader("alpha");
+    for (int i = 0; i < 3; ++i) {
+      model.Visit("alpha", *reader, 1, [](std::size_t) { return Fate::acknowledged; });
+      states.push_back(model);
+    }
+    store.service->Commit();
+    push(store, 50, 5);
+    store.service->Commit();
     file = ReadFile(folder.Path() / "veld_rep.queue");
     log = ReadFile(folder.Path() / "veld_rep.queue-wal");
     Require(!file.empty() && !log.empty(), "the preparation");
+    Require(StoreModel::Of(*store.service) == model, "the preparation's model");
   }
 };
 
@@ -106,45 +110,38 @@ zel::Ref<QueueService> Open(const fs::path& folder) {
   }
 }
 
-void RequireWorking(QueueService& service, const std::set<std::string>& items, bool exact) {
-  std::set<std::string> seen;
+// Empties every queue. Of a sound store nothing is left then, and a new item is the newest.
+void RequireWorking(Store& store, bool sound) {
   std::uint64_t last = 0;
-  std::vector<std::string> queues;
-  for (const auto& info : service.ListQueues()) queues.push_back(info.name);
-  for (const auto& queue : queues) {
-    service.PeekItems(queue, 3);
-    const auto reader = Reader(service, queue);
+  for (const auto& info : store.service->ListQueues()) {
+    store.service->PeekItems(info.name, 3);
     std::uint64_t before = 0;
-    for (const auto& item : ReadAll(*reader, most)) {
+    const auto reader = store.Reader(info.name);
+    for (const auto& item : ReadAll(*reader, 1000)) {
       Require(item.token > before, "tokens out of order");
-      before = item.token;
-      if (exact) Require(items.contains(item.bytes), "an item that nobody has pushed");
-      if (exact) Require(seen.insert(item.bytes).second, "an item came twice");
-      Require(zel::Failed(reader->Ack(&item.token)) == false || !exact, "Ack of a sound store fails");
+      last = std::max(last, before = item.token);
+      Require(reader->Ack(&item.token) == zel::sOk || !sound, "Ack of a sound store fails");
     }
-    last = std::max(last, before);
-  }
-  service.Commit();
-  for (const auto& queue : queues) {
+    store.service->Commit();
     // What is damaged beyond reading fails with another code.
     zel::vector_t<std::uint8_t> data;
     std::uint64_t token = 0;
-    if (Reader(service, queue)->Read(&data, &token) != zel::eNotFound) continue;
-    Require(service.Ledgers()[queue].waiting.items == 0, "something waits that isn't handed out");
+    Require(store.Reader(info.name)->Read(&data, &token) != zel::eNotFound ||
+                store.service->Ledgers()[info.name].waiting.items == 0,
+            "something waits that isn't handed out");
   }
-  if (!exact) return;
-  for (const auto& [name, ledger] : service.Ledgers())
-    Require(ledger.IsBalanced(), "a ledger without balance");
-  Require(PushText(*Producer(service, "fresh"), "new") == zel::sOk, "Push after damage fails");
-  const auto item = veld_report::tests::ReadOne(*Reader(service, "fresh"));
+  if (!sound) return;
+  store.Push("fresh", "new");
+  const auto item = ReadOne(*store.Reader("fresh"));
   Require(item && item->bytes == "new" && item->token > last, "a new item doesn't come back as the newest");
+  Require(StoreModel::Of(*store.service).Items("fresh") == Strings{"new"}, "figures without balance");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const Prepared prepared;
-  static const veld_report::tests::TemporaryFolder work;
+  static const TemporaryFolder work;
   Input in(data, size);
   std::string file = prepared.file, log = prepared.log;
   const bool logOnly = in.OneIn(2);
@@ -154,10 +151,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fs::create_directory(folder);
   std::ofstream(folder / "veld_rep.queue", std::ios::binary) << file;
   std::ofstream(folder / "veld_rep.queue-wal", std::ios::binary) << log;
-  {
-    const auto service = Open(folder);
-    if (service) RequireWorking(*service, prepared.items, logOnly);
-    Require(service || !logOnly, "damage in the log alone is refused");
+  if (auto opened = Open(folder)) {
+    Store store(std::move(opened));
+    Require(!logOnly || std::ranges::count(prepared.states, StoreModel::Of(*store.service)) != 0,
+            "it holds what no call left");
+    RequireWorking(store, logOnly);
+  } else {
+    Require(!logOnly, "damage in the log alone is refused");
   }
   // What was acknowledged is gone, and what was repaired stays sound.
   if (const auto again = Open(folder); again && logOnly) {

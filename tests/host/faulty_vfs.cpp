@@ -39,10 +39,10 @@ int Read(sqlite3_file* file, void* buffer, int bytes, sqlite3_int64 offset) {
   return Original(file).xRead(file, buffer, bytes, offset);
 }
 int Write(sqlite3_file* file, const void* buffer, int bytes, sqlite3_int64 offset) {
-  if (!Fails(Operation::kWrite)) {
+  if (!Fails(Operation::write)) {
     const int code = Original(file).xWrite(file, buffer, bytes, offset);
     const std::string_view written(static_cast<const char*>(buffer), static_cast<std::size_t>(bytes));
-    if (code == SQLITE_OK) Tell({FaultyVfs::Event::kWrite, file, {}, offset, written});
+    if (code == SQLITE_OK) Tell({FaultyVfs::Event::write, file, {}, offset, written});
     return code;
   }
   // As a full disk does it: a part is written.
@@ -50,31 +50,31 @@ int Write(sqlite3_file* file, const void* buffer, int bytes, sqlite3_int64 offse
   return SQLITE_FULL;
 }
 int Truncate(sqlite3_file* file, sqlite3_int64 size) {
-  if (Fails(Operation::kTruncate)) return SQLITE_IOERR_TRUNCATE;
+  if (Fails(Operation::truncate)) return SQLITE_IOERR_TRUNCATE;
   const int code = Original(file).xTruncate(file, size);
-  if (code == SQLITE_OK) Tell({FaultyVfs::Event::kTruncate, file, {}, size});
+  if (code == SQLITE_OK) Tell({FaultyVfs::Event::truncate, file, {}, size});
   return code;
 }
 int Sync(sqlite3_file* file, int) {
-  if (Fails(Operation::kSync)) return SQLITE_IOERR_FSYNC;
-  Tell({FaultyVfs::Event::kSync, file, {}});
+  if (Fails(Operation::sync)) return SQLITE_IOERR_FSYNC;
+  Tell({FaultyVfs::Event::sync, file, {}});
   return SQLITE_OK;
 }
 
 int FileSize(sqlite3_file* file, sqlite3_int64* size) {
-  return Fails(Operation::kFileSize) ? SQLITE_IOERR_FSTAT : Original(file).xFileSize(file, size);
+  return Fails(Operation::fileSize) ? SQLITE_IOERR_FSTAT : Original(file).xFileSize(file, size);
 }
 int Lock(sqlite3_file* file, int level) {
-  return Fails(Operation::kLock) ? SQLITE_IOERR_LOCK : Original(file).xLock(file, level);
+  return Fails(Operation::lock) ? SQLITE_IOERR_LOCK : Original(file).xLock(file, level);
 }
 // The memory that the connections of a store share beside its log.
 int ShmMap(sqlite3_file* file, int region, int bytes, int extend, void volatile** place) {
-  if (Fails(Operation::kShmMap)) return SQLITE_IOERR_SHMMAP;
+  if (Fails(Operation::shmMap)) return SQLITE_IOERR_SHMMAP;
   return Original(file).xShmMap(file, region, bytes, extend, place);
 }
 int ShmLock(sqlite3_file* file, int offset, int places, int flags) {
   // Giving a lock back can't fail.
-  if ((flags & SQLITE_SHM_LOCK) != 0 && Fails(Operation::kShmLock)) return SQLITE_IOERR_SHMLOCK;
+  if ((flags & SQLITE_SHM_LOCK) != 0 && Fails(Operation::shmLock)) return SQLITE_IOERR_SHMLOCK;
   return Original(file).xShmLock(file, offset, places, flags);
 }
 
@@ -103,22 +103,22 @@ const Methods* WithFaults(const sqlite3_io_methods* methods) {
 }
 
 int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* outFlags) {
-  if (Fails(Operation::kOpen)) {
+  if (Fails(Operation::open)) {
     file->pMethods = nullptr;
     return SQLITE_CANTOPEN;
   }
   const int code = original->xOpen(original, name, file, flags, outFlags);
   if (file->pMethods) file->pMethods = WithFaults(file->pMethods);
-  if (code == SQLITE_OK) Tell({FaultyVfs::Event::kOpen, file, name ? name : ""});
+  if (code == SQLITE_OK) Tell({FaultyVfs::Event::open, file, name ? name : ""});
   return code;
 }
 int Delete(sqlite3_vfs*, const char* name, int) {
-  if (Fails(Operation::kDelete)) return SQLITE_IOERR_DELETE;
-  Tell({FaultyVfs::Event::kDelete, nullptr, name});
+  if (Fails(Operation::remove)) return SQLITE_IOERR_DELETE;
+  Tell({FaultyVfs::Event::remove, nullptr, name});
   return original->xDelete(original, name, 0);
 }
 int Access(sqlite3_vfs*, const char* name, int flags, int* result) {
-  return Fails(Operation::kAccess) ? SQLITE_IOERR_ACCESS : original->xAccess(original, name, flags, result);
+  return Fails(Operation::access) ? SQLITE_IOERR_ACCESS : original->xAccess(original, name, flags, result);
 }
 
 }  // namespace

@@ -17,27 +17,27 @@ namespace veld_report::tests {
 class FaultyVfs {
  public:
   enum class Operation {
-    kNone,
+    none,
     read,
-    kWrite,
-    kSync,
-    kTruncate,
-    kOpen,
-    kDelete,
-    kAccess,
-    kFileSize,
-    kLock,
-    kShmMap,
-    kShmLock
+    write,
+    sync,
+    truncate,
+    open,
+    remove,
+    access,
+    fileSize,
+    lock,
+    shmMap,
+    shmLock
   };
 
-  // Something that has been done to a file, or is about to be for kDelete.
+  // Something that has been done to a file, or is about to be for remove.
   struct Event {
-    enum Kind { kOpen, kWrite, kTruncate, kSync, kDelete } kind;
-    const sqlite3_file* file;  // null for kDelete
-    std::string_view name;     // of kOpen and kDelete, with its path; a temporary file has none
-    std::int64_t offset = 0;   // of kWrite; the new size of kTruncate
-    std::string_view bytes{};  // of kWrite
+    enum Kind { open, write, truncate, sync, remove } kind;
+    const sqlite3_file* file;  // null for remove
+    std::string_view name;     // of open and remove, with its path; a temporary file has none
+    std::int64_t offset = 0;   // of write; the new size of truncate
+    std::string_view bytes{};  // of write
   };
 
   static constexpr char name[] = "faulty";
@@ -46,9 +46,9 @@ class FaultyVfs {
   // The operation of this kind with that number, from 1, fails; with `onwards` all after it as well. The
   // count starts here.
   static void FailAt(Operation operation, std::int64_t at, bool onwards);
-  static void Heal() { failing = Operation::kNone; }
+  static void Heal() { failing = Operation::none; }
 
-  static inline std::atomic<Operation> failing{Operation::kNone};
+  static inline std::atomic<Operation> failing{Operation::none};
   // How many operations have failed since FailAt.
   static inline std::atomic<std::int64_t> failures{0};
   // May be empty; to be changed only while no file is open. Hears of what succeeds only.

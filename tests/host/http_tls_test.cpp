@@ -6,6 +6,7 @@
 
 #include "host/http/http_client.h"
 #include "host/http/http_outcome.h"
+#include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
 #include "tests/host/http_fakes.h"
 #include "tests/host/scripted_server.h"
@@ -16,9 +17,13 @@ namespace {
 
 using host::HttpClientOptions;
 
+// The files in tests/host/tls, which say who has signed whom.
+const std::filesystem::path files = VELD_TLS_FILES;
+std::string File(const char* name) { return ReadFile(files / name); }
+
 struct TlsServer {
-  explicit TlsServer(const TestCertificate& certificate, int newest = TLS1_3_VERSION)
-      : context(ServerContext(certificate, newest)), server(ScriptedReply::Status(200), context.get()) {}
+  explicit TlsServer(const char* pem = "server.pem", int newest = TLS1_3_VERSION)
+      : context(ServerContext(files / pem, newest)), server(ScriptedReply::Status(200), context.get()) {}
   std::string Url() const { return server.Url(); }
 
   const std::shared_ptr<SSL_CTX> context;
@@ -33,18 +38,17 @@ struct TlsKit : HttpKit {
     return client.SetCertificates({elements});
   }
   zel::ResultCode CodeFor(const std::string& url) const { return client.Send(url)->code; }
+  zel::ResultCode CodeWith(const std::vector<std::string>& elements, const std::string& url) const {
+    EXPECT_EQ(SetCertificates(url, elements), zel::sOk);
+    return CodeFor(url);
+  }
 };
 
-class HttpTls : public testing::Test {
- protected:
-  const TestCertificate authority = TestCertificate::Authority("Test authority");
-  const TestCertificate other = TestCertificate::Authority("Other authority");
-  const TestCertificate certificate = TestCertificate::Server(authority);
-};
+const std::string ca = File("authority.pem"), wrongCa = File("other.pem");
+const std::string pin = File("server.pin"), wrongPin = File("other.pin");
 
-TEST_F(HttpTls, WithAnyGivenOnlyTheCertificatesOfTheUrlCount) {
-  const std::string ca = authority.Pem(), wrongCa = other.Pem();
-  const std::string pin = certificate.Pin(), wrongPin = other.Pin();
+TEST(HttpTls, WithAnyGivenOnlyTheCertificatesOfTheUrlCount) {
+  const std::string own = File("server.pem");  // after its key
   const struct {
     const char* what;
     std::vector<std::string> elements;
@@ -55,7 +59,7 @@ TEST_F(HttpTls, WithAnyGivenOnlyTheCertificatesOfTheUrlCount) {
       {"another authority", {wrongCa}, false},
       {"two authorities", {wrongCa, ca}, true},
       {"two in one element", {wrongCa + ca}, true},
-      {"the server's own certificate", {certificate.Pem()}, true},
+      {"the server's own certificate", {own.substr(own.find("-----BEGIN CERTIFICATE"))}, true},
       {"its pin", {pin}, true},
       {"another pin", {wrongPin}, false},
       {"two pins", {wrongPin, pin}, true},
@@ -63,92 +67,80 @@ TEST_F(HttpTls, WithAnyGivenOnlyTheCertificatesOfTheUrlCount) {
       {"authority and another pin", {ca, wrongPin}, false},
       {"another authority and the pin", {wrongCa, pin}, false},
   };
-  const TlsServer server(certificate);
+  const TlsServer server;
   for (const auto& each : cases) {
-    const TlsKit kit;
-    ASSERT_EQ(kit.SetCertificates(server.Url(), each.elements), zel::sOk) << each.what;
-    EXPECT_EQ(kit.CodeFor(server.Url()), each.trusted ? zel::sOk : host::eInvalidSignature) << each.what;
+    EXPECT_EQ(TlsKit().CodeWith(each.elements, server.Url()),
+              each.trusted ? zel::sOk : host::eInvalidSignature)
+        << each.what;
   }
 }
 
-TEST_F(HttpTls, AUrlsCertificatesReplaceThoseOfTheOptions) {
-  const TlsServer server(certificate);
+TEST(HttpTls, AUrlsCertificatesReplaceThoseOfTheOptions) {
+  const TlsServer server;
   const TemporaryFolder folder;
   HttpClientOptions byFile = Direct();
-  byFile.caFile = folder.Path() / "ca.pem";
-  std::ofstream(byFile.caFile) << authority.Pem();
+  byFile.caFile = files / "authority.pem";
   HttpClientOptions byFolder = Direct();
   byFolder.caDirectory = folder.Path();
-  std::ofstream(folder.Path() / authority.HashedName()) << authority.Pem();
+  // The name under which OpenSSL looks for "Test authority".
+  std::filesystem::create_symlink(files / "authority.pem", folder.Path() / "f20e0b1e.0");
   for (const HttpClientOptions& options : {byFile, byFolder}) {
     const TlsKit kit(options);
     EXPECT_EQ(kit.CodeFor(server.Url()), zel::sOk);
     // A kept connection, made under other rules, must not serve.
-    ASSERT_EQ(kit.SetCertificates(server.Url(), {other.Pem()}), zel::sOk);
-    EXPECT_EQ(kit.CodeFor(server.Url()), host::eInvalidSignature);
-    ASSERT_EQ(kit.SetCertificates(server.Url(), {certificate.Pin()}), zel::sOk);
-    EXPECT_EQ(kit.CodeFor(server.Url()), zel::sOk);
-    ASSERT_EQ(kit.SetCertificates(server.Url(), {other.Pin()}), zel::sOk);
-    EXPECT_EQ(kit.CodeFor(server.Url()), host::eInvalidSignature);
+    EXPECT_EQ(kit.CodeWith({wrongCa}, server.Url()), host::eInvalidSignature);
+    EXPECT_EQ(kit.CodeWith({pin}, server.Url()), zel::sOk);
+    EXPECT_EQ(kit.CodeWith({wrongPin}, server.Url()), host::eInvalidSignature);
   }
 }
 
-TEST_F(HttpTls, TheNameMustBeTheServersUnlessItsKeyIsPinned) {
-  const TlsServer server(certificate);
+TEST(HttpTls, TheNameMustBeTheServersUnlessItsKeyIsPinned) {
+  const TlsServer server;
   HttpClientOptions options = Direct();
   options.resolve = {"stats.example.test:" + std::to_string(server.server.Port()) + ":127.0.0.1"};
   const std::string url = server.server.Url("/", "stats.example.test");
   const TlsKit kit(options);
-  ASSERT_EQ(kit.SetCertificates(url, {authority.Pem()}), zel::sOk);
-  EXPECT_EQ(kit.CodeFor(url), host::eInvalidSignature);
-  ASSERT_EQ(kit.SetCertificates(url, {certificate.Pin()}), zel::sOk);
-  EXPECT_EQ(kit.CodeFor(url), zel::sOk);
+  EXPECT_EQ(kit.CodeWith({ca}, url), host::eInvalidSignature);
+  EXPECT_EQ(kit.CodeWith({pin}, url), zel::sOk);
 }
 
-TEST_F(HttpTls, RowsGoWithTheAnnouncedUrls) {
-  const TlsServer first(certificate);
-  const TlsServer second(TestCertificate::Server(other));
+TEST(HttpTls, RowsGoWithTheAnnouncedUrls) {
+  const TlsServer first;
+  const TlsServer second("stranger.pem");
   const TlsKit kit;
   kit.factory->AnnounceUrls({second.Url(), first.Url()});
-  ASSERT_EQ(kit.client.SetCertificates({{other.Pem()}, {authority.Pem()}}), zel::sOk);
+  ASSERT_EQ(kit.client.SetCertificates({{wrongCa}, {ca}}), zel::sOk);
   EXPECT_EQ(kit.CodeFor(first.Url()), zel::sOk);
   EXPECT_EQ(kit.CodeFor(second.Url()), zel::sOk);
   // A url that isn't in the table has no certificates of its own.
   EXPECT_EQ(kit.CodeFor(first.Url() + "?other"), host::eInvalidSignature);
 }
 
-TEST_F(HttpTls, ABadTableIsRefusedAndTheOldOneStays) {
-  const TlsServer server(certificate);
+TEST(HttpTls, ABadTableIsRefusedAndTheOldOneStays) {
+  const TlsServer server;
   const TlsKit kit;
-  ASSERT_EQ(kit.SetCertificates(server.Url(), {authority.Pem()}), zel::sOk);
-  const std::string truncated = authority.Pem().substr(0, 200);
-  const std::string bad[] = {"",
-                             "nonsense",
-                             truncated,
-                             authority.Pem() + truncated,
-                             "sha256//AAAA",
-                             "sha256//" + std::string(44, '!'),
-                             "sha1//" + std::string(27, 'A') + "="};
-  for (const std::string& element : bad) {
+  ASSERT_EQ(kit.SetCertificates(server.Url(), {ca}), zel::sOk);
+  const std::string truncated = ca.substr(0, 200);
+  for (const std::string& element :
+       {std::string(), std::string("nonsense"), truncated, ca + truncated, std::string("sha256//AAAA"),
+        "sha256//" + std::string(44, '!'), "sha1//" + std::string(27, 'A') + "="}) {
     EXPECT_EQ(kit.SetCertificates(server.Url(), {element}), zel::eInvalidArgument) << element;
   }
-  EXPECT_EQ(kit.SetCertificates("http://a.test/", {certificate.Pin()}), zel::eInvalidArgument);
+  EXPECT_EQ(kit.SetCertificates("http://a.test/", {pin}), zel::eInvalidArgument);
   // Certificates of two kinds for one url.
   kit.factory->AnnounceUrls({"https://a.test/", "https://a.test/"});
-  EXPECT_EQ(kit.client.SetCertificates({{certificate.Pin()}, {other.Pin()}}), zel::eInvalidArgument);
+  EXPECT_EQ(kit.client.SetCertificates({{pin}, {wrongPin}}), zel::eInvalidArgument);
   // Rows that no announcement explains; an announcement counts once.
-  EXPECT_EQ(kit.client.SetCertificates({{other.Pem()}}), zel::eInvalidArgument);
+  EXPECT_EQ(kit.client.SetCertificates({{wrongCa}}), zel::eInvalidArgument);
   kit.factory->AnnounceUrls({"https://a.test/", "https://b.test/"});
-  EXPECT_EQ(kit.client.SetCertificates({{other.Pem()}}), zel::eInvalidArgument);
+  EXPECT_EQ(kit.client.SetCertificates({{wrongCa}}), zel::eInvalidArgument);
   EXPECT_EQ(kit.CodeFor(server.Url()), zel::sOk);
 }
 
-TEST_F(HttpTls, VersionsBelow12AreRefused) {
+TEST(HttpTls, VersionsBelow12AreRefused) {
   for (const int version : {TLS1_1_VERSION, TLS1_2_VERSION, TLS1_3_VERSION}) {
-    const TlsServer server(certificate, version);
-    const TlsKit kit;
-    ASSERT_EQ(kit.SetCertificates(server.Url(), {authority.Pem()}), zel::sOk);
-    EXPECT_EQ(kit.CodeFor(server.Url()), version < TLS1_2_VERSION ? host::eMediaError : zel::sOk) << version;
+    const TlsServer server("server.pem", version);
+    EXPECT_EQ(TlsKit().CodeWith({ca}, server.Url()), version < TLS1_2_VERSION ? host::eMediaError : zel::sOk);
   }
 }
 

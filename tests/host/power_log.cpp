@@ -36,27 +36,27 @@ Disk::Disk(const DiskImage& synced) {
 
 void Disk::Do(const DiskStep& step) {
   switch (step.kind) {
-    case DiskStep::kWrite:
-    case DiskStep::kTruncate: {
+    case DiskStep::write:
+    case DiskStep::truncate: {
       Content& content = contents_[step.file];
       Apply(step, &content.whole);
       content.since.push_back(step);
       return;
     }
-    case DiskStep::kSync: {
+    case DiskStep::sync: {
       Content& content = contents_[step.file];
       content.synced = content.whole;
       content.since.clear();
       return;
     }
-    case DiskStep::kLink:
+    case DiskStep::link:
       contents_.try_emplace(step.file);
       [[fallthrough]];
-    case DiskStep::kUnlink:
+    case DiskStep::unlink:
       Apply(step, &whole_);
       since_.push_back(step);
       return;
-    case DiskStep::kSyncFolder:
+    case DiskStep::syncFolder:
       synced_ = whole_;
       since_.clear();
   }
@@ -64,7 +64,7 @@ void Disk::Do(const DiskStep& step) {
 
 void Disk::Apply(const DiskStep& step, std::string* content) {
   const auto offset = static_cast<std::size_t>(step.offset);
-  if (step.kind == DiskStep::kTruncate) {
+  if (step.kind == DiskStep::truncate) {
     content->resize(offset);
   } else {
     Put(step.text, offset, content);
@@ -72,7 +72,7 @@ void Disk::Apply(const DiskStep& step, std::string* content) {
 }
 
 void Disk::Apply(const DiskStep& step, Names* names) {
-  if (step.kind == DiskStep::kUnlink) {
+  if (step.kind == DiskStep::unlink) {
     names->erase(step.text);
   } else {
     (*names)[step.text] = step.file;
@@ -99,7 +99,7 @@ DiskImage Disk::Whole(const DiskStep* last, Random& random) const {
   DiskImage image;
   for (const auto& [name, file] : whole_) {
     std::string& content = image[name] = contents_.at(file).whole;
-    if (last && last->kind == DiskStep::kWrite && last->file == file) ApplyTorn(*last, &content, random);
+    if (last && last->kind == DiskStep::write && last->file == file) ApplyTorn(*last, &content, random);
   }
   return image;
 }
@@ -117,7 +117,7 @@ DiskImage Disk::Reordered(Random& random) const {
     for (const DiskStep& step : from.since) {
       if (Chance(share, random)) {
         Apply(step, &content);
-      } else if (step.kind == DiskStep::kWrite && Chance(0.1, random)) {
+      } else if (step.kind == DiskStep::write && Chance(0.1, random)) {
         ApplyTorn(step, &content, random);
       }
     }
@@ -141,22 +141,22 @@ std::size_t PowerLog::LogEnd() const {
 }
 
 bool PowerLog::IsLogSync(const DiskStep& step) const {
-  return step.kind == DiskStep::kSync && logs_.contains(step.file);
+  return step.kind == DiskStep::sync && logs_.contains(step.file);
 }
 
 void PowerLog::Note(const FaultyVfs::Event& event) {
   using Event = FaultyVfs::Event;
   const std::lock_guard lock(mutex_);
   const std::string name = fs::path(event.name).filename();
-  if (event.kind == Event::kDelete) {
-    if (names_.erase(name) != 0) steps_.push_back({DiskStep::kUnlink, 0, 0, name});
+  if (event.kind == Event::remove) {
+    if (names_.erase(name) != 0) steps_.push_back({DiskStep::unlink, 0, 0, name});
     return;
   }
-  if (event.kind == Event::kOpen) {
+  if (event.kind == Event::open) {
     open_.erase(event.file);
     if (name.empty()) return;
     const auto [entry, isNew] = names_.try_emplace(name, files_);
-    if (isNew) steps_.push_back({DiskStep::kLink, files_++, 0, name});
+    if (isNew) steps_.push_back({DiskStep::link, files_++, 0, name});
     open_[event.file] = {entry->second, IsLog(name) || IsJournal(name)};
     if (IsLog(name)) logs_.insert(entry->second);
     return;
@@ -164,13 +164,13 @@ void PowerLog::Note(const FaultyVfs::Event& event) {
   const auto found = open_.find(event.file);
   if (found == open_.end()) return;
   Open& file = found->second;
-  if (event.kind == Event::kSync) {
-    steps_.push_back({DiskStep::kSync, file.file});
-    if (std::exchange(file.syncsFolder, false)) steps_.push_back({DiskStep::kSyncFolder});
+  if (event.kind == Event::sync) {
+    steps_.push_back({DiskStep::sync, file.file});
+    if (std::exchange(file.syncsFolder, false)) steps_.push_back({DiskStep::syncFolder});
   } else {
-    const auto kind = event.kind == Event::kWrite ? DiskStep::kWrite : DiskStep::kTruncate;
+    const auto kind = event.kind == Event::write ? DiskStep::write : DiskStep::truncate;
     steps_.push_back({kind, file.file, event.offset, std::string(event.bytes)});
-    if (kind == DiskStep::kWrite && logs_.contains(file.file)) logEnd_ = steps_.size();
+    if (kind == DiskStep::write && logs_.contains(file.file)) logEnd_ = steps_.size();
   }
 }
 

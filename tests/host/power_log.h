@@ -23,10 +23,10 @@ using DiskImage = std::map<std::string, std::string>;  // content of each file, 
 
 // One step, of a file or of the folder.
 struct DiskStep {
-  enum Kind { kWrite, kTruncate, kSync, kLink, kUnlink, kSyncFolder } kind;
+  enum Kind { write, truncate, sync, link, unlink, syncFolder } kind;
   std::size_t file = 0;     // number of its content; a name that is used again stands for another one
-  std::int64_t offset = 0;  // the new size of kTruncate
-  std::string text{};       // bytes of kWrite, name of kLink and kUnlink
+  std::int64_t offset = 0;  // the new size of truncate
+  std::string text{};       // bytes of write, name of link and unlink
 };
 
 // The files of a folder behind some of the steps.

@@ -3,10 +3,10 @@
 #include <sys/mount.h>
 
 #include <iostream>
-#include <set>
 
 #include "tests/host/faulty_vfs.h"
 #include "tests/host/queue_test_tools.h"
+#include "tests/host/store_model.h"
 
 namespace veld_report::tests {
 namespace {
@@ -16,13 +16,6 @@ using testing::SizeIs;
 
 class QueueFaultsTest : public StoreTest {
  protected:
-  // What a store must hold in the end: what it has answered 0 to, and nothing else.
-  struct Expectation {
-    Strings a;
-    Strings b;
-    std::set<std::string> delivered;  // of a
-  };
-
   QueueFaultsTest() {
     FaultyVfs::Register();
     options.vfs = FaultyVfs::name;
@@ -33,38 +26,32 @@ class QueueFaultsTest : public StoreTest {
   }
   ~QueueFaultsTest() override { FaultyVfs::Heal(); }
 
-  void PushSome(const char* queue, int count, Strings* accepted) {
+  void PushSome(const char* queue, int count) {
     const auto producer = Producer(queue);
     for (int i = 0; i < count; ++i) {
       const std::string text = queue + std::to_string(number++) + std::string(400, '.');
       const zel::ResultCode answer = PushText(*producer, text);
       EXPECT_NE(answer, zel::eOutOfSpace);
-      if (answer == zel::sOk) accepted->push_back(text);
+      model.Pushed(queue, text, answer);
     }
   }
   // A visit that acknowledges 12 items and gives 3 back.
   void Deliver() {
-    const auto reader = Reader("a");
-    const auto items = ReadAll(*reader, 15);
-    for (std::size_t i = 0; i < items.size(); ++i) {
-      EXPECT_FALSE(expected.delivered.contains(items[i].bytes)) << "read after it was acknowledged";
-      EXPECT_EQ(i < 12 ? reader->Ack(&items[i].token) : reader->ReturnItem(&items[i].token), zel::sOk);
-      if (i < 12) expected.delivered.insert(items[i].bytes);
-    }
+    model.Visit("a", *Reader("a"), 15,
+                [](std::size_t i) { return i < 12 ? Fate::acknowledged : Fate::givenBack; });
   }
+  // What was answered 0 stands there in its order, nothing else does, and nothing counts as damaged. A
+  // failure may keep the store from booking what it refused.
   void Compare() {
-    Strings rest;
-    for (const std::string& text : expected.a) {
-      if (!expected.delivered.contains(text)) rest.push_back(text);
+    const StoreModel found = StoreModel::Of(*service);
+    for (const char* queue : {"a", "b", "c"}) {
+      EXPECT_EQ(found.Items(queue), model.Items(queue)) << queue;
+      EXPECT_EQ(Ledger(queue).damaged.items, 0);
+      EXPECT_EQ(Ledger(queue).delivered, model.Ledger(queue).delivered) << queue;
     }
-    EXPECT_EQ(Waiting("a"), rest);
-    EXPECT_EQ(Waiting("b"), expected.b);
-    EXPECT_THAT(Waiting("c"), IsEmpty());
-    for (const char* queue : {"a", "b", "c"}) EXPECT_EQ(Ledger(queue).damaged.items, 0);
-    EXPECT_EQ(Ledger("a").delivered.items, static_cast<std::int64_t>(expected.delivered.size()));
   }
 
-  Expectation expected;
+  StoreModel model;
   int number = 0;
 };
 
@@ -74,27 +61,27 @@ class FaultSweepTest : public QueueFaultsTest, public testing::WithParamInterfac
   void RunScenario() {
     zel::Ref<orvel::IQueueManager> manager;
     service->CreateQueueManager(zel::string(usualDomain), manager.Out());  // may fail to make the file, once
-    PushSome("a", 30, &expected.a);
-    PushSome("b", 10, &expected.b);
+    PushSome("a", 30);
+    PushSome("b", 10);
     Deliver();
-    if (Manager()->RemoveQueue(zel::string("b")) == zel::sOk) expected.b.clear();
-    PushSome("b", 5, &expected.b);
-    Strings forgotten;
-    PushSome("c", 5, &forgotten);
+    if (Manager()->RemoveQueue(zel::string("b")) == zel::sOk) model.Removed("b");
+    PushSome("b", 5);
+    PushSome("c", 5);
     try {
       service->ClearQueue("c");
     } catch (const host::StoreError&) {
       // Its items are gone all the same; that they may be readable is what it has said.
     }
+    model.Removed("c");
     Deliver();
   }
   // On a new store, or with `onwards` on one that has content. Returns whether the failure happened at all.
   bool RunWithFault(std::int64_t at, bool onwards) {
     options.folder = folder.Path() / (std::to_string(at) + (onwards ? " onwards" : " alone"));
-    expected = {};
+    model = {};
     if (onwards) {
       Open();
-      PushSome("a", 60, &expected.a);
+      PushSome("a", 60);
       service.Reset();
     }
     FaultyVfs::FailAt(GetParam(), at, onwards);
@@ -117,31 +104,25 @@ class FaultSweepTest : public QueueFaultsTest, public testing::WithParamInterfac
   }
 };
 
-TEST_P(FaultSweepTest, NothingThatWasAcceptedIsLostAndNothingDeliveredComesBack) {
+TEST_P(FaultSweepTest, NothingAcceptedIsLostNothingDeliveredComesBack) {
   for (const bool onwards : {false, true}) {
     std::int64_t at = 1;
     while (RunWithFault(at, onwards)) {
       ASSERT_FALSE(HasFailure()) << at << (onwards ? " and all after it" : "");
       ASSERT_LT(++at, 2000);
     }
-    std::cout << at - 1 << " operations failed" << (onwards ? ", with all behind them" : ", each alone")
+    std::cout << at - 1 << " operations failed" << (onwards ? ", with all after them" : ", each alone")
               << std::endl;
     RecordProperty(onwards ? "failed_onwards" : "failed_alone", static_cast<int>(at - 1));
     // Only a store that is made deletes anything.
-    EXPECT_TRUE(at > 1 || (onwards && GetParam() == FaultyVfs::Operation::kDelete)) << "there are none";
+    EXPECT_TRUE(at > 1 || (onwards && GetParam() == FaultyVfs::Operation::remove)) << "there are none";
   }
 }
 
-std::string OperationName(const testing::TestParamInfo<FaultyVfs::Operation>& operation) {
-  static constexpr const char* names[] = {"None",   "Read",   "Write",    "Sync", "Truncate", "Open",
-                                          "Delete", "Access", "FileSize", "Lock", "ShmMap",   "ShmLock"};
-  return names[static_cast<int>(operation.param)];
-}
 using enum FaultyVfs::Operation;
 INSTANTIATE_TEST_SUITE_P(, FaultSweepTest,
-                         testing::Values(read, kWrite, kSync, kTruncate, kOpen, kDelete, kAccess, kFileSize,
-                                         kLock, kShmMap, kShmLock),
-                         OperationName);
+                         testing::Values(read, write, sync, truncate, open, remove, access, fileSize, lock,
+                                         shmMap, shmLock));
 
 // A disk of its own that is small enough to be filled.
 class FullDiskTest : public QueueFaultsTest {
@@ -164,11 +145,11 @@ class FullDiskTest : public QueueFaultsTest {
   bool mounted = false;
 };
 
-TEST_F(FullDiskTest, PushesAreRefusedDeliveringGoesOnAndPushingResumesByItself) {
+TEST_F(FullDiskTest, AFullDiskRefusesPushesAndDeliveryGoesOn) {
   const auto ballast = options.folder / "ballast";
   Open();
-  PushSome("a", 400, &expected.a);
-  ASSERT_THAT(expected.a, SizeIs(400));
+  PushSome("a", 400);
+  ASSERT_THAT(model.Items("a"), SizeIs(400));
   std::ofstream stream(ballast, std::ios::binary);
   for (std::size_t size = 65536; size > 0; size /= 2) {
     while (stream << std::string(size, 'b') && stream.flush()) {
@@ -176,20 +157,20 @@ TEST_F(FullDiskTest, PushesAreRefusedDeliveringGoesOnAndPushingResumesByItself) 
     stream.clear();
   }
   stream.close();
-  PushSome("a", 3000, &expected.a);
-  EXPECT_LT(expected.a.size(), 3000u) << "the disk isn't full";
+  PushSome("a", 3000);
+  EXPECT_LT(model.Items("a").size(), 3000u) << "the disk isn't full";
   EXPECT_GT(Ledger("a").rejected.items, 0);
 
   for (int visit = 0; visit < 10; ++visit) Deliver();
-  EXPECT_THAT(expected.delivered, SizeIs(120));
+  EXPECT_EQ(model.Ledger("a").delivered.items, 120);
   EXPECT_TRUE(Eventually([&] { return service->Commit(); })) << "the acknowledgements reach the file";
   Open();
   Deliver();
-  EXPECT_THAT(expected.delivered, SizeIs(132)) << "after a start on the full disk";
+  EXPECT_EQ(model.Ledger("a").delivered.items, 132) << "after a start on the full disk";
 
   std::filesystem::remove(ballast);
   EXPECT_TRUE(Eventually([&] { return PushText(*Producer("b"), "resumed") == zel::sOk; }));
-  expected.b = {"resumed"};
+  model.Pushed("b", "resumed", zel::sOk);
   Open();
   Compare();
 }

@@ -26,7 +26,7 @@ class QueueLimitsTest : public StoreTest {
   std::int64_t now = 1'000'000;
 };
 
-TEST_F(QueueLimitsTest, ItemsThatAreTooOldAreDroppedWhenTheyComeUpAndCounted) {
+TEST_F(QueueLimitsTest, TooOldItemsAreDroppedWhenTheyComeUpAndCounted) {
   options.maxAge = std::chrono::seconds(60);
   Open();
   Push("q", "old");

@@ -4,46 +4,23 @@
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <random>
 
 #include "host/queue/sqlite_connection.h"
-#include "tests/fakes/fake_tracer.h"
 #include "tests/host/faulty_vfs.h"
 #include "tests/host/power_log.h"
 #include "tests/host/queue_test_tools.h"
+#include "tests/host/store_model.h"
 
 namespace veld_report::tests {
 namespace {
 
 using testing::IsEmpty;
 
-// What a store holds: the items of each queue in their order, and the figures.
-struct Holding {
-  std::map<std::string, Strings> items;
-  std::map<std::string, host::QueueLedger> ledgers;
-  bool operator==(const Holding&) const = default;
-};
-
-Holding Look(host::QueueService& service) {
-  Holding holding{{}, service.Ledgers()};
-  for (const host::QueueInfo& queue : service.ListQueues()) {
-    Strings& texts = holding.items[queue.name];
-    for (host::PeekedItem& item : service.PeekItems(queue.name, 100'000))
-      texts.push_back(std::move(item.bytes));
-  }
-  return holding;
-}
-
-std::int64_t FromEnvironment(const char* name, std::int64_t otherwise) {
-  const char* const text = std::getenv(name);
-  return text ? std::atoll(text) : otherwise;
-}
-
 // When what is committed reaches the disk: with every commit, when the log is written back by the commit that
 // fills it, or when a thread of the store does that meanwhile, for which it must be on SQLite's default VFS.
-enum class Syncing { kEveryCommit, kWithTheLog, kByAThread };
+enum class Syncing { everyCommit, withTheLog, byAThread };
 
 class PowerLossTest : public StoreTest, public testing::WithParamInterface<Syncing> {
  protected:
@@ -54,79 +31,71 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
     std::size_t begin;
     std::size_t written;
     std::size_t end;
-    Holding holding;
+    StoreModel holding;
   };
 
   PowerLossTest() {
     FaultyVfs::Register();
     sqlite3_vfs_register(sqlite3_vfs_find(FaultyVfs::name), 1);
-    options.vfs = GetParam() == Syncing::kByAThread ? "" : FaultyVfs::name;
-    options.syncEveryCommit = GetParam() == Syncing::kEveryCommit;
+    options.vfs = GetParam() == Syncing::byAThread ? "" : FaultyVfs::name;
+    options.syncEveryCommit = GetParam() == Syncing::everyCommit;
     // Commits come where the test asks for them.
     options.commitOperations = 1'000'000;
     options.commitDelay = std::chrono::hours(1);
-    options.tracer = tracer;
+    options.tracer = lines.tracer;
     replay = options;
     replay.folder = replayFolder.Path();
   }
-  void TearDown() override {
-    service.Reset();
-    options.tracer.Reset();
-    replay.tracer.Reset();
-  }
-
   std::size_t Draw(std::size_t below) { return random() % below; }
   bool Chance(double likelihood) { return std::uniform_real_distribution<>()(random) < likelihood; }
 
-  // The model's own idea of the items; the figures are the store's, which balance or fail the test.
-  void Note(std::size_t begin) {
-    model.ledgers = service->Ledgers();
+  // Makes a change and notes what must hold after it.
+  void Change(const std::function<void()>& change) {
+    const std::size_t begin = log->Count();
+    change();
     commits.push_back({begin, log->LogEnd(), log->Count(), model});
   }
-  void NoteRemoval(const std::string& queue, const std::function<void()>& remove) {
-    const std::size_t begin = log->Count();
-    remove();
-    model.items.erase(queue);
-    Note(begin);
-  }
 
-  // Reads of one queue, of which some are acknowledged and some given back, and pushes to another, in one
-  // transaction.
+  // Reads of one queue and pushes to another, in one transaction.
   void MoveItems() {
-    const std::string from = Draw(2) == 0 ? "a" : "b";
-    const std::string to = Draw(2) == 0 ? "a" : "b";
-    const std::size_t begin = log->Count();
-    const auto reader = Reader(from);
-    for (const ReadItem& item : ReadAll(*reader, Draw(10))) {
-      if (Chance(0.3)) continue;
-      const bool delivered = Chance(0.8);
-      EXPECT_EQ(delivered ? reader->Ack(&item.token) : reader->ReturnItem(&item.token), zel::sOk);
-      if (delivered) std::erase(model.items[from], item.bytes);
-    }
+    const std::string from(1, "ab"[Draw(2)]);
+    const std::string to(1, "ab"[Draw(2)]);
+    const auto fate = [this](std::size_t) {
+      return Chance(0.3) ? Fate::kept : Chance(0.8) ? Fate::acknowledged : Fate::givenBack;
+    };
+    const auto reader = Reader(from);  // writes what is buffered when it goes
+    model.Visit(from, *reader, Draw(10), fate);
     const auto producer = Producer(to);
-    const double share =
-        GetParam() == Syncing::kByAThread ? 0.7 : 0.1;  // of the large ones, which fill the log
-    Strings& texts = model.items[to];
+    // Large items fill the log.
+    const double share = GetParam() == Syncing::byAThread ? 0.7 : 0.1;
     for (std::size_t left = Draw(8); left > 0; --left) {
-      texts.push_back(Numbered(number++) + std::string(Draw(Chance(share) ? 9000 : 900), '.'));
-      EXPECT_EQ(PushText(*producer, texts.back()), zel::sOk);
+      const std::string text = Numbered(number++) + std::string(Draw(Chance(share) ? 9000 : 900), '.');
+      const zel::ResultCode answer = PushText(*producer, text);
+      EXPECT_EQ(answer, zel::sOk);
+      model.Pushed(to, text, answer);
     }
     EXPECT_TRUE(service->Commit());
-    Note(begin);
   }
   void Step() {
-    // What empties the log early is left out where the log has to fill up.
-    const std::size_t kind = Draw(GetParam() == Syncing::kByAThread ? 92 : 100);
-    if (kind < 90) return MoveItems();
-    const std::string queue = Draw(2) == 0 ? "a" : "b";
-    if (kind < 92) return NoteRemoval(queue, [&] { Manager()->RemoveQueue(zel::string(queue.c_str())); });
-    if (kind < 94) return NoteRemoval(queue, [&] { service->ClearQueue(queue); });
-    if (kind < 95) {
-      for (const char* each : {"a", "b"})
-        NoteRemoval(each, [&] { Manager()->RemoveQueue(zel::string(each)); });
-      return NoteRemoval("", [&] { service->Forget(); });
+    // What empties the log early is left out if the log has to fill up.
+    const std::size_t kind = Draw(GetParam() == Syncing::byAThread ? 92 : 100);
+    const std::string queue(1, "ab"[Draw(2)]);
+    const auto remove = [this](const std::string& name) {
+      Manager()->RemoveQueue(zel::string(name.c_str()));
+      model.Removed(name);
+    };
+    if (kind < 90) {
+      Change([&] { MoveItems(); });
+    } else if (kind < 92) {
+      Change([&] { remove(queue); });
+    } else if (kind < 94) {
+      Change([&] { service->ClearQueue(queue), model.Removed(queue); });
+    } else if (kind < 95) {
+      for (const char* each : {"a", "b"}) Change([&] { remove(each); });
+      Change([&] { service->Forget(); });
+    } else if (kind < 98) {
+      Open();
     }
-    if (kind < 98) Open();
   }
 
   void Record(int steps) {
@@ -138,18 +107,19 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
     log->Stop();
   }
 
-  // Opens what is on the disk. It must hold what stood there behind one of these commits, whole.
+  // Opens what is on the disk. It must hold what stood there after one of these commits, whole.
   void Check(const DiskImage& image, std::size_t first, std::size_t last) {
     ++images;
     WriteImage(image, replay.folder);
     auto opened = host::QueueService::Open(replay);
-    const Holding holding = Look(*opened);
-    for (const auto& [queue, ledger] : holding.ledgers) EXPECT_TRUE(ledger.IsBalanced()) << queue;
+    const StoreModel holding = StoreModel::Of(*opened);
     found = last + 1;
     while (found > first && !(commits[found - 1].holding == holding)) --found;
-    EXPECT_GT(found, first) << "it holds what none of the commits " << first << " to " << last << " left";
+    EXPECT_GT(found, first) << "it holds what none of the commits " << first << " to " << last
+                            << " left: " << testing::PrintToString(holding) << "instead of\n"
+                            << testing::PrintToString(commits[last].holding);
     opened.Reset();
-    EXPECT_THAT(tracer->TakeLines(), IsEmpty());
+    EXPECT_THAT(lines.Take(), IsEmpty());
     EXPECT_THAT(host::DamagedFilesOf(host::StoreFilePath(replay.folder, usualDomain)), IsEmpty());
     EXPECT_THAT(host::CheckStore(replay.folder)[0].findings, IsEmpty());
   }
@@ -169,7 +139,7 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
       SCOPED_TRACE("all that was written, " + where);
       Check(disk.Whole(nullptr, random), whole, last);
     }
-    if (under && under->kind == DiskStep::kWrite) {
+    if (under && under->kind == DiskStep::write) {
       SCOPED_TRACE("the last write torn, " + where);
       Check(disk.Whole(under, random), whole, last);
     }
@@ -182,8 +152,8 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
     Disk disk(log->Start());
     synced = 0;
     for (std::size_t i = 0; i <= steps.size() && !HasFailure(); ++i) {
-      const bool amongWrites = i > 0 && i < steps.size() && steps[i - 1].kind == DiskStep::kWrite &&
-                               steps[i].kind == DiskStep::kWrite;
+      const bool amongWrites = i > 0 && i < steps.size() && steps[i - 1].kind == DiskStep::write &&
+                               steps[i].kind == DiskStep::write;
       if (Chance(amongWrites ? share : 4 * share)) LosePower(disk, i);
       if (i == steps.size()) break;
       disk.Do(steps[i]);
@@ -228,20 +198,19 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
   TemporaryFolder replayFolder{
       std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path()};
   host::QueueServiceOptions replay;
-  fakes::FakeWorld world;
-  zel::Ref<fakes::FakeTracer> tracer = fakes::MakeFake<fakes::FakeTracer>(world);
+  TracedLines lines;
   std::mt19937_64 random;
-  Holding model;
+  StoreModel model;
   std::optional<PowerLog> log;
   std::vector<Commit> commits;
   std::size_t synced = 0;  // number of the last sync that the sweep has come past
   std::size_t found = 0;   // number of the commit, from 1, that the last image held
   std::size_t images = 0;
   Clock::time_point deadline = Clock::time_point::max();  // of a long run
-  int number = 0;
+  std::size_t number = 0;
 };
 
-TEST_P(PowerLossTest, WhateverTheDiskHoldsOpensWithEverythingThatWasSyncedAndInOrder) {
+TEST_P(PowerLossTest, WhatWasSyncedOpensWholeAndInOrder) {
   auto seed = static_cast<std::uint64_t>(FromEnvironment("VELD_TEST_SEED", 1));
   const std::int64_t seconds = FromEnvironment("VELD_POWER_SECONDS", 0);
   Run(seed, 3, 60, 0.04);
@@ -251,7 +220,7 @@ TEST_P(PowerLossTest, WhateverTheDiskHoldsOpensWithEverythingThatWasSyncedAndInO
 }
 
 INSTANTIATE_TEST_SUITE_P(WhenSynced, PowerLossTest,
-                         testing::Values(Syncing::kEveryCommit, Syncing::kWithTheLog, Syncing::kByAThread));
+                         testing::Values(Syncing::everyCommit, Syncing::withTheLog, Syncing::byAThread));
 
 }  // namespace
 }  // namespace veld_report::tests

@@ -1,8 +1,13 @@
 // What the tests of the store share: a store in a folder of its own.
 #pragma once
 
+#include <cstdlib>
+#include <mutex>
+#include <utility>
+
 #include "host/queue/queue_service.h"
 #include "host/queue/store_maintenance.h"
+#include "host/services/line_tracer.h"
 #include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
 #include "tests/common/waiting.h"
@@ -17,6 +22,31 @@ inline void PrintTo(const QueueLedger& ledger, std::ostream* out) {
 }  // namespace veld_report::host
 
 namespace veld_report::tests {
+
+inline std::int64_t FromEnvironment(const char* name, std::int64_t otherwise) {
+  const char* const text = std::getenv(name);
+  return text ? std::atoll(text) : otherwise;
+}
+
+// What is traced, from any thread.
+class TracedLines {
+ public:
+  Strings Take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(lines_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  Strings lines_;
+
+ public:
+  const zel::Ref<zel::ITracer> tracer = host::MakeObject<host::LineTracer>(
+      host::LineTracerOptions{.level = 700, .sink = [this](std::string_view line) {
+                                const std::lock_guard lock(mutex_);
+                                lines_.emplace_back(line);
+                              }});
+};
 
 class StoreTest : public testing::Test, protected QueueOperations {
  protected:

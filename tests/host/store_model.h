@@ -1,0 +1,115 @@
+// What a store must hold: the items of each queue in their order, and its figures, as they follow from what
+// the calls have answered.
+//
+// A test makes its calls through the model, and compares with what a store really holds (StoreModel::Of) when
+// it likes: after each call, after a failure, after a power loss. Copies are snapshots.
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "host/queue/queue_service.h"
+#include "tests/host/queue_items.h"
+
+namespace veld_report::tests {
+
+enum class Fate { acknowledged, givenBack, kept };  // of an item that was read
+
+class StoreModel {
+ public:
+  struct Queue {
+    Strings items{};
+    host::QueueLedger ledger{};
+    bool operator==(const Queue&) const = default;
+  };
+
+  // What the store of this service holds. Its figures must balance.
+  static StoreModel Of(host::QueueService& service) {
+    StoreModel model;
+    for (const auto& [name, ledger] : service.Ledgers()) {
+      EXPECT_TRUE(ledger.IsBalanced()) << name;
+      model.queues_[name].ledger = ledger;
+    }
+    for (const host::QueueInfo& queue : service.ListQueues()) {
+      for (host::PeekedItem& item : service.PeekItems(queue.name, 100'000))
+        model.queues_[queue.name].items.push_back(std::move(item.bytes));
+    }
+    std::erase_if(model.queues_, [](const auto& queue) { return queue.second == Queue(); });
+    return model;
+  }
+  bool operator==(const StoreModel&) const = default;
+  // For where the order of the items isn't fixed.
+  StoreModel Sorted() const {
+    StoreModel sorted = *this;
+    for (auto& [name, queue] : sorted.queues_) std::ranges::sort(queue.items);
+    return sorted;
+  }
+
+  // `answer`: what the store answered to the push of this item.
+  void Pushed(const std::string& queue, std::string_view text, zel::ResultCode answer) {
+    Queue& to = queues_[queue];
+    to.ledger.accepted += One(text);
+    (answer == zel::sOk ? to.ledger.waiting : to.ledger.rejected) += One(text);
+    if (answer == zel::sOk) to.items.emplace_back(text);
+  }
+  // `figure`: delivered, evicted.
+  void Left(const std::string& queue, const std::string& text, host::ItemCount host::QueueLedger::*figure) {
+    EXPECT_EQ(std::erase(queues_[queue].items, text), 1u) << text << " was handed out and doesn't wait";
+    queues_[queue].ledger.Leave(figure, One(text));
+  }
+  void Removed(const std::string& queue) {
+    const auto found = queues_.find(queue);
+    if (found == queues_.end()) return;
+    found->second.items.clear();
+    found->second.ledger.removed += std::exchange(found->second.ledger.waiting, {});
+  }
+
+  // A visit: reads the oldest `count` items, for each of which `fate` says what becomes of it.
+  void Visit(const std::string& queue, orvel::IAckConsumer& reader, std::size_t count,
+             const std::function<Fate(std::size_t)>& fate) {
+    const std::vector<ReadItem> items = ReadAll(reader, count);
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      const ReadItem& item = items[i];
+      EXPECT_NE(std::ranges::count(queues_[queue].items, item.bytes), 0) << item.bytes << " doesn't wait";
+      switch (fate(i)) {
+        case Fate::acknowledged:
+          EXPECT_EQ(reader.Ack(&item.token), zel::sOk);
+          Left(queue, item.bytes, &host::QueueLedger::delivered);
+          break;
+        case Fate::givenBack:
+          EXPECT_EQ(reader.ReturnItem(&item.token), zel::sOk);
+          queues_[queue].ledger.returned += One(item.bytes);
+          break;
+        case Fate::kept:
+          break;
+      }
+    }
+  }
+
+  const std::map<std::string, Queue>& Queues() const { return queues_; }
+  Strings Items(const std::string& queue) const {
+    const auto found = queues_.find(queue);
+    return found == queues_.end() ? Strings() : found->second.items;
+  }
+  host::QueueLedger& Ledger(const std::string& queue) { return queues_[queue].ledger; }
+
+ private:
+  static host::ItemCount One(std::string_view text) { return {1, static_cast<std::int64_t>(text.size())}; }
+
+  std::map<std::string, Queue> queues_;
+};
+
+// For the reports of failures.
+inline void PrintTo(const StoreModel& model, std::ostream* out) {
+  for (const auto& [name, queue] : model.Queues()) {
+    *out << name << ":";
+    for (const host::ItemCount* figure : queue.ledger.All()) *out << " " << figure->items;
+    for (const std::string& text : queue.items) *out << " '" << text.substr(0, 12) << "'";
+    *out << "\n";
+  }
+}
+
+}  // namespace veld_report::tests
