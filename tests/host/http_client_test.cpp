@@ -35,7 +35,7 @@ TEST(HttpClient, TheTotalLimitEndsWhatAServerDragsOut) {
   }
 }
 
-TEST(HttpClient, FailuresHaveTheirCodesAndTheStateTellsWhy) {
+TEST(HttpClient, FailuresHaveTheirCodesAndTheStateSaysWhy) {
   HttpClientOptions options = Direct();
   options.answerLimitBytes = 1000;
   const HttpKit kit(options);
@@ -81,7 +81,7 @@ TEST(HttpClient, AResolverThatHangsHoldsNothingUp) {
   EXPECT_EQ(left.handle->Wait(0), zel::eOperationCancelled);
 }
 
-TEST(HttpClient, ABodyOrHeaderThatIsNoGoodEndsTheRequestBeforeTheServer) {
+TEST(HttpClient, ABadBodyOrHeaderEndsTheRequestBeforeTheServer) {
   HttpKit kit;
   ScriptedServer server(ScriptedReply::Status(200));
   const auto failing = host::MakeObject<TextBody>("text");
@@ -171,7 +171,7 @@ TEST(ProxySettings, ComeFromTheOptionsOrElseTheEnvironment) {
   }
 }
 
-TEST(HttpClientProxy, GetsTheWholeUrlAndItsOwnCredentialsUnlessTheHostNeedsNone) {
+TEST(HttpClientProxy, GetsTheWholeUrlAndCredentialsUnlessHostIsExempt) {
   ScriptedServer proxy(ScriptedReply::Status(200));
   ScriptedServer server(ScriptedReply::Status(204));
   HttpClientOptions options;

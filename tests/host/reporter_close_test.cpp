@@ -17,7 +17,7 @@ class Closing : public ReporterTest {};
 constexpr milliseconds deadline{300};
 constexpr milliseconds longest = deadline + seconds(5) + seconds(2);
 
-TEST_F(Closing, TakesNoLongerThanItsDeadlineAndOneWaitAndLosesNothing) {
+TEST_F(Closing, KeepsToItsDeadlineAndLosesNothing) {
   tests::ScriptedServer silent(NeverAnswers);
   tests::ScriptedServer slow(Trickles);
   tests::HangingResolver resolver;

@@ -39,7 +39,7 @@ TEST_F(Sending, FlushIsTrueOnceEveryFormOfRecordIsOnTheServer) {
   EXPECT_TRUE(reporter.Close(seconds(5)));
 }
 
-TEST_F(Sending, FlushIsFalseWhileAnythingIsUndeliveredAndLosesNothing) {
+TEST_F(Sending, FlushIsFalseWhileAnythingIsUndelivered) {
   const std::uint16_t port = tests::ClosedPort();
   Reporter reporter(Options({{"http://127.0.0.1:" + std::to_string(port)}}));
   reporter.SendJson("1");
@@ -79,7 +79,7 @@ TEST_F(Sending, FlushToStoreWaitsForNoAnswerToWhatItsCycleSends) {
   EXPECT_TRUE(silent.WaitForRequests(1));
 }
 
-TEST_F(Sending, RoomInMemoryComesWithTheDrainNotWithTheEndOfTheCycle) {
+TEST_F(Sending, RoomComesWithTheDrainNotTheEndOfTheCycle) {
   constexpr std::uint64_t limit = 10;
   tests::ScriptedServer silent(NeverAnswers);
   host::HostKitOptions options;

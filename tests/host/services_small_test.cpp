@@ -1,5 +1,4 @@
-// The small services: locator, allocator, hash and queue names, notification, and files that are no module.
-#include <gmock/gmock.h>
+// The small services: allocator, hash and queue names, notification.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -7,41 +6,15 @@
 #include <thread>
 #include <vector>
 
-#include "contract/tracer.h"
 #include "host/base/text.h"
 #include "host/services/function_notification.h"
 #include "host/services/hash_service.h"
 #include "host/services/heap_allocator.h"
-#include "host/services/loaded_module.h"
 #include "host/services/queue_name.h"
-#include "host/services/service_locator.h"
 #include "types/text_conversion.h"
 
 namespace veld_report::host {
 namespace {
-
-std::uint32_t CountOf(zel::IObject* object) {
-  object->AddRef();
-  return object->Release();
-}
-
-TEST(ServiceLocator, AnswersWhatIsRegisteredUnderItsIdUntilItIsReplacedOrCleared) {
-  const auto locator = MakeObject<ServiceLocator>();
-  const auto first = MakeObject<HeapAllocator>();
-  const auto second = MakeObject<HeapAllocator>();
-  locator->Register<zel::IAllocator>(first);
-  zel::Ref<zel::IAllocator> found;
-  EXPECT_EQ(zel::GetInterface(locator.Get(), found), zel::sOk);
-  EXPECT_EQ(found.Get(), first.Get());
-  EXPECT_EQ(CountOf(first.Get()), 3u);
-  zel::Ref<zel::ITracer> tracer;
-  EXPECT_EQ(zel::GetInterface(locator.Get(), tracer), zel::eInterfaceNotSupported);
-  locator->Register<zel::IAllocator>(second);
-  EXPECT_EQ(CountOf(first.Get()), 2u);
-  locator->Clear();
-  EXPECT_EQ(CountOf(second.Get()), 1u);
-  EXPECT_EQ(zel::GetInterface(locator.Get(), found), zel::eInterfaceNotSupported);
-}
 
 TEST(HeapAllocator, CountsWhatIsOutFromAnyThread) {
   const auto allocator = MakeObject<HeapAllocator>();
@@ -105,15 +78,6 @@ TEST(FunctionNotification, SwallowsWhatTheFunctionThrows) {
       [](const FinishedRequest&) { throw std::runtime_error("not the sender's affair"); });
   const orvel::RequestNotification record{zel::string("VeldRep"), zel::sOk, zel::string("http://h")};
   EXPECT_EQ(service->OnRequestFinished(&record), zel::eUnspecifiedError);
-}
-
-TEST(LoadedModule, SaysWhyAFileIsNoModule) {
-  try {
-    const LoadedModule module("libm.so.6");
-    FAIL() << "loaded";
-  } catch (const std::runtime_error& error) {
-    EXPECT_THAT(error.what(), testing::HasSubstr("exports no function zelGetObjectFactory"));
-  }
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ TEST_F(Tracer, LevelThatIsOffStoresNothing) {
   EXPECT_TRUE(lines_.empty());
 }
 
-TEST_F(Tracer, GrowthKeepsContentAndLevelAndItsFailureKeepsTheBuffer) {
+TEST_F(Tracer, GrowthKeepsContentAndFailedGrowthTheBuffer) {
   char* buffer = nullptr;
   ASSERT_EQ(tracer_->AcquireBuffer(700, &buffer, 512), 0);
   std::string text(512, 'a');

@@ -48,7 +48,7 @@ class TimerContract : public testing::TestWithParam<TimerMaker> {
   zel::ITimerService& service = *timer.service;
 };
 
-TEST_P(TimerContract, ASinkRunsOncePerArmingUnlessItIsDisarmedOrCancelled) {
+TEST_P(TimerContract, ASinkRunsOncePerArmingUnlessDisarmedOrCancelled) {
   RecordingSink sink(&service);
   RecordingSink disarmed(&service);
   RecordingSink cancelled(&service);

@@ -61,7 +61,7 @@ TEST_F(TimerServiceTest, AnEarlierTimeReplacesALaterOne) {
   EXPECT_FALSE(timer->IsArmed()) << "the later firing is still pending";
 }
 
-TEST_F(TimerServiceTest, FireNowBringsAllForwardAndAFlushWaitsForARunOfItsOwn) {
+TEST_F(TimerServiceTest, FireNowBringsForwardAndAFlushWaitsForItsOwnRun) {
   Gate gate;
   RecordingSink sink(timer.Get(), [&](auto*) { EXPECT_TRUE(gate.WaitOpen()); });
   timer->ArmTimer(&sink, 0);

@@ -1,0 +1,36 @@
+// What tests of the whole host share: a folder of their own, and report servers that store into it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "server/report_server.h"
+#include "tests/common/files.h"
+#include "tests/common/temporary_folder.h"
+#include "tests/host/scripted_server.h"
+
+namespace veld_report::tests {
+
+class ServingTest : public testing::Test {
+ protected:
+  std::string Path(const std::string& name) const { return (folder_.Path() / name).string(); }
+  std::unique_ptr<server::ReportServer> Serve(const std::string& file, std::uint16_t port = 0,
+                                              server::SignatureVerifier verifier = {}) const {
+    server::ReportServerOptions options;
+    options.port = port;
+    options.outPath = Path(file);
+    options.verifier = std::move(verifier);
+    return std::make_unique<server::ReportServer>(std::move(options));
+  }
+  std::vector<std::string> Stored(const std::string& file) const { return ReadLines(Path(file)); }
+  static ScriptedReply NeverAnswers(const ScriptedRequest&) { return {"", ScriptedReply::never}; }
+
+ private:
+  const TemporaryFolder folder_;
+};
+
+}  // namespace veld_report::tests
