@@ -1,5 +1,5 @@
-// The sender's side of the host's persistent queues: its producers, what settings change about them, and the
-// push that makes room.
+// The sender's side of the host's persistent queues: its producers, the changes that new settings make, and
+// the push that makes room.
 #include <algorithm>
 
 #include "facade/veld_report/src/throw_sites.h"
@@ -9,7 +9,7 @@
 namespace orvel::veld_report {
 namespace {
 
-// The names that no row of the table carries, ascending. Both inputs are sorted.
+// The names that no row has, ascending. Both inputs are sorted.
 zel::vector_t<zel::string> NamesWithoutRow(const zel::vector_t<zel::string>& names,
                                            const zel::vector_t<ConsumerEndpoint>& rows) {
   zel::vector_t<zel::string> missing;
@@ -37,8 +37,8 @@ void VeldReportSenderImpl::UpdateQueues(const SenderSnapshot& snapshot, std::uin
   zel::TraceText(tracer.Get(), zel::normalLevel, "UpdateQueues finished");
 }
 
-// A new limit means a new producer for the same queue; the items in it stay. A row that never had an item
-// gets none here.
+// A new limit means a new producer for the same queue; its items stay. A row that never had an item gets none
+// here.
 void VeldReportSenderImpl::ReplaceProducers(const SenderSnapshot& snapshot) {
   const std::lock_guard lock(queuesLock);
   for (const ConsumerEndpoint& row : snapshot.endpoints) {
@@ -52,11 +52,11 @@ void VeldReportSenderImpl::ReplaceProducers(const SenderSnapshot& snapshot) {
   }
 }
 
-// Looks at what the service holds rather than at `queues`: a queue of an earlier run has no entry there.
+// Goes by what the service holds rather than by `queues`: a queue of an earlier run has no entry there.
 void VeldReportSenderImpl::RemoveUnknownQueues(const SenderSnapshot& snapshot) {
   zel::Ref<IQueueManager> manager;
   zel::vector_t<zel::string> names;
-  // Without a manager there are no names; this failure isn't reported, and neither is one of the list.
+  // Without a manager there are no names. That failure isn't reported, nor is a failure of the list.
   const zel::ResultCode created = queueFactory->CreateQueueManager(QueueDomain(), manager.Out());
   if (!zel::Failed(created)) static_cast<void>(manager->EnumerateQueues(&names));
   std::sort(names.first, names.last);
@@ -72,9 +72,9 @@ void VeldReportSenderImpl::RemoveUnknownQueues(const SenderSnapshot& snapshot) {
 
 void VeldReportSenderImpl::QueuePendingData(const zel::string& queueName, std::uint32_t sizeLimitBytes,
                                             const zel::ByteRange* data) {
-  // The call's own reference keeps the producer valid when settings replace the entry meanwhile.
+  // This reference keeps the producer valid if settings replace the entry meanwhile.
   const zel::Ref<IQueueProducer> producer = ProducerOf(queueName, sizeLimitBytes);
-  // Other failures than a full queue aren't reported.
+  // Only a full queue is handled; other failures aren't reported.
   if (producer->Push(data) == zel::eOutOfSpace) PushWithEviction(*producer, queueName, data);
 }
 
@@ -95,7 +95,7 @@ void VeldReportSenderImpl::InsertProducer(const zel::string& queueName,
   queues.emplace(queueName, producer);
 }
 
-// Drops one oldest item at a time until the new one fits.
+// Drops the oldest item, one at a time, until the new one fits.
 void VeldReportSenderImpl::PushWithEviction(IQueueProducer& producer, const zel::string& queueName,
                                             const zel::ByteRange* data) {
   zel::Ref<IAckConsumer> consumer;

@@ -27,7 +27,7 @@ void VeldReportSenderImpl::MakeRequest(const zel::vector_t<zel::string>& packet,
     line.PutText(" started. Payload size is ").PutUInt64(packet.size());
   });
   const zel::string body = BuildBody(packet);
-  // The client's stream is a copy, so the request doesn't depend on the sender's strings.
+  // The client's stream is a copy, so that the request doesn't depend on the sender's strings.
   zel::Ref<zel::IIO> stream;
   Require(zel::memory_io::CreateIOFromBuffer(body, stream.Out()), site::createBodyStream);
   Require(httpClient->MakeRequestAsync(url, requestOptions, &requestKind, stream.Get(), nullptr, callback,
@@ -41,7 +41,7 @@ zel::string VeldReportSenderImpl::BuildBody(const zel::vector_t<zel::string>& pa
   Base64Encode(Bytes(payloadText.data), payloadText.size, &message.payload);
   const zel::vector_t<std::uint8_t> block = SignatureBlock(payloadText);
   Signature signature;
-  // A signature of no bytes is none of the unsigned form: "protected" stays empty.
+  // An empty signature isn't replaced by the unsigned form: "protected" stays empty.
   if (!block.empty()) Base64Encode(block.first, block.size(), &signature.protected_);
   message.signatures.push_back(signature);
   return orvel_tools::SerializeMessageToJson(locator.Get(), message);
@@ -53,7 +53,7 @@ zel::vector_t<std::uint8_t> VeldReportSenderImpl::SignatureBlock(const zel::stri
     const zel::ByteRange payload{Bytes(payloadText.data), Bytes(payloadText.data) + payloadText.size};
     if (!zel::Failed(signatureProvider->Sign(&payload, &block))) return block;
   }
-  // Replaces what a failing provider left.
+  // Replaces whatever a failed provider left.
   block.assign(unsignedSignatureBlock, sizeof(unsignedSignatureBlock));
   return block;
 }
@@ -72,7 +72,7 @@ zel::ResultCode VeldReportSenderImpl::WaitForRequest(network_services::IHttpRequ
   return request->Wait(requestLimitMs);
 }
 
-// The request that FinalRelease cancels; null for none.
+// The request for FinalRelease to cancel; null for none.
 void VeldReportSenderImpl::SetCurrentRequest(network_services::IHttpRequestHandle* request) {
   const std::lock_guard lock(requestLock);
   currentRequest = zel::Ref<network_services::IHttpRequestHandle>(request);

@@ -6,8 +6,8 @@
 namespace orvel::veld_report {
 namespace {
 
-// Settles one token. The outcome isn't looked at, and that of a queue service that throws neither: the other
-// tokens have to be settled all the same, and this runs inside a Release.
+// Settles one token and ignores the outcome, even if the queue service throws. The other tokens must be
+// settled all the same, and this runs inside a Release.
 template <class Settle>
 void Settled(Settle&& settle) noexcept {
   try {
@@ -45,7 +45,7 @@ zel::ResultCode Callback::OnRequestCompleted(const zel::wstring& url, const void
     });
     NotifyRequestFinished(zel::eInvalidResult, url);
   }
-  // Whatever the status, the transport has worked, and the next packet may go.
+  // Whatever the status, the transport worked, so the next packet may be sent.
   result.store(zel::sOk, std::memory_order_release);
   return zel::sOk;
 }
@@ -68,7 +68,7 @@ void Callback::Acknowledge() {
   for (const std::uint64_t& token : tokens) Settled([&] { consumer->Ack(&token); });
   sent.store(needToSend.load(std::memory_order_relaxed), std::memory_order_release);
   needToSend.store(0, std::memory_order_release);
-  // Keeps the end of the object from giving the tokens back.
+  // Keeps FinalRelease from giving the tokens back.
   consumer.Reset();
 }
 
@@ -77,7 +77,7 @@ void Callback::NotifyRequestFinished(zel::ResultCode resultCode, const zel::wstr
   RequestNotification record;
   record.source = zel::string("VeldRep");
   record.resultCode = resultCode;
-  // Without memory the url stays empty, and the notification goes out all the same.
+  // If memory runs out, the url stays empty and the notification is sent all the same.
   static_cast<void>(zel::WideToUtf8(url.View(), &record.url));
   notification->OnRequestFinished(&record);
 }

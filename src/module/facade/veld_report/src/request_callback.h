@@ -1,13 +1,13 @@
-// The request callback: the bookkeeper of one packet. It is what the HTTP client reports to, and it decides
-// the fate of the packet's items: on status 200 it acknowledges them, in every other case it gives them back
-// when it goes.
+// The request callback keeps the books of one packet. The HTTP client reports to it, and it decides the fate
+// of the packet's items: on status 200 it acknowledges them, in every other case it gives them back at its
+// end.
 //
 // Life: filling (the walk holds the only reference) -> in flight (the client holds one too) -> acknowledged,
 // refused or failed by one of its two operations; or dropped without a request. It has no link to the sender
-// and may outlive it: an answer that comes after the walk gave up waiting still acknowledges.
+// and may outlive it: an answer that comes after the walk has given up waiting still acknowledges the items.
 //
-// Threads: the walk fills it on the timer's thread; the operations run on the client's. Either may run its
-// end.
+// Threads: the walk fills it on the timer's thread, its operations run on the client's, and its end on
+// either.
 #pragma once
 
 #include <atomic>
@@ -33,19 +33,19 @@ class VeldReportSenderImpl::AsyncHttpRequestCallbackImpl
   zel::ResultCode OnRequestCompleted(const zel::wstring& url, const void* response) override;
   zel::ResultCode OnRequestFailed(const zel::wstring& url, zel::ResultCode code) override;
 
-  // The work before the destructor: gives the tokens back, unless they are acknowledged.
+  // Runs before the destructor: gives the tokens back unless they were acknowledged.
   void FinalRelease();
 
-  // The reader that gave the tokens out; null again once they are acknowledged.
+  // The reader of the tokens; reset once they are acknowledged.
   zel::Ref<IAckConsumer> consumer;
   // One for each item, in reading order.
   zel::vector_t<std::uint64_t> tokens;
-  // The three values that the walk reads after its wait. A late answer may write them at that moment, which
-  // at worst counts a packet in the wrong sum of one cycle.
+  // The walk reads these three after its wait. A late answer may write them at that moment; at worst that
+  // counts a packet in the wrong sum of one cycle.
   std::atomic<std::uint32_t> needToSend{0};  // bytes not acknowledged
   std::atomic<std::uint32_t> sent{0};        // bytes acknowledged
   std::atomic<zel::ResultCode> result{zel::eNotInitialized};
-  // Where finished requests are told; may be null.
+  // Notified of completed requests; may be null.
   zel::Ref<IRequestsNotification> notification;
 
  private:
@@ -56,7 +56,7 @@ class VeldReportSenderImpl::AsyncHttpRequestCallbackImpl
 using RequestCallbackObject =
     zel::Object<VeldReportSenderImpl::AsyncHttpRequestCallbackImpl, zel::LocatorObjectFactory>;
 
-// Makes a callback in the memory of the locator's allocator, with one reference for the caller.
+// Makes a callback with the locator's allocator, with one reference for the caller.
 zel::ResultCode CreateRequestCallback(zel::IServiceLocator* locator, RequestCallbackObject** out);
 
 }  // namespace orvel::veld_report

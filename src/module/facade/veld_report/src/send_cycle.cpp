@@ -9,8 +9,8 @@
 
 namespace orvel::veld_report {
 
-// Destroys the list of the walk on every way out of the cycle, so that it never survives into another one;
-// but a cycle that is stopped leaves it to the destructor.
+// Destroys the walk's list on every path out of the cycle, so that no other cycle finds it. A stopped cycle
+// leaves it to the destructor.
 struct VeldReportSenderImpl::WalkEnd {
   explicit WalkEnd(VeldReportSenderImpl& owner) : sender(owner) {}
   WalkEnd(const WalkEnd&) = delete;
@@ -31,10 +31,10 @@ void VeldReportSenderImpl::OnSendTimeout(void* /*argument*/) {
   try {
     RunCycle(snapshot, flags, totals);
   } catch (...) {
-    // The totals keep what had been added; the end of the cycle decides by them.
+    // The totals keep what was added so far; the end of the cycle goes by them.
     zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::OnSendTimeout");
   }
-  // A cycle that is stopped says nothing more.
+  // A stopped cycle reports nothing more.
   if (!stopping.load(std::memory_order_acquire)) EndCycle(snapshot, totals);
 }
 
@@ -46,7 +46,7 @@ std::uint32_t VeldReportSenderImpl::TakeSnapshot(SenderSnapshot& snapshot) {
 
 void VeldReportSenderImpl::RunCycle(const SenderSnapshot& snapshot, std::uint32_t flags, SendTotals& totals) {
   if (flags != 0) UpdateQueues(snapshot, flags);
-  // Before the gate: data reach the persistent queues also while sending is disabled.
+  // Before the gate: records reach the persistent queues even while sending is disabled.
   QueuePendingData(snapshot);
   if (BackgroundDisabled()) {
     totals.needToSend = 1;
@@ -85,7 +85,7 @@ void VeldReportSenderImpl::QueuePendingData(const SenderSnapshot& snapshot) {
     try {
       QueueElement(*rows, QueueLimitBytes(snapshot), element);
     } catch (...) {
-      // Costs this element its remaining rows; elements are never put back.
+      // This element loses its remaining rows; elements are never put back.
       zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::QueuePendingData");
     }
   }
