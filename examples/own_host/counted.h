@@ -1,5 +1,5 @@
-// Counted<Interfaces...>, the base of every service here: the reference count and QueryInterface.
-// Objects are made by Make and end themselves with their last reference.
+// Counted<Interfaces...>: the base of every service here, with the reference count and QueryInterface. Make
+// makes an object; its last Release destroys it.
 #pragma once
 
 #include <atomic>
@@ -27,8 +27,7 @@ class Counted : public Interfaces... {
   }
   zel::ResultCode QueryInterface(zel::InterfaceId id, void** out) override {
     *out = nullptr;
-    // Id 0 asks for the first interface; each pointer is stored as exactly the interface that it is asked
-    // for.
+    // Id 0 asks for the first interface. Each pointer is stored as exactly the requested interface.
     if (id == 0) *out = static_cast<std::tuple_element_t<0, std::tuple<Interfaces...>>*>(this);
     (Offer<Interfaces>(id, out), ...);
     if (!*out) return zel::eInterfaceNotSupported;

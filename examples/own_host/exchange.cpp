@@ -29,7 +29,7 @@ bool ParseUrl(const std::string& url, Address* address) {
     address->port = address->host.substr(colon + 1);
     address->host.resize(colon);
   }
-  // The resolver takes the rest of a number that doesn't fit.
+  // For a number out of range the resolver would use what is left of it.
   return !address->host.empty() && std::atol(address->port.c_str()) <= 65535;
 }
 
@@ -37,7 +37,8 @@ int Connect(const Address& address, InterruptibleSocket* socket) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  // The one wait that nothing interrupts. A client in earnest resolves on a thread that it can leave behind.
+  // The only wait that can't be interrupted. A production client resolves on a thread that it can leave
+  // behind.
   if (::getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found) != 0) return -1;
   int result = -1;
   for (const addrinfo* entry = found; entry && result < 0; entry = entry->ai_next) {
@@ -79,7 +80,7 @@ class AnswerReader {
  public:
   explicit AnswerReader(int socket) : socket_(socket) {}
 
-  // Reads to the answer's end. Returns its status, 0 if it isn't whole.
+  // Reads to the end of the answer. Returns its status, 0 if it isn't complete.
   int Read() {
     int status = 0;
     do {
@@ -87,7 +88,7 @@ class AnswerReader {
       if (!ReadLine(&line) || !line.starts_with("HTTP/1.")) return 0;
       status = std::atoi(line.c_str() + std::min(line.find(' '), line.size()));
       if (!ReadHeaders()) return 0;
-    } while (status / 100 == 1);  // the answer proper is still to come
+    } while (status / 100 == 1);  // the final answer follows
     if (status == 204) return status;
     while (pending_.size() < contentLength_) {
       if (!ReadMore()) return closed_ && !hasLength_ ? status : 0;
@@ -130,7 +131,7 @@ class AnswerReader {
   std::string pending_;
   bool closed_ = false;
   bool hasLength_ = false;
-  // Without a length the content ends with the connection, which the request asks to be closed.
+  // Without a length the content ends with the connection, which the request asks the server to close.
   std::size_t contentLength_ = SIZE_MAX;
 };
 

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint32_t kindWithBody = 1;
 
-// A request under way or done. The sender has it as a handle; a thread of its own runs it.
+// A request in progress or done. The sender holds it as a handle; a thread of its own runs it.
 class Request final : public Counted<network_services::IHttpRequestHandle> {
  public:
   Request(const zel::wstring& url, const network_services::HttpRequestOptions& options, zel::IIO* body,
@@ -40,9 +40,9 @@ class Request final : public Counted<network_services::IHttpRequestHandle> {
     return zel::sOk;
   }
 
-  // Once: makes the request and completes it.
+  // Called once: makes the request and completes it.
   void Run() {
-    // The addresses here are plain ASCII; a host in earnest converts.
+    // The addresses here are plain ASCII; a production host converts.
     std::string url;
     for (const char16_t unit : url_.View()) url += static_cast<char>(unit);
     const int status = Exchange(url, headers_, *body_, &socket_);
@@ -62,7 +62,7 @@ class Request final : public Counted<network_services::IHttpRequestHandle> {
 
  private:
   void Complete(zel::ResultCode outcome, int status) {
-    // All that the sender reads of this record is the status at byte 80.
+    // The sender only reads the status of this record, at byte 80.
     struct Response {
       char own[network_services::responseStatusOffset];
       std::uint16_t status;
@@ -74,7 +74,7 @@ class Request final : public Counted<network_services::IHttpRequestHandle> {
         callback_->OnRequestCompleted(url_, &response);
       }
     } catch (...) {
-      // The sender's own affair. The request is complete, and whoever waits for it has to hear of it.
+      // The sender's own problem. The request is complete, and whoever waits for it must be notified.
     }
   }
 
@@ -84,7 +84,7 @@ class Request final : public Counted<network_services::IHttpRequestHandle> {
   zel::Ref<network_services::IAsyncHttpRequestCallback> callback_;
   InterruptibleSocket socket_;
 
-  std::mutex mutex_;  // guards all below
+  std::mutex mutex_;  // guards the members below
   std::condition_variable changed_;
   bool done_ = false;
   zel::ResultCode outcome_ = zel::sOk;
@@ -93,7 +93,7 @@ class Request final : public Counted<network_services::IHttpRequestHandle> {
 }  // namespace
 
 struct HttpClient::InFlight {
-  // On a thread of the request's own.
+  // Runs on the request's own thread.
   void Run(std::list<zel::Ref<Request>>::iterator place) {
     current = this;
     (*place)->Run();
@@ -103,10 +103,10 @@ struct HttpClient::InFlight {
     changed.notify_all();
   }
 
-  // Set in the threads of requests: whose they are.
+  // In a request's thread: the owner of that request.
   static thread_local const InFlight* current;
 
-  std::mutex mutex;  // guards all below; not held across a request
+  std::mutex mutex;  // guards the members below; not held across a request
   std::condition_variable changed;
   std::list<zel::Ref<Request>> requests;
 };
@@ -117,7 +117,7 @@ HttpClient::HttpClient() : inFlight_(std::make_shared<InFlight>()) {}
 HttpClient::~HttpClient() {
   std::unique_lock lock(inFlight_->mutex);
   for (const zel::Ref<Request>& request : inFlight_->requests) request->Cancel();
-  // A completion that gives up the last reference can't wait for its own end.
+  // A completion that drops the last reference can't wait for its own end.
   const std::size_t own = InFlight::current == inFlight_.get() ? 1 : 0;
   inFlight_->changed.wait(lock, [&] { return inFlight_->requests.size() == own; });
 }

@@ -1,5 +1,6 @@
-// The HTTP client: a thread a request, over plain sockets. Enough to show what the module expects; a client
-// for use takes a library, with TLS, kept connections, a limit for the whole request and proxies.
+// The HTTP client: a thread for each request, over plain sockets. Enough to show what the module expects. A
+// production client uses a library, with TLS, reused connections, proxies and a time limit for the whole
+// request.
 #pragma once
 
 #include <memory>
@@ -13,8 +14,8 @@ class HttpClient final
     : public Counted<network_services::IHttpClient, network_services::IHttpClientCertificates> {
  public:
   HttpClient();
-  // Ends what is still to do with "Operation cancelled" and waits for the completions. From inside a
-  // completion it waits for the others.
+  // Cancels what is left ("Operation cancelled") and waits for the completions. Inside a completion it waits
+  // for the others.
   ~HttpClient() override;
 
   zel::ResultCode ReservedClientOperation0() override { return zel::eNotImplemented; }
@@ -28,7 +29,7 @@ class HttpClient final
                                    network_services::IAsyncHttpRequestCallback* callback,
                                    network_services::IHttpRequestHandle** request) override;
 
-  // This client knows no certificates, but without the operation no settings are accepted.
+  // This client supports no certificates, but without this operation settings are refused.
   zel::ResultCode SetCertificates(const network_services::CertificateRange*) override { return zel::sOk; }
 
  private:

@@ -7,8 +7,8 @@
 namespace own_host {
 namespace {
 
-// Collects the text and hands it to the stream in Flush. How the serialiser reaches `text` is between the two
-// services; the twelve operations in front of Flush are theirs to use, or not.
+// Collects the text and writes it to the stream in Flush. How the serialiser reaches `text` is up to the two
+// services; the twelve operations before Flush are free for that.
 class JsonStorage final : public Counted<zel::IStorage> {
  public:
   explicit JsonStorage(zel::IIO* stream) : stream_(stream) {}

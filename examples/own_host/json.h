@@ -1,5 +1,5 @@
-// The two JSON services. Only the kinds of field that the module's own records use are known here: narrow
-// strings and vectors of records. A host adds the kinds that its producers need.
+// The two JSON services. They only know the kinds of field of the module's own records: narrow strings and
+// vectors of records. Add the kinds that your producers need.
 #pragma once
 
 #include "contract/json.h"
@@ -15,7 +15,7 @@ class JsonStorageFactory final : public Counted<zel::IJsonStorageFactory> {
 
 class Serializer final : public Counted<zel::IStorageSerializer2> {
  public:
-  // Writes into storages of JsonStorageFactory only.
+  // Only writes to storages of JsonStorageFactory.
   zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t flag,
                             zel::IObject** context) override;
 };

@@ -1,9 +1,9 @@
-// A host of one's own: every service that the module needs, written against contract/ alone.
+// Your own host: every service that the module needs, written against contract/ alone.
 //
 //   own_host MODULE URL TEXT...
 //
-// submits each TEXT as one record, waits until all of them are delivered, ten seconds at most, and prints
-// what became of them. It ends with 0 if nothing is left.
+// submits each TEXT as one record, waits up to ten seconds until all of them are delivered, and prints what
+// became of them. The exit code is 0 if nothing is left.
 #include <dlfcn.h>
 
 #include <chrono>
@@ -60,7 +60,7 @@ class StderrTracer final : public Counted<zel::ITracer> {
   const std::uint32_t level_;
 };
 
-// A digest of 16 bytes, two passes of FNV-1a: any hash will do that stays the same from run to run.
+// A digest of 16 bytes, two passes of FNV-1a. Any hash that is stable from run to run will do.
 class Hash final : public Counted<crypto::hash::IHashCalculator> {
  public:
   zel::ResultCode ReservedHashOperation0() override { return zel::eNotImplemented; }
@@ -91,7 +91,7 @@ class HashFactory final : public Counted<crypto::hash::IHashCalculatorFactory> {
   }
 };
 
-// The directory of services: each id has a function that gives a reference.
+// The directory of services: each id has a function that returns a reference.
 class Locator final : public Counted<zel::IServiceLocator> {
  public:
   template <class Interface, class Service>
@@ -110,7 +110,7 @@ class Locator final : public Counted<zel::IServiceLocator> {
   std::map<zel::InterfaceId, std::function<void(void**)>> services_;
 };
 
-// The records of this host: one text. The serialiser walks the table; the module reads no more than serId.
+// The records of this host: one text. The serialiser walks the table; the module only reads serId.
 struct Note {
   zel::string text;
 };
@@ -129,14 +129,14 @@ void Check(zel::ResultCode code, const char* what) {
   throw std::runtime_error(std::string(what) + ": " + text);
 }
 
-// The module's library, loaded.
+// The loaded module.
 class Module {
  public:
   explicit Module(const char* path) : handle_(::dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
     if (!handle_) throw std::runtime_error(::dlerror());
   }
   ~Module() {
-    // Objects of the module may outlive the sender; while one does, its code has to stay.
+    // Objects of the module may outlive the sender. While one does, the code must stay.
     if (Find<orvel::veld_report::CanUnloadModuleFunction>(orvel::veld_report::canUnloadModuleName)() == 0) {
       ::dlclose(handle_);
     }
@@ -197,7 +197,7 @@ std::size_t Deliver(const Module& module, const std::string& url, char** texts) 
     Check(sender->SendStatistic(zel::AnyPtr(&note, &noteDescriptor)), "SendStatistic");
   }
 
-  // A second after the first submission a cycle moves the records into the queue and sends them.
+  // A second after the first submission, a cycle moves the records into the queue and sends them.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   MemoryQueues::Counts counts = queues->Count();
   while (counts.accepted < submitted || counts.waiting != 0) {

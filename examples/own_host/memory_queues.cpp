@@ -24,7 +24,7 @@ class Producer final : public Counted<orvel::IQueueProducer> {
     std::uint64_t used = 0;
     for (const Item& item : queue) used += item.bytes.size();
     const auto size = static_cast<std::uint64_t>(data->end - data->begin);
-    // Exactly this code makes the sender drop the oldest items and try again.
+    // This code in particular makes the sender drop the oldest items and try again.
     if (used + size > limit_) return zel::eOutOfSpace;
     queue.push_back({++table_->lastToken, {data->begin, data->end}});
     return zel::sOk;
@@ -39,7 +39,7 @@ class Producer final : public Counted<orvel::IQueueProducer> {
 class Consumer final : public Counted<orvel::IAckConsumer> {
  public:
   Consumer(Table table, QueueName name) : table_(std::move(table)), name_(std::move(name)) {}
-  // What a reader still holds when it goes is free for the next one.
+  // What a reader still holds at its end is free for the next one.
   ~Consumer() override {
     const std::scoped_lock lock(table_->mutex);
     for (Item& item : Items()) {
@@ -50,7 +50,7 @@ class Consumer final : public Counted<orvel::IAckConsumer> {
   zel::ResultCode Read(zel::vector_t<std::uint8_t>* data, std::uint64_t* token) override {
     const std::scoped_lock lock(table_->mutex);
     for (Item& item : Items()) {
-      // Forward only: an item that was handed out once isn't handed out again, even if it was given back.
+      // Forward only: the same reader never gets an item again, even if it was given back.
       if (item.token <= last_ || item.holder) continue;
       zel::vector_t<std::uint8_t> bytes;
       bytes.append(item.bytes.size());
@@ -63,7 +63,7 @@ class Consumer final : public Counted<orvel::IAckConsumer> {
     return zel::eNotFound;
   }
 
-  // Ack and ReturnItem come from the HTTP client's threads, also while another one is in Read.
+  // Ack and ReturnItem come on the HTTP client's threads, even during a Read.
   zel::ResultCode Ack(const std::uint64_t* token) override {
     const std::scoped_lock lock(table_->mutex);
     if (!Held(*token)) return zel::eNotFound;
@@ -79,12 +79,12 @@ class Consumer final : public Counted<orvel::IAckConsumer> {
   }
 
  private:
-  // Empty if there is no such queue: only a producer makes one.
+  // Empty if there is no such queue: only a producer creates one.
   std::span<Item> Items() const {
     const auto found = table_->queues.find(name_);
     return found == table_->queues.end() ? std::span<Item>() : std::span(found->second);
   }
-  // Null if this reader doesn't hold the item, or not any more.
+  // Null if this reader doesn't hold the item, or no longer does.
   Item* Held(std::uint64_t token) const {
     for (Item& item : Items()) {
       if (item.token == token && item.holder == this) return &item;

@@ -1,4 +1,5 @@
-// The queue service, in memory: what waits here ends with the process. A service for use keeps it on disk.
+// The queue service, in memory: waiting items are lost with the process. A production service keeps them on
+// disk.
 #pragma once
 
 #include <cstdint>
@@ -17,16 +18,16 @@ namespace own_host {
 struct Item {
   std::uint64_t token = 0;
   std::vector<std::uint8_t> bytes;
-  const void* holder = nullptr;  // the reader that has it
+  const void* holder = nullptr;  // the reader that holds it
 };
 using Queue = std::vector<Item>;
 using QueueName = std::pair<std::string, std::string>;  // domain and name
 
-// All queues. Readers and writers share it, so it outlives the service if they do.
+// All queues. Shared with readers and writers, so that it lives as long as they do.
 struct QueueTable {
-  std::mutex mutex;  // guards all below
+  std::mutex mutex;  // guards the members below
   std::map<QueueName, Queue> queues;
-  std::uint64_t lastToken = 0;  // tokens rise by one an item, so they give the order and the number as well
+  std::uint64_t lastToken = 0;  // tokens ascend by one, so they also give the order and the count
 };
 
 class MemoryQueues final : public Counted<orvel::IQueueFactory> {
@@ -38,8 +39,8 @@ class MemoryQueues final : public Counted<orvel::IQueueFactory> {
   zel::ResultCode CreateQueueManager(const zel::string& domain, orvel::IQueueManager** out) override;
 
   struct Counts {
-    std::size_t accepted = 0;  // items that were pushed, since the service was made
-    std::size_t waiting = 0;   // items in all queues, those that a reader holds included
+    std::size_t accepted = 0;  // items pushed since the service was created
+    std::size_t waiting = 0;   // items in all queues, including those that a reader holds
   };
   Counts Count() const;
 

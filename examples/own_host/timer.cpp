@@ -34,7 +34,7 @@ zel::ResultCode Timer::CancelTimer(zel::IRunnable* sink) {
   std::unique_lock lock(mutex_);
   pending_.erase(sink);
   if (running_ != sink || std::this_thread::get_id() == thread_.get_id()) return zel::sOk;
-  // The Run may arm its sink again before it ends. Waiting for an idle sink could then last for ever.
+  // The Run may arm its sink again before it ends. Waiting for an idle sink could then take for ever.
   cancelled_ = true;
   changed_.wait(lock, [&, before = runsEnded_] { return runsEnded_ != before; });
   return zel::sOk;
@@ -57,7 +57,7 @@ void Timer::Loop() {
       try {
         running_->Run(nullptr);
       } catch (...) {
-        // The sink's own affair. The other sinks still need this thread.
+        // The sink's own problem. The other sinks still need this thread.
       }
       lock.lock();
       if (cancelled_) pending_.erase(running_);

@@ -38,7 +38,7 @@ void QueueRoom::Refresh(const Ledgers& ledgers) {
     const host::QueueLedger& ledger = LedgerOf(ledgers, queue);
     const host::ItemCount& before = acceptedBefore_[queue];
     itemsInMemory_ += submitted_.items * times - (ledger.accepted.items - before.items);
-    // What is in memory will stand in the queue besides what waits there.
+    // What is in memory will be in the queue in addition to what is waiting there.
     const std::int64_t inMemory = submitted_.bytes * times - (ledger.accepted.bytes - before.bytes);
     bytesLeft_ = std::min(bytesLeft_, (limitBytes_ - ledger.waiting.bytes - inMemory) / times);
   }

@@ -1,9 +1,8 @@
-// QueueRoom: whether the queues have room for another record.
+// QueueRoom knows whether the queues have room for another record.
 //
-// The module takes everything, and a queue that is full drops its oldest items for new ones. A reader of a
-// large file that simply went on would push its own first records out of the queue. So it compares what was
-// submitted with what has arrived by the store's ledger. How much may stand in memory on the way there is
-// host::MemoryMeter's part.
+// The module accepts everything, and a full queue drops its oldest items for new ones. So reading a large
+// file without pause would push its own first records out of the queue. This compares what was submitted with
+// what the store's ledger says has arrived. host::MemoryMeter limits what is in memory meanwhile.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +18,8 @@ using Ledgers = std::map<std::string, host::QueueLedger>;
 // One thread at a time.
 class QueueRoom {
  public:
-  // `targets`: the queues that each record goes to, with how many times it goes there. `before`: the ledgers
-  // before the first record.
+  // `targets`: the queues of each record, with how many times it goes there. `before`: the ledgers before the
+  // first record.
   QueueRoom(std::int64_t limitBytes, std::map<std::string, std::int64_t> targets, const Ledgers& before);
 
   // As of the last Refresh.
@@ -30,7 +29,7 @@ class QueueRoom {
   void Submitted(std::int64_t bytes);
   void Refresh(const Ledgers& ledgers);
 
-  // Submitted and in no queue yet as of the last Refresh, over all queues.
+  // The items that were in no queue yet at the last Refresh, over all queues.
   std::int64_t ItemsInMemory() const { return itemsInMemory_; }
 
  private:

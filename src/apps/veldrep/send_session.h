@@ -28,7 +28,7 @@ class SendSession {
   // Starts a cycle without a submission: for what an earlier run left, or after the chain of cycles has
   // ended.
   void TriggerCycle();
-  // Starts the cycle that a submission has scheduled at once, not after up to a second.
+  // Starts the cycle that a submission has scheduled now rather than within a second.
   void RunSoon();
   // Also after Close.
   Ledgers CurrentLedgers() { return queues_->Ledgers(); }
