@@ -51,7 +51,7 @@ class HttpClient final : public HostObject<IHttpClient, IHttpClientCertificates>
       HttpRequest::Content content{url, ToUtf8(url.View()), {}, zel::Ref<zel::IIO>(body), {}};
       content.callback = zel::Ref<network_services::IAsyncHttpRequestCallback>(callback);
       for (const network_services::HttpHeader& header : options.headers) {
-        // libcurl takes "Name:" for a header to leave out and "Name;" for one that is empty.
+        // For libcurl "Name:" omits a header, and "Name;" is an empty one.
         content.headers.push_back(header.value.empty() ? ToStd(header.name) + ";"
                                                        : ToStd(header.name) + ": " + ToStd(header.value));
       }
@@ -115,8 +115,8 @@ class Factory final : public HostObject<HttpClientFactory> {
 
 void InitializeLibraries() {
   static const bool initialized = [] {
-    // A client's thread may be in the middle of something when the process exits; OpenSSL's own clean-up at
-    // exit would pull the ground from under it.
+    // A client's thread may be busy when the process exits; OpenSSL's own clean-up at exit would free what it
+    // is using.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   }();

@@ -12,8 +12,8 @@
 namespace veld_report::host {
 namespace {
 
-// The loop is woken for everything that it has to do; this is no more than a net.
-constexpr int longestPollMs = 60000;
+// The loop is woken for everything that it has to do; this is only a safety net.
+constexpr int maxPollMs = 60000;
 
 // Without a text it doesn't allocate.
 HttpOutcome LocalFailure(zel::ResultCode code, std::string error = {}) {
@@ -37,7 +37,7 @@ HttpOutcome OutcomeOf(const HttpTransfer& transfer, CURLcode result) noexcept {
 HttpEngine::HttpEngine(std::shared_ptr<HttpShared> shared)
     : shared_(std::move(shared)), multi_(curl_multi_init()) {
   if (!multi_) throw std::bad_alloc();
-  // Where there is no descriptor left to wake it by, the loop would sleep through its requests.
+  // Without a free descriptor to wake it by, the loop would sleep through its requests.
   if (curl_multi_wakeup(multi_) != CURLM_OK) {
     curl_multi_cleanup(multi_);
     throw std::runtime_error("the HTTP client's thread can't be woken; are there file descriptors left?");
@@ -63,8 +63,8 @@ void HttpEngine::Loop() {
     incoming.clear();
     EndCancelled();
     Perform(multi);
-    if (curl_multi_poll(multi, nullptr, 0, longestPollMs, nullptr) != CURLM_OK) {
-      // Out of memory, most likely: go on, but not in a busy loop.
+    if (curl_multi_poll(multi, nullptr, 0, maxPollMs, nullptr) != CURLM_OK) {
+      // Most likely out of memory: go on, but without a busy loop.
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
@@ -89,8 +89,8 @@ void HttpEngine::Perform(CURLM* multi) {
   }
   EndDone();
   if (!allowed) EndAll(LocalFailure(zel::eOperationCancelled));
-  // Out of memory, most likely. The library goes on with what it had half built, and may divide by the zero
-  // in it (7.88 does so for a table of sockets), so what is in flight has to end here.
+  // Most likely out of memory. libcurl goes on with what it had half built, and may divide by a zero in it
+  // (7.88 does that for a table of sockets). So everything in flight must end here.
   if (failed) EndAll(LocalFailure(zel::eOutOfMemory));
 }
 
@@ -170,7 +170,7 @@ void HttpEngine::StartTransfer(const zel::Ref<HttpRequest>& request, Clock::Time
 void HttpEngine::EndCancelled() {
   const HttpOutcome cancelled = LocalFailure(zel::eOperationCancelled);
   for (auto transfer = transfers_.begin(); transfer != transfers_.end();) {
-    // No End adds to the transfers: what a completion submits waits until the loop comes round.
+    // No End adds to the transfers: what a completion submits waits for the next turn of the loop.
     const auto next = std::next(transfer);
     if (transfer->second->Request().IsCancelled()) EndTransfer(transfer, cancelled);
     transfer = next;
@@ -222,7 +222,7 @@ void HttpEngine::Note(const HttpRequest& request, Clock::TimePoint startedAt,
     WriteTrace(shared_->options.tracer.Get(), failureLevel,
                "veld_host\tHttp: request to " + WithoutCredentials(url) + " failed: " + outcome.error);
   } catch (...) {
-    // Without memory the url's row stays as it is, and the line is lost.
+    // If memory runs out, the url's row stays as it is, and the line is lost.
   }
 }
 

@@ -1,7 +1,7 @@
-// HttpEngine, the thread of a client and what it works on: libcurl's multi handle and the requests in flight.
+// HttpEngine: the thread of a client and its state, libcurl's multi handle and the requests in flight.
 //
-// It is apart from the client so that it can outlive it: a client's last Release may come from a completion
-// on the engine's own thread.
+// It is separate from the client so that it can outlive it: a client's last Release may come from a
+// completion on the engine's own thread.
 #pragma once
 
 #include <curl/curl.h>
@@ -19,7 +19,7 @@
 namespace veld_report::host {
 
 // Life: made -> looping (one thread in Loop) -> stopped. Stop ends every request as cancelled.
-// Threads: any, for all but Loop. Nothing but Loop blocks.
+// Threads: any, except for Loop. Only Loop blocks.
 class HttpEngine {
  public:
   // Throws std::bad_alloc, std::runtime_error.
@@ -31,17 +31,17 @@ class HttpEngine {
   void Loop();
   void Stop();
 
-  // Accepts a request, which then gets its End, or answers 0x8000006a "Invalid state" once stopped.
+  // Accepts a request, which will get its End, or returns 0x8000006a "Invalid state" once stopped.
   zel::ResultCode Submit(zel::Ref<HttpRequest> request);
-  // Makes the loop look at its requests, one of which has been cancelled.
+  // Makes the loop check its requests after one was cancelled.
   void Wake();
-  // For the requests that start from here on.
+  // For the requests that start from now on.
   void SetCertificates(CertificateTable certificates);
 
  private:
   using Transfers = std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>>;
 
-  // Returns false once stopped. Hands the accepted requests over in either case.
+  // Returns false once stopped. Moves the accepted requests out in either case.
   bool TakeIncoming(std::vector<zel::Ref<HttpRequest>>* incoming);
   void Start(const zel::Ref<HttpRequest>& request);
   void Perform(CURLM* multi);
@@ -56,13 +56,13 @@ class HttpEngine {
 
   const std::shared_ptr<HttpShared> shared_;
 
-  std::mutex mutex_;  // guards the four below; held for moments, across nothing but curl_multi_wakeup
+  std::mutex mutex_;  // guards the four members below; held briefly, only across curl_multi_wakeup
   CURLM* multi_;      // null once the loop has ended; the loop itself uses it without the lock
   bool stopped_ = false;
   std::vector<zel::Ref<HttpRequest>> incoming_;
   std::shared_ptr<const CertificateTable> certificates_;
 
-  Transfers transfers_;  // the loop's own
+  Transfers transfers_;  // only used by the loop
 };
 
 }  // namespace veld_report::host

@@ -1,4 +1,4 @@
-// What the clients of one factory have in common.
+// What the clients of one factory share.
 #pragma once
 
 #include <mutex>
@@ -27,7 +27,7 @@ class HttpShared {
     const std::lock_guard lock(mutex_);
     announced_ = std::move(urls);
   }
-  // An announcement counts once.
+  // An announcement is used once.
   std::optional<std::vector<std::string>> TakeAnnounced() {
     const std::lock_guard lock(mutex_);
     return std::exchange(announced_, std::nullopt);
@@ -39,7 +39,7 @@ class HttpShared {
   RequestGate gate;
 
  private:
-  std::mutex mutex_;  // guards the one below
+  std::mutex mutex_;  // guards the member below
   std::optional<std::vector<std::string>> announced_;
 };
 

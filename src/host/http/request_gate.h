@@ -1,8 +1,8 @@
-// RequestGate: whether the clients of one factory may send at all.
+// RequestGate decides whether the clients of one factory may send at all.
 //
-// An engine holds the gate while it lets libcurl work, so once the gate is shut no byte of a request leaves
-// any more. Refusing new requests alone wouldn't do: those in flight go on, and one that has just been
-// accepted is about to begin.
+// An engine holds the gate while libcurl works, so once the gate is shut, no byte of a request is sent.
+// Refusing new requests wouldn't be enough: those in flight would go on, and one that was just accepted is
+// about to start.
 #pragma once
 
 #include <mutex>
@@ -15,7 +15,7 @@ class HttpEngine;
 // Threads: any.
 class RequestGate {
  public:
-  // Held by an engine around libcurl's work. False if the gate is shut: then everything in flight has to end.
+  // Held by an engine around libcurl's work. False if the gate is shut: then everything in flight must end.
   class Pass {
    public:
     explicit Pass(RequestGate& gate) : lock_(gate.mutex_), open_(gate.open_) {}
@@ -26,14 +26,14 @@ class RequestGate {
     const bool open_;
   };
 
-  // Opens or shuts it. Waits for no server and no completion.
+  // Opens or shuts the gate. Waits for no server and no completion.
   void Allow(bool allowed);
-  // Engines are woken when the gate shuts.
+  // Adds an engine, which is woken when the gate shuts.
   void Add(HttpEngine* engine);
   void Remove(HttpEngine* engine);
 
  private:
-  std::mutex mutex_;  // guards both; held across libcurl's work and the wake-up of engines
+  std::mutex mutex_;  // guards both; held while libcurl works and engines are woken
   bool open_ = true;
   std::vector<HttpEngine*> engines_;
 };
