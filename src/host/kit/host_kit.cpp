@@ -30,7 +30,7 @@ zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<Li
   return QueueService::Open(options);
 }
 
-// The function that hears of finished requests: the state file first, then the application's own.
+// Called for completed requests: updates the state file, then calls the application's function.
 FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& http,
                                              std::shared_ptr<UrlStateFile> states,
                                              FunctionNotification::Function own) {
@@ -42,8 +42,9 @@ FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& 
 
 }  // namespace
 
-// A request that is held back ends the sender's walk, and the urls behind it would wait for sendTimeout. The
-// relay has the next cycle come sooner. It knows the timer only while the kit runs: a client may outlive it.
+// A held-back request ends the sender's walk, and the remaining urls would wait for sendTimeout. The relay
+// makes the next cycle come sooner. It only uses the timer while the kit is running, since a client may
+// outlive the kit.
 class BackoffRelay {
  public:
   void SetTimer(TimerService* timer) {
@@ -161,8 +162,8 @@ void HostKit::BeginCycle() {
 }
 
 void HostKit::AllowSending(bool allowed) noexcept {
-  // The gate of the walk alone would let the rest of a queue go out, and so would that of the requests let
-  // walks begin for nothing.
+  // With the gate of the walk alone, the rest of a queue would still be sent. With that of the requests
+  // alone, walks would start in vain.
   mode_->AllowBackground(allowed);
   http_->AllowRequests(allowed);
   if (!allowed) return;
@@ -183,8 +184,8 @@ void HostKit::SetSettings(const KitSettings& settings) {
 }
 
 bool HostKit::Close() {
-  // The sender's last Release ends a cycle in progress and writes what is in memory into the queues. Behind
-  // it nobody arms the timer, and the HTTP client, which went with the sender, has ended its requests; once
+  // The sender's last Release ends a cycle in progress and moves what is in memory into the queues. After
+  // that nobody arms the timer, and the HTTP client, which went with the sender, has ended its requests. Once
   // the timer's thread has ended too, no thread is left in the module's code.
   if (http_) http_->AllowRequests(false);
   senderSettings_.Reset();

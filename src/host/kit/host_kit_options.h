@@ -1,4 +1,4 @@
-// What a HostKit is made from.
+// The options of a HostKit.
 #pragma once
 
 #include <cstdint>
@@ -16,29 +16,29 @@ namespace veld_report::host {
 
 // One report server.
 struct KitEndpoint {
-  std::string url{};       // http:// or https://, UTF-8; also what the name of its queue comes from
-  std::string consumer{};  // which submissions go there by name; those without a name go to every endpoint
-  // Texts as host/http/http_client.h describes them: CA certificates in PEM form or "sha256//..." pins.
+  std::string url{};       // http:// or https://, UTF-8; the name of its queue is derived from it
+  std::string consumer{};  // gets the submissions to this name, and those without a name
+  // As described in host/http/http_client.h: CA certificates in PEM form or "sha256//..." pins.
   std::vector<std::string> certificates{};
 };
 
 struct KitSettings {
   std::vector<KitEndpoint> endpoints{};
-  std::uint32_t packetLimit = 100;     // most records in one request; 0: no limit
+  std::uint32_t packetLimit = 100;     // maximum records in a request; 0: no limit
   std::uint32_t queueLimitKb = 10240;  // of each endpoint's queue, in units of 1024 bytes
-  std::uint32_t sendTimeoutS = 30;     // from a cycle that left something undelivered to the next one
+  std::uint32_t sendTimeoutS = 30;     // delay after a cycle that left items undelivered
 };
 
 struct HostKitOptions {
   std::string modulePath{};  // of the module's library; empty: FindModule() (host/kit/module_path.h)
   KitSettings settings{};
-  QueueServiceOptions queues{};  // `folder` is required; `tracer` is filled by the kit
-  HttpClientOptions http{};      // `tracer` is filled by the kit
+  QueueServiceOptions queues{};  // `folder` is required; `tracer` is set by the kit
+  HttpClientOptions http{};      // `tracer` is set by the kit
   LineTracerOptions trace{.level = 0};
-  std::string signingKeyFile{};  // an Ed25519 private key in PEM form; empty: messages go unsigned
+  std::string signingKeyFile{};  // an Ed25519 private key in PEM form; empty: messages are unsigned
   FunctionNotification::Function onRequestFinished{};  // may be empty
-  // If set, called once with the queue service; the module gets what it returns in place of that. For those
-  // who measure or watch what passes between the two.
+  // If set, called once with the queue service; the module gets its result instead. For measuring or watching
+  // the traffic between the two.
   std::function<zel::Ref<orvel::IQueueFactory>(zel::Ref<orvel::IQueueFactory>)> wrapQueues{};
 };
 

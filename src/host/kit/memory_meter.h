@@ -1,5 +1,5 @@
-// MemoryMeter limits what is in memory, between submission and store. The unit is its user's: the reporter
-// counts records, a program that takes records of any size counts bytes.
+// MemoryMeter limits what is in memory, between submission and store. Its user chooses the unit: the reporter
+// counts records, a program with records of any size counts bytes.
 //
 // The sender's memory has no limit of its own, and a cycle empties it before it does anything else. So a
 // producer that is faster than the disk would keep a cycle from ending, and with it a close.
@@ -35,7 +35,7 @@ class MemoryMeter {
   std::uint64_t questions_ = 0;
   std::uint64_t submitted_ = 0;
   std::uint64_t moved_ = 0;  // of this, what is known to have left memory
-  // A cycle after the first `runsAtMark_` finds what was submitted up to `mark_` in memory and moves it.
+  // A cycle after the first `runsAtMark_` finds in memory what was submitted up to `mark_`, and moves it.
   std::uint64_t mark_ = 0;
   std::uint64_t runsAtMark_ = 0;
 };

@@ -10,7 +10,7 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds slice{50};
 constexpr milliseconds firstPause{100};
-constexpr milliseconds longestPause{5000};
+constexpr milliseconds maxPause{5000};
 
 }  // namespace
 
@@ -18,17 +18,17 @@ bool Flusher::FlushUnless(const std::function<bool()>& isPointless, const std::f
   const std::uint64_t before = kit_.Timer().RunsStarted();
   if (!FlushToStore(end)) return false;
   const std::uint64_t mark = kit_.Queues().LastToken();
-  if (isPointless()) return IsBehind(mark);
-  // The cycle that has just moved the records goes on to send them.
-  if (!WaitForRun(before, end)) return IsBehind(mark);
+  if (isPointless()) return HasPassed(mark);
+  // The cycle that has just moved the records goes on and sends them.
+  if (!WaitForRun(before, end)) return HasPassed(mark);
   milliseconds pause = firstPause;
-  while (!IsBehind(mark)) {
+  while (!HasPassed(mark)) {
     if (isPointless()) return false;
     const TimePoint next = steady_clock::now() + pause;
     WaitForRun(kit_.Timer().RunsStarted(), [&] { return std::min(end(), next); });
-    if (IsBehind(mark)) break;
-    if (!RunCycle(end)) return IsBehind(mark);
-    pause = std::min(2 * pause, longestPause);
+    if (HasPassed(mark)) break;
+    if (!RunCycle(end)) return HasPassed(mark);
+    pause = std::min(2 * pause, maxPause);
   }
   return true;
 }
@@ -36,7 +36,7 @@ bool Flusher::FlushUnless(const std::function<bool()>& isPointless, const std::f
 bool Flusher::FlushToStore(const std::function<TimePoint()>& end) {
   if (!Drain(end)) return false;
   while (!kit_.Queues().Commit()) {
-    // The disk is full or the file can't be written just now; what stands in memory isn't safe yet.
+    // The disk is full or the file can't be written now, so what is in memory isn't safe yet.
     const TimePoint next = steady_clock::now() + firstPause;
     WaitForRun(kit_.Timer().RunsStarted(), [&] { return std::min(end(), next); });
     if (steady_clock::now() >= end()) return false;
@@ -74,7 +74,7 @@ bool Flusher::InSlices(const std::function<TimePoint()>& end,
   }
 }
 
-bool Flusher::IsBehind(std::uint64_t mark) {
+bool Flusher::HasPassed(std::uint64_t mark) {
   for (const host::QueueInfo& queue : kit_.Queues().ListQueues()) {
     if (queue.items == 0) continue;
     const auto oldest = kit_.Queues().PeekItems(queue.name, 1);

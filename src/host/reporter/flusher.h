@@ -1,10 +1,9 @@
-// Flusher: waits until what has been submitted is off this machine, or dropped by a rule.
+// Flusher waits until everything that was submitted has been delivered, or dropped by a rule.
 //
-// How it knows: the first cycle that begins behind the call moves everything from memory into the store, and
-// the kit tells when it has, before the cycle sends anything. The youngest token of the store is then a mark,
-// since tokens only rise: as soon as each queue's oldest item is younger than the mark, or there is none,
-// everything before it has been acknowledged, which happens on an answer of 200, or has been dropped, which
-// the ledger counts.
+// How it knows: the first cycle after the call moves everything from memory into the store, and the kit
+// reports that before the cycle sends anything. The last token of the store is then a mark, since tokens only
+// ascend. Once the oldest item of every queue is younger than the mark, everything before it is gone:
+// acknowledged after an answer of 200, or dropped and counted in the ledger.
 #pragma once
 
 #include <chrono>
@@ -22,27 +21,27 @@ class Flusher {
 
   explicit Flusher(host::HostKit& kit) : kit_(kit) {}
 
-  // Returns whether it came about before `end()`, which is asked again at least 20 times a second, so that it
-  // may change. Throws what the store throws.
+  // Returns true if that was done before `end()`, which is called at least 20 times a second and may change.
+  // Throws what the store throws.
   bool Flush(const std::function<TimePoint()>& end) {
     return FlushUnless([] { return false; }, end);
   }
-  // The same, but returns early if `isPointless()`, which is asked once everything is in the store and again
+  // The same, but returns early if `isPointless()`, which is called once everything is in the store and again
   // before each further cycle.
   bool FlushUnless(const std::function<bool()>& isPointless, const std::function<TimePoint()>& end);
-  // As Flush, but content when everything is in the store's file.
+  // Like Flush, but only waits until everything is in the store's file.
   bool FlushToStore(const std::function<TimePoint()>& end);
-  // Moves everything from memory into the store by a cycle that begins now, without a commit, and doesn't
-  // wait for what this cycle sends. False: not before `end()`.
+  // Moves everything from memory into the store by a cycle that starts now, without a commit. Doesn't wait
+  // for what this cycle sends. False if that wasn't done before `end()`.
   bool Drain(const std::function<TimePoint()>& end);
 
  private:
   bool RunCycle(const std::function<TimePoint()>& end);
   bool WaitForRun(std::uint64_t startedAfter, const std::function<TimePoint()>& end);
-  // Calls `waitUntil` with moments soon to come until it returns true, or `end()` has passed.
+  // Calls `waitUntil` with near deadlines until it returns true or `end()` has passed.
   static bool InSlices(const std::function<TimePoint()>& end,
                        const std::function<bool(TimePoint)>& waitUntil);
-  bool IsBehind(std::uint64_t mark);
+  bool HasPassed(std::uint64_t mark);
 
   host::HostKit& kit_;
 };

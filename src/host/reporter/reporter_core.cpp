@@ -19,7 +19,7 @@ using std::chrono::steady_clock;
   throw ReporterError(zel::eNotInitialized, "the reporter is closed; make another one");
 }
 
-// What leaves the reporter is a ReporterError, whatever was thrown inside.
+// Turns every exception into a ReporterError.
 template <class Body>
 auto Translated(Body&& body) {
   try {
@@ -35,10 +35,10 @@ auto Translated(Body&& body) {
   }
 }
 
-// A duration that a person gave, however large, as a moment.
+// The end of a given duration, however large.
 Flusher::TimePoint After(milliseconds duration) {
-  constexpr milliseconds longest = std::chrono::hours(24 * 365);
-  return steady_clock::now() + std::clamp(duration, milliseconds(0), longest);
+  constexpr milliseconds maxDuration = std::chrono::hours(24 * 365);
+  return steady_clock::now() + std::clamp(duration, milliseconds(0), maxDuration);
 }
 
 std::string WhyRefused(const host::Submission& submission, bool isJson, std::string_view json) {
@@ -81,7 +81,7 @@ Reporter::Core::Core(ReporterOptions options)
     flusher_ = std::make_unique<Flusher>(*kit_);
     memory_ = std::make_unique<host::MemoryMeter>(*kit_, options.memoryLimitRecords);
     AdoptSettings(SettingsOf(options));
-    // What an earlier run left behind goes out without waiting for a first record.
+    // Sends what an earlier run left, without waiting for a first record.
     kit_->TriggerCycle();
   });
 }
@@ -155,7 +155,7 @@ void Reporter::Core::CloseOnce() noexcept {
     flushedAtClose_ = flusher_->FlushUnless([this] { return !kit_->IsSendingAllowed(); },
                                             [this] { return closeBy_.load(); });
   } catch (...) {
-    // A store that can't be asked: what became of the records is unknown, so the answer stays no.
+    // The store can't be read, so what became of the records is unknown and the result stays false.
   }
   {
     const std::lock_guard lock(consentMutex_);
@@ -190,7 +190,7 @@ Settings Reporter::Core::CurrentSettings() const {
   return settings_;
 }
 
-// Holds sending back for as long as it lives.
+// Holds back sending while it lives.
 class Reporter::Core::Forgetting {
  public:
   explicit Forgetting(Core& core) : core_(core) { core_.ChangeConsent(&Core::forgetting_, true); }
@@ -243,7 +243,7 @@ void Reporter::Core::Forget() {
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
     const std::lock_guard lock(forgetMutex_);
-    // What is in memory has to go into the store first, to be removed with the rest, and must not be sent.
+    // What is in memory must move into the store first, to be removed with the rest, and must not be sent.
     const Forgetting nothingIsSent(*this);
     const TimePoint end = After(std::chrono::seconds(20));
     if (!flusher_->Drain([&] { return gate_.IsShut() ? TimePoint::min() : end; })) {

@@ -1,4 +1,4 @@
-// Reporter::Core, what a reporter consists of; reporter.h tells what its operations do.
+// Reporter::Core, the implementation of a reporter; its operations are described in reporter.h.
 #pragma once
 
 #include <atomic>
@@ -17,25 +17,25 @@
 
 namespace veld_report {
 
-// Holds the listener of the moment. It is shared with the kit's notification, which may outlive the rest.
+// Holds the current listener. Shared with the kit's notification, which may outlive the reporter.
 class ListenerSlot {
  public:
   void Set(Listener listener);
   void Call(const FinishedRequest& request) const;
 
  private:
-  mutable std::mutex mutex_;  // guards listener_; not held across a call of it
+  mutable std::mutex mutex_;  // guards listener_; not held while it is called
   std::shared_ptr<const Listener> listener_;
 };
 
-// Life, threads: those of the reporter.
+// Life and threads: as for the reporter.
 class Reporter::Core {
  public:
   // Throws ReporterError.
   explicit Core(ReporterOptions options);
   ~Core();
 
-  // `record` or, if it is null, `json`. `error` may be null.
+  // Submits `record` or, if it is null, `json`. `error` may be null.
   zel::ResultCode Submit(const zel::AnyPtr* record, std::string_view json, std::string_view consumer,
                          std::string* error) noexcept;
   bool Flush(std::chrono::milliseconds deadline) noexcept;
@@ -52,11 +52,11 @@ class Reporter::Core {
   using TimePoint = Flusher::TimePoint;
   class Forgetting;
 
-  // A phrase of what is wrong, or an empty text.
+  // A phrase that says what is wrong, or an empty text.
   std::string CheckConsumer(std::string_view consumer) const;
   void AdoptSettings(const Settings& settings);
   void CloseOnce() noexcept;
-  // Changes a part of what decides whether may be sent, and gives the sum of it to the kit.
+  // Changes one of the conditions for sending, and gives the kit the result of all of them.
   void ChangeConsent(bool Core::*part, bool value) noexcept;
   using FlushForm = bool (Flusher::*)(const std::function<TimePoint()>& end);
   bool FlushBy(FlushForm form, std::chrono::milliseconds deadline) noexcept;
@@ -67,26 +67,26 @@ class Reporter::Core {
   std::atomic<std::uint64_t> submitted_{0};
   std::atomic<std::uint64_t> refused_{0};
 
-  mutable std::mutex settingsMutex_;  // guards the two below, for moments
+  mutable std::mutex settingsMutex_;  // guards the two members below; held briefly
   Settings settings_;
   std::set<std::string, std::less<>> consumers_;
 
   std::mutex
-      changeMutex_;  // held across a change of the settings, so that they change in one order everywhere
+      changeMutex_;  // held while the settings change, so that they change in the same order everywhere
 
-  mutable std::mutex consentMutex_;  // guards the three below; held while the kit is given their sum
-  bool sendingAllowed_ = true;       // what the application said last
+  mutable std::mutex consentMutex_;  // guards the three members below; held while the kit gets the result
+  bool sendingAllowed_ = true;       // the application's last choice
   bool forgetting_ = false;
-  bool sendingEnded_ = false;  // by CloseOnce; the kit isn't there for consent any more
+  bool sendingEnded_ = false;  // set by CloseOnce; the kit no longer takes consent
   std::mutex forgetMutex_;     // held across a Forget
 
-  // Created by the constructor, gone with the object; closed by CloseOnce.
+  // Created by the constructor, destroyed with the object; closed by CloseOnce.
   std::unique_ptr<host::HostKit> kit_;
   std::unique_ptr<Flusher> flusher_;
   std::unique_ptr<host::MemoryMeter> memory_;
 
-  std::atomic<TimePoint> closeBy_{TimePoint::max()};  // the earliest end that a Close has asked for
-  std::mutex closeMutex_;                             // held across the close; guards the two below
+  std::atomic<TimePoint> closeBy_{TimePoint::max()};  // the earliest deadline of any Close
+  std::mutex closeMutex_;                             // held during the close; guards the two members below
   bool closed_ = false;
   bool flushedAtClose_ = false;
 };
