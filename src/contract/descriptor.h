@@ -1,7 +1,8 @@
-// Descriptors: how a record tells a serialiser what it is, and AnyPtr, with which a described record travels.
+// Descriptors, which describe a record to a serialiser, and AnyPtr, which carries a record with its
+// descriptor.
 //
-// Both the module and producers describe their records with constant tables of these forms; the host's
-// serialiser walks them. The module itself never walks one: it reads a serId for a trace line.
+// The module and producers both describe their records with constant tables of these types; the host's
+// serialiser walks them. The module itself never walks one: it only reads a serId for a trace line.
 #pragma once
 
 #include <cstddef>
@@ -16,14 +17,15 @@ namespace zel {
 
 struct SerObjDescriptor;
 
-// The operations of one structure. No base class, no destructor slot; objects of it are static.
+// The operations of one structure. It has no base class and no destructor slot; its objects are static.
 class SerObjDescriptorHelper {
  public:
-  // Builds a copy of `source` at `place`, or a default instance if it is null. A null place does nothing.
+  // Builds a copy of `source` at `place`, or a default instance if `source` is null. Does nothing if `place`
+  // is null.
   virtual void CreateAt(void* place, const void* source) = 0;
-  // The same in memory from `allocator`, which isn't null. Returns null if that gives none.
+  // The same in memory from `allocator`, which isn't null. Returns null if the allocator does.
   virtual void* CreateNew(const void* source, IAllocator* allocator) = 0;
-  // Runs the destructor. The memory isn't given back.
+  // Runs the destructor. Doesn't free the memory.
   virtual void DestroyAt(void* object) = 0;
   virtual void Assign(const void* source, void* target) = 0;
   virtual bool ReservedHelperOperation() = 0;
@@ -32,12 +34,12 @@ class SerObjDescriptorHelper {
   ~SerObjDescriptorHelper() = default;
 };
 
-// The operations of a vector field. Same form.
+// The operations of a vector field. Same rules.
 class SerVectorHelper {
  public:
   virtual ResultCode Resize(void* vector, std::uint32_t count) = 0;
   virtual ResultCode GetSize(const void* vector, std::uint32_t* out) = 0;
-  // `*out` gets the address of element `index`, which stays valid until the vector changes.
+  // `*out` receives the address of element `index`, which is valid until the vector changes.
   virtual ResultCode GetElement(void* vector, std::uint32_t index, void** out) = 0;
   virtual ResultCode GetElementDescriptor(const SerObjDescriptor** out) = 0;
   // In bytes.
@@ -47,14 +49,14 @@ class SerVectorHelper {
   ~SerVectorHelper() = default;
 };
 
-// One field. The table of a structure ends with the first row whose `flags` is 0xffffffff.
+// One field. A structure's table ends with the first row whose `flags` is 0xffffffff.
 struct SerFieldDescriptor {
   static constexpr std::uint32_t narrowString = 0x21;
   static constexpr std::uint32_t plainField = 0;
   static constexpr std::uint32_t vectorOfRecords = 0x00012000;
   static constexpr std::uint32_t endOfTable = 0xffffffff;
 
-  std::uint32_t typeId = 0;    // kind of the value; for a vector of records the serId of the element
+  std::uint32_t typeId = 0;    // kind of the value; for a vector of records the element's serId
   const char* name = nullptr;  // NUL-terminated: the JSON member name
   std::uint32_t flags = 0;
   std::uint32_t offset = 0;  // of the field inside the structure, in bytes
@@ -80,9 +82,9 @@ static_assert(sizeof(SerObjDescriptor) == 40 && offsetof(SerObjDescriptor, name)
 static_assert(offsetof(SerObjDescriptor, size) == 16 && offsetof(SerObjDescriptor, fields) == 24);
 static_assert(offsetof(SerObjDescriptor, helper) == 32);
 
-// A described object: instance and descriptor, which aren't owned, and the keeper, an owned reference that
-// keeps the instance alive and may be null. Passed by value it costs one keeper reference, which is gone when
-// the call has returned.
+// A described object: an instance and a descriptor, neither of them owned, and the keeper, an owned reference
+// that keeps the instance alive and may be null. Passing it by value takes a keeper reference and releases it
+// when the call returns.
 class AnyPtr {
  public:
   void* object = nullptr;
@@ -90,7 +92,7 @@ class AnyPtr {
   IObject* keeper = nullptr;
 
   AnyPtr() = default;
-  // Takes a reference of its own on the keeper.
+  // Takes a reference of its own to the keeper.
   AnyPtr(void* instance, const SerObjDescriptor* description, IObject* keepAlive = nullptr)
       : object(instance), descriptor(description), keeper(keepAlive) {
     if (keeper) keeper->AddRef();
@@ -108,7 +110,7 @@ class AnyPtr {
 static_assert(sizeof(AnyPtr) == 24 && offsetof(AnyPtr, object) == 0);
 static_assert(offsetof(AnyPtr, descriptor) == 8 && offsetof(AnyPtr, keeper) == 16);
 
-// Hosts that register structures offer their descriptors by serId. Not asked in normal operation.
+// Hosts that register structures offer their descriptors by serId. Not used in normal operation.
 class MetaInfoProvider : public IObject {
  public:
   static constexpr InterfaceId iid = 0xfe7da4e6;

@@ -1,9 +1,9 @@
 // Memory of framework objects: the host's zel::IAllocator, and zel::Allocator, which containers hold.
 //
-// The rule: memory comes from the allocator that the host gave to the owning object, and from the process
-// heap (malloc and free) where no allocator is in sight. A block goes back where it came from. Since the
-// process heap is the same on both sides of the boundary, a container without an allocator may be filled by
-// the host and freed by the module.
+// The rule: memory comes from the allocator that the host gave to the owning object; if there is none, from
+// the process heap (malloc and free). A block is freed where it was allocated. Since the process heap is the
+// same on both sides of the boundary, the host may fill a container that has no allocator, and the module
+// frees it.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ class IAllocator : public IObject {
   virtual void* Allocate(std::uint64_t size) = 0;
   // Never called by the module.
   virtual ResultCode ReservedAllocatorOperation() = 0;
-  // Takes back what Allocate of the same allocator gave.
+  // Frees what Allocate of the same allocator returned.
   virtual void Free(void* memory) = 0;
 
  protected:
@@ -37,8 +37,8 @@ inline void* AllocateMemory(IAllocator* allocator, std::uint64_t size) {
   return memory;
 }
 
-// Gives back what AllocateMemory with the same allocator returned. A Free that throws stays unseen: memory
-// goes back in destructors and on ways out, where a second exception would end the process.
+// Frees what AllocateMemory with the same allocator returned. An exception of Free is dropped: memory is
+// freed in destructors and during unwinding, where another exception would end the process.
 inline void FreeMemory(IAllocator* allocator, void* memory) noexcept {
   if (!allocator) {
     std::free(memory);
@@ -50,8 +50,8 @@ inline void FreeMemory(IAllocator* allocator, void* memory) noexcept {
   }
 }
 
-// What a container of T holds: one counted reference on an IAllocator, or none for the process heap.
-// Copying it takes a reference. Two are the same when their services are the same object.
+// Held by a container of T: a counted reference to an IAllocator, or none for the process heap. A copy takes
+// a reference. Two are equal if their services are the same object.
 template <class T>
 class Allocator {
  public:
@@ -59,7 +59,7 @@ class Allocator {
   explicit Allocator(IAllocator* service) : service_(service) {}
 
   IAllocator* Service() const { return service_.Get(); }
-  // Room for `count` objects, which the caller constructs. Throws std::bad_alloc.
+  // Memory for `count` objects, which the caller constructs. Throws std::bad_alloc.
   T* Allocate(std::uint64_t count) const {
     return static_cast<T*>(AllocateMemory(service_.Get(), count * sizeof(T)));
   }

@@ -1,13 +1,13 @@
 // zel::types::basic_string_t, the string that crosses between host and module.
 //
 // It differs from std::basic_string in what the binary contract fixes: five public fields in a fixed order,
-// an inline buffer of 16 bytes that `data` points to, and an optional allocator of its own
+// an inline buffer of 16 bytes that `data` may point to, and an optional allocator of its own
 // (types/allocator.h). Narrow strings hold UTF-8, payload bytes or text of the locale, as their owner
-// decides; wide strings hold UTF-16 units on every platform.
+// decides. Wide strings hold UTF-16 units on every platform.
 //
-// Invariants: the character behind the last one is NUL, embedded NULs are allowed and only `size` tells the
-// end; `data` points at `inlineBuffer` exactly when `capacity` is the inline capacity; a heap block belongs
-// to this string alone. A string belongs to one thread at a time. Growth that fails leaves it as it was.
+// Invariants: the string ends in a NUL, but embedded NULs are allowed, so only `size` gives the length.
+// `data` points to `inlineBuffer` if and only if `capacity` is the inline capacity. A heap block belongs to
+// this string alone. If growth fails, the string doesn't change. Threads: one at a time.
 #pragma once
 
 #include <algorithm>
@@ -22,7 +22,7 @@
 
 namespace zel {
 
-// Copying and measuring of characters.
+// Copies and measures characters.
 template <class C>
 struct char_traits {
   static std::uint64_t length(const C* text) {
@@ -30,7 +30,7 @@ struct char_traits {
     while (text[count] != C()) ++count;
     return count;
   }
-  // The two ranges may overlap. A count of 0 looks at neither pointer.
+  // The two ranges may overlap. If the count is 0, the pointers are ignored.
   static void move(C* target, const C* source, std::uint64_t count) {
     if (count != 0) std::char_traits<C>::move(target, source, count);
   }
@@ -39,7 +39,7 @@ struct char_traits {
 
 namespace types {
 
-// Keeps a replaced heap block alive for the moment in which a string appends a piece of itself.
+// Keeps a replaced heap block alive while a string appends a piece of itself.
 template <class C>
 struct DeferredRelease {
   C* block = nullptr;
@@ -73,7 +73,7 @@ struct WithCapacity {
 template <class C, class Traits = char_traits<C>, class A = Allocator<C>>
 struct basic_string_t {
   static constexpr std::uint64_t inlineCapacity = 16 / sizeof(C) - 1;
-  // Above every length that can be addressed; less `size`, it bounds the extra characters of one growth.
+  // Above any length that can be addressed. The difference to `size` limits the characters of one growth.
   static constexpr std::uint64_t lengthLimit = sizeof(C) == 1 ? 0xfffffffffffffffe : 0x7fffffffffffffff;
 
   C* data = inlineBuffer;
@@ -82,7 +82,7 @@ struct basic_string_t {
   A allocator;
   C inlineBuffer[16 / sizeof(C)] = {};
 
-  // An empty string. `service` may be null; a reference of the string's own is taken.
+  // An empty string. `service` may be null; the string takes a reference of its own.
   basic_string_t() = default;
   explicit basic_string_t(IAllocator* service) : allocator(service) {}
   // A copy of a NUL-terminated text; null gives an empty string.
@@ -93,7 +93,7 @@ struct basic_string_t {
       : allocator(service) {
     append(text.data(), text.size());
   }
-  // An empty string with room for exactly that many characters if they are more than 15. Up to 15 it keeps
+  // An empty string with room for exactly that many characters if they are more than 15. Otherwise it keeps
   // its inline buffer, which in a wide string has room for 7.
   explicit basic_string_t(WithCapacity wanted, IAllocator* service = nullptr) : allocator(service) {
     if (wanted.characters <= 15) return;
@@ -102,13 +102,12 @@ struct basic_string_t {
     capacity = wanted.characters;
     data[0] = C();
   }
-  // The copy lives in the source's allocator.
+  // The copy uses the source's allocator.
   basic_string_t(const basic_string_t& other) : allocator(other.allocator) { append(other.data, other.size); }
-  // The source keeps its reference on the allocator and is left empty.
+  // The source keeps its reference to the allocator and becomes empty.
   basic_string_t(basic_string_t&& other) noexcept : allocator(other.allocator) { TakeBuffer(other); }
 
-  // Between strings of one allocator the buffer stays; otherwise the target ends up with the source's
-  // allocator.
+  // If the allocators are equal, the buffer is kept; otherwise the target takes over the source's allocator.
   basic_string_t& operator=(const basic_string_t& other) {
     if (this == &other) return *this;
     if (allocator == other.allocator) {
@@ -140,7 +139,8 @@ struct basic_string_t {
     ReplaceBlock(block, deferred);
   }
 
-  // Opens an unset gap of `extra` characters at `position`, which is at most `size`. Throws as reserve_extra.
+  // Opens an uninitialised gap of `extra` characters at `position`, which is at most `size`. Throws like
+  // reserve_extra.
   void resize_extra_at(std::uint64_t position, std::uint64_t extra, DeferredRelease<C>* deferred = nullptr) {
     if (extra <= capacity - size) {
       Traits::move(data + position + extra, data + position, size - position);
@@ -154,7 +154,7 @@ struct basic_string_t {
     data[size] = C();
   }
 
-  // The text may be a piece of this very string.
+  // The text may be part of this string.
   basic_string_t& append(const C* text, std::uint64_t count) {
     if (count == 0) return *this;
     DeferredRelease<C> deferred;
@@ -166,7 +166,7 @@ struct basic_string_t {
   }
   basic_string_t& append(std::basic_string_view<C> text) { return append(text.data(), text.size()); }
 
-  // Replaces the content; the buffer stays where the text fits. The text may be a piece of this very string.
+  // Replaces the content, in the same buffer if the text fits. The text may be part of this string.
   void assign(const C* text, std::uint64_t count) {
     if (count > size) {
       resize_extra_at(size, count - size);
@@ -177,7 +177,7 @@ struct basic_string_t {
     data[size] = C();
   }
 
-  // Puts a text in front of the string. The text may be a piece of this very string.
+  // Inserts a text at the front. The text may be part of this string.
   void insert(const C* text, std::uint64_t count) {
     if (count == 0) return;
     if (!Overlaps(text, count)) {
@@ -192,7 +192,7 @@ struct basic_string_t {
     insert(copy.data, copy.size);
   }
 
-  // The allocators change hands too. An inline text is copied and stays in its own object's buffer.
+  // Swaps the allocators too. An inline text is copied, since it can't leave its object.
   void swap(basic_string_t& other) noexcept {
     C* const ownBlock = IsInline() ? nullptr : data;
     C* const otherBlock = other.IsInline() ? nullptr : other.data;
@@ -237,7 +237,7 @@ struct basic_string_t {
   void FreeBlock() {
     if (!IsInline()) allocator.Free(data);
   }
-  // This string has no block of its own, and its allocator is already that of `other`.
+  // This string has no block, and already has the allocator of `other`.
   void TakeBuffer(basic_string_t& other) {
     if (other.IsInline()) {
       data = inlineBuffer;
@@ -267,15 +267,15 @@ bool operator==(const basic_string_t<C>& left, const basic_string_t<C>& right) {
   return left.View() == right.View();
 }
 
-// The order of all sorted tables and maps: bytes as signed characters, and on a common prefix the shorter
-// string first. So 0x80 to 0xff sort below 0x00 to 0x7f.
+// The order of all sorted tables and maps: by bytes as signed characters, and a prefix sorts before the
+// longer string. So 0x80 to 0xff sort below 0x00 to 0x7f.
 inline bool operator<(const basic_string_t<char>& left, const basic_string_t<char>& right) {
   return std::lexicographical_compare(
       left.data, left.data + left.size, right.data, right.data + right.size,
       [](char a, char b) { return static_cast<signed char>(a) < static_cast<signed char>(b); });
 }
 
-// Puts a constant in front of a temporary string. Throws std::length_error and std::bad_alloc.
+// Inserts a constant at the front of a temporary string. Throws std::length_error and std::bad_alloc.
 inline basic_string_t<char> Prepend(std::string_view constant, basic_string_t<char>&& text) {
   if (text.size >= basic_string_t<char>::lengthLimit - constant.size()) {
     throw std::length_error("zel::basic_string_t::insert");

@@ -10,10 +10,10 @@ std::uint64_t Padding(const FormatSpec& format, std::uint64_t used) {
   return used < width ? width - used : 0;
 }
 
-// The length of a NUL-terminated text, looking at no more than `most` bytes unless that is negative.
-std::uint64_t BoundedLength(const char* text, std::int32_t most) {
+// The length of a NUL-terminated text, reading no more than `maxBytes` bytes unless that is negative.
+std::uint64_t BoundedLength(const char* text, std::int32_t maxBytes) {
   std::uint64_t length = 0;
-  while ((most < 0 || length < static_cast<std::uint64_t>(most)) && text[length] != '\0') ++length;
+  while ((maxBytes < 0 || length < static_cast<std::uint64_t>(maxBytes)) && text[length] != '\0') ++length;
   return length;
 }
 
@@ -44,7 +44,7 @@ std::uint64_t AppendNarrowAligned(wstring* out, const FormatSpec& format, const 
   const std::uint64_t length = BoundedLength(text, format.precision);
   const std::uint64_t padding = Padding(format, length);
   std::uint64_t written = 0;
-  // With no prefix, an alignment of 0 pads before the text as well.
+  // Without a prefix, an alignment of 0 pads before the text too.
   if (format.alignment >= 0) written += AppendFill(out, padding, format.fill);
   for (std::uint64_t i = 0; i < length; ++i) {
     std::mbstate_t state{};

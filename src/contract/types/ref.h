@@ -1,8 +1,8 @@
-// zel::Ref, the counted reference: a pointer that is null or owns one reference on an interface.
+// zel::Ref, a counted reference: a pointer that is null or owns one reference to an interface.
 //
-// It is not a std::shared_ptr: the count lives in the object, and references cross the binary boundary as
-// plain pointers. Hand-over is spelled out: Attach takes over a reference that the caller owned, Detach gives
-// it up, Out receives one from an out argument. One Ref belongs to one thread at a time.
+// Unlike std::shared_ptr, the count is in the object, and references cross the binary boundary as plain
+// pointers. Transfers are explicit: Attach takes over a reference that the caller owned, Detach gives it up,
+// Out receives one from an out argument. Threads: one at a time for each Ref.
 #pragma once
 
 #include <concepts>
@@ -29,7 +29,7 @@ class Ref {
   noexcept : object_(other.Detach()) {}
   ~Ref() { Reset(); }
 
-  // The new reference stands before the old one is released.
+  // Takes the new reference before it releases the old one.
   Ref& operator=(const Ref& other) {
     Ref copy(other);
     std::swap(object_, copy.object_);
@@ -47,7 +47,7 @@ class Ref {
     result.object_ = object;
     return result;
   }
-  // Gives the reference up to the caller.
+  // Gives up the reference to the caller.
   [[nodiscard]] T* Detach() { return std::exchange(object_, nullptr); }
   // The reference is given up even if the object's Release throws: destructors and ways out let nothing
   // through.
@@ -60,14 +60,14 @@ class Ref {
     }
   }
 
-  // For an out argument of exactly this type. What was held is released first.
+  // For an out argument of exactly this type. Releases the current reference first.
   [[nodiscard]] T** Out() {
     Reset();
     return &object_;
   }
 
-  // For an out argument of type void**, which receives a T*. Use it as a temporary in the call: the reference
-  // is taken over when the temporary goes, at the end of the full expression.
+  // For an out argument of type void**, which receives a T*. Use it as a temporary in the call: it takes over
+  // the reference when it is destroyed, at the end of the full expression.
   class VoidOut {
    public:
     explicit VoidOut(Ref& target) : target_(target) { target_.Reset(); }

@@ -1,11 +1,11 @@
 // zel::types::vector_t, the vector that crosses between host and module.
 //
-// It differs from std::vector in three ways that the binary contract fixes: its four words are public and in
-// a fixed order, its memory follows the rule of types/allocator.h, and it grows to the larger of twice its
-// size and what is needed, starting from its size and not from its capacity.
+// It differs from std::vector in three ways that the binary contract fixes. Its four words are public and in
+// a fixed order. Its memory follows the rule of types/allocator.h. And it grows to twice its size (not its
+// capacity), or to what is needed if that is more.
 //
-// Elements keep the allocators of what they are copied from, not the vector's. A vector belongs to one thread
-// at a time. Growth that fails leaves the vector as it was.
+// Elements keep the allocators of what they are copied from, not the vector's. If growth fails, the vector
+// doesn't change. Threads: one at a time.
 #pragma once
 
 #include <cstddef>
@@ -32,7 +32,7 @@ struct vector_t {
   vector_t() = default;
   explicit vector_t(IAllocator* service) : allocator(service) {}
 
-  // Shares the source's allocator and has room for exactly its elements.
+  // Shares the source's allocator. Has room for exactly the source's elements.
   vector_t(const vector_t& other) : allocator(other.allocator) {
     const std::uint64_t count = other.size();
     if (count > maxSize) throw std::length_error("construct");
@@ -43,7 +43,7 @@ struct vector_t {
   }
   vector_t(vector_t&& other) noexcept : allocator(other.allocator) { Steal(other); }
 
-  // The old elements go only after the copy has succeeded; the allocator of `other` is taken over.
+  // Destroys the old elements only once the copy has succeeded. Takes over the allocator of `other`.
   vector_t& operator=(const vector_t& other) {
     vector_t copy(other);
     swap(copy);
@@ -94,7 +94,7 @@ struct vector_t {
       for (std::uint64_t i = 0; i < count; ++i) block.Construct();
     });
   }
-  // Replaces the content by a copy of `count` elements; keeps the block where they fit. For plain elements.
+  // Replaces the content by a copy of `count` elements, in the same block if they fit. For trivial elements.
   void assign(const T* source, std::uint64_t count) requires std::is_trivially_copyable_v<T> {
     if (count > capacity()) {
       if (count > maxSize) throw std::length_error("construct");
@@ -103,7 +103,7 @@ struct vector_t {
     last = std::uninitialized_copy(source, source + count, first);
   }
   void clear() { Truncate(0); }
-  // Destroys the elements from index `count` on, in ascending order. The block stays.
+  // Destroys the elements from index `count` on, in ascending order. Keeps the block.
   void Truncate(std::uint64_t count) {
     std::destroy(first + count, last);
     last = first + count;
@@ -116,7 +116,7 @@ struct vector_t {
   }
 
  private:
-  // Elements that were built at the end of the block and aren't counted yet.
+  // Elements built at the end of the block that aren't counted yet.
   struct ConstructGuard {
     T* begin;
     T* place;
@@ -135,7 +135,8 @@ struct vector_t {
     ~ConstructGuard() { Rollback(); }
   };
 
-  // A block under construction: if it isn't detached, its elements go, last first, and then its memory.
+  // A block under construction. Unless it is detached, its elements are destroyed, last first, and it is
+  // freed.
   class NewBlock {
    public:
     NewBlock(const A& allocator, std::uint64_t capacity, std::uint64_t offset = 0)
@@ -164,8 +165,8 @@ struct vector_t {
     ConstructGuard guard_;
   };
 
-  // The new elements are built at their final place before anything moves, so a failure changes nothing, and
-  // an element of this very vector may be the source.
+  // Builds the new elements at their final place before it moves anything. So a failure changes nothing, and
+  // the source may be an element of this vector.
   template <class Construct>
   void Grow(std::uint64_t count, Construct&& construct) {
     const std::uint64_t oldSize = size();
@@ -197,7 +198,7 @@ struct vector_t {
   }
 };
 
-// For range-based for: the field `end` keeps the names begin and end from being members.
+// For range-based for: the field `end` rules out members named begin and end.
 template <class T, class A>
 T* begin(vector_t<T, A>& vector) {
   return vector.first;

@@ -1,8 +1,8 @@
-// The objects behind a descriptor: with them the host's serialiser creates, copies and destroys records whose
-// type it doesn't know, and walks their vectors.
+// The helper objects of a descriptor. With them the host's serialiser creates, copies and destroys records of
+// types that it doesn't know, and walks their vectors.
 //
-// They have no data and are static (`constinit`). Each operation touches only the instance that it is given,
-// so they may be called from any thread, with one instance on one thread at a time.
+// They have no data and are static (`constinit`). Each operation only touches the instance that it is given.
+// So any thread may call them, but only one at a time for an instance.
 #pragma once
 
 #include <cstdint>
@@ -15,13 +15,13 @@
 
 namespace zel {
 
-// The static pointer to the descriptor of record T; defined beside T's tables.
+// The static pointer to the descriptor of record T, defined with T's tables.
 template <class T>
 struct StaticDescriptor {
   static const SerObjDescriptor* const pointer;
 };
 
-// The operations of a record T. The std::bad_alloc and std::length_error of its copies pass out.
+// The operations of a record T. std::bad_alloc and std::length_error of its copies pass through.
 template <class T>
 class SerObjDescriptorImpl final : public SerObjDescriptorHelper {
  public:
@@ -33,7 +33,7 @@ class SerObjDescriptorImpl final : public SerObjDescriptorHelper {
       std::construct_at(static_cast<T*>(place));
     }
   }
-  // The memory goes back to `allocator` if the copy throws.
+  // If the copy throws, the memory is freed in `allocator`.
   void* CreateNew(const void* source, IAllocator* allocator) override {
     void* memory = allocator->Allocate(sizeof(T));
     if (!memory) return nullptr;
@@ -46,7 +46,8 @@ class SerObjDescriptorImpl final : public SerObjDescriptorHelper {
     return memory;
   }
   void DestroyAt(void* object) override { std::destroy_at(static_cast<T*>(object)); }
-  // Field by field in the order of declaration. A vector's old elements go only after its copy has succeeded.
+  // Field by field, in order of declaration. A vector's old elements are destroyed only once its copy has
+  // succeeded.
   void Assign(const void* source, void* target) override {
     *static_cast<T*>(target) = *static_cast<const T*>(source);
   }
@@ -97,7 +98,7 @@ class SerVectorHelperImpl final : public SerVectorHelper {
   }
 };
 
-// The vector helper of a type that is no vector. It looks at no argument.
+// The vector helper of a type that isn't a vector. It ignores its arguments.
 template <class T>
 class NoSerVectorHelperImpl;
 template <>

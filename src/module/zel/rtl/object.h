@@ -1,8 +1,8 @@
-// zel::Object, the wrapper that makes a class a concrete object: it adds the reference count and the module's
-// bookkeeping, and its policy tells where the memory comes from. Nothing else is ever instantiated.
+// zel::Object, the wrapper that makes a class a concrete object. It adds the reference count and the module's
+// bookkeeping, and its policy decides where the memory comes from. Nothing else is ever instantiated.
 //
-// T implements its interfaces but for AddRef and Release; QueryInterface is T's own, since only T knows its
-// interfaces. A T with a FinalRelease gets it called with the count at 0, before its destructor.
+// T implements its interfaces except for AddRef and Release. QueryInterface is T's, since only T knows its
+// interfaces. If T has a FinalRelease, it is called with the count at 0, before the destructor.
 #pragma once
 
 #include <atomic>
@@ -18,13 +18,13 @@
 
 namespace zel {
 
-// Runs the work before the destructor of an object, if it has any.
+// Calls FinalRelease if the class has one.
 template <class ObjectT>
 void RunFinalRelease(ObjectT* object) {
   if constexpr (requires { object->FinalRelease(); }) object->FinalRelease();
 }
 
-// Objects that need no services: their memory comes from the module's global heap.
+// For objects that need no services: their memory comes from the module's global heap.
 struct SimpleObjectFactory {
   // Returns an object with a count of 1. Throws std::bad_alloc and what the constructor throws.
   template <class ObjectT>
@@ -37,11 +37,10 @@ struct SimpleObjectFactory {
   }
 };
 
-// Objects that are built from a service locator: their memory comes from the locator's allocator.
+// For objects built from a service locator: their memory comes from the locator's allocator.
 struct LocatorObjectFactory {
-  // `*out` receives an object with a count of 1, which belongs to the caller. A failure leaves nothing alive
-  // and
-  // `*out` as it was; what was thrown is traced, after unwinding has put everything back.
+  // `*out` receives an object with a count of 1, owned by the caller. On failure nothing is left alive and
+  // `*out` doesn't change; the exception is traced after unwinding has restored everything.
   template <class ObjectT>
   static ResultCode Make(IServiceLocator* locator, ObjectT** out) {
     try {
@@ -58,7 +57,7 @@ struct LocatorObjectFactory {
   }
   template <class ObjectT>
   static void End(ObjectT* object) {
-    // The object's own reference on the allocator goes before its memory does.
+    // The object's own reference to the allocator is released before its memory is freed.
     const Ref<IAllocator> allocator(object->allocator);
     const Destruction<ObjectT> destruction{*allocator, object};
     RunFinalRelease(object);
@@ -76,7 +75,7 @@ struct LocatorObjectFactory {
     IAllocator& allocator;
     void* block;
   };
-  // Destroys on every way out, also when the work before the destructor throws.
+  // Destroys the object on every path, even if FinalRelease throws.
   template <class ObjectT>
   struct Destruction {
     IAllocator& allocator;
@@ -96,7 +95,7 @@ class Object final : private ObjectModuleAutoLockTyped<T>, public T {
 
   std::uint32_t AddRef() override { return references_.fetch_add(1) + 1; }
   std::uint32_t Release() override {
-    // The value that the subtraction returned decides, so exactly one thread sees 0.
+    // Only the result of the subtraction counts, so exactly one thread sees 0.
     const std::uint32_t left = references_.fetch_sub(1) - 1;
     if (left == 0) Policy::End(this);
     return left;

@@ -1,5 +1,5 @@
 // The walk through the queues: items are read oldest first, gathered into packets and sent, one request at a
-// time. What was read leaves its queue only after an answer with status 200.
+// time. An item leaves its queue only after an answer with status 200.
 #include <algorithm>
 
 #include "facade/veld_report/src/request_callback.h"
@@ -10,7 +10,7 @@
 namespace orvel::veld_report {
 namespace {
 
-// The row of the sorted table that carries this name, or null.
+// The row of the sorted table with this name, or null.
 const ConsumerEndpoint* FindRow(const zel::vector_t<ConsumerEndpoint>& rows, const zel::string& name) {
   const ConsumerEndpoint* row = std::lower_bound(
       rows.first, rows.last, name, [](const ConsumerEndpoint& candidate, const zel::string& wanted) {
@@ -21,12 +21,13 @@ const ConsumerEndpoint* FindRow(const zel::vector_t<ConsumerEndpoint>& rows, con
 
 }  // namespace
 
-// The working values of one visit of a queue. They go in reverse order: the request first, the reader last.
+// The working values of a visit to one queue. They are destroyed in reverse order: the request first, the
+// reader last.
 struct VeldReportSenderImpl::QueueVisit {
   zel::Ref<IAckConsumer> consumer;
   zel::vector_t<std::uint8_t> scratch;  // the bytes of the item just read
   std::uint64_t token = 0;
-  zel::vector_t<zel::string> packet;  // the bytes of the packet's items; their tokens are with the callback
+  zel::vector_t<zel::string> packet;  // the bytes of the packet's items; the callback has their tokens
   zel::Ref<RequestCallbackObject> callback;
   zel::Ref<network_services::IHttpRequestHandle> request;
 };
@@ -41,7 +42,7 @@ void VeldReportSenderImpl::HandleQueueList(const SenderSnapshot& snapshot, SendT
       totals.needToSend = 1;
       return;
     }
-    // A queue without a row is left alone: it is neither read nor removed here.
+    // A queue without a row is left alone: neither read nor removed.
     const ConsumerEndpoint* row = FindRow(snapshot.endpoints, shuffledQueues->Current());
     if (row && VisitQueue(*row, snapshot, totals) == RequestEnd::abandon) return;
     shuffledQueues->MoveOn();
@@ -54,7 +55,7 @@ VeldReportSenderImpl::RequestEnd VeldReportSenderImpl::VisitQueue(const Consumer
   QueueVisit visit;
   Require(queueFactory->CreateAckConsumer(QueueDomain(), row.queueName, visit.consumer.Out()),
           site::createWalkConsumer);
-  // An empty queue and a failing read end the visit alike.
+  // An empty queue and a failed read both end the visit.
   while (visit.consumer->Read(&visit.scratch, &visit.token) == zel::sOk) {
     AddToPacket(visit);
     if (visit.packet.size() != snapshot.packetLimit) continue;
@@ -64,7 +65,7 @@ VeldReportSenderImpl::RequestEnd VeldReportSenderImpl::VisitQueue(const Consumer
     visit.request.Reset();
     visit.callback.Reset();
   }
-  // The last, shorter packet goes out during a stop too.
+  // The last, shorter packet is sent even during a stop.
   return visit.packet.empty() ? RequestEnd::goOn : SendPacket(visit, row, totals);
 }
 
@@ -77,7 +78,8 @@ void VeldReportSenderImpl::AddToPacket(QueueVisit& visit) {
   try {
     visit.callback->tokens.push_back(visit.token);
   } catch (...) {
-    // The callback doesn't know this one, so it can't give it back. The others go first, in reading order.
+    // The callback doesn't have this token, so it can't give the item back. The others go first, in reading
+    // order.
     visit.callback.Reset();
     visit.consumer->ReturnItem(&visit.token);
     throw;
@@ -99,7 +101,7 @@ VeldReportSenderImpl::RequestEnd VeldReportSenderImpl::SendPacket(QueueVisit& vi
   // Every request that was started counts, whatever its outcome.
   totals.needToSend += visit.callback->needToSend.load(std::memory_order_acquire);
   totals.sent += visit.callback->sent.load(std::memory_order_acquire);
-  // A status other than 200 leaves the result at 0, so the walk goes on with the next packet.
+  // For a status other than 200 the result is still 0, so the walk goes on with the next packet.
   const zel::ResultCode result = visit.callback->result.load(std::memory_order_acquire);
   return zel::Failed(waited) || zel::Failed(result) ? RequestEnd::abandon : RequestEnd::goOn;
 }

@@ -1,4 +1,4 @@
-// The sender's settings: from the host's record to the sorted working table, all or nothing.
+// The sender's settings: from the host's record to the sorted working table, as a whole or not at all.
 #include <algorithm>
 #include <array>
 #include <new>
@@ -13,8 +13,8 @@ namespace {
 
 constexpr std::uint32_t settingsDelayMs = 1000;
 
-// The name of a url's queue: the digest of its UTF-16 units as they lie in memory, in hexadecimal. The
-// address is neither converted nor normalised, so two ways of writing one address give two queues.
+// The name of a url's queue: the digest of its UTF-16 units as they are in memory, in hexadecimal. The url is
+// neither converted nor normalised, so two spellings of one address give two queues.
 zel::ResultCode QueueNameOf(crypto::hash::IHashCalculatorFactory& hashes, const zel::wstring& url,
                             zel::string* out) {
   zel::Ref<crypto::hash::IHashCalculator> calculator;
@@ -124,7 +124,7 @@ zel::ResultCode VeldReportSenderImpl::ReplaceSettings(const SenderSettings& sett
 void VeldReportSenderImpl::TakeSettings(const SenderSettings& settings,
                                         zel::vector_t<ConsumerEndpoint>& table) {
   const std::lock_guard lock(settingsLock);
-  // Assigned, not merged with what an earlier call left for the next cycle.
+  // Overwrites what an earlier call left for the next cycle; the two aren't merged.
   updateFlags = tableReplaced;
   if (live.queueLimit != settings.queueLimit) updateFlags = tableReplaced | queueLimitChanged;
   live.packetLimit = settings.packetLimit;

@@ -1,4 +1,4 @@
-// The sender's life and the submission of statistics.
+// The sender's life, and submission.
 #include "facade/veld_report/src/veld_report_sender.h"
 
 #include <algorithm>
@@ -13,11 +13,11 @@
 namespace orvel::veld_report {
 namespace {
 
-// How long after a submission a cycle begins, whatever sendTimeout says.
+// The delay from a submission to the cycle, whatever sendTimeout is.
 constexpr std::uint32_t submissionDelayMs = 1000;
 
-// One step of the teardown. A host that throws in it keeps no later step from running: a timer that isn't
-// cancelled would call a sender that is gone. And a Release lets nothing through.
+// One step of the teardown. If a host throws in it, the later steps still run: a timer that isn't cancelled
+// would call a sender that is gone. And a Release lets no exception through.
 template <class Step>
 void TearDown(Step&& step) noexcept {
   try {
@@ -76,11 +76,12 @@ zel::ResultCode VeldReportSenderImpl::Construct(const SenderSettings& settings) 
       note("Cann't get IRequestsNotification iface");
     }
 
-    // Before SetSettings, which refuses to work otherwise.
+    // Before SetSettings, which otherwise refuses.
     constructed.store(true, std::memory_order_release);
     Require(static_cast<IVeldReportSenderSettings*>(this)->SetSettings(settings), site::applySettings);
 
-    // Last, so that nothing runs before the first submission: the arming in SetSettings found no service.
+    // Last, so that nothing runs before the first submission: when SetSettings armed the sink, it had no
+    // service.
     timerSink.Bind(this, &VeldReportSenderImpl::OnSendTimeout);
     static_cast<void>(zel::GetInterface(locator.Get(), timerSink.timerService));
     return zel::sOk;
@@ -105,7 +106,7 @@ void VeldReportSenderImpl::FinalRelease() {
   TearDown([&] { timerSink.Cancel(); });
   if (!queueFactory) return;
   try {
-    // Nobody else is left, so the live record is read without its lock.
+    // Nobody else is left, so the settings are read without their lock.
     QueuePendingData(live);
   } catch (...) {
     zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::FinalRelease");
@@ -125,7 +126,7 @@ zel::ResultCode VeldReportSenderImpl::SendStatistic(const zel::string& consumer,
     result =
         zel::ReportCaughtException(locator.Get(), "orvel::veld_report::VeldReportSenderImpl::SendStatistic");
   }
-  // The outcome of the attempt reaches nobody but the trace line, and a tracer that throws reaches nobody.
+  // The outcome of the attempt is only traced. An exception of the tracer is dropped.
   try {
     TraceSubmission(consumer, data, result);
   } catch (...) {
@@ -152,7 +153,7 @@ void VeldReportSenderImpl::TraceSubmission(const zel::string& consumer, const ze
     if (consumer.empty()) {
       line.PutText("all consumers");
     } else {
-      // One piece, written in place: a line must not fail for lack of memory.
+      // One piece, written in place: the line must not fail for lack of memory.
       constexpr std::string_view label = "consumer ";
       if (char* place = line.Reserve(label.size() + consumer.size)) {
         std::ranges::copy(consumer.View(), std::ranges::copy(label, place).out);

@@ -1,13 +1,13 @@
 // The sender: the one creatable class of the module. It turns submitted records into JSON, keeps them in the
 // host's persistent queues and sends them in packets, one request at a time.
 //
-// Life: created -> constructed -> stopping, with the last Release; a Construct that fails leaves only the
-// last Release. The object has no thread of its own: submissions and settings run on callers' threads, the
-// whole send cycle on a thread of the host's timer, one at a time. Requests report to objects of their own
+// Life: created -> constructed -> stopping (the last Release). After a Construct that failed, only the last
+// Release is left. The object has no thread of its own: submissions and settings run on callers' threads, and
+// a send cycle on a thread of the host's timer, one cycle at a time. Requests report to objects of their own
 // (request_callback.h), which have no link to the sender.
 //
-// The five locks are recursive, and no two different ones are ever held at the same time. One class, several
-// units: veld_report_sender.cpp (life, submission), sender_settings.cpp, send_cycle.cpp,
+// The five locks are recursive, and no two different ones are ever held at the same time. The class is spread
+// over several units: veld_report_sender.cpp (life, submission), sender_settings.cpp, send_cycle.cpp,
 // queue_maintenance.cpp, queue_walk.cpp, request_building.cpp.
 #pragma once
 
@@ -46,7 +46,7 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
  public:
   class AsyncHttpRequestCallbackImpl;
 
-  // Looks up the required services; throws zel::GetInterfaceException. Touches no network, queue or timer.
+  // Looks up the required services or throws zel::GetInterfaceException. Uses no network, queue or timer.
   explicit VeldReportSenderImpl(zel::IServiceLocator* source);
   ~VeldReportSenderImpl();
 
@@ -58,12 +58,12 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   zel::ResultCode SetSettings(const SenderSettings& settings) override;
   zel::ResultCode ReservedSettingsOperation() override;
 
-  // The work before the destructor, on the thread of the last Release: stops the cycle, waits for a running
-  // one and moves what is left in `pending` into the queues.
+  // Runs before the destructor, on the thread of the last Release: stops the cycle, waits for a running one
+  // and moves what is left in `pending` into the queues.
   void FinalRelease();
 
  private:
-  // What a packet's way through one request ended with.
+  // What the walk does after a packet's request.
   enum class RequestEnd { goOn, abandon };
   struct QueueVisit;
   struct WalkEnd;
@@ -82,7 +82,8 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   void RunCycle(const SenderSnapshot& snapshot, std::uint32_t flags, SendTotals& totals);
   void EndCycle(const SenderSnapshot& snapshot, const SendTotals& totals);
   bool BackgroundDisabled() const;
-  // Moves every element of `pending` into the queues of its rows. Failures of single elements stay inside.
+  // Moves every element of `pending` into the queues of its rows. Failures of single elements are traced
+  // here.
   void QueuePendingData(const SenderSnapshot& snapshot);
   bool TakePending(PendingStatistic& element);
   void QueueElement(const RowsByConsumer& rows, std::uint32_t sizeLimitBytes,
@@ -90,7 +91,7 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
 
   // Queue maintenance. Both throw zel::SystemException.
   void UpdateQueues(const SenderSnapshot& snapshot, std::uint32_t flags);
-  // Puts one item into one queue, dropping the oldest items of a full one.
+  // Puts one item into one queue and drops the oldest items of a full one.
   void QueuePendingData(const zel::string& queueName, std::uint32_t sizeLimitBytes,
                         const zel::ByteRange* data);
   void ReplaceProducers(const SenderSnapshot& snapshot);
@@ -114,23 +115,23 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   zel::ResultCode WaitForRequest(network_services::IHttpRequestHandle* request);
   void SetCurrentRequest(network_services::IHttpRequestHandle* request);
 
-  // Guards `live` and `updateFlags`. Held for copies and swaps only.
+  // Guards `live` and `updateFlags`. Only held for copies and swaps.
   std::recursive_mutex settingsLock;
   SenderSnapshot live;
   std::uint32_t updateFlags = 0;
 
-  // Doesn't change once Construct has returned.
+  // Doesn't change after Construct has returned.
   std::atomic<bool> constructed{false};
-  // Written once, by FinalRelease; the cycle reads it at its check points.
+  // Written once, by FinalRelease. The cycle reads it at its checkpoints.
   std::atomic<bool> stopping{false};
 
-  // Guards `pending`. Held for the append and for taking one element out.
+  // Guards `pending`. Only held to append or to remove one element.
   std::recursive_mutex pendingLock;
   std::deque<PendingStatistic> pending;
 
   zel::Ref<ISignatureProvider> signatureProvider;  // may be null
   zel::Ref<IQueueFactory> queueFactory;
-  // The walk in progress; null between cycles. Touched by the cycle and the destructor only.
+  // The walk in progress; null between cycles. Only used by the cycle and the destructor.
   std::unique_ptr<ShuffledQueueList> shuffledQueues;
   zel::Ref<network_services::IHttpClient> httpClient;
   network_services::HttpRequestOptions requestOptions;
@@ -139,12 +140,12 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
 
   zel::AutoObject<zel_helpers::TimerSink<VeldReportSenderImpl>> timerSink;
 
-  // Guards `queues`, and is held across CreateProducer; never across a push or a read. Taken twice by the
-  // path that adds a producer.
+  // Guards `queues`. Held across CreateProducer, never across a push or a read. Locked twice on the path that
+  // adds a producer.
   std::recursive_mutex queuesLock;
   std::map<zel::string, zel::Ref<IQueueProducer>> queues;
 
-  // Guards `currentRequest`, and is held across its Cancel; never across Wait.
+  // Guards `currentRequest`. Held across its Cancel, never across Wait.
   std::recursive_mutex requestLock;
   zel::Ref<network_services::IHttpRequestHandle> currentRequest;
 };

@@ -16,7 +16,7 @@ std::string_view WhatText(const std::exception& exception) {
   return text ? text : "(null)";
 }
 
-// Writes one line of that level whose pieces `write` gives; there is no tag in front.
+// Writes one line of that level with the pieces of `write`, without a tag.
 template <class Write>
 void ExceptionLine(ITracer* tracer, std::uint32_t level, Write&& write) {
   TraceRecord record;
@@ -27,7 +27,7 @@ void ExceptionLine(ITracer* tracer, std::uint32_t level, Write&& write) {
   stream.Commit();
 }
 
-// The framework's table. `line` is given the writer of the piece behind the prefix.
+// The framework's table. `line` receives a function that writes the piece after the prefix.
 template <class Line>
 ResultCode ConvertInFlight(Line&& line) {
   const auto put = [](const Exception& exception) {
@@ -63,7 +63,7 @@ ResultCode ConvertInFlight(Line&& line) {
     line(putWhat(exception));
     return eUnknownException;
   } catch (...) {
-    // An exception of no known class has nothing to tell.
+    // An exception of an unknown class has no text.
     return eUnknownException;
   }
 }
@@ -100,11 +100,11 @@ ResultCode ReportCaughtException(ITracer* tracer, const char* functionName) {
 ResultCode ReportCaughtException(IServiceLocator* locator, const char* functionName) {
   try {
     Ref<ITracer> tracer;
-    // A locator without a tracer only costs the line.
+    // If the locator has no tracer, only the line is lost.
     static_cast<void>(GetInterface(locator, tracer));
     return ReportCaughtException(tracer.Get(), functionName);
   } catch (...) {
-    // And so does a host that throws here: what is being reported counts.
+    // The same if the host throws here: the exception being reported matters more.
   }
   return ReportCaughtException(static_cast<ITracer*>(nullptr), functionName);
 }
@@ -130,7 +130,7 @@ ResultCode ConstructionExceptionToResultCode(IServiceLocator* locator) {
           {tracer.Get(), "Exception during object construction: ", failureLevel});
     }
   } catch (...) {
-    // A host that throws here costs the line: no failure of a factory leaves it as an exception.
+    // If the host throws here, only the line is lost: no failure of a factory leaves it as an exception.
   }
   return ExceptionToResultCode();
 }
