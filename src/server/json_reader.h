@@ -26,7 +26,7 @@ class JsonError : public std::runtime_error {
 };
 
 struct JsonMember {
-  std::string key;         // unescaped if that gives valid text, otherwise as it stands
+  std::string key;         // unescaped if that gives valid text, otherwise unchanged
   std::string_view value;  // the exact text, without whitespace around it
 };
 
@@ -34,7 +34,7 @@ struct JsonMember {
 inline constexpr std::size_t maxJsonDepth = 1000;
 
 // The maximum number of members that an object may have here. More than any object of the format has, and few
-// enough that the list stays small beside the text.
+// enough that the list stays small compared with the text.
 inline constexpr std::size_t maxJsonMembers = 16;
 
 // The members of an object in order. Duplicate keys are kept.

@@ -19,7 +19,7 @@ struct SendOptions {
   std::string trace;
   std::uint32_t traceLevel = 300;
   std::uint32_t waitSeconds = 60;
-  std::string modulePath;  // empty: the one beside the program
+  std::string modulePath;  // empty: the one next to the program
   std::string file;        // empty: no input, send only what is waiting
 };
 

@@ -7,8 +7,8 @@ namespace veld_report::app {
 namespace {
 
 constexpr std::uint64_t memoryLimitBytes = 64 << 20;
-// What a record in memory takes beside its text.
-constexpr std::uint64_t bytesBesideText = 250;
+// The memory of a record in addition to its text.
+constexpr std::uint64_t overheadBytes = 250;
 
 }  // namespace
 
@@ -39,7 +39,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
 std::string SendSession::Submit(std::string_view json) {
   const host::Submission submission = kit_->SubmitJson(to_, json);
   if (!submission.Accepted()) return "the sender rejected it: " + host::CodeText(submission.code);
-  memory_.Add(json.size() + bytesBesideText);
+  memory_.Add(json.size() + overheadBytes);
   return {};
 }
 

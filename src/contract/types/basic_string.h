@@ -226,7 +226,7 @@ struct basic_string_t {
     data = block.data;
     capacity = block.capacity;
   }
-  // No end of the text is formed: with a count that no text has, it would be no pointer.
+  // Doesn't compute the end of the text: for an impossible count that wouldn't be a valid pointer.
   bool Overlaps(const C* text, std::uint64_t count) const {
     const std::less<const C*> before;
     if (!before(text, data + size)) return false;

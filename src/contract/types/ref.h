@@ -49,7 +49,7 @@ class Ref {
   }
   // Gives up the reference to the caller.
   [[nodiscard]] T* Detach() { return std::exchange(object_, nullptr); }
-  // The reference is given up even if the object's Release throws: destructors and ways out let nothing
+  // Gives up the reference even if the object's Release throws: destructors and unwinding let no exception
   // through.
   void Reset() noexcept {
     T* const old = std::exchange(object_, nullptr);

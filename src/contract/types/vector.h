@@ -180,7 +180,8 @@ struct vector_t {
     std::destroy(first, last);
     Replace(memory, oldSize + count, newCapacity);
   }
-  // The old block is freed last, so that a host's Free finds the vector whole. Its elements are gone already.
+  // Frees the old block last, so that a host's Free sees a complete vector. The old elements are gone
+  // already.
   void Replace(T* block, std::uint64_t count, std::uint64_t capacityOfBlock) {
     T* const old = first;
     Adopt(block, count, capacityOfBlock);

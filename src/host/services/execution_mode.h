@@ -2,8 +2,8 @@
 // demonstration.
 //
 // While it is off, records are still accepted and stored, and the sender asks again after its send timeout.
-// The sender asks between two queues, never inside one, so a running cycle goes on for a while:
-// HostKit::AllowSending also ends its requests.
+// It asks between two queues, never inside one, so a running cycle goes on for a while. HostKit::AllowSending
+// also ends its requests.
 #pragma once
 
 #include <atomic>

@@ -87,7 +87,8 @@ void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock
   pending->second.due = due;
   pending->second.soon = soon;
   node.value() = pending->second;
-  // Insertion and comparison are separate: in one expression the compiler might call begin() first.
+  // Insertion and comparison are separate statements: in one expression the compiler might call begin()
+  // first.
   const auto place = order_.insert(std::move(node)).position;
   if (place == order_.begin()) changed_.notify_all();
 }

@@ -100,9 +100,8 @@ void VeldReportSenderImpl::FinalRelease() {
     if (currentRequest) TearDown([&] { currentRequest->Cancel(); });
   }
   timerSink.Stop();
-  // The service's word counts on every way out of CancelTimer, also with a failure or an exception: no Run is
-  // in progress and none can begin. Nothing else could be waited for, since a firing that the service still
-  // holds would begin after any wait.
+  // CancelTimer's guarantee holds even if it fails or throws: no Run is in progress and none can begin. There
+  // is nothing else to wait for, since a call that the service still held could begin after any wait.
   TearDown([&] { timerSink.Cancel(); });
   if (!queueFactory) return;
   try {

@@ -72,7 +72,7 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   void Submit(const zel::string& consumer, const zel::AnyPtr& data);
   void TraceSubmission(const zel::string& consumer, const zel::AnyPtr& data, zel::ResultCode result);
 
-  // Settings. Throws what a service throws, with nothing changed.
+  // Settings. Throws what a service throws; then nothing has changed.
   zel::ResultCode ReplaceSettings(const SenderSettings& settings);
   void TakeSettings(const SenderSettings& settings, zel::vector_t<ConsumerEndpoint>& table);
 

@@ -16,8 +16,8 @@ namespace zel {
 // ResultCodeException's own, even 0; 0x80000041 for std::bad_alloc; 0x8000004b for everything else, including
 // std::length_error. `tracer` may be null.
 ResultCode ReportCaughtException(ITracer* tracer, const char* functionName);
-// The same with the locator's tracer, if it has one. `locator` isn't null. Throws nothing: what stands in the
-// way of the line only costs the line.
+// The same with the locator's tracer, if it has one. `locator` isn't null. Throws nothing: if anything fails
+// on the way, only the line is lost.
 ResultCode ReportCaughtException(IServiceLocator* locator, const char* functionName);
 
 // What an exception line starts with, and its level.
