@@ -31,7 +31,6 @@ double CpuSeconds() {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-std::uint64_t ResidentKb() { return StatusKb("VmRSS:"); }
 std::uint64_t PeakKb() { return StatusKb("VmHWM:"); }
 void ResetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
 

@@ -11,8 +11,7 @@ namespace veld_report::bench {
 // CPU time of all threads of this process so far, in seconds. Child processes aren't included.
 double CpuSeconds();
 
-// Memory of this process, in KB: the current amount, and the peak since ResetPeak.
-std::uint64_t ResidentKb();
+// The peak of this process's memory since ResetPeak, in KB.
 std::uint64_t PeakKb();
 void ResetPeak();
 

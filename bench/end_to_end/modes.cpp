@@ -12,12 +12,7 @@
 namespace veld_report::bench {
 namespace {
 
-SinkOptions SinkFor(const RunOptions& options) {
-  return {.port = static_cast<std::uint16_t>(options.port),
-          .count = options.count,
-          .firstNumber = firstNumber,
-          .maxNumbers = std::max(options.records, options.fill)};
-}
+Sink SinkFor(const RunOptions& options) { return Sink(static_cast<std::uint16_t>(options.port)); }
 
 double Middle(std::vector<double> values) {
   std::sort(values.begin(), values.end());
@@ -31,40 +26,16 @@ void SetCost(Result& result, double items, double wallSeconds, double cpuSeconds
   result.Set("cpuUsPerRecord", cpuSeconds / items * 1e6);
 }
 
-void SetMemory(Result& result, std::uint64_t residentBeforeKb) {
-  result.Set("residentBeforeKb", residentBeforeKb);
-  result.Set("peakKb", PeakKb());
-}
-
-void SetSink(Result& result, const Sink& sink, bool counted) {
-  result.Set("requests", sink.Counters().requests.load());
-  result.Set("bodyBytes", sink.Counters().bodyBytes.load());
-  if (!counted) return;
-  result.Set("itemsAtSink", sink.Counters().items.load());
-  result.Set("distinctAtSink", sink.Counters().distinct.load());
-}
-
-void SubmitAll(RunHost& host, const RunOptions& options) {
-  std::vector<std::thread> others;
-  const auto share = [&](std::uint64_t index) { return options.records * index / options.threads; };
-  for (std::uint64_t i = 1; i < options.threads; ++i) {
-    others.emplace_back([&, i] { host.Submit(share(i), share(i + 1)); });
-  }
-  host.Submit(0, share(1));
-  for (std::thread& other : others) other.join();
-}
-
 }  // namespace
 
 Result MeasureEndToEnd(const RunOptions& options) {
   const StoreFolder folder(options);
-  const Sink sink(SinkFor(options));
+  const Sink sink = SinkFor(options);
   RunHost host(options, folder.Path(), sink.Url());
   ResetPeak();
-  const std::uint64_t before = ResidentKb();
 
   const Stopwatch watch;
-  SubmitAll(host, options);
+  host.Submit(0, options.records);
   const double submitted = watch.WallSeconds();
   host.WaitUntilPushed(options.records);
   const double stored = watch.WallSeconds();
@@ -77,8 +48,7 @@ Result MeasureEndToEnd(const RunOptions& options) {
   result.Set("submittedAfterS", submitted);
   result.Set("storedAfterS", stored);
   result.Set("maxPending", host.MaxPending());
-  SetMemory(result, before);
-  SetSink(result, sink, options.count);
+  result.Set("peakKb", PeakKb());
   result.SetThreads(static_cast<double>(options.records));
   return result;
 }
@@ -87,7 +57,7 @@ Result MeasureEndToEnd(const RunOptions& options) {
 // the run.
 Result MeasureReporter(const RunOptions& options) {
   const StoreFolder folder(options);
-  const Sink sink(SinkFor(options));
+  const Sink sink = SinkFor(options);
   ReporterOptions reporterOptions;
   reporterOptions.store = folder.Path();
   reporterOptions.endpoints = {{.url = UrlOf(sink.Url(), 0)}};
@@ -96,7 +66,6 @@ Result MeasureReporter(const RunOptions& options) {
   if (options.pending != 0) reporterOptions.memoryLimitRecords = options.pending;
   Reporter reporter(reporterOptions);
   ResetPeak();
-  const std::uint64_t before = ResidentKb();
 
   const Stopwatch watch;
   Opened record = OpenedOfSize(options.size, firstNumber);
@@ -114,28 +83,26 @@ Result MeasureReporter(const RunOptions& options) {
   Result result;
   SetCost(result, static_cast<double>(options.records), watch.WallSeconds(), watch.UsedCpuSeconds());
   result.Set("submittedAfterS", submitted);
-  SetMemory(result, before);
-  SetSink(result, sink, options.count);
+  result.Set("peakKb", PeakKb());
   return result;
 }
 
 Result MeasurePush(const RunOptions& options) {
   const StoreFolder folder(options);
-  const Sink sink(SinkFor(options));
+  const Sink sink = SinkFor(options);
   FillStore(options, folder.Path(), sink.Url());
   RunHost host(options, folder.Path(), sink.Url());
   host.AllowSending(false);
   ResetPeak();
-  const std::uint64_t before = ResidentKb();
 
   const Stopwatch watch;
-  SubmitAll(host, options);
+  host.Submit(0, options.records);
   host.WaitUntilPushed(options.records);
   host.Kit().Queues().Commit();
   Result result;
   SetCost(result, static_cast<double>(options.records), watch.WallSeconds(), watch.UsedCpuSeconds());
   result.Set("maxPending", host.MaxPending());
-  SetMemory(result, before);
+  result.Set("peakKb", PeakKb());
   double bytes = 0;
   for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
     bytes += static_cast<double>(file.file_size());
@@ -145,9 +112,9 @@ Result MeasurePush(const RunOptions& options) {
 }
 
 Result MeasureDrain(const RunOptions& options) {
-  const Sink sink(SinkFor(options));
+  const Sink sink = SinkFor(options);
   std::vector<double> walls, cpus;
-  std::uint64_t before = 0, peak = 0;
+  std::uint64_t peak = 0;
   const StoreFolder folder(options);
   for (std::uint64_t round = 0; round < options.rounds; ++round) {
     FillStore(options, folder.Path(), sink.Url());
@@ -155,7 +122,6 @@ Result MeasureDrain(const RunOptions& options) {
     const auto waiting = static_cast<std::uint64_t>(host.Kit().Queues().TotalWaiting().items);
     if (waiting == 0) throw std::runtime_error("drain: nothing waits in the store");
     ResetPeak();
-    before = ResidentKb();
     const Stopwatch watch;
     host.BeginCycle();
     host.WaitUntilAcknowledged(waiting);
@@ -165,9 +131,7 @@ Result MeasureDrain(const RunOptions& options) {
   }
   Result result;
   SetCost(result, 1, Middle(walls), Middle(cpus));
-  result.Set("residentBeforeKb", before);
   result.Set("peakKb", peak);
-  SetSink(result, sink, options.count);
   return result;
 }
 
@@ -180,11 +144,11 @@ Result MeasureEviction(const RunOptions& options) {
     one.queueLimitKb = full ? fullKb : options.queueLimitKb;
     one.fill = full ? fullKb * 1024 / options.size : 0;
     const StoreFolder folder(one);
-    const Sink sink(SinkFor(one));
+    const Sink sink = SinkFor(one);
     FillStore(one, folder.Path(), sink.Url());
     RunHost host(one, folder.Path(), sink.Url());
     host.AllowSending(false);
-    SubmitAll(host, one);
+    host.Submit(0, one.records);
     const std::uint64_t early = host.Traffic().pushed.load();
     const Stopwatch watch;
     host.WaitUntilPushed(one.records);
@@ -205,7 +169,7 @@ Result MeasureEviction(const RunOptions& options) {
 
 Result MeasureStart(const RunOptions& options) {
   const StoreFolder folder(options);
-  const Sink sink(SinkFor(options));
+  const Sink sink = SinkFor(options);
   FillStore(options, folder.Path(), sink.Url());
   const auto begin = std::chrono::steady_clock::now();
   RunHost host(options, folder.Path(), sink.Url());
@@ -223,7 +187,7 @@ Result MeasureStart(const RunOptions& options) {
 
 Result MeasureQueues(const RunOptions& options) {
   const StoreFolder folder(options);
-  const Sink sink(SinkFor(options));
+  const Sink sink = SinkFor(options);
   RunHost host(options, folder.Path(), sink.Url());
   // One record for each url first, so that every queue exists.
   host.Submit(0, options.urls);
@@ -250,13 +214,12 @@ Result MeasureQueues(const RunOptions& options) {
   Result result;
   result.Set("cycleWallUs", Middle(walls) * 1e6);
   result.Set("cycleCpuUs", Middle(cpus) * 1e6);
-  result.Set("requests", sink.Counters().requests.load());
   return result;
 }
 
 Result FillOnly(const RunOptions& options) {
   const StoreFolder folder(options);
-  const Sink sink(SinkFor(options));
+  const Sink sink = SinkFor(options);
   const Stopwatch watch;
   FillStore(options, folder.Path(), sink.Url());
   Result result;

@@ -9,7 +9,7 @@ namespace veld_report::bench {
 namespace {
 
 constexpr char usage[] =
-    "usage: veld_bench_end_to_end [--mode MODE] [--NAME VALUE | --FLAG]...\n"
+    "usage: veld_bench_end_to_end [--mode MODE] [--NAME VALUE]...\n"
     "modes:\n"
     "  end-to-end  records from submission to status 200 and out of the store\n"
     "  reporter  the same through the reporter, which holds `pending` records in memory (100000 unless "
@@ -20,9 +20,7 @@ constexpr char usage[] =
     "  start   from the making of the host to the first item read, with `fill` items waiting\n"
     "  queues  a cycle with `urls` queues of which `active` have `records` items each\n"
     "  fill    nothing but `fill` items into `store`\n"
-    "names: records size threads urls active packet pending fill rounds queue-limit-kb group port timeout-s "
-    "store\n"
-    "flags: sync every-push count natural\n"
+    "names: records size urls active packet pending fill rounds queue-limit-kb port timeout-s store\n"
     "The result is one JSON object on standard output.";
 
 [[noreturn]] void Refuse(const std::string& what) { throw std::invalid_argument(what + "\n" + usage); }
@@ -39,25 +37,21 @@ std::uint64_t Number(const std::string& name, std::string_view text) {
 RunOptions ParseOptions(int argc, char** argv) {
   RunOptions options;
   const std::map<std::string, std::uint64_t*> numbers = {
-      {"--records", &options.records},    {"--size", &options.size},
-      {"--threads", &options.threads},    {"--urls", &options.urls},
-      {"--active", &options.active},      {"--packet", &options.packet},
-      {"--pending", &options.pending},    {"--fill", &options.fill},
-      {"--rounds", &options.rounds},      {"--queue-limit-kb", &options.queueLimitKb},
-      {"--group", &options.group},        {"--port", &options.port},
+      {"--records", &options.records},
+      {"--size", &options.size},
+      {"--urls", &options.urls},
+      {"--active", &options.active},
+      {"--packet", &options.packet},
+      {"--pending", &options.pending},
+      {"--fill", &options.fill},
+      {"--rounds", &options.rounds},
+      {"--queue-limit-kb", &options.queueLimitKb},
+      {"--port", &options.port},
       {"--timeout-s", &options.timeoutS},
   };
   const std::map<std::string, std::string*> texts = {{"--mode", &options.mode}, {"--store", &options.store}};
-  const std::map<std::string, bool*> flags = {{"--sync", &options.sync},
-                                              {"--every-push", &options.everyPush},
-                                              {"--count", &options.count},
-                                              {"--natural", &options.natural}};
   for (int i = 1; i < argc; ++i) {
     const std::string name = argv[i];
-    if (const auto flag = flags.find(name); flag != flags.end()) {
-      *flag->second = true;
-      continue;
-    }
     const auto number = numbers.find(name);
     const auto text = texts.find(name);
     if ((number == numbers.end() && text == texts.end()) || ++i == argc) Refuse("what is " + name + "?");
@@ -67,7 +61,7 @@ RunOptions ParseOptions(int argc, char** argv) {
       *text->second = argv[i];
     }
   }
-  if (options.threads == 0 || options.urls == 0 || options.rounds == 0) Refuse("0 is too few");
+  if (options.urls == 0 || options.rounds == 0) Refuse("0 is too few");
   return options;
 }
 

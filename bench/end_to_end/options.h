@@ -10,7 +10,6 @@ struct RunOptions {
   std::string mode = "end-to-end";
   std::uint64_t records = 100000;
   std::uint64_t size = 200;    // of a record in JSON, in bytes
-  std::uint64_t threads = 1;   // submitting threads
   std::uint64_t urls = 1;      // each with its own consumer; records go round-robin
   std::uint64_t active = 1;    // mode queues: the number of urls that have items
   std::uint64_t packet = 100;  // maximum number of items in a request
@@ -18,13 +17,8 @@ struct RunOptions {
   std::uint64_t fill = 0;      // items in the store before the measurement
   std::uint64_t rounds = 1;    // in modes drain and queues
   std::uint64_t queueLimitKb = 4000000;
-  std::uint64_t group = 0;       // operations per transaction of the store; 0: its default
   std::uint64_t port = 0;        // of the sink; 0: a free one
   std::uint64_t timeoutS = 600;  // after this the run has failed
-  bool sync = false;             // every transaction is synced
-  bool everyPush = false;        // every push is a transaction
-  bool count = false;            // the sink decodes and counts what it gets
-  bool natural = false;          // cycles come when the timer is due and aren't triggered early
   std::string store{};           // kept; empty: a temporary folder
 };
 

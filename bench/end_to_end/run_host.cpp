@@ -19,17 +19,8 @@ using namespace std::chrono_literals;
 
 std::string ConsumerOf(std::uint64_t index) { return "c" + std::to_string(index); }
 
-host::QueueServiceOptions StoreOptions(const RunOptions& options, const std::filesystem::path& folder) {
-  host::QueueServiceOptions store;
-  store.folder = folder;
-  if (options.group != 0) store.commitOperations = options.group;
-  store.commitEveryPush = options.everyPush;
-  store.syncEveryCommit = options.sync;
-  return store;
-}
-
 void Fill(const RunOptions& options, const std::filesystem::path& folder, const std::string& base) {
-  const auto service = host::QueueService::Open(StoreOptions(options, folder));
+  const auto service = host::QueueService::Open({.folder = folder});
   zel::Ref<orvel::IQueueProducer> producer;
   const zel::string domain(host::defaultDomain);
   const zel::string name(host::QueueNameOfUrl(UrlOf(base, 0)));
@@ -90,7 +81,7 @@ void FillStore(const RunOptions& options, const std::filesystem::path& folder, c
 RunHost::RunHost(const RunOptions& options, const std::filesystem::path& folder, const std::string& base)
     : options_(options) {
   host::HostKitOptions kit;
-  kit.queues = StoreOptions(options, folder);
+  kit.queues.folder = folder;
   kit.settings.packetLimit = static_cast<std::uint32_t>(options.packet);
   kit.settings.queueLimitKb = static_cast<std::uint32_t>(options.queueLimitKb);
   kit.settings.sendTimeoutS = 1;
@@ -156,7 +147,7 @@ void RunHost::WaitUntil(const std::function<bool()>& done) {
   while (!done()) {
     if (std::chrono::steady_clock::now() > deadline)
       throw std::runtime_error("the time for this run is over");
-    if (!options_.natural) kit_->Timer().FireNow();
+    kit_->Timer().FireNow();
     std::this_thread::sleep_for(1ms);
   }
 }

@@ -3,10 +3,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <openssl/evp.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -15,7 +13,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <new>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -28,48 +25,6 @@ int Checked(int result, const char* what) {
   return result;
 }
 
-// Counts the items of a body by their member "number".
-class ItemCounter {
- public:
-  ItemCounter(const SinkOptions& options, SinkCounters& counters)
-      : counters_(counters), firstNumber_(options.firstNumber), seen_(options.maxNumbers) {}
-
-  void Count(std::string_view body) {
-    constexpr std::string_view opening = R"("payload":")";
-    const std::size_t begin = body.find(opening);
-    if (begin == std::string_view::npos) return;
-    const std::string_view encoded = body.substr(begin + opening.size());
-    const std::size_t size = encoded.find('"');
-    if (size == std::string_view::npos || size == 0) return;
-    decoded_.resize(size / 4 * 3 + 3);
-    const int bytes = EVP_DecodeBlock(decoded_.data(), reinterpret_cast<const unsigned char*>(encoded.data()),
-                                      static_cast<int>(size));
-    if (bytes > 0)
-      CountItems({reinterpret_cast<const char*>(decoded_.data()), static_cast<std::size_t>(bytes)});
-  }
-
- private:
-  void CountItems(std::string_view text) {
-    constexpr std::string_view member = R"("number":)";
-    for (std::size_t place = text.find(member); place != std::string_view::npos;
-         place = text.find(member, place)) {
-      place += member.size();
-      std::int64_t number = 0;
-      std::from_chars(text.data() + place, text.data() + text.size(), number);
-      counters_.items.fetch_add(1, std::memory_order_relaxed);
-      const auto index = static_cast<std::uint64_t>(number - firstNumber_);
-      if (index >= seen_.size() || seen_[index]) continue;
-      seen_[index] = true;
-      counters_.distinct.fetch_add(1, std::memory_order_relaxed);
-    }
-  }
-
-  SinkCounters& counters_;
-  const std::int64_t firstNumber_;
-  std::vector<bool> seen_;
-  std::vector<unsigned char> decoded_;
-};
-
 // One connection: requests with a Content-Length, one after another.
 class Connection {
  public:
@@ -77,7 +32,7 @@ class Connection {
   int Socket() const { return socket_; }
 
   // Processes what has arrived. False once the connection has ended.
-  bool Serve(SinkCounters& counters, ItemCounter* items) {
+  bool Serve() {
     if (used_ + chunk > buffer_.size()) buffer_.resize(used_ + chunk);
     const ssize_t got = ::recv(socket_, buffer_.data() + used_, chunk, 0);
     if (got <= 0) return false;
@@ -85,9 +40,6 @@ class Connection {
     for (;;) {
       if (bodyBegin_ == 0 && !FindBody()) return true;
       if (used_ < bodyBegin_ + bodySize_) return true;
-      counters.bodyBytes.fetch_add(bodySize_, std::memory_order_relaxed);
-      if (items) items->Count(std::string_view(buffer_.data() + bodyBegin_, bodySize_));
-      counters.requests.fetch_add(1, std::memory_order_release);
       const std::size_t end = bodyBegin_ + bodySize_;
       std::memmove(buffer_.data(), buffer_.data() + end, used_ - end);
       used_ -= end;
@@ -125,14 +77,14 @@ class Connection {
   std::size_t bodySize_ = 0;
 };
 
-[[noreturn]] void ServeForEver(int listener, SinkCounters& counters, ItemCounter* items) {
+[[noreturn]] void ServeForEver(int listener) {
   std::vector<Connection> connections;
   for (;;) {
     std::vector<pollfd> sockets{{listener, POLLIN, 0}};
     for (const Connection& connection : connections) sockets.push_back({connection.Socket(), POLLIN, 0});
     if (::poll(sockets.data(), sockets.size(), -1) < 0) continue;
     for (std::size_t i = sockets.size() - 1; i > 0; --i) {
-      if (sockets[i].revents == 0 || connections[i - 1].Serve(counters, items)) continue;
+      if (sockets[i].revents == 0 || connections[i - 1].Serve()) continue;
       ::close(sockets[i].fd);
       std::swap(connections[i - 1], connections.back());
       connections.pop_back();
@@ -148,13 +100,13 @@ class Connection {
 
 }  // namespace
 
-Sink::Sink(const SinkOptions& options) {
+Sink::Sink(std::uint16_t port) {
   const int listener = Checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "sink: socket");
   const int on = 1;
   ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_port = htons(options.port);
+  address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t size = sizeof(address);
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
@@ -163,15 +115,10 @@ Sink::Sink(const SinkOptions& options) {
   Checked(::getsockname(listener, generic, &size), "sink: getsockname");
   port_ = ntohs(address.sin_port);
 
-  void* const shared =
-      ::mmap(nullptr, sizeof(SinkCounters), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (shared == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "sink: mmap");
-  counters_ = new (shared) SinkCounters;
   process_ = Checked(::fork(), "sink: fork");
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ItemCounter items(options, *counters_);
-    ServeForEver(listener, *counters_, options.count ? &items : nullptr);
+    ServeForEver(listener);
   }
   ::close(listener);
 }
@@ -179,7 +126,6 @@ Sink::Sink(const SinkOptions& options) {
 Sink::~Sink() {
   ::kill(process_, SIGKILL);
   ::waitpid(process_, nullptr, 0);
-  ::munmap(counters_, sizeof(SinkCounters));
 }
 
 }  // namespace veld_report::bench

@@ -36,7 +36,6 @@ class WatchedReader final : public host::HostObject<orvel::IAckConsumer> {
     if (traffic_.firstReadNs.load(std::memory_order_relaxed) == 0) {
       traffic_.firstReadNs = std::chrono::steady_clock::now().time_since_epoch().count();
     }
-    Count(traffic_.read);
     return code;
   }
   zel::ResultCode Ack(const std::uint64_t* token) override {

@@ -18,7 +18,6 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 // Threads: may be read on any thread.
 struct QueueTraffic {
   std::atomic<std::uint64_t> pushed{0};  // items that Push accepted
-  std::atomic<std::uint64_t> read{0};
   std::atomic<std::uint64_t> acknowledged{0};
   std::atomic<std::int64_t> firstReadNs{0};  // when the first Read returned an item, on the steady clock
 };
