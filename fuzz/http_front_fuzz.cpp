@@ -3,9 +3,6 @@
 // answer with a status or close the connection, and must count what it stored.
 #include <charconv>
 #include <chrono>
-#include <fstream>
-#include <iterator>
-#include <memory>
 
 #include "formats/base64.h"
 #include "fuzz/input.h"
@@ -89,7 +86,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Input in(data, size);
   const std::uint64_t before = running.server.StoredItems();
   const auto start = std::chrono::steady_clock::now();
-  const auto answer = server_test::ExchangeHalfClosed(running.server.Port(), Request(in));
+  const auto answer =
+      server_test::Exchange(running.server.Port(), Request(in), server_test::AfterSending::close);
   Require(std::chrono::steady_clock::now() - start < std::chrono::seconds(5), "neither answered nor closed");
   Require(answer.text.empty() || answer.status != 0, "something else than an answer: " + answer.text);
   Require(running.server.StoredItems() - before == StoredByAnswers(answer.text),

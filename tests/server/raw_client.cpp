@@ -31,39 +31,22 @@ void SendAll(int handle, std::string_view text) {
   }
 }
 
-namespace {
-
-// Reads until the server closes.
-void Receive(int handle, RawAnswer* answer) {
-  char block[4096];
-  for (ssize_t length = 0; (length = recv(handle, block, sizeof(block), 0)) > 0;) {
-    answer->text.append(block, static_cast<std::size_t>(length));
-  }
-  if (answer->text.starts_with("HTTP/1.1 ")) answer->status = std::atoi(answer->text.c_str() + 9);
-}
-
-}  // namespace
-
-RawAnswer Exchange(std::uint16_t port, std::string_view request) {
+RawAnswer Exchange(std::uint16_t port, std::string_view request, AfterSending then) {
   RawAnswer answer;
   const int handle = Connect(port);
   if (handle < 0) return answer;
   // Sending on a thread of its own: the server may answer and close while much is still to be sent.
-  std::thread sender([&] { SendAll(handle, request); });
-  Receive(handle, &answer);
+  std::thread sender([&] {
+    SendAll(handle, request);
+    if (then == AfterSending::close) shutdown(handle, SHUT_WR);
+  });
+  char block[4096];
+  for (ssize_t length = 0; (length = recv(handle, block, sizeof(block), 0)) > 0;) {
+    answer.text.append(block, static_cast<std::size_t>(length));
+  }
+  if (answer.text.starts_with("HTTP/1.1 ")) answer.status = std::atoi(answer.text.c_str() + 9);
   shutdown(handle, SHUT_RDWR);
   sender.join();
-  close(handle);
-  return answer;
-}
-
-RawAnswer ExchangeHalfClosed(std::uint16_t port, std::string_view request) {
-  RawAnswer answer;
-  const int handle = Connect(port);
-  if (handle < 0) return answer;
-  SendAll(handle, request);
-  shutdown(handle, SHUT_WR);
-  Receive(handle, &answer);
   close(handle);
   return answer;
 }

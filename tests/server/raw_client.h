@@ -13,12 +13,12 @@ struct RawAnswer {
   std::string text;
 };
 
-// One connection to 127.0.0.1:`port`: sends `request` and reads until the server closes or ten seconds are
-// over. A request has to ask for the closing itself.
-RawAnswer Exchange(std::uint16_t port, std::string_view request);
+// close: the client's side of the connection, so that the server ends every exchange.
+enum class AfterSending { wait, close };
 
-// The same, but behind its last byte the client says that no more comes, so the server ends every exchange.
-RawAnswer ExchangeHalfClosed(std::uint16_t port, std::string_view request);
+// One connection to 127.0.0.1:`port`: sends `request` and reads until the server closes or ten seconds have
+// passed. A client that waits has to ask for the closing in its request.
+RawAnswer Exchange(std::uint16_t port, std::string_view request, AfterSending then = AfterSending::wait);
 
 // A socket that is connected to 127.0.0.1:`port`, with ten seconds of patience; -1 if it can't be had. The
 // caller closes it.
