@@ -18,6 +18,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <iomanip>
 #include <map>
 #include <memory>
 #include <regex>
@@ -66,12 +67,8 @@ class Transcript {
     }
     std::istringstream stream(line);
     std::vector<std::string> words;
-    const char quote = '\'';
-    for (std::string word; stream >> std::ws && stream;) {
-      if (stream.peek() == quote ? std::getline(stream.ignore(), word, quote) : stream >> word) {
-        words.push_back(word);
-      }
-    }
+    // No character escapes another one.
+    for (std::string word; stream >> std::quoted(word, '\'', '\0');) words.push_back(word);
     return words;
   }
   void Run(const std::vector<std::string>& words, const std::string& input) {

@@ -110,6 +110,10 @@ options_in_page() {
   sed 's/\\-/-/g' "$1" | sed -n '/^.SH OPTIONS/,/^.SH EXIT/p' | grep -A1 '^.TP' | long_options
 }
 
+has_example() {
+  "$prefix/bin/veldrep" "$@" --help | grep "^Example: veldrep $1" >/dev/null || fail "veldrep $* --help has no example"
+}
+
 # Every command and option that the program knows is in its man page, and nothing else is.
 check_man_pages() {
   local command commands page part
@@ -122,7 +126,9 @@ check_man_pages() {
       "$(options_of "$prefix/bin/veldrep" "$command" | sort -u | xargs)"
     for part in $(commands_of "$prefix/bin/veldrep" "$command"); do
       grep -qw "$part" "$page" || fail "$(basename "$page") doesn't name $part"
+      has_example "$command" "$part"
     done
+    has_example "$command"
     grep -q "veldrep.*-$command" "$prefix/share/man/man1/veldrep.1" || fail "veldrep.1 doesn't name $command"
   done
 }
