@@ -1,5 +1,7 @@
 #include "host/http/http_transfer.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -45,6 +47,7 @@ HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shar
   if (!easy_) throw std::bad_alloc();
   Set(CURLOPT_ERRORBUFFER, errorText_.data());
   Set(CURLOPT_NOSIGNAL, 1L);
+  Set(CURLOPT_SOCKOPTFUNCTION, &HttpTransfer::KeepFromPrograms);
   // Names are resolved on a thread of libcurl. Without this, ending a request would wait for that thread.
   Set(CURLOPT_QUICK_EXIT, 1L);
   SetUrl();
@@ -53,6 +56,12 @@ HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shar
   SetLimits();
   SetProxy();
   SetTls();
+}
+
+// A program that the application starts must not hold a connection open.
+int HttpTransfer::KeepFromPrograms(void*, curl_socket_t socket, curlsocktype) noexcept {
+  fcntl(socket, F_SETFD, FD_CLOEXEC);
+  return CURL_SOCKOPT_OK;
 }
 
 template <class Value>

@@ -59,6 +59,7 @@ class HttpTransfer {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   };
   using List = std::unique_ptr<curl_slist, ListCleanup>;
+  static int KeepFromPrograms(void* self, curl_socket_t socket, curlsocktype purpose) noexcept;
   static void Append(List* list, const std::string& line);
 
   const zel::Ref<HttpRequest> request_;

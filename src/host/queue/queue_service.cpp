@@ -93,6 +93,7 @@ zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& given) {
   if (!std::filesystem::is_directory(options.folder)) {
     throw StoreError("there is no folder " + options.folder.string() + "; name the folder of the store");
   }
+  RefuseInheritedStore(options.folder);
   auto service = MakeObject<QueueService>(options, LockFolder(options));
   for (const std::string& domain : StoredDomains(options.folder)) service->Store(domain);
   return service;

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/queue/fork_guard.h"
+
 namespace veld_report::host {
 namespace {
 
@@ -74,6 +76,14 @@ std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::st
   return folder / (std::string(domain) + ".queue");
 }
 
+void RefuseInheritedStore(const std::filesystem::path& folder) {
+  const auto opener = ForkGuard().InheritedFrom(folder / storeLockName);
+  if (!opener) return;
+  throw StoreError("the store in " + folder.string() + " was open in process " + std::to_string(*opener) +
+                   " when this process was forked from it: open another folder, or open this one only in " +
+                   "processes that are forked before");
+}
+
 void PrepareStoreFolder(const std::filesystem::path& folder) {
   std::error_code error;
   if (std::filesystem::is_directory(folder, error)) return;
@@ -109,16 +119,23 @@ bool PreparePrivateFile(const std::filesystem::path& file) {
 }
 
 FileLock::FileLock(FileLock&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)), kind_(other.kind_) {}
+    : descriptor_(std::exchange(other.descriptor_, -1)), kind_(other.kind_), process_(other.process_) {}
 
 FileLock& FileLock::operator=(FileLock&& other) noexcept {
   std::swap(descriptor_, other.descriptor_);
   std::swap(kind_, other.kind_);
+  std::swap(process_, other.process_);
   return *this;
 }
 
 FileLock::~FileLock() {
-  if (descriptor_ >= 0) close(descriptor_);
+  // In a child the number may belong to another file by now.
+  if (descriptor_ < 0 || process_ != CurrentProcess()) return;
+  ForkGuard guard;
+  guard.Remove(descriptor_);
+  // Closing alone would leave it to a child that the guard hasn't seen, for instance one of clone.
+  flock(descriptor_, LOCK_UN);
+  close(descriptor_);
 }
 
 bool FileLock::Change(Kind kind) {
@@ -132,24 +149,30 @@ bool FileLock::Change(Kind kind) {
 }
 
 FileLock FileLock::Try(const std::filesystem::path& file, Kind kind, std::string* holder) {
-  FileLock lock;
-  lock.kind_ = kind;
-  lock.descriptor_ = OpenPrivateFile(file, O_RDWR | O_CREAT);
-  if (lock.descriptor_ < 0) FailFile(file, "open", errno);
-  if (flock(lock.descriptor_, LockOperation(kind)) != 0) {
+  ForkGuard guard;
+  const int descriptor = OpenPrivateFile(file, O_RDWR | O_CREAT);
+  if (descriptor < 0) FailFile(file, "open", errno);
+  if (flock(descriptor, LockOperation(kind)) != 0) {
     const int error = errno;
-    if (error != EWOULDBLOCK) FailFile(file, "lock", error);
     char text[32] = {};
-    const ssize_t length = pread(lock.descriptor_, text, sizeof text - 1, 0);
+    const ssize_t length = pread(descriptor, text, sizeof text - 1, 0);
+    close(descriptor);
+    if (error != EWOULDBLOCK) FailFile(file, "lock", error);
     if (holder) holder->assign(text, length > 0 ? static_cast<std::size_t>(length) : 0);
     return FileLock();
   }
+  try {
+    guard.Add(descriptor);
+  } catch (...) {
+    close(descriptor);
+    throw;
+  }
   // Only for the message to the next process, so a full disk is no reason to fail.
   const std::string number = std::to_string(getpid());
-  if (ftruncate(lock.descriptor_, 0) == 0) {
-    [[maybe_unused]] const ssize_t ignored = pwrite(lock.descriptor_, number.data(), number.size(), 0);
+  if (ftruncate(descriptor, 0) == 0) {
+    [[maybe_unused]] const ssize_t ignored = pwrite(descriptor, number.data(), number.size(), 0);
   }
-  return lock;
+  return {descriptor, kind};
 }
 
 }  // namespace veld_report::host

@@ -5,10 +5,13 @@
 // is written.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+
+#include "host/base/process_mark.h"
 
 namespace veld_report::host {
 
@@ -27,6 +30,12 @@ std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::st
 // Creates the folder if there is none. Throws StoreError.
 void PrepareStoreFolder(const std::filesystem::path& folder);
 
+// What is locked while a store is open.
+inline constexpr char storeLockName[] = "store.lock";
+
+// Throws StoreError for a store that was open in the process that this one was forked from.
+void RefuseInheritedStore(const std::filesystem::path& folder);
+
 // Opens a file without following links; with O_CREAT in `flags` creates it with mode 0600. Returns a
 // descriptor, or -1 with errno set.
 int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
@@ -35,7 +44,8 @@ int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
 // Returns true if the file is new. Throws StoreError.
 bool PreparePrivateFile(const std::filesystem::path& file);
 
-// An advisory lock on a file. It ends with the object, and with the process however that ends.
+// An advisory lock on a file. It ends with the object, and with the process however that ends; a forked child
+// has no part in it.
 class FileLock {
  public:
   enum class Kind { exclusive, shared };
@@ -59,8 +69,11 @@ class FileLock {
   explicit operator bool() const { return descriptor_ >= 0; }
 
  private:
+  FileLock(int descriptor, Kind kind) : descriptor_(descriptor), kind_(kind) {}
+
   int descriptor_ = -1;
   Kind kind_ = Kind::exclusive;
+  std::uint64_t process_ = CurrentProcess();
 };
 
 }  // namespace veld_report::host

@@ -77,7 +77,7 @@ std::vector<std::string> StoredDomains(const std::filesystem::path& folder) {
 
 FileLock LockStoreFolder(const std::filesystem::path& folder, FileLock::Kind kind) {
   std::string holder;
-  FileLock lock = FileLock::Try(folder / "store.lock", kind, &holder);
+  FileLock lock = FileLock::Try(folder / storeLockName, kind, &holder);
   if (!lock) {
     throw StoreError("the store in " + folder.string() + " is in use by process " +
                      (holder.empty() ? "(unknown)" : holder) +

@@ -21,7 +21,9 @@ std::unique_ptr<Reporter> Reporter::TryOpen(ReporterOptions options, std::string
   return nullptr;
 }
 
-Reporter::~Reporter() = default;
+Reporter::~Reporter() {
+  if (core_->IsInherited()) Core::Abandon(core_.release());
+}
 
 void Reporter::SendRecord(const zel::AnyPtr& record, std::string_view consumer) {
   std::string error;

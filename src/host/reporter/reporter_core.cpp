@@ -19,6 +19,9 @@ using std::chrono::steady_clock;
   throw ReporterError(zel::eNotInitialized, "the reporter is closed; make another one");
 }
 
+constexpr const char* inheritedText =
+    "this process is a fork of the one that opened the reporter; open another one here, on another store";
+
 // Turns every exception into a ReporterError.
 template <class Body>
 auto Translated(Body&& body) {
@@ -86,6 +89,18 @@ Reporter::Core::Core(ReporterOptions options)
   });
 }
 
+void Reporter::Core::RequireOwn() const {
+  if (IsInherited()) throw ReporterError(zel::eInvalidState, inheritedText);
+}
+
+void Reporter::Core::Abandon(Core* core) noexcept {
+  // Reachable, so that nobody takes it for a leak.
+  static constinit std::atomic<Core*> abandoned{nullptr};
+  core->nextAbandoned_ = abandoned.load();
+  while (!abandoned.compare_exchange_weak(core->nextAbandoned_, core)) {
+  }
+}
+
 Reporter::Core::~Core() { Close(closeDeadline_); }
 
 std::string Reporter::Core::CheckConsumer(std::string_view consumer) const {
@@ -103,6 +118,7 @@ zel::ResultCode Reporter::Core::Submit(const zel::AnyPtr* record, std::string_vi
       if (error) *error = std::move(why);
       return code;
     };
+    if (IsInherited()) return refuse(zel::eInvalidState, inheritedText);
     const CallGate::Pass pass(gate_);
     if (!pass) return refuse(zel::eNotInitialized, "the reporter is closed; make another one");
     std::string wrong = CheckConsumer(consumer);
@@ -129,6 +145,7 @@ bool Reporter::Core::FlushToStore(milliseconds deadline) noexcept {
 }
 
 bool Reporter::Core::FlushBy(FlushForm form, milliseconds deadline) noexcept {
+  if (IsInherited()) return false;
   try {
     const CallGate::Pass pass(gate_);
     if (!pass) return false;
@@ -140,6 +157,7 @@ bool Reporter::Core::FlushBy(FlushForm form, milliseconds deadline) noexcept {
 }
 
 bool Reporter::Core::Close(milliseconds deadline) noexcept {
+  if (IsInherited()) return false;
   const TimePoint end = After(deadline);
   TimePoint earliest = closeBy_.load();
   while (end < earliest && !closeBy_.compare_exchange_weak(earliest, end)) {
@@ -177,6 +195,7 @@ void Reporter::Core::AdoptSettings(const Settings& settings) {
 
 void Reporter::Core::SetSettings(const Settings& settings) {
   Translated([&] {
+    RequireOwn();
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
     const std::lock_guard lock(changeMutex_);
@@ -185,7 +204,13 @@ void Reporter::Core::SetSettings(const Settings& settings) {
   });
 }
 
+void Reporter::Core::SetListener(Listener listener) {
+  RequireOwn();
+  listener_->Set(std::move(listener));
+}
+
 Settings Reporter::Core::CurrentSettings() const {
+  RequireOwn();
   const std::lock_guard lock(settingsMutex_);
   return settings_;
 }
@@ -202,7 +227,9 @@ class Reporter::Core::Forgetting {
   Core& core_;
 };
 
-void Reporter::Core::AllowSending(bool allowed) noexcept { ChangeConsent(&Core::sendingAllowed_, allowed); }
+void Reporter::Core::AllowSending(bool allowed) noexcept {
+  if (!IsInherited()) ChangeConsent(&Core::sendingAllowed_, allowed);
+}
 
 void Reporter::Core::ChangeConsent(bool Core::*part, bool value) noexcept {
   const std::lock_guard lock(consentMutex_);
@@ -212,6 +239,7 @@ void Reporter::Core::ChangeConsent(bool Core::*part, bool value) noexcept {
 
 Statistics Reporter::Core::Stats() {
   return Translated([&] {
+    RequireOwn();
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
     const auto ledgers = kit_->Queues().Ledgers();
@@ -240,6 +268,7 @@ Statistics Reporter::Core::Stats() {
 
 void Reporter::Core::Forget() {
   Translated([&] {
+    RequireOwn();
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
     const std::lock_guard lock(forgetMutex_);

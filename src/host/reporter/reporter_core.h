@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/base/process_mark.h"
 #include "host/kit/host_kit.h"
 #include "host/kit/memory_meter.h"
 #include "host/reporter/call_gate.h"
@@ -35,6 +36,12 @@ class Reporter::Core {
   explicit Core(ReporterOptions options);
   ~Core();
 
+  // Whether this process is a fork of the one that opened the reporter. Then no lock may be taken: the thread
+  // that holds it may not exist here.
+  bool IsInherited() const { return host::CurrentProcess() != process_; }
+  // Keeps an inherited one as it is, for the rest of the process.
+  static void Abandon(Core* core) noexcept;
+
   // Submits `record` or, if it is null, `json`. `error` may be null.
   zel::ResultCode Submit(const zel::AnyPtr* record, std::string_view json, std::string_view consumer,
                          std::string* error) noexcept;
@@ -43,7 +50,7 @@ class Reporter::Core {
   bool Close(std::chrono::milliseconds deadline) noexcept;
   void SetSettings(const Settings& settings);
   Settings CurrentSettings() const;
-  void SetListener(Listener listener) { listener_->Set(std::move(listener)); }
+  void SetListener(Listener listener);
   void AllowSending(bool allowed) noexcept;
   Statistics Stats();
   void Forget();
@@ -51,6 +58,8 @@ class Reporter::Core {
  private:
   using TimePoint = Flusher::TimePoint;
   class Forgetting;
+
+  void RequireOwn() const;
 
   // A phrase that says what is wrong, or an empty text.
   std::string CheckConsumer(std::string_view consumer) const;
@@ -61,6 +70,8 @@ class Reporter::Core {
   using FlushForm = bool (Flusher::*)(const std::function<TimePoint()>& end);
   bool FlushBy(FlushForm form, std::chrono::milliseconds deadline) noexcept;
 
+  const std::uint64_t process_ = host::CurrentProcess();
+  Core* nextAbandoned_ = nullptr;
   const std::chrono::milliseconds closeDeadline_;
   const std::shared_ptr<ListenerSlot> listener_ = std::make_shared<ListenerSlot>();
   CallGate gate_;

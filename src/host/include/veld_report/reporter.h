@@ -121,6 +121,10 @@ struct Statistics {
 // Threads: any, for all operations except the destructor, even while Close runs. In the last two states
 // sending returns 0x8000006b "Not initialized". A process has one reporter on a store, unless they are all
 // `shared`.
+//
+// fork: a reporter belongs to the process that opened it. In a child every operation returns at once, with
+// 0x8000006a "Invalid state" or false, and nothing touches the store, not even the destructor. A child may
+// open a reporter of its own on another store.
 class Reporter {
  public:
   // Opens the store and starts. Throws ReporterError and then leaves nothing behind.
@@ -177,9 +181,11 @@ class Reporter {
   // its records. Throws ReporterError with nothing changed; TrySetSettings returns the code.
   void SetSettings(const Settings& settings);
   zel::ResultCode TrySetSettings(const Settings& settings, std::string* error = nullptr) noexcept;
+  // Throws ReporterError in a forked child, and std::bad_alloc.
   Settings CurrentSettings() const;
 
-  // Replaces the listener. The previous one may still be running after the return. Throws std::bad_alloc.
+  // Replaces the listener. The previous one may still be running after the return. Throws std::bad_alloc, and
+  // ReporterError in a forked child.
   void SetListener(Listener listener);
   // If false, no request starts after the return, even while Close or Forget runs, and one in flight is cut.
   // Records are still accepted and stored. The last call counts.
@@ -203,7 +209,7 @@ class Reporter {
   zel::ResultCode TrySendRecord(const zel::AnyPtr& record, std::string_view consumer,
                                 std::string* error) noexcept;
 
-  const std::unique_ptr<Core> core_;
+  std::unique_ptr<Core> core_;
 };
 
 }  // namespace veld_report

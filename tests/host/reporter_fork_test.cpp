@@ -1,0 +1,201 @@
+// What fork does to a reporter: the child has a copy of it, and must do nothing with that copy.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <set>
+
+#include "host/queue/store_maintenance.h"
+#include "tests/common/waiting.h"
+#include "tests/host/reporter_test_tools.h"
+
+namespace veld_report {
+namespace {
+
+// A forked process, which ends with the object at the latest.
+class Child {
+ public:
+  // `body` runs in the child and gives its exit code. No destructors run there.
+  explicit Child(const std::function<int()>& body) : process_(fork()) {
+    if (process_ == 0) _exit(body());
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() { End(); }
+
+  // Returns its exit code; -1 if it hasn't ended in time.
+  int Wait() {
+    int status = -1;
+    const bool ended = tests::Eventually([&] { return waitpid(process_, &status, WNOHANG) == process_; });
+    if (!ended) return -1;
+    process_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  void End() {
+    if (process_ <= 0) return;
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+    process_ = -1;
+  }
+
+ private:
+  pid_t process_;
+};
+
+template <class Body>
+bool IsRefused(Body&& body) {
+  try {
+    body();
+  } catch (const ReporterError& error) {
+    return error.Code() == zel::eInvalidState && *error.what() != '\0';
+  }
+  return false;
+}
+
+// Returns the number of the first operation that does something else than refuse, or 0.
+int FirstNotRefused(std::unique_ptr<Reporter>& reporter) {
+  std::string why;
+  const std::function<bool()> operations[] = {
+      [&] { return reporter->TrySendJson("1", "", &why) == zel::eInvalidState && !why.empty(); },
+      [&] { return !reporter->Flush(seconds(60)) && !reporter->FlushToStore(seconds(60)); },
+      [&] { return IsRefused([&] { reporter->Stats(); }) && IsRefused([&] { reporter->Forget(); }); },
+      [&] { return reporter->TrySetSettings({}) == zel::eInvalidState; },
+      [&] { return IsRefused([&] { reporter->CurrentSettings(); }); },
+      [&] { return IsRefused([&] { reporter->SetListener({}); }); },
+      [&] {
+        reporter->AllowSending(true);
+        return !reporter->Close(seconds(60));
+      },
+      [&] {
+        reporter.reset();
+        return true;
+      },
+  };
+  for (const auto& operation : operations) {
+    if (!operation()) return static_cast<int>(&operation - operations) + 1;
+  }
+  return 0;
+}
+
+class Fork : public ReporterTest {};
+
+// Whatever locks other threads hold at that moment.
+TEST_F(Fork, ChildIsRefusedAndSendsAndStoresNothing) {
+  const auto server = Serve("out");
+  auto reporter = std::make_unique<Reporter>(Options({{server->Url()}}));
+  std::atomic<bool> stop{false};
+  std::atomic<std::uint64_t> accepted{0};
+  std::thread producer([&] {
+    while (!stop) {
+      if (reporter->TrySendJson("1") == zel::sOk) ++accepted;
+      if (accepted % 64 == 0) static_cast<void>(reporter->Stats());
+    }
+  });
+  while (accepted == 0) std::this_thread::yield();
+  for (int i = 0; i < 20; ++i) {
+    Child child([&] { return FirstNotRefused(reporter); });
+    EXPECT_EQ(child.Wait(), 0) << "in child " << i;
+  }
+  stop = true;
+  producer.join();
+  EXPECT_TRUE(reporter->Close(seconds(30)));
+  EXPECT_EQ(server->StoredItems(), accepted);
+  reporter.reset();
+  EXPECT_THAT(host::CheckStore(Path("store")).at(0).findings, testing::IsEmpty());
+}
+
+TEST_F(Fork, ChildThatExitsEndsAtOnce) {
+  const auto server = Serve("out");
+  const auto run = tests::RunProgram({VELD_FORK_PROGRAM, VELD_MODULE_PATH, Path("store"), server->Url()});
+  EXPECT_EQ(run.exitCode, 0) << run.errors;
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"from":"the parent"})"));
+}
+
+TEST_F(Fork, LivingChildHoldsNoLockOfItsParent) {
+  auto reporter = std::make_unique<Reporter>(Options({{"http://127.0.0.1:1"}}));
+  const Child child([] { return pause(); });
+  Child sibling([this] { return Reporter::TryOpen(Options({{"http://127.0.0.1:1"}})) ? 1 : 0; });
+  EXPECT_EQ(sibling.Wait(), 0) << "it opened what its parent has open";
+  reporter->Close(seconds(0));
+  reporter.reset();
+  std::string why;
+  EXPECT_NE(Reporter::TryOpen(Options({{"http://127.0.0.1:1"}}), &why), nullptr) << why;
+}
+
+TEST_F(Fork, ChildOfAKilledParentHoldsNoLock) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the thread sanitizer allows no new threads in a child of a process with threads";
+#endif
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  Child parent([&] {
+    const Reporter reporter(Options({{"http://127.0.0.1:1"}}));
+    const pid_t grandchild = fork();
+    if (grandchild != 0) {
+      return write(ends[1], &grandchild, sizeof grandchild) == sizeof grandchild ? pause() : 1;
+    }
+    return pause();
+  });
+  pid_t grandchild = 0;
+  ASSERT_EQ(read(ends[0], &grandchild, sizeof grandchild), static_cast<ssize_t>(sizeof grandchild));
+  parent.End();
+  std::string why;
+  EXPECT_NE(Reporter::TryOpen(Options({{"http://127.0.0.1:1"}}), &why), nullptr) << why;
+  kill(grandchild, SIGKILL);
+  for (const int end : ends) close(end);
+}
+
+TEST_F(Fork, ChildOpensAReporterOnAnotherStore) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the thread sanitizer allows no new threads in a child of a process with threads";
+#endif
+  const auto server = Serve("out");
+  const Reporter reporter(Options({{server->Url()}}));
+  Child child([&] {
+    Reporter own(Options({{server->Url()}}, "another"));
+    own.SendJson("\"child\"");
+    return own.Flush(seconds(20)) ? 0 : 1;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_THAT(Stored("out"), testing::ElementsAre("\"child\""));
+}
+
+TEST_F(Fork, FilesAndConnectionsDontReachOtherPrograms) {
+  // The files and connections that a program started here would get.
+  const auto inheritable = [] {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      const int descriptor = std::stoi(entry.path().filename());
+      const int flags = fcntl(descriptor, F_GETFD);
+      sockaddr_storage address{};
+      socklen_t size = sizeof address;
+      const bool isSocket = getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0;
+      // libcurl wakes itself by a pair of sockets that lead nowhere.
+      if (flags < 0 || (flags & FD_CLOEXEC) != 0 || (isSocket && address.ss_family == AF_UNIX)) continue;
+      names.insert(entry.path().filename().string() + " " + std::filesystem::read_symlink(entry).string());
+    }
+    return names;
+  };
+  tests::ScriptedServer silent(NeverAnswers);
+  const auto before = inheritable();
+  ReporterOptions options = Options({{silent.Url()}});
+  options.traceFile = Path("trace");
+  Reporter reporter(options);
+  reporter.SendJson("1");
+  ASSERT_TRUE(silent.WaitForRequests(1));
+  std::set<std::string> added;
+  std::ranges::set_difference(inheritable(), before, std::inserter(added, added.end()));
+  EXPECT_THAT(added, testing::IsEmpty());
+}
+
+}  // namespace
+}  // namespace veld_report
