@@ -1,5 +1,5 @@
-// Which process an object belongs to: a child that fork made has a copy of every object, but none of the threads
-// that work on it.
+// Which process an object belongs to: a child that fork made has a copy of every object, but none of the
+// threads that work on it.
 #pragma once
 
 #include <cstdint>

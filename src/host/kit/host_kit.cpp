@@ -27,7 +27,10 @@ void Require(zel::ResultCode code, const char* what) {
 
 zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<LineTracer>& tracer) {
   options.tracer = tracer;
-  return QueueService::Open(options);
+  auto queues = QueueService::Open(options);
+  // The module would make its store in the first cycle, and there a disk without room is nobody's error.
+  if (!options.inspectOnly) queues->Commit();
+  return queues;
 }
 
 // Called for completed requests: updates the state file, then calls the application's function.
@@ -196,7 +199,11 @@ bool HostKit::Close() {
   timer_.Reset();
   if (locator_) locator_->Clear();
   locator_.Reset();
-  if (queues_) queues_->Commit();
+  try {
+    if (queues_) queues_->Commit();
+  } catch (const std::exception&) {
+    // The store itself tries once more when it goes, and traces what is lost.
+  }
   http_.Reset();
   queues_.Reset();
   const bool unloaded = !module_ || module_->TryUnload();

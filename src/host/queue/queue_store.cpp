@@ -41,10 +41,15 @@ QueueStore::~QueueStore() {
   }
   wake_.notify_all();
   committer_.join();
-  if (Flush()) {
-    RemoveEarlierLayoutCopies(path_);
-  } else {
-    Trace(failureLevel, std::to_string(writer_.BufferedItems()) + " items couldn't be written and are lost");
+  try {
+    if (Flush()) {
+      RemoveEarlierLayoutCopies(path_);
+    } else {
+      Trace(failureLevel,
+            std::to_string(writer_.BufferedItems()) + " items couldn't be written and are lost");
+    }
+  } catch (const std::exception&) {
+    // No memory for a sentence.
   }
   file_.reset();
   // Where processes share the file, another one may have it open.
