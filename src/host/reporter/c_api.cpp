@@ -52,7 +52,8 @@ int32_t veld_report_open(const veld_report_options* options, veld_report_handle*
   if (out) *out = nullptr;
   if (!options || !out || options->struct_size != sizeof(veld_report_options) ||
       (options->endpoint_count != 0 && !options->endpoints)) {
-    WriteError("open: options or out is NULL, or struct_size isn't that of this header", error, error_size);
+    WriteError("open: options, out or endpoints is NULL, or struct_size doesn't match this header", error,
+               error_size);
     return zel::eInvalidArgument;
   }
   try {

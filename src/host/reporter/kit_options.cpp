@@ -14,9 +14,10 @@ host::KitSettings KitSettingsOf(const Settings& settings) {
     result.endpoints.push_back({endpoint.url, endpoint.consumer, endpoint.certificates});
   }
   const auto seconds = settings.retryAfter.count();
-  if (seconds < 0 || seconds > UINT32_MAX) {
+  constexpr std::int64_t maxRetryAfterS = UINT32_MAX / 1000;
+  if (seconds < 0 || seconds > maxRetryAfterS) {
     throw std::invalid_argument("settings: retryAfter is " + std::to_string(seconds) +
-                                " seconds; it must be 0 to 4294967");
+                                " seconds; it must be 0 to " + std::to_string(maxRetryAfterS));
   }
   result.packetLimit = settings.packetLimit;
   result.queueLimitKb = settings.queueLimitKb;

@@ -19,7 +19,10 @@ std::string LoaderError() {
 
 LoadedModule::LoadedModule(const std::string& path) : path_(path) {
   handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!handle_) throw std::runtime_error("module: can't be loaded: " + LoaderError());
+  if (!handle_) {
+    throw std::runtime_error("module: can't be loaded: " + LoaderError() +
+                             "; give the path of libveld_report.so");
+  }
   try {
     using orvel::veld_report::CanUnloadModuleFunction;
     using orvel::veld_report::GetObjectFactoryFunction;
