@@ -80,8 +80,7 @@ void RefuseInheritedStore(const std::filesystem::path& folder) {
   const auto opener = ForkGuard().InheritedFrom(folder / storeLockName);
   if (!opener) return;
   throw StoreError("the store in " + folder.string() + " was open in process " + std::to_string(*opener) +
-                   " when this process was forked from it: open another folder, or open this one only in " +
-                   "processes that are forked before");
+                   " when that forked this process; use another folder, or fork before opening this one");
 }
 
 void PrepareStoreFolder(const std::filesystem::path& folder) {

@@ -20,7 +20,7 @@ using std::chrono::steady_clock;
 }
 
 constexpr const char* inheritedText =
-    "this process is a fork of the one that opened the reporter; open another one here, on another store";
+    "the reporter was opened before this process was forked; open another one here, on another store";
 
 // Turns every exception into a ReporterError.
 template <class Body>
