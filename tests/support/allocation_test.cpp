@@ -16,6 +16,7 @@
 #include "trace/trace_stream.h"
 #include "types/format.h"
 #include "types/text_conversion.h"
+#include "zel/rtl/error_handling/exception_conversion.h"
 #include "zel/rtl/error_handling/exceptions.h"
 
 namespace veld_report::tests {
@@ -247,7 +248,7 @@ const Operation operations[] = {
     {"trace: PutException",
      [](Subjects& s) {
        // The line goes on without the text.
-       Line(s, [&](zel::TraceStream& line) { line.PutText("[").PutException(s.exception).PutText("]"); });
+       Line(s, [&](zel::TraceStream& line) { zel::PutException(line.PutText("["), s.exception).PutText("]"); });
        const std::string line = s.tracer->TakeLines().at(0);
        EXPECT_TRUE(line.starts_with("700 veld_rep\t[") && line.ends_with("]")) << line;
        return line.find("SystemException - ") == std::string::npos ? zel::eOutOfMemory : zel::sOk;

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "types/text_conversion.h"
-#include "zel/rtl/error_handling/exceptions.h"
 
 namespace zel {
 
@@ -112,20 +111,6 @@ TraceStream& TraceStream::PutLocation(const TraceLocation& location) {
   }
   PutText(std::string_view(location.functionName ? location.functionName : "(null)"));
   return PutText(std::string_view("() "));
-}
-
-TraceStream& TraceStream::PutException(const Exception& exception) {
-  for (const Exception* link = &exception; link; link = link->nested.get()) {
-    const wstring display = link->GetDisplayText();
-    string narrow;
-    if (Failed(WideToNarrow(display.View(), &narrow))) {
-      PutText(std::string_view("<Exception display text conversion error>"));
-    } else {
-      PutText(narrow);
-    }
-    if (link->nested) PutText(std::string_view(";"));
-  }
-  return *this;
 }
 
 }  // namespace zel

@@ -16,8 +16,6 @@
 
 namespace zel {
 
-class Exception;
-
 // The module's tag, which starts its lines. It ends in a tab.
 inline constexpr char moduleTag[] = "veld_rep\t";
 
@@ -59,9 +57,6 @@ class TraceStream {
   TraceStream& PutWide(const wstring& text);
   // Writes the start of an exception line: tag and one more tab (if there is a tag), "FUNCTION() ".
   TraceStream& PutLocation(const TraceLocation& location);
-  // Writes the display texts of the exception and of those chained to it, separated by ";", through the
-  // locale.
-  TraceStream& PutException(const Exception& exception);
 
   // Gives the line to the tracer. The stream must not be used afterwards.
   void Commit();

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "trace/trace_stream.h"
+#include "types/text_conversion.h"
 #include "zel/rtl/error_handling/exceptions.h"
 
 namespace zel {
@@ -31,7 +32,7 @@ void ExceptionLine(ITracer* tracer, std::uint32_t level, Write&& write) {
 template <class Line>
 ResultCode ConvertInFlight(Line&& line) {
   const auto put = [](const Exception& exception) {
-    return [&exception](TraceStream& stream) { stream.PutException(exception); };
+    return [&exception](TraceStream& stream) { PutException(stream, exception); };
   };
   const auto putWhat = [](const std::exception& exception) {
     return [&exception](TraceStream& stream) { stream.PutText(WhatText(exception)); };
@@ -70,6 +71,20 @@ ResultCode ConvertInFlight(Line&& line) {
 
 }  // namespace
 
+TraceStream& PutException(TraceStream& line, const Exception& exception) {
+  for (const Exception* link = &exception; link; link = link->nested.get()) {
+    const wstring display = link->GetDisplayText();
+    string narrow;
+    if (Failed(WideToNarrow(display.View(), &narrow))) {
+      line.PutText(std::string_view("<Exception display text conversion error>"));
+    } else {
+      line.PutText(narrow);
+    }
+    if (link->nested) line.PutText(std::string_view(";"));
+  }
+  return line;
+}
+
 ResultCode ReportCaughtException(ITracer* tracer, const char* functionName) {
   const auto line = [&](auto&& write) {
     ExceptionLine(tracer, failureLevel, [&](TraceStream& stream) {
@@ -80,10 +95,10 @@ ResultCode ReportCaughtException(ITracer* tracer, const char* functionName) {
   try {
     throw;
   } catch (const ResultCodeException& exception) {
-    line([&](TraceStream& stream) { stream.PutException(exception); });
+    line([&](TraceStream& stream) { PutException(stream, exception); });
     return exception.code;
   } catch (const Exception& exception) {
-    line([&](TraceStream& stream) { stream.PutText("zel::Exception ").PutException(exception); });
+    line([&](TraceStream& stream) { PutException(stream.PutText("zel::Exception "), exception); });
     return eUnspecifiedError;
   } catch (const std::bad_alloc& exception) {
     line([&](TraceStream& stream) { stream.PutText("std::bad_alloc ").PutText(WhatText(exception)); });

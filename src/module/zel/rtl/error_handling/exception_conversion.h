@@ -12,6 +12,13 @@
 
 namespace zel {
 
+class Exception;
+class TraceStream;
+
+// Writes the display texts of the exception and of those chained to it into the line, separated by ";",
+// through the locale.
+TraceStream& PutException(TraceStream& line, const Exception& exception);
+
 // Writes a level 300 line with the module's tag and the function name, and returns the code: a
 // ResultCodeException's own, even 0; 0x80000041 for std::bad_alloc; 0x8000004b for everything else, including
 // std::length_error. `tracer` may be null.
