@@ -13,7 +13,7 @@ find_package(SQLite3 REQUIRED)
 find_package(simdjson REQUIRED)
 find_package(Threads REQUIRED)
 
-# Headers include each other by their path from the top folder, which is this one once they are installed.
+# The contract's headers are contract/ and types/ in here, beside those of the host kit.
 set(VELD_INSTALL_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/veld_report)
 set(VELD_INSTALL_CMAKE ${CMAKE_INSTALL_LIBDIR}/cmake/veld_report)
 
@@ -32,27 +32,6 @@ function(veld_collect_static_libraries folder out)
     veld_collect_static_libraries(${inner} below)
     list(APPEND all ${below})
   endforeach()
-  set(${out} ${all} PARENT_SCOPE)
-endfunction()
-
-# Collects the headers of the host kit that `headers` include, directly or not, into `out`. What isn't reached
-# from a public header isn't installed.
-function(veld_collect_included_headers headers out)
-  set(all "")
-  set(waiting ${headers})
-  while(waiting)
-    list(POP_FRONT waiting header)
-    if(header IN_LIST all)
-      continue()
-    endif()
-    list(APPEND all ${header})
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS src/${header})
-    file(STRINGS ${PROJECT_SOURCE_DIR}/src/${header} includes REGEX "^#include \"host/")
-    foreach(line IN LISTS includes)
-      string(REGEX REPLACE "^#include \"(.*)\".*" "\\1" included "${line}")
-      list(APPEND waiting ${included})
-    endforeach()
-  endwhile()
   set(${out} ${all} PARENT_SCOPE)
 endfunction()
 
@@ -84,14 +63,7 @@ target_link_libraries(veld_report_host INTERFACE veld_contract
   CURL::libcurl OpenSSL::SSL OpenSSL::Crypto SQLite::SQLite3 simdjson::simdjson Threads::Threads
   ${CMAKE_DL_LIBS})
 install(TARGETS veld_report_host EXPORT veld_report ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
-file(GLOB hostHeaders RELATIVE ${PROJECT_SOURCE_DIR}/src CONFIGURE_DEPENDS src/host/include/veld_report/*.h)
 install(DIRECTORY src/host/include/veld_report DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
-veld_collect_included_headers("${hostHeaders};host/kit/host_kit.h" hostHeaders)
-list(FILTER hostHeaders EXCLUDE REGEX "^host/include/")
-foreach(header IN LISTS hostHeaders)
-  cmake_path(GET header PARENT_PATH folder)
-  install(FILES src/${header} DESTINATION ${VELD_INSTALL_HEADERS}/${folder} COMPONENT dev)
-endforeach()
 
 # veld_report::c, the C interface of the host kit.
 set_target_properties(veld_report_c PROPERTIES

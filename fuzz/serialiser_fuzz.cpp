@@ -14,13 +14,13 @@
 
 #include "fuzz/input.h"
 #include "fuzz/plain_text.h"
-#include "host/json/field_kinds.h"
 #include "tests/host/json_serialize.h"
+#include "veld_report/field_kinds.h"
 
 namespace {
 
 using namespace veld_report::fuzz;
-namespace kinds = veld_report::host::field_kinds;
+namespace kinds = veld_report::field_kinds;
 
 // A canonical text for each value, to compare what was put in with what is read back.
 std::string Form(double value) {

@@ -56,7 +56,7 @@ TEST(QueueRoom, QueueNeverHasToDropItsOwnItems) {
   EXPECT_FALSE(room.Has(21));
   EXPECT_TRUE(room.Has(20));
   EXPECT_EQ(room.ItemsInMemory(), 0);
-  ledgers["q"].Leave(&host::QueueLedger::delivered, {1, 40});
+  ledgers["q"].Leave(&QueueLedger::delivered, {1, 40});
   room.Refresh(ledgers);
   EXPECT_TRUE(room.Has(60));
   EXPECT_FALSE(room.Has(61));

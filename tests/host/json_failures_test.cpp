@@ -3,9 +3,9 @@
 
 #include <vector>
 
-#include "host/json/field_helpers.h"
-#include "host/json/field_kinds.h"
 #include "tests/host/json_serialize.h"
+#include "veld_report/field_helpers.h"
+#include "veld_report/field_kinds.h"
 
 namespace veld_report::host {
 namespace {

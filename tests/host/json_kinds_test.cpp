@@ -4,10 +4,10 @@
 
 #include <limits>
 
-#include "host/json/field_kinds.h"
 #include "host/json/json_check.h"
 #include "host/json/json_record.h"
 #include "tests/host/json_serialize.h"
+#include "veld_report/field_kinds.h"
 
 namespace veld_report::host {
 namespace {

@@ -103,7 +103,7 @@ TEST_F(QueueDamageTest, ADamagedStoreIsMovedAsideAndSalvaged) {
     const auto salvaged = static_cast<std::int64_t>(found.size());
     const std::int64_t lost = waitingCount - salvaged;
     EXPECT_GE(salvaged, row.least);
-    const host::QueueLedger ledger = Ledger();
+    const QueueLedger ledger = Ledger();
     EXPECT_EQ(ledger.waiting.items, salvaged);
     EXPECT_EQ(ledger.damaged, ledger.removed);
     EXPECT_TRUE(!row.lossIsKnown || ledger.damaged.items == lost);
@@ -216,7 +216,7 @@ TEST_F(QueueDamageTest, FiguresOfItemsThatArentThereAreCorrected) {
       for (const ReadItem& item : ReadAll(*reader)) reader->Ack(&item.token);
     }
     EXPECT_FALSE(ReadOne(*Reader("q")));
-    EXPECT_EQ(Ledger().waiting, host::ItemCount{});
+    EXPECT_EQ(Ledger().waiting, ItemCount{});
     EXPECT_THAT(lines.Take(), ElementsAre(HasSubstr("that don't exist")));
     Push("q", "fits again");
     EXPECT_THAT(Waiting("q"), ElementsAre("fits again"));
@@ -234,7 +234,7 @@ TEST_F(QueueDamageTest, AnEarlierLayoutIsUpgradedACopyKeptTillCleanClose) {
   const auto copy = host::EarlierLayoutCopy(StorePath(), 1);
   Open();
   EXPECT_THAT(Waiting("q"), ElementsAre("old", "two"));
-  EXPECT_EQ(Ledger(), (host::QueueLedger{.accepted = {2, 6}, .waiting = {2, 6}}));
+  EXPECT_EQ(Ledger(), (QueueLedger{.accepted = {2, 6}, .waiting = {2, 6}}));
   EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0600));
   EXPECT_EQ(SqliteConnection(copy, SqliteConnection::Access::readWrite).QueryInteger("PRAGMA user_version"),
             1);

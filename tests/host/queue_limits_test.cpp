@@ -6,7 +6,6 @@
 namespace veld_report::tests {
 namespace {
 
-using host::ItemCount;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -35,8 +34,8 @@ TEST_F(QueueLimitsTest, TooOldItemsAreDroppedWhenTheyComeUpAndCounted) {
   now += 60'000;
   EXPECT_THAT(Waiting("q"), ElementsAre("just in time"));
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(Ledger(), (host::QueueLedger{
-                            .accepted = {2, 15}, .evicted = {1, 3}, .waiting = {1, 12}, .expired = {1, 3}}));
+    EXPECT_EQ(Ledger(),
+              (QueueLedger{.accepted = {2, 15}, .evicted = {1, 3}, .waiting = {1, 12}, .expired = {1, 3}}));
     Open();
   }
 }

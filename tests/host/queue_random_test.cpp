@@ -21,7 +21,7 @@ class QueueRandomTest : public StoreTest, public testing::WithParamInterface<int
     Strings evicted;
     const bool makesRoom = Draw(2) == 0;
     const auto code = makesRoom ? EvictAndPush(*producer, queue, text, &evicted) : PushText(*producer, text);
-    for (const std::string& gone : evicted) model.Left(queue, gone, &host::QueueLedger::evicted);
+    for (const std::string& gone : evicted) model.Left(queue, gone, &QueueLedger::evicted);
     model.Pushed(queue, text, code);
   }
   void Step() {

@@ -178,7 +178,7 @@ TEST_F(LedgerTest, OnlyTheVeryNextReaderOfTheSameThreadAndQueueEvicts) {
     service->ClearQueue("q");
     const auto producer = Producer("q", 4);
     ASSERT_EQ(PushText(*producer, "full"), zel::sOk);
-    host::QueueLedger expected = Ledger();
+    QueueLedger expected = Ledger();
     ASSERT_EQ(PushText(*producer, "x"), zel::eOutOfSpace);
     if (open == acknowledge) Reader("another queue");
     const auto reader = std::async(open, [&] { return Reader("q"); }).get();

@@ -66,8 +66,8 @@ class StoreTest : public testing::Test, protected QueueOperations {
     return "";
   }
   std::filesystem::path StorePath() const { return host::StoreFilePath(options.folder, "veld_rep"); }
-  host::QueueLedger Ledger(const std::string& queue = "q") {
-    const host::QueueLedger ledger = service->Ledgers()[queue];
+  QueueLedger Ledger(const std::string& queue = "q") {
+    const QueueLedger ledger = service->Ledgers()[queue];
     EXPECT_TRUE(ledger.IsBalanced()) << queue << ": " << testing::PrintToString(ledger);
     return ledger;
   }

@@ -22,7 +22,7 @@ class StoreModel {
  public:
   struct Queue {
     Strings items{};
-    host::QueueLedger ledger{};
+    QueueLedger ledger{};
     bool operator==(const Queue&) const = default;
   };
 
@@ -56,7 +56,7 @@ class StoreModel {
     if (answer == zel::sOk) to.items.emplace_back(text);
   }
   // `figure`: delivered, evicted.
-  void Left(const std::string& queue, const std::string& text, host::ItemCount host::QueueLedger::*figure) {
+  void Left(const std::string& queue, const std::string& text, ItemCount QueueLedger::*figure) {
     EXPECT_EQ(std::erase(queues_[queue].items, text), 1u) << text << " was handed out and doesn't wait";
     queues_[queue].ledger.Leave(figure, One(text));
   }
@@ -77,7 +77,7 @@ class StoreModel {
       switch (fate(i)) {
         case Fate::acknowledged:
           EXPECT_EQ(reader.Ack(&item.token), zel::sOk);
-          Left(queue, item.bytes, &host::QueueLedger::delivered);
+          Left(queue, item.bytes, &QueueLedger::delivered);
           break;
         case Fate::givenBack:
           EXPECT_EQ(reader.ReturnItem(&item.token), zel::sOk);
@@ -94,10 +94,10 @@ class StoreModel {
     const auto found = queues_.find(queue);
     return found == queues_.end() ? Strings() : found->second.items;
   }
-  host::QueueLedger& Ledger(const std::string& queue) { return queues_[queue].ledger; }
+  QueueLedger& Ledger(const std::string& queue) { return queues_[queue].ledger; }
 
  private:
-  static host::ItemCount One(std::string_view text) { return {1, static_cast<std::int64_t>(text.size())}; }
+  static ItemCount One(std::string_view text) { return {1, static_cast<std::int64_t>(text.size())}; }
 
   std::map<std::string, Queue> queues_;
 };
@@ -106,7 +106,7 @@ class StoreModel {
 inline void PrintTo(const StoreModel& model, std::ostream* out) {
   for (const auto& [name, queue] : model.Queues()) {
     *out << name << ":";
-    for (const host::ItemCount* figure : queue.ledger.All()) *out << " " << figure->items;
+    for (const ItemCount* figure : queue.ledger.All()) *out << " " << figure->items;
     for (const std::string& text : queue.items) *out << " '" << text.substr(0, 12) << "'";
     *out << "\n";
   }

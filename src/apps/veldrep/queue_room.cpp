@@ -6,8 +6,8 @@
 namespace veld_report::app {
 namespace {
 
-const host::QueueLedger& LedgerOf(const Ledgers& ledgers, const std::string& queue) {
-  static const host::QueueLedger none;
+const QueueLedger& LedgerOf(const Ledgers& ledgers, const std::string& queue) {
+  static const QueueLedger none;
   const auto found = ledgers.find(queue);
   return found == ledgers.end() ? none : found->second;
 }
@@ -35,8 +35,8 @@ void QueueRoom::Refresh(const Ledgers& ledgers) {
   bytesLeft_ = limitBytes_;
   itemsInMemory_ = 0;
   for (const auto& [queue, times] : targets_) {
-    const host::QueueLedger& ledger = LedgerOf(ledgers, queue);
-    const host::ItemCount& before = acceptedBefore_[queue];
+    const QueueLedger& ledger = LedgerOf(ledgers, queue);
+    const ItemCount& before = acceptedBefore_[queue];
     itemsInMemory_ += submitted_.items * times - (ledger.accepted.items - before.items);
     // What is in memory will be in the queue in addition to what is waiting there.
     const std::int64_t inMemory = submitted_.bytes * times - (ledger.accepted.bytes - before.bytes);

@@ -9,11 +9,11 @@
 #include <map>
 #include <string>
 
-#include "host/queue/queue_ledger.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::app {
 
-using Ledgers = std::map<std::string, host::QueueLedger>;
+using Ledgers = std::map<std::string, QueueLedger>;
 
 // One thread at a time.
 class QueueRoom {
@@ -35,8 +35,8 @@ class QueueRoom {
  private:
   const std::int64_t limitBytes_;
   const std::map<std::string, std::int64_t> targets_;
-  std::map<std::string, host::ItemCount> acceptedBefore_;
-  host::ItemCount submitted_;
+  std::map<std::string, ItemCount> acceptedBefore_;
+  ItemCount submitted_;
   std::int64_t bytesLeft_ = 0;
   std::int64_t itemsInMemory_ = 0;
 };

@@ -135,7 +135,7 @@ int Peek(const QueuesOptions& options) {
   return exitOk;
 }
 
-void PrintRemoved(const QueuesOptions& options, const host::ItemCount& removed) {
+void PrintRemoved(const QueuesOptions& options, const ItemCount& removed) {
   const char* const form = options.json ? "{\"removed_items\":%lld,\"removed_bytes\":%lld}\n"
                                         : "removed %lld items of %lld bytes\n";
   std::printf(form, static_cast<long long>(removed.items), static_cast<long long>(removed.bytes));
@@ -143,7 +143,7 @@ void PrintRemoved(const QueuesOptions& options, const host::ItemCount& removed) 
 
 int ClearAll(const QueuesOptions& options) {
   const auto service = OpenStore(options, false);
-  const host::ItemCount waiting = service->TotalWaiting();
+  const ItemCount waiting = service->TotalWaiting();
   service->Forget();
   PrintRemoved(options, waiting);
   return exitOk;

@@ -47,8 +47,8 @@ std::map<std::string, std::int64_t> Targets(const SendOptions& options) {
   return targets;
 }
 
-host::QueueLedger Sum(const Ledgers& ledgers) {
-  host::QueueLedger sum;
+QueueLedger Sum(const Ledgers& ledgers) {
+  QueueLedger sum;
   for (const auto& [queue, ledger] : ledgers) sum += ledger;
   return sum;
 }
@@ -183,7 +183,7 @@ void SendRun::Look() {
   const Clock::time_point now = Clock::now();
   lastLook_ = now;
   room_.Refresh(ledgers);
-  const host::QueueLedger sum = Sum(ledgers);
+  const QueueLedger sum = Sum(ledgers);
   if (!(sum.accepted == sum_.accepted && sum.delivered == sum_.delivered)) lastChange_ = now;
   sum_ = sum;
   figures_.delivered = sum.delivered.items - Sum(before_).delivered.items;
@@ -198,7 +198,7 @@ void SendRun::Look() {
 }
 
 int SendRun::Conclude() {
-  const host::QueueLedger old = Sum(before_);
+  const QueueLedger old = Sum(before_);
   const std::int64_t evicted = sum_.evicted.items - old.evicted.items;
   const std::int64_t rejected = sum_.rejected.items - old.rejected.items;
   if (evicted + rejected > 0) {

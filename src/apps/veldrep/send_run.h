@@ -53,7 +53,7 @@ class SendRun {
   host::JsonCheck jsonCheck_;
 
   SendFigures figures_;
-  host::QueueLedger sum_;  // of all queues, from the last Look
+  QueueLedger sum_;  // of all queues, from the last Look
   Clock::time_point lastChange_, lastLook_, lastTrigger_;
   std::uint64_t lineNumber_ = 0;
   bool stopped_ = false;  // before the end of the input

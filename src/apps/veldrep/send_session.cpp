@@ -32,7 +32,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   kit.trace.path = options.trace;
   kit.trace.level = options.trace.empty() ? 0 : options.traceLevel;
   kit.signingKeyFile = options.signKey;
-  kit.onRequestFinished = [this](const host::FinishedRequest& request) { OnRequestFinished(request); };
+  kit.onRequestFinished = [this](const FinishedRequest& request) { OnRequestFinished(request); };
   return kit;
 }
 
@@ -50,7 +50,7 @@ void SendSession::TriggerCycle() {
 
 void SendSession::RunSoon() { kit_->Timer().FireNow(); }
 
-void SendSession::OnRequestFinished(const host::FinishedRequest& request) {
+void SendSession::OnRequestFinished(const FinishedRequest& request) {
   // A request that was cancelled by the end of the session isn't a failure of its server.
   if (request.result == zel::sOk || request.result == zel::eOperationCancelled) return;
   const std::lock_guard lock(mutex_);

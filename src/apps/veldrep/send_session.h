@@ -43,7 +43,7 @@ class SendSession {
 
  private:
   host::HostKitOptions KitOptions(const SendOptions& options);
-  void OnRequestFinished(const host::FinishedRequest& request);
+  void OnRequestFinished(const FinishedRequest& request);
 
   const std::string to_;
   mutable std::mutex mutex_;  // guards failures_, written by the HTTP client's thread

@@ -2,8 +2,8 @@
 
 #include <cstddef>
 
-#include "host/json/field_helpers.h"
-#include "host/json/field_kinds.h"
+#include "veld_report/field_helpers.h"
+#include "veld_report/field_kinds.h"
 
 namespace veld_report::host {
 namespace {

@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "host/base/text.h"
-#include "host/json/field_kinds.h"
 #include "types/basic_string.h"
+#include "veld_report/field_kinds.h"
 
 namespace veld_report::host {
 namespace {

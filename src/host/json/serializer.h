@@ -1,7 +1,7 @@
 // The serialiser of the host kit: walks a described record and writes it to a storage as JSON.
 //
 // It differs from a general JSON library in that it knows records only by their descriptors
-// (host/json/field_kinds.h) and reads nothing back.
+// (veld_report/field_kinds.h) and reads nothing back.
 #pragma once
 
 #include "contract/json.h"

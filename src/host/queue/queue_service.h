@@ -22,6 +22,9 @@
 
 namespace veld_report::host {
 
+using veld_report::ItemCount;
+using veld_report::QueueLedger;
+
 // The domain that the module uses.
 inline constexpr char defaultDomain[] = "veld_rep";
 

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "host/queue/disk_reserve.h"
-#include "host/queue/queue_ledger.h"
 #include "host/queue/read_ahead.h"
 #include "host/queue/store_file.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
 

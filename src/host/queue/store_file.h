@@ -15,9 +15,9 @@
 #include <string_view>
 #include <vector>
 
-#include "host/queue/queue_ledger.h"
 #include "host/queue/sqlite_connection.h"
 #include "host/queue/wal_checkpointer.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <system_error>
 
-#include "host/queue/queue_ledger.h"
 #include "host/queue/store_folder.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
 namespace {

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "contract/tracer.h"
-#include "host/queue/queue_ledger.h"
 #include "host/queue/store_folder.h"
 #include "host/queue/store_salvage.h"
 #include "types/ref.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
 

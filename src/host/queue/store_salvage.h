@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "host/queue/queue_ledger.h"
 #include "host/queue/store_file.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
 

@@ -5,9 +5,11 @@
 
 #include "contract/requests_notification.h"
 #include "host/base/host_object.h"
-#include "host/services/finished_request.h"
+#include "veld_report/finished_request.h"
 
 namespace veld_report::host {
+
+using veld_report::FinishedRequest;
 
 // The function runs on a thread of the HTTP client, possibly after the sender is gone, and on several threads
 // at once. It should return soon, since the sender waits for it. Its exceptions are dropped.

@@ -8,9 +8,9 @@
 //   VELD_RECORD(AppStarted, 0x5a17c0de, version, (startupMs, "startup_ms"), firstRun)
 //
 // Put the macro at namespace scope, in the struct's own namespace, after the struct and after the macros of
-// the structs that are its members. It builds the constant table of host/json/field_kinds.h at compile time:
-// nothing is registered, allocated or looked up at run time. The JSON object has a member for each field that
-// is named, in that order, under the field's name or the name given with it.
+// the structs that are its members. It builds the constant table of veld_report/field_kinds.h at compile
+// time: nothing is registered, allocated or looked up at run time. The JSON object has a member for each
+// field that is named, in that order, under the field's name or the name given with it.
 //
 // A field may be a bool; a number of any width except long double, or an enumeration, which is sent as its
 // number; text (std::string, std::string_view and zel::string in UTF-8, std::u16string and zel::wstring in
@@ -30,10 +30,10 @@
 #include <vector>
 
 #include "contract/descriptor.h"
-#include "host/json/field_helpers.h"
-#include "host/json/field_kinds.h"
 #include "types/basic_string.h"
 #include "types/vector.h"
+#include "veld_report/field_helpers.h"
+#include "veld_report/field_kinds.h"
 
 namespace veld_report {
 
@@ -50,7 +50,7 @@ concept DescribedRecord = requires(const T* record) {
 
 namespace record_detail {
 
-namespace kinds = host::field_kinds;
+namespace kinds = field_kinds;
 
 template <DescribedRecord T>
 struct DescriptorSource {
@@ -99,28 +99,28 @@ struct Shape {
   using Element = T;
   static constexpr std::uint32_t flags = 0;
   template <class Source>
-  using Helper = host::NestedHelper<T, Source>;
+  using Helper = NestedHelper<T, Source>;
 };
 template <class T, class A>
 struct Shape<std::vector<T, A>> {
   using Element = T;
   static constexpr std::uint32_t flags = kinds::vectorFlag;
   template <class Source>
-  using Helper = host::VectorHelper<std::vector<T, A>, Source>;
+  using Helper = VectorHelper<std::vector<T, A>, Source>;
 };
 template <class T, class A>
 struct Shape<zel::types::vector_t<T, A>> {
   using Element = T;
   static constexpr std::uint32_t flags = kinds::vectorFlag;
   template <class Source>
-  using Helper = host::VectorHelper<zel::types::vector_t<T, A>, Source>;
+  using Helper = VectorHelper<zel::types::vector_t<T, A>, Source>;
 };
 template <class T>
 struct Shape<std::optional<T>> {
   using Element = T;
   static constexpr std::uint32_t flags = kinds::optionalFlag;
   template <class Source>
-  using Helper = host::OptionalHelper<T, Source>;
+  using Helper = OptionalHelper<T, Source>;
 };
 
 template <class Field>
@@ -139,12 +139,12 @@ consteval zel::SerFieldDescriptor DescribeField(const char* name, std::size_t of
   if constexpr (PlainKind<Element>() != 0) {
     row.typeId = PlainKind<Element>();
     if constexpr (FieldShape::flags != 0) {
-      row.vectorHelper = &host::fieldHelper<typename FieldShape::template Helper<host::NoDescriptor>>;
+      row.vectorHelper = &fieldHelper<typename FieldShape::template Helper<NoDescriptor>>;
     }
   } else if constexpr (DescribedRecord<Element>) {
     row.typeId = VeldRecordSerId(static_cast<const Element*>(nullptr));
     row.flags |= kinds::recordFlag;
-    row.vectorHelper = &host::fieldHelper<typename FieldShape::template Helper<DescriptorSource<Element>>>;
+    row.vectorHelper = &fieldHelper<typename FieldShape::template Helper<DescriptorSource<Element>>>;
   }
   return row;
 }
@@ -168,7 +168,7 @@ consteval zel::SerFieldDescriptor EndOfTable() {
         VELD_RECORD_EXPAND(VELD_RECORD_EACH(Type, __VA_ARGS__)))::veld_report::record_detail::EndOfTable()}; \
     static constexpr ::zel::SerObjDescriptor descriptor = {                                                  \
         (serId), #Type, sizeof(Type), fields,                                                                \
-        &::veld_report::host::fieldHelper<::veld_report::host::RecordHelper<Type>>};                         \
+        &::veld_report::fieldHelper<::veld_report::RecordHelper<Type>>};                                     \
     return &descriptor;                                                                                      \
   }
 

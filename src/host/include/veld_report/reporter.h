@@ -21,17 +21,13 @@
 #include <string_view>
 #include <vector>
 
-#include "host/queue/queue_ledger.h"
-#include "host/services/finished_request.h"
 #include "types/result_code.h"
+#include "veld_report/finished_request.h"
+#include "veld_report/queue_ledger.h"
 #include "veld_report/record.h"
 #include "veld_report/record_builder.h"
 
 namespace veld_report {
-
-using host::FinishedRequest;
-using host::ItemCount;
-using host::QueueLedger;
 
 // An error, as a code and as a sentence that says what, where and what to do.
 class ReporterError : public std::runtime_error {
@@ -49,7 +45,7 @@ struct Endpoint {
   std::string url{};       // http:// or https://, UTF-8. Another url is another queue.
   std::string consumer{};  // gets the records for this consumer, and those for all
   // CA certificates as PEM texts, or pins of the server's key as "sha256//BASE64". With any given, only they
-  // count for this url (host/http/http_client.h).
+  // count for this url. With pins alone a self-signed certificate will do; with both, both must hold.
   std::vector<std::string> certificates{};
 };
 
@@ -84,9 +80,11 @@ struct ReporterOptions {
   std::uint64_t memoryLimitRecords = 100000;
   std::chrono::milliseconds maxAge{0};  // of a record in the store; 0: no limit
   std::uint64_t storeLimitBytes = 0;    // of all queues together; 0: no limit
-  bool commitEveryRecord = false;       // see host/queue/queue_service_options.h for both
-  bool syncEveryCommit = false;
-  bool shared = false;  // several processes may use the store, all with this set
+  // Records go into the store in groups, which a crash of the process can lose for up to 10 ms. With this
+  // each is written by itself.
+  bool commitEveryRecord = false;
+  bool syncEveryCommit = false;  // what is written survives a crash of the machine, at the price of a sync
+  bool shared = false;           // several processes may use the store, all with this set
 
   std::optional<std::string> proxy{};  // none: from the environment; empty: no proxy
   std::string caFile{};                // trusted certificates in place of the system's

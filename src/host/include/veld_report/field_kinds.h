@@ -14,8 +14,8 @@
 // All but plain values need a `vectorHelper`, through which the serialiser reaches the values. GetSize
 // returns how many there are (always 1 for a nested record, 0 or 1 for an optional), GetElement the address
 // of each, GetElementSize the size of one. GetElementDescriptor returns a record's descriptor, whose serId
-// must be the row's `typeId`; it isn't called for plain values. host/json/field_helpers.h has helpers for all
-// of these.
+// must be the row's `typeId`; it isn't called for plain values. veld_report/field_helpers.h has helpers for
+// all of these.
 //
 // An empty optional has no member in the JSON text. Vectors of vectors and of optionals aren't supported; put
 // the inner one into a record.
@@ -25,7 +25,7 @@
 
 #include "contract/descriptor.h"
 
-namespace veld_report::host::field_kinds {
+namespace veld_report::field_kinds {
 
 inline constexpr std::uint32_t recordFlag = 0x00010000;
 inline constexpr std::uint32_t vectorFlag = 0x00002000;
@@ -55,4 +55,4 @@ inline constexpr std::uint32_t stringView = 0x25;                               
 inline constexpr std::uint32_t jsonText = 0x31;          // zel::string
 inline constexpr std::uint32_t standardJsonText = 0x33;  // std::string
 
-}  // namespace veld_report::host::field_kinds
+}  // namespace veld_report::field_kinds

@@ -11,7 +11,7 @@
 #include <array>
 #include <cstdint>
 
-namespace veld_report::host {
+namespace veld_report {
 
 struct ItemCount {
   std::int64_t items = 0;
@@ -67,4 +67,4 @@ struct QueueLedger {
   }
 };
 
-}  // namespace veld_report::host
+}  // namespace veld_report

@@ -5,7 +5,7 @@
 
 #include "types/result_code.h"
 
-namespace veld_report::host {
+namespace veld_report {
 
 struct FinishedRequest {
   std::string url;  // UTF-8, as in the settings
@@ -14,4 +14,4 @@ struct FinishedRequest {
   zel::ResultCode result = zel::sOk;
 };
 
-}  // namespace veld_report::host
+}  // namespace veld_report

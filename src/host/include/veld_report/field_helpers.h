@@ -12,9 +12,21 @@
 #include <vector>
 
 #include "contract/descriptor.h"
-#include "host/base/host_object.h"
 
-namespace veld_report::host {
+namespace veld_report {
+
+// Runs `resize`, which may throw what the elements throw.
+template <class Resize>
+zel::ResultCode GuardedResize(Resize&& resize) noexcept {
+  try {
+    resize();
+    return zel::sOk;
+  } catch (const std::bad_alloc&) {
+    return zel::eOutOfMemory;
+  } catch (...) {
+    return zel::eUnspecifiedError;
+  }
+}
 
 template <class Helper>
 inline constinit Helper fieldHelper{};
@@ -81,7 +93,7 @@ class VectorHelper final
  public:
   zel::ResultCode Resize(void* vector, std::uint32_t count) override {
     if (!vector) return zel::eInvalidArgument;
-    return Guarded([&] {
+    return GuardedResize([&] {
       V& target = *static_cast<V*>(vector);
       if constexpr (requires { target.resize(count); }) {
         target.resize(count);
@@ -90,7 +102,6 @@ class VectorHelper final
       } else {
         target.append(count - target.size());
       }
-      return zel::sOk;
     });
   }
   zel::ResultCode GetSize(const void* vector, std::uint32_t* out) override {
@@ -139,14 +150,13 @@ class OptionalHelper final : public ElementHelper<std::optional<T>, T, Source> {
  public:
   zel::ResultCode Resize(void* field, std::uint32_t count) override {
     if (!field || count > 1) return zel::eInvalidArgument;
-    return Guarded([&] {
+    return GuardedResize([&] {
       auto& target = *static_cast<std::optional<T>*>(field);
       if (count == 0) {
         target.reset();
       } else if (!target) {
         target.emplace();
       }
-      return zel::sOk;
     });
   }
   zel::ResultCode GetSize(const void* field, std::uint32_t* out) override {
@@ -163,4 +173,4 @@ class OptionalHelper final : public ElementHelper<std::optional<T>, T, Source> {
   }
 };
 
-}  // namespace veld_report::host
+}  // namespace veld_report
