@@ -11,9 +11,10 @@ std::vector<QueueInfo> QueueStore::ListQueues() {
   const std::int64_t nowMs = NowMs(options_);
   std::vector<QueueInfo> result;
   for (const auto& [name, queue] : queues_) {
-    if (!queue.present) continue;
-    QueueInfo info{name, queue.ledger.waiting.items, queue.ledger.waiting.bytes, std::nullopt};
-    if (const auto oldestMs = file_->OldestMs(queue.id)) info.oldestAgeMs = nowMs - *oldestMs;
+    if (!queue.stored.IsPresent()) continue;
+    const ItemCount waiting = queue.stored.Ledger().waiting;
+    QueueInfo info{name, waiting.items, waiting.bytes, std::nullopt};
+    if (const auto oldestMs = file_->OldestMs(queue.stored.Id())) info.oldestAgeMs = nowMs - *oldestMs;
     result.push_back(std::move(info));
   }
   return result;
@@ -25,10 +26,10 @@ std::vector<PeekedItem> QueueStore::Peek(const std::string& name, std::size_t co
   Refresh();
   std::vector<PeekedItem> result;
   const auto found = queues_.find(name);
-  if (found == queues_.end() || found->second.id == 0 || found->second.removalBuffered) return result;
+  if (found == queues_.end() || !found->second.stored.CountsInFile()) return result;
   std::uint64_t after = 0;
   while (result.size() < count) {
-    const auto row = file_->NextItem(found->second.id, after);
+    const auto row = file_->NextItem(found->second.stored.Id(), after);
     if (!row) break;
     after = row->token;
     if (writer_.IsDeleted(row->token)) continue;
@@ -49,7 +50,7 @@ ItemCount QueueStore::TotalWaiting() {
   const std::lock_guard lock(mutex_);
   Refresh();
   ItemCount total;
-  for (const auto& [name, queue] : queues_) total += queue.ledger.waiting;
+  for (const auto& [name, queue] : queues_) total += queue.stored.Ledger().waiting;
   return total;
 }
 
@@ -58,7 +59,7 @@ std::map<std::string, QueueLedger> QueueStore::Ledgers() {
   Refresh();
   std::map<std::string, QueueLedger> result;
   for (const auto& [name, queue] : queues_) {
-    if (!(queue.ledger == QueueLedger{})) result.emplace(name, queue.ledger);
+    if (!(queue.stored.Ledger() == QueueLedger{})) result.emplace(name, queue.stored.Ledger());
   }
   return result;
 }

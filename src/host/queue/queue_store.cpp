@@ -5,7 +5,6 @@
 
 #include "host/base/service_thread.h"
 #include "host/base/write_trace.h"
-#include "host/queue/queue_refusal.h"
 #include "host/queue/store_layout.h"
 #include "host/queue/store_opening.h"
 
@@ -24,7 +23,6 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
     : options_(options),
       path_(file),
       folderLock_(std::move(folderLock)),
-      id_(NextNumber()),
       reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
       mark_(options.inspectOnly ? std::filesystem::path() : file),
       file_(OpenStoreFile(options, file, *folderLock_, reserve_, mark_)),
@@ -59,10 +57,7 @@ QueueStore::~QueueStore() {
 void QueueStore::AdoptRows() {
   dataVersion_ = file_->DataVersion();
   for (const QueueRow& row : file_->LoadQueues()) {
-    QueueState& queue = FindOrAdd(row.name);
-    queue.id = row.id;
-    if (!queue.presence) queue.present = row.present;
-    queue.ledger = writer_.WithBuffered(queue, row.ledger);
+    writer_.Adopt(FindOrAdd(row.name).stored, row);
   }
 }
 
@@ -71,7 +66,6 @@ void QueueStore::Refresh() {
   if (!options_.shared && !options_.inspectOnly) return;
   try {
     if (file_->DataVersion() == dataVersion_) return;
-    for (auto& [name, queue] : queues_) queue.ahead.Forget();
     AdoptRows();
   } catch (const SqliteError& error) {
     NoteFailure("can't look for what other processes have written: ", error);
@@ -79,12 +73,12 @@ void QueueStore::Refresh() {
 }
 
 QueueState& QueueStore::OpenQueue(const std::string& name) {
-  TakeRefusal();
+  EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
   QueueState& queue = FindOrAdd(name);
   Refresh();
-  if (!queue.present) {
-    writer_.SetPresence(queue, true);
+  if (!queue.stored.IsPresent()) {
+    writer_.SetPresence(queue.stored, true);
     CommitIfDue();
   }
   return queue;
@@ -92,18 +86,19 @@ QueueState& QueueStore::OpenQueue(const std::string& name) {
 
 zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t> data,
                                  std::uint32_t sizeLimitBytes) {
-  TakeRefusal();
+  EvictionTracker::BeginCall();
   const ItemCount item{1, static_cast<std::int64_t>(data.size())};
   const std::lock_guard lock(mutex_);
-  TakeBackRejection(queue);
+  if (const auto repeated = evictions_.TakeRepeated(queue)) Reject(queue, -*repeated);
   if (data.size() > largestItem) {
     Reject(queue, item);
     return zel::eInvalidArgument;
   }
   Refresh();
-  if (queue.ledger.waiting.bytes + item.bytes > std::int64_t{sizeLimitBytes} ||
+  if (queue.stored.Ledger().waiting.bytes + item.bytes > std::int64_t{sizeLimitBytes} ||
       !MakeRoomInStore(item.bytes)) {
-    Refuse(queue, item);
+    Reject(queue, item);
+    evictions_.NoteRefusal(queue, item);
     return zel::eOutOfSpace;
   }
   if (IsRefusingWrites()) {
@@ -113,20 +108,8 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
   return StoreItem(queue, data, item);
 }
 
-void QueueStore::Refuse(QueueState& queue, ItemCount item) {
-  Reject(queue, item);
-  const auto own = std::ranges::find(queue.evictions, ThreadNumber(), &QueueState::Eviction::thread);
-  if (own != queue.evictions.end()) {
-    own->refused = item;
-  } else {
-    RememberRefusal({id_, &queue, item});
-  }
-}
-
 zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item) {
-  writer_.AddItem(queue, NowMs(options_), data);
-  queue.ledger.accepted += item;
-  queue.ledger.waiting += item;
+  writer_.AddItem(queue.stored, NowMs(options_), data);
   const bool due = options_.commitEveryPush || writer_.HoldsOperations(options_.commitOperations);
   if (!due) {
     CommitIfDue();
@@ -135,8 +118,6 @@ zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::ui
   if (Flush()) return zel::sOk;
   // The others of the group have been answered 0 and stay in the buffer until they can be written.
   writer_.DropLastItem();
-  queue.ledger.accepted += -item;
-  queue.ledger.waiting += -item;
   Reject(queue, item);
   return zel::eNotReady;
 }
@@ -150,8 +131,9 @@ bool QueueStore::MakeRoomInStore(std::int64_t bytes) {
     std::int64_t total = bytes;
     QueueState* largest = nullptr;
     for (auto& [name, queue] : queues_) {
-      total += queue.ledger.waiting.bytes;
-      if (!largest || queue.ledger.waiting.bytes > largest->ledger.waiting.bytes) largest = &queue;
+      const std::int64_t waiting = queue.stored.Ledger().waiting.bytes;
+      total += waiting;
+      if (!largest || waiting > largest->stored.Ledger().waiting.bytes) largest = &queue;
     }
     if (total <= limit) return true;
     if (!largest || !EvictOldest(*largest)) return false;
@@ -167,8 +149,7 @@ bool QueueStore::EvictOldest(QueueState& queue) {
     }
     if (!row) return false;
     const ItemCount item{1, static_cast<std::int64_t>(row->data.size())};
-    writer_.AddDelete(queue, row->token, item, &QueueLedger::evicted);
-    queue.ledger.Leave(&QueueLedger::evicted, item);
+    writer_.AddDelete(queue.stored, row->token, item, &QueueLedger::evicted);
     CommitIfDue();
     return true;
   } catch (const SqliteError& error) {
@@ -188,34 +169,19 @@ bool QueueStore::IsRefusingWrites() {
 }
 
 void QueueStore::Reject(QueueState& queue, ItemCount item) {
-  writer_.Touch(queue);
-  for (QueueLedger* ledger : {&queue.ledger, &queue.unwritten}) {
-    ledger->accepted += item;
-    ledger->rejected += item;
-  }
+  writer_.Book(queue.stored, {.accepted = item, .rejected = item});
   CommitIfDue();
 }
 
-void QueueStore::TakeBackRejection(QueueState& queue) {
-  if (queue.evictions.empty()) return;
-  const auto own = std::ranges::find(queue.evictions, ThreadNumber(), &QueueState::Eviction::thread);
-  if (own == queue.evictions.end() || !own->refused) return;
-  const ItemCount item = *std::exchange(own->refused, std::nullopt);
-  Reject(queue, -item);
-}
-
 zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
-  TakeRefusal();
+  EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
   if (options_.inspectOnly) return zel::eNotSupported;
   Refresh();
   const auto found = queues_.find(name);
-  if (found == queues_.end() || !found->second.present) return zel::eNotFound;
+  if (found == queues_.end() || !found->second.stored.IsPresent()) return zel::eNotFound;
   QueueState& queue = found->second;
-  const ItemCount waiting = queue.ledger.waiting;
-  writer_.AddRemoval(queue, waiting);
-  queue.ledger.removed += waiting;
-  queue.ledger.waiting = {};
+  writer_.AddRemoval(queue.stored);
   for (ReaderState* reader : queue.readers) reader->claims.Clear();
   // Buffered if it fails: nobody reads what is gone, and the file follows when it can be written.
   Flush();
@@ -223,26 +189,24 @@ zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
 }
 
 std::vector<std::string> QueueStore::QueueNames() {
-  TakeRefusal();
+  EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
   Refresh();
   std::vector<std::string> names;
   for (const auto& [name, queue] : queues_) {
-    if (queue.present) names.push_back(name);
+    if (queue.stored.IsPresent()) names.push_back(name);
   }
   return names;
 }
 
 bool QueueStore::Commit() {
-  TakeRefusal();
+  EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
   return Flush();
 }
 
 QueueState& QueueStore::FindOrAdd(const std::string& name) {
-  QueueState& queue = queues_[name];
-  if (queue.name.empty()) queue.name = name;
-  return queue;
+  return queues_.try_emplace(name, name).first->second;
 }
 
 bool QueueStore::Flush() {

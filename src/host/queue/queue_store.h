@@ -1,17 +1,8 @@
 // One domain's queues: what the operations of the queue service do, behind one lock.
 //
 // The interfaces of the contract are thin shells around it (queue_service.h). Changes gather in a QueueWriter
-// and go to the file in groups; claims live here, in memory, so they end with the process.
-//
-// Eviction or delivery: an Ack looks the same for both, so the store looks at who calls. A producer whose
-// Push is refused as out of space makes room by opening a reader as its very next call to the service, on the
-// same thread, and acknowledging through it on that thread. So:
-//   - a reader opened on a thread whose last call to this store was a Push on the same queue that answered
-//     out of space is an evicting reader, and what it acknowledges on that thread counts as evicted;
-//   - everything that any other reader acknowledges counts as delivered;
-//   - a refused item counts as rejected at once. A further Push on the same queue and thread while the
-//     evicting reader lives is the same item again, so the earlier rejection is taken back first. Without an
-//     evicting reader each refused Push is a loss of its own.
+// and go to the file in groups; claims live here, in memory, so they end with the process. Whether an
+// acknowledged item was delivered or evicted is the EvictionTracker's question.
 //
 // Several processes: the file and its write lock order their changes, and each process looks for those of the
 // others before it decides anything (Refresh). Claims of one process are unknown to the others, so readers
@@ -29,8 +20,10 @@
 #include <thread>
 #include <vector>
 
+#include "host/queue/buffered_queue.h"
 #include "host/queue/claim_list.h"
 #include "host/queue/clean_marker.h"
+#include "host/queue/eviction_tracker.h"
 #include "host/queue/queue_service_options.h"
 #include "host/queue/queue_writer.h"
 #include "host/queue/store_file.h"
@@ -58,8 +51,14 @@ struct ReaderState {
   QueueState* queue = nullptr;
   std::uint64_t cursor = 0;  // token of the last item that was looked at
   ClaimList claims;
-  bool evicting = false;
-  std::uint64_t thread = 0;  // that opened it
+};
+
+// One queue. Made for each name that comes up and kept as long as the store is open.
+struct QueueState {
+  explicit QueueState(const std::string& name) : stored(name) {}
+
+  BufferedQueue stored;  // the writer's
+  std::vector<ReaderState*> readers;
 };
 
 // Threads: any, except that Read of one ReaderState runs on one at a time. Operations that return a
@@ -114,14 +113,12 @@ class QueueStore {
   bool Flush();
   void CommitIfDue();
   bool IsRefusingWrites();
-  void Refuse(QueueState& queue, ItemCount item);
   bool MakeRoomInStore(std::int64_t bytes);
   bool EvictOldest(QueueState& queue);
   bool IsExpired(const ItemRow& row) const;
   bool HoldsLease();
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
-  void TakeBackRejection(QueueState& queue);
   static bool IsClaimed(const QueueState& queue, std::uint64_t token);
   const ItemRow* NextFree(QueueState& queue, std::uint64_t after);
   void CorrectWaiting(QueueState& queue);
@@ -133,7 +130,6 @@ class QueueStore {
   const QueueServiceOptions options_;
   const std::filesystem::path path_;
   const std::shared_ptr<FileLock> folderLock_;
-  const std::uint64_t id_;
 
   // Guards everything below; held across the file's operations.
   std::mutex mutex_;
@@ -141,6 +137,7 @@ class QueueStore {
   CleanMarker mark_;
   std::unique_ptr<StoreFile> file_;  // null only at the very end
   QueueWriter writer_;
+  EvictionTracker evictions_;
   std::int64_t dataVersion_ = 0;
   std::size_t sendingReaders_ = 0;
   FileLock lease_;

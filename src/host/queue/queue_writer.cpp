@@ -4,35 +4,50 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace veld_report::host {
+namespace {
 
-void QueueWriter::Touch(QueueState& queue) {
-  if (queue.dirty) return;
+// What the figures gain by an item that is stored.
+QueueLedger Offered(std::size_t bytes) {
+  const ItemCount item{1, static_cast<std::int64_t>(bytes)};
+  return {.accepted = item, .waiting = item};
+}
+
+}  // namespace
+
+void QueueWriter::Touch(BufferedQueue& queue) {
+  if (queue.dirty_) return;
   if (dirty_.empty()) dirtySince_ = Clock::now();
   dirty_.push_back(&queue);
-  queue.dirty = true;
+  queue.dirty_ = true;
 }
 
-void QueueWriter::SetPresence(QueueState& queue, bool present) {
+void QueueWriter::SetPresence(BufferedQueue& queue, bool present) {
   Touch(queue);
-  queue.present = present;
-  queue.presence = present;
+  queue.present_ = present;
+  queue.presence_ = present;
 }
 
-QueueLedger QueueWriter::WithBuffered(const QueueState& queue, const QueueLedger& row) const {
-  QueueLedger ledger = row;
-  ledger += queue.unwritten;
+void QueueWriter::Adopt(BufferedQueue& queue, const QueueRow& row) {
+  queue.id_ = row.id;
+  if (!queue.presence_) queue.present_ = row.present;
+  queue.ahead_.Forget();
+  queue.ledger_ = row.ledger;
+  queue.ledger_ += queue.unwritten_;
   for (const Item& item : items_) {
-    if (item.queue != &queue) continue;
-    const ItemCount count{1, static_cast<std::int64_t>(item.size)};
-    ledger.accepted += count;
-    ledger.waiting += count;
+    if (item.queue == &queue) queue.ledger_ += Offered(item.size);
   }
-  return ledger;
 }
 
-void QueueWriter::AddItem(QueueState& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data) {
+void QueueWriter::Book(BufferedQueue& queue, const QueueLedger& change) {
+  Touch(queue);
+  queue.ledger_ += change;
+  queue.unwritten_ += change;
+}
+
+void QueueWriter::AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data) {
   SetPresence(queue, true);
   items_.push_back({&queue, enqueuedMs, bytes_.size(), data.size()});
   try {
@@ -41,24 +56,28 @@ void QueueWriter::AddItem(QueueState& queue, std::int64_t enqueuedMs, std::span<
     items_.pop_back();
     throw;
   }
+  queue.ledger_ += Offered(data.size());
 }
 
 void QueueWriter::DropLastItem() {
-  bytes_.resize(items_.back().offset);
+  const Item& item = items_.back();
+  item.queue->ledger_ += -Offered(item.size);
+  bytes_.resize(item.offset);
   items_.pop_back();
 }
 
-void QueueWriter::AddDelete(QueueState& queue, std::uint64_t token, ItemCount item,
+void QueueWriter::AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item,
                             ItemCount QueueLedger::*kind) {
   Touch(queue);
   deletedTokens_.insert(token);
   deletes_.push_back({&queue, token, item, kind});
   if (kind == &QueueLedger::evicted) ++evictions_;
-  queue.ahead.Drop(token);
-  queue.unwritten.Leave(kind, item);
+  queue.ahead_.Drop(token);
+  queue.ledger_.Leave(kind, item);
+  queue.unwritten_.Leave(kind, item);
 }
 
-ItemCount QueueWriter::AddRemoval(QueueState& queue, ItemCount waiting) {
+void QueueWriter::AddRemoval(BufferedQueue& queue) {
   SetPresence(queue, false);
   removals_.reserve(removals_.size() + 1);
   ItemCount buffered;
@@ -67,15 +86,25 @@ ItemCount QueueWriter::AddRemoval(QueueState& queue, ItemCount waiting) {
     buffered += ItemCount{1, static_cast<std::int64_t>(item.size)};
     return true;
   });
+  const ItemCount waiting = std::exchange(queue.ledger_.waiting, ItemCount{});
+  queue.ledger_.removed += waiting;
   ItemCount inFile = waiting;
   inFile += -buffered;
   removals_.push_back({&queue, inFile});
-  queue.removalBuffered = true;
-  queue.ahead.Forget();
-  queue.unwritten.accepted += buffered;
-  queue.unwritten.removed += waiting;
-  queue.unwritten.waiting += -inFile;
-  return buffered;
+  queue.removalBuffered_ = true;
+  queue.ahead_.Forget();
+  queue.unwritten_.accepted += buffered;
+  queue.unwritten_.removed += waiting;
+  queue.unwritten_.waiting += -inFile;
+}
+
+const ItemRow* QueueWriter::NextInFile(BufferedQueue& queue, std::uint64_t after, std::size_t limitBytes) {
+  if (!queue.CountsInFile()) return nullptr;
+  while (const ItemRow* row = queue.ahead_.Next(file_, queue.id_, after, limitBytes)) {
+    if (!IsDeleted(row->token)) return row;
+    after = row->token;
+  }
+  return nullptr;
 }
 
 bool QueueWriter::Flush() {
@@ -120,7 +149,7 @@ bool QueueWriter::Try(bool withItems) {
 
 void QueueWriter::Undo() noexcept {
   file_.Rollback();
-  for (QueueState* queue : added_) queue->id = 0;
+  for (BufferedQueue* queue : added_) queue->id_ = 0;
   added_.clear();
   lastFailure_ = Clock::now();
 }
@@ -132,19 +161,19 @@ void QueueWriter::Write(bool withItems) {
     file_.Rollback();
     file_.Begin();
   }
-  for (QueueState* queue : dirty_) {
-    queue->change = queue->unwritten;
-    queue->correction = {};
-    if (queue->id != 0) continue;
+  for (BufferedQueue* queue : dirty_) {
+    queue->change_ = queue->unwritten_;
+    queue->correction_ = {};
+    if (queue->id_ != 0) continue;
     added_.push_back(queue);
-    queue->id = file_.AddQueue(queue->name);
+    queue->id_ = file_.AddQueue(queue->name_);
   }
   if (!deleted) DeleteSingly();
   WriteRemovals();
   if (withItems) WriteItems();
-  for (QueueState* queue : dirty_) {
-    queue->change += queue->correction;
-    file_.UpdateQueue(queue->id, queue->presence, queue->change);
+  for (BufferedQueue* queue : dirty_) {
+    queue->change_ += queue->correction_;
+    file_.UpdateQueue(queue->id_, queue->presence_, queue->change_);
   }
   file_.Commit();
   Settle(withItems);
@@ -168,48 +197,47 @@ void QueueWriter::DeleteSingly() {
   for (const Delete& removed : deletes_) {
     if (file_.DeleteItem(removed.token)) continue;
     // Another process was faster, and has counted it.
-    removed.queue->correction.Leave(removed.kind, -removed.item);
+    removed.queue->correction_.Leave(removed.kind, -removed.item);
   }
 }
 
 void QueueWriter::WriteRemovals() {
   for (const Removal& removal : removals_) {
-    ItemCount more = file_.DeleteItems(removal.queue->id);
+    ItemCount more = file_.DeleteItems(removal.queue->id_);
     more += -removal.expected;
-    removal.queue->correction.removed += more;
-    removal.queue->correction.waiting += -more;
+    removal.queue->correction_.removed += more;
+    removal.queue->correction_.waiting += -more;
   }
 }
 
 void QueueWriter::WriteItems() {
   newItems_.clear();
   for (const Item& item : items_) {
-    newItems_.push_back({item.queue->id, item.enqueuedMs, std::span(bytes_).subspan(item.offset, item.size)});
-    const ItemCount count{1, static_cast<std::int64_t>(item.size)};
-    item.queue->change.accepted += count;
-    item.queue->change.waiting += count;
+    newItems_.push_back(
+        {item.queue->id_, item.enqueuedMs, std::span(bytes_).subspan(item.offset, item.size)});
+    item.queue->change_ += Offered(item.size);
   }
   file_.InsertItems(newItems_);
 }
 
 void QueueWriter::Settle(bool withItems) {
-  for (QueueState* queue : dirty_) {
-    queue->ledger += queue->correction;
-    queue->unwritten = {};
-    queue->dirty = false;
-    queue->presence.reset();
-    queue->removalBuffered = false;
+  for (BufferedQueue* queue : dirty_) {
+    queue->ledger_ += queue->correction_;
+    queue->unwritten_ = {};
+    queue->dirty_ = false;
+    queue->presence_.reset();
+    queue->removalBuffered_ = false;
   }
   dirty_.clear();
   added_.clear();
   // What has been read ahead since may hold them again, and nobody skips them from here on.
-  for (const Delete& removed : deletes_) removed.queue->ahead.Drop(removed.token);
+  for (const Delete& removed : deletes_) removed.queue->ahead_.Drop(removed.token);
   deletes_.clear();
   evictions_ = 0;
   deletedTokens_.clear();
   removals_.clear();
   if (withItems) {
-    for (const Item& item : items_) item.queue->ahead.NoteInsertion();
+    for (const Item& item : items_) item.queue->ahead_.NoteInsertion();
     items_.clear();
     bytes_.clear();
   }

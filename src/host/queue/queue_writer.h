@@ -15,40 +15,12 @@
 #include <unordered_set>
 #include <vector>
 
+#include "host/queue/buffered_queue.h"
 #include "host/queue/disk_reserve.h"
-#include "host/queue/read_ahead.h"
 #include "host/queue/store_file.h"
 #include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
-
-struct ReaderState;  // host/queue/queue_store.h
-
-// One queue as its store sees it. Made for each name that comes up and kept as long as the store is open.
-struct QueueState {
-  // A reader that makes room, and the refused push for which it does; see queue_store.h.
-  struct Eviction {
-    const void* reader;
-    std::uint64_t thread;
-    std::optional<ItemCount> refused;
-  };
-
-  std::string name;
-  std::int64_t id = 0;  // row in the file, 0 as long as there is none
-  bool present = false;
-  QueueLedger ledger;  // what holds, changes in the buffer included
-  std::vector<ReaderState*> readers;
-  std::vector<Eviction> evictions;
-  ReadAhead ahead;
-
-  // The writer's.
-  bool dirty = false;
-  std::optional<bool> presence;  // to be written
-  bool removalBuffered = false;  // what the file still holds of the queue is gone
-  QueueLedger unwritten;         // change of the figures that isn't in the file, buffered items left out
-  QueueLedger change;            // of the transaction in progress
-  QueueLedger correction;        // by which that transaction differs from what was expected
-};
 
 class QueueWriter {
  public:
@@ -56,19 +28,25 @@ class QueueWriter {
 
   QueueWriter(StoreFile& file, DiskReserve& reserve) : file_(file), reserve_(reserve) {}
 
-  void AddItem(QueueState& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
-  // Takes the youngest item back.
+  // Takes over what the file says of the queue. Read ahead is nothing of it then.
+  void Adopt(BufferedQueue& queue, const QueueRow& row);
+  void SetPresence(BufferedQueue& queue, bool present);
+  // Adds `change` to the queue's figures.
+  void Book(BufferedQueue& queue, const QueueLedger& change);
+  void AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
+  // Takes the youngest item back, as if it had never been offered.
   void DropLastItem();
   // `kind`: the figure that the item goes to when it leaves.
-  void AddDelete(QueueState& queue, std::uint64_t token, ItemCount item, ItemCount QueueLedger::*kind);
-  // Drops the queue's items, those of the buffer and those of the file, `waiting` all together.
-  // Returns what was dropped from the buffer.
-  ItemCount AddRemoval(QueueState& queue, ItemCount waiting);
-  void SetPresence(QueueState& queue, bool present);
-  // Tells that the queue's figures have changed.
-  void Touch(QueueState& queue);
-  // What the figures of the queue's row come to with what is buffered.
-  QueueLedger WithBuffered(const QueueState& queue, const QueueLedger& row) const;
+  void AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item, ItemCount QueueLedger::*kind);
+  // The queue goes, with its items in the buffer and in the file.
+  void AddRemoval(BufferedQueue& queue);
+
+  // The oldest item in the file with a token above `after` that no change in the buffer deletes; null if
+  // there is none. Reads ahead, at most `limitBytes` of items. Throws SqliteError. The result is valid until
+  // the next call.
+  const ItemRow* NextInFile(BufferedQueue& queue, std::uint64_t after, std::size_t limitBytes);
+  // Gives back the memory of what was read ahead of the queue.
+  void EndReading(BufferedQueue& queue) { queue.ahead_.Shrink(); }
 
   // Writes everything that is buffered. Returns false if that failed: then the buffer is as before, except
   // that deletions may have gone through alone, and Error() tells why. On a full disk the log is put to use
@@ -92,25 +70,26 @@ class QueueWriter {
 
  private:
   struct Item {
-    QueueState* queue;
+    BufferedQueue* queue;
     std::int64_t enqueuedMs;
     std::size_t offset;  // into bytes_
     std::size_t size;
   };
   struct Delete {
-    QueueState* queue;
+    BufferedQueue* queue;
     std::uint64_t token;
     ItemCount item;
     ItemCount QueueLedger::*kind;
   };
   struct Removal {
-    QueueState* queue;
+    BufferedQueue* queue;
     ItemCount expected;
   };
 
   static constexpr std::size_t mostEvictions = 1024;
   static constexpr std::size_t mostBytes = std::size_t{256} * 1024;
 
+  void Touch(BufferedQueue& queue);
   bool Try(bool withItems);
   void TryDeletionsAlone();
   void Undo() noexcept;
@@ -130,9 +109,9 @@ class QueueWriter {
   std::pmr::unsynchronized_pool_resource tokenMemory_;
   std::pmr::unordered_set<std::uint64_t> deletedTokens_{&tokenMemory_};
   std::vector<Removal> removals_;
-  std::vector<QueueState*> dirty_;
-  std::vector<NewItem> newItems_;   // of the transaction in progress
-  std::vector<QueueState*> added_;  // got their row in the transaction in progress
+  std::vector<BufferedQueue*> dirty_;
+  std::vector<NewItem> newItems_;      // of the transaction in progress
+  std::vector<BufferedQueue*> added_;  // got their row in the transaction in progress
   Clock::time_point dirtySince_{};
   std::optional<SqliteError> error_;
   Clock::time_point lastFailure_{};

@@ -51,6 +51,13 @@ struct QueueLedger {
     for (std::size_t i = 0; i < figures; ++i) *own[i] += *others[i];
     return *this;
   }
+  QueueLedger operator-() const {
+    QueueLedger result;
+    const auto results = result.All();
+    const auto own = All();
+    for (std::size_t i = 0; i < figures; ++i) *results[i] = -*own[i];
+    return result;
+  }
   bool operator==(const QueueLedger&) const = default;
 
   // Records that an item leaves the queue, or the reverse for a negative count. `kind`: delivered, evicted or
