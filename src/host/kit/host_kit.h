@@ -4,7 +4,6 @@
 // One with services of its own writes its own host against contract/ and picks single services from host/.
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -69,8 +68,6 @@ class HostKit {
   HttpClientFactory& Http() { return *http_; }
   ExecutionMode& Mode() { return *mode_; }
   const DrainWatch& Drains() const { return *drains_; }
-  LineTracer& Tracer() { return *tracer_; }
-  HeapAllocator& Allocator() { return *allocator_; }
 
   // Ends a request in flight and a cycle in progress, moves what is in memory into the store, and shuts
   // everything down. Waits for no server. Returns true if the module could be unloaded, which isn't possible
