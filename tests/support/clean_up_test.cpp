@@ -92,7 +92,7 @@ const Case cases[] = {
        string text(longText, &host);
        text.reserve_extra(100);
        text.append(longText);
-       text.insert(text.data + 1, 150);
+       text.insert(text.data + 1, 80);
        text.resize_extra_at(0, 500);
        EXPECT_EQ(host.blocks, 1);
      }},
