@@ -1,5 +1,6 @@
-// BufferedQueue, what the writer of a store keeps of one queue: its row in the file, its figures, and the
-// changes of both that aren't in the file yet. Others only look. One thread at a time; queue_store.h locks.
+// BufferedQueue: what the writer of a store keeps of one queue, namely its row in the file, its figures, and
+// the changes of both that aren't in the file yet. Others only read it. One thread at a time; queue_store.h
+// locks.
 #pragma once
 
 #include <cstdint>
@@ -19,13 +20,13 @@ class BufferedQueue {
   BufferedQueue& operator=(const BufferedQueue&) = delete;
 
   const std::string& Name() const { return name_; }
-  // Whether the queue exists; of a removed one the figures are kept.
+  // True if the queue exists. A removed one keeps its figures.
   bool IsPresent() const { return present_; }
-  // What holds, changes in the buffer included.
+  // The current figures, including the changes in the buffer.
   const QueueLedger& Ledger() const { return ledger_; }
-  // Row in the file, 0 as long as there is none.
+  // The row in the file, 0 if there is none.
   std::int64_t Id() const { return id_; }
-  // Whether what the file holds of the queue counts.
+  // True if the queue's content in the file is valid.
   bool CountsInFile() const { return id_ != 0 && !removalBuffered_; }
 
  private:
@@ -40,9 +41,9 @@ class BufferedQueue {
   bool dirty_ = false;
   std::optional<bool> presence_;  // to be written
   bool removalBuffered_ = false;
-  QueueLedger unwritten_;   // change of the figures that isn't in the file, buffered items left out
+  QueueLedger unwritten_;   // change not in the file yet, without buffered items
   QueueLedger change_;      // of the transaction in progress
-  QueueLedger correction_;  // by which that transaction differs from what was expected
+  QueueLedger correction_;  // the difference of that transaction from the expected change
 };
 
 }  // namespace veld_report::host

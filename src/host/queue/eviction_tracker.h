@@ -1,14 +1,14 @@
-// EvictionTracker tells an eviction from a delivery: an Ack looks the same for both, so it looks at who
+// EvictionTracker distinguishes evictions from deliveries. An Ack looks the same for both, so it goes by who
 // calls.
 //
-// A producer whose Push is refused as out of space makes room by opening a reader as its very next call to
-// the service, on the same thread, and acknowledging through it on that thread. So:
-//   - a reader opened on a thread whose last call to the store was a Push on the same queue that answered out
-//     of space is an evicting reader, and what it acknowledges on that thread counts as evicted;
-//   - everything that any other reader acknowledges counts as delivered;
-//   - a refused item counts as rejected at once. A further Push on the same queue and thread while the
-//     evicting reader lives is the same item again, so the earlier rejection is taken back first. Without an
-//     evicting reader each refused Push is a loss of its own.
+// A producer whose Push is refused as out of space makes room: its very next call to the service, on the same
+// thread, opens a reader, and it acknowledges items through that reader on that thread. So:
+//   - A reader is an evicting one if the last call to the store on its thread was a Push on the same queue
+//     that returned out of space. What it acknowledges on that thread counts as evicted.
+//   - What any other reader acknowledges counts as delivered.
+//   - A refused item counts as rejected at once. If the same thread pushes to the same queue again while the
+//     evicting reader is alive, that is the same item, so the rejection is first taken back. Without an
+//     evicting reader each refused Push is a separate loss.
 #pragma once
 
 #include <cstdint>
@@ -22,11 +22,10 @@ namespace veld_report::host {
 struct QueueState;   // host/queue/queue_store.h
 struct ReaderState;  // host/queue/queue_store.h
 
-// One of these for each store. BeginCall may run on any thread; the other operations run under the store's
-// lock.
+// Each store has one. BeginCall may run on any thread; the other operations run under the store's lock.
 class EvictionTracker {
  public:
-  // The refusal with which the calling thread's last call ended; without a store if it ended otherwise.
+  // The refusal that the calling thread's last call returned; without a store if it returned anything else.
   struct Refusal {
     std::uint64_t store = 0;
     const QueueState* queue = nullptr;
@@ -35,19 +34,19 @@ class EvictionTracker {
 
   EvictionTracker();
 
-  // Every operation of a store begins with it, so that only the very next call sees a refusal.
+  // Called first in every operation of a store, so that only the very next call sees a refusal.
   static Refusal BeginCall();
 
-  // The Push in progress answers that there is no room for `item`.
+  // The current Push returns that there is no room for `item`.
   void NoteRefusal(const QueueState& queue, ItemCount item);
-  // Returns the refused item that the Push in progress brings again, if it does.
+  // Returns the refused item if the current Push repeats it.
   std::optional<ItemCount> TakeRepeated(const QueueState& queue);
 
-  // Returns whether the reader is an evicting one. Throws std::bad_alloc, with nothing changed.
+  // Returns true if the reader is an evicting one. Throws std::bad_alloc, with nothing changed.
   bool OpenReader(const ReaderState& reader, const QueueState& queue, const Refusal& lastCall);
   void CloseReader(const ReaderState& reader);
   bool IsEvicting(const ReaderState& reader) const;
-  // Whether what the reader acknowledges in the call in progress is evicted.
+  // True if what the reader acknowledges in the current call is evicted.
   bool EvictsInThisCall(const ReaderState& reader) const;
 
  private:

@@ -1,4 +1,4 @@
-// The looks that people take into a store; see queue_store.h.
+// Inspection of a store; see queue_store.h.
 #include "host/queue/queue_store.h"
 #include "host/queue/store_opening.h"
 

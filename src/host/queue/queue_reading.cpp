@@ -1,4 +1,4 @@
-// The readers' side of a store; see queue_store.h.
+// The reading side of a store; see queue_store.h.
 #include <algorithm>
 
 #include "host/base/write_trace.h"
@@ -8,10 +8,10 @@
 namespace veld_report::host {
 namespace {
 
-// Room for what is read ahead of all queues together, and what each queue gets of it.
+// Memory for reading ahead over all queues, and the limits for each queue.
 constexpr std::size_t readAheadBytes = 1 << 20;
-constexpr std::size_t leastReadAhead = 1 << 11;
-constexpr std::size_t mostReadAhead = 1 << 16;
+constexpr std::size_t minReadAhead = 1 << 11;
+constexpr std::size_t maxReadAhead = 1 << 16;
 
 }  // namespace
 
@@ -19,7 +19,7 @@ void QueueStore::OpenReader(const std::string& name, ReaderState* reader) {
   const EvictionTracker::Refusal lastCall = EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
   QueueState& queue = FindOrAdd(name);
-  // From here on nothing may fail halfway: the queue keeps the reader's address.
+  // From here on nothing may fail half-way: the queue keeps the reader's address.
   queue.readers.reserve(queue.readers.size() + 1);
   if (!evictions_.OpenReader(*reader, queue, lastCall)) ++sendingReaders_;
   reader->queue = &queue;
@@ -31,8 +31,8 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
   EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
   const bool evicting = evictions_.IsEvicting(reader);
-  // A failure is no reason to hold back what the file has: delivering goes on while a disk is full. Who makes
-  // room needs the oldest items, and those that are buffered are the youngest.
+  // A failure doesn't hold up what is in the file: delivery continues while a disk is full. An evicting
+  // reader needs the oldest items, and the buffered ones are the youngest.
   if (options_.shared || (!evicting && writer_.BufferedItems() != 0)) Flush();
   Refresh();
   if (!evicting && !HoldsLease()) return zel::eNotFound;
@@ -50,9 +50,9 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
   }
 }
 
-// The oldest item behind `after` that nobody holds; null if there is none.
+// The oldest unclaimed item above `after`; null if there is none.
 const ItemRow* QueueStore::NextFree(QueueState& queue, std::uint64_t after) {
-  const std::size_t limitBytes = std::clamp(readAheadBytes / queues_.size(), leastReadAhead, mostReadAhead);
+  const std::size_t limitBytes = std::clamp(readAheadBytes / queues_.size(), minReadAhead, maxReadAhead);
   while (const ItemRow* row = writer_.NextInFile(queue.stored, after, limitBytes)) {
     if (!IsClaimed(queue, row->token)) return row;
     after = row->token;
@@ -83,9 +83,9 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
   return false;
 }
 
-// A figure is a few bytes of a file that no checksum guards, and one that tells of items that aren't there
-// would make a queue look full for ever. The structure of the file has been checked, so it is the figure that
-// is wrong, and no loss is booked. Where the store is shared another process may be faster than a look here.
+// A figure is a few bytes in a file without checksums. If it counted items that don't exist, the queue would
+// look full for ever. The structure of the file was checked, so the figure is wrong and nothing is booked as
+// lost. In a shared store another process may be faster than this check.
 void QueueStore::CorrectWaiting(QueueState& queue) {
   const QueueLedger& ledger = queue.stored.Ledger();
   const auto nothingIsThere = [&] {
@@ -109,7 +109,7 @@ bool QueueStore::IsExpired(const ItemRow& row) const {
   return options_.maxAge.count() > 0 && NowMs(options_) - row.enqueuedMs > options_.maxAge.count();
 }
 
-// One process at a time sends what is waiting, as long as it has readers.
+// Only one process at a time sends what is waiting, as long as it has readers.
 bool QueueStore::HoldsLease() {
   if (!options_.shared || lease_) return true;
   try {

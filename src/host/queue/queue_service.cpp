@@ -29,7 +29,7 @@ class Producer final : public HostObject<orvel::IQueueProducer> {
   const std::uint32_t sizeLimitBytes_;
 };
 
-// Life: open -> reading -> exhausted; its claims end with it.
+// Life: open -> reading -> exhausted. Its claims end with it.
 class Reader final : public HostObject<orvel::IAckConsumer> {
  public:
   Reader(std::shared_ptr<QueueStore> store, const std::string& queueName) : store_(std::move(store)) {
@@ -192,7 +192,7 @@ void QueueService::Forget(const std::string& domain) {
   Compact(*store, true);
 }
 
-// A store that others write can't be emptied by one that only looks.
+// A service that only inspects can't empty a store that others write.
 void QueueService::RequireWritable() const {
   if (options_.inspectOnly) throw StoreError("the store was opened for inspection only; open it for writing");
 }

@@ -1,12 +1,13 @@
-// The persistent queues of the contract, kept in SQLite: one file a domain, in a folder of the user's choice.
+// The persistent queues of the contract in SQLite: one file for each domain, in a folder that the user
+// chooses.
 //
-// It differs from a plain table with a lock around it in three ways. Changes are grouped into transactions of
-// up to 512 (QueueServiceOptions), so a Push costs a copy in memory; what is answered 0 can be lost within
-// those 10 milliseconds if the process crashes, unless commitEveryPush is set. What a reader holds is a claim
-// in memory: another reader doesn't get the item until the claim is given back, or the reader or the process
-// is gone. And a token is never used again, also across restarts and emptied queues.
+// It differs from a plain table with a lock in three ways. Changes are grouped into transactions of up to 512
+// (QueueServiceOptions), so a Push costs a copy in memory. A crash of the process can then lose up to 10
+// milliseconds of items for which Push has returned 0, unless commitEveryPush is set. A reader holds its
+// items as claims in memory: no other reader gets an item until the claim is given back, or the reader or the
+// process is gone. And a token is never reused, not even after restarts or in emptied queues.
 //
-// A producer or reader outlives the service: the file closes when the last of them is gone.
+// Producers and readers may outlive the service: the file is closed with the last of them.
 #pragma once
 
 #include <map>
@@ -28,43 +29,43 @@ using veld_report::QueueLedger;
 // The domain that the module uses.
 inline constexpr char defaultDomain[] = "veld_rep";
 
-// Threads: any for everything. Operations of the contract answer 0x80000046 for a domain name that isn't 1 to
-// 64 letters, digits, '_' or '-', and a failure for a domain whose store can't be opened, with a trace line.
-// The other operations throw StoreError, whose text is for people, and std::exception for the rest.
+// Threads: any for everything. Operations of the contract return 0x80000046 for a domain name that isn't 1 to
+// 64 letters, digits, '_' or '-'. For a domain whose store can't be opened, they trace that and return a
+// failure. The other operations throw StoreError, whose text is for people, and std::exception for the rest.
 class QueueService final : public HostObject<orvel::IQueueFactory> {
  public:
-  // Opens the folder and every store in it. Throws StoreError with a sentence that says what to do: no right
-  // to write, a folder that another process uses, a store of a later layout.
+  // Opens the folder and every store in it. Throws StoreError with a sentence that says what to do: no
+  // permission to write, a folder that another process is using, a store of a later layout.
   static zel::Ref<QueueService> Open(const QueueServiceOptions& options);
 
-  // A reader on a queue that doesn't exist finds no items; it doesn't make the queue.
+  // A reader on a queue that doesn't exist finds no items and doesn't create the queue.
   zel::ResultCode CreateAckConsumer(const zel::string& domain, const zel::string& queueName,
                                     orvel::IAckConsumer** out) override;
   zel::ResultCode CreateProducer(const zel::string& domain, const zel::string& queueName,
                                  std::uint32_t sizeLimitBytes, orvel::IQueueProducer** out) override;
-  // RemoveQueue while producers and readers of the queue exist: their claims are void, Ack and ReturnItem of
-  // removed items answer 0x8000004c and do nothing, and a later Push makes the queue anew.
+  // If RemoveQueue is called while producers and readers of the queue exist, their claims become void: Ack
+  // and ReturnItem of removed items return 0x8000004c and do nothing. A later Push creates the queue again.
   zel::ResultCode CreateQueueManager(const zel::string& domain, orvel::IQueueManager** out) override;
 
-  // What waits, in the order of the names. None of these claims an item or changes one.
+  // The waiting items, in the order of the queue names. None of these claims or changes an item.
   std::vector<QueueInfo> ListQueues(const std::string& domain = defaultDomain);
-  // The oldest `count` items of a queue, claimed ones included.
+  // The oldest `count` items of a queue, including claimed ones.
   std::vector<PeekedItem> PeekItems(const std::string& queueName, std::size_t count,
                                     const std::string& domain = defaultDomain);
-  // The token of the youngest item that was ever written to the file, 0 if there was none. Behind a Commit
-  // that answered true it covers all that was accepted before: what has a greater token came later.
+  // The token of the last item ever written to the file, 0 if there was none. After a Commit that returned
+  // true, everything accepted before has a token up to this one, and everything after it a greater one.
   std::uint64_t LastToken(const std::string& domain = defaultDomain);
   ItemCount TotalWaiting(const std::string& domain = defaultDomain);
-  // The ledger of every queue name that has ever been used (queue_ledger.h).
+  // The ledger of every queue name ever used (queue_ledger.h).
   std::map<std::string, QueueLedger> Ledgers(const std::string& domain = defaultDomain);
 
-  // Removes a queue and its items, also from the log. Returns whether there was one.
+  // Removes a queue and its items, from the log too. Returns true if there was one.
   bool ClearQueue(const std::string& queueName, const std::string& domain = defaultDomain);
-  // Removes all queues and leaves nothing readable of any item behind: the file is written anew, the log
-  // emptied, and what was ever moved aside of the domain is deleted. The ledger's figures stay. Throws if
-  // that can't be done now; then what was removed stays removed.
+  // Removes all queues and leaves nothing readable of any item: the file is rewritten, the log emptied, and
+  // all files that were moved aside from this domain are deleted. The ledger's figures stay. Throws if that
+  // isn't possible now; what was removed stays removed.
   void Forget(const std::string& domain = defaultDomain);
-  // Writes what is buffered. Returns whether everything that was accepted stands in the file.
+  // Writes the buffer. Returns true if everything accepted is in the file.
   bool Commit(const std::string& domain = defaultDomain);
 
   QueueService(const QueueServiceOptions& options, std::shared_ptr<FileLock> folderLock);
@@ -72,7 +73,7 @@ class QueueService final : public HostObject<orvel::IQueueFactory> {
  private:
   // Throws StoreError.
   std::shared_ptr<QueueStore> Store(const std::string& domain);
-  // Runs `body` with the domain's store; failures become a trace line and a code.
+  // Runs `body` with the domain's store. Traces a failure and returns its code.
   template <class Body>
   zel::ResultCode WithStore(const zel::string& domain, bool needsWriting, Body&& body);
   void RequireWritable() const;

@@ -11,10 +11,10 @@
 namespace veld_report::host {
 namespace {
 
-// How long the committer waits before it tries a failed write again.
+// How long the committer waits before it retries a failed write.
 constexpr std::chrono::milliseconds retryDelay{100};
-// Below SQLite's own limit of 10^9 bytes a row. A larger item would stay in the buffer for ever.
-constexpr std::size_t largestItem = 999'000'000;
+// Below SQLite's own limit of 10^9 bytes per row. A larger item would stay in the buffer for ever.
+constexpr std::size_t maxItemBytes = 999'000'000;
 
 }  // namespace
 
@@ -50,7 +50,7 @@ QueueStore::~QueueStore() {
     // No memory for a sentence.
   }
   file_.reset();
-  // Where processes share the file, another one may have it open.
+  // If processes share the file, another one may have it open.
   if (!options_.shared) mark_.NoteClosed();
 }
 
@@ -61,7 +61,7 @@ void QueueStore::AdoptRows() {
   }
 }
 
-// Other processes change the figures only where the store is shared.
+// Other processes only change the figures if the store is shared.
 void QueueStore::Refresh() {
   if (!options_.shared && !options_.inspectOnly) return;
   try {
@@ -90,7 +90,7 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
   const ItemCount item{1, static_cast<std::int64_t>(data.size())};
   const std::lock_guard lock(mutex_);
   if (const auto repeated = evictions_.TakeRepeated(queue)) Reject(queue, -*repeated);
-  if (data.size() > largestItem) {
+  if (data.size() > maxItemBytes) {
     Reject(queue, item);
     return zel::eInvalidArgument;
   }
@@ -116,13 +116,13 @@ zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::ui
     return zel::sOk;
   }
   if (Flush()) return zel::sOk;
-  // The others of the group have been answered 0 and stay in the buffer until they can be written.
+  // Push has returned 0 for the others of the group, so they stay in the buffer until they can be written.
   writer_.DropLastItem();
   Reject(queue, item);
   return zel::eNotReady;
 }
 
-// Keeps the whole store under its limit, at the cost of whichever queue is largest.
+// Keeps the whole store within its limit, at the cost of the largest queue.
 bool QueueStore::MakeRoomInStore(std::int64_t bytes) {
   const auto limit = static_cast<std::int64_t>(std::min<std::uint64_t>(options_.storeLimitBytes, INT64_MAX));
   if (limit == 0) return true;
@@ -158,8 +158,8 @@ bool QueueStore::EvictOldest(QueueState& queue) {
   return false;
 }
 
-// While writes fail, items aren't taken in: each one would only make the loss at the end of the process
-// larger. So a Push tries to write first, but not more often than a group would be due.
+// While writes fail, items are refused: each one would only increase the loss at the end of the process. So a
+// Push first tries to write, but no more often than a group would be due.
 bool QueueStore::IsRefusingWrites() {
   if (reserve_.IsGivenUp()) reserve_.Restore();
   if (reserve_.IsGivenUp()) return true;
@@ -183,7 +183,8 @@ zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
   QueueState& queue = found->second;
   writer_.AddRemoval(queue.stored);
   for (ReaderState* reader : queue.readers) reader->claims.Clear();
-  // Buffered if it fails: nobody reads what is gone, and the file follows when it can be written.
+  // If this fails, it stays in the buffer. Nobody reads what is gone, and the file follows when it can be
+  // written.
   Flush();
   return zel::sOk;
 }
@@ -216,7 +217,8 @@ bool QueueStore::Flush() {
   }
   if (written && failing_) Trace(failureLevel, "the store can be written again");
   failing_ = !written;
-  // Not earlier: the next process must not find what was delivered and stands in the buffer.
+  // Not earlier: the next process must not find items that were delivered and whose deletion is still in the
+  // buffer.
   if (written && lease_ && sendingReaders_ == 0) lease_ = FileLock();
   return written;
 }
@@ -230,8 +232,8 @@ void QueueStore::CommitIfDue() {
   }
 }
 
-// Writes a group that doesn't fill up in time. While operations come in fast it isn't woken for each group:
-// it looks again when the group that it has seen would be due.
+// Writes a group that doesn't fill up in time. While operations come in fast, it isn't woken for each group:
+// it checks again when the group that it has seen would be due.
 void QueueStore::RunCommitter() {
   std::unique_lock lock(mutex_);
   while (!stopping_) {

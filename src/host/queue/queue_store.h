@@ -1,12 +1,12 @@
-// One domain's queues: what the operations of the queue service do, behind one lock.
+// QueueStore: the queues of one domain. It implements the operations of the queue service under one lock.
 //
-// The interfaces of the contract are thin shells around it (queue_service.h). Changes gather in a QueueWriter
-// and go to the file in groups; claims live here, in memory, so they end with the process. Whether an
-// acknowledged item was delivered or evicted is the EvictionTracker's question.
+// The interfaces of the contract are thin shells around it (queue_service.h). Changes are collected in a
+// QueueWriter and written to the file in groups. Claims are kept here, in memory, so they end with the
+// process. The EvictionTracker decides whether an acknowledged item was delivered or evicted.
 //
-// Several processes: the file and its write lock order their changes, and each process looks for those of the
-// others before it decides anything (Refresh). Claims of one process are unknown to the others, so readers
-// that send need the lease, a lock that a process holds as long as it has such readers.
+// Several processes: the file and its write lock put their changes in order, and each process looks for the
+// others' changes before it decides anything (Refresh). Processes don't know each other's claims, so readers
+// that send need the lease, a lock that a process holds while it has such readers.
 #pragma once
 
 #include <condition_variable>
@@ -46,64 +46,64 @@ struct PeekedItem {
   std::string bytes;
 };
 
-// The side of one reader that its store keeps. Belongs to one queue; touched under the store's lock only.
+// The store's state of one reader. It is on one queue, and is only used under the store's lock.
 struct ReaderState {
   QueueState* queue = nullptr;
-  std::uint64_t cursor = 0;  // token of the last item that was looked at
+  std::uint64_t cursor = 0;  // token of the last item that it visited
   ClaimList claims;
 };
 
-// One queue. Made for each name that comes up and kept as long as the store is open.
+// One queue. Created for each name in use, and kept while the store is open.
 struct QueueState {
   explicit QueueState(const std::string& name) : stored(name) {}
 
-  BufferedQueue stored;  // the writer's
+  BufferedQueue stored;  // owned by the writer
   std::vector<ReaderState*> readers;
 };
 
-// Threads: any, except that Read of one ReaderState runs on one at a time. Operations that return a
-// ResultCode don't throw, except for std::bad_alloc; the others throw SqliteError.
+// Threads: any, except that a ReaderState is read on one thread at a time. Operations that return a
+// ResultCode throw nothing but std::bad_alloc; the others throw SqliteError.
 class QueueStore {
  public:
-  // Opens the file, making it if needed. `folderLock` is held as long as the store lives. Throws StoreError
-  // and SqliteError.
+  // Opens the file, or creates it. `folderLock` is held while the store exists. Throws StoreError and
+  // SqliteError.
   QueueStore(const QueueServiceOptions& options, const std::filesystem::path& file,
              std::shared_ptr<FileLock> folderLock);
-  // Writes what is buffered; what can't be written even then is traced. The copy of an earlier layout goes.
+  // Writes the buffer, and traces what even then can't be written. Removes the copy of an earlier layout.
   ~QueueStore();
   QueueStore(const QueueStore&) = delete;
   QueueStore& operator=(const QueueStore&) = delete;
 
-  // The queue comes into being. The result stays valid as long as the store.
+  // Creates the queue if there is none. The result is valid as long as the store.
   QueueState& OpenQueue(const std::string& name);
-  // 0x80000062 exactly if the item doesn't fit under the limit; 0x80000063 if the file can't be written just
+  // 0x80000062 if and only if the item doesn't fit within the limit; 0x80000063 if the file can't be written
   // now; 0x80000046 for an item that no file can hold.
   zel::ResultCode Push(QueueState& queue, std::span<const std::uint8_t> data, std::uint32_t sizeLimitBytes);
 
   void OpenReader(const std::string& name, ReaderState* reader);
-  // 0x8000004c when there is no further item.
+  // 0x8000004c if there are no more items.
   zel::ResultCode Read(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token);
-  // 0x8000004c for a token that the reader has no claim on.
+  // 0x8000004c for a token that the reader has no claim to.
   zel::ResultCode Ack(ReaderState& reader, std::uint64_t token);
   zel::ResultCode ReturnItem(ReaderState& reader, std::uint64_t token);
-  // Gives all its claims up.
+  // Gives up all claims of the reader.
   void CloseReader(ReaderState& reader);
 
   // 0x8000004c if there is no such queue.
   zel::ResultCode RemoveQueue(const std::string& name);
   std::vector<std::string> QueueNames();
-  // Writes what is buffered. Returns whether all of it stands in the file.
+  // Writes the buffer. Returns true if all of it is in the file.
   bool Commit();
-  // Writes what is buffered and empties the log; with `rebuild` also the file's free space goes. Returns
-  // false if what is buffered couldn't be written. Throws SqliteError.
+  // Writes the buffer and empties the log; with `rebuild` also drops the file's free space. Returns false if
+  // the buffer couldn't be written. Throws SqliteError.
   bool Compact(bool rebuild);
 
-  // For people; none of these claims an item.
+  // For inspection; none of these claims an item.
   std::vector<QueueInfo> ListQueues();
   std::vector<PeekedItem> Peek(const std::string& name, std::size_t count);
   std::uint64_t LastToken();
   ItemCount TotalWaiting();
-  // Of every queue name that was ever used, removed ones included.
+  // For every queue name ever used, including removed queues.
   std::map<std::string, QueueLedger> Ledgers();
 
  private:
@@ -131,18 +131,18 @@ class QueueStore {
   const std::filesystem::path path_;
   const std::shared_ptr<FileLock> folderLock_;
 
-  // Guards everything below; held across the file's operations.
+  // Guards the members below. Held across the file's operations.
   std::mutex mutex_;
   DiskReserve reserve_;
   CleanMarker mark_;
-  std::unique_ptr<StoreFile> file_;  // null only at the very end
+  std::unique_ptr<StoreFile> file_;  // only null at the very end
   QueueWriter writer_;
   EvictionTracker evictions_;
   std::int64_t dataVersion_ = 0;
   std::size_t sendingReaders_ = 0;
   FileLock lease_;
   std::map<std::string, QueueState> queues_;
-  bool failing_ = false;  // the last Flush failed, and that has been traced
+  bool failing_ = false;  // the last Flush failed, and that was traced
   bool stopping_ = false;
   bool committerIdle_ = false;
   std::condition_variable wake_;

@@ -9,7 +9,7 @@
 namespace veld_report::host {
 namespace {
 
-// What the figures gain by an item that is stored.
+// The figures of a stored item.
 QueueLedger Offered(std::size_t bytes) {
   const ItemCount item{1, static_cast<std::int64_t>(bytes)};
   return {.accepted = item, .waiting = item};
@@ -109,7 +109,8 @@ const ItemRow* QueueWriter::NextInFile(BufferedQueue& queue, std::uint64_t after
 
 bool QueueWriter::Flush() {
   if (!IsDirty()) return true;
-  // The second try is for a device's passing failure, which would lose the buffer at the end of the process.
+  // The second attempt covers a passing failure of the device, which would lose the buffer at the end of the
+  // process.
   if (Try(true) || (error_->IsNoRoom() && Try(true))) {
     reserve_.Restore();
     return true;
@@ -123,10 +124,10 @@ void QueueWriter::TryDeletionsAlone() {
   if (error_->IsNoRoom()) {
     reserve_.Release();
     try {
-      // The log starts again at its beginning when all of it is in the file.
+      // The log restarts at its beginning once all of it is in the file.
       file_.Checkpoint();
     } catch (const SqliteError&) {
-      // Then there may be room at the log's end.
+      // There may still be room at the log's end.
     }
   }
   Try(false);
@@ -179,8 +180,8 @@ void QueueWriter::Write(bool withItems) {
   Settle(withItems);
 }
 
-// A packet's tokens mostly follow each other without a gap, and a range costs one search. Returns false if
-// something wasn't there any more: which one, ranges don't tell.
+// A packet's tokens are mostly consecutive, and a range costs one search. Returns false if an item was
+// already gone; with ranges it isn't known which.
 bool QueueWriter::DeleteRuns() {
   std::ranges::sort(deletes_, {}, &Delete::token);
   for (std::size_t i = 0; i < deletes_.size();) {
@@ -196,7 +197,7 @@ bool QueueWriter::DeleteRuns() {
 void QueueWriter::DeleteSingly() {
   for (const Delete& removed : deletes_) {
     if (file_.DeleteItem(removed.token)) continue;
-    // Another process was faster, and has counted it.
+    // Another process was faster and has counted it.
     removed.queue->correction_.Leave(removed.kind, -removed.item);
   }
 }
@@ -230,7 +231,7 @@ void QueueWriter::Settle(bool withItems) {
   }
   dirty_.clear();
   added_.clear();
-  // What has been read ahead since may hold them again, and nobody skips them from here on.
+  // They may have been read ahead again, and from here on nobody skips them.
   for (const Delete& removed : deletes_) removed.queue->ahead_.Drop(removed.token);
   deletes_.clear();
   evictions_ = 0;

@@ -1,9 +1,8 @@
-// The changes of a store that aren't in its file yet, and their way into it in one transaction.
+// QueueWriter: the changes of a store that aren't in its file yet, and the one transaction that writes them.
 //
-// A plain write-through would lose or repeat what SQLite rolls back when a disk is full: here a change leaves
-// the buffer only when the transaction that holds it has been committed, so a failed one is tried again as it
-// stands. Figures of the ledger travel in the same transaction as what they count.
-// One thread at a time; queue_store.h locks.
+// A plain write-through would lose or repeat what SQLite rolls back when a disk is full. Here a change only
+// leaves the buffer once its transaction is committed, so a failed one is retried unchanged. The ledger's
+// figures are written in the same transaction as what they count. One thread at a time; queue_store.h locks.
 #pragma once
 
 #include <chrono>
@@ -28,43 +27,43 @@ class QueueWriter {
 
   QueueWriter(StoreFile& file, DiskReserve& reserve) : file_(file), reserve_(reserve) {}
 
-  // Takes over what the file says of the queue. Read ahead is nothing of it then.
+  // Takes over the queue's row in the file. Forgets what was read ahead.
   void Adopt(BufferedQueue& queue, const QueueRow& row);
   void SetPresence(BufferedQueue& queue, bool present);
   // Adds `change` to the queue's figures.
   void Book(BufferedQueue& queue, const QueueLedger& change);
   void AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
-  // Takes the youngest item back, as if it had never been offered.
+  // Removes the last added item, as if it had never been offered.
   void DropLastItem();
-  // `kind`: the figure that the item goes to when it leaves.
+  // `kind`: the figure that counts the item once it is gone.
   void AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item, ItemCount QueueLedger::*kind);
-  // The queue goes, with its items in the buffer and in the file.
+  // Removes the queue with its items, in the buffer and in the file.
   void AddRemoval(BufferedQueue& queue);
 
-  // The oldest item in the file with a token above `after` that no change in the buffer deletes; null if
-  // there is none. Reads ahead, at most `limitBytes` of items. Throws SqliteError. The result is valid until
-  // the next call.
+  // The oldest item in the file with a token above `after` that no buffered change deletes; null if there is
+  // none. Reads ahead, up to `limitBytes` of items. Throws SqliteError. The result is valid until the next
+  // call.
   const ItemRow* NextInFile(BufferedQueue& queue, std::uint64_t after, std::size_t limitBytes);
-  // Gives back the memory of what was read ahead of the queue.
+  // Frees the memory of what was read ahead.
   void EndReading(BufferedQueue& queue) { queue.ahead_.Shrink(); }
 
-  // Writes everything that is buffered. Returns false if that failed: then the buffer is as before, except
-  // that deletions may have gone through alone, and Error() tells why. On a full disk the log is put to use
-  // again and, for deletions, the reserve given up.
+  // Writes everything in the buffer. Returns false on failure: the buffer is then unchanged, except that
+  // deletions alone may have been written, and Error() says why. On a full disk the log's own room is reused
+  // and, for deletions, the reserve is given up.
   bool Flush();
 
   bool IsDirty() const { return !dirty_.empty(); }
-  // The time of the oldest change in the buffer; only while it is dirty.
+  // The time of the oldest change in the buffer. Only valid while it is dirty.
   Clock::time_point DirtySince() const { return dirtySince_; }
-  // Whether so many changes stand in the buffer, or so many bytes of items that it is time to write them all
-  // the same. What was evicted belongs to the push that it made room for.
+  // True if the buffer holds that many changes, or so many bytes of items that it should be written anyway.
+  // Evictions belong to the push that they make room for and don't count.
   bool HoldsOperations(std::size_t count) const {
-    return items_.size() + deletes_.size() - evictions_ >= count || evictions_ >= mostEvictions ||
-           bytes_.size() >= mostBytes;
+    return items_.size() + deletes_.size() - evictions_ >= count || evictions_ >= maxEvictions ||
+           bytes_.size() >= maxBytes;
   }
   std::size_t BufferedItems() const { return items_.size(); }
   bool IsDeleted(std::uint64_t token) const { return !deletes_.empty() && deletedTokens_.contains(token); }
-  // Set while the last attempt to write has failed.
+  // The error of the last attempt to write, if it failed.
   const std::optional<SqliteError>& Error() const { return error_; }
   Clock::time_point LastFailure() const { return lastFailure_; }
 
@@ -86,8 +85,8 @@ class QueueWriter {
     ItemCount expected;
   };
 
-  static constexpr std::size_t mostEvictions = 1024;
-  static constexpr std::size_t mostBytes = std::size_t{256} * 1024;
+  static constexpr std::size_t maxEvictions = 1024;
+  static constexpr std::size_t maxBytes = std::size_t{256} * 1024;
 
   void Touch(BufferedQueue& queue);
   bool Try(bool withItems);
@@ -105,7 +104,7 @@ class QueueWriter {
   std::vector<std::uint8_t> bytes_;
   std::vector<Item> items_;
   std::vector<Delete> deletes_;
-  std::size_t evictions_ = 0;  // of deletes_
+  std::size_t evictions_ = 0;  // among deletes_
   std::pmr::unsynchronized_pool_resource tokenMemory_;
   std::pmr::unordered_set<std::uint64_t> deletedTokens_{&tokenMemory_};
   std::vector<Removal> removals_;
