@@ -37,8 +37,7 @@ int Connect(const Address& address, InterruptibleSocket* socket) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  // The only wait that can't be interrupted. A production client resolves on a thread that it can leave
-  // behind.
+  // The only wait that can't be interrupted. A production client resolves on a thread that it can abandon.
   if (::getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found) != 0) return -1;
   int result = -1;
   for (const addrinfo* entry = found; entry && result < 0; entry = entry->ai_next) {

@@ -11,8 +11,8 @@ namespace {
 
 using Number = std::atomic<std::uint64_t>;
 
-// A page that is all zeros again in a child, however it was forked: a handler of pthread_atfork would miss
-// clone. Null if the kernel can't do that.
+// A page that is zeroed in every child, however it was forked; a handler of pthread_atfork would miss clone.
+// Null if the kernel can't do that.
 Number* WipedOnFork() noexcept {
   const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   void* const page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -29,7 +29,7 @@ std::uint64_t CurrentProcess() noexcept {
   if (!number) return static_cast<std::uint64_t>(getpid());
   const std::uint64_t known = number->load(std::memory_order_acquire);
   if (known != 0) return known;
-  // The count itself is inherited, so a child goes on above its parent's number.
+  // The counter itself is inherited, so a child continues above its parent's number.
   static constinit Number last{0};
   const std::uint64_t fresh = last.fetch_add(1) + 1;
   std::uint64_t expected = 0;

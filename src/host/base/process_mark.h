@@ -1,13 +1,13 @@
-// Which process an object belongs to: a child that fork made has a copy of every object, but none of the
-// threads that work on it.
+// Identifies the process that an object belongs to. A forked child has a copy of every object, but none of
+// the threads that work on it.
 #pragma once
 
 #include <cstdint>
 
 namespace veld_report::host {
 
-// A number that differs from that of the process that this one was forked from, and from those of its
-// ancestors. Costs a load and no system call, where the kernel can wipe memory on fork (Linux 4.14).
+// A number that differs from that of the parent process and of all ancestors. Costs a load and no system call
+// if the kernel can wipe memory on fork (Linux 4.14).
 std::uint64_t CurrentProcess() noexcept;
 
 }  // namespace veld_report::host

@@ -28,7 +28,8 @@ void Require(zel::ResultCode code, const char* what) {
 zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<LineTracer>& tracer) {
   options.tracer = tracer;
   auto queues = QueueService::Open(options);
-  // The module would make its store in the first cycle, and there a disk without room is nobody's error.
+  // Creates the default store now. The module would only do so in its first cycle, where nobody hears of a
+  // full disk.
   if (!options.inspectOnly) queues->Commit();
   return queues;
 }

@@ -18,7 +18,7 @@ struct LockFile {
   bool inherited = false;
 };
 
-// Never destroyed: a static reporter ends after it would have been.
+// Never destroyed: a static reporter would outlive it.
 struct Registry {
   std::mutex mutex;
   std::vector<LockFile> files;

@@ -1,9 +1,9 @@
-// ForkGuard: keeps the locks of this process out of the processes that it forks.
+// ForkGuard keeps the locks of this process from its forked children.
 //
-// A lock of flock belongs to the open file, which a child inherits: a child that lives on would keep a store
-// locked after its process has closed it, or has been killed. So a child closes what it inherits, which takes
-// no lock from its parent. SQLite's own locks aren't inherited, but what SQLite knows of them is, so a child
-// can't open a store that was open when it was forked.
+// An flock lock belongs to the open file, which a child inherits. So a long-lived child would keep a store
+// locked after its process has closed it or was killed. A child therefore closes what it inherits, which
+// leaves the parent's locks alone. SQLite's own locks aren't inherited, but its knowledge of them is, so a
+// child can't open a store that was open when it was forked.
 #pragma once
 
 #include <sys/types.h>
@@ -14,16 +14,16 @@
 
 namespace veld_report::host {
 
-// While it lives no other thread forks. Threads: any.
+// While it lives, no other thread can fork. Threads: any.
 class ForkGuard {
  public:
   ForkGuard();
 
-  // From here on a child closes the descriptor at once. Throws std::bad_alloc.
+  // From now on a child closes the descriptor at once. Throws std::bad_alloc.
   void Add(int descriptor);
-  // To be called before the descriptor is closed.
+  // Call it before the descriptor is closed.
   void Remove(int descriptor) noexcept;
-  // The process that had this file locked when it forked this process or an ancestor of it, if one had.
+  // The process that held a lock on this file when it forked this process or an ancestor, if there is one.
   std::optional<pid_t> InheritedFrom(const std::filesystem::path& file) const;
 
  private:

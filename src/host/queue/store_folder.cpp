@@ -128,11 +128,11 @@ FileLock& FileLock::operator=(FileLock&& other) noexcept {
 }
 
 FileLock::~FileLock() {
-  // In a child the number may belong to another file by now.
+  // In a child the descriptor may be another file by now.
   if (descriptor_ < 0 || process_ != CurrentProcess()) return;
   ForkGuard guard;
   guard.Remove(descriptor_);
-  // Closing alone would leave it to a child that the guard hasn't seen, for instance one of clone.
+  // Closing alone would leave the lock to a child that the guard hasn't seen, one of clone for instance.
   flock(descriptor_, LOCK_UN);
   close(descriptor_);
 }

@@ -30,10 +30,10 @@ std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::st
 // Creates the folder if there is none. Throws StoreError.
 void PrepareStoreFolder(const std::filesystem::path& folder);
 
-// What is locked while a store is open.
+// The file that is locked while a store is open.
 inline constexpr char storeLockName[] = "store.lock";
 
-// Throws StoreError for a store that was open in the process that this one was forked from.
+// Throws StoreError if the store was open in the process that this one was forked from.
 void RefuseInheritedStore(const std::filesystem::path& folder);
 
 // Opens a file without following links; with O_CREAT in `flags` creates it with mode 0600. Returns a
@@ -44,8 +44,8 @@ int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
 // Returns true if the file is new. Throws StoreError.
 bool PreparePrivateFile(const std::filesystem::path& file);
 
-// An advisory lock on a file. It ends with the object, and with the process however that ends; a forked child
-// has no part in it.
+// An advisory lock on a file. It ends with the object, and with the process however that ends. A forked child
+// doesn't share it.
 class FileLock {
  public:
   enum class Kind { exclusive, shared };

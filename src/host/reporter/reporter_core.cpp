@@ -94,7 +94,7 @@ void Reporter::Core::RequireOwn() const {
 }
 
 void Reporter::Core::Abandon(Core* core) noexcept {
-  // Reachable, so that nobody takes it for a leak.
+  // Kept reachable, so that it isn't reported as a leak.
   static constinit std::atomic<Core*> abandoned{nullptr};
   core->nextAbandoned_ = abandoned.load();
   while (!abandoned.compare_exchange_weak(core->nextAbandoned_, core)) {

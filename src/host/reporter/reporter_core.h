@@ -36,10 +36,10 @@ class Reporter::Core {
   explicit Core(ReporterOptions options);
   ~Core();
 
-  // Whether this process is a fork of the one that opened the reporter. Then no lock may be taken: the thread
-  // that holds it may not exist here.
+  // True if this process was forked from the one that opened the reporter. Then no lock may be taken: the
+  // thread that holds it may not exist here.
   bool IsInherited() const { return host::CurrentProcess() != process_; }
-  // Keeps an inherited one as it is, for the rest of the process.
+  // Keeps an inherited core as it is for the rest of the process.
   static void Abandon(Core* core) noexcept;
 
   // Submits `record` or, if it is null, `json`. `error` may be null.

@@ -78,7 +78,7 @@ zel::ResultCode VeldReportSenderImpl::SetSettings(const SenderSettings& settings
     // The one failure that the caller gets as an exception. Like the others it has changed nothing.
     throw;
   } catch (...) {
-    // Without a tracer it writes no line, like a hash service that fails.
+    // Traces no line, as for a failing hash service.
     return zel::ReportCaughtException(static_cast<zel::ITracer*>(nullptr), nullptr);
   }
 }
