@@ -15,7 +15,7 @@ constexpr std::string_view tail = "\"}]}";
 // "{"alg":"none"}" and a zero byte.
 constexpr std::string_view unsignedBlock("{\"alg\":\"none\"}", 15);
 
-// Whether `text` is the padded base-64 of `bytes`, told by decoding.
+// Whether `text` is the padded base-64 of `bytes`; decides by decoding.
 bool Decodes(std::string_view text, std::string_view bytes) {
   static const auto values = [] {
     std::array<int, 256> table;
@@ -37,7 +37,7 @@ bool Decodes(std::string_view text, std::string_view bytes) {
     if (i % 4 != 3) continue;
     for (const int shift : {16, 8, 0}) {
       const char byte = static_cast<char>(bits >> shift & 255);
-      // Behind the last byte only zero bits may stand.
+      // After the last byte only zero bits may stand.
       if (byte != (decoded < bytes.size() ? bytes[decoded] : '\0')) return false;
       ++decoded;
     }
@@ -75,8 +75,7 @@ zel::ResultCode Request::Cancel() {
 void Request::Report() {
   alignas(8) char response[96];
   std::memset(response, 0x7f, sizeof response);
-  const std::uint16_t told = host.lie == Lie::refusedIsDelivered ? 200 : status;
-  std::memcpy(response + network_services::responseStatusOffset, &told, sizeof told);
+  std::memcpy(response + network_services::responseStatusOffset, &status, sizeof status);
   host.open.erase(std::find(host.open.begin(), host.open.end(), this));
   const zel::wstring wide{std::u16string_view(Url(url))};
   auto kept = std::move(callback);
@@ -131,7 +130,6 @@ void Client::CheckRequest(const zel::wstring& url, zel::IIO& body, Request& requ
   if (!std::is_sorted(request.tokens.begin(), request.tokens.end())) {
     host.Fail(invariant::order, "a request with a newer item before an older one");
   }
-  if (host.lie == Lie::body && request.id % 5 == 0) body_[body_.size() / 2] ^= 1;
   CheckBody(request, body_);
 }
 
@@ -180,7 +178,7 @@ zel::ResultCode Client::MakeRequestAsync(const zel::wstring& url,
   Call call(host, Op::makeRequest, 0, static_cast<std::uint64_t>(made->url), made->id);
   if (call.Refused()) return call.Done(call.Planned());
   made->references = 1;
-  Step answer{.kind = Step::Kind::answer, .a = host.lie == Lie::silence ? 500 : 200, .b = 1};
+  Step answer{.kind = Step::Kind::answer, .a = 200, .b = 1};
   if (!host.answers.empty()) {
     answer = host.answers.front();
     host.answers.pop_front();

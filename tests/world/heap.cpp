@@ -52,6 +52,7 @@ void NoteLock(const void* lock) {
 Inside::Inside(bool now) : before_(std::exchange(inModule, now)) {}
 Inside::~Inside() { inModule = before_; }
 
+bool Heap::Counts() { return VELD_OWN_NEW; }
 std::int64_t Heap::LiveBlocks() { return VELD_OWN_NEW ? live : 0; }
 void Heap::FailNth(int nth, void (*onFailure)(void* context), void* context) {
   failAt = nth;
@@ -101,9 +102,4 @@ void* operator new(std::size_t size) {
 }
 void operator delete(void* block) noexcept { __wrap_free(block); }
 void operator delete(void* block, std::size_t) noexcept { __wrap_free(block); }
-#endif
-
-#if defined(__SANITIZE_THREAD__)
-// Children start a thread of their own.
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
 #endif

@@ -2,7 +2,7 @@
 //
 // The linker puts the functions of heap.cpp between the module's objects and malloc, free and the locks of
 // the C library; operator new and delete are replaced. Everything counts only while a thread is inside the
-// module, which Inside and Outside tell.
+// module, which Inside and Outside say.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,9 @@ struct Outside : Inside {
 };
 
 struct Heap {
-  // Blocks that are out, of everything in this program; 0 always under a sanitizer, which counts itself.
+  // Whether this build does; under a sanitizer, which has a heap of its own, nothing is counted or fails.
+  static bool Counts();
+  // Blocks that are out, of everything in this program.
   static std::int64_t LiveBlocks();
   // The nth allocation inside the module from here on fails, and `onFailure` is called; 0: none.
   static void FailNth(int nth, void (*onFailure)(void* context), void* context);

@@ -1,7 +1,5 @@
 #include "tests/world/helper.h"
 
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -10,13 +8,8 @@
 namespace veld_report::world {
 
 Helper& Helper::Get() {
-  // Never destroyed: its thread runs to the end of the process, and behind a fork it is another process's.
-  static Helper* helper = nullptr;
-  static pid_t owner = 0;
-  if (owner != getpid()) {
-    owner = getpid();
-    helper = new Helper();
-  }
+  // Never destroyed: its thread runs to the end of the process.
+  static Helper* const helper = new Helper();
   return *helper;
 }
 

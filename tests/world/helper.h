@@ -11,7 +11,6 @@ namespace veld_report::world {
 
 class Helper {
  public:
-  // The one of this process; after a fork the child gets its own.
   static Helper& Get();
 
   // Runs `work` on the other thread, and returns when it has ended or parks. A thread that does neither waits

@@ -1,6 +1,7 @@
 #include "tests/world/host.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "tests/world/client.h"
 #include "tests/world/queues.h"
@@ -12,9 +13,58 @@ namespace {
 // A module that doesn't end is stopped by exceptions from every call.
 constexpr std::size_t mostRecords = 20'000;
 
+bool OfTrace(Op op) { return op == Op::acquireBuffer || op == Op::commitBuffer; }
 bool Silent(Op op) { return op == Op::lookUp || op == Op::createStorage || op == Op::flush; }
-// A CancelTimer that throws hasn't waited, and the module could only crash.
-bool MayThrow(Op op) { return op != Op::cancelTimer; }
+bool Detail(Op op) {
+  return Silent(op) || op == Op::serialize || (op >= Op::createCalculator && op <= Op::finish);
+}
+
+bool Meant(const Step& plan, Op op) {
+  return plan.kind == Step::Kind::fault && plan.b > 0 && (plan.op == op || plan.op == anyOp);
+}
+
+std::string HexText(std::uint64_t number) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(number));
+  return text;
+}
+
+std::string ResultText(zel::ResultCode result) {
+  if (result == throws) return "an exception";
+  return result < 0 ? HexText(static_cast<std::uint32_t>(result)) : std::to_string(result);
+}
+
+// What a reader of a course wants to know of a call; names of queues are the letters of their urls.
+std::string CallText(Op op, std::uint64_t a, std::uint64_t b, std::uint64_t c) {
+  const std::string queue(1, static_cast<char>('a' + a));
+  const auto number = [](std::uint64_t value) { return " " + std::to_string(value); };
+  std::string text = Name(op);
+  switch (op) {
+    case Op::createProducer:
+      return text + " " + queue + number(b);
+    case Op::createAckConsumer:
+    case Op::removeQueue:
+      return text + " " + queue;
+    case Op::push:
+      return text + number(a) + number(c);
+    case Op::read:
+    case Op::cancel:
+    case Op::armTimer:
+      return text + number(a);
+    case Op::ack:
+    case Op::returnItem:
+    case Op::wait:
+      return text + number(a) + number(b);
+    case Op::makeRequest:
+      return text + " " + queue + number(b);
+    case Op::onRequestFinished:
+      return text + " " + ResultText(static_cast<zel::ResultCode>(a));
+    case Op::lookUp:
+      return text + " " + HexText(a);
+    default:
+      return text;
+  }
+}
 
 }  // namespace
 
@@ -24,17 +74,26 @@ const std::u16string& Url(int url) {
   return urls[url];
 }
 
+std::array<std::uint8_t, 16> Digest(int url) {
+  std::array<std::uint8_t, 16> digest{0xc3, 0x07, 0xf9, 0x5a};
+  std::swap(digest[0], digest[static_cast<std::size_t>(url)]);
+  for (std::size_t i = 1; i < digest.size(); ++i) digest[i] = static_cast<std::uint8_t>(digest[i - 1] + 0x37);
+  return digest;
+}
+
 const std::string& QueueName(int name) {
   static const auto names = [] {
     std::array<std::string, nameCount> all;
-    const char* digits[urlCount] = {"c3", "07", "f9", "5a"};
     for (int url = 0; url < urlCount; ++url) {
-      for (int i = 0; i < 16; ++i) all[static_cast<std::size_t>(url)] += digits[url];
+      for (const std::uint8_t byte : Digest(url)) {
+        for (const int shift : {4, 0})
+          all[static_cast<std::size_t>(url)] += "0123456789abcdef"[byte >> shift & 15];
+      }
     }
     all[4] = "\xe9t\xe9";
-    all[5] = "5a5a";
+    all[5] = all[3].substr(0, 4);
     all[6] = "zzz of an earlier run";
-    all[7] = "c3c3c3c3c3c3c3c3c3c3c3c3c3c3c3c3c3";
+    all[7] = all[0] + "c3";
     return all;
   }();
   return names[static_cast<std::size_t>(name)];
@@ -49,7 +108,7 @@ int NameIndex(std::string_view name) {
 
 decltype(Host::seen) Host::seen;
 
-Host::Host(Lie told) : lie(told) {
+Host::Host() {
   recording.reserve(256);
   services = std::make_unique<Services>(*this);
 }
@@ -60,20 +119,42 @@ void Host::Fail(const char* invariantName, const std::string& text) {
   if (!Failed()) failure = {invariantName, text};
 }
 
+void Host::ShowRecord(const Record& record) {
+  const auto entry = static_cast<Entry>(record.a);
+  if (record.op == Op::enter && entry != Entry::drain) {
+    Show(Name(entry), true);
+    ++depth;
+  } else if (record.op == Op::complete) {
+    Show("answer " + (record.result != 0 ? ResultText(record.result) : std::to_string(record.b)), false);
+  } else if (record.op == Op::returned) {
+    --depth;
+    const zel::ResultCode result = record.threw ? throws : record.result;
+    if (!brief || result != 0) Show(std::string(Name(entry)) + " returns " + ResultText(result), result == 0);
+  }
+}
+
 Record& Host::Append(const Record& record) {
+  if (course) ShowRecord(record);
   recording.push_back(record);
   return recording.back();
 }
 
 zel::ResultCode Host::Planned(Op op) {
   zel::ResultCode result = 0;
-  // Without a timer nothing tells whether a submission whose serialisation failed came through.
+  // Without a timer nothing shows whether a submission whose serialisation failed came through.
   if (Silent(op) && (missing & noTimer)) return 0;
   for (Step& plan : plans) {
-    if (plan.kind != Step::Kind::fault || plan.op != op || plan.b == 0) continue;
-    if (--plan.b == 0 && result == 0) result = plan.c;
+    if (!Meant(plan, op) || --plan.b > 0) continue;
+    if (plan.a != 0) plan.b = 1;
+    if (result == 0) result = plan.c;
   }
+  troubles += result != 0;
   return result;
+}
+
+bool Host::WillFail(Op op) const {
+  return std::any_of(plans.begin(), plans.end(),
+                     [&](const Step& plan) { return plan.b == 1 && Meant(plan, op); });
 }
 
 void Host::EnterIfDue(Op op) {
@@ -105,7 +186,6 @@ void Host::Put(StoredQueue& queue, std::string bytes) {
   const std::uint64_t print = Print(bytes);
   queue.items.push_back({++lastToken, std::move(bytes), print, nullptr});
   ++pushed;
-  if (lie == Lie::item && lastToken % 7 == 0) queue.items.pop_back();
 }
 
 Request* Host::FirstDue() const {
@@ -142,7 +222,7 @@ void Host::CheckLedger() {
 
 Call::Call(Host& host, Op op, int locks, std::uint64_t a, std::uint64_t b, std::uint64_t c, std::uint64_t d)
     : host_(host), index_(host.recording.size()) {
-  const int held = Locks::Held() + (host.lie == Lie::lock && op == Op::read ? 1 : 0);
+  const int held = Locks::Held();
   if (held != locks) {
     host.Fail(invariant::locks, std::string(Name(op)) + " with " + std::to_string(held) + " locks held");
   }
@@ -152,20 +232,27 @@ Call::Call(Host& host, Op op, int locks, std::uint64_t a, std::uint64_t b, std::
     throw Scripted();
   }
   planned_ = host.Planned(op);
-  if (planned_ == throws && !MayThrow(op)) planned_ = -1;
+  // A CancelTimer throws once it has waited: otherwise the module could only crash.
+  const bool throwsNow = planned_ == throws && op != Op::cancelTimer;
+  const bool detail = OfTrace(op) || (host.brief && Detail(op));
+  if (host.course && (!detail || planned_ != 0))
+    host.Show(CallText(op, a, b, c) + (planned_ == 0 ? "" : " gives " + ResultText(planned_)), planned_ == 0);
   Host::Seen& seen = Host::seen[static_cast<std::size_t>(op)];
   ++(planned_ == 0        ? seen.plain
      : planned_ < 0       ? seen.negative
      : planned_ == throws ? seen.thrown
                           : seen.positive);
-  if (Silent(op)) {
+  if (OfTrace(op)) {
+    host.lineLost |= planned_ != 0;
+    host.unjudged |= throwsNow;
+  } else if (Silent(op)) {
+    host.withoutCallback |= planned_ != 0;
     if (planned_ < 0 || planned_ == throws) host.Excuse();
   } else {
-    host.Append(
-        {.op = op, .faulted = planned_ != 0, .threw = planned_ == throws, .a = a, .b = b, .c = c, .d = d});
+    host.Append({.op = op, .faulted = planned_ != 0, .threw = throwsNow, .a = a, .b = b, .c = c, .d = d});
     host.EnterIfDue(op);
   }
-  if (planned_ == throws) throw Scripted();
+  if (throwsNow) throw Scripted();
 }
 
 }  // namespace veld_report::world

@@ -1,9 +1,8 @@
 // The simulated host: a virtual clock, queues, a client, a timer and all other services, under the script's
 // faults. It records each call, and judges what can be judged from the calls alone; the model judges the
-// rest.
+// rest. Where it is wanted it also writes down, as text, all that it sees.
 //
-// It is not tests/fakes: there is no lock and no log of texts here, since the threads of a world take turns
-// and a world makes a hundred thousand calls a second.
+// There is no lock here, since the threads of a world take turns.
 #pragma once
 
 #include <array>
@@ -29,7 +28,7 @@ inline constexpr char acknowledged[] = "acknowledged";  // only after a 200 that
 inline constexpr char ledger[] = "ledger";              // pushed = delivered + evicted + removed + waiting
 inline constexpr char order[] = "order";                // oldest first
 inline constexpr char body[] = "body";                  // decodes to exactly the items
-inline constexpr char calls[] = "calls";                // the calls that the rules tell, in their order
+inline constexpr char calls[] = "calls";                // the calls of the rules, in their order
 inline constexpr char queues[] = "queues";              // hold what the model's queues hold
 inline constexpr char locks[] = "locks";                // none held where none may be
 inline constexpr char balance[] = "balance";            // references, memory and bookkeeping go back to zero
@@ -39,22 +38,6 @@ inline constexpr char delivery[] = "delivery";          // all arrives once noth
 struct Failure {
   std::string invariant;
   std::string text;
-};
-
-// A host that doesn't keep its word, for the proof that each invariant can fail.
-enum class Lie {
-  none,
-  refusedIsDelivered,
-  item,
-  newestFirst,
-  body,
-  arming,
-  lock,
-  reference,
-  memory,
-  push,
-  silence,
-  cleanUp  // Free and Release throw, their work done; the module may not notice
 };
 
 struct Record {
@@ -72,10 +55,11 @@ struct Scripted : std::runtime_error {
 inline constexpr std::uint64_t never = UINT64_MAX;
 inline std::uint64_t Print(std::string_view bytes) { return std::hash<std::string_view>()(bytes); }
 const std::u16string& Url(int url);
+std::array<std::uint8_t, 16> Digest(int url);
 const std::string& QueueName(int name);  // the first urlCount are those of the urls
 int NameIndex(std::string_view name);    // -1 for none
 
-// Keeps its memory to the end of the world, so that a use behind the end is a failure and no crash.
+// Keeps its memory to the end of the world, so that a use after the end is a failure and no crash.
 class Tomb {
  public:
   virtual ~Tomb() = default;
@@ -101,7 +85,7 @@ struct StoredQueue {
 
 class Host {
  public:
-  explicit Host(Lie lie);
+  Host();
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
   ~Host();
@@ -110,11 +94,19 @@ class Host {
   void Fail(const char* invariantName, const std::string& text);
   bool Failed() const { return !failure.invariant.empty(); }
   Record& Append(const Record& record);
+  void ShowRecord(const Record& record);
   void Excuse() { Append({.op = Op::excuse}); }
   // The result that the script has for this call, or 0.
   zel::ResultCode Planned(Op op);
+  // Whether the next call of it is to fail.
+  bool WillFail(Op op) const;
   void EnterIfDue(Op op);
-  // The queue's oldest item behind `position` that nobody holds, or null.
+  // A line of the course, if one is written. `plain`: a success like any other, which a brief course leaves
+  // out of a sender's making.
+  void Show(const std::string& line, bool plain) {
+    if (course && !(plain && brief && constructing)) course->append(2 * depth, ' ').append(line).append("\n");
+  }
+  // The queue's oldest item after `position` that nobody holds, or null.
   static StoredItem* Next(StoredQueue& queue, std::uint64_t position);
   // Its end if there is no such item.
   static std::deque<StoredItem>::iterator Find(StoredQueue& queue, std::uint64_t token);
@@ -140,15 +132,15 @@ class Host {
   };
   static std::array<Seen, static_cast<std::size_t>(Op::returned) + 1> seen;
 
-  const Lie lie;
   Failure failure;
+  std::string* course = nullptr;  // what the host sees, a line each
+  bool brief = false;             // the course leaves out details that succeed
+  std::size_t depth = 0;          // of entries into the module that haven't returned
   std::vector<Record> recording;
   std::vector<int> enumerated;  // names that the records of enumerations point into
   std::vector<Step> plans;      // faults and entries that wait for their calls
   std::deque<Step> answers;
   std::function<void(const Step& step)> enter;  // lets another thread in
-  // Called for each buffer of a line, with its level, and with 0 for a line that is handed in. May throw.
-  std::function<void(std::uint32_t level)> traced;
 
   // Of the sender that stands.
   int missing = 0;
@@ -171,6 +163,12 @@ class Host {
   Request* completing = nullptr;
   Reader* walking = nullptr;  // the reader that was made last
   std::uint32_t producers = 0, readers = 0, requests = 0;
+  std::uint64_t troubles = 0;  // faults of the script that were met
+  std::size_t unsettled = 0;   // items that were neither acknowledged nor given back when their reader went
+  bool withoutCallback =
+      false;                 // a callback may not have been made, so that nobody knew the token of an item
+  bool lineLost = false;     // the tracer refused one or threw
+  bool unjudged = false;     // the tracer threw, which may end any step: the model can't follow any more
   std::uint64_t blocks = 0;  // of the allocator
   int failBlock = 0;
   bool signed_ = false;
@@ -212,7 +210,7 @@ class Fake : public Interfaces..., public Tomb {
     Use();
     if (references == 0) return 0;
     if (--references == 0) OnEnd();
-    if (host.lie == Lie::cleanUp) throw Scripted();
+    if (host.missing & cleanUpThrows) throw Scripted();
     return references;
   }
   zel::ResultCode QueryInterface(zel::InterfaceId interfaceId, void** out) override {
@@ -227,7 +225,7 @@ class Fake : public Interfaces..., public Tomb {
 
  protected:
   void Use() const {
-    if (references == 0) host.Fail(invariant::balance, "a service is used behind its last Release");
+    if (references == 0) host.Fail(invariant::balance, "a service is used after its last Release");
   }
   zel::ResultCode Reserved() const {
     host.Fail(invariant::calls, "a reserved operation");

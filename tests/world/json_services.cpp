@@ -53,6 +53,30 @@ class Storage final : public Fake<zel::IStorage> {
   zel::Ref<zel::IIO> stream_;
 };
 
+// Where a serialisation stopped, as far as it can be said: that depends on the code of the failure.
+class ErrorInfo final : public Fake<zel::ISerializeErrorInfo> {
+ public:
+  static constexpr zel::ResultCode unknown = zel::MakeResultCode(0x80000049);    // not even an ErrorInfo
+  static constexpr zel::ResultCode silent = -1;                                  // an ErrorInfo that refuses
+  static constexpr zel::ResultCode badName = zel::MakeResultCode(0x80000062);    // text of no locale
+  static constexpr zel::ResultCode ofElement = zel::MakeResultCode(0x80000045);  // with an index
+
+  ErrorInfo(Host& owner, zel::ResultCode code) : Fake(owner), code_(code) {}
+  zel::ResultCode ReservedErrorOperation() override { return Reserved(); }
+  zel::ResultCode GetErrorLocation(zel::SerializeErrorLocation* location) override {
+    const Outside outside;
+    Use();
+    if (code_ == silent) return zel::eNotFound;
+    location->objectName = zel::string("TextRecord");
+    location->fieldName = zel::string(code_ == badName ? "\xff" : "text");
+    location->index = code_ == ofElement ? 0 : zel::SerializeErrorLocation::noIndex;
+    return zel::sOk;
+  }
+
+ private:
+  const zel::ResultCode code_;
+};
+
 void WriteJson(void* object, const zel::SerObjDescriptor& descriptor, std::string& out) {
   if (descriptor.fields->typeId == wholeText) {
     out += static_cast<zel::string*>(object)->View();
@@ -98,10 +122,14 @@ zel::ResultCode JsonFactory::CreateJsonStorage(zel::IIO* stream, const zel::Json
 }
 
 zel::ResultCode Serializer::Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t,
-                                      zel::IObject**) {
+                                      zel::IObject** context) {
+  const Outside outside;
   Use();
   Call call(host, Op::serialize, 0, object->descriptor != &textRecord);
-  if (call.Refused()) return call.Done(call.Planned());
+  if (call.Refused()) {
+    if (call.Planned() != ErrorInfo::unknown) *context = host.Make<ErrorInfo>(call.Planned());
+    return call.Done(call.Planned());
+  }
   auto& target = static_cast<Storage&>(*storage);
   WriteJson(object->object, *object->descriptor, target.text);
   const auto result =

@@ -1,15 +1,13 @@
-// world: runs worlds from seeds, and shrinks what fails; scripts/world builds and starts it.
+// world: runs worlds from seeds, or one from a file; scripts/world builds and starts it.
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <exception>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <string>
 
-#include "tests/world/child.h"
-#include "tests/world/shrink.h"
+#include "tests/common/files.h"
+#include "tests/world/runs.h"
 
 namespace veld_report::world {
 namespace {
@@ -17,7 +15,7 @@ namespace {
 constexpr char usage[] =
     "usage: world [--seconds N] [--worlds N] [--seed S]\n"
     "       world --replay FILE\n"
-    "Runs worlds of seeds S, S+1, ... for N seconds (10) or N worlds. A failure is shrunk, and its script\n"
+    "Runs worlds of seeds S, S+1, ... for N seconds (10) or N worlds. The script of a world that fails is\n"
     "printed, which --replay takes. The last line is the sum; cycles/s are those of a second of CPU time.\n";
 constexpr int mostFailures = 3;
 
@@ -34,17 +32,15 @@ bool Parse(int count, char** words, Options& options) {
     if (i + 1 == count) return false;
     char* end = nullptr;
     const std::uint64_t number = std::strtoull(words[i + 1], &end, 10);
+    const bool isNumber = *end == '\0' && end != words[i + 1];
     if (name == "--replay") {
       options.replay = words[i + 1];
-      continue;
-    }
-    if (*end != '\0' || end == words[i + 1]) return false;
-    if (name == "--seconds") {
+    } else if (name == "--seconds" && isNumber) {
       options.seconds = static_cast<double>(number);
-    } else if (name == "--worlds") {
+    } else if (name == "--worlds" && isNumber) {
       options.worlds = number;
       options.seconds = 1e9;
-    } else if (name == "--seed") {
+    } else if (name == "--seed" && isNumber) {
       options.seed = number;
     } else {
       return false;
@@ -53,54 +49,28 @@ bool Parse(int count, char** words, Options& options) {
   return true;
 }
 
-void ShowFailure(std::uint64_t seed) {
-  std::string text;
-  Script script = MakeScript(seed);
-  const std::string broken = RunInChild(script, Lie::none, &text);
-  std::cout << "seed " << seed << " fails";
-  if (broken.empty()) {
-    std::cout << ", but not alone: it leans on a world before it\n";
-    return;
-  }
-  script = Shrink(std::move(script),
-                  [&](const Script& shorter) { return RunInChild(shorter, Lie::none, nullptr) == broken; });
-  RunInChild(script, Lie::none, &text);
-  std::cout << ": " << broken << ", " << text << "\n# the shortest script that fails so:\n"
-            << ToText(script) << std::flush;
-}
-
-int ShowSum(const Progress& progress, int failures) {
-  const double rate =
-      progress.cpuSeconds > 0 ? static_cast<double>(progress.cycles) / progress.cpuSeconds : 0;
-  std::cout << "worlds " << progress.worlds << ", cycles " << progress.cycles << ", cycles/s "
-            << std::llround(rate) << ", failures " << failures << std::endl;
-  return failures == 0 ? 0 : 1;
-}
-
 int Replay(const std::string& file) {
-  std::ifstream in(file);
-  if (!in) throw std::runtime_error("world: can't read '" + file + "'");
-  std::stringstream text;
-  text << in.rdbuf();
-  std::string told;
-  const std::string broken = RunInChild(FromText(text.str()), Lie::none, &told);
-  if (!broken.empty()) std::cout << broken << ", " << told << '\n';
-  Progress one{};
-  one.worlds = 1;
-  return ShowSum(one, broken.empty() ? 0 : 1);
+  std::string course;
+  const Outcome outcome = RunScript(FromText(tests::ReadFile(file)), &course);
+  std::cout << course << outcome.failure.invariant << ' ' << outcome.failure.text << std::endl;
+  return outcome.Failed() ? 1 : 0;
 }
 
 int Run(const Options& options) {
   if (!options.replay.empty()) return Replay(options.replay);
-  Progress* progress = MakeProgress();
-  progress->seed = options.seed;
-  const double deadline = SteadySeconds() + options.seconds;
+  Progress progress{.seed = options.seed};
   int failures = 0;
-  while (!RunWorlds(progress, deadline, options.worlds)) {
-    ShowFailure(progress->seed++);
+  while (const auto failure = RunWorlds(progress, options.seconds, options.worlds)) {
+    std::cout << "seed " << progress.seed << " fails: " << failure->invariant << ", " << failure->text << '\n'
+              << ToText(MakeScript(progress.seed)) << std::flush;
+    ++progress.seed;
     if (++failures == mostFailures) break;
   }
-  return ShowSum(*progress, failures);
+  const double cpuSeconds = static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+  std::cout << "worlds " << progress.worlds << ", cycles " << progress.cycles << ", cycles/s "
+            << std::llround(static_cast<double>(progress.cycles) / cpuSeconds) << ", failures " << failures
+            << std::endl;
+  return failures == 0 ? 0 : 1;
 }
 
 }  // namespace

@@ -85,6 +85,8 @@ void Model::Enter(Entry entry) {
   bool threw = false;
   try {
     switch (entry) {
+      case Entry::create:
+        break;  // is judged at once, and its recording dropped
       case Entry::construct:
         return Construct();
       case Entry::submit:
@@ -165,7 +167,7 @@ bool Model::Push(int name, const Pending& element) {
 }
 
 const Model::Item* Model::Read(std::uint64_t reader) {
-  // The reader may end right behind the call, so the effect comes before what else the recording tells.
+  // The reader may end right after the call, so the effect comes before what else was recorded.
   const Record& read = Take(Op::read, reader);
   ReaderState& state = readers_.at(reader);
   Queue& queue = QueueOf(state.name);

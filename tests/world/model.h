@@ -1,7 +1,7 @@
 // The model: what a sender does by its rules, and what each queue holds after it. It walks over a recording,
-// takes the outcome of each call from it, and fails where the rules tell another call.
+// takes the outcome of each call from it, and fails where the rules want another call.
 //
-// It is a second telling of the rules on purpose, shares no code with the module, and prefers the plain form:
+// It states the rules a second time on purpose, shares no code with the module, and prefers the plain form:
 // no locks, no references, lists that are searched from the front.
 #pragma once
 
@@ -33,7 +33,7 @@ class Model {
   struct Mismatch {};
   struct Excused {};
   struct Thrown {
-    zel::ResultCode code = 0;  // 0: none that is told
+    zel::ResultCode code = 0;  // 0: none that is known
   };
   struct Item {
     std::uint64_t token, print, size;

@@ -43,10 +43,12 @@ void Model::Construct() {
   } catch (const Excused&) {
     failed = true;
   }
-  if (failed) sender_.constructed = false;
   settings_.clear();
   const Record* end = Peek();
-  // What a host's own exception becomes isn't fixed here, but a failure it is.
+  // A look-up that throws shows nowhere but in the end.
+  if (excuses_ > 0 && end && end->result < 0) failed = true;
+  if (failed) sender_.constructed = sender_.bound = false;
+  // What a host's own exception becomes isn't fixed here, but it is a failure.
   if (failed && failure == 0 && end && end->result < 0) failure = end->result;
   Return(failure, false);
 }
@@ -63,7 +65,7 @@ void Model::Submit() {
     sender_.armed = true;
     if (sender_.bound) Call(Op::armTimer, submissionDelayMs);
   } catch (const Thrown&) {
-    // The caller isn't told.
+    // The caller never learns of it.
   } catch (const Excused&) {
   }
   Return(0, false);
@@ -83,7 +85,7 @@ zel::ResultCode Model::SetSettings() {
 zel::ResultCode Model::ReplaceSettings(const Settings& settings) {
   Snapshot made;
   for (const Row& row : settings.rows) {
-    for (const Op op : {Op::createCalculator, Op::update, Op::finish}) {
+    for (const Op op : {Op::createCalculator, Op::queryCalculator, Op::update, Op::finish}) {
       const Record& call = Call(op);
       if (call.result < 0) return call.result;
     }
@@ -154,8 +156,10 @@ void Model::Cycle() {
   }
   if (sender_.stopping) return;
   const std::uint32_t need = sender_.needToSend;
-  if (host_.trace) Take(Op::totals, need, need != 0 ? sender_.sent : any);
-  // Also where arming throws, the list doesn't live to the next cycle.
+  const Record* line = Peek();
+  const bool lost = host_.lineLost && !(line && line->op == Op::totals);
+  if (host_.trace && !lost) Take(Op::totals, need, need != 0 ? sender_.sent : any);
+  // Even if arming throws, the list doesn't live to the next cycle.
   sender_.listed = false;
   sender_.list.clear();
   if (need != 0) Arm(snapshot.sendTimeoutMs);

@@ -72,7 +72,7 @@ bool Model::VisitItems(const Snapshot& snapshot, int name, std::uint64_t reader,
     request->needToSend += static_cast<std::uint32_t>(item->size);
     if (request->tokens.size() != snapshot.packetLimit) continue;
     if (sender_.stopping) {
-      // A full packet isn't sent. Whether memory ran out behind its last item doesn't show in what follows.
+      // A full packet isn't sent. Whether memory ran out after its last item doesn't show in what follows.
       Peek();
       if (excuses_ > 0) throw Excused{};
       return false;

@@ -22,8 +22,6 @@ zel::ResultCode Producer::Push(const zel::ByteRange* data) {
   if (queue.refused) return call.Done(zel::eOutOfSpace);
   host.Put(queue, std::string(bytes));
   call.Own().d = host.lastToken;
-  // Another item than the one that was pushed.
-  if (host.lie == Lie::push && host.lastToken % 5 == 0) queue.items.back().print ^= 1;
   return call.Done(call.Planned());
 }
 
@@ -31,18 +29,14 @@ zel::ResultCode Reader::Read(zel::vector_t<std::uint8_t>* data, std::uint64_t* t
   Use();
   Call call(host, Op::read, 0, id);
   if (ended_ || data->allocator.Service())
-    host.Fail(invariant::calls, "Read behind the end, or not into the heap");
+    host.Fail(invariant::calls, "Read after the end, or not into the heap");
   StoredItem* item = call.Planned() == 0 ? Host::Next(QueueOf(host, name), position_) : nullptr;
   if (!item) {
     ended_ = true;
     return call.Done(call.Planned() ? call.Planned() : zel::eNotFound);
   }
-  if (host.lie == Lie::newestFirst) {
-    for (StoredItem& other : QueueOf(host, name).items) item = other.holder ? item : &other;
-  }
   data->assign(reinterpret_cast<const std::uint8_t*>(item->bytes.data()), item->bytes.size());
   *token = position_ = item->token;
-  if (host.lie == Lie::newestFirst) position_ = 0;
   item->holder = this;
   unsent.push_back(item->token);
   call.Own().b = item->token;
@@ -73,6 +67,7 @@ void Reader::JudgeAck(StoredQueue& queue, std::uint64_t token) {
 
 zel::ResultCode Reader::Ack(const std::uint64_t* token) {
   Use();
+  settleFailed_ = settleFailed_ || host.WillFail(Op::ack);
   Call call(host, Op::ack, 0, id, *token);
   if (call.Planned() != 0) return call.Done(call.Planned());
   StoredQueue& queue = QueueOf(host, name);
@@ -86,6 +81,7 @@ zel::ResultCode Reader::Ack(const std::uint64_t* token) {
 
 zel::ResultCode Reader::ReturnItem(const std::uint64_t* token) {
   Use();
+  settleFailed_ = settleFailed_ || host.WillFail(Op::returnItem);
   Call call(host, Op::returnItem, 0, id, *token);
   if (call.Planned() != 0) return call.Done(call.Planned());
   StoredQueue& queue = QueueOf(host, name);
@@ -98,7 +94,9 @@ zel::ResultCode Reader::ReturnItem(const std::uint64_t* token) {
 void Reader::OnEnd() {
   host.Append({.op = Op::readerEnd, .a = id});
   for (StoredItem& item : QueueOf(host, name).items) {
-    if (item.holder == this) item.holder = nullptr;
+    if (item.holder != this) continue;
+    item.holder = nullptr;
+    if (!settleFailed_) ++host.unsettled;
   }
   if (host.walking == this) host.walking = nullptr;
 }
@@ -147,7 +145,6 @@ zel::ResultCode QueueFactory::CreateAckConsumer(const zel::string& domain, const
   Call call(host, Op::createAckConsumer, 0, static_cast<std::uint64_t>(name));
   if (call.Refused()) return call.Done(call.Planned());
   *out = host.walking = host.Make<Reader>(name);
-  if (host.lie == Lie::reference && host.readers == 5) host.walking->AddRef();
   call.Own().c = host.walking->id;
   return call.Done(call.Planned());
 }

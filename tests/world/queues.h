@@ -39,6 +39,7 @@ class Reader final : public Fake<orvel::IAckConsumer> {
 
   std::uint64_t position_ = 0;
   bool ended_ = false;
+  bool settleFailed_ = false;  // an Ack or ReturnItem failed, or was to fail
 };
 
 class Manager final : public Fake<orvel::IQueueManager> {

@@ -30,6 +30,7 @@ constexpr const char* opNames[] = {"CreateProducer",
                                    "Sign",
                                    "Serialize",
                                    "CreateCalculator",
+                                   "QueryCalculator",
                                    "Update",
                                    "Finish",
                                    "QueryCertificates",
@@ -38,16 +39,19 @@ constexpr const char* opNames[] = {"CreateProducer",
                                    "GetInterface",
                                    "CreateJsonStorage",
                                    "Flush",
+                                   "AcquireBuffer",
+                                   "CommitBuffer",
                                    "(reader ends)",
                                    "(completion)",
                                    "(entry)",
                                    "(totals)",
                                    "(excuse)",
-                                   "(return)"};
-constexpr const char* entryNames[] = {"Construct", "SendStatistic", "SetSettings", "Run", "Release", "drain"};
+                                   "AnyCall"};
+constexpr const char* entryNames[] = {"Construct", "SendStatistic", "SetSettings",   "Run",
+                                      "Release",   "(drain)",       "CreateInstance"};
 constexpr const char* kindNames[] = {"restart", "submit", "settings", "advance", "gate",  "answer",
                                      "fault",   "memory", "enter",    "foreign", "settle"};
-constexpr int scriptedOps = static_cast<int>(Op::flush) + 1;
+constexpr int scriptedOps = static_cast<int>(Op::commitBuffer) + 1;
 
 template <class E>
 E Find(const std::string& name, const char* const* names, std::size_t count) {
@@ -108,7 +112,9 @@ class Generator {
     if (draw == 0) return {.kind = Kind::fault, .op = Op::isBackgroundDisabled, .b = 1 + Below(8), .c = 1};
     if (draw < 5) {
       const auto op = static_cast<Op>(Below(scriptedOps));
-      const int result = Pick({-2147483579, -2147483550, -2147483575, -1, 1, 1, throws});
+      int result = Pick({-2147483579, -2147483550, -2147483575, -1, 1, 1, throws});
+      // After a tracer that throws the model is lost; the sweep has those.
+      if (op >= Op::acquireBuffer && result == throws) result = -1;
       return {.kind = Kind::fault, .op = op, .b = 1 + Below(5), .c = result};
     }
     if (draw < 8) return {.kind = Kind::memory, .a = Below(2), .b = 1 + Below(Pick({4, 30, 200}))};
@@ -194,7 +200,7 @@ Step ReadStep(const std::string& line) {
   Step step{.kind = Find<Step::Kind>(word, kindNames, std::size(kindNames))};
   if (HasOp(step.kind)) {
     in >> word;
-    step.op = Find<Op>(word, opNames, scriptedOps);
+    step.op = Find<Op>(word, opNames, std::size(opNames));
   }
   in >> step.a >> step.b >> step.c;
   if (!in) throw std::invalid_argument("not three numbers in '" + line + "'");

@@ -2,7 +2,7 @@
 // same script always gives the same world.
 //
 // Faults, answers and entries stand in the script as steps of their own that wait for the call they are meant
-// for, so that a failing world shrinks by leaving steps out.
+// for.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace veld_report::world {
 
-// The calls that a host sees, and (from readerEnd on) what else a recording tells.
+// The calls that a host sees, and (from readerEnd on) what else a recording holds.
 enum class Op : std::uint8_t {
   createProducer,
   createAckConsumer,
@@ -33,6 +33,7 @@ enum class Op : std::uint8_t {
   sign,
   serialize,
   createCalculator,
+  queryCalculator,
   update,
   finish,
   queryCertificates,
@@ -41,17 +42,22 @@ enum class Op : std::uint8_t {
   lookUp,
   createStorage,
   flush,
+  acquireBuffer,
+  commitBuffer,
   readerEnd,  // the last reference to a reader has gone
   complete,   // the client reports to a callback
   enter,      // somebody calls the module
   totals,     // the line that ends a cycle
-  excuse,     // something failed that no call of a cycle tells: memory, or a service of the serialisation
-  returned,   // the call that `enter` tells of has ended
+  excuse,     // something failed that no call of a cycle shows: memory, a trace line, or a service of the
+              // serialisation
+  returned,   // the call that began with `enter` has ended
 };
+// In a fault: any call.
+inline constexpr Op anyOp = Op::returned;
 const char* Name(Op op);
 
 // Who calls the module.
-enum class Entry : std::uint8_t { construct, submit, settings, run, release, drain };
+enum class Entry : std::uint8_t { construct, submit, settings, run, release, drain, create };
 const char* Name(Entry entry);
 
 // A result that stands for an exception.
@@ -75,15 +81,15 @@ struct Settings {
 
 struct Step {
   enum class Kind : std::uint8_t {
-    restart,   // a: services left out (Missing), b: trace, c: seed of the walks; odd: arming an armed
-               // timer restarts it; with `settings`
+    restart,   // a: services left out (Missing), b: trace, and 2: a brief course, c: seed of the walks; odd:
+               // arming an armed timer restarts it; with `settings`
     submit,    // a: count, b: bytes each, c: consumer, 3 is one that no row has
     settings,  // `settings`
     advance,   // a: milliseconds
     gate,      // a: closed or open
     answer,    // for one coming request. a: status, or the code of a failure, 1 or negative; b: delay in
                // milliseconds, -1 for inside MakeRequestAsync; c: result of Wait
-    fault,     // at the bth call of `op` from here: result c
+    fault,     // at the bth call of `op` from here: result c; a: and at every later one
     memory,    // a: 0 host's allocator, 1 process heap; the bth allocation of the module from here gives null
     enter,     // at the bth call of `op` from here another thread comes in. a: Entry submit, settings or
                // release; c: bytes of a submission; with `settings`
@@ -98,7 +104,7 @@ struct Step {
   Settings settings{};
 };
 
-// Services that a host may lack; bits of `a` of a restart.
+// What a host may lack; bits of `a` of a restart.
 enum Missing : int {
   noTimer = 1,
   noMode = 2,
@@ -106,6 +112,7 @@ enum Missing : int {
   noNotification = 8,
   noQueues = 16,
   noHttp = 32,
+  cleanUpThrows = 64,  // Free and Release throw, their work done; the module may not notice
 };
 
 using Script = std::vector<Step>;

@@ -42,7 +42,7 @@ SenderSettings ForModule(const Settings& settings) {
 template <class Operation>
 void Sender::Perform(Entry entry, Operation&& operation) {
   host_.Append({.op = Op::enter, .a = static_cast<std::uint64_t>(entry)});
-  Record end{.op = Op::returned};
+  Record end{.op = Op::returned, .a = static_cast<std::uint64_t>(entry)};
   try {
     const Inside inside;
     end.result = operation();
@@ -55,11 +55,14 @@ void Sender::Perform(Entry entry, Operation&& operation) {
 void Sender::Create() {
   zel::Ref<zel::IObject> first;
   zel::IServiceLocator* locator = &host_.services->locator;
+  Perform(Entry::create, [&] {
+    const auto code = zelGetObjectFactory(locator, orvel::veld_report::senderClassId, first.Out());
+    if (code != 0) return code;
+    auto* factory = static_cast<zel::IObjectFactory*>(first.Get());
+    return factory->CreateInstance(locator, IVeldReportSender::iid, sender_.OutVoid());
+  });
   const Inside inside;
-  if (zelGetObjectFactory(locator, orvel::veld_report::senderClassId, first.Out()) == 0) {
-    static_cast<zel::IObjectFactory*>(first.Get())
-        ->CreateInstance(locator, IVeldReportSender::iid, sender_.OutVoid());
-  }
+  first.Reset();
   const bool excused = std::any_of(host_.recording.begin(), host_.recording.end(),
                                    [](const Record& record) { return record.op == Op::excuse; });
   if (!sender_ && !excused) host_.Fail(invariant::calls, "no sender is made");

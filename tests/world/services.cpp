@@ -1,5 +1,6 @@
 #include "tests/world/services.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -7,9 +8,10 @@
 namespace veld_report::world {
 namespace {
 
+constexpr std::uint32_t normalLevel = 700;
 constexpr std::uint64_t blockOut = 0x6b636f6c42747541;
 
-std::uint64_t NumberBehind(std::string_view line, std::string_view words) {
+std::uint64_t NumberAfter(std::string_view line, std::string_view words) {
   std::uint64_t number = 0;
   const std::size_t place = line.find(words) + words.size();
   std::from_chars(line.data() + place, line.data() + line.size(), number);
@@ -23,6 +25,8 @@ void* HostAllocator::Allocate(std::uint64_t size) {
   Use();
   if (Locks::Held() > 1) host.Fail(invariant::locks, "an allocation with more than one lock held");
   if (host.failBlock > 0 && --host.failBlock == 0) {
+    ++host.troubles;
+    host.withoutCallback = true;
     host.Excuse();
     return nullptr;
   }
@@ -41,33 +45,48 @@ void HostAllocator::Free(void* memory) {
   block[0] = 0;
   --host.blocks;
   std::free(block);
-  if (host.lie == Lie::cleanUp) throw Scripted();
+  if (host.missing & cleanUpThrows) throw Scripted();
 }
 
 zel::ResultCode Tracer::AcquireBuffer(std::uint32_t level, char** buffer, std::uint64_t size) {
   Use();
-  if (Locks::Held() != 0) host.Fail(invariant::locks, "a trace line with a lock held");
   if (!host.trace || size > buffer_.size()) return 1;
-  if (host.traced) host.traced(level);
-  if (level != growLevel) *buffer = buffer_.data();
+  Call call(host, Op::acquireBuffer, 0);
+  if (call.Planned() != 0) return call.Planned();
+  if (level != growLevel) {
+    *buffer = buffer_.data();
+    level_ = level;
+  }
   return zel::sOk;
 }
 
 zel::ResultCode Tracer::CommitBuffer(char* buffer, std::uint64_t length) {
   const Outside outside;
   Use();
-  const std::string_view line(buffer, length);
-  if (!line.starts_with("veld_rep\t") && !line.starts_with("Exception during object construction: "))
+  Call call(host, Op::commitBuffer, 0);
+  std::string_view line(buffer, length);
+  if (line.starts_with("veld_rep\t")) {
+    line.remove_prefix(9);
+  } else if (!line.starts_with("Exception during object construction: ")) {
     host.Fail(invariant::calls, "a trace line without its tag");
+  }
+  if (host.course)
+    host.Show(std::to_string(level_) + " \"" + std::string(line) + "\"", level_ == normalLevel);
+  if (line.find("Can not create callback") != line.npos) host.withoutCallback = true;
   if (line.find("Not all data were sent.") != line.npos) {
     host.Append({.op = Op::totals,
-                 .a = NumberBehind(line, "NeedToSend size = "),
-                 .b = NumberBehind(line, "Sended size = ")});
+                 .a = NumberAfter(line, "NeedToSend size = "),
+                 .b = NumberAfter(line, "Sended size = ")});
   } else if (line.find("Threre are no more data to send.") != line.npos) {
     host.Append({.op = Op::totals});
   }
-  if (host.traced) host.traced(0);
-  return zel::sOk;
+  return call.Planned();
+}
+
+zel::ResultCode Calculator::QueryInterface(zel::InterfaceId interfaceId, void** out) {
+  Call call(host, Op::queryCalculator, 0);
+  *out = nullptr;
+  return call.Done(call.Refused() ? call.Planned() : Fake::QueryInterface(interfaceId, out));
 }
 
 zel::ResultCode Calculator::Update(const zel::ByteRange* bytes) {
@@ -87,10 +106,7 @@ zel::ResultCode Calculator::Update(const zel::ByteRange* bytes) {
 zel::ResultCode Calculator::Finish(std::uint8_t* digest) {
   Use();
   Call call(host, Op::finish, 0);
-  const std::string& name = QueueName(std::max(url_, 0));
-  std::uint8_t byte = 0;
-  std::from_chars(name.data(), name.data() + 2, byte, 16);
-  std::memset(digest, byte, 16);
+  std::ranges::copy(Digest(std::max(url_, 0)), digest);
   return call.Done(call.Planned());
 }
 
@@ -105,7 +121,6 @@ zel::ResultCode HashFactory::CreateCalculator(std::uint32_t algorithm, zel::IObj
 
 zel::ResultCode Timer::ArmTimer(zel::IRunnable* sink, std::uint32_t delayMs) {
   Use();
-  if (host.lie == Lie::arming && host.running) return zel::sOk;
   Call call(host, Op::armTimer, 1, delayMs);
   if (call.Refused()) return call.Done(call.Planned());
   host.sink = sink;
@@ -127,6 +142,7 @@ zel::ResultCode Timer::CancelTimer(zel::IRunnable*) {
   if (host.running) host.park();
   host.timerDueMs = never;
   host.Append({.op = Op::enter, .a = static_cast<std::uint64_t>(Entry::drain)});
+  if (call.Planned() == throws) throw Scripted();
   return call.Planned();
 }
 
@@ -146,7 +162,7 @@ zel::ResultCode Signature::Sign(const zel::ByteRange* payload, zel::vector_t<std
   host.signedPrint = Print(text);
   host.signature = text.substr(0, text.size() % 6);
   host.signature += std::string("\xfb\xff\0", text.size() % 4 == 0 ? 0 : 3);
-  // A failing one leaves its bytes behind, too.
+  // A failing one leaves its bytes, too.
   signatureBlock->assign(reinterpret_cast<const std::uint8_t*>(host.signature.data()), host.signature.size());
   host.signed_ = !call.Refused();
   return call.Done(call.Planned());
@@ -168,15 +184,16 @@ zel::ResultCode Notification::OnRequestFinished(const orvel::RequestNotification
 
 zel::ResultCode Locator::GetInterface(zel::InterfaceId interfaceId, std::uint32_t, void** out) {
   Use();
-  if (!host.constructing) {
-    Call call(host, Op::lookUp, 0);
-    if (call.Refused()) return call.Planned();
-  }
-  const Services& all = *host.services;
-  const auto offer = [&](const auto& service, int without = 0) {
-    return (host.missing & without) == 0 &&
-           const_cast<std::remove_cvref_t<decltype(service)>&>(service).QueryInterface(interfaceId, out) ==
-               zel::sOk;
+  Call call(host, Op::lookUp, 0, interfaceId);
+  Services& all = *host.services;
+  const auto offer = [&](auto& service, int without = 0) {
+    if ((host.missing & without) != 0 || service.QueryInterface(interfaceId, out) != zel::sOk) return false;
+    if (!call.Refused()) return true;
+    // What a sender wasn't given when it was constructed it never asks for again.
+    if (host.constructing) host.missing |= without;
+    --service.references;
+    *out = nullptr;
+    return false;
   };
   // The interface of no service is 0, so the first that knows the id is the only one.
   if (interfaceId != 0 && (offer(all.allocator) || offer(all.tracer) || offer(all.json) ||
@@ -185,7 +202,7 @@ zel::ResultCode Locator::GetInterface(zel::InterfaceId interfaceId, std::uint32_
                            offer(all.signature, noSignature) || offer(all.notification, noNotification))) {
     return zel::sOk;
   }
-  return zel::eNotFound;
+  return call.Refused() ? call.Planned() : zel::eNotFound;
 }
 
 Services::Services(Host& host)

@@ -32,11 +32,13 @@ class Tracer final : public Fake<zel::ITracer> {
 
  private:
   std::vector<char> buffer_ = std::vector<char>(1 << 16);
+  std::uint32_t level_ = 0;
 };
 
 class Calculator final : public Fake<crypto::hash::IHashCalculator> {
  public:
   using Fake::Fake;
+  zel::ResultCode QueryInterface(zel::InterfaceId interfaceId, void** out) override;
   zel::ResultCode ReservedHashOperation0() override { return Reserved(); }
   zel::ResultCode Update(const zel::ByteRange* bytes) override;
   zel::ResultCode ReservedHashOperation2() override { return Reserved(); }

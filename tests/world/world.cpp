@@ -20,16 +20,20 @@ constexpr std::uint32_t settleLimitKb = 1000;
 
 class World {
  public:
-  explicit World(Lie lie) : host_(lie), model_(host_), sender_(host_, model_) {
+  explicit World(std::string* course = nullptr) : model_(host_), sender_(host_, model_) {
     host_.enter = [this](const Step& step) { EnterFromOutside(step); };
     host_.park = [] { Helper::Get().Park(); };
+    host_.course = course;
   }
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
   Outcome Run(const Script& script) {
     Outcome outcome;
-    for (; outcome.step < script.size() && !host_.Failed(); ++outcome.step) Do(script[outcome.step]);
+    for (; outcome.step < script.size() && !host_.Failed(); ++outcome.step) {
+      if (host_.course) *host_.course += courseMark + ToText({script[outcome.step]});
+      Do(script[outcome.step]);
+    }
     if (!host_.Failed()) {
       End();
     } else {
@@ -38,6 +42,7 @@ class World {
     }
     outcome.failure = host_.failure;
     outcome.cycles = cycles_;
+    outcome.troubles = host_.troubles;
     return outcome;
   }
 
@@ -70,7 +75,7 @@ class World {
         host_.plans.push_back(step);
         return;
       case Kind::memory:
-        // Without a timer nothing tells whether a submission came through.
+        // Without a timer nothing shows whether a submission came through.
         if (host_.missing & noTimer) return;
         return step.a == 0 ? static_cast<void>(host_.failBlock = step.b) : FailHeap(step.b);
       case Kind::foreign:
@@ -81,8 +86,11 @@ class World {
   }
 
   void FailHeap(int nth) {
-    Heap::FailNth(
-        nth, [](void* host) { static_cast<Host*>(host)->Excuse(); }, &host_);
+    const auto onFailure = [](void* host) {
+      ++static_cast<Host*>(host)->troubles;
+      static_cast<Host*>(host)->Excuse();
+    };
+    Heap::FailNth(nth, onFailure, &host_);
   }
   void ClearFaults() {
     host_.plans.clear();
@@ -92,10 +100,15 @@ class World {
     FailHeap(0);
   }
 
-  // Judges what the calls since the last time have told.
+  // Judges the calls since the last time.
   void Check() {
     host_.CheckLedger();
-    if (!host_.Failed()) model_.Follow();
+    // One item has no place for its token if no callback can be made, and only the trace shows that.
+    if (host_.trace && host_.unsettled > (host_.withoutCallback || host_.lineLost ? 1u : 0u))
+      host_.Fail(invariant::balance, "an item was neither acknowledged nor given back");
+    if (!host_.Failed() && !host_.unjudged) model_.Follow();
+    host_.unsettled = 0;
+    host_.withoutCallback = host_.lineLost = false;
     host_.recording.clear();
     host_.enumerated.clear();
   }
@@ -155,9 +168,9 @@ class World {
     std::srand(static_cast<unsigned>(step.c));
     host_.missing = step.a;
     host_.trace = step.b != 0;
+    host_.brief = step.b == 2;
     host_.signed_ = false;
     host_.timerRestarts = (step.c & 1) != 0;
-    if (host_.missing & noTimer) FailHeap(host_.failBlock = 0);
     host_.constructing = true;
     sender_.Create();
     if (!sender_.Exists() && !host_.Failed()) {
@@ -167,6 +180,7 @@ class World {
     }
     if (!host_.Failed()) sender_.Construct(step.settings);
     host_.constructing = false;
+    if (host_.missing & noTimer) FailHeap(host_.failBlock = 0);
     Check();
   }
 
@@ -236,28 +250,21 @@ class World {
   bool entered_ = false;
 };
 
-Outcome RunOnce(const Script& script, Lie lie) {
-  World world(lie);
-  return world.Run(script);
-}
-
 }  // namespace
 
-Outcome RunScript(const Script& script, Lie lie) {
+Outcome RunScript(const Script& script, std::string* course) {
   // What is made once a process must not count as a leak of the first world.
   Helper::Get();
-  static const bool warm = [] {
-    RunOnce({{.kind = Step::Kind::restart, .settings = {.rows = {{0, 0}}}}}, Lie::none);
-    return true;
-  }();
+  QueueName(0);
+  static const Outcome warm = World().Run({{.kind = Step::Kind::restart, .settings = {.rows = {{0, 0}}}}});
   static_cast<void>(warm);
+  // Has its block before blocks are counted.
+  if (course) course->reserve(1000);
   const std::int64_t before = Heap::LiveBlocks();
-  Outcome outcome = RunOnce(script, lie);
+  Outcome outcome = World(course).Run(script);
   if (outcome.Failed()) return outcome;
-  if (lie == Lie::memory) static_cast<void>(::operator new(1));
-  if (const std::int64_t left = Heap::LiveBlocks() - before; left != 0) {
+  if (const std::int64_t left = Heap::LiveBlocks() - before; left != 0)
     outcome.failure = {invariant::balance, std::to_string(left) + " blocks of the process heap are out"};
-  }
   return outcome;
 }
 

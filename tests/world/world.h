@@ -14,9 +14,14 @@ struct Outcome {
   Failure failure;
   std::size_t step = 0;  // at which it failed; the script's size for its end
   std::uint64_t cycles = 0;
+  std::uint64_t troubles = 0;  // faults of the script that were met
 };
 
-// Runs the script to its end or to the first failure. The same script and lie give the same outcome.
-Outcome RunScript(const Script& script, Lie lie = Lie::none);
+// Begins the lines of a course that are steps of its script.
+inline constexpr char courseMark[] = "> ";
+
+// Runs the script to its end or to the first failure. The same script gives the same outcome. `course`: gets
+// what the host sees, a line for each step, entry, call, answer and trace line.
+Outcome RunScript(const Script& script, std::string* course = nullptr);
 
 }  // namespace veld_report::world
