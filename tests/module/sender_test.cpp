@@ -1,7 +1,5 @@
 #include "tests/module/sender_test.h"
 
-#include <cstdio>
-
 namespace veld_report::tests {
 
 const char certificateBytes[16] = {};
@@ -31,39 +29,6 @@ SenderSettings MakeSettings(const Plan& plan) {
   return settings;
 }
 
-std::string Line(std::string_view text) { return "700 veld_rep\t" + std::string(text); }
-
-std::string NotAllLine(std::uint32_t needToSend, std::uint32_t sent) {
-  return Line("Not all data were sent. NeedToSend size = " + std::to_string(needToSend) +
-              ". Sended size = " + std::to_string(sent));
-}
-
-std::string CaughtLine(std::string_view function, std::string_view rest) {
-  return "300 veld_rep\t\torvel::veld_report::VeldReportSenderImpl::" + std::string(function) + "() " +
-         std::string(rest);
-}
-
-std::string SystemError(std::string_view text, ResultCode code, std::string_view place) {
-  std::string where(place);
-  if (where.find('(') == std::string::npos) {
-    where = "facade/veld_report/src/veld_report_sender(" + where + ")";
-  }
-  const char* meaning = code == someCode                 ? "Access denied"
-                        : code == zel::eInvalidArgument  ? "Invalid argument"
-                        : code == zel::eUnspecifiedError ? "Unspecified error"
-                        : code == zel::eOutOfMemory      ? "Out of memory"
-                                                         : "?";
-  char number[16];
-  std::snprintf(number, sizeof number, "0x%08x", static_cast<unsigned>(code));
-  return "SystemException - " + std::string(text) + ": " + number + " (" + meaning + "). At " + where + " ";
-}
-
-SenderTest::~SenderTest() {
-  End();
-  host.http->JoinThreads();
-  EXPECT_EQ(module.canUnload(), zel::sOk) << "objects of the module are left";
-}
-
 ResultCode Sender::Create(const ModuleLibrary& module, zel::IServiceLocator* locator) {
   zel::Ref<zel::IObject> first;
   ResultCode code = module.getObjectFactory(locator, orvel::veld_report::senderClassId, first.Out());
@@ -85,49 +50,6 @@ void Sender::End() {
   settings.Reset();
   construct.Reset();
   sender.Reset();
-}
-
-ResultCode SenderTest::Construct(const Plan& plan) {
-  if (!sender) {
-    if (const ResultCode code = Create()) return code;
-  }
-  return construct->Construct(MakeSettings(plan));
-}
-
-void SenderTest::Start(const Plan& plan, bool firstCycle) {
-  ASSERT_EQ(Construct(plan), zel::sOk);
-  if (firstCycle) Cycle();
-  Events();
-  Lines();
-  host.locator->TakeLookUps();
-}
-
-void SenderTest::Cycle() {
-  TriggerCycle();
-  Events();
-  Lines();
-  Fire();
-}
-
-void SenderTest::End() {
-  Sender::End();
-  host.timer->ForgetCancelled();
-}
-
-void SenderTest::EndRow() {
-  End();
-  script().Clear();
-  host.queues->Clear();
-}
-
-Strings SenderTest::FailureLines() {
-  Strings lines = Lines();
-  std::erase_if(lines, [](const std::string& line) { return line.starts_with("700"); });
-  return lines;
-}
-
-void SenderTest::PutItems(char queue, const Strings& items) {
-  for (const std::string& item : items) host.queues->Put(QueueName(queue), item);
 }
 
 }  // namespace veld_report::tests

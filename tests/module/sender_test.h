@@ -1,7 +1,4 @@
-// SenderTest, the fixture of the module's tests: a fake host, the built module and one sender.
-//
-// When a test ends, the last reference goes, and the test fails unless everything is back where it was: each
-// service held by the host alone, no block and no trace line out, and the module ready to be unloaded.
+// The built module, and a sender of it.
 #pragma once
 
 #include <dlfcn.h>
@@ -19,14 +16,10 @@
 namespace veld_report::tests {
 
 using fakes::HttpAnswer;
-using fakes::Script;
 using orvel::veld_report::IVeldReportSender;
 using orvel::veld_report::IVeldReportSenderConstruct;
 using orvel::veld_report::IVeldReportSenderSettings;
 using orvel::veld_report::SenderSettings;
-using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::IsEmpty;
 using zel::ResultCode;
 using Strings = std::vector<std::string>;
 
@@ -47,18 +40,6 @@ struct Plan {
 // Row i of the certificates is (certificateBytes + i, certificateBytes + i + 1).
 extern const char certificateBytes[16];
 SenderSettings MakeSettings(const Plan& plan);
-
-// A trace line of the module's, with its level and tag.
-std::string Line(std::string_view text);
-// The line that ends a cycle after which items are left.
-std::string NotAllLine(std::uint32_t needToSend, std::uint32_t sent);
-inline constexpr char noMore[] = "Threre are no more data to send. Timer for sending was cancelled";
-// The line of a caught exception that the sender's operation `function` reports.
-std::string CaughtLine(std::string_view function, std::string_view rest);
-// `rest` of such a line for a SystemException. `place`: as "orvel_tools/json_helpers(27)"; a line number
-// alone stands for the sender's own source.
-std::string SystemError(std::string_view text, ResultCode code, std::string_view place);
-inline constexpr ResultCode someCode = zel::MakeResultCode(0x80000045);  // "Access denied"
 
 // The built module, loaded once a test program, by its two exports.
 struct ModuleLibrary {
@@ -96,35 +77,6 @@ struct Sender {
   // Submits a record whose JSON is exactly `json`.
   ResultCode Send(std::string_view json, std::string_view consumer = {});
   void End();
-};
-
-class SenderTest : public testing::Test, protected Sender {
- protected:
-  ~SenderTest() override;
-
-  ResultCode Create() { return Sender::Create(module, host.locator.Get()); }
-  ResultCode Construct(const Plan& plan);  // creates it first if there is none
-  // A constructed sender, with log and trace cleared. `firstCycle`: and one cycle behind it.
-  void Start(const Plan& plan = {}, bool firstCycle = false);
-  ResultCode Set(const Plan& plan) { return settings->SetSettings(MakeSettings(plan)); }
-  // Submits a record to a consumer that no row has: it arms the timer and is dropped by the cycle.
-  void TriggerCycle() { EXPECT_EQ(Send("{}", "nobody"), zel::sOk); }
-  void Fire() { ASSERT_TRUE(host.timer->Fire()) << "no timer is armed"; }
-  // TriggerCycle and Fire, with the log cleared between.
-  void Cycle();
-  void End();
-  // Ends it and forgets all scripts and queues, for the next row of a table.
-  void EndRow();
-  void PutItems(char queue, const Strings& items);
-
-  Strings Events() { return host.world.log.Take(); }
-  Strings Events(const Strings& prefixes) { return host.world.log.TakeOnly(prefixes); }
-  Strings Lines() { return host.tracer->TakeLines(); }
-  Strings FailureLines();  // those of level 300
-  Script& script() { return host.world.script; }
-
-  const ModuleLibrary& module = ModuleLibrary::Get();
-  fakes::FakeHost host;
 };
 
 }  // namespace veld_report::tests

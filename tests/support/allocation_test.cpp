@@ -1,7 +1,7 @@
 // Every allocation of every operation of the support library fails: the caller gets the stated code or
 // exception, nothing leaks, and what the operation worked on is as it was.
 
-#include "tests/module/allocation_sweep.h"
+#include "tests/support/allocation_sweep.h"
 
 #include <functional>
 #include <iostream>

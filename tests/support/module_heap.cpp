@@ -1,4 +1,4 @@
-#include "tests/module/module_heap.h"
+#include "tests/support/module_heap.h"
 
 #include <link.h>
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tests/fakes/fake_memory.h"
-#include "tests/module/module_heap.h"
+#include "tests/support/module_heap.h"
 
 namespace veld_report::tests {
 
