@@ -77,8 +77,8 @@ int CountCycle() {
   ModuleHost host(options);
   host.queues->item.assign(200, 'x');
   for (const std::string& url : options.urls) host.queues->names.push_back(host.QueueNameOf(url));
-  for (const char* strange : {"http://a.invalid/", "http://b.invalid/"}) {
-    host.queues->names.push_back(host.QueueNameOf(strange));
+  for (const char* unknown : {"http://a.invalid/", "http://b.invalid/"}) {
+    host.queues->names.push_back(host.QueueNameOf(unknown));
   }
   return Repeat(64, [&](bool counted) {
     Opened record;

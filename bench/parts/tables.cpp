@@ -26,7 +26,7 @@ struct TableHost {
 };
 
 // `count` queue names that match no url of the table.
-std::vector<std::string> StrangeNames(std::size_t count) {
+std::vector<std::string> UnknownNames(std::size_t count) {
   std::vector<std::string> names;
   for (std::size_t i = 0; i < count; ++i) {
     names.push_back(host::QueueNameOfUrl("http://elsewhere.invalid/" + std::to_string(i)));
@@ -55,7 +55,7 @@ void CycleSnapshot(benchmark::State& state) {
 void CycleUpdateQueues(benchmark::State& state) {
   TableHost table(state);
   NullQueues& queues = *table.host.queues;
-  queues.names = StrangeNames(table.urls.size() / 2);
+  queues.names = UnknownNames(table.urls.size() / 2);
   for (std::size_t i = 0; i < table.urls.size(); i += 2) {
     queues.names.push_back(host::QueueNameOfUrl(table.urls[i]));
   }
@@ -69,7 +69,7 @@ void CycleUpdateQueues(benchmark::State& state) {
 // The walk visits as many queues as the table has rows. None of them is in the table.
 void CycleLookUps(benchmark::State& state) {
   TableHost table(state);
-  table.host.queues->names = StrangeNames(table.urls.size());
+  table.host.queues->names = UnknownNames(table.urls.size());
   MeasureCycles(
       state, [] {}, [&] { table.host.RunCycle(); });
 }

@@ -9,7 +9,7 @@
 
 namespace shop {
 
-enum class Channel : std::uint8_t { kWeb = 1, kPhone = 2 };
+enum class Channel : std::uint8_t { web = 1, phone = 2 };
 
 struct Line {
   std::string article;
@@ -46,7 +46,7 @@ int Run(const char* store, const char* url) {
                                   .retryAfter = std::chrono::seconds(1),
                                   .listener = Report});
   reporter.Send(shop::Order{.number = 4711,
-                            .channel = shop::Channel::kWeb,
+                            .channel = shop::Channel::web,
                             .lines = {{"Gewürzregal", 1, 39.9}, {"Dübel 6 mm", 20, 0.05}},
                             .voucher = std::nullopt,
                             .tags = {"new customer"},

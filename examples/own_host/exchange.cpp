@@ -118,14 +118,14 @@ class AnswerReader {
   }
   bool ReadMore() {
     char buffer[4096];
-    if (pending_.size() > mostPending) return false;
+    if (pending_.size() > maxPendingBytes) return false;
     const ssize_t received = ::recv(socket_, buffer, sizeof(buffer), 0);
     closed_ = received == 0;
     if (received > 0) pending_.append(buffer, static_cast<std::size_t>(received));
     return received > 0;
   }
 
-  static constexpr std::size_t mostPending = 65536;
+  static constexpr std::size_t maxPendingBytes = 65536;
   const int socket_;
   std::string pending_;
   bool closed_ = false;
