@@ -13,17 +13,17 @@ class CallGate {
   // Held by a call while it is inside. False if the gate is shut.
   class Pass {
    public:
-    explicit Pass(CallGate& gate) : mutex_(gate.inside_, std::defer_lock) {
+    explicit Pass(CallGate& gate) : lock_(gate.mutex_, std::defer_lock) {
       if (gate.IsShut()) return;
-      mutex_.lock();
+      lock_.lock();
       // It may have been shut meanwhile. Without the first test a steady stream of calls could keep Shut
       // waiting.
-      if (gate.IsShut()) mutex_.unlock();
+      if (gate.IsShut()) lock_.unlock();
     }
-    explicit operator bool() const { return mutex_.owns_lock(); }
+    explicit operator bool() const { return lock_.owns_lock(); }
 
    private:
-    std::shared_lock<std::shared_mutex> mutex_;
+    std::shared_lock<std::shared_mutex> lock_;
   };
 
   // For calls that stay inside for a long time: they must leave soon once this is true.
@@ -31,12 +31,12 @@ class CallGate {
   // Returns once no call is inside. Not to be called from inside.
   void Shut() {
     shut_.store(true, std::memory_order_release);
-    const std::unique_lock waitsForAll(inside_);
+    const std::unique_lock lock(mutex_);  // waits for the calls inside
   }
 
  private:
   std::atomic<bool> shut_{false};
-  std::shared_mutex inside_;
+  std::shared_mutex mutex_;  // shared by the calls inside
 };
 
 }  // namespace veld_report
