@@ -1,19 +1,19 @@
 // The sender under many threads, with everything at once.
 
+#include <gtest/gtest.h>
+
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <iostream>
-#include <map>
-#include <semaphore>
+#include <string>
 #include <thread>
 
-#include "host/base/host_object.h"
-#include "host/services/timer_service.h"
-#include "tests/module/sender_test.h"
+#include "tests/module/module_host.h"
 
 namespace veld_report::tests {
 namespace {
+
+using orvel::veld_report::SenderSettings;
 
 // The host kit's timer without the delays: 1 ms for what a cycle asks for, none for a submission.
 class PromptTimer final : public host::HostObject<zel::ITimerService> {
@@ -50,75 +50,56 @@ struct RoundTotals {
 // One sender in the hands of eight producers, one who changes settings and one who opens and closes the gate,
 // with cycles on a timer's thread and completions on threads of their own. Each of them lets its references
 // go when it is done, so the last Release, with its flush, comes from any of them.
-void LiveARound(RoundTotals* totals) {
+void LiveARound(const ModuleLibrary& module, RoundTotals* totals) {
   constexpr int producerCount = 8;
   constexpr int submissions = 40;
-  const Plan plans[] = {{.urls = {urlA, urlB}, .packetLimit = 17, .queueLimit = 1000, .sendTimeout = 2},
-                        {.urls = {urlB, urlA, urlC}, .packetLimit = 5, .queueLimit = 2000, .sendTimeout = 2}};
-  fakes::FakeHost host;
-  const auto timer = host::MakeObject<PromptTimer>();
-  for (zel::IObject*& service : host.locator->services) {
-    if (service == host.timer.Get()) service = timer.Get();
-  }
-  host.http->usual = HttpAnswer::Status(200, HttpAnswer::When::onThread);
+  const SenderSettings plans[] = {MakeSettings({u"http://a", u"http://b"}, 17),
+                                  MakeSettings({u"http://b", u"http://a"}, 5)};
+  std::vector<Answer> answers;
   for (int i = 0; i < 5; ++i) {
-    host.http->Answer(HttpAnswer::Status(500, HttpAnswer::When::onThread));
-    host.http->Answer(HttpAnswer::Status(200, HttpAnswer::When::atOnce));
-    host.http->Answer(HttpAnswer::Failure(zel::eOperationTimeout));
-    host.http->Answer(HttpAnswer::Late(zel::eOperationTimeout));
+    answers.insert(answers.end(), {Answer::refused, Answer::atOnce, Answer::failure, Answer::late});
   }
-  std::atomic<bool> closed = false;
-  host.world.script.Do(
-      "IsBackgroundDisabled", [&] { return closed ? 1 : 0; }, 1, fakes::Script::always);
+  const ModuleHost host(answers);
+  const auto timer = host::MakeObject<PromptTimer>();
+  host.locator->Register<zel::ITimerService>(timer);
 
   Sender life;
-  const ModuleLibrary& module = ModuleLibrary::Get();
   ASSERT_EQ(life.Create(module, host.locator.Get()), zel::sOk);
-  ASSERT_EQ(life.construct->Construct(MakeSettings(plans[0])), zel::sOk);
+  ASSERT_EQ(life.construct->Construct(plans[0]), zel::sOk);
   std::vector<std::thread> threads;
   for (int i = 0; i < producerCount; ++i) {
     threads.emplace_back([own = life, &timer]() mutable {
       for (int n = 0; n < submissions; ++n) {
-        EXPECT_EQ(own.Send("{\"n\":" + std::to_string(n) + "}"), zel::sOk);
+        EXPECT_EQ(own.Send(std::to_string(n)), zel::sOk);
         if (n % 10 == 0) LetACycleBegin(*timer);
       }
-      own.End();
+      own = {};
     });
   }
   threads.emplace_back([own = life, &plans, &timer]() mutable {
     for (int n = 0; n < 6; ++n) {
-      EXPECT_EQ(own.settings->SetSettings(MakeSettings(plans[n % 2])), zel::sOk);
+      EXPECT_EQ(own.settings->SetSettings(plans[n % 2]), zel::sOk);
       LetACycleBegin(*timer);
     }
-    own.End();
+    own = {};
   });
-  threads.emplace_back([own = life, &closed, &timer]() mutable {
+  threads.emplace_back([own = life, &host, &timer]() mutable {
     for (int n = 0; n < 10; ++n) {
-      closed = !closed;
+      host.mode->AllowBackground(n % 2 != 0);
       LetACycleBegin(*timer);
     }
-    own.End();
+    own = {};
   });
-  life.End();
+  life = {};
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(timer->cancelled, 1) << "of many releases exactly one is the last";
-  host.http->CompleteOpen();
+  host.client->Finish();
   EXPECT_EQ(module.canUnload(), zel::sOk);
 
-  std::map<char, std::size_t> pushed;   // by queue
-  std::map<std::string, char> queueOf;  // by token
-  std::map<char, std::size_t> acknowledged;
-  for (const std::string& event : host.world.log.Take()) {
-    const std::string token = event.substr(event.rfind(' ') + 1);
-    if (event.starts_with("Push 0")) ++pushed[event[6]];
-    if (event.starts_with("Read 0")) queueOf[token] = event[6];
-    if (event.starts_with("Ack ")) ++acknowledged[queueOf[token]];
-    totals->requests += event.starts_with("MakeRequest");
-  }
-  for (const char queue : {'a', 'b'}) {
-    EXPECT_EQ(pushed[queue], 1u * producerCount * submissions) << "by a cycle or by the last flush";
-    EXPECT_EQ(acknowledged[queue] + host.queues->Items(QueueName(queue)).size(), pushed[queue]);
-  }
+  const own_host::MemoryQueues::Counts counts = host.queues->Count();
+  EXPECT_EQ(counts.accepted, 2u * producerCount * submissions) << "by a cycle or by the last flush";
+  EXPECT_EQ(counts.waiting + host.client->DeliveredItems(), counts.accepted);
+  totals->requests += host.client->Requests();
   totals->cycles += timer->Cycles();
 }
 
@@ -127,11 +108,12 @@ TEST(ThreadRounds, EverythingAtOnceLosesNothing) {
   const char* const wanted = std::getenv("VELD_ROUNDS");
   const int rounds = wanted ? std::atoi(wanted) : 50;
   ASSERT_GT(rounds, 0);
+  const ModuleLibrary module;
   RoundTotals totals;
   int round = 0;
   while (round < rounds && !testing::Test::HasFailure()) {
     SCOPED_TRACE("round " + std::to_string(++round));
-    LiveARound(&totals);
+    LiveARound(module, &totals);
   }
   std::cout << "rounds " << round << ", cycles " << totals.cycles << ", requests " << totals.requests
             << ", failures " << testing::Test::HasFailure() << std::endl;

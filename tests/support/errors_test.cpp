@@ -4,8 +4,9 @@
 #include <string>
 
 #include "gmock/gmock.h"
-#include "tests/fakes/fake_host.h"
+#include "host/services/service_locator.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/support_host.h"
 #include "zel/rtl/error_handling/exception_conversion.h"
 #include "zel/rtl/error_handling/exceptions.h"
 #include "zel/rtl/error_handling/result_code_texts.h"
@@ -112,38 +113,37 @@ ResultCode Converted(const std::function<void()>& raise, Convert&& convert) {
 TEST(ExceptionConversion, FollowsItsTwoTables) {
   for (const Conversion& c : Conversions()) {
     SCOPED_TRACE(c.name);
-    fakes::FakeHost host;
+    const auto tracer = MakeObject<TestTracer>();
+    const auto locator = MakeObject<host::ServiceLocator>();
+    locator->Register<zel::ITracer>(tracer);
     const std::string head = "300 veld_rep\t\tf() ";
     const auto report = [&](auto* from) {
       return Converted(c.raise, [&] { return zel::ReportCaughtException(from, "f"); });
     };
-    EXPECT_EQ(report(host.tracer.Get()), c.reported);
-    EXPECT_EQ(report(host.locator.Get()), c.reported);
-    EXPECT_THAT(host.tracer->TakeLines(), ElementsAre(head + c.reportedLine, head + c.reportedLine));
-    host.locator->LackNth(zel::ITracer::iid, 1);
-    EXPECT_EQ(report(host.locator.Get()), c.reported) << "a locator without a tracer";
+    EXPECT_EQ(report(tracer.Get()), c.reported);
+    EXPECT_EQ(report(locator.Get()), c.reported);
+    EXPECT_THAT(tracer->TakeLines(), ElementsAre(head + c.reportedLine, head + c.reportedLine));
+    EXPECT_EQ(report(MakeObject<host::ServiceLocator>().Get()), c.reported) << "a locator without a tracer";
 
     const auto convert = [&](auto&& conversion) { return Converted(c.raise, conversion); };
     EXPECT_EQ(convert([&] { return zel::ExceptionToResultCode(); }), c.converted);
     EXPECT_EQ(convert([&] {
-                return zel::TraceExceptionToResultCode({host.tracer.Get(), nullptr, 700});
+                return zel::TraceExceptionToResultCode({tracer.Get(), nullptr, 700});
               }),
               c.converted);
-    EXPECT_EQ(convert([&] { return zel::ConstructionExceptionToResultCode(host.locator.Get()); }),
-              c.converted);
+    EXPECT_EQ(convert([&] { return zel::ConstructionExceptionToResultCode(locator.Get()); }), c.converted);
     if (c.convertedLine) {
-      EXPECT_THAT(host.tracer->TakeLines(),
+      EXPECT_THAT(tracer->TakeLines(),
                   ElementsAre("700 " + *c.convertedLine,
                               "300 Exception during object construction: " + *c.convertedLine));
     } else {
-      EXPECT_THAT(host.tracer->TakeLines(), IsEmpty());
+      EXPECT_THAT(tracer->TakeLines(), IsEmpty());
     }
   }
 }
 
 TEST(ExceptionConversion, DisplayTextThatTheLocaleLacksIsReplaced) {
-  fakes::FakeWorld world;
-  const auto tracer = fakes::MakeFake<fakes::FakeTracer>(world);
+  const auto tracer = MakeObject<TestTracer>();
   const auto raise = [] {
     zel::SystemException exception({"p", 1}, zel::eNotFound, wstring(u"caf\u00e9"));
     exception.nested.reset(zel::SystemException({"q", 2}, zel::eNotReady, wstring(u"inner")).Clone());
@@ -160,8 +160,7 @@ TEST(ExceptionConversion, DisplayTextThatTheLocaleLacksIsReplaced) {
 }
 
 TEST(ExceptionConversion, FailureOfTheDisplayTextCommitsTheLineAndLeaves) {
-  fakes::FakeWorld world;
-  const auto tracer = fakes::MakeFake<fakes::FakeTracer>(world);
+  const auto tracer = MakeObject<TestTracer>();
   const LocaleScope locale("C");
   const auto raise = [] { throw zel::SystemException({"\xff", 1}, zel::eNotFound, wstring()); };
   EXPECT_THROW(Converted(raise, [&] { return zel::ReportCaughtException(tracer.Get(), "f"); }),

@@ -3,12 +3,10 @@
 #include <string>
 
 #include "gtest/gtest.h"
-#include "tests/fakes/fake_memory.h"
 
 namespace veld_report::tests {
 namespace {
 
-using fakes::FakeAllocator;
 using zel::string;
 
 const std::string longText = "a text that is too long for the buffer inside";
@@ -51,43 +49,6 @@ TEST(String, AppendsAndInsertsPiecesOfItself) {
     changed.assign(changed.data + 4, text.size());
     ExpectText<char>(changed, text);
     ExpectText<char>(zel::types::Prepend("in front of ", string(text)), "in front of " + text);
-  }
-}
-
-TEST(String, CopiesMovesAndSwapsFollowTheAllocator) {
-  fakes::FakeWorld world;
-  const auto one = fakes::MakeFake<FakeAllocator>(world), two = fakes::MakeFake<FakeAllocator>(world);
-  for (const std::string& text : {std::string("inline"), longText}) {
-    const string source(std::string_view(text), one.Get());
-    string copy(source);
-    EXPECT_EQ(copy.allocator.Service(), one.Get());
-    const char* buffer = copy.data;
-    copy = string("same", one.Get());
-    EXPECT_EQ(copy.data == buffer, text != longText) << "a block moves over";
-
-    string target(std::string_view(longText), two.Get());
-    target = source;
-    ExpectText<char>(target, text);
-    EXPECT_EQ(target.allocator.Service(), one.Get());
-    EXPECT_EQ(two->LiveBlocks(), 0u);
-    EXPECT_EQ(two->References(), 1u);
-
-    buffer = target.data;
-    string moved(std::move(target));
-    ExpectText<char>(moved, text);
-    ExpectText<char>(target, "");
-    EXPECT_EQ(moved.data == buffer, text == longText);
-    string& self = moved;
-    moved = std::move(self);
-    moved = self;
-    ExpectText<char>(moved, text);
-
-    string left("left");
-    left.swap(moved);
-    ExpectText<char>(left, text);
-    ExpectText<char>(moved, "left");
-    EXPECT_EQ(left.allocator.Service(), one.Get());
-    EXPECT_EQ(moved.allocator.Service(), nullptr);
   }
 }
 

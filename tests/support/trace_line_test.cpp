@@ -3,7 +3,7 @@
 #include <string>
 
 #include "gmock/gmock.h"
-#include "tests/fakes/fake_tracer.h"
+#include "tests/support/support_host.h"
 #include "trace/trace_stream.h"
 
 namespace veld_report::tests {
@@ -20,8 +20,7 @@ class TraceLineTest : public testing::Test {
     return tracer->TakeLines();
   }
 
-  fakes::FakeWorld world;
-  const zel::Ref<fakes::FakeTracer> tracer = fakes::MakeFake<fakes::FakeTracer>(world);
+  const zel::Ref<TestTracer> tracer = MakeObject<TestTracer>();
 };
 
 TEST_F(TraceLineTest, OneWhoseLevelIsOffCostsOneCall) {
@@ -31,7 +30,7 @@ TEST_F(TraceLineTest, OneWhoseLevelIsOffCostsOneCall) {
     tracer->refusal = refusal;
     EXPECT_THAT(Write("text"), IsEmpty());
     EXPECT_THAT(tracer->TakeAsked(), ElementsAre("700 512"));
-    EXPECT_EQ(tracer->References(), 1u) << "no line holds it";
+    EXPECT_EQ(References(*tracer), 1u) << "no line holds it";
   }
 }
 

@@ -1,21 +1,14 @@
 #include "types/vector.h"
 
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include "gmock/gmock.h"
-#include "tests/fakes/fake_memory.h"
-#include "types/basic_string.h"
 
 namespace veld_report::tests {
 namespace {
 
-using zel::string;
-using Texts = zel::vector_t<string>;
 using testing::ElementsAre;
-
-const std::string longText = "a text that is too long for the buffer inside";
 
 // Notes what is destroyed, and throws when one default construction or copy too many is made.
 struct Fragile {
@@ -49,31 +42,6 @@ TEST(Vector, GrowsFromItsSizeAndNotFromItsCapacity) {
   EXPECT_EQ(numbers.capacity(), 22u);
   const zel::vector_t<int> copy(numbers);
   EXPECT_EQ(copy.capacity(), 12u) << "a copy is exact";
-}
-
-TEST(Vector, CopiesAndMovesFollowTheAllocator) {
-  fakes::FakeWorld world;
-  const auto one = fakes::MakeFake<fakes::FakeAllocator>(world);
-  const auto two = fakes::MakeFake<fakes::FakeAllocator>(world);
-  Texts source(one.Get());
-  source.push_back(string(longText.c_str(), two.Get()));
-  source.push_back(source[0]);  // a piece of itself, while it grows
-  EXPECT_EQ(source[1].View(), longText);
-  EXPECT_EQ(source[1].allocator.Service(), two.Get()) << "an element keeps that of what it is copied from";
-  EXPECT_EQ(one->LiveBlocks(), 1u);
-
-  Texts target(two.Get());
-  target.push_back(string("old"));
-  target = source;
-  EXPECT_EQ(target.allocator.Service(), one.Get());
-  Texts& self = target;
-  target = self;
-  EXPECT_EQ(target.size(), 2u);
-  const string* block = target.first;
-  const Texts moved(std::move(target));
-  EXPECT_EQ(moved.first, block);
-  target.push_back(string("usable again"));
-  EXPECT_EQ(target.size(), 1u);
 }
 
 TEST(Vector, ElementThatThrowsLeavesEverythingInPlace) {
