@@ -115,7 +115,7 @@ void RunHost::Submit(std::uint64_t from, std::uint64_t to) {
     }
     if (++unnoted < lookEvery) continue;
     while (look() >= options_.pending && options_.pending != 0) {
-      kit_->Timer().FireNow();
+      kit_->BeginDrain();
       std::this_thread::sleep_for(100us);
     }
   }
@@ -128,16 +128,10 @@ void RunHost::NotePending(std::uint64_t pending) {
   }
 }
 
-void RunHost::BeginCycle() {
-  kit_->TriggerCycle();
-  kit_->Timer().FireNow();
-}
+void RunHost::BeginCycle() { kit_->BeginDrain(); }
 
 void RunHost::RunCycle() {
-  const std::uint64_t before = kit_->Timer().RunsStarted();
-  BeginCycle();
-  if (!kit_->Timer().WaitForRun(before,
-                                std::chrono::steady_clock::now() + std::chrono::seconds(options_.timeoutS))) {
+  if (!kit_->RunCycle(std::chrono::steady_clock::now() + std::chrono::seconds(options_.timeoutS))) {
     throw std::runtime_error("a cycle doesn't end");
   }
 }
@@ -147,6 +141,7 @@ void RunHost::WaitUntil(const std::function<bool()>& done) {
   while (!done()) {
     if (std::chrono::steady_clock::now() > deadline)
       throw std::runtime_error("the time for this run is over");
+    kit_->DrainTimer().FireNow();
     kit_->Timer().FireNow();
     std::this_thread::sleep_for(1ms);
   }

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <mutex>
 
-#include "host/kit/memory_meter.h"
 #include "host/queue/queue_service.h"
 #include "tests/common/waiting.h"
 #include "tests/host/reporter_test_tools.h"
@@ -70,38 +69,6 @@ TEST_F(Sending, FlushToStoreWaitsForTheFileAndForNoAnswer) {
   EXPECT_EQ(beside->TotalWaiting().items, 2);
   reporter.Close(seconds(0));
   EXPECT_FALSE(reporter.FlushToStore(seconds(20)));
-}
-
-TEST_F(Sending, RoomComesWithTheDrainNotTheEndOfTheCycle) {
-  constexpr std::uint64_t limit = 10;
-  tests::ScriptedServer silent(NeverAnswers);
-  host::HostKitOptions options;
-  options.modulePath = VELD_MODULE_PATH;
-  options.queues.folder = Path("store");
-  options.settings.endpoints = {{.url = silent.Url()}};
-  host::HostKit kit(options);
-  host::MemoryMeter meter(kit, limit);
-  const auto fill = [&] {
-    for (std::uint64_t i = 0; i < limit; ++i) meter.Add();
-  };
-  const auto soon = [] { return steady_clock::now() + seconds(20); };
-
-  // A full memory has a cycle begin also where no timer is armed for one.
-  fill();
-  EXPECT_FALSE(meter.HasRoom());
-  ASSERT_TRUE(kit.Timer().WaitForRun(0, soon()));
-  EXPECT_TRUE(meter.HasRoom());
-
-  fill();
-  EXPECT_EQ(meter.InMemory(), limit);
-  const std::uint64_t runs = kit.Timer().RunsStarted();
-  kit.SubmitJson("", "1");
-  kit.BeginCycle();
-  ASSERT_TRUE(kit.Drains().WaitForDrain(runs, soon()));
-  EXPECT_TRUE(meter.HasRoom());
-  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
-  // The cycle is still at it.
-  EXPECT_FALSE(kit.Timer().WaitForRun(runs, {}));
 }
 
 // One endpoint works and one doesn't: the flush must not be content with the half of it.

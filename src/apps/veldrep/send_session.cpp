@@ -48,7 +48,7 @@ void SendSession::TriggerCycle() {
   RunSoon();
 }
 
-void SendSession::RunSoon() { kit_->Timer().FireNow(); }
+void SendSession::RunSoon() { kit_->BeginDrain(); }
 
 void SendSession::OnRequestFinished(const FinishedRequest& request) {
   // A request that was cancelled by the end of the session isn't a failure of its server.

@@ -80,15 +80,18 @@ void HttpEngine::Loop() {
 
 void HttpEngine::Perform(CURLM* multi) {
   bool failed = false;
-  bool allowed = false;
-  {
+  for (bool done = false; !done; EndCancelled()) {
     const RequestGate::Pass pass(shared_->gate);
-    allowed = static_cast<bool>(pass);
+    done = true;
+    for (const auto& [handle, transfer] : transfers_) {
+      if (pass.Holds(transfer->Request().Admission())) continue;
+      transfer->Request().SetAdmission(std::nullopt);
+      done = false;
+    }
     int running = 0;
-    if (allowed) failed = curl_multi_perform(multi, &running) != CURLM_OK;
+    if (done) failed = curl_multi_perform(multi, &running) != CURLM_OK;
   }
   EndDone();
-  if (!allowed) EndAll(LocalFailure(zel::eOperationCancelled));
   // Most likely out of memory. libcurl goes on with what it had half built, and may divide by a zero in it
   // (7.88 does that for a table of sockets). So everything in flight must end here.
   if (failed) EndAll(LocalFailure(zel::eOutOfMemory));
@@ -112,6 +115,7 @@ void HttpEngine::Wake() {
 }
 
 zel::ResultCode HttpEngine::Submit(zel::Ref<HttpRequest> request) {
+  request->SetAdmission(shared_->gate.Admit());
   const std::lock_guard lock(mutex_);
   if (stopped_) return zel::eInvalidState;
   incoming_.push_back(std::move(request));

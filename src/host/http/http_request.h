@@ -3,8 +3,10 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,12 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
 
   // For the engine. From submission on, the content's body and callback are for the engine's thread only.
   const Content& GetContent() const { return content_; }
+  // Of the factory's gate; none: it was shut, and the request ends as cancelled.
+  void SetAdmission(std::optional<std::uint64_t> admission) {
+    admission_ = admission.value_or(0);
+    if (!admission) cancelled_.store(true, std::memory_order_release);
+  }
+  std::uint64_t Admission() const { return admission_; }
   bool IsCancelled() const { return cancelled_.load(std::memory_order_acquire); }
   // Calls the completion, releases body and callback, and then wakes the waiters. Called once. Returns false
   // if the completion threw.
@@ -45,6 +53,7 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
   Content content_;
   const std::shared_ptr<HttpEngine> engine_;
   std::atomic<bool> cancelled_ = false;
+  std::uint64_t admission_ = 0;
 
   std::mutex mutex_;  // guards the two members below
   std::condition_variable changed_;

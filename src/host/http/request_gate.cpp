@@ -8,7 +8,13 @@ void RequestGate::Allow(bool allowed) {
   const std::lock_guard lock(mutex_);
   open_ = allowed;
   if (allowed) return;
+  ++shuts_;
   for (HttpEngine* engine : engines_) engine->Wake();
+}
+
+std::optional<std::uint64_t> RequestGate::Admit() {
+  const std::lock_guard lock(mutex_);
+  return open_ ? std::optional(shuts_) : std::nullopt;
 }
 
 void RequestGate::Add(HttpEngine* engine) {

@@ -5,7 +5,9 @@
 // about to start.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace veld_report::host {
@@ -15,26 +17,31 @@ class HttpEngine;
 // Threads: any.
 class RequestGate {
  public:
-  // Held by an engine around libcurl's work. False if the gate is shut: then everything in flight must end.
+  // Held by an engine around libcurl's work.
   class Pass {
    public:
-    explicit Pass(RequestGate& gate) : lock_(gate.mutex_), open_(gate.open_) {}
-    explicit operator bool() const { return open_; }
+    explicit Pass(RequestGate& gate) : lock_(gate.mutex_), shuts_(gate.shuts_) {}
+    // Whether a request with this admission may go on.
+    bool Holds(std::uint64_t admission) const { return admission == shuts_; }
 
    private:
     const std::lock_guard<std::mutex> lock_;
-    const bool open_;
+    const std::uint64_t shuts_;
   };
 
+  // The admission of a request that begins; none while the gate is shut. Shutting it ends all admissions,
+  // also if it opens again before an engine has looked.
+  std::optional<std::uint64_t> Admit();
   // Opens or shuts the gate. Waits for no server and no completion.
   void Allow(bool allowed);
-  // Adds an engine, which is woken when the gate shuts.
+  // Engines are woken when the gate shuts.
   void Add(HttpEngine* engine);
   void Remove(HttpEngine* engine);
 
  private:
-  std::mutex mutex_;  // guards both; held while libcurl works and engines are woken
+  std::mutex mutex_;  // guards the members below; held across libcurl's work and the wake-up of engines
   bool open_ = true;
+  std::uint64_t shuts_ = 0;
   std::vector<HttpEngine*> engines_;
 };
 

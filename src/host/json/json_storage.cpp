@@ -51,6 +51,7 @@ class JsonStorage final : public HostObject<zel::IStorage, IJsonTextAccess> {
   explicit JsonStorage(zel::Ref<zel::IIO> stream) : writer_(std::move(stream)) {}
 
   JsonTextWriter* BeginValue() override { return std::exchange(begun_, true) ? nullptr : &writer_; }
+  std::uint64_t TextBytes() const override { return writer_.Bytes(); }
 
   zel::ResultCode Flush() override {
     return Guarded([&] { return writer_.Flush(); });

@@ -15,6 +15,8 @@ class IJsonTextAccess : public zel::IObject {
   // The writer for the storage's one value. Null from the second call on, since a text holds one value. Owned
   // by the storage.
   virtual JsonTextWriter* BeginValue() = 0;
+  // The length of the text so far.
+  virtual std::uint64_t TextBytes() const = 0;
 
  protected:
   ~IJsonTextAccess() = default;

@@ -82,6 +82,7 @@ void JsonTextWriter::WriteThrough(std::string_view text) {
     } else if (written != count) {
       Fail(zel::eOutOfSpace);
     }
+    passedOn_ += count;
     text.remove_prefix(count);
   }
 }

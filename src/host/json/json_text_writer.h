@@ -50,6 +50,8 @@ class JsonTextWriter {
   // Writes the buffer to the stream. Returns the first failure, or 0.
   zel::ResultCode Flush();
 
+  // How many bytes the text has so far.
+  std::uint64_t Bytes() const { return passedOn_ + used_; }
   // The stream's code if a Write failed, 0x80000062 "Out of space" if it took fewer bytes than given, the
   // argument of Fail, or 0.
   zel::ResultCode Failure() const { return failure_; }
@@ -63,8 +65,9 @@ class JsonTextWriter {
   zel::Ref<zel::IIO> stream_;
   zel::ResultCode failure_ = zel::sOk;
   std::size_t used_ = 0;
+  std::uint64_t passedOn_ = 0;  // to the stream
   // The largest buffer with which the heap still serves a storage without a search.
-  std::array<char, 896> buffer_;
+  std::array<char, 888> buffer_;
 };
 
 }  // namespace veld_report::host

@@ -4,19 +4,20 @@
 
 namespace veld_report::host {
 
-DrainWatch::DrainWatch(zel::Ref<orvel::IExecutionModeProvider> mode, zel::Ref<TimerService> timer)
-    : mode_(std::move(mode)), timer_(std::move(timer)) {}
+DrainWatch::DrainWatch(zel::Ref<TimerService> timer, std::function<void()> onDrained)
+    : timer_(std::move(timer)), onDrained_(std::move(onDrained)) {}
 
 std::uint32_t DrainWatch::IsBackgroundDisabled() {
-  // First of all: a thread that waits for the drain may change the mode back as soon as it is noted.
-  const std::uint32_t disabled = mode_->IsBackgroundDisabled();
-  const std::uint64_t run = timer_->RunsStarted();  // the Run that asks; there is only one at a time
-  const std::lock_guard lock(mutex_);
-  if (run > lastDrained_) {
-    lastDrained_ = run;
-    drained_.notify_all();
+  if (HasDrainedInThisRun()) return 0;
+  try {
+    onDrained_();
+  } catch (...) {
+    // What was drained waits for the next drain or the next retry.
   }
-  return disabled;
+  const std::lock_guard lock(mutex_);
+  lastDrained_ = timer_->RunsStarted();  // the Run that asks; there is only one at a time
+  drained_.notify_all();
+  return 0;
 }
 
 std::uint64_t DrainWatch::LastDrained() const {

@@ -3,12 +3,12 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/base/code_text.h"
-#include "host/base/text.h"
 #include "host/json/json_record.h"
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
 #include "host/kit/module_path.h"
+#include "host/kit/no_http.h"
+#include "host/kit/queue_views.h"
 #include "host/kit/settings_builder.h"
 #include "host/services/function_notification.h"
 #include "host/services/hash_service.h"
@@ -16,14 +16,6 @@
 
 namespace veld_report::host {
 namespace {
-
-using orvel::veld_report::IVeldReportSender;
-using orvel::veld_report::IVeldReportSenderConstruct;
-using orvel::veld_report::IVeldReportSenderSettings;
-
-void Require(zel::ResultCode code, const char* what) {
-  if (zel::Failed(code)) throw std::runtime_error(std::string(what) + ": " + CodeText(code));
-}
 
 zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<LineTracer>& tracer) {
   options.tracer = tracer;
@@ -90,13 +82,18 @@ HostKit::HostKit(const HostKitOptions& options)
       backoff_(std::make_shared<BackoffRelay>()),
       http_(MakeHttp(options.http, tracer_, backoff_)),
       timer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
+      drainTimer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
       mode_(MakeObject<ExecutionMode>()),
-      drains_(MakeObject<DrainWatch>(mode_, timer_)),
-      locator_(MakeObject<ServiceLocator>()) {
+      drains_(MakeObject<DrainWatch>(drainTimer_,
+                                     [this] {
+                                       if (IsSendingAllowed()) BeginCycle();
+                                     })),
+      locator_(MakeObject<ServiceLocator>()),
+      intakeLocator_(MakeObject<ServiceLocator>()) {
   backoff_->SetTimer(timer_.Get());
   try {
     RegisterServices(options);
-    MakeSender(options);
+    MakeSenders(options);
   } catch (...) {
     Close();
     throw;
@@ -106,51 +103,47 @@ HostKit::HostKit(const HostKitOptions& options)
 HostKit::~HostKit() { Close(); }
 
 void HostKit::RegisterServices(const HostKitOptions& options) {
-  ServiceLocator& locator = *locator_;
-  locator.Register<zel::IAllocator>(allocator_);
-  locator.Register<zel::ITracer>(tracer_);
-  locator.Register<crypto::hash::IHashCalculatorFactory>(MakeObject<HashService>());
-  const zel::Ref<orvel::IQueueFactory> queues(queues_);
-  locator.Register<orvel::IQueueFactory>(options.wrapQueues ? options.wrapQueues(queues) : queues);
-  locator.Register<network_services::IHttpClientFactory>(http_);
-  locator.Register<zel::ITimerService>(timer_);
-  locator.Register<orvel::IExecutionModeProvider>(drains_);
-  locator.Register<zel::IJsonStorageFactory>(CreateJsonStorageFactory());
-  locator.Register<zel::IStorageSerializer2>(CreateWatchedSerializer(CreateSerializer()));
-  locator.Register<orvel::IRequestsNotification>(
-      MakeObject<FunctionNotification>(WatchRequests(http_, urlStates_, options.onRequestFinished)));
-  if (!options.signingKeyFile.empty()) {
-    locator.Register<orvel::ISignatureProvider>(
-        MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(options.signingKeyFile)));
+  const auto hashes = MakeObject<HashService>();
+  const auto storages = CreateJsonStorageFactory();
+  const auto serializer = CreateWatchedSerializer(CreateSerializer());
+  const auto notification =
+      MakeObject<FunctionNotification>(WatchRequests(http_, urlStates_, options.onRequestFinished));
+  for (ServiceLocator* locator : {locator_.Get(), intakeLocator_.Get()}) {
+    locator->Register<zel::IAllocator>(allocator_);
+    locator->Register<zel::ITracer>(tracer_);
+    locator->Register<crypto::hash::IHashCalculatorFactory>(hashes);
+    locator->Register<zel::IJsonStorageFactory>(storages);
+    locator->Register<zel::IStorageSerializer2>(serializer);
+    locator->Register<orvel::IRequestsNotification>(notification);
   }
+  zel::Ref<orvel::IQueueFactory> queues(queues_);
+  if (options.wrapQueues) queues = options.wrapQueues(queues);
+  intakeLocator_->Register<orvel::IQueueFactory>(QueuesToFill(queues, drains_));
+  intakeLocator_->Register<network_services::IHttpClientFactory>(CreateNoHttp());
+  intakeLocator_->Register<zel::ITimerService>(drainTimer_);
+  intakeLocator_->Register<orvel::IExecutionModeProvider>(drains_);
+  locator_->Register<orvel::IQueueFactory>(QueuesToEmpty(queues));
+  locator_->Register<network_services::IHttpClientFactory>(http_);
+  locator_->Register<zel::ITimerService>(timer_);
+  locator_->Register<orvel::IExecutionModeProvider>(mode_);
+  if (options.signingKeyFile.empty()) return;
+  const auto signer = MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(options.signingKeyFile));
+  locator_->Register<orvel::ISignatureProvider>(signer);
+  intakeLocator_->Register<orvel::ISignatureProvider>(signer);
 }
 
-void HostKit::MakeSender(const HostKitOptions& options) {
-  const BuiltSettings settings(options.settings);
+void HostKit::MakeSenders(const HostKitOptions& options) {
+  settings_ = std::make_unique<const BuiltSettings>(options.settings);
   module_ = std::make_unique<LoadedModule>(options.modulePath.empty() ? FindModule() : options.modulePath);
-  const auto factory = module_->MakeFactory(locator_.Get());
-  zel::Ref<IVeldReportSender> sender;
-  Require(factory->CreateInstance(locator_.Get(), IVeldReportSender::iid, sender.OutVoid()),
-          "module: the sender can't be created");
-  zel::Ref<IVeldReportSenderConstruct> construct;
-  Require(sender->QueryInterface(IVeldReportSenderConstruct::iid, construct.OutVoid()),
-          "module: the sender can't be constructed");
-  Require(sender->QueryInterface(IVeldReportSenderSettings::iid, senderSettings_.OutVoid()),
-          "module: the sender takes no settings");
   const std::lock_guard lock(settingsMutex_);
-  http_->AnnounceUrls(settings.Urls());
-  Require(construct->Construct(settings.Record()), "module: the sender refuses its services or settings");
-  urlStates_->SetUrls(settings.Urls());
-  sender_ = std::move(sender);
+  http_->AnnounceUrls(settings_->Urls());
+  delivery_ = std::make_unique<ModuleSender>(*module_, *locator_, settings_->Record());
+  intake_ = std::make_unique<ModuleSender>(*module_, *intakeLocator_, settings_->Record());
+  urlStates_->SetUrls(settings_->Urls());
 }
 
 Submission HostKit::Submit(std::string_view consumer, const zel::AnyPtr& record) {
-  if (!sender_) return {zel::eNotInitialized};
-  const zel::string name = ToNarrow(consumer);
-  SubmissionWatch watch;
-  const zel::ResultCode code = sender_->SendStatistic(name, record);
-  if (zel::Failed(code)) return {code};
-  return watch.Take();
+  return intake_ ? intake_->Submit(consumer, record) : Submission{zel::eNotInitialized};
 }
 
 Submission HostKit::SubmitJson(std::string_view consumer, std::string_view text) {
@@ -158,11 +151,27 @@ Submission HostKit::SubmitJson(std::string_view consumer, std::string_view text)
   return Submit(consumer, record.AsAny());
 }
 
-void HostKit::TriggerCycle() { SubmitJson(triggerConsumer, "{}"); }
+void HostKit::TriggerCycle() {
+  if (intake_) intake_->Trigger();
+}
+
+void HostKit::BeginDrain() {
+  if (!drainTimer_->IsArmed()) TriggerCycle();
+  drainTimer_->FireNow();
+}
 
 void HostKit::BeginCycle() {
-  if (!timer_->IsArmed()) TriggerCycle();
+  if (!timer_->IsArmed() && delivery_) delivery_->Trigger();
   timer_->FireNow();
+}
+
+bool HostKit::RunCycle(std::chrono::steady_clock::time_point deadline) {
+  const std::uint64_t drain = drainTimer_->RunsStarted();
+  BeginDrain();
+  if (!drains_->WaitForDrain(drain, deadline)) return false;
+  const std::uint64_t cycle = timer_->RunsStarted();
+  BeginCycle();
+  return timer_->WaitForRun(cycle, deadline);
 }
 
 void HostKit::AllowSending(bool allowed) noexcept {
@@ -179,27 +188,38 @@ void HostKit::AllowSending(bool allowed) noexcept {
 }
 
 void HostKit::SetSettings(const KitSettings& settings) {
-  const BuiltSettings built(settings);
+  auto built = std::make_unique<const BuiltSettings>(settings);
   const std::lock_guard lock(settingsMutex_);
-  if (!senderSettings_) throw std::runtime_error("settings: the sender is closed");
-  http_->AnnounceUrls(built.Urls());
-  Require(senderSettings_->SetSettings(built.Record()), "settings: the sender refuses them");
-  urlStates_->SetUrls(built.Urls());
+  if (!intake_ || !delivery_) throw std::runtime_error("settings: the sender is closed");
+  http_->AnnounceUrls(built->Urls());
+  delivery_->SetSettings(built->Record());
+  try {
+    intake_->SetSettings(built->Record());
+  } catch (...) {
+    http_->AnnounceUrls(settings_->Urls());
+    delivery_->SetSettings(settings_->Record());
+    throw;
+  }
+  urlStates_->SetUrls(built->Urls());
+  settings_ = std::move(built);
 }
 
 bool HostKit::Close() {
-  // The sender's last Release ends a cycle in progress and moves what is in memory into the queues. After
-  // that nobody arms the timer, and the HTTP client, which went with the sender, has ended its requests. Once
-  // the timer's thread has ended too, no thread is left in the module's code.
+  // The end of a sender ends a cycle in progress, and that of the first one moves what is in memory into the
+  // queues. After that nobody arms a timer, and the HTTP client, which went with the second one, has ended
+  // its requests. Once the timers' threads have ended too, no thread is left in the module's code.
   if (http_) http_->AllowRequests(false);
-  senderSettings_.Reset();
-  sender_.Reset();
+  intake_.reset();
+  delivery_.reset();
   backoff_->SetTimer(nullptr);
   if (timer_) urlStates_->Close();
   drains_.Reset();
+  drainTimer_.Reset();
   timer_.Reset();
-  if (locator_) locator_->Clear();
-  locator_.Reset();
+  for (zel::Ref<ServiceLocator>* locator : {&intakeLocator_, &locator_}) {
+    if (*locator) (*locator)->Clear();
+    locator->Reset();
+  }
   try {
     if (queues_) queues_->Commit();
   } catch (const std::exception&) {

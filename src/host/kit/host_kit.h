@@ -1,9 +1,14 @@
-// HostKit: the whole host in one object. It makes all services, loads the module and creates a sender.
+// HostKit: the whole host in one object. It makes all services, loads the module and creates two senders.
+//
+// A sender's cycle first moves what is in its memory into the store and then delivers from the store, which
+// can take minutes behind slow servers; meanwhile nothing leaves its memory. So one sender takes the records
+// and only moves them, and a second one, with a timer of its own, only delivers. The first starts the second.
 //
 // Programs and the reporter API are built on it. An application that only wants to report uses the reporter.
 // One with services of its own writes its own host against contract/ and picks single services from host/.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,6 +17,7 @@
 #include "contract/sender.h"
 #include "host/kit/drain_watch.h"
 #include "host/kit/host_kit_options.h"
+#include "host/kit/module_sender.h"
 #include "host/kit/submission_watch.h"
 #include "host/kit/url_states.h"
 #include "host/queue/queue_service.h"
@@ -25,13 +31,14 @@
 namespace veld_report::host {
 
 class BackoffRelay;
+class BuiltSettings;
 
 // Life: running (from the constructor on) -> closed.
 // Threads: any, for all operations except Close and the destructor, during which nobody may use the kit. The
 // services may be used until Close.
 class HostKit {
  public:
-  // Opens the store, loads the module, creates and constructs the sender. Nothing is sent before the first
+  // Opens the store, loads the module, creates and constructs the senders. Nothing is sent before the first
   // submission or TriggerCycle. Throws std::exception (StoreError, std::invalid_argument, std::runtime_error)
   // with a sentence that says what is wrong, and leaves nothing behind.
   explicit HostKit(const HostKitOptions& options);
@@ -47,11 +54,16 @@ class HostKit {
   // The same for a record that is finished JSON text.
   Submission SubmitJson(std::string_view consumer, std::string_view text);
   // Starts a cycle within a second without a submission: for what an earlier run left, and after the chain of
-  // cycles has ended with items waiting. Timer().FireNow() starts it at once.
+  // cycles has ended with items waiting. BeginDrain() starts it at once.
   void TriggerCycle();
+  // Moves what is in memory into the store at once, and then starts a cycle. A drain that is just starting
+  // may swallow the request, so a caller that depends on it must repeat it.
+  void BeginDrain();
   // Starts a cycle at once, or as soon as the one in progress has ended, even if there is nothing to send. A
   // cycle that is just starting may swallow the request, so a caller that depends on it must repeat it.
   void BeginCycle();
+  // Moves what is in memory into the store and then runs one whole cycle. False if it hasn't ended by then.
+  bool RunCycle(std::chrono::steady_clock::time_point deadline);
 
   // If false, no request starts after the return, and one in flight ends as cancelled; records are still
   // accepted and stored. If true, a cycle begins at once. Calls must not overlap. Sending is allowed at
@@ -64,7 +76,9 @@ class HostKit {
   void SetSettings(const KitSettings& settings);
 
   QueueService& Queues() { return *queues_; }
+  // Of the sender that delivers, and of the one that takes records.
   TimerService& Timer() { return *timer_; }
+  TimerService& DrainTimer() { return *drainTimer_; }
   HttpClientFactory& Http() { return *http_; }
   ExecutionMode& Mode() { return *mode_; }
   const DrainWatch& Drains() const { return *drains_; }
@@ -76,7 +90,7 @@ class HostKit {
 
  private:
   void RegisterServices(const HostKitOptions& options);
-  void MakeSender(const HostKitOptions& options);
+  void MakeSenders(const HostKitOptions& options);
 
   zel::Ref<HeapAllocator> allocator_;
   zel::Ref<LineTracer> tracer_;
@@ -85,14 +99,17 @@ class HostKit {
   const std::shared_ptr<BackoffRelay> backoff_;    // shared with the HTTP clients
   zel::Ref<HttpClientFactory> http_;
   zel::Ref<TimerService> timer_;
+  zel::Ref<TimerService> drainTimer_;
   zel::Ref<ExecutionMode> mode_;
   zel::Ref<DrainWatch> drains_;
   zel::Ref<ServiceLocator> locator_;
+  zel::Ref<ServiceLocator> intakeLocator_;
   std::unique_ptr<LoadedModule> module_;
-  zel::Ref<orvel::veld_report::IVeldReportSender> sender_;
+  std::unique_ptr<ModuleSender> delivery_;
+  std::unique_ptr<ModuleSender> intake_;
 
   std::mutex settingsMutex_;  // held from AnnounceUrls to the end of the SetSettings after it
-  zel::Ref<orvel::veld_report::IVeldReportSenderSettings> senderSettings_;
+  std::unique_ptr<const BuiltSettings> settings_;
 };
 
 }  // namespace veld_report::host

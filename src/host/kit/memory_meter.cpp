@@ -8,7 +8,7 @@ bool MemoryMeter::HasRoom() {
   constexpr std::uint64_t questionEvery = 64;
   if (questions_++ % questionEvery == 0 || submitted_ - moved_ >= limit_) {
     Refresh();
-    if (submitted_ - moved_ > limit_ / 2) kit_.BeginCycle();
+    if (submitted_ - moved_ > limit_ / 2) kit_.BeginDrain();
   }
   return submitted_ - moved_ < limit_;
 }
@@ -26,7 +26,7 @@ std::uint64_t MemoryMeter::InMemory() {
 
 void MemoryMeter::Refresh() {
   if (kit_.Drains().LastDrained() > runsAtMark_) moved_ = mark_;
-  const std::uint64_t runs = kit_.Timer().RunsStarted();
+  const std::uint64_t runs = kit_.DrainTimer().RunsStarted();
   if (mark_ != moved_ && runs != runsAtMark_) return;  // a cycle is about to reach the mark
   mark_ = submitted_;
   runsAtMark_ = runs;

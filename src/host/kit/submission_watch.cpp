@@ -4,6 +4,7 @@
 
 #include "host/base/host_object.h"
 #include "host/base/text.h"
+#include "host/json/json_storage.h"
 
 namespace veld_report::host {
 namespace {
@@ -32,7 +33,7 @@ class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
   zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t flag,
                             zel::IObject** context) override {
     const zel::ResultCode code = inner_->Serialize(object, storage, flag, context);
-    SubmissionWatch::Note(code, context ? *context : nullptr);
+    if (storage) SubmissionWatch::Note(code, *storage, context ? *context : nullptr);
     return code;
   }
 
@@ -45,11 +46,17 @@ class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
 SubmissionWatch::SubmissionWatch() : outer_(std::exchange(current, this)) {}
 SubmissionWatch::~SubmissionWatch() { current = outer_; }
 
-void SubmissionWatch::Note(zel::ResultCode code, zel::IObject* context) noexcept {
+void SubmissionWatch::Note(zel::ResultCode code, zel::IStorage& storage, zel::IObject* context) noexcept {
   if (!current) return;
   current->result_.code = code;
   try {
-    if (zel::Failed(code)) current->result_.where = Place(context);
+    if (zel::Failed(code)) {
+      current->result_.where = Place(context);
+    } else {
+      zel::Ref<IJsonTextAccess> text;
+      const zel::ResultCode found = storage.QueryInterface(IJsonTextAccess::iid, text.OutVoid());
+      if (!zel::Failed(found)) current->result_.bytes = text->TextBytes();
+    }
   } catch (...) {
     // If memory runs out, the location is missing; the code is still noted.
   }

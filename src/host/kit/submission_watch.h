@@ -4,6 +4,7 @@
 // So the serialiser knows the outcome and notes it for that thread.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "contract/json.h"
@@ -15,6 +16,7 @@ namespace veld_report::host {
 struct Submission {
   zel::ResultCode code = zel::sOk;
   std::string where{};
+  std::uint64_t bytes = 0;  // of an accepted record's text
 
   bool Accepted() const { return !zel::Failed(code); }
 };
@@ -31,7 +33,7 @@ class SubmissionWatch {
   Submission Take() { return std::move(result_); }
 
   // For the serialiser. Does nothing on a thread without a watch.
-  static void Note(zel::ResultCode code, zel::IObject* context) noexcept;
+  static void Note(zel::ResultCode code, zel::IStorage& storage, zel::IObject* context) noexcept;
 
  private:
   Submission result_{zel::eNotInitialized};

@@ -15,12 +15,10 @@ constexpr milliseconds maxPause{5000};
 }  // namespace
 
 bool Flusher::FlushUnless(const std::function<bool()>& isPointless, const std::function<TimePoint()>& end) {
-  const std::uint64_t before = kit_.Timer().RunsStarted();
   if (!FlushToStore(end)) return false;
   const std::uint64_t mark = kit_.Queues().LastToken();
   if (isPointless()) return HasPassed(mark);
-  // The cycle that has just moved the records goes on and sends them.
-  if (!WaitForRun(before, end)) return HasPassed(mark);
+  if (!RunCycle(end)) return HasPassed(mark);
   milliseconds pause = firstPause;
   while (!HasPassed(mark)) {
     if (isPointless()) return false;
@@ -45,9 +43,9 @@ bool Flusher::FlushToStore(const std::function<TimePoint()>& end) {
 }
 
 bool Flusher::Drain(const std::function<TimePoint()>& end) {
-  const std::uint64_t before = kit_.Timer().RunsStarted();
+  const std::uint64_t before = kit_.DrainTimer().RunsStarted();
   return InSlices(end, [&](TimePoint until) {
-    kit_.BeginCycle();
+    kit_.BeginDrain();
     return kit_.Drains().WaitForDrain(before, until);
   });
 }
@@ -58,6 +56,11 @@ bool Flusher::RunCycle(const std::function<TimePoint()>& end) {
     kit_.BeginCycle();
     return kit_.Timer().WaitForRun(before, until);
   });
+}
+
+bool Flusher::WaitForCycle(const std::function<TimePoint()>& end) {
+  const std::uint64_t runs = kit_.Timer().RunsStarted();
+  return runs == 0 || WaitForRun(runs - 1, end);
 }
 
 bool Flusher::WaitForRun(std::uint64_t startedAfter, const std::function<TimePoint()>& end) {

@@ -1,9 +1,9 @@
 // Flusher waits until everything that was submitted has been delivered, or dropped by a rule.
 //
-// How it knows: the first cycle after the call moves everything from memory into the store, and the kit
-// reports that before the cycle sends anything. The last token of the store is then a mark, since tokens only
-// ascend. Once the oldest item of every queue is younger than the mark, everything before it is gone:
-// acknowledged after an answer of 200, or dropped and counted in the ledger.
+// How it knows: the kit moves everything from memory into the store, and reports that. The last token of the
+// store is then a mark, since tokens only ascend. Once the oldest item of every queue is younger than the
+// mark, everything before it is gone: acknowledged after an answer of 200, or dropped and counted in the
+// ledger.
 #pragma once
 
 #include <chrono>
@@ -31,8 +31,10 @@ class Flusher {
   bool FlushUnless(const std::function<bool()>& isPointless, const std::function<TimePoint()>& end);
   // Like Flush, but only waits until everything is in the store's file.
   bool FlushToStore(const std::function<TimePoint()>& end);
-  // Moves everything from memory into the store by a cycle that starts now, without a commit. Doesn't wait
-  // for what this cycle sends. False if that wasn't done before `end()`.
+  // Waits until no cycle runs that began before. False if that wasn't so before `end()`.
+  bool WaitForCycle(const std::function<TimePoint()>& end);
+  // Moves everything from memory into the store, without a commit. Waits for no server. False if that wasn't
+  // done before `end()`.
   bool Drain(const std::function<TimePoint()>& end);
 
  private:

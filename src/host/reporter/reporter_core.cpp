@@ -54,6 +54,8 @@ std::string WhyRefused(const host::Submission& submission, bool isJson, std::str
   return text + ": " + host::CodeText(submission.code);
 }
 
+std::uint64_t LimitOf(std::uint64_t option) { return option == 0 ? UINT64_MAX : option; }
+
 }  // namespace
 
 void ListenerSlot::Set(Listener listener) {
@@ -82,7 +84,8 @@ Reporter::Core::Core(ReporterOptions options)
     kit_ = std::make_unique<host::HostKit>(kitOptions);
     if (!options.sendingAllowed) ChangeConsent(&Core::sendingAllowed_, false);
     flusher_ = std::make_unique<Flusher>(*kit_);
-    memory_ = std::make_unique<host::MemoryMeter>(*kit_, options.memoryLimitRecords);
+    recordsInMemory_ = std::make_unique<host::MemoryMeter>(*kit_, LimitOf(options.memoryLimitRecords));
+    bytesInMemory_ = std::make_unique<host::MemoryMeter>(*kit_, LimitOf(options.memoryLimitBytes));
     AdoptSettings(SettingsOf(options));
     // Sends what an earlier run left, without waiting for a first record.
     kit_->TriggerCycle();
@@ -123,13 +126,14 @@ zel::ResultCode Reporter::Core::Submit(const zel::AnyPtr* record, std::string_vi
     if (!pass) return refuse(zel::eNotInitialized, "the reporter is closed; make another one");
     std::string wrong = CheckConsumer(consumer);
     if (!wrong.empty()) return refuse(zel::eNotFound, std::move(wrong));
-    if (!memory_->HasRoom()) {
+    if (!recordsInMemory_->HasRoom() || !bytesInMemory_->HasRoom()) {
       return refuse(zel::eOutOfSpace, "too many records are in memory; send fewer, or wait for a cycle");
     }
     const host::Submission submission =
         record ? kit_->Submit(consumer, *record) : kit_->SubmitJson(consumer, json);
     if (!submission.Accepted()) return refuse(submission.code, WhyRefused(submission, !record, json));
-    memory_->Add();
+    recordsInMemory_->Add();
+    bytesInMemory_->Add(submission.bytes);
     ++submitted_;
     return zel::sOk;
   } catch (...) {
@@ -247,7 +251,7 @@ Statistics Reporter::Core::Stats() {
     Statistics result;
     result.submitted = submitted_;
     result.refused = refused_;
-    result.inMemory = memory_->InMemory();
+    result.inMemory = recordsInMemory_->InMemory();
     for (const auto& [name, ledger] : ledgers) result.total += ledger;
     for (const Endpoint& endpoint : CurrentSettings().endpoints) {
       EndpointStatistics one{host::WithoutCredentials(endpoint.url), endpoint.consumer};
@@ -272,10 +276,12 @@ void Reporter::Core::Forget() {
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
     const std::lock_guard lock(forgetMutex_);
-    // What is in memory must move into the store first, to be removed with the rest, and must not be sent.
+    // What is in memory must move into the store first, to be removed with the rest, and must not be sent,
+    // nor what a cycle has already read.
     const Forgetting nothingIsSent(*this);
-    const TimePoint end = After(std::chrono::seconds(20));
-    if (!flusher_->Drain([&] { return gate_.IsShut() ? TimePoint::min() : end; })) {
+    const TimePoint last = After(std::chrono::seconds(20));
+    const auto end = [&] { return gate_.IsShut() ? TimePoint::min() : last; };
+    if (!flusher_->WaitForCycle(end) || !flusher_->Drain(end)) {
       if (gate_.IsShut()) ThrowClosed();
       throw ReporterError(zel::eOperationTimeout, "forget: a send cycle doesn't end; try again");
     }

@@ -94,7 +94,8 @@ class Reporter::Core {
   // Created by the constructor, destroyed with the object; closed by CloseOnce.
   std::unique_ptr<host::HostKit> kit_;
   std::unique_ptr<Flusher> flusher_;
-  std::unique_ptr<host::MemoryMeter> memory_;
+  std::unique_ptr<host::MemoryMeter> recordsInMemory_;
+  std::unique_ptr<host::MemoryMeter> bytesInMemory_;
 
   std::atomic<TimePoint> closeBy_{TimePoint::max()};  // the earliest deadline of any Close
   std::mutex closeMutex_;                             // held during the close; guards the two members below

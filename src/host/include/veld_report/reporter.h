@@ -74,10 +74,11 @@ struct ReporterOptions {
   Listener listener{};
   bool sendingAllowed = true;  // see AllowSending
 
-  // The maximum number of records in memory, on their way to the store; beyond it Send refuses. It keeps a
-  // producer that is faster than the disk from filling the memory. Once it is half full, cycles follow one
-  // another without a pause. But while a cycle sends, nothing leaves memory.
+  // The maximum of what is in memory, on its way to the store; beyond it Send refuses. It keeps a producer
+  // that is faster than the disk from filling the memory. Once it is half full, what is there is moved
+  // without a pause. Bytes are those of the records as JSON. 0: no limit.
   std::uint64_t memoryLimitRecords = 100000;
+  std::uint64_t memoryLimitBytes = 64 << 20;
   std::chrono::milliseconds maxAge{0};  // of a record in the store; 0: no limit
   std::uint64_t storeLimitBytes = 0;    // of all queues together; 0: no limit
   // Records go into the store in groups, which a crash of the process can lose for up to 10 ms. With this
@@ -138,8 +139,8 @@ class Reporter {
   // Accepts a record. It is turned into JSON on this thread and isn't used after the return; this waits for
   // neither network nor disk. `consumer` selects the endpoints; empty means all. Throws ReporterError:
   // 0x80000046 "Invalid argument", with the field, for what isn't JSON; 0x8000004c "Not found" if no endpoint
-  // has this consumer (or there are no endpoints); 0x80000062 "Out of space" while memoryLimitRecords are in
-  // memory; 0x80000041 "Out of memory".
+  // has this consumer (or there are no endpoints); 0x80000062 "Out of space" while memory is full;
+  // 0x80000041 "Out of memory".
   template <DescribedRecord T>
   void Send(const T& record, std::string_view consumer = {}) {
     SendRecord(AnyOf(record), consumer);
@@ -165,8 +166,7 @@ class Reporter {
 
   // Starts a send cycle now and waits. Returns true only if everything that was accepted before the call is
   // in the store's file, was answered 200, or was dropped by a rule that the ledger counts. In the file it
-  // survives a crash of the process and, with syncEveryCommit, of the machine. It doesn't wait for what its
-  // own cycle sends, but a cycle in progress must end first, and that takes longer if servers answer slowly.
+  // survives a crash of the process and, with syncEveryCommit, of the machine. It waits for no server.
   // Returns false at the deadline or if Close was called.
   bool FlushToStore(std::chrono::milliseconds deadline) noexcept;
 

@@ -1,0 +1,92 @@
+// What is in memory between Send and the store: it leaves within a second, and never grows beyond its limits.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/kit/memory_meter.h"
+#include "host/queue/queue_service.h"
+#include "tests/common/waiting.h"
+#include "tests/host/reporter_test_tools.h"
+
+namespace veld_report {
+namespace {
+
+class Memory : public ReporterTest {};
+
+TEST_F(Memory, RecordsReachTheStoreWhileARequestWaits) {
+  tests::ScriptedServer silent(NeverAnswers);
+  Reporter reporter(Options({{silent.Url()}}));
+  reporter.SendJson("1");
+  ASSERT_TRUE(silent.WaitForRequests(1));
+  // The store seen from beside is what would be left if this process were killed.
+  const auto beside = host::QueueService::Open({.folder = Path("store"), .inspectOnly = true});
+  for (int count = 2; count <= 3; ++count) {
+    reporter.SendJson("1");
+    EXPECT_TRUE(tests::Eventually([&] { return beside->TotalWaiting().items == count; }, seconds(2)));
+  }
+  EXPECT_EQ(silent.Requests().size(), 1u) << "the first request is over, so this shows nothing";
+}
+
+TEST_F(Memory, RoomComesWithTheDrain) {
+  constexpr std::uint64_t limit = 10;
+  tests::ScriptedServer silent(NeverAnswers);
+  host::HostKitOptions options;
+  options.modulePath = VELD_MODULE_PATH;
+  options.queues.folder = Path("store");
+  options.settings.endpoints = {{.url = silent.Url()}};
+  host::HostKit kit(options);
+  host::MemoryMeter meter(kit, limit);
+  const auto fill = [&] {
+    for (std::uint64_t i = 0; i < limit; ++i) meter.Add();
+  };
+  const auto soon = [] { return steady_clock::now() + seconds(20); };
+
+  // A full memory starts a drain, even if no timer is armed for one.
+  fill();
+  EXPECT_FALSE(meter.HasRoom());
+  ASSERT_TRUE(kit.Drains().WaitForDrain(0, soon()));
+  EXPECT_TRUE(meter.HasRoom());
+
+  fill();
+  EXPECT_EQ(meter.InMemory(), limit);
+  const std::uint64_t runs = kit.DrainTimer().RunsStarted();
+  kit.SubmitJson("", "1");
+  kit.BeginDrain();
+  ASSERT_TRUE(kit.Drains().WaitForDrain(runs, soon()));
+  EXPECT_TRUE(meter.HasRoom());
+  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
+}
+
+TEST_F(Memory, IsLimitedInRecordsAndInBytes) {
+  struct Case {
+    std::uint64_t records, bytes;
+    std::size_t size;  // of a record
+    std::uint64_t inMemory;
+  };
+  const Case cases[] = {{50, 0, 10, 50}, {0, 1 << 20, 100'000, 11}, {100'000, 1 << 20, 100'000, 11}};
+  for (const Case& each : cases) {
+    SCOPED_TRACE(&each - cases);
+    ReporterOptions options = Options({{"http://127.0.0.1:1"}}, "store" + std::to_string(&each - cases));
+    options.sendingAllowed = false;
+    options.memoryLimitRecords = each.records;
+    options.memoryLimitBytes = each.bytes;
+    Reporter reporter(options);
+    const RecordBuilder record = RecordBuilder().Add("text", std::string(each.size, 'x'));
+    // The producer is faster than any disk.
+    ASSERT_TRUE(tests::Eventually([&] {
+      for (int i = 0; i < 100; ++i) {
+        if (reporter.TrySend(record) == zel::eOutOfSpace) return true;
+      }
+      return false;
+    }));
+    EXPECT_LE(reporter.Stats().inMemory, each.inMemory);
+    EXPECT_TRUE(tests::Eventually([&] { return reporter.TrySend(record) == zel::sOk; }));
+  }
+  ReporterOptions options = Options({{"http://127.0.0.1:1"}}, "unlimited");
+  options.sendingAllowed = false;
+  options.memoryLimitRecords = options.memoryLimitBytes = 0;
+  Reporter reporter(options);
+  for (int i = 0; i < 3000; ++i) reporter.SendJson("1");
+}
+
+}  // namespace
+}  // namespace veld_report
