@@ -69,8 +69,14 @@ void QueueWriter::DropLastItem() {
 void QueueWriter::AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item,
                             ItemCount QueueLedger::*kind) {
   Touch(queue);
-  deletedTokens_.insert(token);
+  // Both or neither: an item that is hidden but never deleted would come back with the next process.
   deletes_.push_back({&queue, token, item, kind});
+  try {
+    deletedTokens_.insert(token);
+  } catch (...) {
+    deletes_.pop_back();
+    throw;
+  }
   if (kind == &QueueLedger::evicted) ++evictions_;
   queue.ahead_.Drop(token);
   queue.ledger_.Leave(kind, item);
