@@ -7,12 +7,11 @@
 #include <string_view>
 
 #include "contract/descriptor.h"
-#include "contract/service_locator.h"
 #include "formats/message_descriptors.h"
 #include "gtest/gtest.h"
+#include "types/allocator.h"
 #include "types/basic_string.h"
 #include "types/vector.h"
-#include "zel/rtl/object.h"
 
 namespace veld_report::tests {
 namespace {
@@ -24,8 +23,7 @@ using Texts = zel::vector_t<string>;
 constexpr std::string_view longText = "a text that is too long for the buffer inside";
 
 // Its work done, each call that gives something back throws.
-template <class Interface>
-class Thrower : public Interface {
+class ThrowingAllocator final : public zel::IAllocator {
  public:
   std::uint32_t AddRef() override { return ++references; }
   std::uint32_t Release() override {
@@ -33,12 +31,6 @@ class Thrower : public Interface {
     throw std::runtime_error("Release");
   }
   zel::ResultCode QueryInterface(zel::InterfaceId, void**) override { return zel::eInterfaceNotSupported; }
-
-  std::uint32_t references = 1;
-};
-
-class ThrowingAllocator final : public Thrower<zel::IAllocator> {
- public:
   void* Allocate(std::uint64_t size) override {
     if (failAt > 0 && --failAt == 0) return nullptr;
     ++blocks;
@@ -52,34 +44,11 @@ class ThrowingAllocator final : public Thrower<zel::IAllocator> {
     throw std::runtime_error("Free");
   }
 
+  std::uint32_t references = 1;
   int blocks = 0;
   int failAt = 0;
   std::function<void()> onFree;
 };
-
-class ThrowingLocator final : public Thrower<zel::IServiceLocator> {
- public:
-  explicit ThrowingLocator(zel::IAllocator& given) : allocator(given) {}
-  zel::ResultCode GetInterface(zel::InterfaceId interfaceId, std::uint32_t, void** out) override {
-    if (interfaceId != zel::IAllocator::iid) return zel::eNotFound;
-    allocator.AddRef();
-    *out = &allocator;
-    return zel::sOk;
-  }
-  zel::IAllocator& allocator;
-};
-
-// An object of the module that is made by a locator; its constructor may throw.
-struct Made : zel::IObject {
-  explicit Made(zel::IServiceLocator* locator) {
-    static_cast<void>(zel::GetInterface(locator, allocator));
-    if (fails) throw std::runtime_error("constructor");
-  }
-  zel::ResultCode QueryInterface(zel::InterfaceId, void**) override { return zel::eInterfaceNotSupported; }
-  zel::Ref<zel::IAllocator> allocator;
-  static inline bool fails = false;
-};
-using MadeObject = zel::Object<Made, zel::LocatorObjectFactory>;
 
 struct Case {
   const char* what;
@@ -131,17 +100,6 @@ const Case cases[] = {
        numbers = zel::vector_t<int>();
        EXPECT_EQ(host.blocks, 0);
      }},
-    {"references change hands",
-     [](ThrowingAllocator& host) {
-       zel::Ref<zel::IAllocator> one(&host), other(&host);
-       one = zel::Ref<zel::IAllocator>();
-       EXPECT_EQ(host.references, 2u);
-       EXPECT_EQ(*other.Out(), nullptr);
-       const zel::AnyPtr record(nullptr, nullptr, &host);
-       zel::AnyPtr copy(record);
-       copy = zel::AnyPtr();
-       EXPECT_EQ(host.references, 2u);
-     }},
     {"a record's copy fails",
      [](ThrowingAllocator& host) {
        Message source;
@@ -150,20 +108,6 @@ const Case cases[] = {
        zel::SerObjDescriptorHelper& helper = *zel::StaticDescriptor<Message>::pointer->helper;
        EXPECT_THROW(helper.CreateNew(&source, &host), std::bad_alloc);
        EXPECT_EQ(host.blocks, 1);
-     }},
-    {"an object of the module is made, and ends",
-     [](ThrowingAllocator& host) {
-       ThrowingLocator locator(host);
-       const std::uint32_t before = zel::ModuleObjectCount;
-       for (const bool fails : {true, false}) {
-         Made::fails = fails;
-         MadeObject* object = nullptr;
-         EXPECT_EQ(zel::LocatorObjectFactory::Make(&locator, &object), fails ? zel::eUnknownException : 0);
-         EXPECT_EQ(fails ? 0u : object->Release(), 0u);
-         EXPECT_EQ(host.blocks, 0);
-         EXPECT_EQ(host.references, 1u);
-         EXPECT_EQ(zel::ModuleObjectCount, before);
-       }
      }},
 };
 

@@ -26,24 +26,6 @@ struct Fragile {
   }
 };
 
-TEST(Vector, GrowsFromItsSizeAndNotFromItsCapacity) {
-  zel::vector_t<int> numbers;
-  std::vector<std::uint64_t> capacities;
-  for (int i = 0; i < 5; ++i) {
-    numbers.push_back(i);
-    capacities.push_back(numbers.capacity());
-  }
-  EXPECT_THAT(capacities, ElementsAre(1, 2, 4, 4, 8));
-  numbers.Truncate(1);
-  EXPECT_EQ(numbers.capacity(), 8u) << "the block stays";
-  numbers.append(10);
-  EXPECT_EQ(numbers.capacity(), 11u);
-  numbers.append(1);
-  EXPECT_EQ(numbers.capacity(), 22u);
-  const zel::vector_t<int> copy(numbers);
-  EXPECT_EQ(copy.capacity(), 12u) << "a copy is exact";
-}
-
 TEST(Vector, ElementThatThrowsLeavesEverythingInPlace) {
   zel::vector_t<Fragile> elements;
   for (int i = 0; i < 2; ++i) elements.push_back(Fragile(i));
