@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/common/files.h"
+#include "tests/world/heap.h"
 #include "tests/world/world.h"
 
 namespace veld_report::world {
@@ -34,6 +35,7 @@ TEST(CourseTest, EachScriptTakesItsCourse) {
       if (line.starts_with(courseMark)) steps += line.substr(std::size(courseMark) - 1) + "\n";
       if (steps.empty()) head += line + "\n";
     }
+    if (steps.find("memory 1") != steps.npos && !Heap::Counts()) continue;
     const Outcome outcome = RunScript(FromText(steps), &course);
     EXPECT_EQ(outcome.failure.invariant + outcome.failure.text, "");
     if (std::getenv("VELD_RECORD")) tests::WriteFile(entry.path(), head + course);

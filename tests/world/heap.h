@@ -25,7 +25,8 @@ struct Outside : Inside {
 };
 
 struct Heap {
-  // Whether this build does; under a sanitizer, which has a heap of its own, nothing is counted or fails.
+  // Whether blocks are counted. A sanitizer has operators new and delete of its own, so under it they aren't,
+  // and only malloc can fail.
   static bool Counts();
   // Blocks that are out, of everything in this program.
   static std::int64_t LiveBlocks();

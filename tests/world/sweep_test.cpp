@@ -5,7 +5,6 @@
 #include <iostream>
 
 #include "tests/common/files.h"
-#include "tests/world/heap.h"
 #include "tests/world/world.h"
 
 namespace veld_report::world {
@@ -47,7 +46,7 @@ TEST(SweepTest, EachAllocationFails) {
   for (const bool ofHeap : {false, true}) {
     const int met = Sweep({.kind = Step::Kind::memory, .a = ofHeap});
     std::cout << (ofHeap ? "heap: " : "host's allocator: ") << met << " allocations\n";
-    EXPECT_EQ(met > 10 / stride, !ofHeap || Heap::Counts());
+    EXPECT_GT(met, 10 / stride);
   }
 }
 
