@@ -79,24 +79,37 @@ TEST_F(TimerServiceTest, FireNowBringsForwardAndAFlushWaitsForItsOwnRun) {
   EXPECT_EQ(timer->FireNow(), 0u);
 }
 
-// A sink like the module's: each Run is cut short, asks for the next one soon, and arms for a minute.
-TEST_F(TimerServiceTest, RunSoonShortensAnArmingButNotWithoutEnd) {
-  EXPECT_FALSE(timer->RunSoon(50, 3)) << "no Run is in progress";
-  for (const bool armsFirst : {false, true}) {
-    RecordingSink sink(timer.Get(), [&](RecordingSink* self) {
-      if (armsFirst) timer->ArmTimer(self, 60000);
-      timer->RunSoon(50, 3);
-      timer->ArmTimer(self, 60000);
-    });
-    timer->ArmTimer(&sink, 1000);
-    int runs = 0;
-    for (const int delay : {1000, 50, 50, 50, 60000, 50, 50, 50, 60000}) {
-      AdvanceAndSettle(delay - 1);
-      EXPECT_EQ(sink.Started(), runs);
-      AdvanceAndSettle(1);
-      EXPECT_EQ(sink.Started(), ++runs);
-    }
+// The sink drops what is pending when a Run begins, and arms for a minute at its end, like the module's.
+TEST_F(TimerServiceTest, TheLastSinkRunsAgainUnlessItIsCancelled) {
+  EXPECT_FALSE(timer->RunWithin(50)) << "there was no Run";
+  RecordingSink sink(timer.Get(), [&](RecordingSink* self) {
+    timer->RunWithin(70);
+    timer->DisarmTimer(self);
+    timer->RunWithin(50);
+    if (self->Started() == 2) timer->ArmTimer(self, 20);
+    if (self->Started() >= 4) timer->CancelTimer(self);
+  });
+  timer->ArmTimer(&sink, 1000);
+  int runs = 0;
+  for (const int delay : {1000, 50, 20}) {
+    AdvanceAndSettle(delay - 1);
+    EXPECT_EQ(sink.Started(), runs);
+    clock->Advance(milliseconds(1));
+    ASSERT_TRUE(sink.WaitForEnds(++runs));
   }
+  AdvanceAndSettle(50);
+  EXPECT_EQ(sink.Started(), 4);
+  AdvanceAndSettle(60000);
+  EXPECT_EQ(sink.Started(), 4) << "it was cancelled";
+
+  RecordingSink idle(timer.Get());
+  timer->ArmTimer(&idle, 0);
+  ASSERT_TRUE(idle.WaitForEnds(1));
+  EXPECT_TRUE(timer->RunWithin(1000));
+  EXPECT_TRUE(timer->RunWithin(10));
+  clock->Advance(milliseconds(10));
+  ASSERT_TRUE(idle.WaitForEnds(2));
+  EXPECT_FALSE(timer->IsArmed());
 }
 
 TEST_F(TimerServiceTest, PendingFiringsAreForgottenWithTheService) {

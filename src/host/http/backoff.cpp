@@ -13,19 +13,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-bool IsFailure(const HttpOutcome& outcome) {
-  if (zel::Failed(outcome.code)) return true;
-  return outcome.status == 408 || outcome.status == 425 || outcome.status == 429 || outcome.status >= 500;
-}
+bool IsFailure(const HttpOutcome& outcome) { return zel::Failed(outcome.code) || outcome.status != 200; }
 
 bool MayAskToWait(std::uint16_t status) { return status == 429 || status == 503; }
 
-bool IsSuccess(const HttpOutcome& outcome) {
-  return !zel::Failed(outcome.code) && outcome.status >= 200 && outcome.status < 300;
-}
-
 std::string ErrorText(const HttpOutcome& outcome) {
-  if (IsSuccess(outcome)) return {};
+  if (!IsFailure(outcome)) return {};
   if (zel::Failed(outcome.code)) return outcome.error;
   return "the server answered with status " + std::to_string(outcome.status);
 }
@@ -41,6 +34,13 @@ std::optional<Clock::TimePoint> Backoff::Start(const std::string& url) const {
   const auto row = rows_.find(url);
   if (row != rows_.end() && now < row->second.waitsUntil) return std::nullopt;
   return now;
+}
+
+milliseconds Backoff::HeldBackFor(const std::string& url) const {
+  const std::lock_guard lock(mutex_);
+  const auto row = rows_.find(url);
+  if (row == rows_.end()) return milliseconds(0);
+  return std::max(std::chrono::ceil<milliseconds>(row->second.waitsUntil - clock_->Now()), milliseconds(0));
 }
 
 void Backoff::End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome) {

@@ -24,6 +24,8 @@ class Backoff {
 
   // Returns the time of the start, or nothing if requests to the url are held back.
   std::optional<Clock::TimePoint> Start(const std::string& url) const;
+  // How long requests to the url are still held back; 0: they aren't.
+  std::chrono::milliseconds HeldBackFor(const std::string& url) const;
   // Records the outcome of a request that Start allowed. If it started before the last failure, only the
   // error text changes: the requests of one outage count as one failure.
   void End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome);

@@ -107,6 +107,9 @@ class Factory final : public HostObject<HttpClientFactory> {
   void AnnounceUrls(std::vector<std::string> urls) override { shared_->Announce(std::move(urls)); }
   void AllowRequests(bool allowed) override { shared_->gate.Allow(allowed); }
   std::vector<HttpClientState> States() const override { return shared_->backoff.States(); }
+  std::chrono::milliseconds HeldBackFor(const std::string& url) const override {
+    return shared_->backoff.HeldBackFor(url);
+  }
   std::uint64_t StatesVersion() const override { return shared_->backoff.Version(); }
 
  private:

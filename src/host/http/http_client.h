@@ -25,8 +25,8 @@ namespace veld_report::host {
 // firstDelayMs * 2^(n-2), limited by maxDelayMs. A Retry-After with status 429 or 503 counts from the first
 // failure on.
 //
-// A failure is no answer (except for a cancelled request), or a status of 408, 425, 429 or from 500 up. With
-// any other status the server is well, even if it rejects the content.
+// A failure is any end of a request but an answer of 200 or a cancellation: what isn't answered 200 stays in
+// its queue, so without a wait the same content would be sent again and again.
 struct BackoffOptions {
   bool enabled = true;
   std::uint32_t firstDelayMs = 1000;
@@ -54,8 +54,8 @@ struct HttpClientOptions {
   std::vector<std::string> resolve{};
   BackoffOptions backoff{};
   // Called on a client's thread before a held-back request ends; may be empty. Such a request ends the
-  // sender's walk through its queues, and the remaining urls of the walk wait for the next cycle. The owner
-  // of the timer can start that cycle sooner (TimerService::RunSoon).
+  // sender's walk through its queues, and the remaining urls of the walk wait for the next cycle. To avoid
+  // that, ask HeldBackFor before a queue is read.
   std::function<void()> onBackoff{};
   std::shared_ptr<Clock> clock{};    // for backoff; null: the system's
   std::function<double()> random{};  // uniform in [0, 1), called by one thread at a time; null: the system's
@@ -67,7 +67,7 @@ struct HttpClientState {
   std::string url{};  // without user and password
   // Until then requests end at once with 0x80000063 "Not ready". Wall-clock time, for people.
   std::optional<std::chrono::system_clock::time_point> waitsUntil{};
-  std::string lastError{};       // a sentence; empty after an answer from 200 to 299
+  std::string lastError{};       // a sentence; empty after an answer of 200
   std::uint16_t lastStatus = 0;  // of the last answer; 0: none yet
   std::uint32_t failures = 0;    // in a row
 };
@@ -111,6 +111,8 @@ class HttpClientFactory : public network_services::IHttpClientFactory {
   virtual void AllowRequests(bool allowed) = 0;
   // One row for each url that has had a request, sorted.
   virtual std::vector<HttpClientState> States() const = 0;
+  // How long requests to this url, as it is in the settings, are still held back; 0: they aren't.
+  virtual std::chrono::milliseconds HeldBackFor(const std::string& url) const = 0;
   // Changes whenever the result of States does, except that the end of a wait doesn't count. Takes no lock
   // and copies nothing.
   virtual std::uint64_t StatesVersion() const = 0;

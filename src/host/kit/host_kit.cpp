@@ -6,6 +6,7 @@
 #include "host/json/json_record.h"
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
+#include "host/kit/delivery_gate.h"
 #include "host/kit/module_path.h"
 #include "host/kit/no_http.h"
 #include "host/kit/queue_views.h"
@@ -17,8 +18,10 @@
 namespace veld_report::host {
 namespace {
 
-zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<LineTracer>& tracer) {
+zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<LineTracer>& tracer,
+                                  std::shared_ptr<DeliveryGate> gate) {
   options.tracer = tracer;
+  options.pacer = std::move(gate);
   auto queues = QueueService::Open(options);
   // Creates the default store now. The module would only do so in its first cycle, where nobody hears of a
   // full disk.
@@ -36,37 +39,13 @@ FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& 
   };
 }
 
-}  // namespace
-
-// A held-back request ends the sender's walk, and the remaining urls would wait for sendTimeout. The relay
-// makes the next cycle come sooner. It only uses the timer while the kit is running, since a client may
-// outlive the kit.
-class BackoffRelay {
- public:
-  void SetTimer(TimerService* timer) {
-    const std::lock_guard lock(mutex_);
-    timer_ = timer;
-  }
-  void OnBackoff() {
-    const std::lock_guard lock(mutex_);
-    if (timer_) timer_->RunSoon(soonMs, mostInARow);
-  }
-
- private:
-  static constexpr std::uint32_t soonMs = 50;
-  static constexpr std::uint32_t mostInARow = 8;
-
-  std::mutex mutex_;
-  TimerService* timer_ = nullptr;
-};
-
-namespace {
-
-zel::Ref<HttpClientFactory> MakeHttp(HttpClientOptions options, const zel::Ref<LineTracer>& tracer,
-                                     std::shared_ptr<BackoffRelay> relay) {
+zel::Ref<HttpClientFactory> MakeHttp(const HostKitOptions& given, const zel::Ref<LineTracer>& tracer,
+                                     std::shared_ptr<DeliveryGate> gate) {
+  HttpClientOptions options = given.http;
   options.tracer = tracer;
-  options.onBackoff = [relay = std::move(relay), own = std::move(options.onBackoff)] {
-    relay->OnBackoff();
+  options.clock = given.clock;
+  options.onBackoff = [gate = std::move(gate), own = std::move(options.onBackoff)] {
+    gate->OnBackoff();
     if (own) own();
   };
   return CreateHttpClientFactory(options);
@@ -77,12 +56,12 @@ zel::Ref<HttpClientFactory> MakeHttp(HttpClientOptions options, const zel::Ref<L
 HostKit::HostKit(const HostKitOptions& options)
     : allocator_(MakeObject<HeapAllocator>()),
       tracer_(MakeObject<LineTracer>(options.trace)),
-      queues_(OpenQueues(options.queues, tracer_)),
+      gate_(std::make_shared<DeliveryGate>(options.clock)),
+      queues_(OpenQueues(options.queues, tracer_, gate_)),
       urlStates_(std::make_shared<UrlStateFile>(options.queues.folder)),
-      backoff_(std::make_shared<BackoffRelay>()),
-      http_(MakeHttp(options.http, tracer_, backoff_)),
-      timer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
-      drainTimer_(MakeObject<TimerService>(TimerOptions{nullptr, tracer_})),
+      http_(MakeHttp(options, tracer_, gate_)),
+      timer_(MakeObject<TimerService>(TimerOptions{options.clock, tracer_})),
+      drainTimer_(MakeObject<TimerService>(TimerOptions{options.clock, tracer_})),
       mode_(MakeObject<ExecutionMode>()),
       drains_(MakeObject<DrainWatch>(drainTimer_,
                                      [this] {
@@ -90,7 +69,7 @@ HostKit::HostKit(const HostKitOptions& options)
                                      })),
       locator_(MakeObject<ServiceLocator>()),
       intakeLocator_(MakeObject<ServiceLocator>()) {
-  backoff_->SetTimer(timer_.Get());
+  gate_->Attach(http_.Get(), timer_.Get());
   try {
     RegisterServices(options);
     MakeSenders(options);
@@ -139,6 +118,7 @@ void HostKit::MakeSenders(const HostKitOptions& options) {
   http_->AnnounceUrls(settings_->Urls());
   delivery_ = std::make_unique<ModuleSender>(*module_, *locator_, settings_->Record());
   intake_ = std::make_unique<ModuleSender>(*module_, *intakeLocator_, settings_->Record());
+  gate_->SetSettings(options.settings);
   urlStates_->SetUrls(settings_->Urls());
 }
 
@@ -174,6 +154,8 @@ bool HostKit::RunCycle(std::chrono::steady_clock::time_point deadline) {
   return timer_->WaitForRun(cycle, deadline);
 }
 
+void HostKit::SkipSendInterval() { gate_->SkipInterval(); }
+
 void HostKit::AllowSending(bool allowed) noexcept {
   // With the gate of the walk alone, the rest of a queue would still be sent. With that of the requests
   // alone, walks would start in vain.
@@ -200,6 +182,7 @@ void HostKit::SetSettings(const KitSettings& settings) {
     delivery_->SetSettings(settings_->Record());
     throw;
   }
+  gate_->SetSettings(settings);
   urlStates_->SetUrls(built->Urls());
   settings_ = std::move(built);
 }
@@ -211,7 +194,7 @@ bool HostKit::Close() {
   if (http_) http_->AllowRequests(false);
   intake_.reset();
   delivery_.reset();
-  backoff_->SetTimer(nullptr);
+  gate_->Detach();
   if (timer_) urlStates_->Close();
   drains_.Reset();
   drainTimer_.Reset();

@@ -30,8 +30,8 @@
 
 namespace veld_report::host {
 
-class BackoffRelay;
 class BuiltSettings;
+class DeliveryGate;
 
 // Life: running (from the constructor on) -> closed.
 // Threads: any, for all operations except Close and the destructor, during which nobody may use the kit. The
@@ -65,6 +65,9 @@ class HostKit {
   // Moves what is in memory into the store and then runs one whole cycle. False if it hasn't ended by then.
   bool RunCycle(std::chrono::steady_clock::time_point deadline);
 
+  // The next cycle sends even if the interval since the last requests isn't over (KitSettings::sendEveryS).
+  void SkipSendInterval();
+
   // If false, no request starts after the return, and one in flight ends as cancelled; records are still
   // accepted and stored. If true, a cycle begins at once. Calls must not overlap. Sending is allowed at
   // first.
@@ -94,9 +97,9 @@ class HostKit {
 
   zel::Ref<HeapAllocator> allocator_;
   zel::Ref<LineTracer> tracer_;
+  const std::shared_ptr<DeliveryGate> gate_;  // shared with the store and the HTTP clients
   zel::Ref<QueueService> queues_;
   const std::shared_ptr<UrlStateFile> urlStates_;  // shared with the notification of completed requests
-  const std::shared_ptr<BackoffRelay> backoff_;    // shared with the HTTP clients
   zel::Ref<HttpClientFactory> http_;
   zel::Ref<TimerService> timer_;
   zel::Ref<TimerService> drainTimer_;

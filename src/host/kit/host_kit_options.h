@@ -3,10 +3,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "contract/queue.h"
+#include "host/base/clock.h"
 #include "host/http/http_client.h"
 #include "host/queue/queue_service_options.h"
 #include "host/services/function_notification.h"
@@ -24,19 +26,24 @@ struct KitEndpoint {
 
 struct KitSettings {
   std::vector<KitEndpoint> endpoints{};
-  std::uint32_t packetLimit = 100;     // maximum records in a request; 0: no limit
+  std::uint32_t packetLimit = 100;  // maximum records in a request; 0: no limit
+  // Maximum size of a request's records, in units of 1024 bytes; a larger record is sent alone; 0: no limit.
+  // The default is what a link of 100 KB/s uploads while the module waits for the answer.
+  std::uint32_t packetLimitKb = 256;
   std::uint32_t queueLimitKb = 10240;  // of each endpoint's queue, in units of 1024 bytes
   std::uint32_t sendTimeoutS = 30;     // delay after a cycle that left items undelivered
+  std::uint32_t sendEveryS = 0;        // minimum time between the first requests of two cycles to one url
 };
 
 struct HostKitOptions {
   std::string modulePath{};  // of the module's library; empty: FindModule() (host/kit/module_path.h)
   KitSettings settings{};
-  QueueServiceOptions queues{};  // `folder` is required; `tracer` is set by the kit
-  HttpClientOptions http{};      // `tracer` is set by the kit
+  QueueServiceOptions queues{};  // `folder` is required; `tracer` and `pacer` are set by the kit
+  HttpClientOptions http{};      // `tracer` and `clock` are set by the kit
   LineTracerOptions trace{.level = 0};
   std::string signingKeyFile{};  // an Ed25519 private key in PEM form; empty: messages are unsigned
   FunctionNotification::Function onRequestFinished{};  // may be empty
+  std::shared_ptr<Clock> clock{};  // of the timer, the intervals and the HTTP client; null: the system's
   // If set, called once with the queue service; the module gets its result instead. For measuring or watching
   // the traffic between the two.
   std::function<zel::Ref<orvel::IQueueFactory>(zel::Ref<orvel::IQueueFactory>)> wrapQueues{};

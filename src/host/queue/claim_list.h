@@ -15,13 +15,17 @@ namespace veld_report::host {
 class ClaimList {
  public:
   // `token` is greater than all that were added before.
-  void Add(std::uint64_t token, std::int64_t bytes) { claims_.push_back({token, bytes}); }
+  void Add(std::uint64_t token, std::int64_t bytes) {
+    claims_.push_back({token, bytes});
+    bytes_ += bytes;
+  }
   bool Contains(std::uint64_t token) const { return Find(token) != claims_.end(); }
   // Removes a claim. Returns the size of its item, or nothing if there is no such claim.
   std::optional<std::int64_t> Take(std::uint64_t token) {
     const auto found = Find(token);
     if (found == claims_.end()) return std::nullopt;
     const std::int64_t bytes = found->bytes;
+    bytes_ -= bytes;
     claims_[static_cast<std::size_t>(found - claims_.begin())].bytes = taken;
     while (first_ < claims_.size() && claims_[first_].bytes == taken) ++first_;
     if (first_ * 2 >= claims_.size()) {
@@ -31,7 +35,9 @@ class ClaimList {
     return bytes;
   }
   bool Empty() const { return first_ == claims_.size(); }
+  std::int64_t Bytes() const { return bytes_; }
   void Clear() {
+    bytes_ = 0;
     claims_.clear();
     first_ = 0;
   }
@@ -55,6 +61,7 @@ class ClaimList {
 
   std::vector<Claim> claims_;
   std::size_t first_ = 0;  // the claims before it were taken
+  std::int64_t bytes_ = 0;
 };
 
 }  // namespace veld_report::host

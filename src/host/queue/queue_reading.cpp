@@ -30,6 +30,7 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
                                  std::uint64_t* token) {
   EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
+  if (reader.exhausted) return zel::eNotFound;
   const bool evicting = evictions_.IsEvicting(reader);
   // A failure doesn't hold up what is in the file: delivery continues while a disk is full. An evicting
   // reader needs the oldest items, and the buffered ones are the youngest.
@@ -42,7 +43,7 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
       Flush();
       if (ClaimNext(reader, data, token)) return zel::sOk;
     }
-    CorrectWaiting(*reader.queue);
+    if (!reader.exhausted) CorrectWaiting(*reader.queue);
     return zel::eNotFound;
   } catch (const SqliteError& error) {
     NoteFailure("can't read an item: ", error);
@@ -75,12 +76,27 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
       writer_.AddDelete(queue.stored, reader.cursor, item, &QueueLedger::expired);
       continue;
     }
+    if (!MayHandOut(reader, bytes)) return false;
     data->assign(row->data.data(), row->data.size());
     reader.claims.Add(row->token, bytes);
     *token = row->token;
     return true;
   }
   return false;
+}
+
+bool QueueStore::MayHandOut(ReaderState& reader, std::int64_t bytes) {
+  if (!options_.pacer || evictions_.IsEvicting(reader)) return true;
+  if (!reader.begun && !options_.pacer->MayDeliver(reader.queue->stored.Name())) {
+    reader.exhausted = true;
+    return false;
+  }
+  reader.begun = true;
+  const std::uint64_t limit = options_.pacer->PacketLimitBytes();
+  reader.cutShort = limit != 0 && !reader.claims.Empty() &&
+                    static_cast<std::uint64_t>(reader.claims.Bytes() + bytes) > limit;
+  reader.exhausted = reader.cutShort;
+  return !reader.exhausted;
 }
 
 // A figure is a few bytes in a file without checksums. If it counted items that don't exist, the queue would
@@ -129,6 +145,7 @@ zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
   const auto kind = evictions_.EvictsInThisCall(reader) ? &QueueLedger::evicted : &QueueLedger::delivered;
   writer_.AddDelete(reader.queue->stored, token, item, kind);
   CommitIfDue();
+  if (reader.cutShort && reader.claims.Empty()) options_.pacer->OnMoreWaits(reader.queue->stored.Name());
   return zel::sOk;
 }
 
@@ -138,8 +155,9 @@ zel::ResultCode QueueStore::ReturnItem(ReaderState& reader, std::uint64_t token)
   const std::optional<std::int64_t> bytes = reader.claims.Take(token);
   if (!bytes) return zel::eNotFound;
   const ItemCount item{1, *bytes};
-  writer_.Book(reader.queue->stored, {.returned = item});
-  CommitIfDue();
+  // On its own the figure isn't worth a transaction each time a server fails.
+  writer_.BookLater(reader.queue->stored, {.returned = item});
+  reader.exhausted = options_.pacer && !evictions_.IsEvicting(reader);
   return zel::sOk;
 }
 

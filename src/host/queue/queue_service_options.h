@@ -5,9 +5,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "contract/tracer.h"
+#include "host/queue/delivery_pacer.h"
 #include "types/ref.h"
 
 namespace veld_report::host {
@@ -43,6 +45,11 @@ struct QueueServiceOptions {
   // Checks a store's structure when it is opened, unless it is large and known to be good (clean_marker.h).
   // That reads the whole file.
   bool checkAtOpen = true;
+
+  // Paces the readers that deliver; null: they hand out all they find. With one, a reader to which an item is
+  // given back hands out nothing more: its packet wasn't accepted, so the next one wouldn't be either.
+  // Readers that make room aren't affected.
+  std::shared_ptr<DeliveryPacer> pacer{};
 
   // Receives failures and other messages for people; may be null. Called on any thread, also with a lock of
   // the store held.

@@ -40,7 +40,7 @@ QueueStore::~QueueStore() {
   wake_.notify_all();
   committer_.join();
   try {
-    if (Flush()) {
+    if (FlushFigures()) {
       RemoveEarlierLayoutCopies(path_);
     } else {
       Trace(failureLevel,
@@ -203,6 +203,14 @@ std::vector<std::string> QueueStore::QueueNames() {
 bool QueueStore::Commit() {
   EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
+  return FlushFigures();
+}
+
+// Also writes the figures that wait for a change.
+bool QueueStore::FlushFigures() {
+  for (auto& [name, queue] : queues_) {
+    writer_.IncludeBooked(queue.stored);
+  }
   return Flush();
 }
 

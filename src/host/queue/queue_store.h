@@ -51,6 +51,10 @@ struct ReaderState {
   QueueState* queue = nullptr;
   std::uint64_t cursor = 0;  // token of the last item that it visited
   ClaimList claims;
+  // For the pacer (delivery_pacer.h).
+  bool begun = false;     // it was asked
+  bool cutShort = false;  // stopped at its limit
+  bool exhausted = false;
 };
 
 // One queue. Created for each name in use, and kept while the store is open.
@@ -111,12 +115,14 @@ class QueueStore {
   void AdoptRows();
   void Refresh();
   bool Flush();
+  bool FlushFigures();
   void CommitIfDue();
   bool IsRefusingWrites();
   bool MakeRoomInStore(std::int64_t bytes);
   bool EvictOldest(QueueState& queue);
   bool IsExpired(const ItemRow& row) const;
   bool HoldsLease();
+  bool MayHandOut(ReaderState& reader, std::int64_t bytes);
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
   static bool IsClaimed(const QueueState& queue, std::uint64_t token);

@@ -43,8 +43,16 @@ void QueueWriter::Adopt(BufferedQueue& queue, const QueueRow& row) {
 
 void QueueWriter::Book(BufferedQueue& queue, const QueueLedger& change) {
   Touch(queue);
+  BookLater(queue, change);
+}
+
+void QueueWriter::BookLater(BufferedQueue& queue, const QueueLedger& change) {
   queue.ledger_ += change;
   queue.unwritten_ += change;
+}
+
+void QueueWriter::IncludeBooked(BufferedQueue& queue) {
+  if (queue.unwritten_ != QueueLedger{}) Touch(queue);
 }
 
 void QueueWriter::AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data) {

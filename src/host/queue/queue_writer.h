@@ -32,6 +32,10 @@ class QueueWriter {
   void SetPresence(BufferedQueue& queue, bool present);
   // Adds `change` to the queue's figures.
   void Book(BufferedQueue& queue, const QueueLedger& change);
+  // The same, but the figures are only written together with another change of the queue, or after
+  // IncludeBooked.
+  void BookLater(BufferedQueue& queue, const QueueLedger& change);
+  void IncludeBooked(BufferedQueue& queue);
   void AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
   // Removes the last added item, as if it had never been offered.
   void DropLastItem();

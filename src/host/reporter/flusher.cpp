@@ -15,6 +15,7 @@ constexpr milliseconds maxPause{5000};
 }  // namespace
 
 bool Flusher::FlushUnless(const std::function<bool()>& isPointless, const std::function<TimePoint()>& end) {
+  kit_.SkipSendInterval();
   if (!FlushToStore(end)) return false;
   const std::uint64_t mark = kit_.Queues().LastToken();
   if (isPointless()) return HasPassed(mark);
@@ -25,6 +26,7 @@ bool Flusher::FlushUnless(const std::function<bool()>& isPointless, const std::f
     const TimePoint next = steady_clock::now() + pause;
     WaitForRun(kit_.Timer().RunsStarted(), [&] { return std::min(end(), next); });
     if (HasPassed(mark)) break;
+    kit_.SkipSendInterval();
     if (!RunCycle(end)) return HasPassed(mark);
     pause = std::min(2 * pause, maxPause);
   }

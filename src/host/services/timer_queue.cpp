@@ -1,5 +1,7 @@
 #include "host/services/timer_queue.h"
 
+#include <algorithm>
+#include <new>
 #include <utility>
 
 #include "host/base/write_trace.h"
@@ -34,14 +36,16 @@ void TimerQueue::Loop() {
 
 void TimerQueue::RunFirst(std::unique_lock<std::mutex>& lock) {
   zel::IRunnable* const sink = order_.begin()->sink;
-  if (sink == soonSink_ && !order_.begin()->soon) soonInARow_ = 0;
   Remove(sink);
-  running_ = sink;
+  running_ = lastSink_ = sink;
   runningCancelled_ = false;
+  againBy_.reset();
   ++runsStarted_;
   lock.unlock();
   const bool succeeded = RunGuarded(sink);
   lock.lock();
+  // Only now: a Run begins by dropping what is pending.
+  if (againBy_ && lastSink_ == sink && !stopped_) ArmBy(sink, *againBy_);
   // From here on a canceller may return and the sink may be gone.
   running_ = nullptr;
   runsFinished_ = runsStarted_;
@@ -69,8 +73,8 @@ void TimerQueue::Stop() {
   finished_.notify_all();
 }
 
-void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool soon) {
-  const Firing firing{clock_->Now() + delay, sequence_++, sink, soon, delay};
+void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay) {
+  const Firing firing{clock_->Now() + delay, sequence_++, sink, delay};
   const auto place = order_.insert(firing).first;
   try {
     pending_.emplace(sink, firing);
@@ -82,10 +86,9 @@ void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, b
 }
 
 // Needs no memory, so an armed sink stays armed.
-void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool soon) {
+void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due) {
   auto node = order_.extract(pending->second);
   pending->second.due = due;
-  pending->second.soon = soon;
   node.value() = pending->second;
   // Insertion and comparison are separate statements: in one expression the compiler might call begin()
   // first.
@@ -104,19 +107,16 @@ zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
   if (!sink) return zel::eInvalidArgument;
   const std::lock_guard lock(mutex_);
   if (stopped_ || (runningCancelled_ && running_ == sink)) return zel::eInvalidState;
-  std::chrono::milliseconds delay(delayMs);
-  const bool soon = sink == soonSink_ && soonDelay_ && *soonDelay_ < delay;
-  if (soon) delay = *soonDelay_;
-  if (sink == soonSink_) soonDelay_.reset();
+  const std::chrono::milliseconds delay(delayMs);
   const auto found = pending_.find(sink);
   if (found == pending_.end()) {
-    Insert(sink, delay, soon);
+    Insert(sink, delay);
     return zel::sOk;
   }
   // Every submission gets here. If the delay is no shorter, the clock needn't be read.
   if (delay >= found->second.delay) return zel::sOk;
   const Clock::TimePoint due = clock_->Now() + delay;
-  if (due < found->second.due) Move(found, due, soon);
+  if (due < found->second.due) Move(found, due);
   return zel::sOk;
 }
 
@@ -128,6 +128,7 @@ void TimerQueue::Disarm(zel::IRunnable* sink) {
 void TimerQueue::Cancel(zel::IRunnable* sink) {
   std::unique_lock lock(mutex_);
   Remove(sink);
+  if (lastSink_ == sink) lastSink_ = nullptr;
   // A Run that cancels its own sink can't wait for itself.
   if (running_ != sink || loopThread_ == std::this_thread::get_id()) return;
   // Without this mark a Run that arms itself again could start again before the waiter wakes.
@@ -140,27 +141,36 @@ std::size_t TimerQueue::FireNow() {
   const std::lock_guard lock(mutex_);
   const Clock::TimePoint now = clock_->Now();
   for (auto pending = pending_.begin(); pending != pending_.end(); ++pending) {
-    if (now < pending->second.due) Move(pending, now, false);
+    if (now < pending->second.due) Move(pending, now);
   }
   return order_.size();
 }
 
-bool TimerQueue::RunSoon(std::uint32_t delayMs, std::uint32_t mostInARow) {
+bool TimerQueue::RunWithin(std::uint32_t delayMs) {
   const std::lock_guard lock(mutex_);
-  if (!running_) return false;
-  if (running_ != soonSink_) soonInARow_ = 0;
-  soonSink_ = running_;
-  if (soonInARow_ >= mostInARow) return false;
-  ++soonInARow_;
-  const std::chrono::milliseconds delay(delayMs);
-  const Clock::TimePoint due = clock_->Now() + delay;
-  const auto found = pending_.find(running_);
-  if (found == pending_.end()) {
-    soonDelay_ = delay;
-  } else if (due < found->second.due) {
-    Move(found, due, true);
+  if (stopped_ || !lastSink_) return false;
+  const Clock::TimePoint due = clock_->Now() + std::chrono::milliseconds(delayMs);
+  if (!running_) {
+    ArmBy(lastSink_, due);
+  } else if (!againBy_ || due < *againBy_) {
+    againBy_ = due;
   }
   return true;
+}
+
+// Without memory it arms nothing.
+void TimerQueue::ArmBy(zel::IRunnable* sink, Clock::TimePoint due) {
+  const auto found = pending_.find(sink);
+  if (found != pending_.end()) {
+    if (due < found->second.due) Move(found, due);
+    return;
+  }
+  try {
+    Insert(sink, std::chrono::ceil<std::chrono::milliseconds>(
+                     std::max(due - clock_->Now(), Clock::TimePoint::duration(0))));
+  } catch (const std::bad_alloc&) {
+    // The next submission arms the sink.
+  }
 }
 
 bool TimerQueue::IsArmed() const {

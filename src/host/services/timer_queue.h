@@ -39,7 +39,7 @@ class TimerQueue final : private IClockListener {
   void Cancel(zel::IRunnable* sink);
 
   std::size_t FireNow();
-  bool RunSoon(std::uint32_t delayMs, std::uint32_t mostInARow);
+  bool RunWithin(std::uint32_t delayMs);
   bool IsArmed() const;
   std::uint64_t RunsStarted() const;
   std::uint64_t FailedRuns() const;
@@ -50,7 +50,6 @@ class TimerQueue final : private IClockListener {
     Clock::TimePoint due;
     std::uint64_t sequence;  // if two are due at once, the one armed first runs first
     zel::IRunnable* sink;
-    bool soon = false;
     std::chrono::milliseconds delay{0};  // the delay given at arming; it may have been moved up since
     friend bool operator<(const Firing& left, const Firing& right) {
       return std::tie(left.due, left.sequence) < std::tie(right.due, right.sequence);
@@ -58,8 +57,9 @@ class TimerQueue final : private IClockListener {
   };
 
   void OnClockAdvanced() override;
-  void Insert(zel::IRunnable* sink, std::chrono::milliseconds delay, bool soon);
-  void Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due, bool soon);
+  void Insert(zel::IRunnable* sink, std::chrono::milliseconds delay);
+  void Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock::TimePoint due);
+  void ArmBy(zel::IRunnable* sink, Clock::TimePoint due);
   void Remove(zel::IRunnable* sink);
   void RunFirst(std::unique_lock<std::mutex>& lock);
   bool RunGuarded(zel::IRunnable* sink) noexcept;
@@ -80,10 +80,8 @@ class TimerQueue final : private IClockListener {
   std::uint64_t runsStarted_ = 0;
   std::uint64_t runsFinished_ = 0;
   std::uint64_t failedRuns_ = 0;
-  // The sink of the last RunSoon; only used for comparison.
-  const zel::IRunnable* soonSink_ = nullptr;
-  std::optional<std::chrono::milliseconds> soonDelay_;  // the maximum delay of its next arming
-  std::uint32_t soonInARow_ = 0;
+  zel::IRunnable* lastSink_ = nullptr;       // of the last Run, until it is cancelled
+  std::optional<Clock::TimePoint> againBy_;  // when the sink of the Run in progress must run again
   bool stopped_ = false;
 };
 

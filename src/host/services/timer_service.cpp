@@ -41,9 +41,7 @@ zel::ResultCode TimerService::CancelTimer(zel::IRunnable* sink) {
 }
 
 std::size_t TimerService::FireNow() { return queue_->FireNow(); }
-bool TimerService::RunSoon(std::uint32_t delayMs, std::uint32_t maxInARow) {
-  return queue_->RunSoon(delayMs, maxInARow);
-}
+bool TimerService::RunWithin(std::uint32_t delayMs) { return queue_->RunWithin(delayMs); }
 bool TimerService::IsArmed() const { return queue_->IsArmed(); }
 std::uint64_t TimerService::RunsStarted() const { return queue_->RunsStarted(); }
 std::uint64_t TimerService::FailedRuns() const { return queue_->FailedRuns(); }

@@ -46,11 +46,10 @@ class TimerService final : public HostObject<zel::ITimerService> {
 
   // Makes every pending call due now. Returns their number.
   std::size_t FireNow();
-  // For a Run in progress that is being cut short and should soon come again: its sink's next Run comes
-  // within `delayMs` from now, or from its next ArmTimer. Does nothing and returns false if no Run is in
-  // progress. The same once it has done so `maxInARow` times for this sink without a Run in between that came
-  // at its own time, so that a Run that is always cut short doesn't become a busy loop.
-  bool RunSoon(std::uint32_t delayMs, std::uint32_t maxInARow);
+  // The sink that is running, or ran last, runs again within `delayMs`, even if it doesn't arm itself.
+  // Returns false if there is none, or if it was cancelled. For a host that knows better than its sender when
+  // there is something to do.
+  bool RunWithin(std::uint32_t delayMs);
   // True if any call is pending. A Run in progress doesn't count.
   bool IsArmed() const;
   // The number of Runs that have begun, over all sinks.
