@@ -4,10 +4,10 @@
 #include <charconv>
 #include <chrono>
 
-#include "formats/base64.h"
 #include "fuzz/input.h"
 #include "server/report_server.h"
 #include "tests/common/temporary_folder.h"
+#include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
 
 namespace {
@@ -34,13 +34,6 @@ struct Running {
   }
 };
 
-std::string Message(std::string_view payload) {
-  zel::string text;
-  orvel::veld_report::Base64Encode(reinterpret_cast<const std::uint8_t*>(payload.data()), payload.size(),
-                                   &text);
-  return "{\"payload\":\"" + std::string(text.View()) + "\",\"signatures\":[{\"protected\":\"\"}]}";
-}
-
 std::string Request(Input& in) {
   std::string request(head);
   switch (in.Below(4)) {
@@ -51,10 +44,11 @@ std::string Request(Input& in) {
     case 1:
       return server_test::Post(in.Rest());
     case 2:
-      return server_test::Post(Message(in.Rest()));
+      return server_test::Post(server_test::Body(in.Rest()));
     default: {
       request += "Transfer-Encoding: chunked\r\n\r\n";
-      const std::string body = in.OneIn(2) ? Message(in.Bytes(in.Below(200))) : std::string(in.Bytes(200));
+      const std::string body =
+          in.OneIn(2) ? server_test::Body(in.Bytes(in.Below(200))) : std::string(in.Bytes(200));
       for (std::size_t at = 0; at < body.size();) {
         const std::string piece = body.substr(at, in.Below(100) + 1);
         char length[20];

@@ -24,12 +24,13 @@
 #include <regex>
 #include <sstream>
 
-#include "tests/app/veldrep.h"
 #include "tests/common/files.h"
+#include "tests/common/veldrep.h"
 
 namespace veld_report::app_test {
 namespace {
 
+using tests::Arguments;
 using tests::Lines;
 
 class Transcript {
@@ -46,40 +47,39 @@ class Transcript {
         shown_ += *line + "\n";
         input += line->substr(2) + "\n";
       }
-      const auto words = Words(head);
-      if (words.empty()) continue;
-      if (words[0] == "$") Run({words.begin() + 1, words.end()}, input);
-      // The words after the name are "veldrep serve ...".
-      if (words[0] == "&") {
-        servers_[words.at(1)] =
-            std::make_unique<Server>(std::vector(words.begin() + 4, words.end()), folder_.Path());
-      }
-      if (words[0] == "%") End(*servers_.at(words.at(1)), words.at(2));
+      if (!head.empty()) Run(head[0], Words(head.substr(1)), input);
     }
     return shown_;
   }
 
  private:
-  std::vector<std::string> Words(std::string line) const {
+  Arguments Words(std::string line) const {
     for (const auto& [name, server] : servers_) {
       line = std::regex_replace(line, std::regex("\\{" + name + "\\}"), server->Url());
       line = std::regex_replace(line, std::regex("\\{" + name + " address\\}"), server->Address());
     }
     std::istringstream stream(line);
-    std::vector<std::string> words;
+    Arguments words;
     // No character escapes another one.
     for (std::string word; stream >> std::quoted(word, '\'', '\0');) words.push_back(word);
     return words;
   }
-  void Run(const std::vector<std::string>& words, const std::string& input) {
-    const auto all = words.at(0) == "veldrep" ? VeldrepArguments({words.begin() + 1, words.end()}) : words;
-    tests::Program program(all, folder_.Path());
-    program.Feed(input);
-    Show(program);
-  }
-  void End(Server& server, const std::string& signal) {
-    server.Process().Signal(signal == "KILL" ? SIGKILL : signal == "INT" ? SIGINT : SIGTERM);
-    Show(server.Process());
+  void Run(char what, Arguments words, const std::string& input) {
+    if (what == '$') {
+      if (words.at(0) == "veldrep") words[0] = VELDREP_PATH;
+      tests::Program program(words, folder_.Path());
+      program.Feed(input);
+      Show(program);
+    } else if (what == '&') {  // the words after the name are "veldrep serve ..."
+      const Arguments more(words.begin() + 3, words.end());
+      servers_[words[0]] = std::make_unique<tests::Server>(more, folder_.Path());
+    } else if (what == '%') {
+      servers_.at(words.at(0))
+          ->Signal(words.at(1) == "KILL" ? SIGKILL
+                   : words[1] == "INT"   ? SIGINT
+                                         : SIGTERM);
+      Show(*servers_.at(words[0]));
+    }
   }
   void Show(tests::Program& program) {
     const int exitCode = program.Wait();
@@ -109,7 +109,7 @@ class Transcript {
   }
 
   const tests::TemporaryFolder folder_;
-  std::map<std::string, std::unique_ptr<Server>> servers_;
+  std::map<std::string, std::unique_ptr<tests::Server>> servers_;
   std::string shown_;
 };
 

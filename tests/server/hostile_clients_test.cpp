@@ -1,13 +1,8 @@
 // Clients that mean harm or don't know better, against a server in a process of its own: each of them is
 // answered or cut in time, what the process holds stays within the bound that report_server.h states, and a
 // client that behaves is served meanwhile.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "server/report_server.h"
-#include "tests/common/temporary_folder.h"
+#include "tests/common/veldrep.h"
 #include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
 
@@ -30,17 +24,11 @@ using server_test::Exchange;
 using server_test::Post;
 using server_test::RawAnswer;
 using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 constexpr std::size_t MiB = std::size_t{1} << 20;
-constexpr unsigned threads = 2;
-constexpr unsigned connectionLimit = 200;
-constexpr std::size_t bodyLimitBytes = MiB;
-constexpr std::size_t bodyMemoryBytes = 16 * MiB;
-constexpr milliseconds soon{3000};  // on a busy machine
-// The sum that report_server.h states, and room for what an allocator keeps.
-constexpr std::size_t boundBytes =
-    connectionLimit * 32 * 1024 + bodyMemoryBytes + threads * 6 * bodyLimitBytes + 8 * MiB;
+constexpr std::chrono::seconds soon{3};  // on a busy machine
+// The sum that report_server.h states, for four threads, and room for what an allocator keeps.
+constexpr std::size_t boundBytes = 200 * 32 * 1024 + 16 * MiB + 4 * 6 * MiB + 8 * MiB;
 
 const std::string postHead = "POST / HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n";
 
@@ -51,58 +39,27 @@ std::string Repeated(std::string_view piece, std::size_t count) {
 }
 
 // Memory has another meaning under a sanitizer.
-constexpr bool MemoryCounts() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return false;
+constexpr bool memoryCounts = false;
 #else
-  return true;
+constexpr bool memoryCounts = true;
 #endif
-}
 
 class HostileClients : public testing::Test {
  protected:
-  void SetUp() override {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    child_ = fork();
-    ASSERT_GE(child_, 0);
-    if (child_ == 0) Serve(ends[1], folder_.Path() / "out.ndjson");
-    close(ends[1]);
-    ASSERT_EQ(read(ends[0], &port_, sizeof(port_)), static_cast<ssize_t>(sizeof(port_)));
-    close(ends[0]);
-    for (int i = 0; i < 8; ++i) ASSERT_EQ(Exchange(port_, Post(exampleBody)).status, 200);
+  explicit HostileClients(const char* requestSeconds = "1")
+      : server_({"--out", folder_ / "out", "--connections", "200", "--body-limit", "1", "--body-memory", "16",
+                 "--request-time", requestSeconds}) {
+    ExpectServed(8);
     startBytes_ = PeakBytes();
   }
-  void TearDown() override {
+  ~HostileClients() override {
     for (const int handle : held_) close(handle);
-    if (child_ <= 0) return;
-    int status = 0;
-    EXPECT_EQ(waitpid(child_, &status, WNOHANG), 0) << "the server has died";
-    kill(child_, SIGKILL);
-    waitpid(child_, &status, 0);
-  }
-
-  [[noreturn]] void Serve(int portTo, const std::string& out) const {
-    ReportServerOptions options;
-    options.outPath = out;
-    options.threads = threads;
-    options.connectionLimit = connectionLimit;
-    options.bodyLimitBytes = bodyLimitBytes;
-    options.bodyMemoryBytes = bodyMemoryBytes;
-    options.requestTime = requestTime_;
-    try {
-      const ReportServer server(options);
-      const std::uint16_t port = server.Port();
-      if (write(portTo, &port, sizeof(port)) < 0) _exit(1);
-      for (;;) pause();
-    } catch (...) {
-      _exit(1);
-    }
   }
 
   // The most that the server has ever had in memory.
   std::size_t PeakBytes() const {
-    std::ifstream status("/proc/" + std::to_string(child_) + "/status");
+    std::ifstream status("/proc/" + std::to_string(server_.Id()) + "/status");
     for (std::string word; status >> word;) {
       std::size_t kibibytes = 0;
       if (word == "VmHWM:" && status >> kibibytes) return kibibytes * 1024;
@@ -112,7 +69,7 @@ class HostileClients : public testing::Test {
   void ExpectBounded() const {
     const std::size_t grown = PeakBytes() - startBytes_;
     std::printf("the server has grown by %zu KiB, the bound is %zu\n", grown / 1024, boundBytes / 1024);
-    EXPECT_TRUE(grown <= boundBytes || !MemoryCounts()) << grown << " bytes, more than " << boundBytes;
+    EXPECT_TRUE(grown <= boundBytes || !memoryCounts) << grown << " bytes, more than " << boundBytes;
   }
   // A connection that stays until the test ends, with what it has sent so far.
   void HoldOpen(std::string_view text) {
@@ -129,18 +86,17 @@ class HostileClients : public testing::Test {
     }
   }
 
-  milliseconds requestTime_{500};
   const tests::TemporaryFolder folder_;
-  pid_t child_ = -1;
-  std::uint16_t port_ = 0;
+  const tests::Server server_;
+  const std::uint16_t port_ =
+      static_cast<std::uint16_t>(std::stoi(server_.Url().substr(server_.Url().rfind(':') + 1)));
   std::size_t startBytes_ = 0;
   std::vector<int> held_;
 };
 
 TEST_F(HostileClients, IsAnsweredOrCut) {
   const std::string length = postHead + "Content-Length: ";
-  const std::string atLimit =
-      std::string(exampleBody) + std::string(bodyLimitBytes - exampleBody.size(), ' ');
+  const std::string atLimit = std::string(exampleBody) + std::string(MiB - exampleBody.size(), ' ');
   const std::string inChunks = postHead + "Transfer-Encoding: chunked\r\n\r\n";
   const struct {
     const char* what;
@@ -180,18 +136,7 @@ TEST_F(HostileClients, IsAnsweredOrCut) {
   for (const auto& each : cases) {
     SCOPED_TRACE(each.what);
     const auto start = Clock::now();
-    RawAnswer answer;
-    if (each.more.empty()) {
-      answer = Exchange(port_, each.begin);
-    } else {
-      HoldOpen(each.begin);
-      pollfd waiting{held_.back(), POLLIN, 0};
-      while (poll(&waiting, 1, 20) == 0 && Clock::now() - start < soon)
-        send(held_.back(), each.more.data(), each.more.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-      answer.text.resize(1000);
-      const ssize_t got = recv(held_.back(), answer.text.data(), answer.text.size(), MSG_DONTWAIT);
-      if (got > 9) answer.status = std::stoi(answer.text.substr(9, 3));
-    }
+    const RawAnswer answer = Exchange(port_, each.begin, server_test::AfterSending::wait, each.more);
     EXPECT_LT(Clock::now() - start, soon) << "it is neither answered nor cut";
     EXPECT_NE(std::find(each.answers.begin(), each.answers.end(), answer.status), each.answers.end())
         << answer.status << " " << answer.text.substr(0, 300);
@@ -203,7 +148,7 @@ TEST_F(HostileClients, IsAnsweredOrCut) {
 // Time doesn't help the server here.
 class HostileCrowds : public HostileClients {
  protected:
-  HostileCrowds() { requestTime_ = std::chrono::minutes(10); }
+  HostileCrowds() : HostileClients("600") {}
 };
 
 // Each crowd is many times what the server takes at once.
@@ -214,7 +159,7 @@ TEST_F(HostileCrowds, KeepNobodyOutAndTakeBoundedMemory) {
   setrlimit(RLIMIT_NOFILE, &files);
   if (files.rlim_cur < 2000) GTEST_SKIP() << "this process may have too few files";
 
-  const std::string most = std::string(bodyLimitBytes - 1, ' ');
+  const std::string body = postHead + "Content-Length: 1048576\r\n\r\n";
   const struct {
     const char* what;
     std::size_t count;
@@ -222,10 +167,8 @@ TEST_F(HostileCrowds, KeepNobodyOutAndTakeBoundedMemory) {
   } crowds[] = {
       {"idle", 1000, ""},
       {"half of the headers", 400, "POST / HTTP/1.1\r\nName: " + std::string(20'000, 'x')},
-      {"half-sent bodies", 150,
-       postHead + "Content-Length: " + std::to_string(bodyLimitBytes) + "\r\n\r\n" + most},
-      {"lengths only claimed", 150,
-       postHead + "Content-Length: " + std::to_string(bodyLimitBytes) + "\r\n\r\n{"},
+      {"half-sent bodies", 150, body + std::string(MiB - 1, ' ')},
+      {"lengths only claimed", 150, body + "{"},
   };
   for (const auto& crowd : crowds) {
     SCOPED_TRACE(crowd.what);

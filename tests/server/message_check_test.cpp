@@ -17,22 +17,14 @@ using server_test::Body;
 using testing::HasSubstr;
 
 // "%0a" stands for a byte that a line of text can't hold.
-std::string Unescaped(std::string_view text) {
-  std::string bytes;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] != '%') {
-      bytes += text[at];
-      continue;
-    }
-    bytes += static_cast<char>(std::stoi(std::string(text.substr(at + 1, 2)), nullptr, 16));
-    at += 2;
-  }
-  return bytes;
+std::string Unescaped(std::string text) {
+  for (std::size_t at = 0; (at = text.find('%', at)) != std::string::npos; ++at)
+    text.replace(at, 3, 1, static_cast<char>(std::stoi(text.substr(at + 1, 2), nullptr, 16)));
+  return text;
 }
 
 // The lines of a file: "> " and a body, or ">> " and a payload that is put into one; then what the check
-// makes of it,
-// "! " and the sentence or "= N" and the items, each behind "| ". Other lines are for the reader.
+// makes of it, "! " and the sentence or "= N" and the items, each after "| ". Other lines are for the reader.
 // VELD_REWRITE_TRANSCRIPTS writes the file anew.
 TEST(MessageCheck, EachBodyGetsItsSentenceOrItems) {
   const std::string recorded = tests::ReadFile(MESSAGES);
@@ -41,10 +33,9 @@ TEST(MessageCheck, EachBodyGetsItsSentenceOrItems) {
     if (line.find_first_of("!=|") == 0) continue;
     checked += line + "\n";
     if (!line.starts_with(">")) continue;
-    const bool wrapped = line.starts_with(">>");
-    const std::size_t mark = wrapped ? 3 : 2;
-    const std::string text = line.size() < mark ? "" : Unescaped(std::string_view(line).substr(mark));
-    const MessageContent content = CheckMessage(wrapped ? Body(text) : text, nullptr);
+    const std::size_t mark = line.starts_with(">>") ? 3 : 2;
+    const std::string text = line.size() < mark ? "" : Unescaped(line.substr(mark));
+    const MessageContent content = CheckMessage(mark == 3 ? Body(text) : text, nullptr);
     if (!content.problem.empty()) {
       checked += "! " + content.problem + "\n";
       EXPECT_EQ(content.itemLines, "") << line;
@@ -57,44 +48,29 @@ TEST(MessageCheck, EachBodyGetsItsSentenceOrItems) {
   EXPECT_EQ(checked, recorded) << "VELD_REWRITE_TRANSCRIPTS=1 records it anew";
 }
 
-TEST(MessageCheck, WorkedExamplePasses) {
-  const MessageContent content = CheckMessage(server_test::exampleBody, nullptr);
-  EXPECT_EQ(content.problem, "");
-  EXPECT_EQ(content.payloadText, R"({"array":[{"a":1},{"b":2}]})");
-  EXPECT_EQ(content.itemLines, "{\"a\":1}\n{\"b\":2}\n");
-  EXPECT_EQ(content.signatureHeader, R"({"alg":"none"})");
-  EXPECT_EQ(content.signature, "");
-  EXPECT_FALSE(content.signatureChecked);
-}
-
-TEST(MessageCheck, DeepNestingIsRefusedBeforeTheStackEnds) {
-  const auto nested = [](std::size_t depth) {
-    return "{\"array\":[" + std::string(depth, '[') + std::string(depth, ']') + "]}";
-  };
-  EXPECT_EQ(CheckMessage(Body(nested(maxJsonDepth - 2)), nullptr).problem, "");
-  EXPECT_THAT(CheckMessage(Body(nested(maxJsonDepth - 1)), nullptr).problem, HasSubstr("nested too deeply"));
-  EXPECT_THAT(CheckMessage(std::string(1000000, '['), nullptr).problem, HasSubstr("isn't a JSON object"));
-  EXPECT_THAT(CheckMessage(Body("{\"array\":" + std::string(1000000, '[')), nullptr).problem,
-              HasSubstr("nested too deeply"));
+// Bodies that are nested a million times are hostile clients'.
+TEST(MessageCheck, NestingIsLimited) {
+  for (const std::size_t depth : {maxJsonDepth - 2, maxJsonDepth - 1}) {
+    const std::string item = std::string(depth, '[') + std::string(depth, ']');
+    const std::string problem = CheckMessage(Body("{\"array\":[" + item + "]}"), nullptr).problem;
+    EXPECT_EQ(problem.find("nested too deeply") != std::string::npos, depth == maxJsonDepth - 1) << problem;
+  }
 }
 
 TEST(MessageCheck, VerifierSeesPayloadAndBlockAndDecides) {
-  std::string seen;
-  const auto refuse = [&](std::string_view payload, std::string_view block) {
-    seen = std::string(payload) + "|" + std::string(block);
-    return std::string("the stamp is wrong");
-  };
   const std::string body = Body(R"({"array":[1]})", std::string_view("h\0s", 3));
-  const MessageContent refused = CheckMessage(body, refuse);
-  EXPECT_EQ(seen, std::string("{\"array\":[1]}|h\0s", 17));
-  EXPECT_THAT(refused.problem, HasSubstr("the stamp is wrong"));
-  EXPECT_FALSE(refused.signatureChecked);
-  const MessageContent passed =
-      CheckMessage(body, [](std::string_view, std::string_view) { return std::string(); });
-  EXPECT_EQ(passed.problem, "");
-  EXPECT_TRUE(passed.signatureChecked);
-  EXPECT_EQ(passed.signatureHeader, "h");
-  EXPECT_EQ(passed.signature, "s");
+  for (const std::string sentence : {"the stamp is wrong", ""}) {
+    std::string seen;
+    const MessageContent content = CheckMessage(body, [&](std::string_view payload, std::string_view block) {
+      seen = std::string(payload) + "|" + std::string(block);
+      return sentence;
+    });
+    EXPECT_EQ(seen, std::string("{\"array\":[1]}|h\0s", 17));
+    EXPECT_THAT(content.problem, HasSubstr(sentence));
+    EXPECT_EQ(content.problem.empty(), sentence.empty());
+    EXPECT_EQ(content.signatureChecked, sentence.empty());
+    EXPECT_EQ(content.signatureHeader + content.signature, "hs");
+  }
 }
 
 TEST(MessageCheck, ContentTypeIsJson) {

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 
@@ -31,13 +32,15 @@ void SendAll(int handle, std::string_view text) {
   }
 }
 
-RawAnswer Exchange(std::uint16_t port, std::string_view request, AfterSending then) {
+RawAnswer Exchange(std::uint16_t port, std::string_view request, AfterSending then, std::string_view drip) {
   RawAnswer answer;
   const int handle = Connect(port);
   if (handle < 0) return answer;
   // Sending on a thread of its own: the server may answer and close while much is still to be sent.
   std::thread sender([&] {
     SendAll(handle, request);
+    while (!drip.empty() && send(handle, drip.data(), drip.size(), MSG_NOSIGNAL) > 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     if (then == AfterSending::close) shutdown(handle, SHUT_WR);
   });
   char block[4096];
