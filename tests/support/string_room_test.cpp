@@ -9,6 +9,12 @@
 #include "types/format.h"
 #include "types/vector.h"
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// A size that no heap has must give null here too.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+#endif
+
 namespace veld_report::tests {
 namespace {
 
