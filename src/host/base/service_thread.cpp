@@ -9,16 +9,19 @@ namespace veld_report::host {
 namespace {
 
 // A new thread inherits its creator's mask, so no signal can slip in between.
-class AllSignalsBlocked {
+class SignalsBlocked {
  public:
-  AllSignalsBlocked() {
+  SignalsBlocked() {
     sigset_t all;
     sigfillset(&all);
+    // A fault blocked on its own thread would end the process past the application's crash handler.
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+      sigdelset(&all, fault);
     pthread_sigmask(SIG_SETMASK, &all, &before_);
   }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
  private:
   sigset_t before_;
@@ -27,7 +30,7 @@ class AllSignalsBlocked {
 }  // namespace
 
 std::thread StartServiceThread(const char* name, std::function<void()> body) {
-  const AllSignalsBlocked blocked;
+  const SignalsBlocked blocked;
   std::thread thread(std::move(body));
   pthread_setname_np(thread.native_handle(), name);
   return thread;

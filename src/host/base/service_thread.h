@@ -6,8 +6,9 @@
 
 namespace veld_report::host {
 
-// A thread with all signals blocked. So the application's handlers run on its own threads, and a broken
-// connection raises no SIGPIPE here. `name`: 15 characters at most, for debuggers. Throws std::system_error.
+// A thread with all signals blocked except those of faults. So the application's handlers run on its own
+// threads, a broken connection raises no SIGPIPE here, and a crash here reaches the crash handler. `name`: 15
+// characters at most, for debuggers. Throws std::system_error.
 std::thread StartServiceThread(const char* name, std::function<void()> body);
 
 }  // namespace veld_report::host

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -21,6 +22,13 @@ void WriteError(std::string_view sentence, char* error, size_t size) {
   const size_t length = std::min(sentence.size(), size - 1);
   std::copy_n(sentence.data(), length, error);
   error[length] = '\0';
+}
+
+// Whether a caller's struct can be served: one of this header, or a shorter one of an earlier header, since
+// members are only ever appended.
+template <class T>
+bool IsServed(size_t size, size_t required) {
+  return size >= required && size <= sizeof(T);
 }
 
 template <class T>
@@ -50,14 +58,17 @@ veld_report::ReporterOptions OptionsOf(const veld_report_options& given) {
 int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out, char* error,
                          size_t error_size) {
   if (out) *out = nullptr;
-  if (!options || !out || options->struct_size != sizeof(veld_report_options) ||
+  constexpr size_t required = offsetof(veld_report_options, packet_limit);
+  if (!options || !out || !IsServed<veld_report_options>(options->struct_size, required) ||
       (options->endpoint_count != 0 && !options->endpoints)) {
     WriteError("open: options, out or endpoints is NULL, or struct_size doesn't match this header", error,
                error_size);
     return zel::eInvalidArgument;
   }
+  veld_report_options known{};
+  std::memcpy(&known, options, options->struct_size);
   try {
-    *out = new veld_report_handle{veld_report::Reporter(OptionsOf(*options))};
+    *out = new veld_report_handle{veld_report::Reporter(OptionsOf(known))};
     return zel::sOk;
   } catch (const veld_report::ReporterError& caught) {
     WriteError(caught.what(), error, error_size);
@@ -89,13 +100,18 @@ int32_t veld_report_flush_to_store(veld_report_handle* reporter, uint32_t deadli
 }
 
 int32_t veld_report_stats(veld_report_handle* reporter, veld_report_statistics* out) {
-  if (!reporter || !out || out->struct_size != sizeof *out) return zel::eInvalidArgument;
+  constexpr size_t required = offsetof(veld_report_statistics, submitted);
+  if (!reporter || !out || !IsServed<veld_report_statistics>(out->struct_size, required)) {
+    return zel::eInvalidArgument;
+  }
   try {
     const veld_report::Statistics stats = reporter->reporter.Stats();
     const veld_report::QueueLedger& total = stats.total;
-    *out = {sizeof *out,           stats.submitted,     stats.refused,        total.accepted.items,
-            total.delivered.items, total.evicted.items, total.rejected.items, total.removed.items,
-            total.waiting.items,   total.waiting.bytes};
+    const veld_report_statistics known = {out->struct_size,     stats.submitted,       stats.refused,
+                                          total.accepted.items, total.delivered.items, total.evicted.items,
+                                          total.rejected.items, total.removed.items,   total.waiting.items,
+                                          total.waiting.bytes};
+    std::memcpy(out, &known, known.struct_size);
     return zel::sOk;
   } catch (const veld_report::ReporterError& caught) {
     return caught.Code();

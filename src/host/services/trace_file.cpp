@@ -14,7 +14,7 @@ namespace veld_report::host {
 namespace {
 
 int OpenForAppending(const std::string& path) {
-  return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
 }
 
 std::uint64_t SizeOf(int descriptor) {
@@ -32,7 +32,9 @@ TraceFile::TraceFile(std::string path, std::uint64_t limitBytes)
   }
   descriptor_ = OpenForAppending(path_);
   if (descriptor_ < 0) {
-    throw std::runtime_error("trace file " + path_ + ": " + std::generic_category().message(errno) +
+    const std::string reason =
+        errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
+    throw std::runtime_error("trace file " + path_ + ": " + reason +
                              "; choose a path that this user may write");
   }
   sizeBytes_ = SizeOf(descriptor_);

@@ -31,7 +31,7 @@ typedef struct veld_report_endpoint {
 /* Fill it with zeros and set struct_size, store and the endpoints. Everything else has a default, which 0 or
  * NULL selects. */
 typedef struct veld_report_options {
-  size_t struct_size; /* sizeof(veld_report_options) */
+  size_t struct_size; /* sizeof(veld_report_options); that of an earlier header will do */
   const char* store;  /* folder of the store; created if it doesn't exist */
   const veld_report_endpoint* endpoints;
   size_t endpoint_count;

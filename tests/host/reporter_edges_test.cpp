@@ -1,0 +1,80 @@
+// Where the reporter meets what isn't its own: crash handlers, trace files, callers with older headers.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <filesystem>
+
+#include "host/base/service_thread.h"
+#include "tests/host/reporter_test_tools.h"
+#include "veld_report/veld_report.h"
+
+namespace veld_report {
+namespace {
+
+class Edges : public ReporterTest {};
+
+TEST_F(Edges, FaultOnAServiceThreadReachesTheHandler) {
+  constexpr int handled = 42;
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
+    const auto crash = [&] {
+      signal(fault, [](int) { _exit(handled); });
+      host::StartServiceThread("veld-test", [&] { pthread_kill(pthread_self(), fault); }).join();
+    };
+    EXPECT_EXIT(crash(), testing::ExitedWithCode(handled), "") << strsignal(fault);
+  }
+}
+
+TEST_F(Edges, TraceFileThatIsALinkIsRefused) {
+  std::filesystem::create_symlink(Path("elsewhere"), Path("trace"));
+  ReporterOptions options = Options({});
+  options.traceFile = Path("trace");
+  std::string why;
+  EXPECT_EQ(Reporter::TryOpen(options, &why), nullptr);
+  EXPECT_THAT(why, testing::HasSubstr("it is a symbolic link"));
+  EXPECT_FALSE(std::filesystem::exists(Path("elsewhere")));
+}
+
+TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
+  const std::string store = Path("store");
+  const veld_report_endpoint endpoint = {"http://127.0.0.1:1", nullptr};
+  veld_report_options options{};
+  options.store = store.c_str();
+  options.endpoints = &endpoint;
+  options.endpoint_count = 1;
+  options.module_path = VELD_MODULE_PATH;
+  const struct {
+    std::size_t optionsSize, statisticsSize;
+    bool isServed;
+  } cases[] = {
+      {sizeof options, sizeof(veld_report_statistics), true},
+      {offsetof(veld_report_options, signing_key_file), offsetof(veld_report_statistics, waiting), true},
+      {offsetof(veld_report_options, packet_limit), offsetof(veld_report_statistics, submitted), true},
+      {offsetof(veld_report_options, endpoint_count), 0, false},
+      {sizeof options + 8, sizeof(veld_report_statistics) + 8, false},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.optionsSize);
+    options.struct_size = each.optionsSize;
+    veld_report_handle* reporter = nullptr;
+    char error[200] = "";
+    EXPECT_EQ(veld_report_open(&options, &reporter, error, sizeof error) == zel::sOk, each.isServed) << error;
+    veld_report_statistics statistics{};
+    statistics.struct_size = each.statisticsSize;
+    statistics.waiting_bytes = -1;
+    if (!reporter) {
+      options.struct_size = sizeof options;
+      ASSERT_EQ(veld_report_open(&options, &reporter, error, sizeof error), zel::sOk) << error;
+    }
+    EXPECT_EQ(veld_report_stats(reporter, &statistics) == zel::sOk, each.isServed);
+    // Nothing is written beyond the caller's struct.
+    const bool isWhole = each.isServed && each.statisticsSize == sizeof statistics;
+    EXPECT_EQ(statistics.waiting_bytes, isWhole ? 0 : -1);
+    veld_report_free(reporter);
+  }
+}
+
+}  // namespace
+}  // namespace veld_report
