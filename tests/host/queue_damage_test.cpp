@@ -3,6 +3,7 @@
 
 #include "host/queue/sqlite_connection.h"
 #include "host/queue/store_layout.h"
+#include "host/queue/store_salvage.h"
 #include "tests/host/queue_test_tools.h"
 
 namespace veld_report::tests {
@@ -191,6 +192,23 @@ TEST_F(QueueDamageTest, TheLogOfADamagedStoreCounts) {
   Open();
   EXPECT_THAT(Waiting("q"), ElementsAre("in the log"));
   EXPECT_THAT(host::DamagedFilesOf(StorePath()), SizeIs(1));
+}
+
+TEST_F(QueueDamageTest, OnlyTheLastDamagedStoresAreKept) {
+  std::int64_t now = 1'700'000'000'000;
+  options.nowMs = [&] { return now; };
+  constexpr std::size_t damages = 7, kept = 4;
+  std::vector<fs::path> all;
+  for (std::size_t i = 0; i < damages; ++i) {
+    now += 60'000;
+    Open();
+    Push("q", "text");
+    service.Reset();
+    std::ofstream(StorePath()) << "no store any more";
+    Open();
+    all.push_back(host::DamagedFilesOf(StorePath()).back());
+  }
+  EXPECT_EQ(host::DamagedFilesOf(StorePath()), std::vector<fs::path>(all.end() - kept, all.end()));
 }
 
 TEST_F(QueueDamageTest, ACheckFindsFiguresThatDontFit) {

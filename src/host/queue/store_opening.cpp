@@ -13,6 +13,7 @@ namespace {
 // How long processes that share a folder wait for each other when opening.
 constexpr std::chrono::seconds openingTime{15};
 constexpr std::chrono::milliseconds openingStep{5};
+constexpr std::size_t keptDamagedFiles = 4;
 
 StoreFile::Settings FileSettings(const QueueServiceOptions& options) {
   return {.syncEveryCommit = options.syncEveryCommit,
@@ -120,6 +121,21 @@ void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesyst
   }
 }
 
+// Each is as large as a store, so a disk that fails again and again would fill up.
+void DeleteOldDamagedFiles(const QueueServiceOptions& options, const std::filesystem::path& file) {
+  auto salvaged = DamagedFilesOf(file);
+  std::erase_if(salvaged, [](const auto& damaged) { return !IsSalvaged(damaged); });
+  for (std::size_t i = 0; i + keptDamagedFiles < salvaged.size(); ++i) {
+    try {
+      DeleteDamagedFile(salvaged[i]);
+      Say(options, salvaged[i].string() + " is deleted; the last " + std::to_string(keptDamagedFiles) +
+                       " damaged stores are kept");
+    } catch (const std::filesystem::filesystem_error& error) {
+      Say(options, std::string("a damaged store can't be deleted: ") + error.what());
+    }
+  }
+}
+
 }  // namespace
 
 std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
@@ -133,7 +149,9 @@ std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
   auto store = TryOpen(options, file, reserve, mark, &damage);
   if (!store) store = ReplaceAlone(options, file, damage, folderLock);
   mark.NoteOpened();
-  if (salvaging == Salvaging::atOnce) SalvageDamagedFiles(options, file, *store);
+  if (salvaging == Salvaging::later) return store;
+  SalvageDamagedFiles(options, file, *store);
+  DeleteOldDamagedFiles(options, file);
   return store;
 }
 
