@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "host/kit/memory_meter.h"
 #include "host/queue/queue_service.h"
 #include "tests/common/waiting.h"
@@ -86,6 +89,27 @@ TEST_F(Memory, IsLimitedInRecordsAndInBytes) {
   options.memoryLimitRecords = options.memoryLimitBytes = 0;
   Reporter reporter(options);
   for (int i = 0; i < 3000; ++i) reporter.SendJson("1");
+}
+
+// The queue of the first endpoint fills as fast as it is delivered.
+TEST_F(Memory, FloodForOneEndpointHoldsUpNoOther) {
+  const auto busy = Serve("busy");
+  const auto quiet = Serve("quiet");
+  ReporterOptions options = Options({{busy->Url(), "busy"}, {quiet->Url(), "quiet"}});
+  options.queueLimitKb = 64;  // a visit takes long enough with what waits already
+  Reporter reporter(options);
+  std::atomic<bool> stop{false};
+  std::thread producer([&] {
+    while (!stop) {
+      if (reporter.TrySendJson("1", "busy") != zel::sOk) std::this_thread::yield();
+    }
+  });
+  for (std::uint64_t count = 1; count <= 5; ++count) {
+    while (reporter.TrySendJson("1", "quiet") != zel::sOk) std::this_thread::yield();
+    EXPECT_TRUE(tests::Eventually([&] { return quiet->StoredItems() == count; }));
+  }
+  stop = true;
+  producer.join();
 }
 
 }  // namespace

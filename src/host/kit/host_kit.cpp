@@ -22,6 +22,8 @@ zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<Li
                                   std::shared_ptr<DeliveryGate> gate) {
   options.tracer = tracer;
   options.pacer = std::move(gate);
+  // The queues go on filling while they are delivered.
+  options.boundedVisits = true;
   auto queues = QueueService::Open(options);
   // Creates the default store now. The module would only do so in its first cycle, where nobody hears of a
   // full disk.

@@ -42,8 +42,7 @@ std::vector<PeekedItem> QueueStore::Peek(const std::string& name, std::size_t co
 std::uint64_t QueueStore::LastToken() {
   const std::lock_guard lock(mutex_);
   Flush();
-  constexpr char sql[] = "SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'items'";
-  return static_cast<std::uint64_t>(file_->Connection().QueryInteger(sql));
+  return file_->LastToken();
 }
 
 ItemCount QueueStore::TotalWaiting() {

@@ -12,6 +12,8 @@ namespace {
 constexpr std::size_t readAheadBytes = 1 << 20;
 constexpr std::size_t minReadAhead = 1 << 11;
 constexpr std::size_t maxReadAhead = 1 << 16;
+// Most visits are shorter and don't ask.
+constexpr std::size_t boundedAfter = 1024;
 
 }  // namespace
 
@@ -69,6 +71,10 @@ bool QueueStore::IsClaimed(const QueueState& queue, std::uint64_t token) {
 bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token) {
   QueueState& queue = *reader.queue;
   while (const ItemRow* row = NextFree(queue, reader.cursor)) {
+    if (row->token > reader.lastToken) {
+      reader.exhausted = true;
+      return false;
+    }
     reader.cursor = row->token;
     const auto bytes = static_cast<std::int64_t>(row->data.size());
     if (IsExpired(*row)) {
@@ -80,6 +86,9 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
     data->assign(row->data.data(), row->data.size());
     reader.claims.Add(row->token, bytes);
     *token = row->token;
+    if (++reader.handedOut == boundedAfter && options_.boundedVisits && !evictions_.IsEvicting(reader)) {
+      reader.lastToken = file_->LastToken();
+    }
     return true;
   }
   return false;

@@ -39,6 +39,10 @@ struct QueueServiceOptions {
   // are alive. The limits hold except for what the processes have in their groups. If it isn't set, a second
   // process gets an error.
   bool shared = false;
+  // A reader that doesn't make room and has handed out 1024 items stops at the youngest item of that moment.
+  // So one who reads a queue to its end, and then goes on to the next queue, gets there even if the queue
+  // fills as fast as it is read.
+  bool boundedVisits = false;
   // For inspection while another process is running: nothing is locked, created, repaired or written.
   // Pushing, reading and removing return 0x80000042.
   bool inspectOnly = false;

@@ -55,6 +55,8 @@ struct ReaderState {
   bool begun = false;     // it was asked
   bool cutShort = false;  // stopped at its limit
   bool exhausted = false;
+  std::size_t handedOut = 0;
+  std::uint64_t lastToken = UINT64_MAX;  // nothing after it is handed out
 };
 
 // One queue. Created for each name in use, and kept while the store is open.

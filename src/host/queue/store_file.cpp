@@ -177,6 +177,11 @@ void StoreFile::RaiseTokens(std::uint64_t token) {
       value + ") WHERE name='items'");
 }
 
+std::uint64_t StoreFile::LastToken() const {
+  constexpr char sql[] = "SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'items'";
+  return static_cast<std::uint64_t>(connection_.QueryInteger(sql));
+}
+
 bool StoreFile::DeleteItem(std::uint64_t token) {
   deleteItem_.Bind(1, static_cast<std::int64_t>(token)).Run();
   return connection_.Changes() != 0;

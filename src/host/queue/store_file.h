@@ -81,6 +81,8 @@ class StoreFile {
   bool RestoreItem(std::int64_t queueId, const ItemRow& item);
   // Makes the next token greater than `token`.
   void RaiseTokens(std::uint64_t token);
+  // The token of the youngest item that was ever in the file; 0 if there was none.
+  std::uint64_t LastToken() const;
   // Returns true if the item was there.
   bool DeleteItem(std::uint64_t token);
   // Deletes the items of all queues with tokens from `first` to `last`. Returns how many there were.
