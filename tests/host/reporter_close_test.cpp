@@ -76,6 +76,14 @@ TEST_F(Closing, ProducersThatGoOnCallingNeitherCrashNorHoldItUp) {
   EXPECT_EQ(server->StoredItems(), static_cast<std::uint64_t>(accepted));
 }
 
+TEST_F(Closing, WaitsForNoUrlThatIsHeldBackBeyondTheDeadline) {
+  tests::ScriptedServer busy(tests::ScriptedReply::Status(503, "Retry-After: 600\r\n"));
+  Reporter reporter(Options({{busy.Url()}}));
+  reporter.SendJson("1");
+  ASSERT_TRUE(busy.WaitForRequests(1));
+  EXPECT_LT(TimeOf([&] { EXPECT_FALSE(reporter.Close(seconds(60))); }), seconds(20));
+}
+
 TEST_F(Closing, SecondCloserShortensTheFirstAndGetsItsAnswer) {
   tests::ScriptedServer silent(NeverAnswers);
   Reporter reporter(Options({{silent.Url()}}));

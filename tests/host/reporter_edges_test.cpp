@@ -37,6 +37,17 @@ TEST_F(Edges, TraceFileThatIsALinkIsRefused) {
   EXPECT_FALSE(std::filesystem::exists(Path("elsewhere")));
 }
 
+TEST_F(Edges, DeletedFolderIsNoSafePlace) {
+  ReporterOptions options = Options({{"http://127.0.0.1:1"}});
+  options.sendingAllowed = false;
+  Reporter reporter(options);
+  reporter.SendJson("1");
+  EXPECT_TRUE(reporter.FlushToStore(seconds(20)));
+  std::filesystem::remove_all(Path("store"));
+  reporter.SendJson("2");
+  EXPECT_FALSE(reporter.FlushToStore(milliseconds(500)));
+}
+
 TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
   const std::string store = Path("store");
   const veld_report_endpoint endpoint = {"http://127.0.0.1:1", nullptr};

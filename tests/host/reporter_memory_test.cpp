@@ -104,7 +104,7 @@ TEST_F(Memory, FloodForOneEndpointHoldsUpNoOther) {
       if (reporter.TrySendJson("1", "busy") != zel::sOk) std::this_thread::yield();
     }
   });
-  for (std::uint64_t count = 1; count <= 5; ++count) {
+  for (std::uint64_t count = 1; count <= 2; ++count) {
     while (reporter.TrySendJson("1", "quiet") != zel::sOk) std::this_thread::yield();
     EXPECT_TRUE(tests::Eventually([&] { return quiet->StoredItems() == count; }));
   }

@@ -26,7 +26,8 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
       reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
       mark_(options.inspectOnly ? std::filesystem::path() : file),
       file_(OpenStoreFile(options, file, *folderLock_, reserve_, mark_)),
-      writer_(*file_, reserve_) {
+      writer_(*file_, reserve_),
+      identity_(FileIdentity::Of(file)) {
   AdoptRows();
   if (!options_.inspectOnly) committer_ = StartServiceThread("veld-store", [this] { RunCommitter(); });
 }
@@ -203,7 +204,15 @@ std::vector<std::string> QueueStore::QueueNames() {
 bool QueueStore::Commit() {
   EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
-  return FlushFigures();
+  return FlushFigures() && HasFile();
+}
+
+// Without its folder a store goes on, in a file that goes with its last descriptor.
+bool QueueStore::HasFile() {
+  if (identity_ == FileIdentity::Of(path_)) return true;
+  if (!std::exchange(isGone_, true))
+    Trace(failureLevel, "the store's file has been deleted; nothing in it is safe");
+  return false;
 }
 
 // Also writes the figures that wait for a change.

@@ -98,7 +98,7 @@ class QueueStore {
   // 0x8000004c if there is no such queue.
   zel::ResultCode RemoveQueue(const std::string& name);
   std::vector<std::string> QueueNames();
-  // Writes the buffer. Returns true if all of it is in the file.
+  // Writes the buffer. Returns true if all of it is in the file, and the file is still where it was.
   bool Commit();
   // Writes the buffer and empties the log; with `rebuild` also drops the file's free space. Returns false if
   // the buffer couldn't be written. Throws SqliteError.
@@ -120,6 +120,7 @@ class QueueStore {
   bool FlushFigures();
   void CommitIfDue();
   bool IsRefusingWrites();
+  bool HasFile();
   bool MakeRoomInStore(std::int64_t bytes);
   bool EvictOldest(QueueState& queue);
   bool IsExpired(const ItemRow& row) const;
@@ -150,6 +151,8 @@ class QueueStore {
   std::size_t sendingReaders_ = 0;
   FileLock lease_;
   std::map<std::string, QueueState> queues_;
+  const FileIdentity identity_;
+  bool isGone_ = false;   // the file was deleted, and that was traced
   bool failing_ = false;  // the last Flush failed, and that was traced
   bool stopping_ = false;
   bool committerIdle_ = false;

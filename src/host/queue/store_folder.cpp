@@ -65,6 +65,12 @@ int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept {
   return descriptor;
 }
 
+FileIdentity FileIdentity::Of(const std::filesystem::path& file) noexcept {
+  struct stat status {};
+  if (stat(file.c_str(), &status) != 0) return {};
+  return {status.st_dev, status.st_ino};
+}
+
 bool IsSafeDomainName(std::string_view domain) {
   constexpr std::size_t maxLength = 64;
   return !domain.empty() && domain.size() <= maxLength && std::ranges::all_of(domain, [](char c) {

@@ -40,6 +40,16 @@ void RefuseInheritedStore(const std::filesystem::path& folder);
 // descriptor, or -1 with errno set.
 int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
 
+// Which file a path names; another one if it was deleted and made anew.
+struct FileIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+
+  // All zeros if there is no file.
+  static FileIdentity Of(const std::filesystem::path& file) noexcept;
+  bool operator==(const FileIdentity&) const = default;
+};
+
 // Creates an empty file with mode 0600 if there is none, otherwise removes the rights of group and others.
 // Returns true if the file is new. Throws StoreError.
 bool PreparePrivateFile(const std::filesystem::path& file);

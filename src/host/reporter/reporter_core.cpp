@@ -171,11 +171,22 @@ bool Reporter::Core::Close(milliseconds deadline) noexcept {
   return flushedAtClose_;
 }
 
+bool Reporter::Core::IsAllHeldBack(TimePoint end) const {
+  const auto ledgers = kit_->Queues().Ledgers();
+  for (const Endpoint& endpoint : CurrentSettings().endpoints) {
+    const auto ledger = ledgers.find(host::QueueNameOfUrl(endpoint.url));
+    if (ledger == ledgers.end() || ledger->second.waiting.items == 0) continue;
+    if (steady_clock::now() + kit_->Http().HeldBackFor(endpoint.url) < end) return false;
+  }
+  return true;
+}
+
 void Reporter::Core::CloseOnce() noexcept {
   gate_.Shut();
   try {
-    flushedAtClose_ = flusher_->FlushUnless([this] { return !kit_->IsSendingAllowed(); },
-                                            [this] { return closeBy_.load(); });
+    flushedAtClose_ =
+        flusher_->FlushUnless([this] { return !kit_->IsSendingAllowed() || IsAllHeldBack(closeBy_.load()); },
+                              [this] { return closeBy_.load(); });
   } catch (...) {
     // The store can't be read, so what became of the records is unknown and the result stays false.
   }

@@ -64,6 +64,8 @@ class Reporter::Core {
   // A phrase that says what is wrong, or an empty text.
   std::string CheckConsumer(std::string_view consumer) const;
   void AdoptSettings(const Settings& settings);
+  // Whether requests to all endpoints for which something waits are held back beyond `end`.
+  bool IsAllHeldBack(TimePoint end) const;
   void CloseOnce() noexcept;
   // Changes one of the conditions for sending, and gives the kit the result of all of them.
   void ChangeConsent(bool Core::*part, bool value) noexcept;

@@ -172,7 +172,9 @@ class Reporter {
 
   // Accepts no more records, flushes until `deadline`, and stops. A request in flight is cancelled;
   // undelivered records stay in the store. Returns the result of that flush, even to a second caller, who
-  // waits for the first. Takes at most the deadline plus 5 seconds, whatever servers and resolvers do.
+  // waits for the first. Takes at most the deadline plus 5 seconds, whatever servers and resolvers do,
+  // and whatever a disk and a listener call take that are in progress. Returns early if all requests are held
+  // back beyond the deadline, or sending isn't allowed.
   bool Close(std::chrono::milliseconds deadline) noexcept;
 
   // Replaces the settings as a whole, from the next cycle on. The queue of a url that is gone is removed with
