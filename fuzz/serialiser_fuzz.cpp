@@ -69,21 +69,22 @@ struct Elements {
 };
 
 struct Helper final : zel::SerVectorHelper {
+  enum { none, sizeFails, elementFails, nullElement, descriptorFails, wrongCount, faults } fault = none;
   const zel::SerObjDescriptor* descriptor = nullptr;
   std::uint32_t size = 0;
 
   zel::ResultCode Resize(void*, std::uint32_t) override { return zel::eNotSupported; }
   zel::ResultCode GetSize(const void* field, std::uint32_t* out) override {
     *out = static_cast<std::uint32_t>(static_cast<const Elements*>(field)->each.size());
-    return zel::sOk;
+    return fault == sizeFails ? zel::eNotFound : zel::sOk;
   }
   zel::ResultCode GetElement(void* field, std::uint32_t index, void** out) override {
-    *out = static_cast<Elements*>(field)->each.at(index);
-    return zel::sOk;
+    *out = fault == nullElement ? nullptr : static_cast<Elements*>(field)->each.at(index);
+    return fault == elementFails ? zel::eNotFound : zel::sOk;
   }
   zel::ResultCode GetElementDescriptor(const zel::SerObjDescriptor** out) override {
     *out = descriptor;
-    return zel::sOk;
+    return fault == descriptorFails ? zel::eNotFound : zel::sOk;
   }
   zel::ResultCode GetElementSize(std::uint32_t* out) override {
     *out = size;
@@ -110,7 +111,8 @@ class Maker {
     for (const auto& each : endings_) each();
   }
 
-  bool MustFail() const { return mustFail_; }
+  // Of the first failure that the serialiser meets; 0 if there is none.
+  zel::ResultCode Failure() const { return failure_; }
 
   const Schema* MakeSchema(int depth) {
     Schema& schema = schemas_.emplace_back();
@@ -132,7 +134,7 @@ class Maker {
       helper.descriptor = inner ? &inner->descriptor : nullptr;
       helper.size = static_cast<std::uint32_t>(row.size);
       row.vectorHelper = &helper;
-      if (in_.OneIn(64)) Spoil(&row);
+      if (in_.OneIn(64)) Spoil(&row, &helper);
       schema.rows.push_back(row);
       schema.inner.push_back(inner);
     }
@@ -152,13 +154,13 @@ class Maker {
     if (!wholeText) *expected += "{";
     for (std::size_t i = 0; i < count; ++i) {
       const zel::SerFieldDescriptor& row = schema.rows[i];
-      if (!row.name || (row.flags & unknownFlag) != 0 || (row.flags != 0 && !row.vectorHelper))
-        mustFail_ = true;
-      if (mustFail_) return block;
+      const bool isBroken = !row.name || (row.flags & unknownFlag) != 0 || (~row.flags & bothFlags) == 0;
+      if (isBroken || (row.flags != 0 && !row.vectorHelper)) Fail();
+      if (failure_ != zel::sOk) return block;
       std::string value;
       bool absent = false;
       if (row.flags == 0) {
-        Value(row, block + row.offset, &value);
+        value = Value(row, block + row.offset);
       } else {
         absent = !Several(row, schema.inner[i], block + row.offset, &value);
       }
@@ -171,6 +173,7 @@ class Maker {
 
  private:
   static constexpr std::uint32_t unknownFlag = 0x00000100;
+  static constexpr std::uint32_t bothFlags = kinds::vectorFlag | kinds::optionalFlag;
   static bool IsJson(std::uint32_t kind) {
     return kind == kinds::jsonText || kind == kinds::standardJsonText;
   }
@@ -186,8 +189,12 @@ class Maker {
     std::tie(row->typeId, row->size) = all[in_.Below(std::size(all))];
   }
 
-  void Spoil(zel::SerFieldDescriptor* row) {
-    switch (in_.Below(4)) {
+  void Fail(zel::ResultCode code = zel::eInvalidArgument) {
+    if (failure_ == zel::sOk) failure_ = code;
+  }
+
+  void Spoil(zel::SerFieldDescriptor* row, Helper* helper) {
+    switch (in_.Below(6)) {
       case 0:
         row->name = nullptr;
         break;
@@ -195,83 +202,81 @@ class Maker {
         row->flags |= unknownFlag;
         break;
       case 2:
+        row->flags |= bothFlags;
+        break;
+      case 3:
         row->vectorHelper = nullptr;
         break;
-      default:
+      case 4:
         row->typeId = 0x77;  // neither a kind nor a record type
+        break;
+      default:
+        helper->fault = decltype(helper->fault)(in_.Below(Helper::faults));
     }
   }
 
   // False for an empty optional.
   bool Several(const zel::SerFieldDescriptor& row, const Schema* inner, void* place, std::string* expected) {
-    auto* const elements = Put(place, Elements{});
     const bool isVector = (row.flags & kinds::vectorFlag) != 0;
     const bool isOptional = (row.flags & kinds::optionalFlag) != 0;
     const std::size_t count = isVector ? in_.Below(5) : isOptional ? in_.Below(2) : 1;
-    if (inner && row.typeId != inner->descriptor.serId) mustFail_ = true;
+    const auto fault = static_cast<const Helper*>(row.vectorHelper)->fault;
+    if (fault == Helper::sizeFails) Fail(zel::eNotFound);
+    const bool wrongCount = fault == Helper::wrongCount && !isVector;
+    if (wrongCount) Fail();
+    auto* const elements = Put(place, Elements{});
+    elements->each.resize(!wrongCount ? count : isOptional ? 2 : 0);
+    if (inner && fault == Helper::descriptorFails) Fail(zel::eNotFound);
+    if (inner && row.typeId != inner->descriptor.serId) Fail();
+    if (count != 0 && fault == Helper::elementFails) Fail(zel::eNotFound);
+    if (count != 0 && fault == Helper::nullElement) Fail(zel::eUnexpected);
     if (isVector) *expected += "[";
-    for (std::size_t i = 0; i < count && !mustFail_; ++i) {
+    for (std::size_t i = 0; i < count && failure_ == zel::sOk; ++i) {
       void* element = nullptr;
       if (inner) {
         element = Fill(*inner, expected);
       } else {
         element = blocks_.emplace_back(std::make_unique<char[]>(slotBytes)).get();
-        Value(row, element, expected);
+        *expected += Value(row, element);
       }
-      elements->each.push_back(element);
+      elements->each[i] = element;
       if (isVector) *expected += ",";
     }
     if (isVector) *expected += "]";
     return !isOptional || count != 0;
   }
 
-  void Value(const zel::SerFieldDescriptor& row, void* place, std::string* expected) {
+  // Makes a value and returns its form.
+  std::string Value(const zel::SerFieldDescriptor& row, void* place) {
     const std::uint64_t bits = in_.Number(row.size <= 8 ? row.size : 0);
-    const auto signedForm = [&](auto value) { return std::to_string(std::int64_t{*Put(place, value)}); };
-    const auto unsignedForm = [&](auto value) { return std::to_string(std::uint64_t{*Put(place, value)}); };
+    const std::uint64_t spare = 64 - 8 * row.size;  // of a number
     switch (row.typeId) {
       case kinds::boolean:
-        *expected += *Put(place, static_cast<std::uint8_t>(bits)) != 0 ? "true" : "false";
-        break;
+        return *Put(place, static_cast<std::uint8_t>(bits)) != 0 ? "true" : "false";
       case kinds::signedInteger:
-        *expected += row.size == 1   ? signedForm(static_cast<std::int8_t>(bits))
-                     : row.size == 2 ? signedForm(static_cast<std::int16_t>(bits))
-                     : row.size == 4 ? signedForm(static_cast<std::int32_t>(bits))
-                                     : signedForm(static_cast<std::int64_t>(bits));
-        break;
+        return std::to_string(std::int64_t(*Put(place, bits) << spare) >> spare);
       case kinds::unsignedInteger:
-        *expected += row.size == 1   ? unsignedForm(static_cast<std::uint8_t>(bits))
-                     : row.size == 2 ? unsignedForm(static_cast<std::uint16_t>(bits))
-                     : row.size == 4 ? unsignedForm(static_cast<std::uint32_t>(bits))
-                                     : unsignedForm(bits);
-        break;
+        return std::to_string(*Put(place, bits));
       case kinds::floatingPoint:
-        *expected += row.size == 8 ? Form(*Put(place, std::bit_cast<double>(bits)))
-                                   : FormOfFloat(*Put(place, std::bit_cast<float>(std::uint32_t(bits))));
-        break;
+        return row.size == 8 ? Form(*Put(place, std::bit_cast<double>(bits)))
+                             : FormOfFloat(*Put(place, std::bit_cast<float>(std::uint32_t(bits))));
       case kinds::narrowString:
-        *expected += Form(Repaired(Put(place, zel::string(Bytes()))->View()));
-        break;
+        return Form(Repaired(Put(place, zel::string(Bytes()))->View()));
       case kinds::wideString:
-        *expected += Form(Repaired(Put(place, zel::wstring(std::u16string_view(Units())))->View()));
-        break;
+        return Form(Repaired(Put(place, zel::wstring(std::u16string_view(Units())))->View()));
       case kinds::standardString:
-        *expected += Form(Repaired(*Put(place, std::string(Bytes()))));
-        break;
+        return Form(Repaired(*Put(place, std::string(Bytes()))));
       case kinds::standardWideString:
-        *expected += Form(Repaired(*Put(place, Units())));
-        break;
+        return Form(Repaired(*Put(place, Units())));
       case kinds::stringView:
-        *expected += Form(Repaired(*Put(place, Bytes())));
-        break;
+        return Form(Repaired(*Put(place, Bytes())));
       case kinds::jsonText:
-        *expected += Json(Put(place, zel::string(JsonBytes()))->View());
-        break;
+        return Json(Put(place, zel::string(JsonBytes()))->View());
       case kinds::standardJsonText:
-        *expected += Json(*Put(place, std::string(JsonBytes())));
-        break;
+        return Json(*Put(place, std::string(JsonBytes())));
       default:
-        mustFail_ = true;
+        Fail();
+        return {};
     }
   }
 
@@ -291,7 +296,7 @@ class Maker {
   }
   std::string Json(std::string_view text) {
     const std::string form = FormOfText(text);
-    if (form.empty()) mustFail_ = true;
+    if (form.empty()) Fail();
     return form;
   }
 
@@ -304,7 +309,7 @@ class Maker {
   }
 
   Input& in_;
-  bool mustFail_ = false;
+  zel::ResultCode failure_ = zel::sOk;
   std::deque<Schema> schemas_;
   std::deque<std::unique_ptr<char[]>> blocks_;
   std::vector<std::function<void()>> endings_;
@@ -319,9 +324,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string expected;
   void* const object = maker.Fill(*schema, &expected);
   const auto result = veld_report::host::Serialize(zel::AnyPtr(object, &schema->descriptor));
-  Require(zel::Failed(result.code) == maker.MustFail(), "a wrong record passes, or a right one is refused");
-  Require(zel::Failed(result.flush) == maker.MustFail(), "Flush and Serialize don't agree");
-  if (maker.MustFail()) return 0;
+  Require(result.code == maker.Failure(), "a wrong record passes, or a right one is refused");
+  Require(result.flush == maker.Failure(), "Flush and Serialize don't agree");
+  if (maker.Failure() != zel::sOk) return 0;
   Require(FormOfText(result.text) == expected, "other values are read back: " + result.text);
   Require(result.text.find_first_of("\n\r\t") == std::string::npos, "a record isn't one line");
   return 0;

@@ -36,7 +36,6 @@ struct Serialized {
   zel::ResultCode code = zel::sOk;   // of Serialize
   zel::ResultCode flush = zel::sOk;  // of Flush
   std::string text{};
-  bool located = false;
   std::string objectName{};
   std::string fieldName{};
   std::uint32_t index = 0;
@@ -56,7 +55,7 @@ inline Serialized Serialize(const zel::AnyPtr& object,
   zel::Ref<zel::ISerializeErrorInfo> info;
   if (context) context->QueryInterface(zel::ISerializeErrorInfo::iid, info.OutVoid());
   zel::SerializeErrorLocation location;
-  result.located = info && info->GetErrorLocation(&location) == zel::sOk;
+  if (info) info->GetErrorLocation(&location);
   result.objectName = location.objectName.View();
   result.fieldName = location.fieldName.View();
   result.index = location.index;
@@ -65,15 +64,12 @@ inline Serialized Serialize(const zel::AnyPtr& object,
 
 inline constexpr zel::SerFieldDescriptor endRow = {.flags = zel::SerFieldDescriptor::endOfTable};
 
-// A record named "One" with this value, described with the given kind and flags.
+// A record of one value, "v", of this kind.
 template <class T>
-Serialized SerializeValue(T value, std::uint32_t kind, std::uint32_t flags = 0,
-                          zel::SerVectorHelper* helper = nullptr, const char* name = "v",
-                          const zel::Ref<StringStream>& stream = MakeObject<StringStream>()) {
-  const zel::SerFieldDescriptor table[] = {
-      {.typeId = kind, .name = name, .flags = flags, .size = sizeof(T), .vectorHelper = helper}, endRow};
+Serialized SerializeValue(T value, std::uint32_t kind) {
+  const zel::SerFieldDescriptor table[] = {{.typeId = kind, .name = "v", .size = sizeof(T)}, endRow};
   const zel::SerObjDescriptor descriptor = {.serId = 1, .name = "One", .size = sizeof(T), .fields = table};
-  return Serialize(zel::AnyPtr(&value, &descriptor), stream);
+  return Serialize(zel::AnyPtr(&value, &descriptor));
 }
 
 }  // namespace veld_report::host

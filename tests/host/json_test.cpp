@@ -1,0 +1,107 @@
+// What the fuzz target of the serialiser leaves open: exact texts, the place of a failure, a record without
+// end, and streams that fail. That every value of any kind reads back as it was is for the target.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "host/json/json_check.h"
+#include "host/json/json_record.h"
+#include "tests/host/json_serialize.h"
+#include "veld_report/record.h"
+
+namespace veld_report::host {
+
+struct Leaf {
+  int number = 0;
+  Json text{"null"};
+};
+VELD_RECORD(Leaf, 1, number, text)
+
+struct Tree {
+  std::vector<Json> texts{};
+  std::vector<Leaf> leaves{};
+};
+VELD_RECORD(Tree, 2, texts, leaves)
+
+namespace {
+
+using namespace field_kinds;
+
+TEST(Json, FailureIsPlacedInInnermostRecordAndVector) {
+  Leaf leaf{.text = {"{"}};
+  Tree inTexts{.texts = {{"1"}, {"{"}}};
+  Tree inLeaves{.leaves = {{}, {}, leaf}};
+  const struct {
+    zel::AnyPtr record;
+    const char* objectName;
+    const char* fieldName;
+    std::uint32_t index;
+  } cases[] = {
+      {{&leaf, VeldRecordDescriptor(&leaf)}, "Leaf", "text", zel::SerializeErrorLocation::noIndex},
+      {{&inTexts, VeldRecordDescriptor(&inTexts)}, "Tree", "texts", 1},
+      {{&inLeaves, VeldRecordDescriptor(&inLeaves)}, "Leaf", "text", 2},
+  };
+  for (const auto& each : cases) {
+    const Serialized result = Serialize(each.record);
+    EXPECT_EQ(result.code, zel::eInvalidArgument);
+    EXPECT_EQ(result.objectName, each.objectName);
+    EXPECT_EQ(result.fieldName, each.fieldName);
+    EXPECT_EQ(result.index, each.index);
+  }
+}
+
+struct Endless {
+  static const zel::SerObjDescriptor* Get() { return &descriptor; }
+  static const zel::SerObjDescriptor descriptor;
+};
+const zel::SerFieldDescriptor endlessFields[] = {
+    {.typeId = 1, .name = "n", .flags = recordFlag, .vectorHelper = &fieldHelper<NestedHelper<Endless, Endless>>},
+    endRow};
+const zel::SerObjDescriptor Endless::descriptor = {.serId = 1, .name = "Endless", .fields = endlessFields};
+
+TEST(Json, RecordThatContainsItselfIsRefused) {
+  Endless endless;
+  EXPECT_EQ(Serialize(zel::AnyPtr(&endless, &Endless::descriptor)).code, zel::eNotSupported);
+}
+
+// At every length that the text can be cut at: never more than the stream took, always its code.
+TEST(Json, StreamThatFailsOrIsFullFailsTheText) {
+  Tree tree{.texts = std::vector<Json>(200, {"4000000000"})};  // leaves in several pieces
+  const auto run = [&](const zel::Ref<StringStream>& stream) {
+    return Serialize(zel::AnyPtr(&tree, VeldRecordDescriptor(&tree)), stream);
+  };
+  const std::string whole = run(MakeObject<StringStream>()).text;
+  EXPECT_GT(whole.size(), 11 * tree.texts.size());
+  for (std::uint64_t room = 0; room < whole.size(); ++room) {
+    for (const zel::ResultCode answer : {zel::sOk, zel::eOutOfMemory}) {
+      const auto stream = MakeObject<StringStream>();
+      stream->roomBytes = room;
+      stream->beyondRoom = answer;
+      const Serialized result = run(stream);
+      EXPECT_EQ(result.flush, answer == zel::sOk ? zel::eOutOfSpace : answer);
+      EXPECT_EQ(result.text, whole.substr(0, room));
+      EXPECT_TRUE(room != 0 || result.index < 100) << "the walk went on after the failure";
+    }
+  }
+}
+
+TEST(Json, NumbersAreTheShortestText) {
+  const auto text = [](auto value) { return SerializeValue(value, floatingPoint).text; };
+  EXPECT_EQ(text(0.1f), R"({"v":0.1})");
+  EXPECT_EQ(text(35201383422587244544.0), R"({"v":3.5201383422587245e+19})");
+  EXPECT_EQ(text(-0.0), R"({"v":-0})");
+}
+
+TEST(Json, FinishedTextGoesOutUnchangedIfItIsOneValue) {
+  std::string deepest(JsonCheck::depthLimit, '[');
+  deepest.append(JsonCheck::depthLimit, ']');
+  for (const std::string& text : {std::string(R"({"a" : [2.50e+3] })"), deepest}) {
+    EXPECT_EQ(Serialize(JsonRecord{" " + text + "\r\n"}.AsAny()).text, text);
+  }
+  for (const std::string& text : {std::string("1 2"), std::string("[1]\0x", 5), "[" + deepest + "]"}) {
+    EXPECT_EQ(Serialize(JsonRecord{text}.AsAny()).code, zel::eInvalidArgument) << text;
+  }
+}
+
+}  // namespace
+}  // namespace veld_report::host
