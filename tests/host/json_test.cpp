@@ -55,7 +55,10 @@ struct Endless {
   static const zel::SerObjDescriptor descriptor;
 };
 const zel::SerFieldDescriptor endlessFields[] = {
-    {.typeId = 1, .name = "n", .flags = recordFlag, .vectorHelper = &fieldHelper<NestedHelper<Endless, Endless>>},
+    {.typeId = 1,
+     .name = "n",
+     .flags = recordFlag,
+     .vectorHelper = &fieldHelper<NestedHelper<Endless, Endless>>},
     endRow};
 const zel::SerObjDescriptor Endless::descriptor = {.serId = 1, .name = "Endless", .fields = endlessFields};
 
