@@ -142,6 +142,15 @@ class FullDiskTest : public QueueFaultsTest {
     EXPECT_TRUE(!mounted || umount2(options.folder.c_str(), MNT_DETACH) == 0);
   }
 
+  static void Fill(const std::filesystem::path& ballast) {
+    std::ofstream stream(ballast, std::ios::binary);
+    for (std::size_t size = 65536; size > 0; size /= 2) {
+      while (stream << std::string(size, 'b') && stream.flush()) {
+      }
+      stream.clear();
+    }
+  }
+
   bool mounted = false;
 };
 
@@ -150,13 +159,7 @@ TEST_F(FullDiskTest, AFullDiskRefusesPushesAndDeliveryGoesOn) {
   Open();
   PushSome("a", 400);
   ASSERT_THAT(model.Items("a"), SizeIs(400));
-  std::ofstream stream(ballast, std::ios::binary);
-  for (std::size_t size = 65536; size > 0; size /= 2) {
-    while (stream << std::string(size, 'b') && stream.flush()) {
-    }
-    stream.clear();
-  }
-  stream.close();
+  Fill(ballast);
   PushSome("a", 3000);
   EXPECT_LT(model.Items("a").size(), 3000u) << "the disk isn't full";
   EXPECT_GT(Ledger("a").rejected.items, 0);
@@ -173,6 +176,23 @@ TEST_F(FullDiskTest, AFullDiskRefusesPushesAndDeliveryGoesOn) {
   model.Pushed("b", "resumed", zel::sOk);
   Open();
   Compare();
+}
+
+TEST_F(FullDiskTest, PushingResumesWithRoomInsideTheFile) {
+  Open();
+  {
+    const auto producer = Producer("a");
+    for (int i = 0; i < 120; ++i) ASSERT_EQ(PushText(*producer, std::string(100'000, 'a')), zel::sOk);
+  }
+  ASSERT_TRUE(service->Commit());
+  Fill(options.folder / "ballast");
+  const auto producer = Producer("b");
+  ASSERT_TRUE(Eventually([&] { return PushText(*producer, std::string(1000, 'b')) != zel::sOk; }));
+  for (int visit = 0; visit < 15; ++visit) {
+    const auto reader = Reader("a");
+    for (const ReadItem& item : ReadAll(*reader, 8)) EXPECT_EQ(reader->Ack(&item.token), zel::sOk);
+  }
+  EXPECT_TRUE(Eventually([&] { return PushText(*producer, "resumed") == zel::sOk; }));
 }
 
 }  // namespace

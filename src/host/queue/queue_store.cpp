@@ -13,6 +13,8 @@ namespace {
 
 // How long the committer waits before it retries a failed write.
 constexpr std::chrono::milliseconds retryDelay{100};
+// So much free room in the file does for a reserve that can't be had again.
+constexpr std::int64_t plentyOfFreeBytes = 8 << 20;
 // Below SQLite's own limit of 10^9 bytes per row. A larger item would stay in the buffer for ever.
 constexpr std::size_t maxItemBytes = 999'000'000;
 
@@ -163,7 +165,7 @@ bool QueueStore::EvictOldest(QueueState& queue) {
 // Push first tries to write, but no more often than a group would be due.
 bool QueueStore::IsRefusingWrites() {
   if (reserve_.IsGivenUp()) reserve_.Restore();
-  if (reserve_.IsGivenUp()) return true;
+  if (reserve_.IsGivenUp() && file_->FreeBytes() < plentyOfFreeBytes) return true;
   if (!writer_.Error()) return false;
   if (QueueWriter::Clock::now() - writer_.LastFailure() < options_.commitDelay) return true;
   return !Flush();

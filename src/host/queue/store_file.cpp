@@ -235,6 +235,14 @@ std::optional<std::int64_t> StoreFile::OldestMs(std::int64_t queueId) {
   return result;
 }
 
+std::int64_t StoreFile::FreeBytes() const {
+  try {
+    return connection_.QueryInteger("PRAGMA freelist_count") * storePageBytes;
+  } catch (const SqliteError&) {
+    return 0;
+  }
+}
+
 std::int64_t StoreFile::DataVersion() {
   const StatementScope scope(dataVersion_);
   dataVersion_.Step();

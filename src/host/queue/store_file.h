@@ -102,6 +102,8 @@ class StoreFile {
   // The actual content of the queue, counted.
   ItemCount CountItems(std::int64_t queueId);
 
+  // The room inside the file that nothing uses; 0 if it can't be read just now.
+  std::int64_t FreeBytes() const;
   // Changes when another connection has committed something.
   std::int64_t DataVersion();
   // Checkpoints the log as far as nobody is in the way, so that it restarts at its beginning.
