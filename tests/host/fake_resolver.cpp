@@ -3,53 +3,39 @@
 #include <dlfcn.h>
 #include <netdb.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
 #include <string_view>
+
+#include "tests/common/waiting.h"
 
 namespace veld_report::tests {
 namespace {
 
-struct State {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool hanging = false;
-  int calls = 0;
-  int inside = 0;
-};
-
-// Never destroyed: a look-up may outlive main.
-State& state = *new State;
+std::atomic<bool> hanging{false};
+std::atomic<int> calls{0}, inside{0};
 
 void Hang() {
-  std::unique_lock lock(state.mutex);
-  ++state.calls;
-  ++state.inside;
-  state.changed.notify_all();
-  state.changed.wait(lock, [] { return !state.hanging; });
-  --state.inside;
-  state.changed.notify_all();
+  ++inside;
+  ++calls;
+  hanging.wait(true);
+  --inside;
 }
 
 }  // namespace
 
 HangingResolver::HangingResolver() {
-  const std::lock_guard lock(state.mutex);
-  state.hanging = true;
-  state.calls = 0;
+  hanging = true;
+  calls = 0;
 }
 
 HangingResolver::~HangingResolver() {
-  std::unique_lock lock(state.mutex);
-  state.hanging = false;
-  state.changed.notify_all();
-  state.changed.wait(lock, [] { return state.inside == 0; });
+  hanging = false;
+  hanging.notify_all();
+  Eventually([] { return inside == 0; });
 }
 
 bool HangingResolver::WaitForCalls(int count) const {
-  std::unique_lock lock(state.mutex);
-  return state.changed.wait_for(lock, std::chrono::seconds(20), [&] { return state.calls >= count; });
+  return Eventually([&] { return calls >= count; });
 }
 
 }  // namespace veld_report::tests

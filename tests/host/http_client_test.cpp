@@ -95,6 +95,13 @@ TEST(HttpClient, ABadBodyOrHeaderEndsTheRequestBeforeTheServer) {
   EXPECT_EQ(server.Requests().size(), 0u);
 }
 
+TEST(HttpClient, ASecondAddressIsTriedIfTheFirstDoesNotAnswer) {
+  ScriptedServer server(ScriptedReply::Status(200));
+  HttpClientOptions options = Direct();
+  options.resolve = {"two.test:" + std::to_string(server.Port()) + ":127.0.0.2,127.0.0.1"};
+  EXPECT_EQ(HttpKit(options).client.Send(server.Url("/", "two.test"))->status, 200);
+}
+
 // The server closes a kept connection at the very moment of the next request: libcurl sends it again on a
 // fresh one, from the start of the body.
 TEST(HttpClient, ABodyIsSentFromTheStartWhenAKeptConnectionBroke) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -12,10 +11,7 @@
 #include <vector>
 
 #include "host/kit/host_kit.h"
-#include "host/kit/module_path.h"
 #include "host/services/queue_name.h"
-#include "host/signature/ed25519_verifier.h"
-#include "host/signature/key_files.h"
 #include "tests/host/serving_test.h"
 
 namespace veld_report::host {
@@ -36,22 +32,7 @@ class Kit : public tests::ServingTest {
   }
   // One whole cycle, from this moment on.
   static void RunCycle(HostKit& kit) { ASSERT_TRUE(kit.RunCycle(steady_clock::now() + seconds(20))); }
-  // One record, in one cycle, at the server that stores into "out".
-  void ExpectARecordArrives(const HostKitOptions& options, const std::string& record = R"({"n":1})") {
-    HostKit kit(options);
-    kit.SubmitJson("", record);
-    RunCycle(kit);
-    EXPECT_THAT(Stored("out"), testing::ElementsAre(record));
-  }
 };
-
-TEST_F(Kit, ASecondAddressIsTriedIfTheFirstDoesNotAnswer) {
-  const auto server = Serve("out");
-  const std::string port = std::to_string(server->Port());
-  HostKitOptions options = Options({{"http://two-addresses.test:" + port + "/in"}});
-  options.http.resolve = {"two-addresses.test:" + port + ":127.0.0.2,127.0.0.1"};
-  ExpectARecordArrives(options);
-}
 
 TEST_F(Kit, AServerIsReachedByIPv6) {
   server::ReportServerOptions serverOptions;
@@ -63,23 +44,10 @@ TEST_F(Kit, AServerIsReachedByIPv6) {
   } catch (const std::runtime_error& error) {
     GTEST_SKIP() << "this machine has no IPv6 loopback: " << error.what();
   }
-  ExpectARecordArrives(Options({{server->Url()}}));
-}
-
-TEST_F(Kit, SignedMessagesPassTheVerifierAndListenersHear) {
-  const KeyFiles files = GenerateEd25519KeyPair(Path("key"));
-  const Ed25519Verifier verifier(Ed25519Key::PublicFromFile(files.publicPath));
-  const auto server = Serve("out", 0, [&](std::string_view payload, std::string_view block) {
-    return verifier.Check(payload, block);
-  });
-  std::vector<FinishedRequest> finished;
-  HostKitOptions options = Options({{server->Url()}});
-  options.signingKeyFile = files.privatePath;
-  options.onRequestFinished = [&](const FinishedRequest& request) { finished.push_back(request); };
-  ExpectARecordArrives(options, R"({"text":"a \"quoted\" \u00e9"})");
-  ASSERT_EQ(finished.size(), 1u);
-  EXPECT_EQ(finished[0].url, server->Url());
-  EXPECT_EQ(finished[0].result, zel::sOk);
+  HostKit kit(Options({{server->Url()}}));
+  kit.SubmitJson("", "1");
+  RunCycle(kit);
+  EXPECT_THAT(Stored("out"), testing::ElementsAre("1"));
 }
 
 TEST_F(Kit, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {
@@ -117,30 +85,6 @@ TEST_F(Kit, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {
   EXPECT_THAT(trace, testing::Not(testing::HasSubstr("secret")));
 }
 
-TEST_F(Kit, WhatAnEarlierRunLeftGoesAfterATrigger) {
-  const std::string url = "http://127.0.0.1:" + std::to_string(tests::ClosedPort());
-  {
-    HostKit kit(Options({{url}}));
-    kit.SubmitJson("", R"({"n":1})");
-  }  // closed at once: the record has been in memory only
-  const auto server = Serve("out");
-  HostKit kit(Options({{url}}));
-  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
-  kit.TriggerCycle();
-  RunCycle(kit);
-  EXPECT_EQ(kit.Queues().TotalWaiting().items, 1);
-  // Another address is another queue; the old one goes with its items, and the ledger says so.
-  kit.SetSettings({.endpoints = {{server->Url()}}});
-  kit.SubmitJson("", R"({"n":2})");
-  RunCycle(kit);
-  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"n":2})"));
-  EXPECT_EQ(kit.Queues().Ledgers().at(QueueNameOfUrl(url)).removed.items, 1);
-}
-
-TEST_F(Kit, TheModuleIsFoundWithoutAPath) {
-  EXPECT_TRUE(std::filesystem::equivalent(FindModule(), VELD_MODULE_PATH));
-}
-
 TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
   const std::string url = "http://127.0.0.1:1";
   struct Case {
@@ -148,7 +92,6 @@ TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
     std::string message;
   };
   const Case cases[] = {
-      {[](auto& o) { o.modulePath = "/nonexistent.so"; }, "/nonexistent.so"},
       {[](auto& o) { o.modulePath = "libm.so.6"; }, "exports no function zelGetObjectFactory"},
       {[](auto& o) { o.settings.endpoints[0].url = "ftp://h"; },
        "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
@@ -157,19 +100,13 @@ TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
        "this consumer name is reserved"},
       {[](auto& o) { o.settings.endpoints[0].certificates = {"no certificate"}; }, "endpoint 1"},
       {[](auto& o) { o.settings.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
-      {[](auto& o) { o.settings.sendTimeoutS = 4294968; }, "it must be 0 to 4294967"},
-      {[](auto& o) { o.signingKeyFile = "/nonexistent.pem"; }, "key file /nonexistent.pem: No such file"},
       {[](auto& o) { o.trace.path = "/nonexistent/trace"; }, "trace file /nonexistent/trace"},
   };
   for (const Case& each : cases) {
     HostKitOptions options = Options({{url}});
     each.spoil(options);
-    try {
-      HostKit kit(options);
-      ADD_FAILURE() << "accepted, without: " << each.message;
-    } catch (const std::exception& error) {
-      EXPECT_THAT(error.what(), testing::HasSubstr(each.message));
-    }
+    EXPECT_THAT([&] { HostKit{options}; }, testing::Throws<std::exception>(testing::Property(
+                                               &std::exception::what, testing::HasSubstr(each.message))));
   }
   HostKit kit(Options({{url}}));
   EXPECT_THROW(kit.SetSettings({.endpoints = {{"gopher://h"}}}), std::invalid_argument);

@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "contract/timer.h"
+#include "tests/common/waiting.h"
 
 namespace veld_report::tests {
 
@@ -31,42 +30,31 @@ class RecordingSink final : public zel::IRunnable {
     return zel::eInterfaceNotSupported;
   }
   zel::ResultCode Run(void*) override {
-    EXPECT_FALSE(IsRunning()) << "two Runs of one sink at once";
-    Count(&started_);
-    const std::unique_ptr<RecordingSink, void (*)(RecordingSink*)> leaving(
-        this, [](RecordingSink* sink) { sink->Count(&sink->ended_); });
+    EXPECT_FALSE(running_.exchange(true)) << "two Runs of one sink at once";
+    ++started_;
+    // The count of ends comes last: once a test has seen it, the sink may go.
+    const std::unique_ptr<RecordingSink, void (*)(RecordingSink*)> leaving(this, [](RecordingSink* sink) {
+      sink->running_ = false;
+      ++sink->ended_;
+    });
     if (body_) body_(this);
     return zel::sOk;
   }
 
-  bool WaitForStarts(int count) { return WaitFor(started_, count); }
-  bool WaitForEnds(int count) { return WaitFor(ended_, count); }
-  int Started() const {
-    const std::lock_guard lock(mutex_);
-    return started_;
+  bool WaitForStarts(int count) const {
+    return Eventually([&] { return started_ >= count; });
   }
-  bool IsRunning() const {
-    const std::lock_guard lock(mutex_);
-    return started_ != ended_;
+  bool WaitForEnds(int count) const {
+    return Eventually([&] { return ended_ >= count; });
   }
+  int Started() const { return started_; }
+  bool IsRunning() const { return running_; }
 
  private:
-  void Count(int* counter) {
-    const std::lock_guard lock(mutex_);
-    ++*counter;
-    changed_.notify_all();
-  }
-  bool WaitFor(const int& counter, int count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return counter >= count; });
-  }
-
   zel::ITimerService* const service_;
   const Body body_;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  int started_ = 0;
-  int ended_ = 0;
+  std::atomic<bool> running_ = false;
+  std::atomic<int> started_ = 0, ended_ = 0;
 };
 
 }  // namespace veld_report::tests

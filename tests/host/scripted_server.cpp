@@ -10,6 +10,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "tests/common/waiting.h"
+
 namespace veld_report::tests {
 namespace {
 
@@ -116,8 +118,7 @@ std::vector<ScriptedRequest> ScriptedServer::Requests() const {
 }
 
 bool ScriptedServer::WaitForRequests(std::size_t count) const {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return requests_.size() >= count; });
+  return Eventually([&] { return Requests().size() >= count; });
 }
 
 void ScriptedServer::Accept() {
@@ -142,7 +143,6 @@ void ScriptedServer::Serve(int socket) {
     std::unique_lock lock(mutex_);
     const ScriptedReply reply = script_(request);
     requests_.push_back(request);
-    changed_.notify_all();
     lock.unlock();
     goOn = Send(stream, reply);
   }

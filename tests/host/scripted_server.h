@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <list>
 #include <mutex>
@@ -68,7 +67,6 @@ class ScriptedServer {
   const int listener_;
   std::atomic<int> connections_ = 0;
   mutable std::mutex mutex_;  // guards the requests, and serialises the script
-  mutable std::condition_variable changed_;
   std::vector<ScriptedRequest> requests_;
   std::list<Connection> open_;  // the acceptor's, until it has ended
   std::thread acceptor_;
