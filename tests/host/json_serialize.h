@@ -64,12 +64,4 @@ inline Serialized Serialize(const zel::AnyPtr& object,
 
 inline constexpr zel::SerFieldDescriptor endRow = {.flags = zel::SerFieldDescriptor::endOfTable};
 
-// A record of one value, "v", of this kind.
-template <class T>
-Serialized SerializeValue(T value, std::uint32_t kind) {
-  const zel::SerFieldDescriptor table[] = {{.typeId = kind, .name = "v", .size = sizeof(T)}, endRow};
-  const zel::SerObjDescriptor descriptor = {.serId = 1, .name = "One", .size = sizeof(T), .fields = table};
-  return Serialize(zel::AnyPtr(&value, &descriptor));
-}
-
 }  // namespace veld_report::host
