@@ -96,6 +96,18 @@ TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
       {[](auto& o) { o.settings.endpoints[0].url = "ftp://h"; },
        "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
       {[](auto& o) { o.settings.endpoints[0].url = "http://\xff"; }, "not valid UTF-8 at byte 7"},
+      {[](auto& o) { o.settings.endpoints[0].url = "http://reports.test/v1"; }, "use https, or allow http"},
+      {[](auto& o) { o.settings.endpoints[0].url = "https://h:99999/"; },
+       "endpoint 1 (https://h:99999/): the url isn't valid: Port"},
+      {[](auto& o) { o.settings.endpoints[0].url = "https://a b/"; }, "the url isn't valid: Bad hostname"},
+      {[](auto& o) { o.settings.endpoints[0].url = "http:///"; }, "the url isn't valid"},
+      {[](auto& o) { o.settings.endpoints[0].url = "https://[::1/"; }, "the url isn't valid"},
+      {[](auto& o) {
+         o.http.headers = {"X-A: b", "X-Key"};
+       },
+       "header 2 isn't a line of the form"},
+      {[](auto& o) { o.http.headers = {"content-TYPE: text/plain"}; }, "content-TYPE is set by the client"},
+      {[](auto& o) { o.http.headers = {"X-A: b\r\nHost: c"}; }, "header 1 isn't a line of the form"},
       {[](auto& o) { o.settings.endpoints[0].consumer = "veld_report.trigger"; },
        "this consumer name is reserved"},
       {[](auto& o) { o.settings.endpoints[0].certificates = {"no certificate"}; }, "endpoint 1"},

@@ -27,7 +27,9 @@ TEST_F(Closing, KeepsToItsDeadlineAndLosesNothing) {
     SCOPED_TRACE(url);
     const std::string store = "store" + std::to_string(&url - urls);
     {
-      auto reporter = std::make_unique<Reporter>(Options({{url}}, store));
+      ReporterOptions first = Options({{url}}, store);
+      first.allowHttp = true;
+      auto reporter = std::make_unique<Reporter>(first);
       reporter->SendJson("1");
       EXPECT_FALSE(reporter->Flush(milliseconds(100)));
       reporter->SendJson("2");
@@ -37,6 +39,7 @@ TEST_F(Closing, KeepsToItsDeadlineAndLosesNothing) {
       EXPECT_THROW(reporter->Stats(), ReporterError);
     }
     ReporterOptions options = Options({{url}}, store);
+    options.allowHttp = true;
     options.sendingAllowed = false;
     Reporter again(options);
     EXPECT_EQ(again.Stats().total.waiting.items, 2);

@@ -43,6 +43,8 @@ void AddTargets(CLI::App* command, SendOptions* options) {
       ->type_name("URL")
       ->allow_extra_args(false)
       ->required();
+  command->add_flag("--allow-http", options->allowHttp,
+                    "allow http:// urls to other machines, where anyone on the way can read the records");
   command
       ->add_option("--consumer", options->consumers,
                    "consumer name of the --url in the same position; may be repeated")

@@ -14,6 +14,7 @@ struct SendOptions {
   std::uint32_t packetLimit = 100;
   std::uint32_t queueLimitKb = 1 << 20;
   std::uint32_t sendTimeoutSeconds = 1;
+  bool allowHttp = false;
   std::string signKey;
   std::string to;  // the consumer of the records; empty: all
   std::string trace;

@@ -28,6 +28,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   kit.settings.packetLimit = options.packetLimit;
   kit.settings.queueLimitKb = options.queueLimitKb;
   kit.settings.sendTimeoutS = options.sendTimeoutSeconds;
+  kit.settings.allowHttp = options.allowHttp;
   kit.queues.folder = options.store;
   kit.trace.path = options.trace;
   kit.trace.level = options.trace.empty() ? 0 : options.traceLevel;

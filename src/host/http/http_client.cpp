@@ -17,6 +17,7 @@
 #include "host/http/http_engine.h"
 #include "host/http/http_request.h"
 #include "host/http/http_shared.h"
+#include "host/http/own_headers.h"
 
 namespace veld_report::host {
 namespace {
@@ -134,9 +135,10 @@ std::function<double()> MachineRandom() {
 }  // namespace
 
 zel::Ref<HttpClientFactory> CreateHttpClientFactory(const HttpClientOptions& options) {
-  if (options.totalTimeoutMs == 0 || options.connectTimeoutMs == 0) {
+  if (options.totalTimeoutMs == 0 || options.connectTimeoutMs == 0 || options.stallTimeoutMs == 0) {
     throw std::invalid_argument("HttpClientOptions: a time limit of 0 would mean none; give one above 0");
   }
+  CheckOwnHeaders(options);
   InitializeLibraries();
   return MakeObject<Factory>(std::make_shared<HttpShared>(
       options, ReadProxySettings(options, [](const char* name) { return std::getenv(name); }),

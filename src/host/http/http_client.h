@@ -36,9 +36,16 @@ struct BackoffOptions {
 
 struct HttpClientOptions {
   std::uint32_t connectTimeoutMs = 4000;
-  // From the start of a request to the end of its answer. Longer than the module's wait for one (5 s) on
-  // purpose: a late answer still saves the server from getting the same packet again.
-  std::uint32_t totalTimeoutMs = 30000;
+  // A request ends if fewer bytes than this a second went either way over this time, the wait for the answer
+  // included. It is a limit of progress, since a large packet may take minutes on a slow link. Longer than
+  // the module's wait for an answer (5 s): a late one still saves the server from getting the packet again.
+  std::uint32_t stallBytesPerSecond = 200;
+  std::uint32_t stallTimeoutMs = 30000;
+  // From the start of a request to the end of its answer.
+  std::uint32_t totalTimeoutMs = 15 * 60 * 1000;
+  // Sent with every request, each "Name: value", to all urls alike; so not for the secret of one of them.
+  std::vector<std::string> headers{};
+  std::string userAgent{};  // empty: no header User-Agent
   // If the content of an answer is longer, the request fails.
   std::uint64_t answerLimitBytes = std::uint64_t{1} << 20;
   // No value: the values of http_proxy, https_proxy, all_proxy and no_proxy when the factory was created.

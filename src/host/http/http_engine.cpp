@@ -1,5 +1,6 @@
 #include "host/http/http_engine.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iterator>
 #include <stdexcept>
@@ -12,7 +13,7 @@
 namespace veld_report::host {
 namespace {
 
-// The loop is woken for everything that it has to do; this is only a safety net.
+// The loop is woken for everything else that it has to do; this is only a safety net.
 constexpr int maxPollMs = 60000;
 
 // Without a text it doesn't allocate.
@@ -63,7 +64,8 @@ void HttpEngine::Loop() {
     incoming.clear();
     EndCancelled();
     Perform(multi);
-    if (curl_multi_poll(multi, nullptr, 0, maxPollMs, nullptr) != CURLM_OK) {
+    EndStalled();
+    if (curl_multi_poll(multi, nullptr, 0, PollMs(), nullptr) != CURLM_OK) {
       // Most likely out of memory: go on, but without a busy loop.
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -192,6 +194,32 @@ void HttpEngine::EndDone() {
     const auto transfer = transfers_.find(message->easy_handle);
     EndTransfer(transfer, OutcomeOf(*transfer->second, message->data.result));
   }
+}
+
+void HttpEngine::EndStalled() {
+  const auto now = std::chrono::steady_clock::now();
+  const HttpClientOptions& options = shared_->options;
+  for (auto transfer = transfers_.begin(); transfer != transfers_.end();) {
+    const auto next = std::next(transfer);
+    if (transfer->second->HasStalled(now)) {
+      HttpOutcome stalled;
+      stalled.code = zel::eOperationTimeout;
+      stalled.error = "fewer than " + std::to_string(options.stallBytesPerSecond) + " bytes a second in " +
+                      std::to_string(options.stallTimeoutMs) + " ms, with no answer";
+      EndTransfer(transfer, stalled);
+    }
+    transfer = next;
+  }
+}
+
+int HttpEngine::PollMs() const {
+  using std::chrono::milliseconds;
+  const auto now = std::chrono::steady_clock::now();
+  milliseconds wait(maxPollMs);
+  for (const auto& [handle, transfer] : transfers_) {
+    wait = std::min(wait, std::chrono::ceil<milliseconds>(transfer->NextLook() - now));
+  }
+  return static_cast<int>(std::max<std::int64_t>(wait.count(), 0));
 }
 
 void HttpEngine::EndTransfer(Transfers::iterator transfer, const HttpOutcome& outcome) noexcept {

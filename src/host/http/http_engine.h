@@ -48,6 +48,8 @@ class HttpEngine {
   void StartTransfer(const zel::Ref<HttpRequest>& request, Clock::TimePoint startedAt);
   void EndCancelled();
   void EndDone();
+  void EndStalled();
+  int PollMs() const;
   void EndAll(const HttpOutcome& outcome);
   void EndTransfer(Transfers::iterator transfer, const HttpOutcome& outcome) noexcept;
   void NotifyBackoff() noexcept;

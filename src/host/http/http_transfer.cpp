@@ -1,12 +1,16 @@
 #include "host/http/http_transfer.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "host/base/redact.h"
 #include "host/http/curl_codes.h"
+#include "host/http/own_headers.h"
 
 namespace veld_report::host {
 namespace {
@@ -28,11 +32,6 @@ std::string SchemeOf(const std::string& text) {
   return scheme;
 }
 
-bool IsHeaderLine(const std::string& line) {
-  return !line.empty() && line.front() != ':' &&
-         line.find_first_of(std::string_view("\r\n\0", 3)) == line.npos;
-}
-
 const char* OrNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
 
 }  // namespace
@@ -43,11 +42,12 @@ HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shar
       shared_(shared),
       certificates_(std::move(certificates)),
       startedAt_(startedAt),
+      nextLook_(std::chrono::steady_clock::now() + std::chrono::milliseconds(shared.options.stallTimeoutMs)),
       easy_(curl_easy_init()) {
   if (!easy_) throw std::bad_alloc();
   Set(CURLOPT_ERRORBUFFER, errorText_.data());
   Set(CURLOPT_NOSIGNAL, 1L);
-  Set(CURLOPT_SOCKOPTFUNCTION, &HttpTransfer::KeepFromPrograms);
+  Set(CURLOPT_SOCKOPTFUNCTION, &HttpTransfer::PrepareSocket);
   // Names are resolved on a thread of libcurl. Without this, ending a request would wait for that thread.
   Set(CURLOPT_QUICK_EXIT, 1L);
   SetUrl();
@@ -58,9 +58,12 @@ HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shar
   SetTls();
 }
 
-// A program that the application starts must not hold a connection open.
-int HttpTransfer::KeepFromPrograms(void*, curl_socket_t socket, curlsocktype) noexcept {
+int HttpTransfer::PrepareSocket(void*, curl_socket_t socket, curlsocktype) noexcept {
+  // A program that the application starts must not hold a connection open.
   fcntl(socket, F_SETFD, FD_CLOEXEC);
+  // What the system holds unsent looks like progress.
+  constexpr int maxUnsentBytes = 64 << 10;
+  setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &maxUnsentBytes, sizeof maxUnsentBytes);
   return CURL_SOCKOPT_OK;
 }
 
@@ -94,6 +97,8 @@ void HttpTransfer::SetHeaders() {
     if (!IsHeaderLine(line)) throw HttpTransferRefused{zel::eInvalidArgument, "a header isn't valid"};
     Append(&headers_, line);
   }
+  for (const std::string& line : shared_.options.headers) Append(&headers_, line);
+  if (!shared_.options.userAgent.empty()) Set(CURLOPT_USERAGENT, shared_.options.userAgent.c_str());
   Set(CURLOPT_HTTPHEADER, headers_.get());
 }
 
@@ -117,6 +122,21 @@ void HttpTransfer::SetBody() {
 void HttpTransfer::SetLimits() {
   Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(shared_.options.connectTimeoutMs));
   Set(CURLOPT_TIMEOUT_MS, static_cast<long>(shared_.options.totalTimeoutMs));
+}
+
+bool HttpTransfer::HasStalled(std::chrono::steady_clock::time_point now) {
+  if (now < nextLook_) return false;
+  curl_off_t sent = 0;
+  curl_off_t received = 0;
+  curl_easy_getinfo(easy_.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
+  curl_easy_getinfo(easy_.get(), CURLINFO_SIZE_DOWNLOAD_T, &received);
+  const std::uint64_t moved = static_cast<std::uint64_t>(sent) + static_cast<std::uint64_t>(received);
+  const HttpClientOptions& options = shared_.options;
+  const std::uint64_t enough = std::uint64_t{options.stallBytesPerSecond} * options.stallTimeoutMs / 1000;
+  if (moved - moved_ < enough) return true;
+  moved_ = moved;
+  nextLook_ = now + std::chrono::milliseconds(options.stallTimeoutMs);
+  return false;
 }
 
 void HttpTransfer::SetProxy() {

@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -34,6 +35,9 @@ class HttpTransfer {
   HttpRequest& Request() const { return *request_; }
   Clock::TimePoint StartedAt() const { return startedAt_; }
   HttpOutcome Outcome(CURLcode result) const;
+  // To be asked at NextLook, and then again at the next one. True if the limit of progress isn't met.
+  bool HasStalled(std::chrono::steady_clock::time_point now);
+  std::chrono::steady_clock::time_point NextLook() const { return nextLook_; }
 
  private:
   template <class Value>
@@ -59,7 +63,7 @@ class HttpTransfer {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   };
   using List = std::unique_ptr<curl_slist, ListCleanup>;
-  static int KeepFromPrograms(void* self, curl_socket_t socket, curlsocktype purpose) noexcept;
+  static int PrepareSocket(void* self, curl_socket_t socket, curlsocktype purpose) noexcept;
   static void Append(List* list, const std::string& line);
 
   const zel::Ref<HttpRequest> request_;
@@ -72,6 +76,8 @@ class HttpTransfer {
   std::uint64_t bodySize_ = 0;
   std::uint64_t bodyPosition_ = 0;
   zel::ResultCode bodyFailure_ = zel::sOk;
+  std::uint64_t moved_ = 0;  // bytes sent and received at the last look
+  std::chrono::steady_clock::time_point nextLook_;
   std::array<char, CURL_ERROR_SIZE> errorText_ = {};
   List headers_;
   List resolve_;

@@ -76,11 +76,11 @@ std::uint64_t DeliveryGate::PacketLimitBytes() const {
   return packetLimitBytes_;
 }
 
-void DeliveryGate::OnMoreWaits(const std::string& queueName) {
+void DeliveryGate::OnMoreWaits(const std::string& queueName, bool delivered) {
   const std::lock_guard lock(mutex_);
   const auto found = rows_.find(queueName);
   if (found != rows_.end()) found->second.nextStart = {};
-  RunWithin(milliseconds(0));
+  RunWithin(delivered ? milliseconds(0) : minPause_);
 }
 
 void DeliveryGate::RunWithin(milliseconds wait) {

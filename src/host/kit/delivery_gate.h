@@ -39,7 +39,7 @@ class DeliveryGate final : public DeliveryPacer {
 
   bool MayDeliver(const std::string& queueName) override;
   std::uint64_t PacketLimitBytes() const override;
-  void OnMoreWaits(const std::string& queueName) override;
+  void OnMoreWaits(const std::string& queueName, bool delivered) override;
 
  private:
   struct Row {

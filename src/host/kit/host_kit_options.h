@@ -33,6 +33,9 @@ struct KitSettings {
   std::uint32_t queueLimitKb = 10240;  // of each endpoint's queue, in units of 1024 bytes
   std::uint32_t sendTimeoutS = 30;     // delay after a cycle that left items undelivered
   std::uint32_t sendEveryS = 0;        // minimum time between the first requests of two cycles to one url
+  // Allows http:// urls to other machines than this one. Without TLS anyone on the way can read the records,
+  // and any 200, such as that of a hotel's login page, deletes them.
+  bool allowHttp = false;
 };
 
 struct HostKitOptions {

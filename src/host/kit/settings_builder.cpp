@@ -7,6 +7,7 @@
 #include "host/base/redact.h"
 #include "host/base/text.h"
 #include "host/http/certificates.h"
+#include "host/http/url_check.h"
 
 namespace veld_report::host {
 namespace {
@@ -36,6 +37,15 @@ void CheckLimit(const char* name, std::uint32_t value, std::uint32_t min, std::u
                               WithoutCredentials(endpoint.url) + "): " + why);
 }
 
+void CheckUrlOf(const KitEndpoint& endpoint, std::uint64_t index, bool allowHttp) {
+  const UrlCheck check = CheckUrl(endpoint.url);
+  if (!check.wrong.empty()) Refuse(index, endpoint, "the url isn't valid: " + check.wrong);
+  if (check.isTls || check.isLoopback || allowHttp) return;
+  Refuse(index, endpoint,
+         "with http, anyone on the way can read the records, and acknowledge them so that they are deleted; "
+         "use https, or allow http in the settings");
+}
+
 void CheckCertificates(const KitEndpoint& endpoint, std::uint64_t index) {
   if (endpoint.certificates.empty()) return;
   try {
@@ -54,7 +64,10 @@ BuiltSettings::BuiltSettings(const KitSettings& settings) {
   record_.queueLimit = settings.queueLimitKb;
   record_.sendTimeout = settings.sendTimeoutS;
   record_.urls.append(settings.endpoints.size());
-  for (std::uint64_t i = 0; i < settings.endpoints.size(); ++i) AddEndpoint(settings.endpoints[i], i);
+  for (std::uint64_t i = 0; i < settings.endpoints.size(); ++i) {
+    AddEndpoint(settings.endpoints[i], i);
+    CheckUrlOf(settings.endpoints[i], i, settings.allowHttp);
+  }
   const auto isNamed = [](const KitEndpoint& endpoint) { return !endpoint.consumer.empty(); };
   if (std::none_of(settings.endpoints.begin(), settings.endpoints.end(), isNamed)) return;
   for (const KitEndpoint& endpoint : settings.endpoints)

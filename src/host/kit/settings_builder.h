@@ -16,9 +16,9 @@ inline constexpr char triggerConsumer[] = "veld_report.trigger";
 // Owns everything that the record points to. For one thread; can't be copied.
 class BuiltSettings {
  public:
-  // Throws std::invalid_argument, which says which value is wrong and what it must be: a url with another
-  // scheme or not in UTF-8, a reserved consumer name, certificates that can't be read, a limit that would
-  // overflow in the module.
+  // Throws std::invalid_argument, which says which value is wrong and what it must be: an invalid url,
+  // http where it isn't allowed, a reserved consumer name, certificates that can't be read, a limit that
+  // would overflow in the module.
   explicit BuiltSettings(const KitSettings& settings);
   BuiltSettings(const BuiltSettings&) = delete;
   BuiltSettings& operator=(const BuiltSettings&) = delete;

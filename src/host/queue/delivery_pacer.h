@@ -19,8 +19,9 @@ class DeliveryPacer {
   // The maximum for the items that a reader has handed out and that are neither acknowledged nor given back,
   // in bytes. A larger item is handed out alone. 0: no limit.
   virtual std::uint64_t PacketLimitBytes() const = 0;
-  // A reader stopped at that limit, and all that it had handed out has been acknowledged since.
-  virtual void OnMoreWaits(const std::string& queueName) = 0;
+  // A reader stopped at that limit, or a later one found its packet still on the way. Since then all that it
+  // had handed out has been acknowledged or, if `delivered` is false, given back.
+  virtual void OnMoreWaits(const std::string& queueName, bool delivered) = 0;
 };
 
 }  // namespace veld_report::host

@@ -96,16 +96,27 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
 
 bool QueueStore::MayHandOut(ReaderState& reader, std::int64_t bytes) {
   if (!options_.pacer || evictions_.IsEvicting(reader)) return true;
-  if (!reader.begun && !options_.pacer->MayDeliver(reader.queue->stored.Name())) {
-    reader.exhausted = true;
-    return false;
+  if (!reader.begun) {
+    const auto& all = reader.queue->readers;
+    const auto earlier = std::ranges::find_if(all, [&](const ReaderState* each) {
+      return each != &reader && !each->claims.Empty() && !evictions_.IsEvicting(*each);
+    });
+    if (earlier != all.end()) (*earlier)->awaited = true;
+    reader.exhausted = earlier != all.end() || !options_.pacer->MayDeliver(reader.queue->stored.Name());
+    if (reader.exhausted) return false;
+    reader.begun = true;
   }
-  reader.begun = true;
   const std::uint64_t limit = options_.pacer->PacketLimitBytes();
   reader.cutShort = limit != 0 && !reader.claims.Empty() &&
                     static_cast<std::uint64_t>(reader.claims.Bytes() + bytes) > limit;
   reader.exhausted = reader.cutShort;
   return !reader.exhausted;
+}
+
+void QueueStore::NoteEndOfClaim(ReaderState& reader, bool delivered) {
+  if (!reader.claims.Empty() || !(reader.awaited || (reader.cutShort && delivered))) return;
+  reader.awaited = reader.cutShort = false;
+  options_.pacer->OnMoreWaits(reader.queue->stored.Name(), delivered);
 }
 
 // A figure is a few bytes in a file without checksums. If it counted items that don't exist, the queue would
@@ -154,7 +165,7 @@ zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
   const auto kind = evictions_.EvictsInThisCall(reader) ? &QueueLedger::evicted : &QueueLedger::delivered;
   writer_.AddDelete(reader.queue->stored, token, item, kind);
   CommitIfDue();
-  if (reader.cutShort && reader.claims.Empty()) options_.pacer->OnMoreWaits(reader.queue->stored.Name());
+  NoteEndOfClaim(reader, true);
   return zel::sOk;
 }
 
@@ -167,6 +178,7 @@ zel::ResultCode QueueStore::ReturnItem(ReaderState& reader, std::uint64_t token)
   // On its own the figure isn't worth a transaction each time a server fails.
   writer_.BookLater(reader.queue->stored, {.returned = item});
   reader.exhausted = options_.pacer && !evictions_.IsEvicting(reader);
+  NoteEndOfClaim(reader, false);
   return zel::sOk;
 }
 

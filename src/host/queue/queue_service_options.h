@@ -52,7 +52,8 @@ struct QueueServiceOptions {
 
   // Paces the readers that deliver; null: they hand out all they find. With one, a reader to which an item is
   // given back hands out nothing more: its packet wasn't accepted, so the next one wouldn't be either.
-  // Readers that make room aren't affected.
+  // Nor does a reader while an earlier one of the queue has claims: its packet is still on the way. Readers
+  // that make room aren't affected.
   std::shared_ptr<DeliveryPacer> pacer{};
 
   // Receives failures and other messages for people; may be null. Called on any thread, also with a lock of

@@ -54,6 +54,7 @@ struct ReaderState {
   // For the pacer (delivery_pacer.h).
   bool begun = false;     // it was asked
   bool cutShort = false;  // stopped at its limit
+  bool awaited = false;   // a later reader found its claims
   bool exhausted = false;
   std::size_t handedOut = 0;
   std::uint64_t lastToken = UINT64_MAX;  // nothing after it is handed out
@@ -126,6 +127,7 @@ class QueueStore {
   bool IsExpired(const ItemRow& row) const;
   bool HoldsLease();
   bool MayHandOut(ReaderState& reader, std::int64_t bytes);
+  void NoteEndOfClaim(ReaderState& reader, bool delivered);
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
   static bool IsClaimed(const QueueState& queue, std::uint64_t token);

@@ -3,9 +3,20 @@
 #include <stdexcept>
 
 namespace veld_report {
+namespace {
+
+std::uint32_t SecondsOf(const char* name, std::chrono::seconds given) {
+  constexpr std::int64_t maxSeconds = UINT32_MAX / 1000;
+  if (given.count() >= 0 && given.count() <= maxSeconds) return static_cast<std::uint32_t>(given.count());
+  throw std::invalid_argument(std::string("settings: ") + name + " is " + std::to_string(given.count()) +
+                              " seconds; it must be 0 to " + std::to_string(maxSeconds));
+}
+
+}  // namespace
 
 Settings SettingsOf(const ReporterOptions& options) {
-  return {options.endpoints, options.packetLimit, options.queueLimitKb, options.retryAfter};
+  return {options.endpoints,     options.packetLimit, options.queueLimitKb, options.retryAfter,
+          options.packetLimitKb, options.sendEvery,   options.allowHttp};
 }
 
 host::KitSettings KitSettingsOf(const Settings& settings) {
@@ -13,15 +24,12 @@ host::KitSettings KitSettingsOf(const Settings& settings) {
   for (const Endpoint& endpoint : settings.endpoints) {
     result.endpoints.push_back({endpoint.url, endpoint.consumer, endpoint.certificates});
   }
-  const auto seconds = settings.retryAfter.count();
-  constexpr std::int64_t maxRetryAfterS = UINT32_MAX / 1000;
-  if (seconds < 0 || seconds > maxRetryAfterS) {
-    throw std::invalid_argument("settings: retryAfter is " + std::to_string(seconds) +
-                                " seconds; it must be 0 to " + std::to_string(maxRetryAfterS));
-  }
   result.packetLimit = settings.packetLimit;
   result.queueLimitKb = settings.queueLimitKb;
-  result.sendTimeoutS = static_cast<std::uint32_t>(seconds);
+  result.sendTimeoutS = SecondsOf("retryAfter", settings.retryAfter);
+  result.packetLimitKb = settings.packetLimitKb;
+  result.sendEveryS = SecondsOf("sendEvery", settings.sendEvery);
+  result.allowHttp = settings.allowHttp;
   return result;
 }
 
@@ -41,6 +49,8 @@ host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
   result.queues.storeLimitBytes = options.storeLimitBytes;
   result.queues.shared = options.shared;
   result.http.proxy = options.proxy;
+  result.http.headers = options.headers;
+  result.http.userAgent = options.userAgent;
   result.http.caFile = options.caFile;
   result.trace.path = options.traceFile;
   result.trace.level = options.traceLevel;

@@ -55,6 +55,13 @@ struct Settings {
   std::uint32_t packetLimit = 100;        // maximum records in a request; 0: no limit
   std::uint32_t queueLimitKb = 10 << 10;  // of each endpoint's queue; a full one drops its oldest records
   std::chrono::seconds retryAfter{30};    // delay after a cycle that left records undelivered
+  std::uint32_t packetLimitKb =
+      256;  // maximum size of a request's records; a larger one is sent alone; 0: no limit
+  std::chrono::seconds sendEvery{
+      0};  // minimum time between requests to a url; Flush and Close don't wait for it
+  // Allows http:// urls to other machines than this one. Without TLS anyone on the way can read the records,
+  // and any 200, such as that of a hotel's login page, deletes them.
+  bool allowHttp = false;
 };
 
 // Called for each completed request, on a thread of the HTTP client. It should return soon and must not close
@@ -67,6 +74,9 @@ struct ReporterOptions {
   std::uint32_t packetLimit = 100;
   std::uint32_t queueLimitKb = 10 << 10;
   std::chrono::seconds retryAfter{30};
+  std::uint32_t packetLimitKb = 256;
+  std::chrono::seconds sendEvery{0};
+  bool allowHttp = false;
   // How long the destructor waits for undelivered records, like Close.
   std::chrono::milliseconds closeDeadline{2000};
 
@@ -88,6 +98,8 @@ struct ReporterOptions {
   bool shared = false;           // several processes may use the store, all with this set
 
   std::optional<std::string> proxy{};  // none: from the environment; empty: no proxy
+  std::vector<std::string> headers{};  // of every request to every url, each "Name: value"
+  std::string userAgent{};             // empty: no header User-Agent
   std::string caFile{};                // trusted certificates in place of the system's
   std::string traceFile{};             // empty: stderr
   std::uint32_t traceLevel = 0;        // 0 nothing, 300 failures, 700 everything

@@ -24,7 +24,7 @@ extern "C" {
 typedef struct veld_report_handle veld_report_handle;
 
 typedef struct veld_report_endpoint {
-  const char* url;      /* http:// or https:// */
+  const char* url;      /* https://, or http:// to this machine */
   const char* consumer; /* NULL or "": only gets the records for all */
 } veld_report_endpoint;
 
