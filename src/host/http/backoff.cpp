@@ -46,10 +46,7 @@ milliseconds Backoff::HeldBackFor(const std::string& url) const {
 void Backoff::End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
   if (outcome.code == zel::eOperationCancelled) return;
   const std::lock_guard lock(mutex_);
-  const auto [place, added] = rows_.try_emplace(url);
-  const Row before = place->second;
-  Note(place->second, startedAt, outcome);
-  if (added || place->second != before) version_.fetch_add(1, std::memory_order_release);
+  Note(rows_[url], startedAt, outcome);
 }
 
 void Backoff::Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
@@ -87,26 +84,33 @@ void Backoff::KeepOnly(const std::vector<std::string>& urls) {
   const std::set<std::string_view> kept(urls.begin(), urls.end());
   const std::lock_guard lock(mutex_);
   std::erase_if(rows_, [&](const auto& row) { return !kept.contains(row.first); });
-  version_.fetch_add(1, std::memory_order_release);
 }
 
 std::vector<HttpClientState> Backoff::States() const {
   const std::lock_guard lock(mutex_);
-  const Clock::TimePoint now = clock_->Now();
-  const Clock::WallTimePoint wallNow = clock_->WallNow();
   std::vector<HttpClientState> states;
-  for (const auto& [url, row] : rows_) {
-    HttpClientState& state = states.emplace_back();
-    state.url = WithoutCredentials(url);
-    if (now < row.waitsUntil) {
-      state.waitsUntil =
-          wallNow + std::chrono::duration_cast<Clock::WallTimePoint::duration>(row.waitsUntil - now);
-    }
-    state.lastError = row.lastError;
-    state.lastStatus = row.lastStatus;
-    state.failures = row.failures;
-  }
+  for (const auto& [url, row] : rows_) states.push_back(StateOfRow(url, row));
   return states;
+}
+
+std::optional<HttpClientState> Backoff::StateOf(const std::string& url) const {
+  const std::lock_guard lock(mutex_);
+  const auto row = rows_.find(url);
+  if (row == rows_.end()) return std::nullopt;
+  return StateOfRow(url, row->second);
+}
+
+HttpClientState Backoff::StateOfRow(const std::string& url, const Row& row) const {
+  HttpClientState state{.url = WithoutCredentials(url)};
+  const Clock::TimePoint now = clock_->Now();
+  if (now < row.waitsUntil) {
+    state.waitsUntil =
+        clock_->WallNow() + std::chrono::duration_cast<Clock::WallTimePoint::duration>(row.waitsUntil - now);
+  }
+  state.lastError = row.lastError;
+  state.lastStatus = row.lastStatus;
+  state.failures = row.failures;
+  return state;
 }
 
 }  // namespace veld_report::host

@@ -1,7 +1,6 @@
 // Backoff remembers how urls have answered and decides whether a request may be sent.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -32,8 +31,8 @@ class Backoff {
   // Forgets all other urls.
   void KeepOnly(const std::vector<std::string>& urls);
   std::vector<HttpClientState> States() const;
-  // Changes whenever the result of States does, except that the end of a wait doesn't count.
-  std::uint64_t Version() const { return version_.load(std::memory_order_acquire); }
+  // Of one url; nothing if it had no request.
+  std::optional<HttpClientState> StateOf(const std::string& url) const;
 
  private:
   struct Row {
@@ -42,10 +41,9 @@ class Backoff {
     std::uint32_t failures = 0;
     std::uint16_t lastStatus = 0;
     std::string lastError;
-
-    bool operator==(const Row&) const = default;
   };
 
+  HttpClientState StateOfRow(const std::string& url, const Row& row) const;
   void Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome);
   Clock::TimePoint WaitAfterFailure(const Row& row, const HttpOutcome& outcome) const;
 
@@ -55,7 +53,6 @@ class Backoff {
 
   mutable std::mutex mutex_;  // guards the rows and `random_`; only held across calls of clock and random
   std::map<std::string, Row> rows_;
-  std::atomic<std::uint64_t> version_{0};
 };
 
 }  // namespace veld_report::host

@@ -108,10 +108,12 @@ class Factory final : public HostObject<HttpClientFactory> {
   void AnnounceUrls(std::vector<std::string> urls) override { shared_->Announce(std::move(urls)); }
   void AllowRequests(bool allowed) override { shared_->gate.Allow(allowed); }
   std::vector<HttpClientState> States() const override { return shared_->backoff.States(); }
+  std::optional<HttpClientState> StateOf(const std::string& url) const override {
+    return shared_->backoff.StateOf(url);
+  }
   std::chrono::milliseconds HeldBackFor(const std::string& url) const override {
     return shared_->backoff.HeldBackFor(url);
   }
-  std::uint64_t StatesVersion() const override { return shared_->backoff.Version(); }
 
  private:
   const std::shared_ptr<HttpShared> shared_;

@@ -118,11 +118,10 @@ class HttpClientFactory : public network_services::IHttpClientFactory {
   virtual void AllowRequests(bool allowed) = 0;
   // One row for each url that has had a request, sorted.
   virtual std::vector<HttpClientState> States() const = 0;
+  // Of one url, as it is in the settings; nothing if it had no request.
+  virtual std::optional<HttpClientState> StateOf(const std::string& url) const = 0;
   // How long requests to this url, as it is in the settings, are still held back; 0: they aren't.
   virtual std::chrono::milliseconds HeldBackFor(const std::string& url) const = 0;
-  // Changes whenever the result of States does, except that the end of a wait doesn't count. Takes no lock
-  // and copies nothing.
-  virtual std::uint64_t StatesVersion() const = 0;
 
  protected:
   ~HttpClientFactory() = default;

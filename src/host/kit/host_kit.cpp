@@ -36,7 +36,7 @@ FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& 
                                              std::shared_ptr<UrlStateFile> states,
                                              FunctionNotification::Function own) {
   return [http, states = std::move(states), own = std::move(own)](const FinishedRequest& request) {
-    states->Update(*http);
+    states->Update(request.url, *http);
     if (own) own(request);
   };
 }

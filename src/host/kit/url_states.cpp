@@ -90,27 +90,24 @@ UrlStateFile::UrlStateFile(const std::filesystem::path& storeFolder) : file_(Sta
 void UrlStateFile::SetUrls(const std::vector<std::string>& urls) {
   const std::lock_guard lock(mutex_);
   urls_.clear();
-  version_.reset();
+  places_.clear();
   for (const std::string& url : urls) {
+    places_[url].push_back(urls_.size());
     urls_.push_back({.queueName = QueueNameOfUrl(url), .http = {.url = WithoutCredentials(url)}});
   }
   Write();
 }
 
-void UrlStateFile::Update(const HttpClientFactory& http) {
+void UrlStateFile::Update(const std::string& url, const HttpClientFactory& http) {
   const std::lock_guard lock(mutex_);
-  // Read before the states, so that a later change is noticed next time.
-  const std::uint64_t version = http.StatesVersion();
-  if (version_ == version) return;
-  version_ = version;
-  const std::vector<HttpClientState> states = http.States();
-  std::unordered_map<std::string_view, const HttpClientState*> known;
-  for (const HttpClientState& state : states) known.emplace(state.url, &state);
-  for (UrlState& each : urls_) {
-    const auto found = known.find(each.http.url);
-    if (found != known.end()) each.http = *found->second;
-  }
-  Write();
+  const auto places = places_.find(url);
+  const std::optional<HttpClientState> state = http.StateOf(url);
+  if (closed_ || places == places_.end() || !state) return;
+  UrlState& first = urls_[places->second.front()];
+  const std::string before = Line(first);
+  for (const std::size_t place : places->second) urls_[place].http = *state;
+  const std::string line = Line(first);
+  if (line != before) Append(line);
 }
 
 void UrlStateFile::Close() {
@@ -120,18 +117,42 @@ void UrlStateFile::Close() {
   closed_ = true;
 }
 
+void UrlStateFile::Append(const std::string& line) {
+  // So the file stays within a few times its size, and what is written within a few times the changes.
+  constexpr std::size_t freeBytes = 16 << 10;
+  const int descriptor = appendedBytes_ + line.size() > wholeBytes_ + freeBytes
+                             ? -1
+                             : OpenPrivateFile(file_, O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (descriptor < 0) return Write();
+  const bool written = ::write(descriptor, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+  ::close(descriptor);
+  if (!written) return Write();
+  appendedBytes_ += line.size();
+}
+
 void UrlStateFile::Write() {
   if (closed_) return;
   std::string content;
   for (const UrlState& each : urls_) content += Line(each);
-  if (content != written_ && ReplaceFile(file_, content)) written_ = std::move(content);
+  if (!ReplaceFile(file_, content)) return;
+  wholeBytes_ = content.size();
+  appendedBytes_ = 0;
 }
 
 std::vector<UrlState> UrlStateFile::Read(const std::filesystem::path& storeFolder) {
   std::vector<UrlState> states;
+  std::unordered_map<std::string, std::size_t> places;
   std::ifstream file(StateFile(storeFolder));
   for (std::string line; std::getline(file, line);) {
-    if (auto state = ParseLine(line)) states.push_back(std::move(*state));
+    // A line without its end is still being written.
+    auto state = file.eof() ? std::nullopt : ParseLine(line);
+    if (!state) continue;
+    const auto [place, added] = places.try_emplace(state->queueName, states.size());
+    if (added) {
+      states.push_back(std::move(*state));
+    } else {
+      states[place->second] = std::move(*state);
+    }
   }
   return states;
 }

@@ -3,7 +3,8 @@
 // The store's queues are named by digests of their urls, and only the sending process knows why a queue is
 // waiting. So that process keeps this file with the store: one line for each url, with the name of its queue,
 // the url without user and password, and the state of sending there. It is information for people: no program
-// decides anything by it, and a store without it is complete.
+// decides anything by it, and a store without it is complete. A change appends a line, and the last line of a
+// queue counts: with thousands of urls, writing all of them for each answer would keep a disk busy.
 #pragma once
 
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/http/http_client.h"
@@ -30,10 +32,9 @@ class UrlStateFile {
 
   // Sets the urls, as they are in the settings. Writes the file.
   void SetUrls(const std::vector<std::string>& urls);
-  // Takes the client's states, and writes the file if something of interest has changed: a wait, the last
-  // status or the last error. Costs next to nothing if the client has nothing new. If the file can't be
-  // written, it silently stays as it is.
-  void Update(const HttpClientFactory& http);
+  // Takes the client's state of this url, and appends a line if it has changed. If the file can't be written,
+  // it silently stays as it is.
+  void Update(const std::string& url, const HttpClientFactory& http);
   // Forgets the waits, which end with the process. Nothing is written afterwards.
   void Close();
 
@@ -42,12 +43,14 @@ class UrlStateFile {
 
  private:
   void Write();
+  void Append(const std::string& line);
 
   const std::filesystem::path file_;
   std::mutex mutex_;  // guards the members below; held while the file is written
   std::vector<UrlState> urls_;
-  std::string written_;
-  std::optional<std::uint64_t> version_;  // of the client's states at the last update
+  std::unordered_map<std::string, std::vector<std::size_t>> places_;  // in urls_, by url
+  std::size_t wholeBytes_ = 0;     // of the file when it was last written as a whole
+  std::size_t appendedBytes_ = 0;  // since then
   bool closed_ = false;
 };
 
