@@ -3,47 +3,15 @@
 #include <algorithm>
 #include <cstring>
 
+#include "tests/server/message_builder.h"
 #include "tests/world/queues.h"
 #include "tests/world/services.h"
 
 namespace veld_report::world {
 namespace {
 
-constexpr std::string_view head = "{\"payload\":\"";
-constexpr std::string_view middle = "\",\"signatures\":[{\"protected\":\"";
-constexpr std::string_view tail = "\"}]}";
 // "{"alg":"none"}" and a zero byte.
 constexpr std::string_view unsignedBlock("{\"alg\":\"none\"}", 15);
-
-// Whether `text` is the padded base-64 of `bytes`; decides by decoding.
-bool Decodes(std::string_view text, std::string_view bytes) {
-  static const auto values = [] {
-    std::array<int, 256> table;
-    table.fill(-1);
-    const std::string_view letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (std::size_t i = 0; i < letters.size(); ++i)
-      table[static_cast<unsigned char>(letters[i])] = static_cast<int>(i);
-    return table;
-  }();
-  if (text.size() != (bytes.size() + 2) / 3 * 4) return false;
-  const std::size_t padding = (3 - bytes.size() % 3) % 3;
-  if (text.substr(text.size() - padding) != std::string_view("==").substr(0, padding)) return false;
-  std::uint32_t bits = 0;
-  std::size_t decoded = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const int value = i < text.size() - padding ? values[static_cast<unsigned char>(text[i])] : 0;
-    if (value < 0) return false;
-    bits = bits << 6 | static_cast<std::uint32_t>(value);
-    if (i % 4 != 3) continue;
-    for (const int shift : {16, 8, 0}) {
-      const char byte = static_cast<char>(bits >> shift & 255);
-      // After the last byte only zero bits may stand.
-      if (byte != (decoded < bytes.size() ? bytes[decoded] : '\0')) return false;
-      ++decoded;
-    }
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -143,15 +111,8 @@ void Client::CheckBody(const Request& request, std::string_view body) {
   }
   expected_ += "]}";
   const std::string_view block = host.signed_ ? std::string_view(host.signature) : unsignedBlock;
-  const std::size_t payload = (expected_.size() + 2) / 3 * 4;
-  const std::size_t protectedSize = (block.size() + 2) / 3 * 4;
-  const bool right = body.size() == head.size() + payload + middle.size() + protectedSize + tail.size() &&
-                     body.substr(0, head.size()) == head &&
-                     Decodes(body.substr(head.size(), payload), expected_) &&
-                     body.substr(head.size() + payload, middle.size()) == middle &&
-                     Decodes(body.substr(head.size() + payload + middle.size(), protectedSize), block) &&
-                     body.substr(body.size() - tail.size()) == tail;
-  if (!right) host.Fail(invariant::body, "not the body of the items: " + std::string(body));
+  if (body != server_test::Body(expected_, block))
+    host.Fail(invariant::body, "not the body of the items: " + std::string(body));
   if (host.signed_ && host.signedPrint != Print(expected_))
     host.Fail(invariant::body, "another text is signed");
   host.signed_ = false;

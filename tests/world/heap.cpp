@@ -17,7 +17,6 @@ namespace {
 
 // Threads of a world take turns, so nothing here needs a lock.
 std::int64_t live = 0;
-std::uint64_t taken = 0;
 int failAt = 0;
 void (*failed)(void* context) = nullptr;
 void* failedContext = nullptr;
@@ -41,7 +40,6 @@ bool FailThis() {
 }
 
 void NoteLock(const void* lock) {
-  ++taken;
   if (heldDepth > 0 && lock != heldLock) twoAtOnce = true;
   heldLock = lock;
   ++heldDepth;
@@ -62,7 +60,6 @@ void Heap::FailNth(int nth, void (*onFailure)(void* context), void* context) {
 
 int Locks::Held() { return heldDepth; }
 bool Locks::TakeTwoAtOnce() { return std::exchange(twoAtOnce, false); }
-std::uint64_t Locks::Taken() { return taken; }
 
 }  // namespace veld_report::world
 

@@ -39,8 +39,6 @@ struct Locks {
   static int Held();
   // Whether a thread held two different ones since the last call.
   static bool TakeTwoAtOnce();
-  // How many were taken, ever.
-  static std::uint64_t Taken();
 };
 
 }  // namespace veld_report::world

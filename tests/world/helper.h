@@ -2,36 +2,58 @@
 // other, so a world stays deterministic.
 #pragma once
 
-#include <condition_variable>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
-#include <mutex>
+#include <future>
 #include <thread>
+#include <utility>
 
 namespace veld_report::world {
 
 class Helper {
  public:
-  static Helper& Get();
-
   // Runs `work` on the other thread, and returns when it has ended or parks. A thread that does neither waits
   // for a lock that the caller's thread holds: that ends the process, with a line on stderr.
-  void Do(std::function<void()> work);
+  void Do(std::function<void()> work) {
+    GiveTurn([&] {
+      thread_ = std::thread([this, work = std::move(work)] {
+        work();
+        back_.set_value();
+      });
+    });
+  }
   // On the other thread: waits for Resume.
-  void Park();
+  void Park() {
+    go_ = {};
+    const auto go = go_.get_future();
+    parked_ = true;
+    back_.set_value();
+    go.wait();
+  }
   // Lets it go on, and returns when its work has ended.
-  void Resume();
-  bool Parked() const { return state_ == State::parked; }
+  void Resume() {
+    parked_ = false;
+    GiveTurn([&] { go_.set_value(); });
+  }
+  bool Parked() const { return parked_; }
 
  private:
-  enum class State { idle, working, parked, resumed };
-  Helper();
-  void Loop();
-  void AwaitTurn(std::unique_lock<std::mutex>& lock);
+  template <class Start>
+  void GiveTurn(Start start) {
+    back_ = {};
+    const auto back = back_.get_future();
+    start();
+    if (back.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+      std::fputs("world: another thread can't come in: a lock is held across a call to the host\n", stderr);
+      std::abort();
+    }
+    if (!parked_) thread_.join();
+  }
 
-  std::mutex lock_;
-  std::condition_variable changed_;
-  State state_ = State::idle;
-  std::function<void()> work_;
+  std::promise<void> back_, go_;
+  bool parked_ = false;
   std::thread thread_;
 };
 

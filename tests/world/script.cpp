@@ -10,55 +10,30 @@
 namespace veld_report::world {
 namespace {
 
-constexpr const char* opNames[] = {"CreateProducer",
-                                   "CreateAckConsumer",
-                                   "CreateQueueManager",
-                                   "EnumerateQueues",
-                                   "RemoveQueue",
-                                   "Push",
-                                   "Read",
-                                   "Ack",
-                                   "ReturnItem",
-                                   "MakeRequestAsync",
-                                   "Wait",
-                                   "Cancel",
-                                   "OnRequestFinished",
-                                   "ArmTimer",
-                                   "DisarmTimer",
-                                   "CancelTimer",
-                                   "IsBackgroundDisabled",
-                                   "Sign",
-                                   "Serialize",
-                                   "CreateCalculator",
-                                   "QueryCalculator",
-                                   "Update",
-                                   "Finish",
-                                   "QueryCertificates",
-                                   "SetCertificates",
-                                   "CreateClient",
-                                   "GetInterface",
-                                   "CreateJsonStorage",
-                                   "Flush",
-                                   "AcquireBuffer",
-                                   "CommitBuffer",
-                                   "(reader ends)",
-                                   "(completion)",
-                                   "(entry)",
-                                   "(totals)",
-                                   "(excuse)",
-                                   "AnyCall"};
-constexpr const char* entryNames[] = {"Construct", "SendStatistic", "SetSettings",   "Run",
-                                      "Release",   "(drain)",       "CreateInstance"};
-constexpr const char* kindNames[] = {"restart", "submit", "settings", "advance", "gate",  "answer",
-                                     "fault",   "memory", "enter",    "foreign", "settle"};
+using Names = std::vector<std::string>;
+
+Names Words(const char* text) {
+  std::istringstream in(text);
+  return {std::istream_iterator<std::string>(in), {}};
+}
+
+// In the order of their enumerators.
+const Names opNames = Words(
+    "CreateProducer CreateAckConsumer CreateQueueManager EnumerateQueues RemoveQueue Push Read "
+    "Ack ReturnItem MakeRequestAsync Wait Cancel OnRequestFinished ArmTimer DisarmTimer "
+    "CancelTimer IsBackgroundDisabled Sign Serialize CreateCalculator QueryCalculator Update "
+    "Finish QueryCertificates SetCertificates CreateClient GetInterface CreateJsonStorage Flush "
+    "AcquireBuffer CommitBuffer (end-of-reader) (completion) (entry) (totals) (excuse) AnyCall");
+const Names entryNames = Words("Construct SendStatistic SetSettings Run Release (drain) CreateInstance");
+const Names kindNames =
+    Words("restart submit settings advance gate answer fault memory enter foreign settle");
 constexpr int scriptedOps = static_cast<int>(Op::commitBuffer) + 1;
 
 template <class E>
-E Find(const std::string& name, const char* const* names, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    if (name == names[i]) return static_cast<E>(i);
-  }
-  throw std::invalid_argument("unknown name '" + name + "'");
+E Find(const std::string& name, const Names& names) {
+  const auto found = std::ranges::find(names, name);
+  if (found == names.end()) throw std::invalid_argument("unknown name '" + name + "'");
+  return static_cast<E>(found - names.begin());
 }
 
 class Generator {
@@ -197,10 +172,10 @@ Step ReadStep(const std::string& line) {
   std::istringstream in(line);
   std::string word;
   in >> word;
-  Step step{.kind = Find<Step::Kind>(word, kindNames, std::size(kindNames))};
+  Step step{.kind = Find<Step::Kind>(word, kindNames)};
   if (HasOp(step.kind)) {
     in >> word;
-    step.op = Find<Op>(word, opNames, std::size(opNames));
+    step.op = Find<Op>(word, opNames);
   }
   in >> step.a >> step.b >> step.c;
   if (!in) throw std::invalid_argument("not three numbers in '" + line + "'");
@@ -210,8 +185,8 @@ Step ReadStep(const std::string& line) {
 
 }  // namespace
 
-const char* Name(Op op) { return opNames[static_cast<std::size_t>(op)]; }
-const char* Name(Entry entry) { return entryNames[static_cast<std::size_t>(entry)]; }
+const char* Name(Op op) { return opNames[static_cast<std::size_t>(op)].c_str(); }
+const char* Name(Entry entry) { return entryNames[static_cast<std::size_t>(entry)].c_str(); }
 
 bool Settings::HasConsumers() const {
   return mismatch || std::any_of(rows.begin(), rows.end(), [](const Row& row) { return row.consumer != 0; });

@@ -22,7 +22,7 @@ class World {
  public:
   explicit World(std::string* course = nullptr) : model_(host_), sender_(host_, model_) {
     host_.enter = [this](const Step& step) { EnterFromOutside(step); };
-    host_.park = [] { Helper::Get().Park(); };
+    host_.park = [this] { helper_.Park(); };
     host_.course = course;
   }
   World(const World&) = delete;
@@ -115,12 +115,12 @@ class World {
 
   void EnterFromOutside(const Step& step) {
     const Outside outside;
-    if (!sender_.Exists() || host_.constructing || entered_ || Helper::Get().Parked()) return;
+    if (!sender_.Exists() || host_.constructing || entered_ || helper_.Parked()) return;
     const auto entry = static_cast<Entry>(step.a);
     if (entry == Entry::release && !host_.running) return;
     entered_ = true;
     ++Host::seen[static_cast<std::size_t>(step.op)].entered;
-    Helper::Get().Do([&] {
+    helper_.Do([&] {
       if (entry == Entry::submit) sender_.Submit(step.b % 4, step.c);
       if (entry == Entry::settings) sender_.SetSettings(step.settings);
       if (entry == Entry::release) sender_.Release();
@@ -135,7 +135,7 @@ class World {
     host_.running = true;
     sender_.Run(sink);
     host_.running = false;
-    if (Helper::Get().Parked()) Helper::Get().Resume();
+    if (helper_.Parked()) helper_.Resume();
     Check();
   }
 
@@ -246,6 +246,7 @@ class World {
   Host host_;
   Model model_;
   Sender sender_;
+  Helper helper_;
   std::uint64_t cycles_ = 0;
   bool entered_ = false;
 };
@@ -254,7 +255,6 @@ class World {
 
 Outcome RunScript(const Script& script, std::string* course) {
   // What is made once a process must not count as a leak of the first world.
-  Helper::Get();
   QueueName(0);
   static const Outcome warm = World().Run({{.kind = Step::Kind::restart, .settings = {.rows = {{0, 0}}}}});
   static_cast<void>(warm);

@@ -1,35 +1,87 @@
+// Worlds from seeds. VELD_SECONDS says how long, and VELD_SEED from which one on; scripts/world sets them.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <tuple>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
 
-#include "tests/world/heap.h"
-#include "tests/world/runs.h"
+#include "tests/world/world.h"
+
+// Of the sanitizers, which end a process without a signal.
+extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
 namespace veld_report::world {
 namespace {
 
-TEST(WorldTest, NoWorldFails) {
-  Progress progress;
-  // As many as a sanitizer build has time for, and then more where they are quick.
-  auto failure = RunWorlds(progress, 240, 150);
-  if (!failure) failure = RunWorlds(progress, 3);
-  EXPECT_FALSE(failure) << failure->invariant << ", " << failure->text << "\nworld --worlds 1 --seed "
-                        << progress.seed;
-  EXPECT_GE(progress.worlds, 150u);
-  EXPECT_GE(progress.cycles, 3000u);
+constexpr unsigned worldLimitSeconds = 60;
+volatile std::uint64_t seedNow = 0;
+
+// If the process dies in a world, or a world doesn't end, stderr says which.
+void SayWhere() {
+  char text[64];
+  const int length =
+      std::snprintf(text, sizeof text, "world: in seed %llu\n", static_cast<unsigned long long>(seedNow));
+  static_cast<void>(!write(STDERR_FILENO, text, static_cast<std::size_t>(length)));
 }
 
-TEST(WorldTest, WorldsReachWhatTheyAreFor) {
-  Host::seen = {};
-  const std::uint64_t locks = Locks::Taken();
-  for (std::uint64_t seed = 1; seed <= 1500; ++seed) {
-    const Outcome outcome = RunScript(MakeScript(seed));
-    ASSERT_FALSE(outcome.Failed()) << "seed " << seed << ": " << outcome.failure.text;
+void OnDeath(int signal) {
+  SayWhere();
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+class WorldTest : public testing::Test {
+ protected:
+  WorldTest() {
+    for (const int signal : {SIGSEGV, SIGABRT, SIGALRM}) std::signal(signal, OnDeath);
+    if (__sanitizer_set_death_callback) __sanitizer_set_death_callback(SayWhere);
   }
-  EXPECT_GT(Locks::Taken(), locks) << "the module's locks pass the world by";
+  ~WorldTest() override { alarm(0); }
+
+  // `missing`: for each of its senders.
+  static Outcome RunSeed(std::uint64_t seed, int missing = 0) {
+    alarm(worldLimitSeconds);
+    seedNow = seed;
+    Script script = MakeScript(seed);
+    for (Step& step : script) {
+      if (step.kind == Step::Kind::restart) step.a |= missing;
+    }
+    const Outcome outcome = RunScript(script);
+    EXPECT_FALSE(outcome.Failed()) << "seed " << seed << " fails: " << outcome.failure.invariant << ", "
+                                   << outcome.failure.text << '\n'
+                                   << ToText(script);
+    return outcome;
+  }
+};
+
+TEST_F(WorldTest, NoWorldFails) {
+  using Clock = std::chrono::steady_clock;
+  const char* const seconds = std::getenv("VELD_SECONDS");
+  const char* const seed = std::getenv("VELD_SEED");
+  const auto end = Clock::now() + std::chrono::seconds(seconds ? std::atoi(seconds) : 3);
+  // As many as a sanitizer build has time for, and then more where they are quick.
+  const std::uint64_t minimum = seconds ? 1 : 150;
+  std::uint64_t worlds = 0, cycles = 0;
+  for (std::uint64_t next = seed ? std::strtoull(seed, nullptr, 10) : 1;
+       !HasFailure() && (worlds < minimum || Clock::now() < end); ++worlds) {
+    cycles += RunSeed(next++).cycles;
+  }
+  EXPECT_GE(cycles, 20 * minimum);
+  std::cout << "worlds " << worlds << ", cycles " << cycles << ", cycles/s "
+            << cycles * CLOCKS_PER_SEC / static_cast<std::uint64_t>(std::clock()) << ", failures "
+            << HasFailure() << std::endl;
+}
+
+TEST_F(WorldTest, WorldsReachWhatTheyAreFor) {
+  Host::seen = {};
+  for (std::uint64_t seed = 1; seed <= 1500 && !HasFailure(); ++seed) RunSeed(seed);
   for (int i = 0; i <= static_cast<int>(Op::commitBuffer); ++i) {
     const auto op = static_cast<Op>(i);
-    const Host::Seen& seen = Host::seen[static_cast<std::size_t>(i)];
+    const Host::Seen& seen = Host::seen[static_cast<std::size_t>(op)];
     EXPECT_GT(seen.plain, 0u) << Name(op);
     if (op == Op::cancel) continue;  // nobody looks at its result, and it is rare
     EXPECT_GT(seen.negative, 0u) << Name(op);
@@ -41,34 +93,8 @@ TEST(WorldTest, WorldsReachWhatTheyAreFor) {
   }
 }
 
-TEST(WorldTest, CleaningUpThatThrowsGoesUnnoticed) {
-  for (std::uint64_t seed = 1; seed <= 300; ++seed) {
-    Script script = MakeScript(seed);
-    for (Step& step : script) {
-      if (step.kind == Step::Kind::restart) step.a |= cleanUpThrows;
-    }
-    const Outcome outcome = RunScript(script);
-    ASSERT_FALSE(outcome.Failed()) << "seed " << seed << ": " << outcome.failure.text;
-  }
-}
-
-TEST(WorldTest, TheSameSeedGivesTheSameWorld) {
-  const auto run = [] {
-    const std::uint64_t before = Locks::Taken();
-    const Outcome outcome = RunScript(MakeScript(42));
-    return std::make_tuple(outcome.cycles, Locks::Taken() - before);
-  };
-  EXPECT_EQ(run(), run());
-}
-
-TEST(ScriptTest, TextAndBack) {
-  for (std::uint64_t seed = 1; seed < 50; ++seed) {
-    const std::string text = ToText(MakeScript(seed));
-    EXPECT_EQ(ToText(FromText(text)), text);
-  }
-  for (const char* wrong : {"fly 1 2 3", "advance 1", "fault Nothing 0 1 1", "settings 0 0 0 1 1 1 0 e0"}) {
-    EXPECT_THROW(FromText(wrong), std::invalid_argument) << wrong;
-  }
+TEST_F(WorldTest, CleaningUpThatThrowsGoesUnnoticed) {
+  for (std::uint64_t seed = 1; seed <= 300 && !HasFailure(); ++seed) RunSeed(seed, cleanUpThrows);
 }
 
 }  // namespace
