@@ -107,6 +107,16 @@ void WriteJson(void* object, const zel::SerObjDescriptor& descriptor, std::strin
   out += '}';
 }
 
+// The numbers that the text doesn't show.
+bool IsMessage(const zel::SerObjDescriptor& message) {
+  const zel::SerObjDescriptor* signature = nullptr;
+  const zel::SerFieldDescriptor* const fields = message.fields;
+  fields[1].vectorHelper->GetElementDescriptor(&signature);
+  return message.serId == 0xe688adc8 && fields[0].typeId == zel::SerFieldDescriptor::narrowString &&
+         fields[1].typeId == 0x8bb286f2 && signature->serId == 0x8bb286f2 &&
+         signature->fields[0].typeId == zel::SerFieldDescriptor::narrowString;
+}
+
 }  // namespace
 
 const zel::SerObjDescriptor textRecord{43, "TextRecord", sizeof(TextRecord), textFields, nullptr};
@@ -125,7 +135,10 @@ zel::ResultCode Serializer::Serialize(const zel::AnyPtr* object, zel::IStorage* 
                                       zel::IObject** context) {
   const Outside outside;
   Use();
-  Call call(host, Op::serialize, 0, object->descriptor != &textRecord);
+  const bool isMessage = object->descriptor != &textRecord;
+  Call call(host, Op::serialize, 0, isMessage);
+  if (isMessage && !IsMessage(*object->descriptor))
+    host.Fail(invariant::calls, "another description of a message");
   if (call.Refused()) {
     if (call.Planned() != ErrorInfo::unknown) *context = host.Make<ErrorInfo>(call.Planned());
     return call.Done(call.Planned());
