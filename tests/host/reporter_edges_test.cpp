@@ -61,6 +61,7 @@ TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
     bool isServed;
   } cases[] = {
       {sizeof options, sizeof(veld_report_statistics), true},
+      {offsetof(veld_report_options, packet_limit_kb), sizeof(veld_report_statistics), true},
       {offsetof(veld_report_options, signing_key_file), offsetof(veld_report_statistics, waiting), true},
       {offsetof(veld_report_options, packet_limit), offsetof(veld_report_statistics, submitted), true},
       {offsetof(veld_report_options, endpoint_count), 0, false},
@@ -85,6 +86,24 @@ TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
     EXPECT_EQ(statistics.waiting_bytes, isWhole ? 0 : -1);
     veld_report_free(reporter);
   }
+}
+
+TEST_F(Edges, HttpToOtherMachinesMustBeAllowed) {
+  const std::string store = Path("store");
+  const veld_report_endpoint endpoint = {"http://reports.test/v1", nullptr};
+  veld_report_options options{};
+  options.struct_size = sizeof options;
+  options.store = store.c_str();
+  options.endpoints = &endpoint;
+  options.endpoint_count = 1;
+  options.module_path = VELD_MODULE_PATH;
+  veld_report_handle* reporter = nullptr;
+  char error[200] = "";
+  EXPECT_EQ(veld_report_open(&options, &reporter, error, sizeof error), zel::eInvalidArgument);
+  EXPECT_THAT(error, testing::HasSubstr("allow http"));
+  options.allow_http = 1;
+  EXPECT_EQ(veld_report_open(&options, &reporter, error, sizeof error), zel::sOk) << error;
+  veld_report_free(reporter);
 }
 
 }  // namespace

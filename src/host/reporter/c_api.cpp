@@ -45,6 +45,9 @@ veld_report::ReporterOptions OptionsOf(const veld_report_options& given) {
   SetIfGiven(options.packetLimit, given.packet_limit);
   SetIfGiven(options.queueLimitKb, given.queue_limit_kb);
   SetIfGiven(options.retryAfter, given.retry_after_s);
+  SetIfGiven(options.packetLimitKb, given.packet_limit_kb);
+  SetIfGiven(options.sendEvery, given.send_every_s);
+  options.allowHttp = given.allow_http != 0;
   options.closeDeadline = milliseconds(0);
   options.signingKeyFile = Text(given.signing_key_file);
   options.traceFile = Text(given.trace_file);

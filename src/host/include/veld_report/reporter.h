@@ -55,10 +55,10 @@ struct Settings {
   std::uint32_t packetLimit = 100;        // maximum records in a request; 0: no limit
   std::uint32_t queueLimitKb = 10 << 10;  // of each endpoint's queue; a full one drops its oldest records
   std::chrono::seconds retryAfter{30};    // delay after a cycle that left records undelivered
-  std::uint32_t packetLimitKb =
-      256;  // maximum size of a request's records; a larger one is sent alone; 0: no limit
-  std::chrono::seconds sendEvery{
-      0};  // minimum time between requests to a url; Flush and Close don't wait for it
+  // Maximum size of a request's records; a larger record is sent alone. 0: no limit.
+  std::uint32_t packetLimitKb = 256;
+  // Minimum time between requests to a url; Flush and Close don't wait for it.
+  std::chrono::seconds sendEvery{0};
   // Allows http:// urls to other machines than this one. Without TLS anyone on the way can read the records,
   // and any 200, such as that of a hotel's login page, deletes them.
   bool allowHttp = false;

@@ -24,7 +24,7 @@ extern "C" {
 typedef struct veld_report_handle veld_report_handle;
 
 typedef struct veld_report_endpoint {
-  const char* url;      /* https://, or http:// to this machine */
+  const char* url;      /* https://, or http:// to this machine or with allow_http */
   const char* consumer; /* NULL or "": only gets the records for all */
 } veld_report_endpoint;
 
@@ -42,6 +42,10 @@ typedef struct veld_report_options {
   const char* trace_file;       /* default: stderr */
   uint32_t trace_level;         /* 300: failures, 700: everything; default: nothing */
   const char* module_path;      /* of libveld_report.so; default: the usual places */
+  uint32_t packet_limit_kb;     /* maximum size of a request's records; default 256 */
+  uint32_t send_every_s;        /* minimum time between requests to a url; default: none */
+  uint32_t allow_http; /* not 0: http:// urls to other machines too, which anyone on the way can read */
+  uint32_t reserved;   /* 0 */
 } veld_report_options;
 
 /* Opens a store and starts sending. *out receives a handle, for veld_report_free. 0 or a failure. */
