@@ -1,52 +1,158 @@
-/* Every function of the C interface: MODULE STORE URL. Run by reporter_close_test.cpp. */
+/* Every function of the C interface: MODULE STORE URL. Run by reporter_c_test.cpp, whose server checks what
+ * arrives. */
+#define _DEFAULT_SOURCE /* fork */
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "veld_report/veld_report.h"
 
-static int failed(const char* what, const char* error) {
-  fprintf(stderr, "reporter_c_program: %s: %s\n", what, error);
-  return 1;
+static char error[256];
+
+#define CHECK(condition)                                                                       \
+  do {                                                                                         \
+    if (condition) break;                                                                      \
+    fprintf(stderr, "%s:%d: %s; the last error: %s\n", __FILE__, __LINE__, #condition, error); \
+    _exit(1);                                                                                  \
+  } while (0)
+
+static const char record[] = "{\"from\":\"C\",\"text\":\"gr\\u00fc\\u00df\"}";
+static const int32_t invalid_argument = (int32_t)0x80000046, invalid_state = (int32_t)0x8000006a;
+
+static int32_t send(veld_report_handle* reporter, const char* consumer) {
+  return veld_report_send_json(reporter, consumer, record, sizeof record - 1, error, sizeof error);
+}
+
+static void listen_to(void* context, const veld_report_request* request) {
+  CHECK(request->struct_size == sizeof *request && request->result == 0);
+  ++*(int*)context;
+}
+
+static void collect(void* context, const veld_report_endpoint_statistics* endpoint) {
+  char* text = context;
+  sprintf(text + strlen(text), "%s %ld %u; ", endpoint->consumer, (long)endpoint->queue.waiting.bytes,
+          endpoint->last_status);
+}
+
+static void check_open(veld_report_options options) {
+  veld_report_handle* reporter = NULL;
+  char cut[5] = "";
+  CHECK(veld_report_open(NULL, &reporter, NULL, 0) == invalid_argument);
+  CHECK(veld_report_open(&options, &reporter, cut, sizeof cut) == invalid_argument && strlen(cut) == 4);
+  options.store = NULL;
+  options.struct_size = sizeof options;
+  CHECK(veld_report_open(&options, &reporter, error, sizeof error) == invalid_argument && !reporter);
+  CHECK(strstr(error, "no store"));
+}
+
+/* A program that was compiled with the first header, in which an endpoint had two members. */
+static void check_first_header(veld_report_options options) {
+  const char* const endpoints[] = {"https://127.0.0.1:1/a", NULL, "https://127.0.0.1:1/b", "product"};
+  veld_report_handle* reporter;
+  char text[100] = "";
+  options.struct_size = offsetof(veld_report_options, proxy);
+  options.endpoints = (const veld_report_endpoint*)(const void*)endpoints;
+  options.endpoint_count = 2;
+  CHECK(veld_report_open(&options, &reporter, error, sizeof error) == 0);
+  CHECK(veld_report_endpoint_stats(reporter, collect, text) == 0 && strcmp(text, " 0 0; product 0 0; ") == 0);
+  veld_report_free(reporter);
+}
+
+static void check_settings(veld_report_handle* reporter) {
+  const char* const pin = "sha256//AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
+  veld_report_settings before = {.struct_size = sizeof before}, after = {.struct_size = sizeof after};
+  CHECK(veld_report_get_settings(reporter, &before) == 0 && before.packet_limit == 100);
+  const veld_report_endpoint endpoints[] = {
+      before.endpoints[0],
+      {.url = "https://127.0.0.1:1/", .consumer = "other", .certificates = &pin, .certificate_count = 1}};
+  veld_report_settings changed = before;
+  changed.endpoints = endpoints;
+  changed.endpoint_count = 2;
+  changed.packet_limit = UINT32_MAX;
+  changed.send_every_s = 0x7fffffff;
+  CHECK(veld_report_set_settings(reporter, &changed, error, sizeof error) == invalid_argument);
+  CHECK(strstr(error, "sendEvery"));
+  changed.send_every_s = 2;
+  CHECK(veld_report_set_settings(reporter, &changed, error, sizeof error) == 0);
+  CHECK(veld_report_get_settings(reporter, &after) == 0 && after.packet_limit == UINT32_MAX);
+  CHECK(after.send_every_s == 2 && after.queue_limit_kb == 10240 && after.endpoint_count == 2);
+  CHECK(strcmp(after.endpoints[0].url, before.endpoints[0].url) == 0);
+  CHECK(after.endpoints[0].certificate_count == 0 && strcmp(after.endpoints[1].certificates[0], pin) == 0);
+  veld_report_free_settings(&before);
+  veld_report_free_settings(&after);
+}
+
+static void check_fork(veld_report_handle* reporter) {
+  veld_report_settings settings = {.struct_size = sizeof settings};
+  veld_report_statistics stats = {.struct_size = sizeof stats};
+  int status = -1;
+  const pid_t child = fork();
+  if (child == 0) {
+    CHECK(send(reporter, NULL) == invalid_state && strstr(error, "forked"));
+    CHECK(veld_report_flush(reporter, 60000) == 0 && veld_report_flush_to_store(reporter, 60000) == 0);
+    CHECK(veld_report_get_settings(reporter, &settings) == invalid_state);
+    CHECK(veld_report_set_settings(reporter, &settings, NULL, 0) == invalid_state);
+    CHECK(veld_report_set_listener(reporter, NULL, NULL) == invalid_state);
+    CHECK(veld_report_allow_sending(reporter, 1) == invalid_state);
+    CHECK(veld_report_forget(reporter, NULL, 0) == invalid_state);
+    CHECK(veld_report_stats(reporter, &stats) == invalid_state);
+    CHECK(veld_report_endpoint_stats(reporter, collect, NULL) == invalid_state);
+    CHECK(veld_report_close(reporter, 60000) == 0);
+    veld_report_free(reporter);
+    _exit(0);
+  }
+  CHECK(waitpid(child, &status, 0) == child && status == 0);
 }
 
 int main(int count, char** arguments) {
-  char error[256] = "";
-  veld_report_handle* reporter = NULL;
-  if (count != 4) return 2;
-  const veld_report_endpoint endpoint = {arguments[3], "product"};
-  veld_report_options options = {.struct_size = sizeof options,
-                                 .endpoints = &endpoint,
-                                 .endpoint_count = 1,
-                                 .module_path = arguments[1]};
-  if (veld_report_open(&options, &reporter, error, sizeof error) >= 0 || reporter ||
-      !strstr(error, "no store")) {
-    return failed("open without a store", error);
-  }
-  char shortError[5] = "";
-  if (veld_report_open(&options, &reporter, shortError, sizeof shortError) >= 0 || strlen(shortError) != 4) {
-    return failed("a sentence that doesn't fit", shortError);
-  }
-  options.store = arguments[2];
-  if (veld_report_open(&options, &reporter, error, sizeof error) != 0) return failed("open", error);
-  const char* const good = "{\"from\":\"C\",\"text\":\"gr\\u00fc\\u00df\"}";
-  if (veld_report_send_json(reporter, "product", good, strlen(good), error, sizeof error) != 0) {
-    return failed("send", error);
-  }
-  if (veld_report_send_json(reporter, NULL, good, 3, error, sizeof error) >= 0)
-    return failed("send half", error);
-  if (veld_report_send_json(reporter, "x", good, strlen(good), NULL, 0) >= 0)
-    return failed("send to x", error);
-  if (veld_report_flush_to_store(reporter, 30000) != 1) return failed("flush to store", "not in time");
-  if (veld_report_flush(reporter, 30000) != 1) return failed("flush", "not in time");
+  CHECK(count == 4);
+  const char* const header = "X-Product: C";
+  const veld_report_endpoint endpoint = {.url = arguments[3], .consumer = "product"};
+  int finished[2] = {0, 0};
+  veld_report_options options = {.store = arguments[2], .module_path = arguments[1]};
+  check_open(options);
+  check_first_header(options);
+
+  options.struct_size = sizeof options;
+  options.endpoints = &endpoint;
+  options.endpoint_count = 1;
+  options.headers = &header;
+  options.header_count = 1;
+  options.user_agent = "reporter_c_program";
+  options.proxy = "";
+  options.listener = listen_to;
+  options.listener_context = &finished[0];
+  options.store_limit_bytes = sizeof record; /* room for one */
+  options.hold_sending = 1;
+  veld_report_handle* reporter;
+  CHECK(veld_report_open(&options, &reporter, error, sizeof error) == 0);
+  check_settings(reporter);
+  CHECK(send(reporter, "product") == 0 && send(reporter, "product") == 0);
+  CHECK(send(reporter, "x") < 0 && veld_report_send_json(reporter, NULL, record, 3, NULL, 0) < 0);
+  CHECK(veld_report_flush_to_store(reporter, 30000) == 1);
   veld_report_statistics stats = {.struct_size = sizeof stats};
-  if (veld_report_stats(reporter, &stats) != 0) return failed("stats", "");
-  if (stats.submitted != 1 || stats.refused != 2 || stats.delivered != 1 || stats.waiting != 0) {
-    return failed("stats", "wrong figures");
-  }
-  if (veld_report_close(reporter, 5000) != 1) return failed("close", "not flushed");
-  if (veld_report_stats(reporter, &stats) >= 0) return failed("stats behind the close", "");
+  CHECK(veld_report_stats(reporter, &stats) == 0 && stats.submitted == 2 && stats.refused == 2);
+  CHECK(stats.accepted == 2 && stats.evicted == 1 && stats.waiting == 1);
+  CHECK(stats.total.waiting.bytes == sizeof record - 1 && stats.total.evicted.items == 1);
+  check_fork(reporter);
+
+  CHECK(veld_report_allow_sending(reporter, 1) == 0 && veld_report_flush(reporter, 30000) == 1);
+  char text[100] = "";
+  CHECK(veld_report_endpoint_stats(reporter, collect, text) == 0 &&
+        strcmp(text, "product 0 200; other 0 0; ") == 0);
+  CHECK(veld_report_set_listener(reporter, listen_to, &finished[1]) == 0);
+  CHECK(send(reporter, "product") == 0 && veld_report_flush(reporter, 30000) == 1);
+  CHECK(veld_report_allow_sending(reporter, 0) == 0 && send(reporter, "product") == 0);
+  CHECK(veld_report_forget(reporter, error, sizeof error) == 0);
+  CHECK(veld_report_stats(reporter, &stats) == 0 && stats.delivered == 2 && stats.total.removed.items == 1);
+  CHECK(veld_report_close(reporter, 5000) == 1 && veld_report_stats(reporter, &stats) < 0);
+  CHECK(finished[0] == 1 && finished[1] == 1);
   veld_report_free(reporter);
+
   veld_report_free(NULL);
-  if (veld_report_flush(NULL, 1) != 0 || veld_report_close(NULL, 1) != 0) return failed("NULL", "");
+  CHECK(veld_report_flush(NULL, 1) == 0 && veld_report_close(NULL, 1) == 0);
+  CHECK(veld_report_endpoint_stats(NULL, collect, text) == invalid_argument);
   return 0;
 }

@@ -110,24 +110,5 @@ TEST_F(Closing, StaticReporterDeliversAtExitAndEndsInTime) {
   EXPECT_LT(time, seconds(3) + seconds(5) + seconds(2));
 }
 
-class CInterface : public ReporterTest {};
-
-TEST_F(CInterface, CProgramGoesThroughEveryFunction) {
-  const auto server = Serve("out");
-  EXPECT_EQ(tests::RunProgram({VELD_C_PROGRAM, VELD_MODULE_PATH, Path("c"), server->Url()}).exitCode, 0);
-  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"from":"C","text":"gr\u00fc\u00df"})"));
-}
-
-TEST_F(CInterface, PythonLoadsTheLibrary) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "python3 is built without the sanitizer that the library needs";
-#endif
-  const auto server = Serve("out");
-  const tests::ProgramResult python = tests::RunProgram(
-      {"python3", VELD_PYTHON_PROGRAM, VELD_C_LIBRARY, VELD_MODULE_PATH, Path("py"), server->Url()});
-  EXPECT_EQ(python.exitCode, 0) << python.errors;
-  EXPECT_THAT(Stored("out"), testing::Contains("{\"from\":\"python\",\"text\":\"gr\xc3\xbc\xc3\x9f\"}"));
-}
-
 }  // namespace
 }  // namespace veld_report

@@ -1,4 +1,4 @@
-"""The C interface from Python: LIBRARY MODULE STORE URL. Run by reporter_close_test.cpp."""
+"""The C interface from Python: LIBRARY MODULE STORE URL. Run by reporter_c_test.cpp."""
 import ctypes
 import sys
 

@@ -50,7 +50,8 @@ TEST_F(Edges, DeletedFolderIsNoSafePlace) {
 
 TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
   const std::string store = Path("store");
-  const veld_report_endpoint endpoint = {"http://127.0.0.1:1", nullptr};
+  veld_report_endpoint endpoint{};
+  endpoint.url = "http://127.0.0.1:1";
   veld_report_options options{};
   options.store = store.c_str();
   options.endpoints = &endpoint;
@@ -90,7 +91,8 @@ TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
 
 TEST_F(Edges, HttpToOtherMachinesMustBeAllowed) {
   const std::string store = Path("store");
-  const veld_report_endpoint endpoint = {"http://reports.test/v1", nullptr};
+  veld_report_endpoint endpoint{};
+  endpoint.url = "http://reports.test/v1";
   veld_report_options options{};
   options.struct_size = sizeof options;
   options.store = store.c_str();

@@ -1,21 +1,20 @@
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
-#include <memory>
 #include <string>
 
+#include "host/base/process_mark.h"
+#include "host/reporter/c_structs.h"
 #include "veld_report/reporter.h"
 #include "veld_report/veld_report.h"
 
 struct veld_report_handle {
   veld_report::Reporter reporter;
+  const std::uint64_t process = veld_report::host::CurrentProcess();
 };
 
 namespace {
 
 using std::chrono::milliseconds;
-
-std::string Text(const char* text) { return text ? text : ""; }
 
 void WriteError(std::string_view sentence, char* error, size_t size) {
   if (!error || size == 0) return;
@@ -24,36 +23,27 @@ void WriteError(std::string_view sentence, char* error, size_t size) {
   error[length] = '\0';
 }
 
-// Whether a caller's struct can be served: one of this header, or a shorter one of an earlier header, since
-// members are only ever appended.
-template <class T>
-bool IsServed(size_t size, size_t required) {
-  return size >= required && size <= sizeof(T);
+int32_t InvalidArgument(const char* sentence, char* error = nullptr, size_t size = 0) {
+  WriteError(sentence, error, size);
+  return zel::eInvalidArgument;
 }
 
-template <class T>
-void SetIfGiven(T& option, std::uint32_t value) {
-  if (value != 0) option = T(value);
-}
-
-veld_report::ReporterOptions OptionsOf(const veld_report_options& given) {
-  veld_report::ReporterOptions options;
-  options.store = Text(given.store);
-  for (size_t i = 0; i < given.endpoint_count; ++i) {
-    options.endpoints.push_back({Text(given.endpoints[i].url), Text(given.endpoints[i].consumer), {}});
+// Runs `body`; an exception becomes its code and sentence.
+template <class Body>
+int32_t Guarded(char* error, size_t size, Body&& body) noexcept {
+  try {
+    body();
+    return zel::sOk;
+  } catch (const veld_report::ReporterError& caught) {
+    WriteError(caught.what(), error, size);
+    return caught.Code();
+  } catch (const std::bad_alloc&) {
+    WriteError("out of memory", error, size);
+    return zel::eOutOfMemory;
+  } catch (...) {
+    WriteError("a callback has thrown", error, size);
+    return zel::eUnknownException;
   }
-  SetIfGiven(options.packetLimit, given.packet_limit);
-  SetIfGiven(options.queueLimitKb, given.queue_limit_kb);
-  SetIfGiven(options.retryAfter, given.retry_after_s);
-  SetIfGiven(options.packetLimitKb, given.packet_limit_kb);
-  SetIfGiven(options.sendEvery, given.send_every_s);
-  options.allowHttp = given.allow_http != 0;
-  options.closeDeadline = milliseconds(0);
-  options.signingKeyFile = Text(given.signing_key_file);
-  options.traceFile = Text(given.trace_file);
-  options.traceLevel = given.trace_level;
-  options.modulePath = Text(given.module_path);
-  return options;
 }
 
 }  // namespace
@@ -61,33 +51,21 @@ veld_report::ReporterOptions OptionsOf(const veld_report_options& given) {
 int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out, char* error,
                          size_t error_size) {
   if (out) *out = nullptr;
-  constexpr size_t required = offsetof(veld_report_options, packet_limit);
-  if (!options || !out || !IsServed<veld_report_options>(options->struct_size, required) ||
-      (options->endpoint_count != 0 && !options->endpoints)) {
-    WriteError("open: options, out or endpoints is NULL, or struct_size doesn't match this header", error,
-               error_size);
-    return zel::eInvalidArgument;
-  }
   veld_report_options known{};
-  std::memcpy(&known, options, options->struct_size);
-  try {
-    *out = new veld_report_handle{veld_report::Reporter(OptionsOf(known))};
-    return zel::sOk;
-  } catch (const veld_report::ReporterError& caught) {
-    WriteError(caught.what(), error, error_size);
-    return caught.Code();
-  } catch (...) {
-    WriteError("open: out of memory", error, error_size);
-    return zel::eOutOfMemory;
+  if (!out || !veld_report::ReadStruct(options, offsetof(veld_report_options, packet_limit), &known) ||
+      (known.endpoint_count != 0 && !known.endpoints)) {
+    return InvalidArgument(
+        "open: options, out or endpoints is NULL, or struct_size doesn't match this header", error,
+        error_size);
   }
+  return Guarded(error, error_size, [&] {
+    *out = new veld_report_handle{veld_report::Reporter(veld_report::OptionsOf(known))};
+  });
 }
 
 int32_t veld_report_send_json(veld_report_handle* reporter, const char* consumer, const char* json,
                               size_t length, char* error, size_t error_size) {
-  if (!reporter || !json) {
-    WriteError("send: reporter or json is NULL", error, error_size);
-    return zel::eInvalidArgument;
-  }
+  if (!reporter || !json) return InvalidArgument("send: reporter or json is NULL", error, error_size);
   std::string sentence;
   const int32_t code = reporter->reporter.TrySendJson({json, length}, consumer ? consumer : "", &sentence);
   if (zel::Failed(code)) WriteError(sentence, error, error_size);
@@ -102,25 +80,75 @@ int32_t veld_report_flush_to_store(veld_report_handle* reporter, uint32_t deadli
   return reporter && reporter->reporter.FlushToStore(milliseconds(deadline_ms)) ? 1 : 0;
 }
 
+int32_t veld_report_set_settings(veld_report_handle* reporter, const veld_report_settings* settings,
+                                 char* error, size_t error_size) {
+  veld_report_settings known{};
+  if (!reporter || !veld_report::ReadStruct(settings, sizeof known, &known) ||
+      (known.endpoint_count != 0 && !known.endpoints)) {
+    return InvalidArgument(
+        "settings: reporter, settings or endpoints is NULL, or struct_size doesn't match this header", error,
+        error_size);
+  }
+  return Guarded(error, error_size, [&] { reporter->reporter.SetSettings(veld_report::SettingsOf(known)); });
+}
+
+int32_t veld_report_get_settings(veld_report_handle* reporter, veld_report_settings* out) {
+  veld_report_settings known{};
+  if (!reporter || !veld_report::ReadStruct(out, sizeof known, &known)) return zel::eInvalidArgument;
+  return Guarded(nullptr, 0, [&] {
+    const size_t size = known.struct_size;
+    known = veld_report::CSettingsOf(reporter->reporter.CurrentSettings());
+    known.struct_size = size;
+    veld_report::WriteStruct(known, out);
+  });
+}
+
+void veld_report_free_settings(veld_report_settings* settings) {
+  if (!settings) return;
+  veld_report::FreeSettings(settings->memory);
+  settings->memory = nullptr;
+}
+
+int32_t veld_report_set_listener(veld_report_handle* reporter, veld_report_listener listener, void* context) {
+  if (!reporter) return zel::eInvalidArgument;
+  return Guarded(nullptr, 0,
+                 [&] { reporter->reporter.SetListener(veld_report::ListenerOf(listener, context)); });
+}
+
+int32_t veld_report_allow_sending(veld_report_handle* reporter, uint32_t allowed) {
+  if (!reporter) return zel::eInvalidArgument;
+  if (reporter->process != veld_report::host::CurrentProcess()) return zel::eInvalidState;
+  reporter->reporter.AllowSending(allowed != 0);
+  return zel::sOk;
+}
+
+int32_t veld_report_forget(veld_report_handle* reporter, char* error, size_t error_size) {
+  if (!reporter) return InvalidArgument("forget: reporter is NULL", error, error_size);
+  return Guarded(error, error_size, [&] { reporter->reporter.Forget(); });
+}
+
 int32_t veld_report_stats(veld_report_handle* reporter, veld_report_statistics* out) {
-  constexpr size_t required = offsetof(veld_report_statistics, submitted);
-  if (!reporter || !out || !IsServed<veld_report_statistics>(out->struct_size, required)) {
+  veld_report_statistics known{};
+  if (!reporter || !veld_report::ReadStruct(out, offsetof(veld_report_statistics, submitted), &known)) {
     return zel::eInvalidArgument;
   }
-  try {
-    const veld_report::Statistics stats = reporter->reporter.Stats();
-    const veld_report::QueueLedger& total = stats.total;
-    const veld_report_statistics known = {out->struct_size,     stats.submitted,       stats.refused,
-                                          total.accepted.items, total.delivered.items, total.evicted.items,
-                                          total.rejected.items, total.removed.items,   total.waiting.items,
-                                          total.waiting.bytes};
-    std::memcpy(out, &known, known.struct_size);
-    return zel::sOk;
-  } catch (const veld_report::ReporterError& caught) {
-    return caught.Code();
-  } catch (...) {
-    return zel::eOutOfMemory;
-  }
+  return Guarded(nullptr, 0, [&] {
+    const size_t size = known.struct_size;
+    known = veld_report::CStatisticsOf(reporter->reporter.Stats());
+    known.struct_size = size;
+    veld_report::WriteStruct(known, out);
+  });
+}
+
+int32_t veld_report_endpoint_stats(veld_report_handle* reporter, veld_report_endpoint_visitor visit,
+                                   void* context) {
+  if (!reporter || !visit) return zel::eInvalidArgument;
+  return Guarded(nullptr, 0, [&] {
+    for (const veld_report::EndpointStatistics& each : reporter->reporter.Stats().endpoints) {
+      const veld_report_endpoint_statistics endpoint = veld_report::CStatisticsOf(each);
+      visit(context, &endpoint);
+    }
+  });
 }
 
 int32_t veld_report_close(veld_report_handle* reporter, uint32_t deadline_ms) {
