@@ -1,44 +1,11 @@
 // What send is made of, without a module.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <string>
-#include <vector>
-
-#include "apps/veldrep/line_reader.h"
 #include "apps/veldrep/queue_room.h"
 #include "apps/veldrep/text.h"
-#include "tests/common/files.h"
-#include "tests/common/temporary_folder.h"
 
 namespace veld_report::app {
 namespace {
-
-// What LineReader makes of a whole file: the lines, "<too long>" for one over the limit.
-std::vector<std::string> ReadAll(const std::string& text, std::size_t limit) {
-  const tests::TemporaryFolder folder;
-  tests::WriteFile(folder / "in", text);
-  LineReader reader(folder / "in", limit);
-  std::vector<std::string> lines;
-  for (;;) {
-    std::string_view line;
-    const LineReader::Result result = reader.Next(std::chrono::seconds(10), &line);
-    if (result == LineReader::Result::end) break;
-    lines.push_back(result == LineReader::Result::tooLong ? "<too long>" : std::string(line));
-    EXPECT_EQ(reader.LineNumber(), lines.size());
-  }
-  EXPECT_EQ(reader.BytesRead(), text.size());
-  return lines;
-}
-
-// Lines longer than the reader's block; what it makes of short ones is fuzzed.
-TEST(LineReader, LongLinesComeOutWholeOrAreSkipped) {
-  const std::string large(300'000, 'x'), larger(2'000'000, 'x');
-  using Lines = std::vector<std::string>;
-  EXPECT_EQ(ReadAll(large + "\n" + large + "\nend", 1'000'000), (Lines{large, large, "end"}));
-  EXPECT_EQ(ReadAll("a\n" + larger + "\nb\n", 1'000'000), (Lines{"a", "<too long>", "b"}));
-  EXPECT_EQ(ReadAll("a\n" + larger, 5), (Lines{"a", "<too long>"}));
-}
 
 TEST(QueueRoom, QueueNeverHasToDropItsOwnItems) {
   Ledgers ledgers;

@@ -74,10 +74,9 @@ class Transcript {
       const Arguments more(words.begin() + 3, words.end());
       servers_[words[0]] = std::make_unique<tests::Server>(more, folder_.Path());
     } else if (what == '%') {
-      servers_.at(words.at(0))
-          ->Signal(words.at(1) == "KILL" ? SIGKILL
-                   : words[1] == "INT"   ? SIGINT
-                                         : SIGTERM);
+      static const std::map<std::string, int> signals = {
+          {"KILL", SIGKILL}, {"INT", SIGINT}, {"TERM", SIGTERM}};
+      servers_.at(words.at(0))->Signal(signals.at(words.at(1)));
       Show(*servers_.at(words[0]));
     }
   }
@@ -103,6 +102,7 @@ class Transcript {
         {std::regex(R"(127\.0\.0\.1 port \d+)"), "127.0.0.1 port {port}"},
         {std::regex(R"(\b[0-9a-f]{32}\b)", std::regex::icase), "{digest}"},
         {std::regex(R"(key id: \S+)"), "key id: {id}"},
+        {std::regex(R"(\d+ requests failed)"), "{count} requests failed"},
     };
     for (const auto& [pattern, name] : varying) line = std::regex_replace(line, pattern, name);
     return line;
