@@ -1,15 +1,9 @@
-// Keys, signer and verifier, against the example of RFC 8037 and with damage at every byte.
+// Signer and verifier, against the example of RFC 8037 and with damage at every byte.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <stdexcept>
-
 #include "host/signature/ed25519_signer.h"
 #include "host/signature/ed25519_verifier.h"
-#include "host/signature/key_files.h"
-#include "tests/common/files.h"
-#include "tests/common/temporary_folder.h"
 
 namespace veld_report::host {
 namespace {
@@ -71,29 +65,6 @@ TEST(Signature, VerifierRefusesEveryDamage) {
       {payload, noneHeader + signature, "the signature's algorithm isn't EdDSA"},
   };
   for (const auto& each : cases) EXPECT_EQ(verifier.Check(each.payload, each.block), each.reason);
-}
-
-TEST(Signature, KeyFilesAreReadBackAndHalfAPairIsNone) {
-  const tests::TemporaryFolder folder;
-  const KeyFiles files = GenerateEd25519KeyPair(folder.Path() / "k");
-  EXPECT_EQ(Ed25519Key::PrivateFromFile(files.privatePath).KeyId(), files.keyId);
-  EXPECT_EQ(Ed25519Key::PublicFromFile(files.publicPath).KeyId(), files.keyId);
-  // The private file made on the way goes again.
-  tests::WriteFile(folder / "half.pub.pem", "someone's");
-  EXPECT_THROW(GenerateEd25519KeyPair(folder.Path() / "half"), std::runtime_error);
-  EXPECT_FALSE(std::filesystem::exists(folder.Path() / "half.key.pem"));
-}
-
-TEST(Signature, TextThatIsNoKeyIsRefusedWithTheReason) {
-  std::string x25519 = rfcKey;
-  x25519.replace(x25519.find("VwB"), 3, "VuB");  // the number of the other type
-  const std::pair<std::string, const char*> cases[] = {
-      {Ed25519Key::Generate().PublicPem(), "not a private key in PEM form"},
-      {x25519, "a private key, but not of type Ed25519"}};
-  for (const auto& [text, reason] : cases) {
-    EXPECT_THAT([&] { Ed25519Key::PrivateFromPem(text); },
-                testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr(reason)));
-  }
 }
 
 }  // namespace
