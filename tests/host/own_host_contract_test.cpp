@@ -3,21 +3,22 @@
 #include "examples/own_host/memory_queues.h"
 #include "examples/own_host/timer.h"
 #include "tests/host/http_contract.h"
-#include "tests/host/queue_contract.h"
+#include "tests/host/queue_course.h"
 #include "tests/host/timer_contract.h"
 
 namespace veld_report::tests {
 namespace {
 
-class OwnQueues final : public QueuesUnderTest {
- public:
+class OwnQueues : public testing::Test, protected QueueCourses {
+ protected:
   orvel::IQueueFactory& Factory() override { return *service_; }
+  void Begin() override { service_ = own_host::Make<own_host::MemoryQueues>(); }
   void Restart() override {}  // they end with the process
 
  private:
-  const zel::Ref<own_host::MemoryQueues> service_ = own_host::Make<own_host::MemoryQueues>();
+  zel::Ref<own_host::MemoryQueues> service_;
 };
-INSTANTIATE_TEST_SUITE_P(OwnHost, QueueContract, testing::Values(MakeQueues<OwnQueues>));
+TEST_F(OwnQueues, TakeEachCourse) { RunAll(VELD_COURSES "/contract"); }
 
 TimerUnderTest MakeTimer() {
   return {own_host::Make<own_host::Timer>(), [](auto) {}};

@@ -28,8 +28,7 @@ inline zel::ResultCode PushText(orvel::IQueueProducer& producer, std::string_vie
   return producer.Push(&bytes);
 }
 
-inline std::optional<ReadItem> ReadOne(orvel::IAckConsumer& reader) {
-  zel::vector_t<std::uint8_t> data;
+inline std::optional<ReadItem> ReadOne(orvel::IAckConsumer& reader, zel::vector_t<std::uint8_t>&& data = {}) {
   ReadItem item;
   if (reader.Read(&data, &item.token) != zel::sOk) return std::nullopt;
   item.bytes.assign(data.first, data.last);
@@ -38,9 +37,10 @@ inline std::optional<ReadItem> ReadOne(orvel::IAckConsumer& reader) {
 
 // Bounded, so that a reader that hands items out again ends the test.
 inline std::vector<ReadItem> ReadAll(orvel::IAckConsumer& reader, std::size_t most = 100'000) {
+  zel::vector_t<std::uint8_t> data;  // one for all, as the module has it
   std::vector<ReadItem> items;
   while (items.size() < most) {
-    auto item = ReadOne(reader);
+    auto item = ReadOne(reader, std::move(data));
     if (!item) break;
     items.push_back(std::move(*item));
   }
@@ -49,7 +49,7 @@ inline std::vector<ReadItem> ReadAll(orvel::IAckConsumer& reader, std::size_t mo
 
 inline std::string Numbered(std::size_t number) { return "item " + std::to_string(number); }
 
-// What a test does with the queues of one factory. A domain is "veld_rep" unless it is given.
+// What a test does with the queues of one factory.
 class QueueOperations {
  public:
   virtual ~QueueOperations() = default;
@@ -60,18 +60,17 @@ class QueueOperations {
 
   virtual orvel::IQueueFactory& Factory() = 0;
 
-  zel::Ref<orvel::IQueueProducer> Producer(const std::string& queue, std::uint32_t limit = roomy,
-                                           const char* domain = usualDomain) {
+  zel::Ref<orvel::IQueueProducer> Producer(const std::string& queue, std::uint32_t limit = roomy) {
     zel::Ref<orvel::IQueueProducer> made;
     EXPECT_EQ(Factory().CreateProducer(zel::string(domain), zel::string(queue), limit, made.Out()), zel::sOk);
     return made;
   }
-  zel::Ref<orvel::IAckConsumer> Reader(const std::string& queue, const char* domain = usualDomain) {
+  zel::Ref<orvel::IAckConsumer> Reader(const std::string& queue) {
     zel::Ref<orvel::IAckConsumer> made;
     EXPECT_EQ(Factory().CreateAckConsumer(zel::string(domain), zel::string(queue), made.Out()), zel::sOk);
     return made;
   }
-  zel::Ref<orvel::IQueueManager> Manager(const char* domain = usualDomain) {
+  zel::Ref<orvel::IQueueManager> Manager() {
     zel::Ref<orvel::IQueueManager> made;
     EXPECT_EQ(Factory().CreateQueueManager(zel::string(domain), made.Out()), zel::sOk);
     return made;
@@ -84,9 +83,9 @@ class QueueOperations {
       EXPECT_EQ(PushText(*producer, text), zel::sOk);
   }
   // What a fresh reader finds; its claims end with it.
-  Strings Waiting(const std::string& queue, const char* domain = usualDomain) {
+  Strings Waiting(const std::string& queue) {
     Strings texts;
-    for (const ReadItem& item : ReadAll(*Reader(queue, domain))) texts.push_back(item.bytes);
+    for (const ReadItem& item : ReadAll(*Reader(queue))) texts.push_back(item.bytes);
     return texts;
   }
   // As the module puts an item into a queue that may be full.
@@ -104,6 +103,8 @@ class QueueOperations {
     }
     return code;
   }
+
+  std::string domain = usualDomain;
 };
 
 }  // namespace veld_report::tests

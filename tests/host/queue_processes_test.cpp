@@ -52,33 +52,6 @@ class QueueProcessesTest : public StoreTest {
   }
 };
 
-TEST_F(QueueProcessesTest, ASecondProcessIsRefusedUnlessBothShare) {
-  for (const bool first : {false, true}) {
-    for (const bool second : {false, true}) {
-      options.shared = first;
-      Open();
-      options.shared = second;
-      const std::string error = OpenError();
-      EXPECT_EQ(error.find("in use by process") == std::string::npos, first && second) << error;
-    }
-  }
-}
-
-TEST_F(QueueProcessesTest, OneProcessSendsAtATime) {
-  Open();
-  Push("q", "1", "2");
-  auto reader = Reader("q");
-  EXPECT_TRUE(ReadOne(*reader));
-  const auto holder = service;
-  service = host::QueueService::Open(options);
-  EXPECT_THAT(Waiting("q"), IsEmpty());
-  EXPECT_EQ(EvictAndPush(*Producer("q", 2), "q", "3"), zel::sOk)
-      << "making room counts the items of all and doesn't wait for the lease";
-  EXPECT_EQ(Ledger().evicted.items, 1);
-  reader.Reset();
-  EXPECT_EQ(Waiting("q"), (Strings{"2", "3"}));
-}
-
 TEST_F(QueueProcessesTest, FourProcessesTwoKilledLoseAndRepeatNothing) {
   options.commitEveryPush = true;  // what was answered 0 must survive the kill
   pid_t ids[processCount];

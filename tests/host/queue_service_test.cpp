@@ -2,13 +2,14 @@
 #include "host/queue/queue_service.h"
 
 #include <gmock/gmock.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <future>
 
 #include "host/queue/sqlite_connection.h"
-#include "tests/host/queue_contract.h"
+#include "tests/host/queue_course.h"
 #include "tests/host/queue_test_tools.h"
 
 namespace veld_report::tests {
@@ -16,20 +17,79 @@ namespace {
 
 using testing::HasSubstr;
 
-class SqliteQueues final : public QueuesUnderTest {
+class FakePacer final : public host::DeliveryPacer {
  public:
-  orvel::IQueueFactory& Factory() override { return *service_; }
-  void Restart() override {
-    service_.Reset();  // ends before the next begins, as the folder is locked
-    service_ = host::QueueService::Open({.folder = folder_.Path()});
+  bool MayDeliver(const std::string& queueName) override { return queueName != "held"; }
+  std::uint64_t PacketLimitBytes() const override { return 2; }
+  void OnMoreWaits(const std::string& queueName, bool delivered) override {
+    calls.push_back(queueName + (delivered ? " delivered" : " returned"));
+  }
+  Strings calls;
+};
+
+class StoreCourses : public StoreTest, protected QueueCourses {
+ protected:
+  void Begin() override {
+    services_.clear();
+    options.folder = folder.Path() / std::to_string(++count_);
+    OpenAs("one", {});
+  }
+  void Restart() override { OpenAs("one", {}); }
+  std::string Do(const std::string& verb, const Strings& words) override {
+    if (verb == "elsewhere") {
+      return std::async(std::launch::async,
+                        [&] {
+                          return Do(words[0], {words.begin() + 1, words.end()});
+                        })
+          .get();
+    }
+    if (verb == "open") return OpenAs(words[0], words);
+    if (verb == "ledger") return testing::PrintToString(Ledger(words[0]));
+    if (verb == "paced") return Shown(std::exchange(pacer_->calls, {}));
+    if (verb == "committed") return Committed();
+    if (verb == "soon") return Eventually([&] { return Committed() == words[0]; }) ? "" : Committed();
+    if (verb == "commit") return service->Commit() ? "" : "failed";
+    if (verb != "advance") return QueueCourses::Do(verb, words);
+    now_ += std::stoll(words[0]);
+    return "";
   }
 
  private:
-  TemporaryFolder folder_;
-  zel::Ref<host::QueueService> service_ = host::QueueService::Open({.folder = folder_.Path()});
+  // What stands in the file is seen by a second connection, as after a crash.
+  std::string Committed() {
+    return std::to_string(host::SqliteConnection(StorePath(), host::SqliteConnection::Access::read)
+                              .QueryInteger("SELECT count(*) FROM items"));
+  }
+  // Ends the service of that name and goes on with another one.
+  std::string OpenAs(const std::string& name, const Strings& words) {
+    const auto has = [&](const char* word) { return std::ranges::count(words, word) != 0; };
+    options = {.folder = options.folder, .shared = has("shared"), .nowMs = [this] { return now_; }};
+    if (has("grouped")) {
+      options.commitOperations = 8;
+      options.commitDelay = std::chrono::hours(1);
+    }
+    if (has("aged")) options.maxAge = std::chrono::seconds(60);
+    if (has("limited")) options.storeLimitBytes = 20;
+    if (has("paced")) options.pacer = pacer_;
+    service.Reset();
+    services_.erase(name);
+    try {
+      services_[name] = service = host::QueueService::Open(options);
+    } catch (const host::StoreError& error) {
+      return strstr(error.what(), "in use by process") ? "in use" : error.what();
+    }
+    return "";
+  }
+
+  std::map<std::string, zel::Ref<host::QueueService>> services_;
+  const std::shared_ptr<FakePacer> pacer_ = std::make_shared<FakePacer>();
+  std::int64_t now_ = 1'000'000;
+  int count_ = 0;
 };
 
-INSTANTIATE_TEST_SUITE_P(Sqlite, QueueContract, testing::Values(MakeQueues<SqliteQueues>));
+TEST_F(StoreCourses, EachIsTaken) {
+  for (const char* kind : {"/contract", "/store"}) RunAll(VELD_COURSES + std::string(kind));
+}
 
 class QueueServiceTest : public StoreTest {
  protected:
@@ -65,7 +125,9 @@ TEST_F(QueueServiceTest, AnExistingFolderKeepsItsModeAStoreIsTheOwners) {
   const uid_t owner = geteuid() == 0 ? nobody : geteuid();  // only the superuser can make files for others
   ASSERT_EQ(chown(folder.Path().c_str(), owner, getegid()), 0);
   Open();
-  EXPECT_TRUE(Producer("q") && Producer("q", roomy, "new"));
+  EXPECT_TRUE(Producer("q"));
+  domain = "new";
+  EXPECT_TRUE(Producer("q"));
   EXPECT_EQ(Mode(StorePath()), ownersFile);
   EXPECT_EQ(Mode(folder.Path()), std::filesystem::perms(0755));
   struct stat status {};
@@ -76,9 +138,9 @@ TEST_F(QueueServiceTest, AnExistingFolderKeepsItsModeAStoreIsTheOwners) {
 TEST_F(QueueServiceTest, ADomainThatIsNoSafeFileNameIsRefused) {
   Open();
   zel::Ref<orvel::IQueueManager> manager;
-  for (const std::string& domain : Strings{"", "..", "../x", "a b", "\xc3\xa4", std::string(65, 'x')})
-    EXPECT_EQ(service->CreateQueueManager(zel::string(domain), manager.Out()), zel::eInvalidArgument)
-        << domain;
+  for (const std::string& unsafe : Strings{"", "..", "../x", "a b", "\xc3\xa4", std::string(65, 'x')})
+    EXPECT_EQ(service->CreateQueueManager(zel::string(unsafe), manager.Out()), zel::eInvalidArgument)
+        << unsafe;
 }
 
 TEST_F(QueueServiceTest, RefusalsToOpenSayWhatToDo) {
@@ -93,43 +155,8 @@ TEST_F(QueueServiceTest, RefusalsToOpenSayWhatToDo) {
   EXPECT_THAT(OpenError(), HasSubstr("name one"));
 }
 
-// What stands in the file is seen by a second connection, as after a crash.
-class GroupingTest : public QueueServiceTest {
- protected:
-  GroupingTest() {
-    options.commitDelay = std::chrono::hours(1);
-    options.commitOperations = 8;
-  }
-  std::int64_t Committed() {
-    return host::SqliteConnection(StorePath(), host::SqliteConnection::Access::read)
-        .QueryInteger("SELECT count(*) FROM items");
-  }
-};
-
-TEST_F(GroupingTest, AGroupIsCommittedWhenItIsFullOrSomebodyLooks) {
-  Open();
-  auto producer = Producer("q");
-  service->Commit();
-  for (const int committed : {0, 0, 0, 0, 0, 0, 0, 8, 8}) {
-    ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
-    EXPECT_EQ(Committed(), committed);
-  }
-  auto reader = Reader("q");
-  const auto item = ReadOne(*reader);
-  ASSERT_TRUE(item);
-  EXPECT_EQ(Committed(), 9) << "before a read";
-  reader->Ack(&item->token);
-  EXPECT_EQ(Committed(), 9);
-  reader.Reset();
-  EXPECT_EQ(Committed(), 8) << "with the reader";
-  ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
-  EXPECT_EQ(Committed(), 8);
-  producer.Reset();
-  EXPECT_EQ(Committed(), 9) << "with the producer";
-}
-
 // What is read ahead may hold items whose deletion is buffered.
-TEST_F(GroupingTest, WhatWasAcknowledgedStaysGoneWhenItsGroupIsWritten) {
+TEST_F(QueueServiceTest, WhatWasAcknowledgedStaysGoneWhenItsGroupIsWritten) {
   options.commitOperations = 10'000;
   options.commitDelay = std::chrono::hours(1);
   Open();
@@ -146,14 +173,6 @@ TEST_F(GroupingTest, WhatWasAcknowledgedStaysGoneWhenItsGroupIsWritten) {
   EXPECT_EQ(ReadOne(*second)->bytes, Numbered(200));
 }
 
-TEST_F(GroupingTest, AGroupThatStaysSmallIsCommittedByItself) {
-  options.commitDelay = std::chrono::milliseconds(10);
-  Open();
-  const auto producer = Producer("q");
-  ASSERT_EQ(PushText(*producer, "x"), zel::sOk);
-  EXPECT_TRUE(Eventually([&] { return Committed() == 1; }));
-}
-
 TEST_F(QueueServiceTest, TheLogIsWrittenBackWhilePushingGoesOn) {
   constexpr std::uintmax_t mib = 1 << 20;
   Open();
@@ -165,32 +184,8 @@ TEST_F(QueueServiceTest, TheLogIsWrittenBackWhilePushingGoesOn) {
   EXPECT_GE(std::filesystem::file_size(StorePath()), 24 * mib);
 }
 
-class LedgerTest : public StoreTest {
- protected:
-  void SetUp() override { Open(); }
-};
-
-TEST_F(LedgerTest, OnlyTheVeryNextReaderOfTheSameThreadAndQueueEvicts) {
-  constexpr auto here = std::launch::deferred;
-  constexpr auto onAnotherThread = std::launch::async;
-  for (const auto& [open, acknowledge] :
-       {std::pair(here, here), {onAnotherThread, here}, {here, onAnotherThread}}) {
-    service->ClearQueue("q");
-    const auto producer = Producer("q", 4);
-    ASSERT_EQ(PushText(*producer, "full"), zel::sOk);
-    QueueLedger expected = Ledger();
-    ASSERT_EQ(PushText(*producer, "x"), zel::eOutOfSpace);
-    if (open == acknowledge) Reader("another queue");
-    const auto reader = std::async(open, [&] { return Reader("q"); }).get();
-    const auto item = ReadOne(*reader);
-    ASSERT_TRUE(item);
-    std::async(acknowledge, [&] { reader->Ack(&item->token); }).get();
-    expected += {.accepted = {1, 1}, .delivered = {1, 4}, .rejected = {1, 1}, .waiting = {-1, -4}};
-    EXPECT_EQ(Ledger(), expected);
-  }
-}
-
-TEST_F(LedgerTest, BalancesWhileManyThreadsPushEvictAndDeliver) {
+TEST_F(QueueServiceTest, LedgerBalancesWhileManyThreadsPushEvictAndDeliver) {
+  Open();
   std::vector<std::jthread> threads;
   for (int thread = 0; thread < 3; ++thread) {
     threads.emplace_back([&] {

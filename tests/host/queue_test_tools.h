@@ -13,13 +13,22 @@
 #include "tests/common/waiting.h"
 #include "tests/host/queue_items.h"
 
-namespace veld_report::host {
+namespace veld_report {
 
+// The figures that aren't 0, as items/bytes.
 inline void PrintTo(const QueueLedger& ledger, std::ostream* out) {
-  for (const ItemCount* figure : ledger.All()) *out << figure->items << " (" << figure->bytes << " bytes) ";
+  constexpr const char* names[] = {"accepted", "delivered", "evicted", "rejected", "removed",
+                                   "waiting",  "returned",  "expired", "damaged"};
+  const char* separator = "";
+  for (std::size_t i = 0; i < QueueLedger::figures; ++i) {
+    const ItemCount& figure = *ledger.All()[i];
+    if (figure == ItemCount()) continue;
+    *out << separator << names[i] << " " << figure.items << "/" << figure.bytes;
+    separator = ", ";
+  }
 }
 
-}  // namespace veld_report::host
+}  // namespace veld_report
 
 namespace veld_report::tests {
 
@@ -48,7 +57,7 @@ class TracedLines {
                               }});
 };
 
-class StoreTest : public testing::Test, protected QueueOperations {
+class StoreTest : public testing::Test, protected virtual QueueOperations {
  protected:
   orvel::IQueueFactory& Factory() override { return *service; }
 
