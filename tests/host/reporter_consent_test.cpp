@@ -30,20 +30,6 @@ TEST_F(Consent, NoRequestStartsOnceSendingIsForbidden) {
   EXPECT_THAT(server.Requests().size(), testing::AllOf(testing::Ge(records), testing::Le(records + 1)));
 }
 
-TEST_F(Consent, ForbiddingCutsACloseShort) {
-  tests::ScriptedServer silent(NeverAnswers);
-  Reporter reporter(Options({{silent.Url()}}));
-  reporter.SendJson("1");
-  std::thread closer([&] { EXPECT_FALSE(reporter.Close(seconds(60))); });
-  ASSERT_TRUE(silent.WaitForRequests(1));
-  EXPECT_LT(TimeOf([&] {
-              reporter.AllowSending(false);
-              closer.join();
-            }),
-            seconds(4));
-  EXPECT_EQ(silent.Requests().size(), 1u);
-}
-
 // Each way in which a Forget ends, begun while a request waits for a server that never answers. A withdrawal
 // comes from the listener, which hears of the request that the Forget cuts, so in its middle.
 TEST_F(Consent, ForgetSendsNothingAndLeavesTheLastWordStanding) {

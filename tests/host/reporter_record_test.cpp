@@ -89,15 +89,6 @@ TEST(Record, EmptyOnesAreLeftOutOrEmpty) {
   EXPECT_EQ(Serialize(outside).text, R"({"text":"o"})");
 }
 
-TEST(Record, FailureNamesTheFieldOfTheStruct) {
-  application::Event event;
-  event.extra.text = "{";
-  const host::Serialized result = Serialize(event);
-  EXPECT_EQ(result.code, zel::eInvalidArgument);
-  EXPECT_EQ(result.objectName, "Event");
-  EXPECT_EQ(result.fieldName, "extra");
-}
-
 TEST(RecordBuilder, WritesEachKindInTheOrderOfTheCalls) {
   const std::string owned = "s";
   const RecordBuilder inner = RecordBuilder().Add("a", 1);

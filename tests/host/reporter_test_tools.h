@@ -25,11 +25,6 @@ class ReporterTest : public tests::ServingTest {
     options.closeDeadline = milliseconds(0);
     return options;
   }
-  // A header, and then for ever a byte of the content now and then.
-  static tests::ScriptedReply Trickles(const tests::ScriptedRequest&) {
-    return {"HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\n\r\n", tests::ScriptedReply::endless,
-            milliseconds(20)};
-  }
 };
 
 template <class Body>
