@@ -1,9 +1,9 @@
 // Every operation of the store's file system failing, one after the other, and a disk that is full.
 #include <gmock/gmock.h>
-#include <sys/mount.h>
 
 #include <iostream>
 
+#include "tests/common/small_disk.h"
 #include "tests/host/faulty_vfs.h"
 #include "tests/host/queue_test_tools.h"
 #include "tests/host/store_model.h"
@@ -124,42 +124,25 @@ INSTANTIATE_TEST_SUITE_P(, FaultSweepTest,
                          testing::Values(read, write, sync, truncate, open, remove, access, fileSize, lock,
                                          shmMap, shmLock));
 
-// A disk of its own that is small enough to be filled.
 class FullDiskTest : public QueueFaultsTest {
  protected:
   void SetUp() override {
+    if (!disk.IsMounted())
+      GTEST_SKIP() << "this user can't mount a small tmpfs, so the full disk isn't tried";
     options.vfs.clear();
     options.commitDelay = std::chrono::milliseconds(10);
-    options.folder = folder.Path() / "disk";
-    std::filesystem::create_directory(options.folder);
-    if (mount("tmpfs", options.folder.c_str(), "tmpfs", 0, "size=24m") != 0) {
-      GTEST_SKIP() << "this user can't mount a small tmpfs, so the full disk isn't tried";
-    }
-    mounted = true;
+    options.folder = folder.Path() / "disk/store";
+    Open();
   }
-  void TearDown() override {
-    service.Reset();
-    EXPECT_TRUE(!mounted || umount2(options.folder.c_str(), MNT_DETACH) == 0);
-  }
+  void TearDown() override { service.Reset(); }
 
-  static void Fill(const std::filesystem::path& ballast) {
-    std::ofstream stream(ballast, std::ios::binary);
-    for (std::size_t size = 65536; size > 0; size /= 2) {
-      while (stream << std::string(size, 'b') && stream.flush()) {
-      }
-      stream.clear();
-    }
-  }
-
-  bool mounted = false;
+  const SmallDisk disk{folder.Path() / "disk", "24m"};
 };
 
 TEST_F(FullDiskTest, AFullDiskRefusesPushesAndDeliveryGoesOn) {
-  const auto ballast = options.folder / "ballast";
-  Open();
   PushSome("a", 400);
   ASSERT_THAT(model.Items("a"), SizeIs(400));
-  Fill(ballast);
+  disk.FillButFor(0);
   PushSome("a", 3000);
   EXPECT_LT(model.Items("a").size(), 3000u) << "the disk isn't full";
   EXPECT_GT(Ledger("a").rejected.items, 0);
@@ -171,7 +154,7 @@ TEST_F(FullDiskTest, AFullDiskRefusesPushesAndDeliveryGoesOn) {
   Deliver();
   EXPECT_EQ(model.Ledger("a").delivered.items, 132) << "after a start on the full disk";
 
-  std::filesystem::remove(ballast);
+  disk.MakeRoom();
   EXPECT_TRUE(Eventually([&] { return PushText(*Producer("b"), "resumed") == zel::sOk; }));
   model.Pushed("b", "resumed", zel::sOk);
   Open();
@@ -179,13 +162,12 @@ TEST_F(FullDiskTest, AFullDiskRefusesPushesAndDeliveryGoesOn) {
 }
 
 TEST_F(FullDiskTest, PushingResumesWithRoomInsideTheFile) {
-  Open();
   {
     const auto producer = Producer("a");
     for (int i = 0; i < 120; ++i) ASSERT_EQ(PushText(*producer, std::string(100'000, 'a')), zel::sOk);
   }
   ASSERT_TRUE(service->Commit());
-  Fill(options.folder / "ballast");
+  disk.FillButFor(0);
   const auto producer = Producer("b");
   ASSERT_TRUE(Eventually([&] { return PushText(*producer, std::string(1000, 'b')) != zel::sOk; }));
   for (int visit = 0; visit < 15; ++visit) {

@@ -1,4 +1,11 @@
-// A program whose reporter is a static object: MODULE STORE URL. Run by reporter_close_test.cpp.
+// A program whose reporter is a static object: MODULE STORE URL ["fork"]. With "fork" a child ends by exit,
+// which runs the destructors of static objects, and the program exits with what the child has. Run by the
+// reporter's tests.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
 #include "veld_report/reporter.h"
 
 namespace {
@@ -12,7 +19,7 @@ struct SendsAtTheEnd {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
-  if (argumentCount != 4) return 2;
+  if (argumentCount < 4) return 2;
   veld_report::ReporterOptions options;
   options.modulePath = arguments[1];
   options.store = arguments[2];
@@ -21,5 +28,9 @@ int main(int argumentCount, char** arguments) {
   static veld_report::Reporter reporter(options);
   static const SendsAtTheEnd last{reporter};
   reporter.SendJson(R"({"from":"main"})");
-  return 0;
+  if (argumentCount == 4) return 0;
+  const pid_t child = fork();
+  if (child == 0) std::exit(reporter.TrySendJson("{}") == zel::eInvalidState ? 0 : 3);
+  int status = 0;
+  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : 4;
 }
