@@ -22,8 +22,10 @@ bool Fails(Operation operation) {
   return true;
 }
 
-void Tell(const FaultyVfs::Event& event) {
-  if (FaultyVfs::observer) FaultyVfs::observer(event);
+int Tell(int code, FaultyVfs::Event event, const sqlite3_file* file, std::int64_t offset,
+         std::string_view text) {
+  if (code == SQLITE_OK && FaultyVfs::observer) FaultyVfs::observer(event, file, offset, text);
+  return code;
 }
 
 // The methods of one kind of file: those of the default VFS with the ones below put in.
@@ -34,43 +36,28 @@ const sqlite3_io_methods& Original(sqlite3_file* file) {
   return *static_cast<const Methods*>(file->pMethods)->original;
 }
 
-int Read(sqlite3_file* file, void* buffer, int bytes, sqlite3_int64 offset) {
-  if (Fails(Operation::read)) return SQLITE_IOERR_READ;
-  return Original(file).xRead(file, buffer, bytes, offset);
+// Fails or hands on.
+template <Operation operation, auto method, int error, class... Arguments>
+int Call(sqlite3_file* file, Arguments... arguments) {
+  return Fails(operation) ? error : (Original(file).*method)(file, arguments...);
 }
 int Write(sqlite3_file* file, const void* buffer, int bytes, sqlite3_int64 offset) {
-  if (!Fails(Operation::write)) {
-    const int code = Original(file).xWrite(file, buffer, bytes, offset);
-    const std::string_view written(static_cast<const char*>(buffer), static_cast<std::size_t>(bytes));
-    if (code == SQLITE_OK) Tell({FaultyVfs::Event::write, file, {}, offset, written});
-    return code;
+  if (Fails(Operation::write)) {
+    // As a full disk does it: a part is written.
+    Original(file).xWrite(file, buffer, bytes / 2, offset);
+    return SQLITE_FULL;
   }
-  // As a full disk does it: a part is written.
-  Original(file).xWrite(file, buffer, bytes / 2, offset);
-  return SQLITE_FULL;
+  const std::string_view written(static_cast<const char*>(buffer), static_cast<std::size_t>(bytes));
+  return Tell(Original(file).xWrite(file, buffer, bytes, offset), FaultyVfs::Event::write, file, offset,
+              written);
 }
 int Truncate(sqlite3_file* file, sqlite3_int64 size) {
   if (Fails(Operation::truncate)) return SQLITE_IOERR_TRUNCATE;
-  const int code = Original(file).xTruncate(file, size);
-  if (code == SQLITE_OK) Tell({FaultyVfs::Event::truncate, file, {}, size});
-  return code;
+  return Tell(Original(file).xTruncate(file, size), FaultyVfs::Event::truncate, file, size, {});
 }
 int Sync(sqlite3_file* file, int) {
   if (Fails(Operation::sync)) return SQLITE_IOERR_FSYNC;
-  Tell({FaultyVfs::Event::sync, file, {}});
-  return SQLITE_OK;
-}
-
-int FileSize(sqlite3_file* file, sqlite3_int64* size) {
-  return Fails(Operation::fileSize) ? SQLITE_IOERR_FSTAT : Original(file).xFileSize(file, size);
-}
-int Lock(sqlite3_file* file, int level) {
-  return Fails(Operation::lock) ? SQLITE_IOERR_LOCK : Original(file).xLock(file, level);
-}
-// The memory that the connections of a store share beside its log.
-int ShmMap(sqlite3_file* file, int region, int bytes, int extend, void volatile** place) {
-  if (Fails(Operation::shmMap)) return SQLITE_IOERR_SHMMAP;
-  return Original(file).xShmMap(file, region, bytes, extend, place);
+  return Tell(SQLITE_OK, FaultyVfs::Event::sync, file, 0, {});
 }
 int ShmLock(sqlite3_file* file, int offset, int places, int flags) {
   // Giving a lock back can't fail.
@@ -87,15 +74,17 @@ const Methods* WithFaults(const sqlite3_io_methods* methods) {
   const std::lock_guard lock(mutex);
   const auto [entry, isNew] = known.try_emplace(methods, Methods{*methods, methods});
   if (isNew) {
+    using File = sqlite3_io_methods;
     Methods& faulty = entry->second;
-    faulty.xRead = Read;
+    faulty.xRead = Call<Operation::read, &File::xRead, SQLITE_IOERR_READ>;
     faulty.xWrite = Write;
     faulty.xTruncate = Truncate;
     faulty.xSync = Sync;
-    faulty.xFileSize = FileSize;
-    faulty.xLock = Lock;
+    faulty.xFileSize = Call<Operation::fileSize, &File::xFileSize, SQLITE_IOERR_FSTAT>;
+    faulty.xLock = Call<Operation::lock, &File::xLock, SQLITE_IOERR_LOCK>;
     if (faulty.iVersion >= 2) {
-      faulty.xShmMap = ShmMap;
+      // The memory that the connections of a store share beside its log.
+      faulty.xShmMap = Call<Operation::shmMap, &File::xShmMap, SQLITE_IOERR_SHMMAP>;
       faulty.xShmLock = ShmLock;
     }
   }
@@ -109,12 +98,11 @@ int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out
   }
   const int code = original->xOpen(original, name, file, flags, outFlags);
   if (file->pMethods) file->pMethods = WithFaults(file->pMethods);
-  if (code == SQLITE_OK) Tell({FaultyVfs::Event::open, file, name ? name : ""});
-  return code;
+  return Tell(code, FaultyVfs::Event::open, file, 0, name ? name : "");
 }
 int Delete(sqlite3_vfs*, const char* name, int) {
   if (Fails(Operation::remove)) return SQLITE_IOERR_DELETE;
-  Tell({FaultyVfs::Event::remove, nullptr, name});
+  Tell(SQLITE_OK, FaultyVfs::Event::remove, nullptr, 0, name);
   return original->xDelete(original, name, 0);
 }
 int Access(sqlite3_vfs*, const char* name, int flags, int* result) {

@@ -31,14 +31,12 @@ class FaultyVfs {
     shmLock
   };
 
-  // Something that has been done to a file, or is about to be for remove.
-  struct Event {
-    enum Kind { open, write, truncate, sync, remove } kind;
-    const sqlite3_file* file;  // null for remove
-    std::string_view name;     // of open and remove, with its path; a temporary file has none
-    std::int64_t offset = 0;   // of write; the new size of truncate
-    std::string_view bytes{};  // of write
-  };
+  // Something that has been done to a file, or is about to be for remove. `file`: null for remove. `offset`:
+  // of write; the new size of truncate. `text`: the bytes of write; the path for open and remove, empty for a
+  // temporary file.
+  enum class Event { open, write, truncate, sync, remove };
+  using Observer =
+      std::function<void(Event, const sqlite3_file* file, std::int64_t offset, std::string_view text)>;
 
   static constexpr char name[] = "faulty";
   static void Register();
@@ -52,7 +50,7 @@ class FaultyVfs {
   // How many operations have failed since FailAt.
   static inline std::atomic<std::int64_t> failures{0};
   // May be empty; to be changed only while no file is open. Hears of what succeeds only.
-  static inline std::function<void(const Event&)> observer{};
+  static inline Observer observer{};
 };
 
 }  // namespace veld_report::tests

@@ -1,10 +1,10 @@
 #include "tests/host/power_log.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
+#include <functional>
 #include <utility>
+
+#include "tests/common/files.h"
 
 namespace veld_report::tests {
 namespace {
@@ -35,30 +35,19 @@ Disk::Disk(const DiskImage& synced) {
 }
 
 void Disk::Do(const DiskStep& step) {
-  switch (step.kind) {
-    case DiskStep::write:
-    case DiskStep::truncate: {
-      Content& content = contents_[step.file];
-      Apply(step, &content.whole);
-      content.since.push_back(step);
-      return;
-    }
-    case DiskStep::sync: {
-      Content& content = contents_[step.file];
-      content.synced = content.whole;
-      content.since.clear();
-      return;
-    }
-    case DiskStep::link:
-      contents_.try_emplace(step.file);
-      [[fallthrough]];
-    case DiskStep::unlink:
-      Apply(step, &whole_);
-      since_.push_back(step);
-      return;
-    case DiskStep::syncFolder:
-      synced_ = whole_;
-      since_.clear();
+  Content& content = contents_[step.file];
+  if (step.kind == DiskStep::syncFolder) {
+    synced_ = whole_;
+    since_.clear();
+  } else if (step.kind == DiskStep::link || step.kind == DiskStep::unlink) {
+    Apply(step, &whole_);
+    since_.push_back(step);
+  } else if (step.kind == DiskStep::sync) {
+    content.synced = content.whole;
+    content.since.clear();
+  } else {
+    Apply(step, &content.whole);
+    content.since.push_back(step);
   }
 }
 
@@ -127,50 +116,38 @@ DiskImage Disk::Reordered(Random& random) const {
 
 PowerLog::PowerLog(const fs::path& folder) : start_(ReadImage(folder)) {
   for (const auto& [name, content] : start_) names_[name] = files_++;
-  FaultyVfs::observer = [this](const FaultyVfs::Event& event) { Note(event); };
+  FaultyVfs::observer = std::bind_front(&PowerLog::Note, this);
 }
 
-std::size_t PowerLog::Count() const {
+PowerLog::Position PowerLog::Now() const {
   const std::lock_guard lock(mutex_);
-  return steps_.size();
-}
-
-std::size_t PowerLog::LogEnd() const {
-  const std::lock_guard lock(mutex_);
-  return logEnd_;
+  return {steps_.size(), logEnd_};
 }
 
 bool PowerLog::IsLogSync(const DiskStep& step) const {
   return step.kind == DiskStep::sync && logs_.contains(step.file);
 }
 
-void PowerLog::Note(const FaultyVfs::Event& event) {
-  using Event = FaultyVfs::Event;
+void PowerLog::Note(FaultyVfs::Event event, const sqlite3_file* file, std::int64_t offset,
+                    std::string_view text) {
+  using enum FaultyVfs::Event;
   const std::lock_guard lock(mutex_);
-  const std::string name = fs::path(event.name).filename();
-  if (event.kind == Event::remove) {
+  const std::string name = fs::path(text).filename();
+  if (event == remove) {
     if (names_.erase(name) != 0) steps_.push_back({DiskStep::unlink, 0, 0, name});
-    return;
-  }
-  if (event.kind == Event::open) {
-    open_.erase(event.file);
+  } else if (event == open) {
+    open_.erase(file);
     if (name.empty()) return;
     const auto [entry, isNew] = names_.try_emplace(name, files_);
     if (isNew) steps_.push_back({DiskStep::link, files_++, 0, name});
-    open_[event.file] = {entry->second, IsLog(name) || IsJournal(name)};
+    open_[file] = {entry->second, IsLog(name) || IsJournal(name)};
     if (IsLog(name)) logs_.insert(entry->second);
-    return;
-  }
-  const auto found = open_.find(event.file);
-  if (found == open_.end()) return;
-  Open& file = found->second;
-  if (event.kind == Event::sync) {
-    steps_.push_back({DiskStep::sync, file.file});
-    if (std::exchange(file.syncsFolder, false)) steps_.push_back({DiskStep::syncFolder});
-  } else {
-    const auto kind = event.kind == Event::write ? DiskStep::write : DiskStep::truncate;
-    steps_.push_back({kind, file.file, event.offset, std::string(event.bytes)});
-    if (kind == DiskStep::write && logs_.contains(file.file)) logEnd_ = steps_.size();
+  } else if (const auto found = open_.find(file); found != open_.end()) {
+    auto& [number, syncsFolder] = found->second;
+    const auto kind = event == sync ? DiskStep::sync : event == write ? DiskStep::write : DiskStep::truncate;
+    steps_.push_back({kind, number, offset, std::string(text)});
+    if (event == write && logs_.contains(number)) logEnd_ = steps_.size();
+    if (event == sync && std::exchange(syncsFolder, false)) steps_.push_back({DiskStep::syncFolder});
   }
 }
 
@@ -178,9 +155,7 @@ DiskImage ReadImage(const fs::path& folder) {
   DiskImage image;
   for (const auto& entry : fs::directory_iterator(folder)) {
     const std::string name = entry.path().filename();
-    if (!IsStoreFile(name)) continue;
-    std::ifstream stream(entry.path(), std::ios::binary);
-    image[name] = {std::istreambuf_iterator<char>(stream), {}};
+    if (IsStoreFile(name)) image[name] = ReadFile(entry.path());
   }
   return image;
 }
@@ -190,11 +165,7 @@ void WriteImage(const DiskImage& image, const fs::path& folder) {
     const std::string name = entry.path().filename();
     if (IsStoreFile(name) || name.ends_with("-shm")) fs::remove(entry.path());
   }
-  for (const auto& [name, content] : image) {
-    std::ofstream stream(folder / name, std::ios::binary);
-    stream.write(content.data(), static_cast<std::streamsize>(content.size()));
-    if (!stream.flush()) throw std::runtime_error("can't write " + name + " into " + folder.string());
-  }
+  for (const auto& [name, content] : image) WriteFile(folder / name, content);
 }
 
 }  // namespace veld_report::tests

@@ -60,11 +60,16 @@ class Disk {
   std::vector<DiskStep> since_;  // of the folder
 };
 
-// Threads: any for what the store does; Count and LogEnd too.
+// Threads: any for what the store does; Now too.
 // Life: recording from the constructor on -> ended by Stop or the destructor. The store is opened after the
 // one and closed before the other.
 class PowerLog {
  public:
+  // `logEnd`: number of the step behind the last write to the write-ahead log.
+  struct Position {
+    std::size_t count, logEnd;
+  };
+
   // `folder` holds the synced files.
   explicit PowerLog(const std::filesystem::path& folder);
   PowerLog(const PowerLog&) = delete;
@@ -73,9 +78,7 @@ class PowerLog {
 
   void Stop() { FaultyVfs::observer = nullptr; }
   const DiskImage& Start() const { return start_; }
-  std::size_t Count() const;
-  // Number of the step behind the last write to the write-ahead log.
-  std::size_t LogEnd() const;
+  Position Now() const;
   // For when the recording has ended.
   const std::vector<DiskStep>& Steps() const { return steps_; }
   bool IsLogSync(const DiskStep& step) const;
@@ -86,7 +89,7 @@ class PowerLog {
     bool syncsFolder;  // with its next sync, as SQLite does it for logs and journals
   };
 
-  void Note(const FaultyVfs::Event& event);
+  void Note(FaultyVfs::Event event, const sqlite3_file* file, std::int64_t offset, std::string_view text);
 
   DiskImage start_;
   mutable std::mutex mutex_;  // guards the rest, until the recording has ended

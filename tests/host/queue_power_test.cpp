@@ -51,9 +51,10 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
 
   // Makes a change and notes what must hold after it.
   void Change(const std::function<void()>& change) {
-    const std::size_t begin = log->Count();
+    const std::size_t begin = log->Now().count;
     change();
-    commits.push_back({begin, log->LogEnd(), log->Count(), model});
+    const auto [end, written] = log->Now();
+    commits.push_back({begin, written, end, model});
   }
 
   // Reads of one queue and pushes to another, in one transaction.
