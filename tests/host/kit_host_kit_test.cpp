@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -12,6 +11,7 @@
 
 #include "host/kit/host_kit.h"
 #include "host/services/queue_name.h"
+#include "tests/common/waiting.h"
 #include "tests/host/serving_test.h"
 
 namespace veld_report::host {
@@ -67,11 +67,7 @@ TEST_F(Kit, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {
     RunCycle(kit);
   }
   // Whatever the order of each walk, the cycle that the backoff cut short came again.
-  const auto deadline = steady_clock::now() + seconds(10);
-  for (std::uint64_t runs = 0; Stored("out").size() < 6 && steady_clock::now() < deadline;) {
-    kit.Timer().WaitForRun(std::exchange(runs, kit.Timer().RunsStarted()), steady_clock::now() + seconds(1));
-  }
-  EXPECT_EQ(Stored("out").size(), 6u);
+  EXPECT_TRUE(tests::Eventually([&] { return Stored("out").size() == 6; }, seconds(10)));
 
   const auto states = UrlStateFile::Read(Path("store"));
   ASSERT_EQ(states.size(), 2u);
@@ -86,41 +82,40 @@ TEST_F(Kit, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {
 }
 
 TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
-  const std::string url = "http://127.0.0.1:1";
-  struct Case {
-    std::function<void(HostKitOptions&)> spoil;
-    std::string message;
-  };
-  const Case cases[] = {
-      {[](auto& o) { o.modulePath = "libm.so.6"; }, "exports no function zelGetObjectFactory"},
-      {[](auto& o) { o.settings.endpoints[0].url = "ftp://h"; },
-       "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
-      {[](auto& o) { o.settings.endpoints[0].url = "http://\xff"; }, "not valid UTF-8 at byte 7"},
-      {[](auto& o) { o.settings.endpoints[0].url = "http://reports.test/v1"; }, "use https, or allow http"},
-      {[](auto& o) { o.settings.endpoints[0].url = "https://h:99999/"; },
-       "endpoint 1 (https://h:99999/): the url isn't valid: Port"},
-      {[](auto& o) { o.settings.endpoints[0].url = "https://a b/"; }, "the url isn't valid: Bad hostname"},
-      {[](auto& o) { o.settings.endpoints[0].url = "http:///"; }, "the url isn't valid"},
-      {[](auto& o) { o.settings.endpoints[0].url = "https://[::1/"; }, "the url isn't valid"},
-      {[](auto& o) {
-         o.http.headers = {"X-A: b", "X-Key"};
-       },
-       "header 2 isn't a line of the form"},
-      {[](auto& o) { o.http.headers = {"content-TYPE: text/plain"}; }, "content-TYPE is set by the client"},
-      {[](auto& o) { o.http.headers = {"X-A: b\r\nHost: c"}; }, "header 1 isn't a line of the form"},
-      {[](auto& o) { o.settings.endpoints[0].consumer = "veld_report.trigger"; },
-       "this consumer name is reserved"},
-      {[](auto& o) { o.settings.endpoints[0].certificates = {"no certificate"}; }, "endpoint 1"},
-      {[](auto& o) { o.settings.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
-      {[](auto& o) { o.trace.path = "/nonexistent/trace"; }, "trace file /nonexistent/trace"},
-  };
-  for (const Case& each : cases) {
-    HostKitOptions options = Options({{url}});
-    each.spoil(options);
+  const auto expectRefused = [&](HostKitOptions options, const char* message) {
     EXPECT_THAT([&] { HostKit{options}; }, testing::Throws<std::exception>(testing::Property(
-                                               &std::exception::what, testing::HasSubstr(each.message))));
+                                               &std::exception::what, testing::HasSubstr(message))));
+  };
+  const std::pair<KitEndpoint, const char*> endpoints[] = {
+      {{"ftp://h"}, "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
+      {{"http://\xff"}, "not valid UTF-8 at byte 7"},
+      {{"http://reports.test/v1"}, "use https, or allow http"},
+      {{"https://h:99999/"}, "endpoint 1 (https://h:99999/): the url isn't valid: Port"},
+      {{"https://a b/"}, "the url isn't valid: Bad hostname"},
+      {{"http:///"}, "the url isn't valid"},
+      {{"https://h", "veld_report.trigger"}, "this consumer name is reserved"},
+      {{"https://h", "", {"no certificate"}}, "endpoint 1"},
+  };
+  for (const auto& [endpoint, message] : endpoints) expectRefused(Options({endpoint}), message);
+  const HostKitOptions good = Options({{"http://127.0.0.1:1"}});
+  const std::pair<std::vector<std::string>, const char*> headers[] = {
+      {{"X-A: b", "X-Key"}, "header 2 isn't a line of the form"},
+      {{"content-TYPE: text/plain"}, "content-TYPE is set by the client"},
+      {{"X-A: b\r\nHost: c"}, "header 1 isn't a line of the form"},
+  };
+  HostKitOptions module = good, limit = good, trace = good, header = good;
+  for (const auto& [lines, message] : headers) {
+    header.http.headers = lines;
+    expectRefused(header, message);
   }
-  HostKit kit(Options({{url}}));
+  module.modulePath = "libm.so.6";
+  expectRefused(module, "exports no function zelGetObjectFactory");
+  limit.settings.queueLimitKb = 4194304;
+  expectRefused(limit, "it must be 1 to 4194303");
+  trace.trace.path = "/nonexistent/trace";
+  expectRefused(trace, "trace file /nonexistent/trace");
+
+  HostKit kit(good);
   EXPECT_THROW(kit.SetSettings({.endpoints = {{"gopher://h"}}}), std::invalid_argument);
   EXPECT_TRUE(kit.SubmitJson("", "{}").Accepted());
 }

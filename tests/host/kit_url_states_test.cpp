@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/base/host_object.h"
@@ -36,22 +37,15 @@ TEST(UrlStates, ThousandsOfFailingUrlsWriteLittleAndReadTrue) {
   UrlStateFile states(folder.Path());
   states.SetUrls(urls);
   std::size_t rewrites = 0;
-  std::size_t appends = 0;
   std::uintmax_t size = std::filesystem::file_size(file);
   for (http->failures = 1; http->failures <= 3; ++http->failures) {
     for (const std::string& url : urls) {
       states.Update(url, *http);
-      const std::uintmax_t now = std::filesystem::file_size(file);
-      if (now > size && now - size < 200) {
-        ++appends;
-      } else {
-        ++rewrites;
-      }
-      size = now;
+      const std::uintmax_t before = std::exchange(size, std::filesystem::file_size(file));
+      rewrites += size <= before || size - before >= 200;
     }
   }
   EXPECT_LE(rewrites, 8u);
-  EXPECT_EQ(appends + rewrites, 6000u);
   EXPECT_LT(size, 3u * 2000 * 100);
   // A line that is still being written doesn't count.
   std::ofstream(file, std::ios::app) << UrlStateFile::Read(folder.Path())[0].queueName << "\t0\t200\t0\thttp";
