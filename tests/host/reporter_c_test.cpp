@@ -23,16 +23,5 @@ TEST_F(CInterface, ProgramGoesThroughEveryFunction) {
   }
 }
 
-TEST_F(CInterface, PythonLoadsTheLibrary) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "python3 is built without the sanitizer that the library needs";
-#endif
-  const auto server = Serve("out");
-  const tests::ProgramResult python = tests::RunProgram(
-      {"python3", VELD_PYTHON_PROGRAM, VELD_C_LIBRARY, VELD_MODULE_PATH, Path("py"), server->Url()});
-  EXPECT_EQ(python.exitCode, 0) << python.errors;
-  EXPECT_THAT(Stored("out"), testing::Contains("{\"from\":\"python\",\"text\":\"gr\xc3\xbc\xc3\x9f\"}"));
-}
-
 }  // namespace
 }  // namespace veld_report

@@ -1,0 +1,139 @@
+"""The package as it is installed: VELDREP EXAMPLE. Run by python_test.sh, in a folder that it may fill."""
+import dataclasses
+import os
+import subprocess
+import sys
+import threading
+import unittest
+import warnings
+
+import veld_report
+from veld_report import Code, Endpoint, Reporter, ReporterError, Settings
+
+VELDREP, EXAMPLE = sys.argv[1:]
+NOBODY = "https://127.0.0.1:1/"
+PIN = "sha256//" + 43 * "A" + "="
+
+
+@dataclasses.dataclass
+class Started:
+    version: str
+    tags: list
+
+
+class ReporterTest(unittest.TestCase):
+    def setUp(self):
+        self.store = self.id()
+        self.stored = self.store + ".ndjson"
+        server = subprocess.Popen([VELDREP, "serve", "--listen", "127.0.0.1:0", "--out", self.stored],
+                                  stdout=subprocess.PIPE, text=True)
+        self.url = server.stdout.readline().split()[-1]
+        for end in (server.wait, server.terminate, server.stdout.close):
+            self.addCleanup(end)
+
+    def lines(self):
+        with open(self.stored, encoding="utf-8") as file:
+            return file.read().splitlines()
+
+    def assert_fails(self, code, part, function, *arguments, **options):
+        with self.assertRaises(ReporterError) as caught:
+            function(*arguments, **options)
+        self.assertEqual(caught.exception.code, code)
+        self.assertIn(part, caught.exception.sentence)
+
+    def test_example_delivers(self):
+        subprocess.run([sys.executable, EXAMPLE, self.store, self.url], check=True)
+        self.assertEqual(self.lines(), ['{"version":"4.2.0","startupMs":312,"firstRun":true}'])
+
+    def test_records_arrive_or_are_refused_with_a_reason(self):
+        with Reporter(self.store, [Endpoint(self.url, "product")]) as reporter:
+            for record in ('{"a": 1}', {"b": [None, "grüß\0"]}, Started("4.2", [1.5])):
+                reporter.send(record, consumer="product")
+            for record, part in (("{", "JSON"), ("\ud800", "UTF-8"), ({"a": float("nan")}, "float"),
+                                 ({"a": b"x"}, "bytes"), ({"a": "\ud800"}, "surrogates")):
+                self.assert_fails(Code.INVALID_ARGUMENT, part, reporter.send, record)
+            self.assert_fails(Code.NOT_FOUND, '"x"', reporter.send, {}, "x")
+            self.assertTrue(reporter.flush(30))
+        self.assertEqual(self.lines(), ['{"a": 1}', '{"b":[null,"grüß\\u0000"]}', '{"version":"4.2","tags":[1.5]}'])
+        self.assert_fails(Code.NOT_INITIALIZED, "closed", reporter.stats)
+
+    def test_options_that_c_would_cut_are_refused(self):
+        for options, part in (({"packet_limit": 2**32}, "packet_limit"), ({"queue_limit_kb": 0}, "queue_limit_kb"),
+                              ({"retry_after": 0}, "retry_after"), ({"max_age": -1}, "max_age"),
+                              ({"user_agent": "a\0b"}, "user_agent"), ({"endpoints": [{"uri": NOBODY}]}, "uri"),
+                              ({"headers": ["x"]}, "header"), ({"store": ""}, "store")):
+            self.assert_fails(Code.INVALID_ARGUMENT, part, Reporter, **{"store": self.store, **options})
+
+    def test_settings_consent_and_statistics(self):
+        requests = []
+        endpoints = (Endpoint(self.url), Endpoint(NOBODY, "other", (PIN,)))
+        reporter = Reporter(self.store, [self.url], sending_allowed=False, packet_limit=0, listener=requests.append,
+                            headers=["X-Product: test"], user_agent="test", proxy="", sync_every_commit=True)
+        settings = reporter.current_settings()
+        self.assertEqual(settings, Settings((Endpoint(self.url),), packet_limit=0))
+        settings = dataclasses.replace(settings, endpoints=endpoints, send_every=1)
+        reporter.set_settings(settings)
+        self.assertEqual(reporter.current_settings(), settings)
+        reporter.send('{"n":1}')
+        self.assertTrue(reporter.flush_to_store(30))
+        reporter.set_settings(dataclasses.replace(settings, endpoints=endpoints[:1]))
+        self.assertFalse(reporter.flush(0.1))
+        reporter.allow_sending(True)
+        self.assertTrue(reporter.flush(30))
+        statistics = reporter.stats()
+        total = statistics.total
+        self.assertEqual((statistics.submitted, statistics.refused, total.delivered.bytes), (1, 0, 7))
+        self.assertEqual((total.accepted.items, total.delivered.items, total.removed.items), (2, 1, 1))
+        (endpoint,) = statistics.endpoints
+        self.assertEqual((endpoint.url, endpoint.last_status, endpoint.waits_until), (self.url, 200, None))
+        reporter.allow_sending(False)
+        reporter.send("{}")
+        reporter.forget()
+        self.assertEqual(reporter.stats().total.waiting.items, 0)
+        self.assertTrue(reporter.close())
+        self.assertEqual(requests, [veld_report.FinishedRequest(self.url, 0)])
+
+    def test_child_of_a_fork_is_refused(self):
+        reporter = Reporter(self.store, [self.url])
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore")  # Python 3.12 warns of the threads
+            child = os.fork()
+        if child == 0:
+            try:
+                self.assert_fails(Code.INVALID_STATE, "forked", reporter.send, {})
+                self.assert_fails(Code.INVALID_STATE, "forked", reporter.stats)
+                self.assertFalse(reporter.close(60))
+                del reporter
+                os._exit(0)
+            finally:
+                os._exit(1)
+        self.assertEqual(os.waitpid(child, 0)[1], 0)
+        reporter.send({})
+        self.assertTrue(reporter.close(30))
+
+    def test_end_of_the_interpreter_closes(self):
+        program = "import sys, veld_report; r = veld_report.Reporter(*sys.argv[1:2], sys.argv[2:]); r.send('{}')"
+        subprocess.run([sys.executable, "-c", program, self.store, self.url], check=True)
+        self.assertEqual(self.lines(), ["{}"])
+
+    def test_reporter_that_is_collected_in_its_own_callback_closes(self):
+        collected = threading.Event()
+
+        def collect(_):
+            cycle.clear()
+            collected.set()
+
+        reporter = Reporter(self.store, [self.url], listener=collect, sending_allowed=False, close_deadline=60)
+        cycle = [reporter]
+        reporter.send("{}")
+        self.assertTrue(reporter.flush_to_store(30))
+        reporter.allow_sending(True)
+        del reporter
+        self.assertTrue(collected.wait(20))  # it didn't wait for itself
+        for thread in threading.enumerate():
+            if thread.name == "veld-close":
+                thread.join(30)
+        Reporter(self.store).close()  # nobody has the store open
+
+
+unittest.main(argv=sys.argv[:1])
