@@ -4,6 +4,7 @@ import os
 import subprocess
 import sys
 import threading
+import time
 import unittest
 import warnings
 
@@ -118,18 +119,22 @@ class ReporterTest(unittest.TestCase):
 
     def test_reporter_that_is_collected_in_its_own_callback_closes(self):
         collected = threading.Event()
+        took = []
 
         def collect(_):
+            begin = time.monotonic()
             cycle.clear()
+            took.append(time.monotonic() - begin)
             collected.set()
 
-        reporter = Reporter(self.store, [self.url], listener=collect, sending_allowed=False, close_deadline=60)
+        reporter = Reporter(self.store, [self.url], listener=collect, sending_allowed=False)
         cycle = [reporter]
         reporter.send("{}")
         self.assertTrue(reporter.flush_to_store(30))
         reporter.allow_sending(True)
         del reporter
-        self.assertTrue(collected.wait(20))  # it didn't wait for itself
+        self.assertTrue(collected.wait(30))
+        self.assertLess(took[0], 4)  # a close there waits 5 seconds for the callback
         for thread in threading.enumerate():
             if thread.name == "veld-close":
                 thread.join(30)
