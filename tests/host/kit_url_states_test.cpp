@@ -24,6 +24,9 @@ class FailingUrls final : public HostObject<HttpClientFactory> {
     return HttpClientState{.url = url, .lastError = "no luck", .lastStatus = 500, .failures = failures};
   }
   std::chrono::milliseconds HeldBackFor(const std::string&) const override { return {}; }
+  std::uint16_t TakeRefusal(const std::string&) override { return 0; }
+  void ExpectRefusal(const std::string&) override {}
+  void NoteStandingBack(const std::string&, std::uint16_t) override {}
 
   std::uint32_t failures = 0;
 };

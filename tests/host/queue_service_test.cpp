@@ -19,10 +19,12 @@ using testing::HasSubstr;
 
 class FakePacer final : public host::DeliveryPacer {
  public:
-  bool MayDeliver(const std::string& queueName) override { return queueName != "held"; }
-  std::uint64_t PacketLimitBytes() const override { return 2; }
-  void OnMoreWaits(const std::string& queueName, bool delivered) override {
-    calls.push_back(queueName + (delivered ? " delivered" : " returned"));
+  std::optional<host::Allowance> MayDeliver(const std::string& queueName) override {
+    if (queueName == "held") return std::nullopt;
+    return host::Allowance{.limitBytes = 2};
+  }
+  void OnPacketEnd(const std::string& queueName, const host::EndedPacket& packet) override {
+    if (packet.moreWaits) calls.push_back(queueName + (packet.delivered ? " delivered" : " returned"));
   }
   Strings calls;
 };

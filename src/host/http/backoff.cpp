@@ -1,6 +1,7 @@
 #include "host/http/backoff.h"
 
 #include <algorithm>
+#include <array>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -24,6 +25,11 @@ std::string ErrorText(const HttpOutcome& outcome) {
 }
 
 }  // namespace
+
+bool RefusesContent(std::uint16_t status) {
+  constexpr std::array<std::uint16_t, 12> others{401, 402, 403, 404, 405, 407, 408, 410, 421, 425, 429, 431};
+  return status >= 400 && status < 500 && !std::ranges::binary_search(others, status);
+}
 
 Backoff::Backoff(const BackoffOptions& options, std::shared_ptr<Clock> clock, std::function<double()> random)
     : options_(options), clock_(std::move(clock)), random_(std::move(random)) {}
@@ -52,6 +58,9 @@ void Backoff::End(const std::string& url, Clock::TimePoint startedAt, const Http
 void Backoff::Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
   row.lastError = ErrorText(outcome);
   if (!zel::Failed(outcome.code)) row.lastStatus = outcome.status;
+  row.refusal =
+      !zel::Failed(outcome.code) && RefusesContent(outcome.status) ? outcome.status : std::uint16_t{0};
+  if (std::exchange(row.expectsRefusal, false) && row.refusal != 0) return;
   if (outcome.local || startedAt < row.failedAt) return;
   if (IsFailure(outcome)) {
     row.failedAt = clock_->Now();
@@ -78,6 +87,24 @@ Clock::TimePoint Backoff::WaitAfterFailure(const Row& row, const HttpOutcome& ou
     wait = std::max(wait, asked.value_or(milliseconds(0)));
   }
   return clock_->Now() + wait;
+}
+
+std::uint16_t Backoff::TakeRefusal(const std::string& url) {
+  const std::lock_guard lock(mutex_);
+  const auto row = rows_.find(url);
+  return row == rows_.end() ? std::uint16_t{0} : std::exchange(row->second.refusal, std::uint16_t{0});
+}
+
+void Backoff::ExpectRefusal(const std::string& url) {
+  const std::lock_guard lock(mutex_);
+  const auto row = rows_.find(url);
+  if (row != rows_.end()) row->second.expectsRefusal = true;
+}
+
+void Backoff::NoteStandingBack(const std::string& url, std::uint16_t status) {
+  const std::lock_guard lock(mutex_);
+  const auto row = rows_.find(url);
+  if (row != rows_.end()) row->second.standingBack = status;
 }
 
 void Backoff::KeepOnly(const std::vector<std::string>& urls) {
@@ -110,6 +137,10 @@ HttpClientState Backoff::StateOfRow(const std::string& url, const Row& row) cons
   state.lastError = row.lastError;
   state.lastStatus = row.lastStatus;
   state.failures = row.failures;
+  if (row.lastError.empty() && row.standingBack != 0) {
+    state.lastStatus = row.standingBack;
+    state.lastError = "the server refuses some records with status " + std::to_string(row.standingBack);
+  }
   return state;
 }
 

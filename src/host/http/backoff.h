@@ -14,6 +14,10 @@
 
 namespace veld_report::host {
 
+// True if an answer of this status means that the server doesn't accept the content of the request, whenever
+// it is sent: a status from 400 to 499, except those that are about the url, the sender or the moment.
+bool RefusesContent(std::uint16_t status);
+
 // Keeps a row for each url. The rows are independent, so one failing url doesn't hold up others. Threads:
 // any.
 class Backoff {
@@ -28,6 +32,10 @@ class Backoff {
   // Records the outcome of a request that Start allowed. If it started before the last failure, only the
   // error text changes: the requests of one outage count as one failure.
   void End(const std::string& url, Clock::TimePoint startedAt, const HttpOutcome& outcome);
+  // See HttpClientFactory.
+  std::uint16_t TakeRefusal(const std::string& url);
+  void ExpectRefusal(const std::string& url);
+  void NoteStandingBack(const std::string& url, std::uint16_t status);
   // Forgets all other urls.
   void KeepOnly(const std::vector<std::string>& urls);
   std::vector<HttpClientState> States() const;
@@ -41,6 +49,9 @@ class Backoff {
     std::uint32_t failures = 0;
     std::uint16_t lastStatus = 0;
     std::string lastError;
+    std::uint16_t refusal = 0;  // of the last request, until it is taken
+    bool expectsRefusal = false;
+    std::uint16_t standingBack = 0;
   };
 
   HttpClientState StateOfRow(const std::string& url, const Row& row) const;

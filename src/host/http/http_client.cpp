@@ -114,6 +114,11 @@ class Factory final : public HostObject<HttpClientFactory> {
   std::chrono::milliseconds HeldBackFor(const std::string& url) const override {
     return shared_->backoff.HeldBackFor(url);
   }
+  std::uint16_t TakeRefusal(const std::string& url) override { return shared_->backoff.TakeRefusal(url); }
+  void ExpectRefusal(const std::string& url) override { shared_->backoff.ExpectRefusal(url); }
+  void NoteStandingBack(const std::string& url, std::uint16_t status) override {
+    shared_->backoff.NoteStandingBack(url, status);
+  }
 
  private:
   const std::shared_ptr<HttpShared> shared_;

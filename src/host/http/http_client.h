@@ -123,6 +123,16 @@ class HttpClientFactory : public network_services::IHttpClientFactory {
   // How long requests to this url, as it is in the settings, are still held back; 0: they aren't.
   virtual std::chrono::milliseconds HeldBackFor(const std::string& url) const = 0;
 
+  // For a host that divides refused packets. All three: of one url, as it is in the settings.
+  // The status of the last request if its content was refused (RefusesContent), otherwise 0. Returns each
+  // refusal once.
+  virtual std::uint16_t TakeRefusal(const std::string& url) = 0;
+  // The next request repeats content that was refused. If it is refused again, that isn't a failure.
+  virtual void ExpectRefusal(const std::string& url) = 0;
+  // Some content waits because it was refused with this status, though other content is accepted; 0: none.
+  // Only for the state of the url: after an answer of 200 it reports this status.
+  virtual void NoteStandingBack(const std::string& url, std::uint16_t status) = 0;
+
  protected:
   ~HttpClientFactory() = default;
 };

@@ -158,6 +158,10 @@ bool HostKit::RunCycle(std::chrono::steady_clock::time_point deadline) {
 
 void HostKit::SkipSendInterval() { gate_->SkipInterval(); }
 
+std::chrono::milliseconds HostKit::HeldBackFor(const std::string& url, std::int64_t waitingItems) const {
+  return gate_->HeldBackFor(url, waitingItems);
+}
+
 void HostKit::AllowSending(bool allowed) noexcept {
   // With the gate of the walk alone, the rest of a queue would still be sent. With that of the requests
   // alone, walks would start in vain.

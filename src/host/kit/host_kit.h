@@ -68,6 +68,10 @@ class HostKit {
   // The next cycle sends even if the interval since the last requests isn't over (KitSettings::sendEveryS).
   void SkipSendInterval();
 
+  // How long nothing of the url is sent if its queue has so many items: requests to it are held back, or all
+  // items were refused. 0: that may happen now.
+  std::chrono::milliseconds HeldBackFor(const std::string& url, std::int64_t waitingItems) const;
+
   // If false, no request starts after the return, and one in flight ends as cancelled; records are still
   // accepted and stored. If true, a cycle begins at once. Calls must not overlap. Sending is allowed at
   // first.

@@ -5,23 +5,42 @@
 // hand out is skipped.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace veld_report::host {
+
+// What a reader may hand out.
+struct Allowance {
+  // Limits for the items that it has handed out and that are neither acknowledged nor given back. 0: no
+  // limit.
+  std::uint64_t limitBytes = 0;  // a larger item is handed out alone
+  std::size_t limitItems = 0;
+  std::optional<std::uint64_t> only{};   // the token of the one item that it hands out
+  std::vector<std::uint64_t> skipped{};  // tokens that it doesn't hand out, ascending
+};
+
+// What a reader had handed out at once, when all of it has been acknowledged or, if not `delivered`, given
+// back.
+struct EndedPacket {
+  std::uint64_t first = 0;  // token of its first item
+  std::size_t items = 0;    // 0: the item of Allowance::only doesn't exist any more
+  bool delivered = false;
+  // The reader stopped at its limit, or a later one found this packet still on the way.
+  bool moreWaits = false;
+};
 
 // Threads: any. Called with a lock of the store held, so it must not call the queue service.
 class DeliveryPacer {
  public:
   virtual ~DeliveryPacer() = default;
-  // Asked once for each reader, when it finds its first item. If false, the reader hands out nothing.
-  virtual bool MayDeliver(const std::string& queueName) = 0;
-  // The maximum for the items that a reader has handed out and that are neither acknowledged nor given back,
-  // in bytes. A larger item is handed out alone. 0: no limit.
-  virtual std::uint64_t PacketLimitBytes() const = 0;
-  // A reader stopped at that limit, or a later one found its packet still on the way. Since then all that it
-  // had handed out has been acknowledged or, if `delivered` is false, given back.
-  virtual void OnMoreWaits(const std::string& queueName, bool delivered) = 0;
+  // Asked once for each reader, when it finds its first item. Without a value the reader hands out nothing.
+  virtual std::optional<Allowance> MayDeliver(const std::string& queueName) = 0;
+  // Not called for a delivered packet with nothing waiting, unless the reader was limited in items.
+  virtual void OnPacketEnd(const std::string& queueName, const EndedPacket& packet) = 0;
 };
 
 }  // namespace veld_report::host

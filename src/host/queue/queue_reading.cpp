@@ -82,41 +82,78 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
       writer_.AddDelete(queue.stored, reader.cursor, item, &QueueLedger::expired);
       continue;
     }
-    if (!MayHandOut(reader, bytes)) return false;
+    if (!reader.begun && options_.pacer && !evictions_.IsEvicting(reader)) {
+      if (!BeginDelivery(reader)) return false;
+      if (reader.allowance.only) continue;
+    }
+    if (std::ranges::binary_search(reader.allowance.skipped, row->token)) continue;
+    if (!MayHandOut(reader, *row)) return false;
     data->assign(row->data.data(), row->data.size());
+    if (reader.claims.Empty()) {
+      reader.packetFirst = row->token;
+      reader.packetItems = 0;
+    }
     reader.claims.Add(row->token, bytes);
+    ++reader.packetItems;
+    if (reader.allowance.only) reader.exhausted = reader.cutShort = true;
     *token = row->token;
     if (++reader.handedOut == boundedAfter && options_.boundedVisits && !evictions_.IsEvicting(reader)) {
       reader.lastToken = file_->LastToken();
     }
     return true;
   }
+  if (reader.allowance.only) EndDelivery(reader);
   return false;
 }
 
-bool QueueStore::MayHandOut(ReaderState& reader, std::int64_t bytes) {
-  if (!options_.pacer || evictions_.IsEvicting(reader)) return true;
-  if (!reader.begun) {
-    const auto& all = reader.queue->readers;
-    const auto earlier = std::ranges::find_if(all, [&](const ReaderState* each) {
-      return each != &reader && !each->claims.Empty() && !evictions_.IsEvicting(*each);
-    });
-    if (earlier != all.end()) (*earlier)->awaited = true;
-    reader.exhausted = earlier != all.end() || !options_.pacer->MayDeliver(reader.queue->stored.Name());
-    if (reader.exhausted) return false;
-    reader.begun = true;
+// Asks the pacer. If false, the reader is exhausted.
+bool QueueStore::BeginDelivery(ReaderState& reader) {
+  const auto& all = reader.queue->readers;
+  const auto earlier = std::ranges::find_if(all, [&](const ReaderState* each) {
+    return each != &reader && !each->claims.Empty() && !evictions_.IsEvicting(*each);
+  });
+  std::optional<Allowance> allowance;
+  if (earlier != all.end()) {
+    (*earlier)->awaited = true;
+  } else {
+    allowance = options_.pacer->MayDeliver(reader.queue->stored.Name());
   }
-  const std::uint64_t limit = options_.pacer->PacketLimitBytes();
-  reader.cutShort = limit != 0 && !reader.claims.Empty() &&
-                    static_cast<std::uint64_t>(reader.claims.Bytes() + bytes) > limit;
-  reader.exhausted = reader.cutShort;
+  reader.exhausted = !allowance;
+  if (!allowance) return false;
+  reader.allowance = *std::move(allowance);
+  reader.begun = true;
+  if (reader.allowance.only) reader.cursor = *reader.allowance.only - 1;
+  return true;
+}
+
+bool QueueStore::MayHandOut(ReaderState& reader, const ItemRow& row) {
+  if (!reader.begun) return true;
+  const Allowance& allowed = reader.allowance;
+  if (!reader.claims.Empty()) {
+    const std::uint64_t bytes = static_cast<std::uint64_t>(reader.claims.Bytes()) + row.data.size();
+    reader.cutShort = (allowed.limitBytes != 0 && bytes > allowed.limitBytes) ||
+                      (allowed.limitItems != 0 && reader.packetItems >= allowed.limitItems);
+    reader.exhausted = reader.cutShort;
+  } else if (allowed.only && row.token != *allowed.only) {
+    EndDelivery(reader);
+  }
   return !reader.exhausted;
 }
 
 void QueueStore::NoteEndOfClaim(ReaderState& reader, bool delivered) {
-  if (!reader.claims.Empty() || !(reader.awaited || (reader.cutShort && delivered))) return;
+  if (!reader.begun || !reader.claims.Empty()) return;
+  const bool moreWaits = reader.awaited || (reader.cutShort && delivered);
   reader.awaited = reader.cutShort = false;
-  options_.pacer->OnMoreWaits(reader.queue->stored.Name(), delivered);
+  const bool limited = reader.allowance.limitItems != 0 || reader.allowance.only;
+  if (delivered && !moreWaits && !limited) return;
+  options_.pacer->OnPacketEnd(reader.queue->stored.Name(),
+                              {reader.packetFirst, reader.packetItems, delivered, moreWaits});
+}
+
+// The only item that the reader was to hand out doesn't exist any more.
+void QueueStore::EndDelivery(ReaderState& reader) {
+  reader.exhausted = true;
+  options_.pacer->OnPacketEnd(reader.queue->stored.Name(), {.first = *reader.allowance.only});
 }
 
 // A figure is a few bytes in a file without checksums. If it counted items that don't exist, the queue would

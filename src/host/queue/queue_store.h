@@ -52,7 +52,10 @@ struct ReaderState {
   std::uint64_t cursor = 0;  // token of the last item that it visited
   ClaimList claims;
   // For the pacer (delivery_pacer.h).
-  bool begun = false;     // it was asked
+  bool begun = false;  // it was asked
+  Allowance allowance{};
+  std::uint64_t packetFirst = 0;  // token of the first item handed out since there were no claims
+  std::size_t packetItems = 0;
   bool cutShort = false;  // stopped at its limit
   bool awaited = false;   // a later reader found its claims
   bool exhausted = false;
@@ -126,8 +129,10 @@ class QueueStore {
   bool EvictOldest(QueueState& queue);
   bool IsExpired(const ItemRow& row) const;
   bool HoldsLease();
-  bool MayHandOut(ReaderState& reader, std::int64_t bytes);
+  bool BeginDelivery(ReaderState& reader);
+  bool MayHandOut(ReaderState& reader, const ItemRow& row);
   void NoteEndOfClaim(ReaderState& reader, bool delivered);
+  void EndDelivery(ReaderState& reader);
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
   static bool IsClaimed(const QueueState& queue, std::uint64_t token);

@@ -175,8 +175,8 @@ bool Reporter::Core::IsAllHeldBack(TimePoint end) const {
   const auto ledgers = kit_->Queues().Ledgers();
   for (const Endpoint& endpoint : CurrentSettings().endpoints) {
     const auto ledger = ledgers.find(host::QueueNameOfUrl(endpoint.url));
-    if (ledger == ledgers.end() || ledger->second.waiting.items == 0) continue;
-    if (steady_clock::now() + kit_->Http().HeldBackFor(endpoint.url) < end) return false;
+    const std::int64_t waiting = ledger == ledgers.end() ? 0 : ledger->second.waiting.items;
+    if (waiting != 0 && steady_clock::now() + kit_->HeldBackFor(endpoint.url, waiting) < end) return false;
   }
   return true;
 }
