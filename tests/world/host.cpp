@@ -110,9 +110,8 @@ decltype(Host::seen) Host::seen;
 
 Host::Host() {
   recording.reserve(256);
-  services = std::make_unique<Services>(*this);
+  AddServices(*this);
 }
-Host::~Host() = default;
 
 void Host::Fail(const char* invariantName, const std::string& text) {
   const Outside outside;
@@ -220,7 +219,7 @@ void Host::CheckLedger() {
                               std::to_string(removed) + ", waiting " + std::to_string(waiting));
 }
 
-Call::Call(Host& host, Op op, int locks, std::uint64_t a, std::uint64_t b, std::uint64_t c, std::uint64_t d)
+Call::Call(Host& host, Op op, int locks, std::uint64_t a, std::uint64_t b, std::uint64_t c)
     : host_(host), index_(host.recording.size()) {
   const int held = Locks::Held();
   if (held != locks) {
@@ -249,7 +248,7 @@ Call::Call(Host& host, Op op, int locks, std::uint64_t a, std::uint64_t b, std::
     host.withoutCallback |= planned_ != 0;
     if (planned_ < 0 || planned_ == throws) host.Excuse();
   } else {
-    host.Append({.op = op, .faulted = planned_ != 0, .threw = throwsNow, .a = a, .b = b, .c = c, .d = d});
+    host.Append({.op = op, .faulted = planned_ != 0, .threw = throwsNow, .a = a, .b = b, .c = c});
     host.EnterIfDue(op);
   }
   if (throwsNow) throw Scripted();

@@ -14,8 +14,11 @@
 #include <string_view>
 #include <vector>
 
+#include "contract/byte_range.h"
+#include "contract/service_locator.h"
 #include "tests/world/heap.h"
 #include "tests/world/script.h"
+#include "types/allocator.h"
 #include "types/basic_string.h"
 #include "types/object.h"
 #include "types/ref.h"
@@ -53,6 +56,9 @@ struct Scripted : std::runtime_error {
 };
 
 inline constexpr std::uint64_t never = UINT64_MAX;
+inline std::string_view TextOf(const zel::ByteRange& bytes) {
+  return {reinterpret_cast<const char*>(bytes.begin), static_cast<std::size_t>(bytes.end - bytes.begin)};
+}
 inline std::uint64_t Print(std::string_view bytes) { return std::hash<std::string_view>()(bytes); }
 const std::u16string& Url(int url);
 std::array<std::uint8_t, 16> Digest(int url);
@@ -68,7 +74,8 @@ class Tomb {
 
 class Reader;
 class Request;
-struct Services;
+template <class... Interfaces>
+class Fake;
 
 struct StoredItem {
   std::uint64_t token;
@@ -88,7 +95,6 @@ class Host {
   Host();
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
-  ~Host();
 
   // The first one counts.
   void Fail(const char* invariantName, const std::string& text);
@@ -106,6 +112,7 @@ class Host {
   void Show(const std::string& line, bool plain) {
     if (course && !(plain && brief && constructing)) course->append(2 * depth, ' ').append(line).append("\n");
   }
+  StoredQueue& QueueOf(int name) { return queues[static_cast<std::size_t>(name)]; }
   // The queue's oldest item after `position` that nobody holds, or null.
   static StoredItem* Next(StoredQueue& queue, std::uint64_t position);
   // Its end if there is no such item.
@@ -176,19 +183,26 @@ class Host {
   std::uint64_t signedPrint = 0;
 
   std::vector<std::unique_ptr<Tomb>> tombs;
-  std::unique_ptr<Services> services;
+  // With the bit of `missing` that hides it.
+  struct Service {
+    zel::IObject* object;
+    int without = 0;
+  };
+  std::vector<Service> services;
+  Fake<zel::IAllocator>* allocator = nullptr;
+  Fake<zel::IServiceLocator>* locator = nullptr;
 };
 
 // One call of the module's, recorded. It throws what the script has for it.
 class Call {
  public:
   // `locks`: how many locks of the module's are held, exactly.
-  Call(Host& host, Op op, int locks, std::uint64_t a = 0, std::uint64_t b = 0, std::uint64_t c = 0,
-       std::uint64_t d = 0);
+  Call(Host& host, Op op, int locks, std::uint64_t a, std::uint64_t b, std::uint64_t c);
   bool Refused() const { return planned_ < 0; }
   zel::ResultCode Planned() const { return planned_; }
   Record& Own() { return host_.recording[index_]; }
   zel::ResultCode Done(zel::ResultCode result) { return Own().result = result; }
+  zel::ResultCode Done() { return Done(planned_); }
 
  private:
   const Outside outside_;
@@ -226,6 +240,10 @@ class Fake : public Interfaces..., public Tomb {
  protected:
   void Use() const {
     if (references == 0) host.Fail(invariant::balance, "a service is used after its last Release");
+  }
+  Call Begin(Op op, int locks, std::uint64_t a = 0, std::uint64_t b = 0, std::uint64_t c = 0) const {
+    Use();
+    return Call(host, op, locks, a, b, c);
   }
   zel::ResultCode Reserved() const {
     host.Fail(invariant::calls, "a reserved operation");

@@ -4,7 +4,7 @@
 #include "contract/exports.h"
 #include "contract/io.h"
 #include "contract/sender.h"
-#include "tests/world/services.h"
+#include "tests/world/host.h"
 
 extern "C" orvel::veld_report::GetObjectFactoryFunction zelGetObjectFactory;
 extern "C" zel::ResultCode zelCanUnloadModule();
@@ -26,7 +26,7 @@ class IdentityTest : public testing::Test {
   }
 
   Host host;
-  Locator& locator = host.services->locator;
+  Fake<zel::IServiceLocator>& locator = *host.locator;
 };
 
 TEST_F(IdentityTest, EachCallMakesAFactoryOfItsOwn) {

@@ -1,7 +1,6 @@
 // The simulated serialisation: a producer's record is its own JSON, and a message is walked by its
 // descriptor.
-#include <cstdlib>
-
+#include "contract/json.h"
 #include "tests/world/services.h"
 
 namespace veld_report::world {
@@ -31,8 +30,7 @@ class Storage final : public Fake<zel::IStorage> {
   zel::ResultCode ReservedStorageOperation10() override { return Reserved(); }
   zel::ResultCode ReservedStorageOperation11() override { return Reserved(); }
   zel::ResultCode Flush() override {
-    Use();
-    Call call(host, Op::flush, 0);
+    auto call = Begin(Op::flush, 0);
     if (call.Refused()) return call.Planned();
     const zel::ResultCode result = text.empty() ? 0 : Write(std::string_view(text).substr(text.size() - 1));
     return result != 0 ? result : call.Planned();
@@ -40,8 +38,7 @@ class Storage final : public Fake<zel::IStorage> {
   zel::ResultCode Write(std::string_view piece) {
     std::uint32_t written = 0;
     const Inside inside;
-    const auto result = stream_->Write(piece.data(), static_cast<std::uint32_t>(piece.size()), &written);
-    return result;
+    return stream_->Write(piece.data(), static_cast<std::uint32_t>(piece.size()), &written);
   }
   std::string text;
 
@@ -117,37 +114,42 @@ bool IsMessage(const zel::SerObjDescriptor& message) {
          signature->fields[0].typeId == zel::SerFieldDescriptor::narrowString;
 }
 
+class JsonFactory final : public Fake<zel::IJsonStorageFactory> {
+ public:
+  using Fake::Fake;
+  zel::ResultCode CreateJsonStorage(zel::IIO* stream, const zel::JsonStorageOptions*,
+                                    zel::IStorage** out) override {
+    auto call = Begin(Op::createStorage, 0);
+    if (!call.Refused()) *out = host.Make<Storage>(stream);
+    return call.Planned();
+  }
+};
+
+class Serializer final : public Fake<zel::IStorageSerializer2> {
+ public:
+  using Fake::Fake;
+  zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t,
+                            zel::IObject** context) override {
+    const bool isMessage = object->descriptor != &textRecord;
+    auto call = Begin(Op::serialize, 0, isMessage);
+    if (isMessage && !IsMessage(*object->descriptor))
+      host.Fail(invariant::calls, "another description of a message");
+    if (call.Refused()) {
+      if (call.Planned() != ErrorInfo::unknown) *context = host.Make<ErrorInfo>(call.Planned());
+      return call.Done();
+    }
+    auto& target = static_cast<Storage&>(*storage);
+    WriteJson(object->object, *object->descriptor, target.text);
+    const auto result = target.text.empty() ? 0 : target.Write({target.text.data(), target.text.size() - 1});
+    return call.Done(result < 0 ? result : call.Planned());
+  }
+};
+
 }  // namespace
 
 const zel::SerObjDescriptor textRecord{43, "TextRecord", sizeof(TextRecord), textFields, nullptr};
 
-zel::ResultCode JsonFactory::CreateJsonStorage(zel::IIO* stream, const zel::JsonStorageOptions*,
-                                               zel::IStorage** out) {
-  const Outside outside;
-  Use();
-  Call call(host, Op::createStorage, 0);
-  if (call.Refused()) return call.Planned();
-  *out = host.Make<Storage>(stream);
-  return call.Planned();
-}
-
-zel::ResultCode Serializer::Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t,
-                                      zel::IObject** context) {
-  const Outside outside;
-  Use();
-  const bool isMessage = object->descriptor != &textRecord;
-  Call call(host, Op::serialize, 0, isMessage);
-  if (isMessage && !IsMessage(*object->descriptor))
-    host.Fail(invariant::calls, "another description of a message");
-  if (call.Refused()) {
-    if (call.Planned() != ErrorInfo::unknown) *context = host.Make<ErrorInfo>(call.Planned());
-    return call.Done(call.Planned());
-  }
-  auto& target = static_cast<Storage&>(*storage);
-  WriteJson(object->object, *object->descriptor, target.text);
-  const auto result =
-      target.text.empty() ? 0 : target.Write(std::string_view(target.text).substr(0, target.text.size() - 1));
-  return call.Done(result < 0 ? result : call.Planned());
-}
+zel::IObject* MakeJsonFactory(Host& host) { return host.Make<JsonFactory>(); }
+zel::IObject* MakeSerializer(Host& host) { return host.Make<Serializer>(); }
 
 }  // namespace veld_report::world

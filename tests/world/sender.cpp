@@ -54,7 +54,7 @@ void Sender::Perform(Entry entry, Operation&& operation) {
 
 void Sender::Create() {
   zel::Ref<zel::IObject> first;
-  zel::IServiceLocator* locator = &host_.services->locator;
+  zel::IServiceLocator* locator = host_.locator;
   Perform(Entry::create, [&] {
     const auto code = zelGetObjectFactory(locator, orvel::veld_report::senderClassId, first.Out());
     if (code != 0) return code;

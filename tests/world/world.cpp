@@ -229,11 +229,13 @@ class World {
     }
     if (zelCanUnloadModule() != 0) host_.Fail(invariant::balance, "objects of the module are left");
     if (host_.blocks != 0) host_.Fail(invariant::balance, std::to_string(host_.blocks) + " blocks are out");
-    host_.services->CheckReferences(host_);
-    const auto held = std::count_if(host_.tombs.begin(), host_.tombs.end(),
-                                    [](const auto& tomb) { return tomb->references != 0; });
-    if (held != 0)
-      host_.Fail(invariant::balance, std::to_string(held) + " readers, producers or the like are held");
+    host_.missing = 0;
+    host_.locator->Release();
+    for (const Host::Service& service : host_.services) service.object->Release();
+    for (const auto& tomb : host_.tombs) {
+      const Tomb& one = *tomb;
+      if (one.references != 0) host_.Fail(invariant::balance, std::string(typeid(one).name()) + " is held");
+    }
   }
 
   // After a failure: all goes as far as it can, unjudged.
