@@ -123,6 +123,11 @@ void FaultyVfs::Register() {
   sqlite3_vfs_register(&vfs, 0);
 }
 
+void FaultyVfs::SetDefault(bool isDefault) {
+  Register();
+  sqlite3_vfs_register(isDefault ? &vfs : original, 1);
+}
+
 void FaultyVfs::FailAt(Operation operation, std::int64_t at, bool onwards) {
   Heal();
   firstToFail = at;

@@ -40,6 +40,8 @@ class FaultyVfs {
 
   static constexpr char name[] = "faulty";
   static void Register();
+  // Whether files for which no VFS is named get this one. Not while a file is open.
+  static void SetDefault(bool isDefault);
 
   // The operation of this kind with that number, from 1, fails; with `onwards` all after it as well. The
   // count starts here.

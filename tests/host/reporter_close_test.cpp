@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
+#include <mutex>
 
+#include "tests/common/waiting.h"
 #include "tests/host/fake_resolver.h"
+#include "tests/host/faulty_vfs.h"
 #include "tests/host/reporter_test_tools.h"
 
 namespace veld_report {
@@ -43,6 +47,79 @@ TEST_F(Closing, KeepsToItsDeadlineAndLosesNothing) {
     options.sendingAllowed = false;
     EXPECT_EQ(Reporter(options).Stats().total.waiting.items, 2);
   }
+}
+
+// Stops the threads that come by while it is shut.
+class Barrier {
+ public:
+  void Shut(bool shut) {
+    const std::lock_guard lock(mutex_);
+    shut_ = shut;
+    changed_.notify_all();
+  }
+  void Pass() {
+    std::unique_lock lock(mutex_);
+    if (shut_) ++stopped_;
+    changed_.wait(lock, [&] { return !shut_; });
+  }
+  int Stopped() {
+    const std::lock_guard lock(mutex_);
+    return stopped_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool shut_ = false;
+  int stopped_ = 0;
+};
+
+TEST_F(Closing, WaitsForNoDiskAndNoListenerThatHangs) {
+  Barrier disk, application;
+  tests::FaultyVfs::SetDefault(true);
+  tests::FaultyVfs::observer = [&](const auto& event) {
+    if (event.kind == event.sync) disk.Pass();
+  };
+  const auto server = Serve("out");
+  ReporterOptions stored = Options({{server->Url()}}, "stored"), heard = Options({{server->Url()}}, "heard");
+  stored.syncEveryCommit = true;
+  stored.sendingAllowed = false;
+  application.Shut(true);
+  heard.listener = [&](const FinishedRequest&) { application.Pass(); };
+  auto first = std::make_unique<Reporter>(stored), second = std::make_unique<Reporter>(heard);
+  second->SendJson("1");
+  EXPECT_TRUE(tests::Eventually([&] { return application.Stopped() == 1; }));
+  second->SendJson("2");
+  EXPECT_TRUE(second->FlushToStore(seconds(20)));
+  first->SendJson("1");
+  first->SendJson("2");
+  disk.Shut(true);
+  EXPECT_TRUE(tests::Eventually([&] { return disk.Stopped() > 0; }));
+  Statistics figures;
+  EXPECT_LT(TimeOf([&] { figures = first->Stats(); }), seconds(2));
+  EXPECT_EQ(figures.submitted, 2u);
+  EXPECT_TRUE(figures.total.IsBalanced());
+
+  std::thread other([&] { EXPECT_LT(TimeOf([&] { EXPECT_FALSE(second->Close(deadline)); }), longest); });
+  EXPECT_LT(TimeOf([&] { EXPECT_FALSE(first->Close(deadline)); }), longest);
+  other.join();
+  for (auto* reporter : {&first, &second}) {
+    EXPECT_FALSE((*reporter)->IsClosed());
+    std::string why;
+    EXPECT_EQ(Reporter::TryOpen(reporter == &first ? stored : heard, &why), nullptr);
+    EXPECT_THAT(why, testing::HasSubstr("still being closed"));
+  }
+  EXPECT_LT(TimeOf([&] { first.reset(); }), seconds(2)) << "not once more";
+
+  disk.Shut(false);
+  application.Shut(false);
+  EXPECT_TRUE(tests::Eventually([&] { return second->IsClosed(); }));
+  EXPECT_EQ(application.Stopped(), 1) << "no call begins after the close";
+  EXPECT_TRUE(tests::Eventually([&] { return (first = Reporter::TryOpen(stored)) != nullptr; }));
+  EXPECT_EQ(first->Stats().total.waiting.items, 2);
+  first.reset();
+  tests::FaultyVfs::observer = {};
+  tests::FaultyVfs::SetDefault(false);
 }
 
 TEST_F(Closing, ProducersThatGoOnCallingNeitherCrashNorHoldItUp) {

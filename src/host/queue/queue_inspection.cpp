@@ -1,8 +1,18 @@
 // Inspection of a store; see queue_store.h.
+#include <chrono>
+#include <thread>
+
 #include "host/queue/queue_store.h"
 #include "host/queue/store_opening.h"
 
 namespace veld_report::host {
+namespace {
+
+// So long the figures wait for the file; it is written in groups, which take less on a disk that works.
+constexpr std::chrono::milliseconds refreshTime{100};
+constexpr std::chrono::milliseconds refreshStep{1};
+
+}  // namespace
 
 std::vector<QueueInfo> QueueStore::ListQueues() {
   const std::lock_guard lock(mutex_);
@@ -46,21 +56,32 @@ std::uint64_t QueueStore::LastToken() {
 }
 
 ItemCount QueueStore::TotalWaiting() {
-  const std::lock_guard lock(mutex_);
-  Refresh();
+  RefreshUnlessBusy();
+  const std::lock_guard lock(figuresMutex_);
   ItemCount total;
   for (const auto& [name, queue] : queues_) total += queue.stored.Ledger().waiting;
   return total;
 }
 
 std::map<std::string, QueueLedger> QueueStore::Ledgers() {
-  const std::lock_guard lock(mutex_);
-  Refresh();
+  RefreshUnlessBusy();
+  const std::lock_guard lock(figuresMutex_);
   std::map<std::string, QueueLedger> result;
   for (const auto& [name, queue] : queues_) {
     if (!(queue.stored.Ledger() == QueueLedger{})) result.emplace(name, queue.stored.Ledger());
   }
   return result;
+}
+
+void QueueStore::RefreshUnlessBusy() {
+  if (!options_.shared && !options_.inspectOnly) return;
+  const auto last = std::chrono::steady_clock::now() + refreshTime;
+  std::unique_lock lock(mutex_, std::try_to_lock);
+  while (!lock && std::chrono::steady_clock::now() < last) {
+    std::this_thread::sleep_for(refreshStep);
+    lock = std::unique_lock(mutex_, std::try_to_lock);
+  }
+  if (lock) Refresh();
 }
 
 bool QueueStore::Compact(bool rebuild) {

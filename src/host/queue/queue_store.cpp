@@ -28,7 +28,7 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
       reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
       mark_(options.inspectOnly ? std::filesystem::path() : file),
       file_(OpenStoreFile(options, file, *folderLock_, reserve_, mark_)),
-      writer_(*file_, reserve_),
+      writer_(*file_, reserve_, figuresMutex_),
       identity_(FileIdentity::Of(file)) {
   AdoptRows();
   if (!options_.inspectOnly) committer_ = StartServiceThread("veld-store", [this] { RunCommitter(); });
@@ -226,6 +226,7 @@ bool QueueStore::FlushFigures() {
 }
 
 QueueState& QueueStore::FindOrAdd(const std::string& name) {
+  const std::lock_guard lock(figuresMutex_);
   return queues_.try_emplace(name, name).first->second;
 }
 

@@ -112,14 +112,16 @@ class QueueStore {
   std::vector<QueueInfo> ListQueues();
   std::vector<PeekedItem> Peek(const std::string& name, std::size_t count);
   std::uint64_t LastToken();
-  ItemCount TotalWaiting();
-  // For every queue name ever used, including removed queues.
+  // For every queue name ever used, including removed queues. These two don't wait while the file is being
+  // written. If processes share the store, what the others have written may then be missing.
   std::map<std::string, QueueLedger> Ledgers();
+  ItemCount TotalWaiting();
 
  private:
   QueueState& FindOrAdd(const std::string& name);
   void AdoptRows();
   void Refresh();
+  void RefreshUnlessBusy();
   bool Flush();
   bool FlushFigures();
   void CommitIfDue();
@@ -149,6 +151,9 @@ class QueueStore {
 
   // Guards the members below. Held across the file's operations.
   std::mutex mutex_;
+  // Taken inside `mutex_`, for moments. The set of queues_ and their ledgers change with both held, so either
+  // is enough to read them.
+  std::mutex figuresMutex_;
   DiskReserve reserve_;
   CleanMarker mark_;
   std::unique_ptr<StoreFile> file_;  // only null at the very end

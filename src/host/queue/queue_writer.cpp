@@ -34,6 +34,7 @@ void QueueWriter::Adopt(BufferedQueue& queue, const QueueRow& row) {
   queue.id_ = row.id;
   if (!queue.presence_) queue.present_ = row.present;
   queue.ahead_.Forget();
+  const std::lock_guard lock(figuresMutex_);
   queue.ledger_ = row.ledger;
   queue.ledger_ += queue.unwritten_;
   for (const Item& item : items_) {
@@ -47,8 +48,9 @@ void QueueWriter::Book(BufferedQueue& queue, const QueueLedger& change) {
 }
 
 void QueueWriter::BookLater(BufferedQueue& queue, const QueueLedger& change) {
-  queue.ledger_ += change;
   queue.unwritten_ += change;
+  const std::lock_guard lock(figuresMutex_);
+  queue.ledger_ += change;
 }
 
 void QueueWriter::IncludeBooked(BufferedQueue& queue) {
@@ -64,12 +66,16 @@ void QueueWriter::AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::sp
     items_.pop_back();
     throw;
   }
+  const std::lock_guard lock(figuresMutex_);
   queue.ledger_ += Offered(data.size());
 }
 
 void QueueWriter::DropLastItem() {
   const Item& item = items_.back();
-  item.queue->ledger_ += -Offered(item.size);
+  {
+    const std::lock_guard lock(figuresMutex_);
+    item.queue->ledger_ += -Offered(item.size);
+  }
   bytes_.resize(item.offset);
   items_.pop_back();
 }
@@ -87,8 +93,9 @@ void QueueWriter::AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount
   }
   if (kind == &QueueLedger::evicted) ++evictions_;
   queue.ahead_.Drop(token);
-  queue.ledger_.Leave(kind, item);
   queue.unwritten_.Leave(kind, item);
+  const std::lock_guard lock(figuresMutex_);
+  queue.ledger_.Leave(kind, item);
 }
 
 void QueueWriter::AddRemoval(BufferedQueue& queue) {
@@ -100,8 +107,12 @@ void QueueWriter::AddRemoval(BufferedQueue& queue) {
     buffered += ItemCount{1, static_cast<std::int64_t>(item.size)};
     return true;
   });
-  const ItemCount waiting = std::exchange(queue.ledger_.waiting, ItemCount{});
-  queue.ledger_.removed += waiting;
+  const ItemCount waiting = queue.ledger_.waiting;
+  {
+    const std::lock_guard lock(figuresMutex_);
+    queue.ledger_.waiting = {};
+    queue.ledger_.removed += waiting;
+  }
   ItemCount inFile = waiting;
   inFile += -buffered;
   removals_.push_back({&queue, inFile});
@@ -237,7 +248,10 @@ void QueueWriter::WriteItems() {
 
 void QueueWriter::Settle(bool withItems) {
   for (BufferedQueue* queue : dirty_) {
-    queue->ledger_ += queue->correction_;
+    {
+      const std::lock_guard lock(figuresMutex_);
+      queue->ledger_ += queue->correction_;
+    }
     queue->unwritten_ = {};
     queue->dirty_ = false;
     queue->presence_.reset();

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory_resource>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -25,7 +26,10 @@ class QueueWriter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  QueueWriter(StoreFile& file, DiskReserve& reserve) : file_(file), reserve_(reserve) {}
+  // `figuresMutex` is held whenever a ledger changes, and never across an operation of the file. So who holds
+  // it may read the ledgers while the file is being written.
+  QueueWriter(StoreFile& file, DiskReserve& reserve, std::mutex& figuresMutex)
+      : file_(file), reserve_(reserve), figuresMutex_(figuresMutex) {}
 
   // Takes over the queue's row in the file. Forgets what was read ahead.
   void Adopt(BufferedQueue& queue, const QueueRow& row);
@@ -105,6 +109,7 @@ class QueueWriter {
 
   StoreFile& file_;
   DiskReserve& reserve_;
+  std::mutex& figuresMutex_;
   std::vector<std::uint8_t> bytes_;
   std::vector<Item> items_;
   std::vector<Delete> deletes_;

@@ -1,5 +1,7 @@
 #include "host/queue/store_maintenance.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "host/queue/store_folder.h"
@@ -78,6 +80,12 @@ std::vector<std::string> StoredDomains(const std::filesystem::path& folder) {
 FileLock LockStoreFolder(const std::filesystem::path& folder, FileLock::Kind kind) {
   std::string holder;
   FileLock lock = FileLock::Try(folder / storeLockName, kind, &holder);
+  if (!lock && holder == std::to_string(getpid())) {
+    throw StoreError(
+        "the store in " + folder.string() +
+        " is in use by this process: it is open there, or still being closed; close it first and "
+        "wait until that has ended, or choose another folder");
+  }
   if (!lock) {
     throw StoreError("the store in " + folder.string() + " is in use by process " +
                      (holder.empty() ? "(unknown)" : holder) +

@@ -1,4 +1,4 @@
-// CallGate lets calls in until it is shut; shutting it waits for the calls inside.
+// CallGate lets calls in until it is shut. Who shuts it can then wait for the calls inside.
 #pragma once
 
 #include <atomic>
@@ -16,8 +16,8 @@ class CallGate {
     explicit Pass(CallGate& gate) : lock_(gate.mutex_, std::defer_lock) {
       if (gate.IsShut()) return;
       lock_.lock();
-      // It may have been shut meanwhile. Without the first test a steady stream of calls could keep Shut
-      // waiting.
+      // It may have been shut meanwhile. Without the first test a steady stream of calls could keep
+      // WaitUntilEmpty waiting.
       if (gate.IsShut()) lock_.unlock();
     }
     explicit operator bool() const { return lock_.owns_lock(); }
@@ -28,11 +28,9 @@ class CallGate {
 
   // For calls that stay inside for a long time: they must leave soon once this is true.
   bool IsShut() const { return shut_.load(std::memory_order_acquire); }
-  // Returns once no call is inside. Not to be called from inside.
-  void Shut() {
-    shut_.store(true, std::memory_order_release);
-    const std::unique_lock lock(mutex_);  // waits for the calls inside
-  }
+  void Shut() { shut_.store(true, std::memory_order_release); }
+  // Returns once no call is inside the shut gate. Not to be called from inside.
+  void WaitUntilEmpty() { const std::unique_lock lock(mutex_); }
 
  private:
   std::atomic<bool> shut_{false};

@@ -6,7 +6,7 @@
 
 namespace veld_report {
 
-Reporter::Reporter(ReporterOptions options) : core_(std::make_unique<Core>(std::move(options))) {}
+Reporter::Reporter(ReporterOptions options) : core_(std::make_shared<Core>(std::move(options))) {}
 
 std::unique_ptr<Reporter> Reporter::TryOpen(ReporterOptions options, std::string* error) noexcept {
   try {
@@ -22,7 +22,11 @@ std::unique_ptr<Reporter> Reporter::TryOpen(ReporterOptions options, std::string
 }
 
 Reporter::~Reporter() {
-  if (core_->IsInherited()) Core::Abandon(core_.release());
+  if (core_->IsInherited()) {
+    Core::Abandon(std::move(core_));
+  } else {
+    core_->CloseUnlessBegun();
+  }
 }
 
 void Reporter::SendRecord(const zel::AnyPtr& record, std::string_view consumer) {
@@ -66,6 +70,8 @@ bool Reporter::FlushToStore(std::chrono::milliseconds deadline) noexcept {
 }
 
 bool Reporter::Close(std::chrono::milliseconds deadline) noexcept { return core_->Close(deadline); }
+
+bool Reporter::IsClosed() const noexcept { return core_->IsClosed(); }
 
 void Reporter::SetSettings(const Settings& settings) { core_->SetSettings(settings); }
 

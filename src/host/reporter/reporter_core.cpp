@@ -1,10 +1,13 @@
 #include "host/reporter/reporter_core.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <utility>
 
 #include "host/base/code_text.h"
 #include "host/base/redact.h"
+#include "host/base/service_thread.h"
 #include "host/json/json_check.h"
 #include "host/reporter/kit_options.h"
 #include "host/services/queue_name.h"
@@ -54,6 +57,16 @@ std::string WhyRefused(const host::Submission& submission, bool isJson, std::str
   return text + ": " + host::CodeText(submission.code);
 }
 
+// How much longer than its deadline a close may take: 5 seconds, with a margin for a busy machine.
+constexpr milliseconds closeTime{4900};
+
+// A thread that nobody waits for must not lose its code to a dlclose.
+void KeepLibraryLoaded() noexcept {
+  Dl_info self{};
+  if (dladdr(reinterpret_cast<void*>(&KeepLibraryLoaded), &self) == 0 || !self.dli_fname) return;
+  dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+}
+
 std::uint64_t LimitOf(std::uint64_t option) { return option == 0 ? UINT64_MAX : option; }
 
 }  // namespace
@@ -61,7 +74,14 @@ std::uint64_t LimitOf(std::uint64_t option) { return option == 0 ? UINT64_MAX : 
 void ListenerSlot::Set(Listener listener) {
   auto fresh = listener ? std::make_shared<const Listener>(std::move(listener)) : nullptr;
   const std::lock_guard lock(mutex_);
-  listener_.swap(fresh);
+  if (!ended_) listener_.swap(fresh);
+}
+
+void ListenerSlot::End() {
+  std::shared_ptr<const Listener> last;
+  const std::lock_guard lock(mutex_);
+  ended_ = true;
+  listener_.swap(last);
 }
 
 void ListenerSlot::Call(const FinishedRequest& request) const {
@@ -96,15 +116,15 @@ void Reporter::Core::RequireOwn() const {
   if (IsInherited()) throw ReporterError(zel::eInvalidState, inheritedText);
 }
 
-void Reporter::Core::Abandon(Core* core) noexcept {
+void Reporter::Core::Abandon(std::shared_ptr<Core> core) noexcept {
   // Kept reachable, so that it isn't reported as a leak.
   static constinit std::atomic<Core*> abandoned{nullptr};
-  core->nextAbandoned_ = abandoned.load();
-  while (!abandoned.compare_exchange_weak(core->nextAbandoned_, core)) {
+  Core* const first = core.get();
+  first->abandoned_ = std::move(core);
+  first->nextAbandoned_ = abandoned.load();
+  while (!abandoned.compare_exchange_weak(first->nextAbandoned_, first)) {
   }
 }
-
-Reporter::Core::~Core() { Close(closeDeadline_); }
 
 std::string Reporter::Core::CheckConsumer(std::string_view consumer) const {
   const std::lock_guard lock(settingsMutex_);
@@ -166,9 +186,44 @@ bool Reporter::Core::Close(milliseconds deadline) noexcept {
   TimePoint earliest = closeBy_.load();
   while (end < earliest && !closeBy_.compare_exchange_weak(earliest, end)) {
   }
-  const std::lock_guard lock(closeMutex_);
-  if (!std::exchange(closed_, true)) CloseOnce();
+  BeginClose();
+  WaitForClose(end + closeTime);
   return flushedAtClose_;
+}
+
+void Reporter::Core::CloseUnlessBegun() noexcept {
+  if (!gate_.IsShut()) Close(closeDeadline_);
+}
+
+bool Reporter::Core::IsClosed() const noexcept {
+  if (IsInherited()) return false;
+  const std::lock_guard lock(closeMutex_);
+  return closed_;
+}
+
+void Reporter::Core::BeginClose() noexcept {
+  gate_.Shut();
+  {
+    const std::lock_guard lock(closeMutex_);
+    if (std::exchange(closing_, true)) return;
+    try {
+      closer_ = host::StartServiceThread("veld-close", [self = shared_from_this()] { self->RunClose(); });
+      return;
+    } catch (...) {
+      // Without a thread the caller has to wait.
+    }
+  }
+  RunClose();
+}
+
+void Reporter::Core::WaitForClose(TimePoint end) noexcept {
+  std::unique_lock lock(closeMutex_);
+  const bool ended = closedChanged_.wait_until(lock, end, [this] { return closed_; });
+  if (!closer_.joinable()) return;
+  if (ended) return closer_.join();
+  listener_->End();
+  KeepLibraryLoaded();
+  closer_.detach();
 }
 
 bool Reporter::Core::IsAllHeldBack(TimePoint end) const {
@@ -181,8 +236,8 @@ bool Reporter::Core::IsAllHeldBack(TimePoint end) const {
   return true;
 }
 
-void Reporter::Core::CloseOnce() noexcept {
-  gate_.Shut();
+void Reporter::Core::RunClose() noexcept {
+  gate_.WaitUntilEmpty();
   try {
     flushedAtClose_ =
         flusher_->FlushUnless([this] { return !kit_->IsSendingAllowed() || IsAllHeldBack(closeBy_.load()); },
@@ -195,6 +250,9 @@ void Reporter::Core::CloseOnce() noexcept {
     sendingEnded_ = true;
   }
   kit_->Close();
+  const std::lock_guard lock(closeMutex_);
+  closed_ = true;
+  closedChanged_.notify_all();
 }
 
 void Reporter::Core::AdoptSettings(const Settings& settings) {

@@ -3,11 +3,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "host/base/process_mark.h"
 #include "host/kit/host_kit.h"
@@ -23,24 +25,26 @@ class ListenerSlot {
  public:
   void Set(Listener listener);
   void Call(const FinishedRequest& request) const;
+  // No call begins after the return, whatever is set later.
+  void End();
 
  private:
-  mutable std::mutex mutex_;  // guards listener_; not held while it is called
+  mutable std::mutex mutex_;  // guards the members below; not held while the listener is called
   std::shared_ptr<const Listener> listener_;
+  bool ended_ = false;
 };
 
-// Life and threads: as for the reporter.
-class Reporter::Core {
+// Life and threads: as for the reporter. Once it is closing, its own thread shares it.
+class Reporter::Core : public std::enable_shared_from_this<Core> {
  public:
   // Throws ReporterError.
   explicit Core(ReporterOptions options);
-  ~Core();
 
   // True if this process was forked from the one that opened the reporter. Then no lock may be taken: the
   // thread that holds it may not exist here.
   bool IsInherited() const { return host::CurrentProcess() != process_; }
   // Keeps an inherited core as it is for the rest of the process.
-  static void Abandon(Core* core) noexcept;
+  static void Abandon(std::shared_ptr<Core> core) noexcept;
 
   // Submits `record` or, if it is null, `json`. `error` may be null.
   zel::ResultCode Submit(const zel::AnyPtr* record, std::string_view json, std::string_view consumer,
@@ -48,6 +52,9 @@ class Reporter::Core {
   bool Flush(std::chrono::milliseconds deadline) noexcept;
   bool FlushToStore(std::chrono::milliseconds deadline) noexcept;
   bool Close(std::chrono::milliseconds deadline) noexcept;
+  // What the reporter's destructor does.
+  void CloseUnlessBegun() noexcept;
+  bool IsClosed() const noexcept;
   void SetSettings(const Settings& settings);
   Settings CurrentSettings() const;
   void SetListener(Listener listener);
@@ -66,13 +73,18 @@ class Reporter::Core {
   void AdoptSettings(const Settings& settings);
   // Whether requests to all endpoints for which something waits are held back beyond `end`.
   bool IsAllHeldBack(TimePoint end) const;
-  void CloseOnce() noexcept;
+  void BeginClose() noexcept;
+  // Everything that a close does; on its own thread.
+  void RunClose() noexcept;
+  // Returns once that has ended, or at `end`. From then on the thread is on its own.
+  void WaitForClose(TimePoint end) noexcept;
   // Changes one of the conditions for sending, and gives the kit the result of all of them.
   void ChangeConsent(bool Core::*part, bool value) noexcept;
   using FlushForm = bool (Flusher::*)(const std::function<TimePoint()>& end);
   bool FlushBy(FlushForm form, std::chrono::milliseconds deadline) noexcept;
 
   const std::uint64_t process_ = host::CurrentProcess();
+  std::shared_ptr<Core> abandoned_;  // itself
   Core* nextAbandoned_ = nullptr;
   const std::chrono::milliseconds closeDeadline_;
   const std::shared_ptr<ListenerSlot> listener_ = std::make_shared<ListenerSlot>();
@@ -90,19 +102,22 @@ class Reporter::Core {
   mutable std::mutex consentMutex_;  // guards the three members below; held while the kit gets the result
   bool sendingAllowed_ = true;       // the application's last choice
   bool forgetting_ = false;
-  bool sendingEnded_ = false;  // set by CloseOnce; the kit no longer takes consent
+  bool sendingEnded_ = false;  // set by RunClose; the kit no longer takes consent
   std::mutex forgetMutex_;     // held across a Forget
 
-  // Created by the constructor, destroyed with the object; closed by CloseOnce.
+  // Created by the constructor, destroyed with the object; closed by RunClose.
   std::unique_ptr<host::HostKit> kit_;
   std::unique_ptr<Flusher> flusher_;
   std::unique_ptr<host::MemoryMeter> recordsInMemory_;
   std::unique_ptr<host::MemoryMeter> bytesInMemory_;
 
   std::atomic<TimePoint> closeBy_{TimePoint::max()};  // the earliest deadline of any Close
-  std::mutex closeMutex_;                             // held during the close; guards the two members below
+  std::atomic<bool> flushedAtClose_{false};
+  mutable std::mutex closeMutex_;  // guards the members below; held briefly
+  bool closing_ = false;
   bool closed_ = false;
-  bool flushedAtClose_ = false;
+  std::condition_variable closedChanged_;
+  std::thread closer_;
 };
 
 }  // namespace veld_report

@@ -131,7 +131,7 @@ struct Statistics {
 //
 // Threads: any, for all operations except the destructor, even while Close runs. In the last two states
 // sending returns 0x8000006b "Not initialized". A process has one reporter on a store, unless they are all
-// `shared`.
+// `shared`. Until it is closed, the store's folder stays locked, and opening another reporter on it fails.
 //
 // fork: a reporter belongs to the process that opened it. In a child every operation returns at once, with
 // 0x8000006a "Invalid state" or false, and nothing touches the store, not even the destructor. A child may
@@ -144,8 +144,9 @@ class Reporter {
   static std::unique_ptr<Reporter> TryOpen(ReporterOptions options, std::string* error = nullptr) noexcept;
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
-  // Calls Close(closeDeadline) if the reporter isn't closed. Throws nothing. No other operation may be
-  // running.
+  // Calls Close(closeDeadline), unless Close was called before. Throws nothing. No other operation may be
+  // running. It stops waiting as Close does, and what holds up the end doesn't hold up the exit of the
+  // process either. To unload a library that contains the listener's code, wait for IsClosed first.
   ~Reporter();
 
   // Accepts a record. It is turned into JSON on this thread and isn't used after the return; this waits for
@@ -184,10 +185,16 @@ class Reporter {
 
   // Accepts no more records, flushes until `deadline`, and stops. A request in flight is cancelled;
   // undelivered records stay in the store. Returns the result of that flush, even to a second caller, who
-  // waits for the first. Takes at most the deadline plus 5 seconds, whatever servers and resolvers do,
-  // and whatever a disk and a listener call take that are in progress. Returns early if all requests are held
-  // back beyond the deadline, or sending isn't allowed.
+  // waits for the first. Takes at most the deadline plus 5 seconds, whatever servers, resolvers, disks and
+  // listeners do. Returns early if all requests are held back beyond the deadline, or sending isn't allowed.
+  //
+  // If a disk or a listener takes longer, the end goes on on a thread of its own, which loses nothing that
+  // was accepted. If the process ends before it, that is a crash for the store. No further call of the
+  // listener begins, but one may still be running, so what it refers to must last until IsClosed.
   bool Close(std::chrono::milliseconds deadline) noexcept;
+  // True once everything has ended after a Close: the threads, the calls of the listener, and the lock on the
+  // store's folder.
+  bool IsClosed() const noexcept;
 
   // Replaces the settings as a whole, from the next cycle on. The queue of a url that is gone is removed with
   // its records. Throws ReporterError with nothing changed; TrySetSettings returns the code.
@@ -202,7 +209,7 @@ class Reporter {
   // If false, no request starts after the return, even while Close or Forget runs, and one in flight is cut.
   // Records are still accepted and stored. The last call counts.
   void AllowSending(bool allowed) noexcept;
-  // Throws ReporterError if the store can't be read, or the reporter is closed.
+  // Doesn't wait for the disk. Throws ReporterError if the reporter is closed.
   Statistics Stats();
   // Removes everything that is waiting, in memory and in the store, and leaves none of it readable on the
   // disk. Nothing is sent meanwhile. Afterwards the last call of AllowSending counts again, even if this
@@ -221,7 +228,7 @@ class Reporter {
   zel::ResultCode TrySendRecord(const zel::AnyPtr& record, std::string_view consumer,
                                 std::string* error) noexcept;
 
-  std::unique_ptr<Core> core_;
+  std::shared_ptr<Core> core_;  // shared with the thread that ends it
 };
 
 }  // namespace veld_report

@@ -207,7 +207,8 @@ VELD_REPORT_API int32_t veld_report_endpoint_stats(veld_report_handle* reporter,
 
 /* Accepts no more records, flushes until the deadline, and stops; undelivered records stay in the store.
  * Takes at most the deadline plus 5 seconds. 1: all was flushed; 0: not. The handle stays, for
- * veld_report_free. */
+ * veld_report_free. If a disk takes longer, the end goes on in the background, and until then the store can't
+ * be opened again. */
 VELD_REPORT_API int32_t veld_report_close(veld_report_handle* reporter, uint32_t deadline_ms);
 
 /* Frees the handle. If it isn't closed, closes it first without waiting. Does nothing for NULL. */
