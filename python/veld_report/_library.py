@@ -129,6 +129,7 @@ _FUNCTIONS = {
     "stats": (c_int32, c_void_p, POINTER(CStatistics)),
     "endpoint_stats": (c_int32, c_void_p, CEndpointVisitor, c_void_p),
     "close": (c_int32, c_void_p, c_uint32),
+    "is_closed": (c_int32, c_void_p),
     "free": (None, c_void_p),
 }
 

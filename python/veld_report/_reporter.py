@@ -148,9 +148,14 @@ class _ListenerSlot:
             _callback.running = False
 
 
+_still_used: List[object] = []
+
+
 def _free(handle: ctypes.c_void_p, deadline_ms: int, _used: object) -> None:
     """_used: what the library may use until then."""
     _api.close(handle, deadline_ms)
+    if not _api.is_closed(handle):
+        _still_used.append(_used)  # a callback that hangs returns through it
     _api.free(handle)
 
 

@@ -155,4 +155,8 @@ int32_t veld_report_close(veld_report_handle* reporter, uint32_t deadline_ms) {
   return reporter && reporter->reporter.Close(milliseconds(deadline_ms)) ? 1 : 0;
 }
 
+int32_t veld_report_is_closed(veld_report_handle* reporter) {
+  return reporter && reporter->reporter.IsClosed() ? 1 : 0;
+}
+
 void veld_report_free(veld_report_handle* reporter) { delete reporter; }

@@ -69,8 +69,9 @@ typedef struct veld_report_request {
   int32_t result;
 } veld_report_request;
 
-/* Called for each completed request, on a thread of the library, until veld_report_close returns. It should
- * return soon and must not close or free the handle. */
+/* Called for each completed request, on a thread of the library, until veld_report_close returns; a call that
+ * takes longer than the close may go on, see veld_report_is_closed. It should return soon and must not close
+ * or free the handle. */
 typedef void (*veld_report_listener)(void* context, const veld_report_request* request);
 
 /* Fill it with zeros and set struct_size, store and the endpoints. Everything else has a default, which 0 or
@@ -207,9 +208,12 @@ VELD_REPORT_API int32_t veld_report_endpoint_stats(veld_report_handle* reporter,
 
 /* Accepts no more records, flushes until the deadline, and stops; undelivered records stay in the store.
  * Takes at most the deadline plus 5 seconds. 1: all was flushed; 0: not. The handle stays, for
- * veld_report_free. If a disk takes longer, the end goes on in the background, and until then the store can't
- * be opened again. */
+ * veld_report_free. If a disk or a listener takes longer, the end goes on in the background. */
 VELD_REPORT_API int32_t veld_report_close(veld_report_handle* reporter, uint32_t deadline_ms);
+
+/* 1: everything has ended after a close: the threads, the calls of the listener, and the lock on the store's
+ * folder; 0: not. */
+VELD_REPORT_API int32_t veld_report_is_closed(veld_report_handle* reporter);
 
 /* Frees the handle. If it isn't closed, closes it first without waiting. Does nothing for NULL. */
 VELD_REPORT_API void veld_report_free(veld_report_handle* reporter);
