@@ -62,6 +62,9 @@ set_target_properties(veld_report_host PROPERTIES EXPORT_NAME host LINKER_LANGUA
 target_link_libraries(veld_report_host INTERFACE veld_contract
   CURL::libcurl OpenSSL::SSL OpenSSL::Crypto SQLite::SQLite3 simdjson::simdjson Threads::Threads
   ${CMAKE_DL_LIBS})
+add_dependencies(veld_report_host veld_report)
+# The installed package says by itself where its module is.
+target_link_options(veld_report_host INTERFACE $<BUILD_INTERFACE:LINKER:-rpath,$<TARGET_FILE_DIR:veld_report>>)
 install(TARGETS veld_report_host EXPORT veld_report ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(DIRECTORY src/host/include/veld_report DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 

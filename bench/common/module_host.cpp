@@ -52,7 +52,7 @@ ModuleHost::ModuleHost(const ModuleHostOptions& options)
     : timer(MakeTimer(options.realTimer)),
       firstUrl_(options.urls.front()),
       packetLimit_(options.packetLimit),
-      module_(host::FindModule()) {
+      module_(host::LoadModule()) {
   host::ServiceLocator& locator = *locator_;
   locator.Register<zel::IAllocator>(
       Or<zel::IAllocator>(options.allocator, host::MakeObject<host::HeapAllocator>()));
@@ -67,7 +67,7 @@ ModuleHost::ModuleHost(const ModuleHostOptions& options)
   locator.Register<zel::IStorageSerializer2>(
       Or(options.serializer, host::CreateWatchedSerializer(host::CreateSerializer())));
 
-  const auto factory = module_.MakeFactory(locator_.Get());
+  const auto factory = module_->MakeFactory(locator_.Get());
   zel::Ref<IVeldReportSenderConstruct> construct;
   Require(factory->CreateInstance(locator_.Get(), IVeldReportSenderConstruct::iid, construct.OutVoid()),
           "CreateInstance");

@@ -62,7 +62,7 @@ class ModuleHost {
   const std::string firstUrl_;
   const std::uint32_t packetLimit_;
   zel::Ref<host::ServiceLocator> locator_ = host::MakeObject<host::ServiceLocator>();
-  host::LoadedModule module_;
+  const std::unique_ptr<host::LoadedModule> module_;
 };
 
 // `count` distinct urls.

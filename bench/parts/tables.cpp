@@ -89,7 +89,7 @@ VELD_TABLE_BENCHMARK(SetSettings);
 
 // The cost of loading: from nothing to a factory and back.
 void ModuleLoad(benchmark::State& state) {
-  const std::string path = host::FindModule();
+  const std::string path = host::LoadModule()->Path();
   for (auto _ : state) {
     host::LoadedModule module(path);
     benchmark::DoNotOptimize(module.MakeFactory(nullptr));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -81,10 +82,11 @@ TEST_F(Kit, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {
   EXPECT_THAT(trace, testing::Not(testing::HasSubstr("secret")));
 }
 
-TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
+TEST_F(Kit, EachMistakeIsNamedAndLeavesNoFile) {
   const auto expectRefused = [&](HostKitOptions options, const char* message) {
     EXPECT_THAT([&] { HostKit{options}; }, testing::Throws<std::exception>(testing::Property(
                                                &std::exception::what, testing::HasSubstr(message))));
+    EXPECT_FALSE(std::filesystem::exists(Path("store"))) << message;
   };
   const std::pair<KitEndpoint, const char*> endpoints[] = {
       {{"ftp://h"}, "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
@@ -103,13 +105,15 @@ TEST_F(Kit, EachMistakeIsNamedAndLeavesTheStoreFree) {
       {{"content-TYPE: text/plain"}, "content-TYPE is set by the client"},
       {{"X-A: b\r\nHost: c"}, "header 1 isn't a line of the form"},
   };
-  HostKitOptions module = good, limit = good, trace = good, header = good;
+  HostKitOptions module = good, limit = good, key = good, trace = good, header = good;
   for (const auto& [lines, message] : headers) {
     header.http.headers = lines;
     expectRefused(header, message);
   }
   module.modulePath = "libm.so.6";
   expectRefused(module, "exports no function zelGetObjectFactory");
+  key.signingKeyFile = "none.pem";
+  expectRefused(key, "key file none.pem");
   limit.settings.queueLimitKb = 4194304;
   expectRefused(limit, "it must be 1 to 4194303");
   trace.trace.path = "/nonexistent/trace";

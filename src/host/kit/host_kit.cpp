@@ -53,15 +53,25 @@ zel::Ref<HttpClientFactory> MakeHttp(const HostKitOptions& given, const zel::Ref
   return CreateHttpClientFactory(options);
 }
 
+zel::Ref<orvel::ISignatureProvider> MakeSigner(const std::string& keyFile) {
+  if (keyFile.empty()) return {};
+  return MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(keyFile));
+}
+
 }  // namespace
 
+// Everything that can be wrong with the options is found out before the store is opened, so that a mistake
+// leaves no files.
 HostKit::HostKit(const HostKitOptions& options)
     : allocator_(MakeObject<HeapAllocator>()),
       tracer_(MakeObject<LineTracer>(options.trace)),
       gate_(std::make_shared<DeliveryGate>(options.clock)),
+      settings_(std::make_unique<const BuiltSettings>(options.settings)),
+      module_(LoadModule(options.modulePath)),
+      signer_(MakeSigner(options.signingKeyFile)),
+      http_(MakeHttp(options, tracer_, gate_)),
       queues_(OpenQueues(options.queues, tracer_, gate_)),
       urlStates_(std::make_shared<UrlStateFile>(options.queues.folder)),
-      http_(MakeHttp(options, tracer_, gate_)),
       timer_(MakeObject<TimerService>(TimerOptions{options.clock, tracer_})),
       drainTimer_(MakeObject<TimerService>(TimerOptions{options.clock, tracer_})),
       mode_(MakeObject<ExecutionMode>()),
@@ -74,7 +84,7 @@ HostKit::HostKit(const HostKitOptions& options)
   gate_->Attach(http_.Get(), timer_.Get());
   try {
     RegisterServices(options);
-    MakeSenders(options);
+    MakeSenders(options.settings);
   } catch (...) {
     Close();
     throw;
@@ -107,20 +117,17 @@ void HostKit::RegisterServices(const HostKitOptions& options) {
   locator_->Register<network_services::IHttpClientFactory>(http_);
   locator_->Register<zel::ITimerService>(timer_);
   locator_->Register<orvel::IExecutionModeProvider>(mode_);
-  if (options.signingKeyFile.empty()) return;
-  const auto signer = MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(options.signingKeyFile));
-  locator_->Register<orvel::ISignatureProvider>(signer);
-  intakeLocator_->Register<orvel::ISignatureProvider>(signer);
+  if (!signer_) return;
+  locator_->Register<orvel::ISignatureProvider>(signer_);
+  intakeLocator_->Register<orvel::ISignatureProvider>(signer_);
 }
 
-void HostKit::MakeSenders(const HostKitOptions& options) {
-  settings_ = std::make_unique<const BuiltSettings>(options.settings);
-  module_ = std::make_unique<LoadedModule>(options.modulePath.empty() ? FindModule() : options.modulePath);
+void HostKit::MakeSenders(const KitSettings& settings) {
   const std::lock_guard lock(settingsMutex_);
   http_->AnnounceUrls(settings_->Urls());
   delivery_ = std::make_unique<ModuleSender>(*module_, *locator_, settings_->Record());
   intake_ = std::make_unique<ModuleSender>(*module_, *intakeLocator_, settings_->Record());
-  gate_->SetSettings(options.settings);
+  gate_->SetSettings(settings);
   urlStates_->SetUrls(settings_->Urls());
 }
 
@@ -216,6 +223,7 @@ bool HostKit::Close() {
   }
   http_.Reset();
   queues_.Reset();
+  signer_.Reset();
   const bool unloaded = !module_ || module_->TryUnload();
   module_.reset();
   return unloaded;

@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "contract/sender.h"
+#include "contract/signature.h"
 #include "host/kit/drain_watch.h"
 #include "host/kit/host_kit_options.h"
 #include "host/kit/module_sender.h"
@@ -97,26 +98,26 @@ class HostKit {
 
  private:
   void RegisterServices(const HostKitOptions& options);
-  void MakeSenders(const HostKitOptions& options);
+  void MakeSenders(const KitSettings& settings);
 
   zel::Ref<HeapAllocator> allocator_;
   zel::Ref<LineTracer> tracer_;
   const std::shared_ptr<DeliveryGate> gate_;  // shared with the store and the HTTP clients
+  std::mutex settingsMutex_;                  // held from AnnounceUrls to the end of the SetSettings after it
+  std::unique_ptr<const BuiltSettings> settings_;
+  std::unique_ptr<LoadedModule> module_;
+  zel::Ref<orvel::ISignatureProvider> signer_;  // may be null
+  zel::Ref<HttpClientFactory> http_;
   zel::Ref<QueueService> queues_;
   const std::shared_ptr<UrlStateFile> urlStates_;  // shared with the notification of completed requests
-  zel::Ref<HttpClientFactory> http_;
   zel::Ref<TimerService> timer_;
   zel::Ref<TimerService> drainTimer_;
   zel::Ref<ExecutionMode> mode_;
   zel::Ref<DrainWatch> drains_;
   zel::Ref<ServiceLocator> locator_;
   zel::Ref<ServiceLocator> intakeLocator_;
-  std::unique_ptr<LoadedModule> module_;
   std::unique_ptr<ModuleSender> delivery_;
   std::unique_ptr<ModuleSender> intake_;
-
-  std::mutex settingsMutex_;  // held from AnnounceUrls to the end of the SetSettings after it
-  std::unique_ptr<const BuiltSettings> settings_;
 };
 
 }  // namespace veld_report::host

@@ -39,7 +39,7 @@ struct KitSettings {
 };
 
 struct HostKitOptions {
-  std::string modulePath{};  // of the module's library; empty: FindModule() (host/kit/module_path.h)
+  std::string modulePath{};  // of the module's library; empty: see LoadModule (host/kit/module_path.h)
   KitSettings settings{};
   QueueServiceOptions queues{};  // `folder` is required; `tracer` and `pacer` are set by the kit
   HttpClientOptions http{};      // `tracer` and `clock` are set by the kit

@@ -1,51 +1,70 @@
 #include "host/kit/module_path.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
-#include <filesystem>
+#include <algorithm>
+#include <stdexcept>
 #include <system_error>
-#include <vector>
 
 namespace veld_report::host {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<fs::path> Homes() {
-  std::vector<fs::path> homes;
-  Dl_info self{};
+constexpr char moduleName[] = "libveld_report.so";
+
+// The folder of the shared library with this code; empty if the program itself has it.
+fs::path OwnFolder() {
+  Dl_info info{};
+  link_map* own = nullptr;
+  void** const out = reinterpret_cast<void**>(&own);
+  if (::dladdr1(reinterpret_cast<void*>(&ModuleFolders), &info, out, RTLD_DL_LINKMAP) == 0) return {};
+  // A program has no name here, and dli_fname is argv[0], which needn't be a path.
+  if (!own || !own->l_name || !*own->l_name) return {};
   std::error_code error;
-  if (::dladdr(reinterpret_cast<void*>(&FindModule), &self) != 0 && self.dli_fname) {
-    homes.push_back(fs::absolute(self.dli_fname, error).parent_path());
-  }
-  const fs::path program = fs::read_symlink("/proc/self/exe", error);
-  if (!error) homes.push_back(program.parent_path());
-  return homes;
+  return fs::absolute(own->l_name, error).parent_path();
 }
 
-std::vector<fs::path> Folders() {
-  const fs::path packaged = fs::path("lib") / VELD_LIBRARY_ARCHITECTURE / "veld_report";
-  std::vector<fs::path> folders;
-  for (const fs::path& home : Homes()) {
-    const fs::path above = home.parent_path();
-    folders.insert(folders.end(),
-                   {home, home / "veld_report", above / "lib", above / "lib/veld_report", above / packaged});
-  }
-  for (const char* const prefix : {"/usr/local", "/usr"}) {
-    folders.insert(folders.end(), {fs::path(prefix) / "lib/veld_report", prefix / packaged});
-  }
-  return folders;
+fs::path ProgramFolder() {
+  std::error_code error;
+  return fs::read_symlink("/proc/self/exe", error).parent_path();
 }
 
 }  // namespace
 
-std::string FindModule() {
-  constexpr char name[] = "libveld_report.so";
-  std::error_code error;
-  for (const fs::path& folder : Folders()) {
-    if (fs::is_regular_file(folder / name, error)) return (folder / name).string();
+std::vector<fs::path> ModuleFolders() {
+  std::vector<fs::path> folders;
+  const auto add = [&](const fs::path& folder) {
+    if (std::ranges::find(folders, folder) == folders.end()) folders.push_back(folder);
+  };
+  for (const fs::path& home : {OwnFolder(), ProgramFolder()}) {
+    if (home.empty()) continue;
+    add(home);
+    for (const char* const libraries : {VELD_LIBRARY_FOLDER, "lib", "lib/" VELD_LIBRARY_ARCHITECTURE}) {
+      add((home.parent_path() / libraries / "").parent_path());
+    }
   }
-  return name;
+  return folders;
+}
+
+std::unique_ptr<LoadedModule> LoadModule(const std::string& path) {
+  if (!path.empty()) return std::make_unique<LoadedModule>(path);
+  std::string looked;
+  for (const fs::path& folder : ModuleFolders()) {
+    std::error_code error;
+    if (fs::is_regular_file(folder / moduleName, error)) {
+      return std::make_unique<LoadedModule>((folder / moduleName).string());
+    }
+    looked += folder.string() + ", ";
+  }
+  try {
+    return std::make_unique<LoadedModule>(moduleName);
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(std::string(error.what()) + ". Looked in " + looked +
+                             "and where the system's loader looks (LD_LIBRARY_PATH, the program's RUNPATH, "
+                             "the system's folders)");
+  }
 }
 
 }  // namespace veld_report::host

@@ -21,7 +21,7 @@ LoadedModule::LoadedModule(const std::string& path) : path_(path) {
   handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle_) {
     throw std::runtime_error("module: can't be loaded: " + LoaderError() +
-                             "; give the path of libveld_report.so");
+                             "; set modulePath (veldrep: --module) to the file libveld_report.so");
   }
   try {
     using orvel::veld_report::CanUnloadModuleFunction;

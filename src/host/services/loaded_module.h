@@ -24,6 +24,8 @@ class LoadedModule {
   // Unloads if possible; otherwise the library stays in the process for good, which is safe.
   ~LoadedModule();
 
+  const std::string& Path() const { return path_; }
+
   // A factory of the sender's class. `locator` may be null. Throws std::runtime_error with the code.
   zel::Ref<zel::IObjectFactory> MakeFactory(zel::IServiceLocator* locator);
 

@@ -103,7 +103,7 @@ struct ReporterOptions {
   std::string caFile{};                // trusted certificates in place of the system's
   std::string traceFile{};             // empty: stderr
   std::uint32_t traceLevel = 0;        // 0 nothing, 300 failures, 700 everything
-  std::string modulePath{};            // of libveld_report.so; empty: the usual places
+  std::string modulePath{};            // of libveld_report.so; empty: it is looked for, see docs/api.md
 };
 
 // The statistics of one endpoint.
@@ -138,7 +138,8 @@ struct Statistics {
 // open a reporter of its own on another store.
 class Reporter {
  public:
-  // Opens the store and starts. Throws ReporterError and then leaves nothing behind.
+  // Opens the store and starts. Throws ReporterError. Then nothing runs, and unless the store itself is what
+  // failed, no file was made.
   explicit Reporter(ReporterOptions options);
   // The same without an exception: returns null, with the sentence in `*error` (which may be null).
   static std::unique_ptr<Reporter> TryOpen(ReporterOptions options, std::string* error = nullptr) noexcept;

@@ -87,7 +87,7 @@ typedef struct veld_report_options {
   const char* signing_key_file; /* Ed25519 private key, PEM; default: unsigned */
   const char* trace_file;       /* default: stderr */
   uint32_t trace_level;         /* 300: failures, 700: everything; default: nothing */
-  const char* module_path;      /* of libveld_report.so; default: the usual places */
+  const char* module_path;      /* of libveld_report.so; default: it is looked for */
   uint32_t packet_limit_kb;     /* maximum size of a request's records; default 256 */
   uint32_t send_every_s;        /* minimum time between requests to a url; default: none */
   uint32_t allow_http; /* not 0: http:// urls to other machines too, which anyone on the way can read */
