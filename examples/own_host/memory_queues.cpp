@@ -21,9 +21,11 @@ class Producer final : public Counted<orvel::IQueueProducer> {
   zel::ResultCode Push(const zel::ByteRange* data) override {
     const std::scoped_lock lock(table_->mutex);
     Queue& queue = table_->queues[name_];
+    const auto size = static_cast<std::uint64_t>(data->end - data->begin);
+    // The sender would drop everything else for it, and then the item too.
+    if (size > limit_) return zel::eInvalidArgument;
     std::uint64_t used = 0;
     for (const Item& item : queue) used += item.bytes.size();
-    const auto size = static_cast<std::uint64_t>(data->end - data->begin);
     // This code in particular makes the sender drop the oldest items and try again.
     if (used + size > limit_) return zel::eOutOfSpace;
     queue.push_back({++table_->lastToken, {data->begin, data->end}});

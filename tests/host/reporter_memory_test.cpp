@@ -83,6 +83,25 @@ TEST_F(Memory, IsLimitedInRecordsAndInBytes) {
   for (int i = 0; i < 3000; ++i) reporter.SendJson("1");
 }
 
+TEST_F(Memory, RecordThatFitsInNoQueuePushesNothingOut) {
+  ReporterOptions options = Options({{"http://127.0.0.1:1"}});
+  options.sendingAllowed = false;
+  options.storeLimitBytes = 50 << 10;
+  Reporter reporter(options);
+  const RecordBuilder large = RecordBuilder().Add("text", std::string(5000, 'x'));
+  for (int i = 0; i < 5; ++i) reporter.Send(RecordBuilder().Add("n", i));
+  ASSERT_TRUE(reporter.FlushToStore(seconds(20)));
+  EXPECT_EQ(reporter.TrySend(RecordBuilder().Add("text", std::string(50 << 10, 'x'))), zel::eInvalidArgument);
+  reporter.Send(large);  // is still in memory when the limit drops
+  reporter.SetSettings({.endpoints = options.endpoints, .queueLimitKb = 1});
+  std::string why;
+  EXPECT_EQ(reporter.TrySendJson(large.Text(), {}, &why), zel::eInvalidArgument);
+  EXPECT_THAT(why, testing::StartsWith("the record has 5011 bytes, more than a queue can hold; raise"));
+  ASSERT_TRUE(reporter.FlushToStore(seconds(20)));
+  EXPECT_EQ(reporter.Stats().total,
+            (QueueLedger{.accepted = {6, 5046}, .rejected = {1, 5011}, .waiting = {5, 35}}));
+}
+
 // The queue of the first endpoint fills as fast as it is delivered.
 TEST_F(Memory, FloodForOneEndpointHoldsUpNoOther) {
   const auto busy = Serve("busy");

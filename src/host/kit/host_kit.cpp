@@ -1,5 +1,6 @@
 #include "host/kit/host_kit.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -80,7 +81,8 @@ HostKit::HostKit(const HostKitOptions& options)
                                        if (IsSendingAllowed()) BeginCycle();
                                      })),
       locator_(MakeObject<ServiceLocator>()),
-      intakeLocator_(MakeObject<ServiceLocator>()) {
+      intakeLocator_(MakeObject<ServiceLocator>()),
+      storeLimitBytes_(options.queues.storeLimitBytes == 0 ? UINT64_MAX : options.queues.storeLimitBytes) {
   gate_->Attach(http_.Get(), timer_.Get());
   try {
     RegisterServices(options);
@@ -129,10 +131,15 @@ void HostKit::MakeSenders(const KitSettings& settings) {
   intake_ = std::make_unique<ModuleSender>(*module_, *intakeLocator_, settings_->Record());
   gate_->SetSettings(settings);
   urlStates_->SetUrls(settings_->Urls());
+  SetRecordLimit(settings);
+}
+
+void HostKit::SetRecordLimit(const KitSettings& settings) {
+  recordLimitBytes_ = std::min(std::uint64_t{settings.queueLimitKb} << 10, storeLimitBytes_);
 }
 
 Submission HostKit::Submit(std::string_view consumer, const zel::AnyPtr& record) {
-  return intake_ ? intake_->Submit(consumer, record) : Submission{zel::eNotInitialized};
+  return intake_ ? intake_->Submit(consumer, record, recordLimitBytes_) : Submission{zel::eNotInitialized};
 }
 
 Submission HostKit::SubmitJson(std::string_view consumer, std::string_view text) {
@@ -197,6 +204,7 @@ void HostKit::SetSettings(const KitSettings& settings) {
   }
   gate_->SetSettings(settings);
   urlStates_->SetUrls(built->Urls());
+  SetRecordLimit(settings);
   settings_ = std::move(built);
 }
 

@@ -8,6 +8,7 @@
 // One with services of its own writes its own host against contract/ and picks single services from host/.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -99,6 +100,7 @@ class HostKit {
  private:
   void RegisterServices(const HostKitOptions& options);
   void MakeSenders(const KitSettings& settings);
+  void SetRecordLimit(const KitSettings& settings);
 
   zel::Ref<HeapAllocator> allocator_;
   zel::Ref<LineTracer> tracer_;
@@ -118,6 +120,10 @@ class HostKit {
   zel::Ref<ServiceLocator> intakeLocator_;
   std::unique_ptr<ModuleSender> delivery_;
   std::unique_ptr<ModuleSender> intake_;
+
+  const std::uint64_t storeLimitBytes_;
+  // No record of more bytes can ever be in a queue.
+  std::atomic<std::uint64_t> recordLimitBytes_{0};
 };
 
 }  // namespace veld_report::host

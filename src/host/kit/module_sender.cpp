@@ -34,9 +34,10 @@ ModuleSender::ModuleSender(LoadedModule& module, zel::IServiceLocator& locator,
   Require(construct->Construct(settings), "module: the sender refuses its services or settings");
 }
 
-Submission ModuleSender::Submit(std::string_view consumer, const zel::AnyPtr& record) {
+Submission ModuleSender::Submit(std::string_view consumer, const zel::AnyPtr& record,
+                                std::uint64_t limitBytes) {
   const zel::string name = ToNarrow(consumer);
-  SubmissionWatch watch;
+  SubmissionWatch watch(limitBytes);
   const zel::ResultCode code = sender_->SendStatistic(name, record);
   if (zel::Failed(code)) return {code};
   return watch.Take();

@@ -1,6 +1,7 @@
 // ModuleSender: one sender of the loaded module, created, constructed and held by its interfaces.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 #include "contract/sender.h"
@@ -17,7 +18,9 @@ class ModuleSender {
   ModuleSender(LoadedModule& module, zel::IServiceLocator& locator,
                const orvel::veld_report::SenderSettings& settings);
 
-  Submission Submit(std::string_view consumer, const zel::AnyPtr& record);
+  // Refuses a record whose text is longer than `limitBytes`.
+  Submission Submit(std::string_view consumer, const zel::AnyPtr& record,
+                    std::uint64_t limitBytes = UINT64_MAX);
   // Submits what no endpoint takes, so that a cycle starts within a second.
   void Trigger();
   // Throws std::runtime_error.

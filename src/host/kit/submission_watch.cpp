@@ -33,8 +33,7 @@ class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
   zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t flag,
                             zel::IObject** context) override {
     const zel::ResultCode code = inner_->Serialize(object, storage, flag, context);
-    if (storage) SubmissionWatch::Note(code, *storage, context ? *context : nullptr);
-    return code;
+    return storage ? SubmissionWatch::Note(code, *storage, context ? *context : nullptr) : code;
   }
 
  private:
@@ -43,23 +42,29 @@ class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
 
 }  // namespace
 
-SubmissionWatch::SubmissionWatch() : outer_(std::exchange(current, this)) {}
+SubmissionWatch::SubmissionWatch(std::uint64_t limitBytes)
+    : limitBytes_(limitBytes), outer_(std::exchange(current, this)) {}
 SubmissionWatch::~SubmissionWatch() { current = outer_; }
 
-void SubmissionWatch::Note(zel::ResultCode code, zel::IStorage& storage, zel::IObject* context) noexcept {
-  if (!current) return;
-  current->result_.code = code;
+zel::ResultCode SubmissionWatch::Note(zel::ResultCode code, zel::IStorage& storage,
+                                      zel::IObject* context) noexcept {
+  if (!current) return code;
+  Submission& result = current->result_;
+  result.code = code;
   try {
     if (zel::Failed(code)) {
-      current->result_.where = Place(context);
+      result.where = Place(context);
     } else {
       zel::Ref<IJsonTextAccess> text;
       const zel::ResultCode found = storage.QueryInterface(IJsonTextAccess::iid, text.OutVoid());
-      if (!zel::Failed(found)) current->result_.bytes = text->TextBytes();
+      if (!zel::Failed(found)) result.bytes = text->TextBytes();
+      result.tooLarge = result.bytes > current->limitBytes_;
+      if (result.tooLarge) result.code = zel::eInvalidArgument;
     }
   } catch (...) {
     // If memory runs out, the location is missing; the code is still noted.
   }
+  return result.code;
 }
 
 zel::Ref<zel::IStorageSerializer2> CreateWatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner) {

@@ -16,7 +16,8 @@ namespace veld_report::host {
 struct Submission {
   zel::ResultCode code = zel::sOk;
   std::string where{};
-  std::uint64_t bytes = 0;  // of an accepted record's text
+  std::uint64_t bytes = 0;  // of the record's text; 0 if there is none
+  bool tooLarge = false;    // it was refused because of these bytes
 
   bool Accepted() const { return !zel::Failed(code); }
 };
@@ -24,7 +25,9 @@ struct Submission {
 // While it lives, it notes what the watching serialiser does on this thread. Watches nest.
 class SubmissionWatch {
  public:
-  SubmissionWatch();
+  // A text of more than `limitBytes` makes the serialiser fail with 0x80000046 "Invalid argument", so that
+  // the sender doesn't take it.
+  explicit SubmissionWatch(std::uint64_t limitBytes);
   SubmissionWatch(const SubmissionWatch&) = delete;
   SubmissionWatch& operator=(const SubmissionWatch&) = delete;
   ~SubmissionWatch();
@@ -32,11 +35,12 @@ class SubmissionWatch {
   // 0x8000006b "Not initialized" if there was no serialisation.
   Submission Take() { return std::move(result_); }
 
-  // For the serialiser. Does nothing on a thread without a watch.
-  static void Note(zel::ResultCode code, zel::IStorage& storage, zel::IObject* context) noexcept;
+  // For the serialiser, which returns the result. Changes nothing on a thread without a watch.
+  static zel::ResultCode Note(zel::ResultCode code, zel::IStorage& storage, zel::IObject* context) noexcept;
 
  private:
   Submission result_{zel::eNotInitialized};
+  const std::uint64_t limitBytes_;
   SubmissionWatch* const outer_;
 };
 

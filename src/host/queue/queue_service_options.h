@@ -31,7 +31,8 @@ struct QueueServiceOptions {
   std::chrono::milliseconds maxAge{0};
   // Limit for the items of all queues of a domain together, in bytes; 0: no limit. For an item that doesn't
   // fit, the service drops the oldest items of the largest queue and counts them as evicted. So one failing
-  // queue can't keep the others out. Push returns 0x80000062 if not even that makes room.
+  // queue can't keep the others out. Push returns 0x80000062 if not even that makes room, and 0x80000046 for
+  // an item that is larger than the limit.
   std::uint64_t storeLimitBytes = 0;
 
   // Several processes may open the folder, all of them with `shared` set. All may push. One at a time sends

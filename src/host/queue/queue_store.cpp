@@ -93,8 +93,13 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
   const ItemCount item{1, static_cast<std::int64_t>(data.size())};
   const std::lock_guard lock(mutex_);
   if (const auto repeated = evictions_.TakeRepeated(queue)) Reject(queue, -*repeated);
-  if (data.size() > maxItemBytes) {
+  const std::uint64_t limitBytes = std::min<std::uint64_t>(
+      {maxItemBytes, sizeLimitBytes, options_.storeLimitBytes == 0 ? UINT64_MAX : options_.storeLimitBytes});
+  if (data.size() > limitBytes) {
+    // Not out of space: the caller would empty the queue for an item that fits nowhere.
     Reject(queue, item);
+    Trace(failureLevel, "an item of " + std::to_string(data.size()) + " bytes is lost: queue " +
+                            queue.stored.Name() + " can hold " + std::to_string(limitBytes));
     return zel::eInvalidArgument;
   }
   Refresh();
@@ -129,7 +134,6 @@ zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::ui
 bool QueueStore::MakeRoomInStore(std::int64_t bytes) {
   const auto limit = static_cast<std::int64_t>(std::min<std::uint64_t>(options_.storeLimitBytes, INT64_MAX));
   if (limit == 0) return true;
-  if (bytes > limit) return false;
   while (true) {
     std::int64_t total = bytes;
     QueueState* largest = nullptr;

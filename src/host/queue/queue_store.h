@@ -86,8 +86,8 @@ class QueueStore {
 
   // Creates the queue if there is none. The result is valid as long as the store.
   QueueState& OpenQueue(const std::string& name);
-  // 0x80000062 if and only if the item doesn't fit within the limit; 0x80000063 if the file can't be written
-  // now; 0x80000046 for an item that no file can hold.
+  // 0x80000062 if and only if the item would fit once others are gone; 0x80000046 if it is larger than a
+  // limit or than any file can hold; 0x80000063 if the file can't be written now.
   zel::ResultCode Push(QueueState& queue, std::span<const std::uint8_t> data, std::uint32_t sizeLimitBytes);
 
   void OpenReader(const std::string& name, ReaderState* reader);

@@ -48,6 +48,11 @@ Flusher::TimePoint After(milliseconds duration) {
 }
 
 std::string WhyRefused(const host::Submission& submission, bool isJson, std::string_view json) {
+  if (submission.tooLarge) {
+    return "the record has " + std::to_string(submission.bytes) +
+           " bytes, more than a queue can hold; raise queueLimitKb (and storeLimitBytes, if it is set), or "
+           "send less in one record";
+  }
   if (isJson && submission.code == zel::eInvalidArgument) {
     std::string why;
     if (!host::JsonCheck().IsOneValue(json, &why)) return "the text isn't one JSON value: " + why;

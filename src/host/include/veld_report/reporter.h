@@ -152,9 +152,9 @@ class Reporter {
 
   // Accepts a record. It is turned into JSON on this thread and isn't used after the return; this waits for
   // neither network nor disk. `consumer` selects the endpoints; empty means all. Throws ReporterError:
-  // 0x80000046 "Invalid argument", with the field, for what isn't JSON; 0x8000004c "Not found" if no endpoint
-  // has this consumer (or there are no endpoints); 0x80000062 "Out of space" while memory is full;
-  // 0x80000041 "Out of memory".
+  // 0x80000046 "Invalid argument", with the field, for what isn't JSON, and for a record that is larger than
+  // a queue; 0x8000004c "Not found" if no endpoint has this consumer (or there are no endpoints); 0x80000062
+  // "Out of space" while memory is full; 0x80000041 "Out of memory".
   template <DescribedRecord T>
   void Send(const T& record, std::string_view consumer = {}) {
     SendRecord(AnyOf(record), consumer);
