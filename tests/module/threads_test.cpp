@@ -1,5 +1,7 @@
-// The sender under many threads, with everything at once.
+// The sender under many threads, with everything at once: the built module, the host kit's services, queues
+// in memory and a client that answers by itself.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,11 +10,28 @@
 #include <string>
 #include <thread>
 
-#include "tests/module/module_host.h"
+#include "contract/sender.h"
+#include "examples/own_host/memory_queues.h"
+#include "host/json/json_record.h"
+#include "host/json/json_storage.h"
+#include "host/json/serializer.h"
+#include "host/services/execution_mode.h"
+#include "host/services/function_notification.h"
+#include "host/services/hash_service.h"
+#include "host/services/heap_allocator.h"
+#include "host/services/line_tracer.h"
+#include "host/services/loaded_module.h"
+#include "host/services/service_locator.h"
+#include "host/services/timer_service.h"
+#include "tests/module/answering_client.h"
 
 namespace veld_report::tests {
 namespace {
 
+using host::MakeObject;
+using orvel::veld_report::IVeldReportSender;
+using orvel::veld_report::IVeldReportSenderConstruct;
+using orvel::veld_report::IVeldReportSenderSettings;
 using orvel::veld_report::SenderSettings;
 
 // The host kit's timer without the delays: 1 ms for what a cycle asks for, none for a submission.
@@ -36,6 +55,39 @@ class PromptTimer final : public host::HostObject<zel::ITimerService> {
   const zel::Ref<host::TimerService> timer_ = host::MakeObject<host::TimerService>();
 };
 
+struct Host {
+  Host() {
+    const auto ignoreLine = [](std::string_view) {};
+    const auto ignoreRequest = [](const host::FinishedRequest&) {};
+    const host::LineTracerOptions all{.level = 700, .sink = ignoreLine};
+    locator->Register<zel::IAllocator>(MakeObject<host::HeapAllocator>());
+    locator->Register<zel::ITracer>(MakeObject<host::LineTracer>(all));
+    locator->Register<crypto::hash::IHashCalculatorFactory>(MakeObject<host::HashService>());
+    locator->Register<orvel::IQueueFactory>(queues);
+    locator->Register<network_services::IHttpClientFactory>(client);
+    locator->Register<orvel::IExecutionModeProvider>(mode);
+    locator->Register<orvel::IRequestsNotification>(MakeObject<host::FunctionNotification>(ignoreRequest));
+    locator->Register<zel::IJsonStorageFactory>(host::CreateJsonStorageFactory());
+    locator->Register<zel::IStorageSerializer2>(host::CreateSerializer());
+    locator->Register<zel::ITimerService>(timer);
+  }
+
+  const zel::Ref<host::ServiceLocator> locator = MakeObject<host::ServiceLocator>();
+  const zel::Ref<own_host::MemoryQueues> queues = own_host::Make<own_host::MemoryQueues>();
+  const zel::Ref<host::ExecutionMode> mode = MakeObject<host::ExecutionMode>();
+  const zel::Ref<AnsweringClient> client = MakeObject<AnsweringClient>();
+  const zel::Ref<PromptTimer> timer = MakeObject<PromptTimer>();
+};
+
+SenderSettings MakeSettings(std::initializer_list<std::u16string_view> urls, std::uint32_t packetLimit) {
+  SenderSettings settings;
+  for (const std::u16string_view url : urls) settings.urls.push_back({zel::wstring(url), {}});
+  settings.packetLimit = packetLimit;
+  settings.queueLimit = 1000;
+  settings.sendTimeout = 2;
+  return settings;
+}
+
 // Waits a moment for one, and doesn't insist.
 void LetACycleBegin(const PromptTimer& timer) {
   const std::uint64_t before = timer.Cycles();
@@ -50,57 +102,60 @@ struct RoundTotals {
 // One sender in the hands of eight producers, one who changes settings and one who opens and closes the gate,
 // with cycles on a timer's thread and completions on threads of their own. Each of them lets its references
 // go when it is done, so the last Release, with its flush, comes from any of them.
-void LiveARound(const ModuleLibrary& module, RoundTotals* totals) {
+void LiveARound(host::LoadedModule& module, RoundTotals* totals) {
   constexpr int producerCount = 8;
   constexpr int submissions = 40;
   const SenderSettings plans[] = {MakeSettings({u"http://a", u"http://b"}, 17),
                                   MakeSettings({u"http://b", u"http://a"}, 5)};
-  std::vector<Answer> answers;
-  for (int i = 0; i < 5; ++i) {
-    answers.insert(answers.end(), {Answer::refused, Answer::atOnce, Answer::failure, Answer::late});
-  }
-  const ModuleHost host(answers);
-  const auto timer = host::MakeObject<PromptTimer>();
-  host.locator->Register<zel::ITimerService>(timer);
+  const Host host;
+  const auto& timer = *host.timer;
 
-  Sender life;
-  ASSERT_EQ(life.Create(module, host.locator.Get()), zel::sOk);
-  ASSERT_EQ(life.construct->Construct(plans[0]), zel::sOk);
+  zel::Ref<IVeldReportSender> sender;
+  zel::Ref<IVeldReportSenderConstruct> construct;
+  zel::Ref<IVeldReportSenderSettings> settings;
+  auto* const locator = host.locator.Get();
+  const auto made =
+      module.MakeFactory(locator)->CreateInstance(locator, IVeldReportSender::iid, sender.OutVoid());
+  ASSERT_EQ(made, zel::sOk);
+  ASSERT_EQ(sender->QueryInterface(IVeldReportSenderConstruct::iid, construct.OutVoid()), zel::sOk);
+  ASSERT_EQ(sender->QueryInterface(IVeldReportSenderSettings::iid, settings.OutVoid()), zel::sOk);
+  ASSERT_EQ(construct->Construct(plans[0]), zel::sOk);
+  construct.Reset();
   std::vector<std::thread> threads;
   for (int i = 0; i < producerCount; ++i) {
-    threads.emplace_back([own = life, &timer]() mutable {
+    threads.emplace_back([own = sender, &timer]() mutable {
       for (int n = 0; n < submissions; ++n) {
-        EXPECT_EQ(own.Send(std::to_string(n)), zel::sOk);
-        if (n % 10 == 0) LetACycleBegin(*timer);
+        host::JsonRecord record{"{\"n\":" + std::to_string(n) + "}"};
+        EXPECT_EQ(own->SendStatistic(record.AsAny()), zel::sOk);
+        if (n % 10 == 0) LetACycleBegin(timer);
       }
-      own = {};
+      own.Reset();
     });
   }
-  threads.emplace_back([own = life, &plans, &timer]() mutable {
+  threads.emplace_back([own = std::move(settings), &plans, &timer]() mutable {
     for (int n = 0; n < 6; ++n) {
-      EXPECT_EQ(own.settings->SetSettings(plans[n % 2]), zel::sOk);
-      LetACycleBegin(*timer);
+      EXPECT_EQ(own->SetSettings(plans[n % 2]), zel::sOk);
+      LetACycleBegin(timer);
     }
-    own = {};
+    own.Reset();
   });
-  threads.emplace_back([own = life, &host, &timer]() mutable {
+  threads.emplace_back([own = std::move(sender), &host, &timer]() mutable {
     for (int n = 0; n < 10; ++n) {
       host.mode->AllowBackground(n % 2 != 0);
-      LetACycleBegin(*timer);
+      LetACycleBegin(timer);
     }
-    own = {};
+    own.Reset();
   });
-  life = {};
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(timer->cancelled, 1) << "of many releases exactly one is the last";
+  EXPECT_EQ(timer.cancelled, 1) << "of many releases exactly one is the last";
   host.client->Finish();
-  EXPECT_EQ(module.canUnload(), zel::sOk);
+  EXPECT_TRUE(module.CanUnload());
 
   const own_host::MemoryQueues::Counts counts = host.queues->Count();
   EXPECT_EQ(counts.accepted, 2u * producerCount * submissions) << "by a cycle or by the last flush";
-  EXPECT_EQ(counts.waiting + host.client->DeliveredItems(), counts.accepted);
-  totals->requests += host.client->Requests();
-  totals->cycles += timer->Cycles();
+  EXPECT_EQ(counts.waiting + host.client->deliveredItems, counts.accepted);
+  totals->requests += host.client->requests;
+  totals->cycles += timer.Cycles();
 }
 
 // VELD_ROUNDS says how many; scripts/threads runs a thousand.
@@ -108,7 +163,7 @@ TEST(ThreadRounds, EverythingAtOnceLosesNothing) {
   const char* const wanted = std::getenv("VELD_ROUNDS");
   const int rounds = wanted ? std::atoi(wanted) : 50;
   ASSERT_GT(rounds, 0);
-  const ModuleLibrary module;
+  host::LoadedModule module(VELD_MODULE_FILE);
   RoundTotals totals;
   int round = 0;
   while (round < rounds && !testing::Test::HasFailure()) {
@@ -117,6 +172,8 @@ TEST(ThreadRounds, EverythingAtOnceLosesNothing) {
   }
   std::cout << "rounds " << round << ", cycles " << totals.cycles << ", requests " << totals.requests
             << ", failures " << testing::Test::HasFailure() << std::endl;
+  EXPECT_TRUE(module.TryUnload());
+  EXPECT_EQ(dlopen(VELD_MODULE_FILE, RTLD_NOW | RTLD_NOLOAD), nullptr) << "still loaded";
 }
 
 }  // namespace
