@@ -49,58 +49,46 @@ class StringRun {
   explicit StringRun(Input& in) : in_(in) {}
 
   void Step() {
-    const std::size_t which = in_.Below(slots);
+    const std::size_t which = in_.Below(slots), from = in_.Below(slots);
     String& text = strings_[which];
     Model& model = models_[which];
-    const std::size_t from = in_.Below(slots);
     const std::uint64_t before = text.capacity;
     Model wanted = model;
-    const std::size_t operation = in_.Below(11);
-    const Model piece = in_.template Characters<C>(in_.Below(50));
+    const std::size_t operation = in_.Below(8);
     const std::size_t at = model.empty() ? 0 : in_.Below(model.size());
-    const std::size_t count = std::min<std::size_t>(in_.Below(40), model.size() - at);
+    const bool own = in_.OneIn(3);  // a piece of the text itself
+    const Model piece = own ? model.substr(at, in_.Below(40)) : in_.template Characters<C>(in_.Below(50));
+    const C* const source = own ? text.data + at : piece.data();
     const bool done = allocators_.Try(in_, [&] {
       switch (operation) {
         case 0:
           wanted += piece;
-          text.append(piece.data(), piece.size());
+          text.append(source, piece.size());
           Require(text.capacity == Grown(before, wanted.size()), "append grows to another capacity");
           break;
         case 1:
-          wanted += Model(model, at, count);
-          text.append(text.data + at, count);
+          wanted.insert(0, piece);
+          text.insert(source, piece.size());
           break;
         case 2:
-          wanted.insert(0, piece);
-          text.insert(piece.data(), piece.size());
+          wanted = piece;
+          text.assign(source, piece.size());
           break;
         case 3:
-          wanted.insert(0, Model(model, at, count));
-          text.insert(text.data + at, count);
-          break;
-        case 4:
-          wanted = piece;
-          text.assign(piece.data(), piece.size());
-          break;
-        case 5:
-          wanted = Model(model, at, count);
-          text.assign(text.data + at, count);
-          break;
-        case 6:
           wanted.insert(at, piece);
           text.resize_extra_at(at, piece.size());
           std::copy(piece.begin(), piece.end(), text.data + at);
           break;
-        case 7:
+        case 4:
           text.reserve_extra(piece.size());
           text.data[text.size] = C();  // as the caller must
           break;
-        case 8:
+        case 5:
           wanted = models_[from];
           text = strings_[from];
           Require(text.allocator == strings_[from].allocator, "a copy keeps its allocator");
           break;
-        case 9: {
+        case 6: {
           String made(std::basic_string_view<C>(piece), allocators_.Choose(in_));
           wanted = piece;
           text = std::move(made);
@@ -135,10 +123,12 @@ class StringRun {
       if (models_[i].size() > 4000) strings_[i] = String(), models_[i].clear();
     }
     if constexpr (sizeof(C) == 1) {
-      const std::basic_string<signed char> left(models_[0].begin(), models_[0].end());
-      const std::basic_string<signed char> right(models_[1].begin(), models_[1].end());
-      const bool below = std::lexicographical_compare(left.begin(), left.end(), right.begin(), right.end());
-      Require((strings_[0] < strings_[1]) == below, "the order is another");
+      const auto below = [](char left, char right) {
+        return static_cast<signed char>(left) < static_cast<signed char>(right);
+      };
+      Require(
+          (strings_[0] < strings_[1]) == std::ranges::lexicographical_compare(models_[0], models_[1], below),
+          "the order is another");
     }
     Require((strings_[0] == strings_[1]) == (models_[0] == models_[1]), "equality is another");
   }
@@ -151,14 +141,23 @@ class StringRun {
 
 class VectorRun {
  public:
-  explicit VectorRun(Input& in) : in_(in) {}
+  explicit VectorRun(Input& in) : in_(in) {
+    for (const auto& one : allocators_.both) {
+      one->onFree = [this](const void* memory) {
+        for (const Vector& vector : vectors_) Require(vector.first != memory, "a vector holds a freed block");
+      };
+    }
+  }
+  ~VectorRun() {
+    for (const auto& one : allocators_.both) one->onFree = [](const void*) {};
+  }
 
   void Step() {
     const std::size_t which = in_.Below(2);
     Vector& vector = vectors_[which];
     Model& model = models_[which];
     Model wanted = model;
-    const std::size_t operation = in_.Below(8);
+    const std::size_t operation = in_.Below(7);
     const std::string text(in_.Bytes(in_.Below(40)));
     zel::string element(std::string_view(text), allocators_.Choose(in_));
     const std::size_t at = model.empty() ? 0 : in_.Below(model.size());
@@ -172,35 +171,30 @@ class VectorRun {
       switch (operation) {
         case 0:
           wanted.push_back(text);
-          vector.push_back(element);
+          in_.OneIn(2) ? vector.push_back(element) : vector.push_back(std::move(element));
           grown(1);
           break;
         case 1:
-          wanted.push_back(text);
-          vector.push_back(std::move(element));
-          grown(1);
-          break;
-        case 2:
           if (model.empty()) break;
           wanted.push_back(model[at]);
           vector.push_back(vector[at]);
           grown(1);
           break;
-        case 3:
+        case 2:
           wanted.resize(model.size() + text.size());
           vector.append(text.size());
           grown(text.size());
           break;
-        case 4:
+        case 3:
           wanted.resize(at);
           vector.Truncate(at);
           break;
-        case 5:
+        case 4:
           wanted = models_[1 - which];
           vector = vectors_[1 - which];
           Require(vector.capacity() == vector.size(), "a copy has room to spare");
           break;
-        case 6:
+        case 5:
           vector = Vector(allocators_.Choose(in_));
           wanted.clear();
           break;
@@ -241,15 +235,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto all = [&](auto&& run) {
     while (!in.Empty()) run.Step();
   };
-  switch (in.Below(3)) {
-    case 0:
-      all(StringRun<char>(in));
-      break;
-    case 1:
-      all(StringRun<char16_t>(in));
-      break;
-    default:
-      all(VectorRun(in));
-  }
+  const std::size_t type = in.Below(3);
+  if (type == 0) all(StringRun<char>(in));
+  if (type == 1) all(StringRun<char16_t>(in));
+  if (type == 2) all(VectorRun(in));
   return 0;
 }
