@@ -36,15 +36,14 @@ class Trial:
         self.module = os.path.join(build, "lib", "libveld_report.so")
         self.path = lambda name: os.path.join(folder, name)
         self.proxy = Proxy(self.random)
-        self.server = None
-        self.sender = None
+        self.processes = {}
         self.kills = collections.Counter()
 
     # Processes
 
     async def start_server(self, port=0):
         with open(self.path("server.log"), "w") as log:
-            self.server = await asyncio.create_subprocess_exec(
+            self.processes["server"] = await asyncio.create_subprocess_exec(
                 self.veldrep, "serve", "--listen", f"127.0.0.1:{port}", "--out", self.path("stored"), "--key",
                 self.path("key.pub.pem"), stdout=log, stderr=subprocess.STDOUT)
 
@@ -58,16 +57,16 @@ class Trial:
 
     async def start_sender(self, first, **options):
         await self.proxy.next_sender()
-        self.sender = await asyncio.create_subprocess_exec(
+        self.processes["sender"] = await asyncio.create_subprocess_exec(
             self.sender_program, self.module, self.path("store"), f"http://127.0.0.1:{self.proxy.port}/in",
             self.path("key.key.pem"), self.path("notes"), str(first), **options)
 
-    async def kill(self, process, name):
+    async def kill(self, name):
+        process = self.processes[name]
         if process.returncode is not None:
             raise Failure(f"the {name} has ended by itself, with exit code {process.returncode}")
         process.kill()
         await process.wait()
-        self.kills[name] += 1
 
     # Notes: what was tried, and what was in the store
 
@@ -78,23 +77,16 @@ class Trial:
                 yield from range(int(first), int(last) + 1)
 
     def next_number(self):
-        last = 0
-        for line in lines_of(self.path("notes"))[-2:]:
-            last = max(last, int(line.split()[2]))
-        return last + 1
+        return max((int(line.split()[2]) for line in lines_of(self.path("notes"))[-2:]), default=0) + 1
 
     # Rounds
 
     async def wait_for_a_bad_moment(self):
-        moment = self.random.choice(("any", "any", "starting", "forwarded", "answered"))
-        if moment == "any":
-            return await asyncio.sleep(self.random.uniform(0, 0.3))
-        if moment != "starting":
-            try:
-                await asyncio.wait_for(self.proxy.moments[moment].wait(), 0.5)
-            except asyncio.TimeoutError:
-                pass  # the server is away, or stalls; as good a moment as any
-        await asyncio.sleep(self.random.uniform(0, 0.015 if moment == "starting" else 0.003))
+        moment, seconds = self.random.choice((("any", 0.3), ("any", 0.3), ("starting", 0.015), ("forwarded", 0.003),
+                                              ("answered", 0.003)))
+        if moment in self.proxy.moments:  # if none comes the server is away, or stalls; as good a moment as any
+            await asyncio.wait({asyncio.create_task(self.proxy.moments[moment].wait())}, timeout=0.5)
+        await asyncio.sleep(self.random.uniform(0, seconds))
 
     async def round(self, number):
         if number % 50 == 5:  # an answer that the sender no longer waits for, but takes
@@ -102,15 +94,15 @@ class Trial:
             await asyncio.sleep(6.5)
         if self.random.random() < 0.1:
             await self.proxy.refuse_for(self.random.uniform(0, 0.1))
-        victims = self.random.choices(("sender", "server", "both"), (5, 3, 2))[0]
+        victims = self.random.choices((["sender"], ["server"], ["sender", "server"]), (5, 3, 2))[0]
         await self.wait_for_a_bad_moment()
-        if victims != "server":
-            await self.kill(self.sender, "sender")
-        if victims != "sender":
-            await self.kill(self.server, "server")
+        for name in victims:
+            await self.kill(name)
+            self.kills[name] += 1
+        if "server" in victims:
             await asyncio.sleep(self.random.uniform(0, 0.1))
             await self.start_server(self.proxy.server_port)
-        if victims != "server":
+        if "sender" in victims:
             await self.start_sender(self.next_number())
 
     async def run(self):
@@ -122,11 +114,10 @@ class Trial:
         try:
             for number in range(self.rounds):
                 await self.round(number)
-            await self.kill(self.sender, "sender")
-            self.kills["sender"] -= 1  # this one belongs to no round
+            await self.kill("sender")
             await self.drain()
         finally:
-            for process in (self.sender, self.server):
+            for process in self.processes.values():
                 if process.returncode is None:
                     process.kill()
                     await process.wait()
@@ -137,12 +128,13 @@ class Trial:
         self.proxy.disturbing = False
         await self.server_port()
         await self.start_sender(0, stdout=subprocess.PIPE)
-        output, _ = await asyncio.wait_for(self.sender.communicate(), 90)
+        sender, server = self.processes["sender"], self.processes["server"]
+        output, _ = await asyncio.wait_for(sender.communicate(), 90)
         print("drained:", output.decode().strip())
-        if self.sender.returncode != 0:
+        if sender.returncode != 0:
             raise Failure("the store didn't drain, or its ledger tells of a loss")
-        self.server.terminate()
-        await self.server.wait()
+        server.terminate()
+        await server.wait()
         check = subprocess.run([self.veldrep, "store", "--store", self.path("store"), "check"], capture_output=True)
         if check.returncode != 0:
             raise Failure("the store is damaged: " + check.stdout.decode())
@@ -154,17 +146,12 @@ class Trial:
 
     def judge(self):
         tried, committed = set(self.noted("t")), set(self.noted("c"))
-        stored = collections.Counter()
-        damaged = 0
-        for line in lines_of(self.path("stored")):
-            number = number_of(line)
-            if number in tried:
-                stored[number] += 1
-            else:
-                damaged += 1
+        numbers = [number_of(line) for line in lines_of(self.path("stored"))]
+        stored = collections.Counter(number for number in numbers if number in tried)
+        damaged = len(numbers) - stored.total()
         missing = sum(number not in stored for number in committed)
         reasons = self.reasons(stored)
-        duplicates = sum(count - 1 for count in stored.values())
+        duplicates = stored.total() - len(stored)
         print(f"{self.kills['sender']} kills of the sender, {self.kills['server']} of the server; "
               f"{len(self.proxy.deliveries)} requests reached the server whole; the proxy's doings: "
               + ", ".join(f"{fault} {count}" for fault, count in sorted(self.proxy.faults.items())))
@@ -185,13 +172,13 @@ class Trial:
         repeated = collections.Counter()  # by a sender's death, for each sender
         for number, count in stored.items():
             deliveries = of_number[number]
+            pairs = list(zip(deliveries, deliveries[1:]))
             if count > len(deliveries):
                 reasons["UNEXPLAINED stored more often than sent"] += count - len(deliveries)
             if count < sum(delivery.status == 200 for delivery in deliveries):
                 reasons["UNEXPLAINED answered 200 and not stored"] += 1
-            found = sorted(self.reason(*pair) for pair in zip(deliveries, deliveries[1:]))
-            repeated.update(first.sender for first, then in zip(deliveries, deliveries[1:])
-                            if first.answered and first.sender != then.sender)
+            found = sorted(reason(*pair) for pair in pairs)
+            repeated.update(first.sender for first, then in pairs if first.answered and first.sender != then.sender)
             # Not each request that has reached the server was stored: it may have been killed before that.
             reasons.update(found[:count - 1])
         for sender, count in repeated.items():
@@ -199,15 +186,15 @@ class Trial:
                 reasons[f"UNEXPLAINED {count} repeated by one kill"] += 1
         return reasons
 
-    @staticmethod
-    def reason(first, then):
-        if first.status is None:
-            return "server killed, or cut off, before it answered"
-        if not first.answered:
-            return "answer lost on its way"
-        if first.sender != then.sender:
-            return "sender killed before the acknowledgement was in its file"
-        return "UNEXPLAINED sent again though answered"
+
+def reason(first, then):
+    if first.status is None:
+        return "server killed, or cut off, before it answered"
+    if not first.answered:
+        return "answer lost on its way"
+    if first.sender != then.sender:
+        return "sender killed before the acknowledgement was in its file"
+    return "UNEXPLAINED sent again though answered"
 
 
 def number_of(line):
@@ -235,23 +222,19 @@ def main():
     parser.add_argument("--build", required=True, help="build folder with the programs")
     arguments = parser.parse_args()
     seed = random.randrange(1 << 32) if arguments.seed is None else arguments.seed
-    print(f"seed {seed}", flush=True)
     folder = tempfile.mkdtemp(prefix="kill_test.")
+    print(f"seed {seed}; a failure leaves its files in {folder}", flush=True)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    good = False
+    trial = Trial(os.path.abspath(arguments.build), arguments.rounds, seed, folder)
+    good = True
     try:
-        trial = Trial(os.path.abspath(arguments.build), arguments.rounds, seed, folder)
-        try:
-            asyncio.run(trial.run())
-            good = True
-        except Failure as failure:
-            print("kill-test:", failure, file=sys.stderr, flush=True)
-        good = trial.judge() and good
-    finally:
-        if good:
-            shutil.rmtree(folder)
-        else:
-            print("kill-test: what is left is in", folder, file=sys.stderr)
+        asyncio.run(trial.run())
+    except Failure as failure:
+        print("kill-test:", failure, file=sys.stderr, flush=True)
+        good = False
+    good = trial.judge() and good
+    if good:
+        shutil.rmtree(folder)
     return 0 if good else 1
 
 

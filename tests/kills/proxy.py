@@ -4,17 +4,20 @@ It takes HTTP apart just far enough to know what was in each request, how far it
 """
 import asyncio
 import base64
+import collections
+import dataclasses
 import json
+import re
 
 
+@dataclasses.dataclass
 class Delivery:
     """One request that has reached the server whole."""
 
-    def __init__(self, numbers, sender):
-        self.numbers = numbers
-        self.sender = sender  # which of the sending processes
-        self.status = None  # that the server has answered
-        self.answered = False  # the whole answer has gone to the sender
+    numbers: list
+    sender: int  # which of the sending processes
+    status: int | None = None  # that the server has answered
+    answered: bool = False  # the whole answer has gone to the sender
 
 
 class Cut(Exception):
@@ -22,9 +25,9 @@ class Cut(Exception):
 
 
 class Proxy:
-    # Likelihood of what happens to a request, in the order of the tests; the rest is passed on.
-    FAULTS = (("delay", 0.15), ("stall", 0.03), ("cut early", 0.04), ("cut request", 0.05), ("cut answer", 0.06),
-              ("cut in answer", 0.03))
+    # Likelihood of what happens to a request; None: it is just passed on.
+    FAULTS = {"delay": 0.15, "stall": 0.03, "cut early": 0.04, "cut request": 0.05, "cut answer": 0.06,
+              "cut in answer": 0.03, None: 0.64}
 
     def __init__(self, random):
         self.random = random
@@ -32,7 +35,7 @@ class Proxy:
         self.server_port = None
         self.sender = 0
         self.deliveries = []
-        self.faults = {}
+        self.faults = collections.Counter()
         self.late = False  # the next answer is to come later than the sender waits for it
         self.moments = {"forwarded": asyncio.Event(), "answered": asyncio.Event()}
         self.connections = set()
@@ -45,7 +48,7 @@ class Proxy:
 
     async def refuse_for(self, seconds):
         """Nobody listens for a while."""
-        self.count("refuse")
+        self.faults["refuse"] += 1
         self.listener.close()
         await asyncio.sleep(seconds)
         await self.listen()
@@ -58,23 +61,17 @@ class Proxy:
 
     async def close(self):
         self.listener.close()
-        for task in list(self.connections):
+        for task in self.connections:
             task.cancel()
         await asyncio.gather(*self.connections, return_exceptions=True)
-
-    def count(self, fault):
-        self.faults[fault] = self.faults.get(fault, 0) + 1
 
     def draw_fault(self):
         if self.late:
             self.late = False
             return "late answer"
-        at = self.random.random()
-        for fault, likelihood in self.FAULTS if self.disturbing else ():
-            if at < likelihood:
-                return fault
-            at -= likelihood
-        return None
+        if not self.disturbing:
+            return None
+        return self.random.choices(list(self.FAULTS), self.FAULTS.values())[0]
 
     async def serve(self, reader, writer):
         task = asyncio.current_task()
@@ -87,7 +84,7 @@ class Proxy:
                 body = await reader.readexactly(length_of(head))
                 fault = self.draw_fault()
                 if fault:
-                    self.count(fault)
+                    self.faults[fault] += 1
                 if fault == "delay":
                     await asyncio.sleep(self.random.uniform(0, 0.03))
                 elif fault == "stall":
@@ -108,10 +105,7 @@ class Proxy:
     async def pass_on(self, head, body, upstream, writer, sender, fault):
         from_server, to_server = upstream
         if fault == "cut request":
-            whole = head + body
-            to_server.write(whole[:self.random.randrange(len(whole))])
-            await to_server.drain()
-            raise Cut
+            await self.cut_in(head + body, to_server)
         delivery = Delivery(numbers_of(body), sender)
         self.deliveries.append(delivery)
         to_server.write(head + body)
@@ -123,9 +117,7 @@ class Proxy:
         if fault == "cut answer":
             raise Cut
         if fault == "cut in answer":
-            writer.write(answer[:self.random.randrange(len(answer))])
-            await writer.drain()
-            raise Cut
+            await self.cut_in(answer, writer)
         if fault == "late answer":
             await asyncio.sleep(5.5)
         # Counts as answered before it has gone: nobody can tell how much of it a dead sender has read.
@@ -134,16 +126,19 @@ class Proxy:
         await writer.drain()
         self.pulse("answered")
 
+    async def cut_in(self, data, writer):
+        writer.write(data[:self.random.randrange(len(data))])
+        await writer.drain()
+        raise Cut
+
     def pulse(self, moment):
         self.moments[moment].set()
         self.moments[moment].clear()
 
 
 def length_of(head):
-    for line in head.lower().split(b"\r\n"):
-        if line.startswith(b"content-length:"):
-            return int(line.split(b":")[1])
-    return 0
+    found = re.search(rb"\r\ncontent-length: *(\d+)", head.lower())
+    return int(found[1]) if found else 0
 
 
 def numbers_of(body):
