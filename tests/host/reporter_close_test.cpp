@@ -77,8 +77,8 @@ class Barrier {
 TEST_F(Closing, WaitsForNoDiskAndNoListenerThatHangs) {
   Barrier disk, application;
   tests::FaultyVfs::SetDefault(true);
-  tests::FaultyVfs::observer = [&](const auto& event) {
-    if (event.kind == event.sync) disk.Pass();
+  tests::FaultyVfs::observer = [&](tests::FaultyVfs::Event event, auto&&...) {
+    if (event == tests::FaultyVfs::Event::sync) disk.Pass();
   };
   const auto server = Serve("out");
   ReporterOptions stored = Options({{server->Url()}}, "stored"), heard = Options({{server->Url()}}, "heard");
