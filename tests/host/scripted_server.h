@@ -54,17 +54,17 @@ class ScriptedServer {
 
  private:
   struct Connection {
-    int socket;
+    BIO* bytes;
     std::thread thread;
   };
 
   void Accept();
-  void Serve(int socket);
+  void Serve(BIO* bytes);
 
   const Script script_;
   SSL_CTX* const tls_;
   std::uint16_t port_ = 0;
-  const int listener_;
+  BIO* const listener_;
   std::atomic<int> connections_ = 0;
   mutable std::mutex mutex_;  // guards the requests, and serialises the script
   std::vector<ScriptedRequest> requests_;
