@@ -26,13 +26,13 @@ struct Allocators {
   // Runs `body`, with the allocators failing or not. False if that made it fail.
   template <class Body>
   bool Try(Input& in, Body&& body) {
-    const bool fail = in.OneIn(8);
-    for (const auto& one : both) one->fail = fail;
+    // A vector may have memory where its elements have none, and fail half-way.
+    for (const auto& one : both) one->fail = in.OneIn(8);
     bool done = true;
     try {
       body();
     } catch (const std::bad_alloc&) {
-      Require(fail, "out of memory without a reason");
+      Require(both[0]->fail || both[1]->fail, "out of memory without a reason");
       done = false;
     }
     for (const auto& one : both) one->fail = false;
@@ -60,47 +60,37 @@ class StringRun {
     const Model piece = own ? model.substr(at, in_.Below(40)) : in_.template Characters<C>(in_.Below(50));
     const C* const source = own ? text.data + at : piece.data();
     const bool done = allocators_.Try(in_, [&] {
-      switch (operation) {
-        case 0:
-          wanted += piece;
-          text.append(source, piece.size());
-          Require(text.capacity == Grown(before, wanted.size()), "append grows to another capacity");
-          break;
-        case 1:
-          wanted.insert(0, piece);
-          text.insert(source, piece.size());
-          break;
-        case 2:
-          wanted = piece;
-          text.assign(source, piece.size());
-          break;
-        case 3:
-          wanted.insert(at, piece);
-          text.resize_extra_at(at, piece.size());
-          std::copy(piece.begin(), piece.end(), text.data + at);
-          break;
-        case 4:
-          text.reserve_extra(piece.size());
-          text.data[text.size] = C();  // as the caller must
-          break;
-        case 5:
-          wanted = models_[from];
-          text = strings_[from];
-          Require(text.allocator == strings_[from].allocator, "a copy keeps its allocator");
-          break;
-        case 6: {
-          String made(std::basic_string_view<C>(piece), allocators_.Choose(in_));
-          wanted = piece;
-          text = std::move(made);
-          Require(made.empty() && made.IsInline(), "what was moved away isn't empty");
-          break;
-        }
-        default: {
-          String copy(strings_[from]);
-          copy.swap(text);
-          wanted = models_[from];
-          Require(copy.View() == model, "swap loses a text");
-        }
+      if (operation == 0) {
+        wanted += piece;
+        text.append(source, piece.size());
+        Require(text.capacity == Grown(before, wanted.size()), "append grows to another capacity");
+      } else if (operation == 1) {
+        wanted.insert(0, piece);
+        text.insert(source, piece.size());
+      } else if (operation == 2) {
+        wanted = piece;
+        text.assign(source, piece.size());
+      } else if (operation == 3) {
+        wanted.insert(at, piece);
+        text.resize_extra_at(at, piece.size());
+        std::copy(piece.begin(), piece.end(), text.data + at);
+      } else if (operation == 4) {
+        text.reserve_extra(piece.size());
+        text.data[text.size] = C();  // as the caller must
+      } else if (operation == 5) {
+        wanted = models_[from];
+        text = strings_[from];
+        Require(text.allocator == strings_[from].allocator, "a copy keeps its allocator");
+      } else if (operation == 6) {
+        String made(std::basic_string_view<C>(piece), allocators_.Choose(in_));
+        wanted = piece;
+        text = std::move(made);
+        Require(made.empty() && made.IsInline(), "what was moved away isn't empty");
+      } else {
+        String copy(strings_[from]);
+        copy.swap(text);
+        wanted = models_[from];
+        Require(copy.View() == model, "swap loses a text");
       }
     });
     if (done) model = wanted;
@@ -168,41 +158,33 @@ class VectorRun {
               "growth has another capacity");
     };
     const bool done = allocators_.Try(in_, [&] {
-      switch (operation) {
-        case 0:
-          wanted.push_back(text);
-          in_.OneIn(2) ? vector.push_back(element) : vector.push_back(std::move(element));
-          grown(1);
-          break;
-        case 1:
-          if (model.empty()) break;
-          wanted.push_back(model[at]);
-          vector.push_back(vector[at]);
-          grown(1);
-          break;
-        case 2:
-          wanted.resize(model.size() + text.size());
-          vector.append(text.size());
-          grown(text.size());
-          break;
-        case 3:
-          wanted.resize(at);
-          vector.Truncate(at);
-          break;
-        case 4:
-          wanted = models_[1 - which];
-          vector = vectors_[1 - which];
-          Require(vector.capacity() == vector.size(), "a copy has room to spare");
-          break;
-        case 5:
-          vector = Vector(allocators_.Choose(in_));
-          wanted.clear();
-          break;
-        default: {
-          Vector moved(std::move(vector));
-          Require(vector.empty() && !vector.first, "what was moved away isn't empty");
-          vector.swap(moved);
-        }
+      if (operation == 0) {
+        wanted.push_back(text);
+        in_.OneIn(2) ? vector.push_back(element) : vector.push_back(std::move(element));
+        grown(1);
+      } else if (operation == 1) {
+        if (model.empty()) return;
+        wanted.push_back(model[at]);
+        vector.push_back(vector[at]);
+        grown(1);
+      } else if (operation == 2) {
+        wanted.resize(model.size() + text.size());
+        vector.append(text.size());
+        grown(text.size());
+      } else if (operation == 3) {
+        wanted.resize(at);
+        vector.Truncate(at);
+      } else if (operation == 4) {
+        wanted = models_[1 - which];
+        vector = vectors_[1 - which];
+        Require(vector.capacity() == vector.size(), "a copy has room to spare");
+      } else if (operation == 5) {
+        vector = Vector(allocators_.Choose(in_));
+        wanted.clear();
+      } else {
+        Vector moved(std::move(vector));
+        Require(vector.empty() && !vector.first, "what was moved away isn't empty");
+        vector.swap(moved);
       }
     });
     if (done) model = wanted;

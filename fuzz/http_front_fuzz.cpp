@@ -16,9 +16,6 @@ using namespace veld_report;
 using fuzz::Input;
 using fuzz::Require;
 
-constexpr std::string_view head =
-    "POST / HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Type: application/json\r\n";
-
 struct Running {
   tests::TemporaryFolder folder;
   server::ReportServer server;
@@ -35,30 +32,26 @@ struct Running {
 };
 
 std::string Request(Input& in) {
-  std::string request(head);
-  switch (in.Below(4)) {
-    case 0: {
-      const std::string_view ending = in.OneIn(8) ? "" : "\r\n\r\n";
-      return std::string(in.Rest()) + std::string(ending);
-    }
-    case 1:
-      return server_test::Post(in.Rest());
-    case 2:
-      return server_test::Post(server_test::Body(in.Rest()));
-    default: {
-      request += "Transfer-Encoding: chunked\r\n\r\n";
-      const std::string body =
-          in.OneIn(2) ? server_test::Body(in.Bytes(in.Below(200))) : std::string(in.Bytes(200));
-      for (std::size_t at = 0; at < body.size();) {
-        const std::string piece = body.substr(at, in.Below(100) + 1);
-        char length[20];
-        *std::to_chars(length, length + 19, piece.size(), 16).ptr = '\0';
-        request += length + ("\r\n" + piece + "\r\n");
-        at += piece.size();
-      }
-      return request + (in.OneIn(16) ? std::string(in.Rest()) : "0\r\n\r\n");
-    }
+  const std::size_t kind = in.Below(4);
+  if (kind == 0) {
+    const std::string ending = in.OneIn(8) ? "" : "\r\n\r\n";
+    return std::string(in.Rest()) + ending;
   }
+  if (kind == 1) return server_test::Post(in.Rest());
+  if (kind == 2) return server_test::Post(server_test::Body(in.Rest()));
+  std::string request =
+      "POST / HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Type: application/json\r\n"
+      "Transfer-Encoding: chunked\r\n\r\n";
+  const std::string body =
+      in.OneIn(2) ? server_test::Body(in.Bytes(in.Below(200))) : std::string(in.Bytes(200));
+  for (std::size_t at = 0; at < body.size();) {
+    const std::string piece = body.substr(at, in.Below(100) + 1);
+    char length[20];
+    *std::to_chars(length, length + 19, piece.size(), 16).ptr = '\0';
+    request += length + ("\r\n" + piece + "\r\n");
+    at += piece.size();
+  }
+  return request + (in.OneIn(16) ? std::string(in.Rest()) : "0\r\n\r\n");
 }
 
 // The sum of "N items stored" over all answers 200.

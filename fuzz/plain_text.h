@@ -80,17 +80,4 @@ inline std::string Repaired(std::u16string_view utf16) {
   return text;
 }
 
-inline std::string Base64(std::string_view bytes) {
-  static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string bits, text;
-  for (const char byte : bytes) {
-    for (int i = 7; i >= 0; --i) bits.push_back((static_cast<unsigned char>(byte) >> i & 1) != 0 ? '1' : '0');
-  }
-  while (bits.size() % 6 != 0) bits.push_back('0');
-  for (std::size_t i = 0; i < bits.size(); i += 6)
-    text.push_back(alphabet[std::stoul(bits.substr(i, 6), nullptr, 2)]);
-  while (text.size() % 4 != 0) text.push_back('=');
-  return text;
-}
-
 }  // namespace veld_report::fuzz

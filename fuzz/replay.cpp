@@ -35,21 +35,12 @@ std::string Changed(const std::vector<std::string>& inputs, std::mt19937_64& ran
   std::string input = inputs[below(inputs.size())];
   for (std::size_t i = below(8) + 1; i > 0; --i) {
     const std::size_t at = below(input.size() + 1);
-    switch (below(4)) {
-      case 0:
-        input.insert(at, 1, static_cast<char>(random()));
-        break;
-      case 1:
-        input.erase(at, below(16));
-        break;
-      case 2:
-        if (at < input.size()) input[at] = static_cast<char>(random());
-        break;
-      default: {
-        const std::string& other = inputs[below(inputs.size())];
-        input.insert(at, other.substr(below(other.size() + 1), below(64)));
-      }
-    }
+    const std::size_t change = below(4);
+    const std::string& other = inputs[below(inputs.size())];
+    if (change == 0) input.insert(at, 1, static_cast<char>(random()));
+    if (change == 1) input.erase(at, below(16));
+    if (change == 2 && at < input.size()) input[at] = static_cast<char>(random());
+    if (change == 3) input.insert(at, other.substr(below(other.size() + 1), below(64)));
   }
   return input.substr(0, maxInputBytes);
 }

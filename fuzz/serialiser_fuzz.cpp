@@ -29,7 +29,7 @@ std::string Form(double value) {
   if (std::abs(value) < 0x1p53 && value == std::trunc(value)) return std::to_string(std::int64_t(value));
   return "double " + std::to_string(std::bit_cast<std::uint64_t>(value));
 }
-std::string Form(std::string_view utf8) { return "\"" + Base64(utf8) + "\""; }
+std::string Form(std::string_view utf8) { return std::to_string(utf8.size()) + " " + std::string(utf8); }
 
 std::string Form(simdjson::dom::element value) {
   using Type = simdjson::dom::element_type;
@@ -194,25 +194,13 @@ class Maker {
   }
 
   void Spoil(zel::SerFieldDescriptor* row, Helper* helper) {
-    switch (in_.Below(6)) {
-      case 0:
-        row->name = nullptr;
-        break;
-      case 1:
-        row->flags |= unknownFlag;
-        break;
-      case 2:
-        row->flags |= bothFlags;
-        break;
-      case 3:
-        row->vectorHelper = nullptr;
-        break;
-      case 4:
-        row->typeId = 0x77;  // neither a kind nor a record type
-        break;
-      default:
-        helper->fault = decltype(helper->fault)(in_.Below(Helper::faults));
-    }
+    const std::size_t what = in_.Below(6);
+    if (what == 0) row->name = nullptr;
+    if (what == 1) row->flags |= unknownFlag;
+    if (what == 2) row->flags |= bothFlags;
+    if (what == 3) row->vectorHelper = nullptr;
+    if (what == 4) row->typeId = 0x77;  // neither a kind nor a record type
+    if (what == 5) helper->fault = decltype(helper->fault)(in_.Below(Helper::faults));
   }
 
   // False for an empty optional.

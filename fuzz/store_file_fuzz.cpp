@@ -81,23 +81,12 @@ void Change(Input& in, std::string* bytes) {
   const std::size_t at =
       std::min(page + (in.OneIn(4) ? in.Number(2) % 4096 : in.Below(128)), bytes->size() - 1);
   const std::size_t count = std::min(in.Below(64) * (in.OneIn(4) ? 128 : 1) + 1, bytes->size() - at);
-  switch (in.Below(6)) {
-    case 0:
-    case 1:
-      (*bytes)[at] = static_cast<char>(in.Byte());
-      break;
-    case 2:
-      (*bytes)[at] = static_cast<char>((*bytes)[at] ^ 1 << in.Below(8));
-      break;
-    case 3:
-      bytes->replace(at, count, count, static_cast<char>(in.Byte()));
-      break;
-    case 4:
-      bytes->replace(at, count, bytes->substr(in.Number(3) % bytes->size(), count));
-      break;
-    default:
-      bytes->resize(in.OneIn(4) ? 0 : at);
-  }
+  const std::size_t kind = in.Below(6);
+  if (kind < 2) (*bytes)[at] = static_cast<char>(in.Byte());
+  if (kind == 2) (*bytes)[at] = static_cast<char>((*bytes)[at] ^ 1 << in.Below(8));
+  if (kind == 3) bytes->replace(at, count, count, static_cast<char>(in.Byte()));
+  if (kind == 4) bytes->replace(at, count, bytes->substr(in.Number(3) % bytes->size(), count));
+  if (kind == 5) bytes->resize(in.OneIn(4) ? 0 : at);
 }
 
 zel::Ref<QueueService> Open(const fs::path& folder) {

@@ -1,4 +1,4 @@
-// The text conversions and the wire format's base64, compared with the slow ones of plain_text.h. The first
+// The text conversions, compared with the slow ones of plain_text.h, and the wire format's base64. The first
 // byte of an input chooses the conversion; the rest is the text.
 #include <clocale>
 #include <cstdint>
@@ -9,11 +9,13 @@
 #include "fuzz/input.h"
 #include "fuzz/plain_text.h"
 #include "server/base64.h"
+#include "tests/server/message_builder.h"
 #include "types/text_conversion.h"
 
 namespace {
 
 using namespace veld_report::fuzz;
+using veld_report::server_test::EncodeBase64;
 
 // Previous content, shorter or longer than the result, that must be overwritten.
 zel::string Used(Input& in) { return zel::string(std::string(in.Below(60), 'o')); }
@@ -79,14 +81,14 @@ void NarrowToWide(Input& in, bool utf8) {
   }
 }
 
-void EncodeBase64(Input& in) {
+void ToBase64AndHex(Input& in) {
   zel::string out = Used(in);
   const std::string bytes(in.Rest());
   // An exact copy with nothing after it, so that reading past the end is noticed.
   const std::vector<std::uint8_t> block(bytes.begin(), bytes.end());
   const std::uint8_t* const first = block.data();
   orvel::veld_report::Base64Encode(first, bytes.size(), &out);
-  Require(out.View() == Base64(bytes) && out.data[out.size] == '\0', "base-64");
+  Require(out.View() == EncodeBase64(bytes) && out.data[out.size] == '\0', "base-64");
   std::string back;
   Require(veld_report::server::DecodeBase64(out.View(), &back).empty() && back == bytes, "base-64 and back");
 
@@ -99,11 +101,12 @@ void EncodeBase64(Input& in) {
 }
 
 // Only the one canonical text of some bytes may be accepted.
-void DecodeBase64(Input& in) {
+void FromBase64(Input& in) {
   const std::string_view text = in.Rest();
   std::string bytes;
   const std::string problem = veld_report::server::DecodeBase64(text, &bytes);
-  Require(problem.empty() ? Base64(bytes) == text : bytes.empty(), "a text that isn't the bytes' base-64");
+  Require(problem.empty() ? EncodeBase64(bytes) == text : bytes.empty(),
+          "a text that isn't the bytes' base-64");
 }
 
 }  // namespace
@@ -114,26 +117,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool utf8 = choice % 2 == 0;
   // Which locales exist depends on the machine; "C.utf8" is part of the C library.
   if (choice < 4 && !std::setlocale(LC_CTYPE, utf8 ? "C.utf8" : "C")) return 0;
-  switch (choice) {
-    case 0:
-    case 1:
-      WideToNarrow(in, utf8);
-      break;
-    case 2:
-    case 3:
-      NarrowToWide(in, utf8);
-      break;
-    case 4:
-      WideToUtf8(in);
-      break;
-    case 5:
-      EncodeOne(in);
-      break;
-    case 6:
-      EncodeBase64(in);
-      break;
-    default:
-      DecodeBase64(in);
-  }
+  if (choice < 2) WideToNarrow(in, utf8);
+  if (choice == 2 || choice == 3) NarrowToWide(in, utf8);
+  if (choice == 4) WideToUtf8(in);
+  if (choice == 5) EncodeOne(in);
+  if (choice == 6) ToBase64AndHex(in);
+  if (choice == 7) FromBase64(in);
   return 0;
 }
