@@ -22,6 +22,8 @@ namespace veld_report::tests {
 
 class QueueCourses : protected virtual QueueOperations {
  protected:
+  static constexpr char binary[] = "binary";
+
   // Both are called without producers and readers. The first starts a service on nothing, the second ends it
   // and starts it on what it has kept.
   virtual void Begin() = 0;
@@ -99,6 +101,11 @@ class QueueCourses : protected virtual QueueOperations {
     }
     EXPECT_GT(count, 0);
   }
+  static std::string Whole(const std::string& text) {
+    if (text == binary) return {"\0\xff\n\0", 4};
+    const std::size_t star = text.find('*');
+    return star == text.npos ? text : std::string(std::stoul(text.substr(star + 1)), text[0]);
+  }
   static std::string Shown(const Strings& texts) {
     std::string all;
     for (const std::string& text : texts) {
@@ -111,13 +118,6 @@ class QueueCourses : protected virtual QueueOperations {
   }
 
  private:
-  static constexpr char binary[] = "binary";
-
-  static std::string Whole(const std::string& text) {
-    if (text == binary) return {"\0\xff\n\0", 4};
-    const std::size_t star = text.find('*');
-    return star == text.npos ? text : std::string(std::stoul(text.substr(star + 1)), text[0]);
-  }
   // The outcome for each text behind the queue or reader; one if all are the same.
   template <class Operation>
   static std::string Each(const Strings& words, Operation&& operation) {

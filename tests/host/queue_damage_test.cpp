@@ -1,8 +1,7 @@
-// Damaged stores, stores of other layouts, and what people do about them.
+// Damaged stores, and what people do about them.
 #include <gmock/gmock.h>
 
 #include "host/queue/sqlite_connection.h"
-#include "host/queue/store_layout.h"
 #include "host/queue/store_salvage.h"
 #include "tests/host/queue_test_tools.h"
 
@@ -177,99 +176,6 @@ TEST_F(QueueDamageTest, ALargeStoreIsCheckedUnlessItIsKnownToBeSound) {
     Open();
     EXPECT_THAT(lines.Take(), isDamaged) << "damage has shown, so nothing vouches any more";
   }
-}
-
-// As after a crash: what isn't checkpointed stands in the log alone.
-TEST_F(QueueDamageTest, TheLogOfADamagedStoreCounts) {
-  Open();
-  Push("q", "in the log");
-  const auto crashed = folder.Path() / "crashed";
-  fs::create_directory(crashed);
-  for (const char* name : {"veld_rep.queue", "veld_rep.queue-wal"})
-    fs::copy_file(options.folder / name, crashed / name);
-  options.folder = crashed;
-  Cut(0);
-  Open();
-  EXPECT_THAT(Waiting("q"), ElementsAre("in the log"));
-  EXPECT_THAT(host::DamagedFilesOf(StorePath()), SizeIs(1));
-}
-
-TEST_F(QueueDamageTest, OnlyTheLastDamagedStoresAreKept) {
-  std::int64_t now = 1'700'000'000'000;
-  options.nowMs = [&] { return now; };
-  constexpr std::size_t damages = 7, kept = 4;
-  std::vector<fs::path> all;
-  for (std::size_t i = 0; i < damages; ++i) {
-    now += 60'000;
-    Open();
-    Push("q", "text");
-    service.Reset();
-    std::ofstream(StorePath()) << "no store any more";
-    Open();
-    all.push_back(host::DamagedFilesOf(StorePath()).back());
-  }
-  EXPECT_EQ(host::DamagedFilesOf(StorePath()), std::vector<fs::path>(all.end() - kept, all.end()));
-}
-
-TEST_F(QueueDamageTest, ACheckFindsFiguresThatDontFit) {
-  MakeStore();
-  Database().Execute("DELETE FROM items WHERE token % 2 = 0; INSERT INTO items VALUES(9999, 77, 0, x'00')");
-  EXPECT_THAT(Findings(), ElementsAre(HasSubstr("queue q should hold 590 items but holds 295"),
-                                      "1 items belong to no queue"));
-}
-
-// A figure that says too much would keep the queue full for ever.
-TEST_F(QueueDamageTest, FiguresOfItemsThatArentThereAreCorrected) {
-  for (const char* figures : {"waiting=1000, waiting_bytes=300000000", "waiting=-7, waiting_bytes=300000000",
-                              "waiting=1, waiting_bytes=-300000000, accepted=77"}) {
-    SCOPED_TRACE(figures);
-    Open();
-    Push("q", "good");
-    service.Reset();
-    Database().Execute(std::string("UPDATE queues SET ") + figures);
-    Open();
-    EvictAndPush(*Producer("q"), "q", "may be refused");
-    {
-      const auto reader = Reader("q");
-      for (const ReadItem& item : ReadAll(*reader)) reader->Ack(&item.token);
-    }
-    EXPECT_FALSE(ReadOne(*Reader("q")));
-    EXPECT_EQ(Ledger().waiting, ItemCount{});
-    EXPECT_THAT(lines.Take(), ElementsAre(HasSubstr("that don't exist")));
-    Push("q", "fits again");
-    EXPECT_THAT(Waiting("q"), ElementsAre("fits again"));
-    service->ClearQueue("q");
-  }
-}
-
-TEST_F(QueueDamageTest, AnEarlierLayoutIsUpgradedACopyKeptTillCleanClose) {
-  Open();
-  Push("q", "old", "two");
-  service.Reset();
-  for (const char* column : {"expired", "expired_bytes", "damaged", "damaged_bytes"})
-    Database().Execute(std::string("ALTER TABLE queues DROP COLUMN ") + column);
-  Database().Execute("PRAGMA user_version=1");
-  const auto copy = host::EarlierLayoutCopy(StorePath(), 1);
-  Open();
-  EXPECT_THAT(Waiting("q"), ElementsAre("old", "two"));
-  EXPECT_EQ(Ledger(), (QueueLedger{.accepted = {2, 6}, .waiting = {2, 6}}));
-  EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0600));
-  EXPECT_EQ(SqliteConnection(copy, SqliteConnection::Access::readWrite).QueryInteger("PRAGMA user_version"),
-            1);
-  Open();
-  EXPECT_FALSE(fs::exists(copy));
-  EXPECT_THAT(Waiting("q"), ElementsAre("old", "two"));
-  EXPECT_THAT(lines.Take(), IsEmpty());
-}
-
-TEST_F(QueueDamageTest, ALaterLayoutIsRefusedAndLeftAlone) {
-  MakeStore();
-  Database().Execute("PRAGMA user_version=3");
-  const std::string before = ReadFile(StorePath());
-  EXPECT_THAT(OpenError(), testing::AllOf(HasSubstr("has layout 3, and this program knows layouts up to 2"),
-                                          HasSubstr("use the newer program")));
-  EXPECT_TRUE(ReadFile(StorePath()) == before);
-  EXPECT_THAT(host::DamagedFilesOf(StorePath()), IsEmpty());
 }
 
 }  // namespace

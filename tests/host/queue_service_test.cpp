@@ -2,96 +2,17 @@
 #include "host/queue/queue_service.h"
 
 #include <gmock/gmock.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <future>
 
-#include "host/queue/sqlite_connection.h"
-#include "tests/host/queue_course.h"
 #include "tests/host/queue_test_tools.h"
 
 namespace veld_report::tests {
 namespace {
 
 using testing::HasSubstr;
-
-class FakePacer final : public host::DeliveryPacer {
- public:
-  std::optional<host::Allowance> MayDeliver(const std::string& queueName) override {
-    if (queueName == "held") return std::nullopt;
-    return host::Allowance{.limitBytes = 2};
-  }
-  void OnPacketEnd(const std::string& queueName, const host::EndedPacket& packet) override {
-    if (packet.moreWaits) calls.push_back(queueName + (packet.delivered ? " delivered" : " returned"));
-  }
-  Strings calls;
-};
-
-class StoreCourses : public StoreTest, protected QueueCourses {
- protected:
-  void Begin() override {
-    services_.clear();
-    options.folder = folder.Path() / std::to_string(++count_);
-    OpenAs("one", {});
-  }
-  void Restart() override { OpenAs("one", {}); }
-  std::string Do(const std::string& verb, const Strings& words) override {
-    if (verb == "elsewhere") {
-      return std::async(std::launch::async,
-                        [&] {
-                          return Do(words[0], {words.begin() + 1, words.end()});
-                        })
-          .get();
-    }
-    if (verb == "open") return OpenAs(words[0], words);
-    if (verb == "ledger") return testing::PrintToString(Ledger(words[0]));
-    if (verb == "paced") return Shown(std::exchange(pacer_->calls, {}));
-    if (verb == "committed") return Committed();
-    if (verb == "soon") return Eventually([&] { return Committed() == words[0]; }) ? "" : Committed();
-    if (verb == "commit") return service->Commit() ? "" : "failed";
-    if (verb != "advance") return QueueCourses::Do(verb, words);
-    now_ += std::stoll(words[0]);
-    return "";
-  }
-
- private:
-  // What stands in the file is seen by a second connection, as after a crash.
-  std::string Committed() {
-    return std::to_string(host::SqliteConnection(StorePath(), host::SqliteConnection::Access::read)
-                              .QueryInteger("SELECT count(*) FROM items"));
-  }
-  // Ends the service of that name and goes on with another one.
-  std::string OpenAs(const std::string& name, const Strings& words) {
-    const auto has = [&](const char* word) { return std::ranges::count(words, word) != 0; };
-    options = {.folder = options.folder, .shared = has("shared"), .nowMs = [this] { return now_; }};
-    if (has("grouped")) {
-      options.commitOperations = 8;
-      options.commitDelay = std::chrono::hours(1);
-    }
-    if (has("aged")) options.maxAge = std::chrono::seconds(60);
-    if (has("limited")) options.storeLimitBytes = 20;
-    if (has("paced")) options.pacer = pacer_;
-    service.Reset();
-    services_.erase(name);
-    try {
-      services_[name] = service = host::QueueService::Open(options);
-    } catch (const host::StoreError& error) {
-      return strstr(error.what(), "in use by") ? "in use" : error.what();
-    }
-    return "";
-  }
-
-  std::map<std::string, zel::Ref<host::QueueService>> services_;
-  const std::shared_ptr<FakePacer> pacer_ = std::make_shared<FakePacer>();
-  std::int64_t now_ = 1'000'000;
-  int count_ = 0;
-};
-
-TEST_F(StoreCourses, EachIsTaken) {
-  for (const char* kind : {"/contract", "/store"}) RunAll(VELD_COURSES + std::string(kind));
-}
 
 class QueueServiceTest : public StoreTest {
  protected:
@@ -154,6 +75,23 @@ TEST_F(QueueServiceTest, RefusalsToOpenSayWhatToDo) {
   EXPECT_THAT(OpenError(), HasSubstr("choose another one"));
   options.folder.clear();
   EXPECT_THAT(OpenError(), HasSubstr("name one"));
+}
+
+// What it shows stands in courses/store/look_shows_what_another_process_has.course.
+TEST_F(QueueServiceTest, ALookChangesNothing) {
+  Open();
+  Push("q", "first");
+  host::QueueServiceOptions look = options;
+  look.inspectOnly = true;
+  const auto inspector = host::QueueService::Open(look);
+  const zel::string name("q");
+  zel::Ref<orvel::IQueueProducer> producer;
+  zel::Ref<orvel::IAckConsumer> reader;
+  EXPECT_EQ(inspector->CreateProducer(zel::string(domain), name, 1, producer.Out()), zel::eNotSupported);
+  EXPECT_EQ(inspector->CreateAckConsumer(zel::string(domain), name, reader.Out()), zel::eNotSupported);
+  EXPECT_THROW(inspector->Forget(), host::StoreError);
+  EXPECT_THROW(inspector->ClearQueue("q"), host::StoreError);
+  EXPECT_EQ(Waiting("q"), Strings{"first"});
 }
 
 // What is read ahead may hold items whose deletion is buffered.
