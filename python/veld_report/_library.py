@@ -40,6 +40,7 @@ class CRequest(ctypes.Structure):
 
 
 CListener = ctypes.CFUNCTYPE(None, c_void_p, POINTER(CRequest))
+CLog = ctypes.CFUNCTYPE(None, c_void_p, c_uint32, c_char_p)
 
 
 class COptions(ctypes.Structure):
@@ -74,6 +75,8 @@ class COptions(ctypes.Structure):
         ("sync_every_commit", c_uint32),
         ("hold_sending", c_uint32),
         ("reserved", c_uint32),
+        ("log", CLog),
+        ("log_context", c_void_p),
     ]
 
 

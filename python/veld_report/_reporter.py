@@ -9,10 +9,11 @@ import json
 import logging
 import math
 import os
+import queue
 import threading
 import weakref
 from types import TracebackType
-from typing import Any, Callable, Iterable, List, Mapping, Optional, Sequence, Type, Union
+from typing import Any, Callable, Iterable, List, Mapping, Optional, Sequence, Tuple, Type, Union
 
 from . import _library
 from ._types import (
@@ -148,12 +149,39 @@ class _ListenerSlot:
             _callback.running = False
 
 
+class _TraceLog:
+    """Brings the trace to `logging`, on a thread of its own: a handler may hold a lock while it calls the reporter, and
+    the library holds one while it traces."""
+
+    def __init__(self, logger: logging.Logger) -> None:
+        self._logger = logger
+        self._lines: queue.SimpleQueue[Optional[Tuple[int, bytes]]] = queue.SimpleQueue()
+        threading.Thread(target=self._run, name="veld-logging", daemon=True).start()
+
+    def call(self, _context: object, level: int, text: bytes) -> None:
+        self._lines.put((level, text))
+
+    def end(self) -> None:
+        self._lines.put(None)
+
+    def _run(self) -> None:
+        for level, text in iter(self._lines.get, None):
+            self._logger.log(logging.WARNING if level <= 300 else logging.DEBUG, "%s", text.decode("utf-8", "replace"))
+
+
 _still_used: List[object] = []
 
 
-def _free(handle: ctypes.c_void_p, deadline_ms: int, _used: object) -> None:
+def _close(handle: ctypes.c_void_p, deadline_ms: int, log: Optional[_TraceLog]) -> bool:
+    flushed = bool(_api.close(handle, deadline_ms) == 1)
+    if log:
+        log.end()
+    return flushed
+
+
+def _free(handle: ctypes.c_void_p, deadline_ms: int, log: Optional[_TraceLog], _used: object) -> None:
     """_used: what the library may use until then."""
-    _api.close(handle, deadline_ms)
+    _close(handle, deadline_ms, log)
     if not _api.is_closed(handle):
         _still_used.append(_used)  # a callback that hangs returns through it
     _api.free(handle)
@@ -206,8 +234,10 @@ class Reporter:
         headers: Sequence[str] = (),  # of every request, each "Name: value"
         user_agent: Optional[str] = None,
         ca_file: Optional[Path] = None,  # trusted certificates in place of the system's
-        trace_file: Optional[Path] = None,  # None: stderr
         trace_level: int = 0,  # 0 nothing, 300 failures, 700 everything
+        trace_file: Optional[Path] = None,
+        # Gets the trace if there is no file: failures as warnings, the rest as debug messages.
+        logger: logging.Logger = _logger,
     ) -> None:
         self._slot = _ListenerSlot(listener)
         options = _library.COptions()
@@ -232,10 +262,19 @@ class Reporter:
         options.commit_every_record = commit_every_record
         options.sync_every_commit = sync_every_commit
         options.hold_sending = not sending_allowed
+        self._log = _TraceLog(logger) if trace_level and trace_file is None else None
+        if self._log:
+            options.log = _library.CLog(self._log.call)
         self._close_deadline = close_deadline
         self._handle = ctypes.c_void_p()
-        _call(_api.open, options, self._handle)
-        end = weakref.finalize(self, _collect, self._handle, _milliseconds(close_deadline), options.listener)
+        try:
+            _call(_api.open, options, self._handle)
+        except ReporterError:
+            if self._log:
+                self._log.end()
+            raise
+        end = weakref.finalize(self, _collect, self._handle, _milliseconds(close_deadline), self._log,
+                               (options.listener, options.log))
         end.atexit = False  # a thread that still runs then may use the handle; closing is enough
         _open.add(self)
 
@@ -317,7 +356,7 @@ class Reporter:
         """Accepts no more records, flushes, and stops; undelivered records stay in the store. Takes at most 5 seconds
         more. True: all was flushed. A second call returns what the first one has."""
         deadline = self._close_deadline if seconds is None else seconds
-        return bool(_api.close(self._handle, _milliseconds(deadline)) == 1)
+        return _close(self._handle, _milliseconds(deadline), self._log)
 
     def __enter__(self) -> Reporter:
         return self

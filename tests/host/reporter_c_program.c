@@ -30,6 +30,10 @@ static void listen_to(void* context, const veld_report_request* request) {
   ++*(int*)context;
 }
 
+static void count_sends(void* context, uint32_t level, const char* text) {
+  if (level == 700 && strncmp(text, "veld_rep\tSendStatistic", 22) == 0) ++*(int*)context;
+}
+
 static void collect(void* context, const veld_report_endpoint_statistics* endpoint) {
   char* text = context;
   sprintf(text + strlen(text), "%s %ld %u; ", endpoint->consumer, (long)endpoint->queue.waiting.bytes,
@@ -110,7 +114,7 @@ int main(int count, char** arguments) {
   CHECK(count == 4);
   const char* const header = "X-Product: C";
   const veld_report_endpoint endpoint = {.url = arguments[3], .consumer = "product"};
-  int finished[2] = {0, 0};
+  int finished[2] = {0, 0}, sends = 0;
   veld_report_options options = {.store = arguments[2], .module_path = arguments[1]};
   check_open(options);
   check_first_header(options);
@@ -126,6 +130,9 @@ int main(int count, char** arguments) {
   options.listener_context = &finished[0];
   options.store_limit_bytes = sizeof record; /* room for one */
   options.hold_sending = 1;
+  options.trace_level = 700;
+  options.log = count_sends;
+  options.log_context = &sends;
   veld_report_handle* reporter;
   CHECK(veld_report_open(&options, &reporter, error, sizeof error) == 0);
   check_settings(reporter);
@@ -150,7 +157,7 @@ int main(int count, char** arguments) {
   CHECK(veld_report_is_closed(reporter) == 0);
   CHECK(veld_report_close(reporter, 5000) == 1 && veld_report_is_closed(reporter) == 1);
   CHECK(veld_report_stats(reporter, &stats) < 0);
-  CHECK(finished[0] == 1 && finished[1] == 1);
+  CHECK(finished[0] == 1 && finished[1] == 1 && sends >= 4);
   veld_report_free(reporter);
 
   veld_report_free(NULL);

@@ -1,5 +1,6 @@
 """The package as it is installed: VELDREP EXAMPLE. Run by python_test.sh, in a folder that it may fill."""
 import dataclasses
+import logging
 import os
 import subprocess
 import sys
@@ -93,6 +94,22 @@ class ReporterTest(unittest.TestCase):
         self.assertEqual(reporter.stats().total.waiting.items, 0)
         self.assertTrue(reporter.close())
         self.assertEqual(requests, [veld_report.FinishedRequest(self.url, 0)])
+
+    def test_trace_goes_to_logging(self):
+        class Sends(logging.Handler):  # uses the reporter under its own lock
+            def emit(self, line):
+                lines.append(line.getMessage())
+                if line.levelno == logging.WARNING and not sent.is_set():
+                    reporter.send({"text": line.getMessage()})
+                    sent.set()
+
+        lines, sent, logger = [], threading.Event(), logging.getLogger("trace")
+        logger.setLevel(logging.DEBUG)
+        logger.addHandler(Sends())
+        with Reporter(self.store, [NOBODY], trace_level=700, logger=logger) as reporter:
+            reporter.send("{}")
+            self.assertTrue(sent.wait(30))
+        self.assertIn("SendStatistic", str(lines))
 
     def test_child_of_a_fork_is_refused(self):
         reporter = Reporter(self.store, [self.url])

@@ -106,6 +106,11 @@ ReporterOptions OptionsOf(const veld_report_options& given) {
   options.caFile = TextOf(given.ca_file);
   options.traceFile = TextOf(given.trace_file);
   options.traceLevel = given.trace_level;
+  if (given.log) {
+    options.log = [log = given.log, context = given.log_context](std::uint32_t level, std::string_view text) {
+      log(context, level, std::string(text).c_str());
+    };
+  }
   options.modulePath = TextOf(given.module_path);
   return options;
 }

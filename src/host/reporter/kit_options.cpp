@@ -54,6 +54,7 @@ host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
   result.http.caFile = options.caFile;
   result.trace.path = options.traceFile;
   result.trace.level = options.traceLevel;
+  result.trace.log = options.log;
   result.signingKeyFile = options.signingKeyFile;
   return result;
 }

@@ -65,9 +65,10 @@ void AppendPrintable(std::string& line, std::string_view text) {
 
 }  // namespace
 
-LineTracer::LineTracer(LineTracerOptions options) : level_(options.level), sink_(std::move(options.sink)) {
+LineTracer::LineTracer(LineTracerOptions options)
+    : level_(options.level), sink_(std::move(options.sink)), log_(std::move(options.log)) {
   pool_.reserve(poolLimit);
-  if (!sink_) file_ = std::make_unique<TraceFile>(std::move(options.path), options.limitBytes);
+  if (!sink_ && !log_) file_ = std::make_unique<TraceFile>(std::move(options.path), options.limitBytes);
 }
 
 LineTracer::~LineTracer() { std::for_each(pool_.begin(), pool_.end(), FreeBuffer); }
@@ -132,18 +133,18 @@ void LineTracer::Recycle(char* buffer) {
 void LineTracer::WriteLine(std::uint32_t level, std::string_view text) {
   const std::lock_guard lock(outputMutex_);
   line_.clear();
-  AppendTime(line_);
-  line_.append(" ").append(std::to_string(level)).append(" ");
+  if (!log_) {
+    AppendTime(line_);
+    line_.append(" ").append(std::to_string(level)).append(" ");
+  }
   // The module traces urls as they are in the settings, with user and password.
   if (text.find('@') == std::string_view::npos) {
     AppendPrintable(line_, text);
   } else {
     AppendPrintable(line_, WithoutCredentials(text));
   }
-  if (sink_) {
-    sink_(line_);
-    return;
-  }
+  if (log_) return log_(level, line_);
+  if (sink_) return sink_(line_);
   line_.push_back('\n');
   if (!file_->Write(line_)) dropped_.fetch_add(1, std::memory_order_relaxed);
 }

@@ -31,6 +31,8 @@ struct LineTracerOptions {
   // If set, receives each line without its line end instead of a file, one call at a time, on the thread that
   // wrote the line. It must not trace. If it throws, the line is dropped.
   std::function<void(std::string_view)> sink{};
+  // The same, but receives the level and the line without its time and level.
+  std::function<void(std::uint32_t, std::string_view)> log{};
 };
 
 // Threads: any; lines of concurrent writers don't mix. If a line's level is off, it costs one call and no
@@ -60,8 +62,9 @@ class LineTracer final : public HostObject<zel::ITracer> {
   std::atomic<std::uint32_t> level_;
   std::atomic<std::uint64_t> dropped_{0};
   const std::function<void(std::string_view)> sink_;
+  const std::function<void(std::uint32_t, std::string_view)> log_;
 
-  std::mutex outputMutex_;  // guards file_, line_ and the call of sink_; held across one write
+  std::mutex outputMutex_;  // guards file_, line_ and the call of sink_ or log_; held across one write
   std::unique_ptr<TraceFile> file_;
   std::string line_;
 

@@ -68,6 +68,12 @@ struct Settings {
 // or destroy the reporter. Its exceptions are dropped.
 using Listener = std::function<void(const FinishedRequest&)>;
 
+// Called for each trace line with its level (300 failures, 700 everything else) and its text in UTF-8,
+// without time and line end. One call at a time, on whatever thread traces, which may be one in Send. It
+// should return soon, must not use the reporter, and must not wait for a lock that is held around a call of
+// the reporter. If it throws, the line is dropped.
+using Log = std::function<void(std::uint32_t level, std::string_view text)>;
+
 struct ReporterOptions {
   std::string store{};  // the folder of the store, created if it doesn't exist; required
   std::vector<Endpoint> endpoints{};
@@ -102,6 +108,7 @@ struct ReporterOptions {
   std::string userAgent{};             // empty: no header User-Agent
   std::string caFile{};                // trusted certificates in place of the system's
   std::string traceFile{};             // empty: stderr
+  Log log{};                           // gets the trace in place of the file
   std::uint32_t traceLevel = 0;        // 0 nothing, 300 failures, 700 everything
   std::string modulePath{};            // of libveld_report.so; empty: it is looked for, see docs/api.md
 };

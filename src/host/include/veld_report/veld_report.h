@@ -74,6 +74,11 @@ typedef struct veld_report_request {
  * or free the handle. */
 typedef void (*veld_report_listener)(void* context, const veld_report_request* request);
 
+/* Called for each trace line with its level (300 failures, 700 everything else), without time and line end.
+ * One call at a time, on whatever thread traces, which may be one in veld_report_send_json. It should return
+ * soon, must not use the handle, and must not wait for a lock that is held around a call with the handle. */
+typedef void (*veld_report_log)(void* context, uint32_t level, const char* text);
+
 /* Fill it with zeros and set struct_size, store and the endpoints. Everything else has a default, which 0 or
  * NULL selects. */
 typedef struct veld_report_options {
@@ -107,6 +112,8 @@ typedef struct veld_report_options {
   uint32_t sync_every_commit;    /* not 0: what is written survives a crash of the machine */
   uint32_t hold_sending;         /* not 0: sends nothing until veld_report_allow_sending */
   uint32_t reserved;             /* 0 */
+  veld_report_log log;           /* gets the trace in place of the file */
+  void* log_context;
 } veld_report_options;
 
 /* Opens a store and starts sending. *out receives a handle, for veld_report_free. 0 or a failure. */
