@@ -27,6 +27,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
  protected:
   ~StoreCourses() override { EndServices(); }
   void Begin() override {
+    now_ = 1'000'000;
     EnterNewFolder();
     OpenAs("one", {});
     lines_.Take();
@@ -145,7 +146,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   std::map<std::string, zel::Ref<host::QueueService>> services_;
   const std::shared_ptr<FakePacer> pacer_ = std::make_shared<FakePacer>();
   TracedLines lines_;
-  std::int64_t now_ = 1'000'000;
+  std::int64_t now_ = 0;
   int count_ = 0;
 };
 
