@@ -18,8 +18,7 @@ namespace {
 // Threads of a world take turns, so nothing here needs a lock.
 std::int64_t live = 0;
 int failAt = 0;
-void (*failed)(void* context) = nullptr;
-void* failedContext = nullptr;
+std::function<void()> failed;
 bool twoAtOnce = false;
 
 thread_local bool inModule = false;
@@ -30,7 +29,7 @@ thread_local int heldDepth = 0;
 bool FailThis() {
   if (!inModule || failAt == 0 || --failAt > 0) return false;
   const Outside outside;
-  failed(failedContext);
+  failed();
   return true;
 }
 
@@ -52,10 +51,9 @@ Inside::~Inside() { inModule = before_; }
 
 bool Heap::Counts() { return VELD_OWN_NEW; }
 std::int64_t Heap::LiveBlocks() { return VELD_OWN_NEW ? live : 0; }
-void Heap::FailNth(int nth, void (*onFailure)(void* context), void* context) {
+void Heap::FailNth(int nth, std::function<void()> onFailure) {
   failAt = nth;
-  failed = onFailure;
-  failedContext = context;
+  failed = std::move(onFailure);
 }
 
 int Locks::Held() { return heldDepth; }

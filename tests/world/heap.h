@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 namespace veld_report::world {
 
@@ -31,7 +32,7 @@ struct Heap {
   // Blocks that are out, of everything in this program.
   static std::int64_t LiveBlocks();
   // The nth allocation inside the module from here on fails, and `onFailure` is called; 0: none.
-  static void FailNth(int nth, void (*onFailure)(void* context), void* context);
+  static void FailNth(int nth, std::function<void()> onFailure);
 };
 
 struct Locks {

@@ -36,34 +36,35 @@ std::string ResultText(zel::ResultCode result) {
 
 // What a reader of a course wants to know of a call; names of queues are the letters of their urls.
 std::string CallText(Op op, std::uint64_t a, std::uint64_t b, std::uint64_t c) {
-  const std::string queue(1, static_cast<char>('a' + a));
+  const std::string queue = {' ', static_cast<char>('a' + a)};
   const auto number = [](std::uint64_t value) { return " " + std::to_string(value); };
-  std::string text = Name(op);
-  switch (op) {
-    case Op::createProducer:
-      return text + " " + queue + number(b);
-    case Op::createAckConsumer:
-    case Op::removeQueue:
-      return text + " " + queue;
-    case Op::push:
-      return text + number(a) + number(c);
-    case Op::read:
-    case Op::cancel:
-    case Op::armTimer:
-      return text + number(a);
-    case Op::ack:
-    case Op::returnItem:
-    case Op::wait:
-      return text + number(a) + number(b);
-    case Op::makeRequest:
-      return text + " " + queue + number(b);
-    case Op::onRequestFinished:
-      return text + " " + ResultText(static_cast<zel::ResultCode>(a));
-    case Op::lookUp:
-      return text + " " + HexText(a);
-    default:
-      return text;
-  }
+  const auto arguments = [&]() -> std::string {
+    switch (op) {
+      case Op::createProducer:
+      case Op::makeRequest:
+        return queue + number(b);
+      case Op::createAckConsumer:
+      case Op::removeQueue:
+        return queue;
+      case Op::push:
+        return number(a) + number(c);
+      case Op::read:
+      case Op::cancel:
+      case Op::armTimer:
+        return number(a);
+      case Op::ack:
+      case Op::returnItem:
+      case Op::wait:
+        return number(a) + number(b);
+      case Op::onRequestFinished:
+        return " " + ResultText(static_cast<zel::ResultCode>(a));
+      case Op::lookUp:
+        return " " + HexText(a);
+      default:
+        return "";
+    }
+  };
+  return Name(op) + arguments();
 }
 
 }  // namespace
@@ -100,10 +101,9 @@ const std::string& QueueName(int name) {
 }
 
 int NameIndex(std::string_view name) {
-  for (int i = 0; i < nameCount; ++i) {
-    if (QueueName(i) == name) return i;
-  }
-  return -1;
+  int found = nameCount - 1;
+  while (found >= 0 && QueueName(found) != name) --found;
+  return found;
 }
 
 decltype(Host::seen) Host::seen;
@@ -152,13 +152,11 @@ zel::ResultCode Host::Planned(Op op) {
 }
 
 bool Host::WillFail(Op op) const {
-  return std::any_of(plans.begin(), plans.end(),
-                     [&](const Step& plan) { return plan.b == 1 && Meant(plan, op); });
+  return std::ranges::any_of(plans, [&](const Step& plan) { return plan.b == 1 && Meant(plan, op); });
 }
 
 void Host::EnterIfDue(Op op) {
-  for (std::size_t i = 0; i < plans.size(); ++i) {
-    Step& plan = plans[i];
+  for (Step& plan : plans) {
     if (plan.kind != Step::Kind::enter || plan.op != op || plan.b == 0 || --plan.b > 0) continue;
     const Step due = plan;
     return enter(due);
@@ -166,16 +164,13 @@ void Host::EnterIfDue(Op op) {
 }
 
 StoredItem* Host::Next(StoredQueue& queue, std::uint64_t position) {
-  auto item = std::upper_bound(queue.items.begin(), queue.items.end(), position,
-                               [](std::uint64_t token, const StoredItem& one) { return token < one.token; });
+  auto item = std::ranges::upper_bound(queue.items, position, {}, &StoredItem::token);
   while (item != queue.items.end() && item->holder) ++item;
   return item == queue.items.end() ? nullptr : &*item;
 }
 
 std::deque<StoredItem>::iterator Host::Find(StoredQueue& queue, std::uint64_t token) {
-  const auto item =
-      std::lower_bound(queue.items.begin(), queue.items.end(), token,
-                       [](const StoredItem& one, std::uint64_t wanted) { return one.token < wanted; });
+  const auto item = std::ranges::lower_bound(queue.items, token, {}, &StoredItem::token);
   return item == queue.items.end() || item->token == token ? item : queue.items.end();
 }
 

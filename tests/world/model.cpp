@@ -63,7 +63,7 @@ const Record& Model::Call(Op op, std::uint64_t a, std::uint64_t b, std::uint64_t
 }
 
 void Model::Require(const Record& call) {
-  if (call.result < 0) throw Thrown{call.result};
+  if (call.result < 0) throw Thrown{{call.result}};
 }
 
 void Model::Inner() {
@@ -103,9 +103,7 @@ void Model::Enter(Entry entry) {
         Cycle();
         break;
     }
-  } catch (const Excused&) {
-    threw = true;
-  } catch (const Thrown&) {
+  } catch (const Stopped&) {
     threw = true;
   }
   if (entry == Entry::run) sender_.running = false;
@@ -171,9 +169,8 @@ const Model::Item* Model::Read(std::uint64_t reader) {
   const Record& read = Take(Op::read, reader);
   ReaderState& state = readers_.at(reader);
   Queue& queue = QueueOf(state.name);
-  const auto item = std::find_if(queue.items.begin(), queue.items.end(), [&](const Item& one) {
-    return one.token > state.position && one.reader == 0;
-  });
+  const auto item = std::ranges::find_if(
+      queue.items, [&](const Item& one) { return one.token > state.position && one.reader == 0; });
   const bool found = item != queue.items.end();
   if (read.result == 0 && !read.threw) {
     if (!found || item->token != read.b) Fail(invariant::order, "another item than the oldest");
@@ -191,14 +188,11 @@ const Model::Item* Model::Read(std::uint64_t reader) {
 void Model::Settle(Op op, std::uint64_t reader, std::uint64_t token) {
   const Record& call = Take(op, reader, token);
   Queue& queue = QueueOf(readers_.at(reader).name);
-  const auto item = std::find_if(queue.items.begin(), queue.items.end(),
-                                 [&](const Item& one) { return one.token == token && one.reader == reader; });
+  const auto item = std::ranges::find_if(
+      queue.items, [&](const Item& one) { return one.token == token && one.reader == reader; });
   if (item != queue.items.end() && !call.faulted) {
-    if (op == Op::ack) {
-      queue.items.erase(item);
-    } else {
-      item->reader = 0;
-    }
+    item->reader = 0;
+    if (op == Op::ack) queue.items.erase(item);
   }
   Inner();
   if (call.threw) throw Thrown{};
@@ -212,6 +206,11 @@ void Model::SettleQuietly(Op op, std::uint64_t reader, std::uint64_t token) {
   }
 }
 
+std::vector<int> Model::NamesOf(const Record& list) const {
+  const auto first = host_.enumerated.begin() + static_cast<std::ptrdiff_t>(list.a);
+  return {first, first + static_cast<std::ptrdiff_t>(list.b)};
+}
+
 void Model::EndReader(std::uint64_t reader) {
   const auto state = readers_.find(reader);
   if (state == readers_.end()) return;
@@ -222,7 +221,7 @@ void Model::EndReader(std::uint64_t reader) {
 }
 
 void Model::PutForeign(int name) {
-  const StoredQueue& stored = host_.queues[static_cast<std::size_t>(name)];
+  const StoredQueue& stored = host_.QueueOf(name);
   Queue& queue = QueueOf(name);
   queue.exists = stored.exists;
   if (stored.items.empty()) return;
@@ -234,15 +233,13 @@ void Model::PutForeign(int name) {
 
 void Model::Compare() {
   for (int name = 0; name < nameCount; ++name) {
-    const StoredQueue& stored = host_.queues[static_cast<std::size_t>(name)];
+    const StoredQueue& stored = host_.QueueOf(name);
     const Queue& queue = QueueOf(name);
-    const bool same = stored.exists == queue.exists &&
-                      std::equal(stored.items.begin(), stored.items.end(), queue.items.begin(),
-                                 queue.items.end(), [](const StoredItem& is, const Item& wanted) {
-                                   return is.token == wanted.token && is.print == wanted.print &&
-                                          (is.holder != nullptr) == (wanted.reader != 0);
-                                 });
-    if (!same) {
+    const auto same = [](const StoredItem& is, const Item& wanted) {
+      return is.token == wanted.token && is.print == wanted.print &&
+             (is.holder != nullptr) == (wanted.reader != 0);
+    };
+    if (stored.exists != queue.exists || !std::ranges::equal(stored.items, queue.items, same)) {
       Fail(invariant::queues, "queue " + std::to_string(name) + " holds " +
                                   std::to_string(stored.items.size()) + " items, the model's " +
                                   std::to_string(queue.items.size()) + ", or other ones");

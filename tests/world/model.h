@@ -31,10 +31,12 @@ class Model {
 
  private:
   struct Mismatch {};
-  struct Excused {};
-  struct Thrown {
+  // A step of the module's that ended early: by what a call threw, or by what an excuse stands for.
+  struct Stopped {
     zel::ResultCode code = 0;  // 0: none that is known
   };
+  struct Excused : Stopped {};
+  struct Thrown : Stopped {};
   struct Item {
     std::uint64_t token, print, size;
     std::uint64_t reader = 0;  // that holds it
@@ -111,6 +113,8 @@ class Model {
   // True if the queue is full.
   bool Push(int name, const Pending& element);
   const Item* Read(std::uint64_t reader);
+  // Those that are in the host's recording of an enumeration.
+  std::vector<int> NamesOf(const Record& list) const;
   // Ack or ReturnItem; the second form for tokens of a request, whose outcome isn't looked at.
   void Settle(Op op, std::uint64_t reader, std::uint64_t token);
   void SettleQuietly(Op op, std::uint64_t reader, std::uint64_t token);

@@ -10,9 +10,7 @@ constexpr std::uint32_t submissionDelayMs = 1000;
 
 // Bytes as signed characters.
 bool Less(int left, int right) {
-  const std::string& a = QueueName(left);
-  const std::string& b = QueueName(right);
-  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char one, char other) {
+  return std::ranges::lexicographical_compare(QueueName(left), QueueName(right), [](char one, char other) {
     return static_cast<signed char>(one) < static_cast<signed char>(other);
   });
 }
@@ -27,7 +25,7 @@ void Model::Construct() {
   try {
     if (!has(noQueues) || !has(noHttp)) {
       settings_.pop_front();
-      throw Thrown{zel::eNotFound};
+      throw Thrown{{zel::eNotFound}};
     }
     Require(Call(Op::createClient));
     sender_.mode = has(noMode);
@@ -35,13 +33,11 @@ void Model::Construct() {
     sender_.notification = has(noNotification);
     sender_.constructed = true;
     const zel::ResultCode result = SetSettings();
-    if (result < 0) throw Thrown{result};
+    if (result < 0) throw Thrown{{result}};
     sender_.bound = has(noTimer);
-  } catch (const Thrown& thrown) {
+  } catch (const Stopped& stopped) {
     failed = true;
-    failure = thrown.code;
-  } catch (const Excused&) {
-    failed = true;
+    failure = stopped.code;
   }
   settings_.clear();
   const Record* end = Peek();
@@ -64,9 +60,8 @@ void Model::Submit() {
     sender_.pending.push_back(element);
     sender_.armed = true;
     if (sender_.bound) Call(Op::armTimer, submissionDelayMs);
-  } catch (const Thrown&) {
+  } catch (const Stopped&) {
     // The caller never learns of it.
-  } catch (const Excused&) {
   }
   Return(0, false);
 }
@@ -95,8 +90,7 @@ zel::ResultCode Model::ReplaceSettings(const Settings& settings) {
   if (Call(Op::queryCertificates).result < 0) return zel::eUnspecifiedError;
   if (Call(Op::setCertificates).result < 0) return zel::eUnspecifiedError;
 
-  std::stable_sort(made.rows.begin(), made.rows.end(),
-                   [](const TableRow& left, const TableRow& right) { return Less(left.name, right.name); });
+  std::ranges::stable_sort(made.rows, Less, &TableRow::name);
   made.packetLimit = settings.packetLimit;
   made.queueLimitBytes = settings.queueLimitKb << 10;
   made.sendTimeoutMs = settings.sendTimeoutS * 1000;
@@ -150,9 +144,8 @@ void Model::Cycle() {
   sender_.needToSend = sender_.sent = 0;
   try {
     GuardedCycle(snapshot, flags);
-  } catch (const Thrown&) {
+  } catch (const Stopped&) {
     // The cycle ends with the totals as they stand.
-  } catch (const Excused&) {
   }
   if (sender_.stopping) return;
   const std::uint32_t need = sender_.needToSend;
@@ -185,11 +178,7 @@ void Model::UpdateQueues(const Snapshot& snapshot, std::uint32_t flags) {
   }
   if ((flags & 2) == 0) return;
   std::vector<int> names;
-  if (Call(Op::createQueueManager).result >= 0) {
-    const Record& list = Call(Op::enumerateQueues);
-    const auto first = host_.enumerated.begin() + static_cast<std::ptrdiff_t>(list.a);
-    names.assign(first, first + static_cast<std::ptrdiff_t>(list.b));
-  }
+  if (Call(Op::createQueueManager).result >= 0) names = NamesOf(Call(Op::enumerateQueues));
   std::sort(names.begin(), names.end(), Less);
   // Side by side, so that a name that is given twice meets its row only once.
   std::vector<int> removed;
@@ -216,9 +205,8 @@ void Model::Drain(const Snapshot& snapshot) {
       for (const TableRow& row : snapshot.rows) {
         if (element.consumer == 0 || element.consumer == row.consumer) QueueItem(snapshot, row.name, element);
       }
-    } catch (const Thrown&) {
+    } catch (const Stopped&) {
       // Costs the element its remaining rows.
-    } catch (const Excused&) {
     }
   }
 }

@@ -10,14 +10,13 @@ void Model::Walk(const Snapshot& snapshot) {
     Require(Call(Op::createQueueManager));
     const Record& list = Call(Op::enumerateQueues);
     Require(list);
-    const auto first = host_.enumerated.begin() + static_cast<std::ptrdiff_t>(list.a);
-    sender_.list = {first, first + static_cast<std::ptrdiff_t>(list.b)};
+    const std::vector<int> names = NamesOf(list);
+    sender_.list = {names.begin(), names.end()};
     sender_.listed = true;
   }
   sender_.needToSend = sender_.sent = 0;
   const auto hasRow = [&](int name) {
-    return std::any_of(snapshot.rows.begin(), snapshot.rows.end(),
-                       [&](const TableRow& row) { return row.name == name; });
+    return std::ranges::find(snapshot.rows, name, &TableRow::name) != snapshot.rows.end();
   };
   while (!sender_.stopping) {
     auto& list = sender_.list;
@@ -116,21 +115,16 @@ void Model::Complete(const Record& record) {
     if (request->notify) Call(Op::onRequestFinished, static_cast<std::uint32_t>(code));
   };
   try {
-    if (record.result != 0) {
-      request->result = record.result;
-      notify(record.result);
-    } else {
-      if (record.b == 200) {
-        for (const std::uint64_t token : request->tokens) SettleQuietly(Op::ack, request->reader, token);
-        request->sent = std::exchange(request->needToSend, 0);
-        request->reader = 0;
-      }
-      notify(record.b == 200 ? 0 : zel::eInvalidResult);
-      request->result = 0;
+    if (record.result != 0) request->result = record.result;
+    if (record.result == 0 && record.b == 200) {
+      for (const std::uint64_t token : request->tokens) SettleQuietly(Op::ack, request->reader, token);
+      request->sent = std::exchange(request->needToSend, 0);
+      request->reader = 0;
     }
-  } catch (const Thrown&) {
+    notify(record.result != 0 || record.b == 200 ? record.result : zel::eInvalidResult);
+    if (record.result == 0) request->result = 0;
+  } catch (const Stopped&) {
     // The client takes it; the request stays as far as it came.
-  } catch (const Excused&) {
   }
   request->clientHolds = false;
   if (!request->walkHolds) GiveBack(*request);

@@ -29,21 +29,13 @@ class World {
   World& operator=(const World&) = delete;
 
   Outcome Run(const Script& script) {
-    Outcome outcome;
-    for (; outcome.step < script.size() && !host_.Failed(); ++outcome.step) {
-      if (host_.course) *host_.course += courseMark + ToText({script[outcome.step]});
-      Do(script[outcome.step]);
+    for (const Step& step : script) {
+      if (host_.Failed()) break;
+      if (host_.course) *host_.course += courseMark + ToText({step});
+      Do(step);
     }
-    if (!host_.Failed()) {
-      End();
-    } else {
-      --outcome.step;
-      Abandon();
-    }
-    outcome.failure = host_.failure;
-    outcome.cycles = cycles_;
-    outcome.troubles = host_.troubles;
-    return outcome;
+    host_.Failed() ? Abandon() : End();
+    return {.failure = host_.failure, .cycles = cycles_, .troubles = host_.troubles};
   }
 
  private:
@@ -54,10 +46,7 @@ class World {
       case Kind::restart:
         return Restart(step);
       case Kind::submit:
-        for (int i = 0; i < step.a && sender_.Exists() && !host_.Failed(); ++i) {
-          sender_.Submit(step.c, step.b);
-          Check();
-        }
+        for (int i = 0; i < step.a; ++i) Submit(step.c, step.b);
         return;
       case Kind::settings:
         if (sender_.Exists()) sender_.SetSettings(step.settings);
@@ -85,12 +74,17 @@ class World {
     }
   }
 
+  void Submit(int consumer, int size) {
+    if (!sender_.Exists() || host_.Failed()) return;
+    sender_.Submit(consumer, size);
+    Check();
+  }
+
   void FailHeap(int nth) {
-    const auto onFailure = [](void* host) {
-      ++static_cast<Host*>(host)->troubles;
-      static_cast<Host*>(host)->Excuse();
-    };
-    Heap::FailNth(nth, onFailure, &host_);
+    Heap::FailNth(nth, [this] {
+      ++host_.troubles;
+      host_.Excuse();
+    });
   }
   void ClearFaults() {
     host_.plans.clear();
@@ -157,6 +151,14 @@ class World {
     host_.nowMs = std::max(host_.nowMs, until);
   }
 
+  void CompleteAll() {
+    while (Request* request = host_.FirstDue()) {
+      host_.nowMs = std::max(host_.nowMs, request->dueMs);
+      host_.Complete(*request);
+      Check();
+    }
+  }
+
   void EndSender() {
     if (!sender_.Exists()) return;
     sender_.Release();
@@ -185,7 +187,7 @@ class World {
   }
 
   void PutForeign(const Step& step) {
-    StoredQueue& queue = host_.queues[static_cast<std::size_t>(step.a)];
+    StoredQueue& queue = host_.QueueOf(step.a);
     queue.exists = true;
     model_.PutForeign(step.a);
     for (int i = 0; i < step.b; ++i) {
@@ -197,18 +199,12 @@ class World {
   // Whatever happened before, a host in health delivers all that waits, and within one cycle.
   void Settle() {
     ClearFaults();
-    while (Request* request = host_.FirstDue()) {
-      host_.nowMs = std::max(host_.nowMs, request->dueMs);
-      host_.Complete(*request);
-      Check();
-    }
-    Step restart{.kind = Kind::restart, .b = 1};
-    restart.settings = {
-        .packetLimit = 2, .queueLimitKb = settleLimitKb, .rows = {{0, 0}, {1, 0}, {2, 0}, {3, 0}}};
-    Restart(restart);
+    CompleteAll();
+    Restart({.kind = Kind::restart,
+             .b = 1,
+             .settings = {.packetLimit = 2, .queueLimitKb = settleLimitKb, .rows = {{0}, {1}, {2}, {3}}}});
     if (host_.Failed()) return;
-    sender_.Submit(0, 30);
-    Check();
+    Submit(0, 30);
     Advance(2000);
     if (host_.Failed()) return;
     for (const StoredQueue& queue : host_.queues) {
@@ -223,10 +219,7 @@ class World {
     if ((zelCanUnloadModule() == 0) != host_.open.empty())
       host_.Fail(invariant::balance, "zelCanUnloadModule");
     ClearFaults();
-    while (Request* request = host_.FirstDue()) {
-      host_.Complete(*request);
-      Check();
-    }
+    CompleteAll();
     if (zelCanUnloadModule() != 0) host_.Fail(invariant::balance, "objects of the module are left");
     if (host_.blocks != 0) host_.Fail(invariant::balance, std::to_string(host_.blocks) + " blocks are out");
     host_.missing = 0;
@@ -241,8 +234,8 @@ class World {
   // After a failure: all goes as far as it can, unjudged.
   void Abandon() {
     ClearFaults();
-    if (sender_.Exists()) sender_.Release();
-    while (Request* request = host_.FirstDue()) host_.Complete(*request);
+    EndSender();
+    CompleteAll();
   }
 
   Host host_;

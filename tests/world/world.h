@@ -12,7 +12,6 @@ namespace veld_report::world {
 struct Outcome {
   bool Failed() const { return !failure.invariant.empty(); }
   Failure failure;
-  std::size_t step = 0;  // at which it failed; the script's size for its end
   std::uint64_t cycles = 0;
   std::uint64_t troubles = 0;  // faults of the script that were met
 };
