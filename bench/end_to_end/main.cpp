@@ -15,6 +15,8 @@ int main(int argc, char** argv) {
       {"push", MeasurePush},           {"drain", MeasureDrain},
       {"evict", MeasureEviction},      {"start", MeasureStart},
       {"queues", MeasureQueues},       {"fill", FillOnly},
+      {"idle", MeasureIdle},           {"down", MeasureDown},
+      {"trickle", MeasureTrickle},
   };
   try {
     const RunOptions options = ParseOptions(argc, argv);

@@ -1,6 +1,7 @@
 #include "bench/end_to_end/meters.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -10,12 +11,12 @@
 namespace veld_report::bench {
 namespace {
 
-// A line of /proc/self/status, "VmHWM:    1234 kB".
-std::uint64_t StatusKb(const std::string& name) {
-  std::ifstream status("/proc/self/status");
-  for (std::string word; status >> word;) {
+// The number after this word in a file of the kernel, such as "VmHWM:    1234 kB".
+std::uint64_t NumberAfter(const std::string& name, const std::filesystem::path& file) {
+  std::ifstream text(file);
+  for (std::string word; text >> word;) {
     std::uint64_t value = 0;
-    if (word == name && status >> value) return value;
+    if (word == name && text >> value) return value;
   }
   return 0;
 }
@@ -31,8 +32,21 @@ double CpuSeconds() {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-std::uint64_t PeakKb() { return StatusKb("VmHWM:"); }
+std::uint64_t PeakKb() { return NumberAfter("VmHWM:", "/proc/self/status"); }
 void ResetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
+std::uint64_t CurrentKb() { return NumberAfter("VmRSS:", "/proc/self/status"); }
+
+std::uint64_t WrittenBytes() { return NumberAfter("write_bytes:", "/proc/self/io"); }
+
+std::uint64_t Sleeps() {
+  std::uint64_t sleeps = 0;
+  std::error_code ignored;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
+    if (task.path().filename() == std::to_string(::getpid())) continue;
+    sleeps += NumberAfter("voluntary_ctxt_switches:", task.path() / "status");
+  }
+  return sleeps;
+}
 
 void Result::Set(std::string_view name, double value) {
   char text[40];

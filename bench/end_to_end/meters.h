@@ -14,6 +14,13 @@ double CpuSeconds();
 // The peak of this process's memory since ResetPeak, in KB.
 std::uint64_t PeakKb();
 void ResetPeak();
+std::uint64_t CurrentKb();
+
+// What this process has caused to be written to disk so far, in bytes; the kernel counts pages. 0 on a file
+// system in memory.
+std::uint64_t WrittenBytes();
+// How often the other threads of this process have gone to sleep so far.
+std::uint64_t Sleeps();
 
 // Wall and CPU time since its construction.
 class Stopwatch {

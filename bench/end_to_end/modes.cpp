@@ -34,6 +34,7 @@ Result MeasureEndToEnd(const RunOptions& options) {
   RunHost host(options, folder.Path(), sink.Url());
   ResetPeak();
 
+  const std::uint64_t written = WrittenBytes();
   const Stopwatch watch;
   host.Submit(0, options.records);
   const double submitted = watch.WallSeconds();
@@ -49,6 +50,8 @@ Result MeasureEndToEnd(const RunOptions& options) {
   result.Set("storedAfterS", stored);
   result.Set("maxPending", host.MaxPending());
   result.Set("peakKb", PeakKb());
+  result.Set("writtenBytesPerRecord",
+             static_cast<double>(WrittenBytes() - written) / static_cast<double>(options.records));
   result.SetThreads(static_cast<double>(options.records));
   return result;
 }

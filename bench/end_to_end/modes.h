@@ -13,6 +13,9 @@ Result MeasureDrain(const RunOptions& options);
 Result MeasureEviction(const RunOptions& options);
 Result MeasureStart(const RunOptions& options);
 Result MeasureQueues(const RunOptions& options);
+Result MeasureIdle(const RunOptions& options);
+Result MeasureDown(const RunOptions& options);
+Result MeasureTrickle(const RunOptions& options);
 Result FillOnly(const RunOptions& options);
 
 }  // namespace veld_report::bench

@@ -19,8 +19,11 @@ constexpr char usage[] =
     "  evict       push, into an empty queue and into a full one of 2048 KB\n"
     "  start       from the making of the host to the first item read, with `fill` items waiting\n"
     "  queues      a cycle with `urls` queues of which `active` have `records` items each\n"
+    "  idle        a reporter with nothing to do, for `seconds`\n"
+    "  down        a reporter with `records` records for `urls` servers that are down\n"
+    "  trickle     a reporter that sends one record a second\n"
     "  fill        nothing but `fill` items into `store`\n"
-    "names: records size urls active packet pending fill rounds queue-limit-kb port timeout-s store\n"
+    "names: records size urls active packet pending fill rounds seconds queue-limit-kb port timeout-s store\n"
     "The result is one JSON object on standard output.";
 
 [[noreturn]] void Refuse(const std::string& what) { throw std::invalid_argument(what + "\n" + usage); }
@@ -37,17 +40,12 @@ std::uint64_t Number(const std::string& name, std::string_view text) {
 RunOptions ParseOptions(int argc, char** argv) {
   RunOptions options;
   const std::map<std::string, std::uint64_t*> numbers = {
-      {"--records", &options.records},
-      {"--size", &options.size},
-      {"--urls", &options.urls},
-      {"--active", &options.active},
-      {"--packet", &options.packet},
-      {"--pending", &options.pending},
-      {"--fill", &options.fill},
-      {"--rounds", &options.rounds},
-      {"--queue-limit-kb", &options.queueLimitKb},
-      {"--port", &options.port},
-      {"--timeout-s", &options.timeoutS},
+      {"--records", &options.records}, {"--size", &options.size},
+      {"--urls", &options.urls},       {"--active", &options.active},
+      {"--packet", &options.packet},   {"--pending", &options.pending},
+      {"--fill", &options.fill},       {"--rounds", &options.rounds},
+      {"--seconds", &options.seconds}, {"--queue-limit-kb", &options.queueLimitKb},
+      {"--port", &options.port},       {"--timeout-s", &options.timeoutS},
   };
   const std::map<std::string, std::string*> texts = {{"--mode", &options.mode}, {"--store", &options.store}};
   for (int i = 1; i < argc; ++i) {

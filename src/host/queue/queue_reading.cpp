@@ -229,7 +229,8 @@ void QueueStore::CloseReader(ReaderState& reader) {
   if (!evicting) --sendingReaders_;
   if (evicting && !options_.shared) return;
   writer_.EndReading(queue.stored);
-  Flush();
+  // What is deleted may wait for something to be written with it, unless the lease goes with it.
+  if (options_.shared || writer_.BufferedItems() != 0) Flush();
 }
 
 }  // namespace veld_report::host

@@ -13,6 +13,9 @@ namespace {
 
 // How long the committer waits before it retries a failed write.
 constexpr std::chrono::milliseconds retryDelay{100};
+// How long a group that only deletes waits for something to be written with. With a record every second or
+// two, which is delivered at once, that halves what is written.
+constexpr std::chrono::milliseconds deletionDelay{3000};
 // So much free room in the file does for a reserve that can't be had again.
 constexpr std::int64_t plentyOfFreeBytes = 8 << 20;
 // Below SQLite's own limit of 10^9 bytes per row. A larger item would stay in the buffer for ever.
@@ -247,30 +250,33 @@ bool QueueStore::Flush() {
   return written;
 }
 
-// Called after each change: writes a full group, and wakes the committer for the first change of a new one.
+// Called after each change: writes a full group, and wakes the committer for a new one that is due before the
+// one for which it sleeps.
 void QueueStore::CommitIfDue() {
   if (!failing_ && writer_.HoldsOperations(options_.commitOperations)) Flush();
-  if (committerIdle_ && writer_.IsDirty()) {
-    committerIdle_ = false;
-    wake_.notify_one();
-  }
+  if (!writer_.IsDirty() || GroupIsDue() >= committerWakes_) return;
+  committerWakes_ = QueueWriter::Clock::time_point::min();
+  wake_.notify_one();
+}
+
+QueueWriter::Clock::time_point QueueStore::GroupIsDue() const {
+  if (failing_) return writer_.LastFailure() + retryDelay;
+  // Another process may send what is acknowledged as soon as this one has no readers.
+  return writer_.Due(options_.commitDelay,
+                     options_.shared ? options_.commitDelay : std::max(options_.commitDelay, deletionDelay));
 }
 
 // Writes a group that doesn't fill up in time. While operations come in fast, it isn't woken for each group:
 // it checks again when the group that it has seen would be due.
 void QueueStore::RunCommitter() {
+  using Clock = QueueWriter::Clock;
   std::unique_lock lock(mutex_);
   while (!stopping_) {
-    if (!writer_.IsDirty()) {
-      committerIdle_ = true;
+    committerWakes_ = writer_.IsDirty() ? GroupIsDue() : Clock::time_point::max();
+    if (committerWakes_ == Clock::time_point::max()) {
       wake_.wait(lock);
-      continue;
-    }
-    committerIdle_ = false;
-    const auto due =
-        failing_ ? writer_.LastFailure() + retryDelay : writer_.DirtySince() + options_.commitDelay;
-    if (QueueWriter::Clock::now() < due) {
-      wake_.wait_until(lock, due);
+    } else if (Clock::now() < committerWakes_) {
+      wake_.wait_until(lock, committerWakes_);
     } else {
       Flush();
     }

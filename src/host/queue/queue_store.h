@@ -125,6 +125,7 @@ class QueueStore {
   bool Flush();
   bool FlushFigures();
   void CommitIfDue();
+  QueueWriter::Clock::time_point GroupIsDue() const;
   bool IsRefusingWrites();
   bool HasFile();
   bool MakeRoomInStore(std::int64_t bytes);
@@ -167,7 +168,8 @@ class QueueStore {
   bool isGone_ = false;   // the file was deleted, and that was traced
   bool failing_ = false;  // the last Flush failed, and that was traced
   bool stopping_ = false;
-  bool committerIdle_ = false;
+  // Until when the committer sleeps; it begins by looking.
+  QueueWriter::Clock::time_point committerWakes_ = QueueWriter::Clock::time_point::min();
   std::condition_variable wake_;
   std::thread committer_;
 };

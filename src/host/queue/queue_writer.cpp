@@ -17,7 +17,8 @@ QueueLedger Offered(std::size_t bytes) {
 
 }  // namespace
 
-void QueueWriter::Touch(BufferedQueue& queue) {
+void QueueWriter::Touch(BufferedQueue& queue, bool urgent) {
+  if (urgent && !urgentSince_) urgentSince_ = Clock::now();
   if (queue.dirty_) return;
   if (dirty_.empty()) dirtySince_ = Clock::now();
   dirty_.push_back(&queue);
@@ -82,7 +83,7 @@ void QueueWriter::DropLastItem() {
 
 void QueueWriter::AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item,
                             ItemCount QueueLedger::*kind) {
-  Touch(queue);
+  Touch(queue, false);
   // Both or neither: an item that is hidden but never deleted would come back with the next process.
   deletes_.push_back({&queue, token, item, kind});
   try {
@@ -258,6 +259,7 @@ void QueueWriter::Settle(bool withItems) {
     queue->removalBuffered_ = false;
   }
   dirty_.clear();
+  urgentSince_.reset();
   added_.clear();
   // They may have been read ahead again, and from here on nobody skips them.
   for (const Delete& removed : deletes_) removed.queue->ahead_.Drop(removed.token);

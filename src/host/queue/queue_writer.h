@@ -61,8 +61,11 @@ class QueueWriter {
   bool Flush();
 
   bool IsDirty() const { return !dirty_.empty(); }
-  // The time of the oldest change in the buffer. Only valid while it is dirty.
-  Clock::time_point DirtySince() const { return dirtySince_; }
+  // When the buffer is to be written: `delay` after its oldest change, or `deletionDelay` after it if there
+  // are only deletions. Only valid while it is dirty.
+  Clock::time_point Due(std::chrono::milliseconds delay, std::chrono::milliseconds deletionDelay) const {
+    return urgentSince_ ? *urgentSince_ + delay : dirtySince_ + deletionDelay;
+  }
   // True if the buffer holds that many changes, or so many bytes of items that it should be written anyway.
   // Evictions belong to the push that they make room for and don't count.
   bool HoldsOperations(std::size_t count) const {
@@ -96,7 +99,7 @@ class QueueWriter {
   static constexpr std::size_t maxEvictions = 1024;
   static constexpr std::size_t maxBytes = std::size_t{256} * 1024;
 
-  void Touch(BufferedQueue& queue);
+  void Touch(BufferedQueue& queue, bool urgent = true);
   bool Try(bool withItems);
   void TryDeletionsAlone();
   void Undo() noexcept;
@@ -121,6 +124,7 @@ class QueueWriter {
   std::vector<NewItem> newItems_;      // of the transaction in progress
   std::vector<BufferedQueue*> added_;  // got their row in the transaction in progress
   Clock::time_point dirtySince_{};
+  std::optional<Clock::time_point> urgentSince_;  // of the oldest change but a deletion
   std::optional<SqliteError> error_;
   Clock::time_point lastFailure_{};
 };

@@ -1,0 +1,77 @@
+// What a reporter costs that has little or nothing to do.
+#include <thread>
+
+#include "bench/end_to_end/modes.h"
+#include "bench/end_to_end/run_host.h"
+#include "bench/end_to_end/sink.h"
+#include "veld_report/reporter.h"
+
+namespace veld_report::bench {
+namespace {
+
+using std::chrono::seconds;
+
+ReporterOptions OptionsFor(const RunOptions& options, const StoreFolder& folder, const std::string& base) {
+  ReporterOptions own;
+  own.store = folder.Path();
+  own.proxy = "";
+  for (std::uint64_t i = 0; i < options.urls; ++i) own.endpoints.push_back({.url = UrlOf(base, i)});
+  return own;
+}
+
+// For the seconds of the options, with a call of `everySecond` in each.
+template <class Action>
+Result Watch(const RunOptions& options, Action&& everySecond) {
+  const Stopwatch watch;
+  const std::uint64_t sleeps = Sleeps();
+  const std::uint64_t written = WrittenBytes();
+  const auto begin = std::chrono::steady_clock::now();
+  for (std::uint64_t second = 1; second <= options.seconds; ++second) {
+    everySecond();
+    std::this_thread::sleep_until(begin + seconds(second));
+  }
+  Result result;
+  result.Set("wakeUps", Sleeps() - sleeps);
+  result.Set("cpuMs", watch.UsedCpuSeconds() * 1e3);
+  result.Set("memoryKb", CurrentKb());
+  result.Set("writtenBytes", WrittenBytes() - written);
+  return result;
+}
+
+}  // namespace
+
+Result MeasureIdle(const RunOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(0);
+  Reporter reporter(OptionsFor(options, folder, sink.Url()));
+  reporter.Send(OpenedOfSize(options.size, firstNumber));
+  if (!reporter.Flush(seconds(options.timeoutS))) throw std::runtime_error("the flush doesn't end");
+  std::this_thread::sleep_for(seconds(2));
+  return Watch(options, [] {});
+}
+
+Result MeasureDown(const RunOptions& options) {
+  const StoreFolder folder(options);
+  // Nobody listens on its port once it has ended.
+  const std::string base = Sink(0).Url();
+  Reporter reporter(OptionsFor(options, folder, base));
+  Opened record = OpenedOfSize(options.size, firstNumber);
+  for (std::uint64_t i = 0; i < options.records; ++i, ++record.number) reporter.Send(record);
+  if (!reporter.FlushToStore(seconds(options.timeoutS))) throw std::runtime_error("the flush doesn't end");
+  return Watch(options, [] {});
+}
+
+Result MeasureTrickle(const RunOptions& options) {
+  const StoreFolder folder(options);
+  const Sink sink(0);
+  Reporter reporter(OptionsFor(options, folder, sink.Url()));
+  Opened record = OpenedOfSize(options.size, firstNumber);
+  reporter.Send(record);
+  if (!reporter.Flush(seconds(options.timeoutS))) throw std::runtime_error("the flush doesn't end");
+  return Watch(options, [&] {
+    ++record.number;
+    reporter.Send(record);
+  });
+}
+
+}  // namespace veld_report::bench
