@@ -138,7 +138,7 @@ class Maker {
       schema.rows.push_back(row);
       schema.inner.push_back(inner);
     }
-    schema.rows.push_back(veld_report::host::endRow);
+    schema.rows.push_back({.flags = zel::SerFieldDescriptor::endOfTable});
     schema.descriptor = {.serId = static_cast<std::uint32_t>(schemas_.size()), .name = "Any"};
     schema.descriptor.size = count * slotBytes;
     schema.descriptor.fields = schema.rows.data();

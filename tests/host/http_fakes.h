@@ -31,11 +31,12 @@ class RecordingCallback final : public host::HostObject<network_services::IAsync
   explicit RecordingCallback(std::function<void()> body) : body_(std::move(body)) {}
 
   zel::ResultCode OnRequestCompleted(const zel::wstring& requestUrl, const void* response) override {
-    return Complete(requestUrl, zel::sOk, network_services::ResponseStatus(response));
+    status = network_services::ResponseStatus(response);
+    return End(requestUrl, zel::sOk);
   }
   zel::ResultCode OnRequestFailed(const zel::wstring& requestUrl, zel::ResultCode failure) override {
     EXPECT_LT(failure, 0) << "a failure without a failing code";
-    return Complete(requestUrl, failure, 0);
+    return End(requestUrl, failure);
   }
 
   std::atomic<int> ends = 0;
@@ -45,10 +46,9 @@ class RecordingCallback final : public host::HostObject<network_services::IAsync
   std::uint16_t status = 0;
 
  private:
-  zel::ResultCode Complete(const zel::wstring& itsUrl, zel::ResultCode itsCode, std::uint16_t itsStatus) {
+  zel::ResultCode End(const zel::wstring& itsUrl, zel::ResultCode itsCode) {
     url = host::ToUtf8(itsUrl.View());
     code = itsCode;
-    status = itsStatus;
     EXPECT_EQ(++ends, 1) << "a second completion of one request";
     if (body_) body_();
     return zel::sOk;

@@ -36,8 +36,7 @@ struct Serialized {
   zel::ResultCode code = zel::sOk;   // of Serialize
   zel::ResultCode flush = zel::sOk;  // of Flush
   std::string text{};
-  std::string objectName{};
-  std::string fieldName{};
+  std::string objectName{}, fieldName{};
   std::uint32_t index = 0;
 };
 
@@ -62,6 +61,11 @@ inline Serialized Serialize(const zel::AnyPtr& object,
   return result;
 }
 
-inline constexpr zel::SerFieldDescriptor endRow = {.flags = zel::SerFieldDescriptor::endOfTable};
+// Of a struct with a VELD_RECORD.
+template <class Record>
+Serialized SerializeRecord(Record& record,
+                           const zel::Ref<StringStream>& stream = MakeObject<StringStream>()) {
+  return Serialize(zel::AnyPtr(&record, VeldRecordDescriptor(&record)), stream);
+}
 
 }  // namespace veld_report::host

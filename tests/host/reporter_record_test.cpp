@@ -50,11 +50,6 @@ VELD_RECORD(Outside, 0x104, text);
 namespace veld_report {
 namespace {
 
-template <class T>
-host::Serialized Serialize(T& record) {
-  return host::Serialize(zel::AnyPtr(&record, VeldRecordDescriptor(&record)));
-}
-
 TEST(Record, EveryKindOfFieldGoesUnderItsName) {
   application::Event event{.version = "4.2.0",
                            .startupMs = -312,
@@ -71,7 +66,7 @@ TEST(Record, EveryKindOfFieldGoesUnderItsName) {
                            .flags = {true, false},
                            .extra = {R"({"k": [1]})"}};
   EXPECT_EQ(
-      Serialize(event).text,
+      host::SerializeRecord(event).text,
       R"({"version":"4.2.0","startup-ms":-312,"firstRun":true,"level":1,"port":65535,"share":0.5,)"
       "\"wide\":\"\xc3\xbc\","
       R"("part":{"name":"p","w":1.25},"parts":[{"name":"a","w":1},{"name":"b","w":2}],)"
@@ -80,13 +75,13 @@ TEST(Record, EveryKindOfFieldGoesUnderItsName) {
 
 TEST(Record, EmptyOnesAreLeftOutOrEmpty) {
   application::Event event;
-  EXPECT_EQ(Serialize(event).text,
+  EXPECT_EQ(host::SerializeRecord(event).text,
             R"({"version":"","startup-ms":0,"firstRun":false,"level":0,"port":0,"share":0,"wide":"",)"
             R"("part":{"name":"","w":0},"parts":[],"tags":[],"flags":[],"extra":null})");
   application::Nothing nothing;
-  EXPECT_EQ(Serialize(nothing).text, "{}");
+  EXPECT_EQ(host::SerializeRecord(nothing).text, "{}");
   Outside outside{zel::string("o")};
-  EXPECT_EQ(Serialize(outside).text, R"({"text":"o"})");
+  EXPECT_EQ(host::SerializeRecord(outside).text, R"({"text":"o"})");
 }
 
 TEST(RecordBuilder, WritesEachKindInTheOrderOfTheCalls) {
