@@ -46,8 +46,12 @@ bool EvictionTracker::OpenReader(const ReaderState& reader, const QueueState& qu
   return true;
 }
 
-void EvictionTracker::CloseReader(const ReaderState& reader) {
-  std::erase_if(evictions_, [&](const Eviction& eviction) { return eviction.reader == &reader; });
+std::optional<ItemCount> EvictionTracker::CloseReader(const ReaderState& reader) {
+  const auto found = std::ranges::find(evictions_, &reader, &Eviction::reader);
+  if (found == evictions_.end()) return std::nullopt;
+  const std::optional<ItemCount> refused = found->refused;
+  evictions_.erase(found);
+  return refused;
 }
 
 bool EvictionTracker::IsEvicting(const ReaderState& reader) const { return Find(reader) != nullptr; }

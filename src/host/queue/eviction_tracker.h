@@ -44,7 +44,10 @@ class EvictionTracker {
 
   // Returns true if the reader is an evicting one. Throws std::bad_alloc, with nothing changed.
   bool OpenReader(const ReaderState& reader, const QueueState& queue, const Refusal& lastCall);
-  void CloseReader(const ReaderState& reader);
+  // Returns the item for which an evicting reader didn't make enough room.
+  std::optional<ItemCount> CloseReader(const ReaderState& reader);
+  // Whether the refusal came from this store.
+  bool IsOwn(const Refusal& refusal) const { return refusal.store == store_; }
   bool IsEvicting(const ReaderState& reader) const;
   // True if what the reader acknowledges in the current call is evicted.
   bool EvictsInThisCall(const ReaderState& reader) const;

@@ -23,7 +23,10 @@ void QueueStore::OpenReader(const std::string& name, ReaderState* reader) {
   QueueState& queue = FindOrAdd(name);
   // From here on nothing may fail half-way: the queue keeps the reader's address.
   queue.readers.reserve(queue.readers.size() + 1);
-  if (!evictions_.OpenReader(*reader, queue, lastCall)) ++sendingReaders_;
+  if (!evictions_.OpenReader(*reader, queue, lastCall)) {
+    ++sendingReaders_;
+    NoteUnrepeated(lastCall);
+  }
   reader->queue = &queue;
   queue.readers.push_back(reader);
 }
@@ -80,6 +83,7 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
     if (IsExpired(*row)) {
       const ItemCount item{1, bytes};
       writer_.AddDelete(queue.stored, reader.cursor, item, &QueueLedger::expired);
+      NoteLoss(queue, LossReason::expired, item, "they were older than the maximum age");
       continue;
     }
     if (!reader.begun && options_.pacer && !evictions_.IsEvicting(reader)) {
@@ -201,6 +205,10 @@ zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
   const ItemCount item{1, *bytes};
   const auto kind = evictions_.EvictsInThisCall(reader) ? &QueueLedger::evicted : &QueueLedger::delivered;
   writer_.AddDelete(reader.queue->stored, token, item, kind);
+  if (kind == &QueueLedger::evicted) {
+    NoteLoss(*reader.queue, LossReason::evicted, item,
+             "the queue was full, and newer items took their place");
+  }
   CommitIfDue();
   NoteEndOfClaim(reader, true);
   return zel::sOk;
@@ -225,7 +233,9 @@ void QueueStore::CloseReader(ReaderState& reader) {
   QueueState& queue = *reader.queue;
   std::erase(queue.readers, &reader);
   const bool evicting = evictions_.IsEvicting(reader);
-  evictions_.CloseReader(reader);
+  if (const auto lost = evictions_.CloseReader(reader)) {
+    NoteLoss(queue, LossReason::rejected, *lost, "the queue was full of items that are on their way");
+  }
   if (!evicting) --sendingReaders_;
   if (evicting && !options_.shared) return;
   writer_.EndReading(queue.stored);

@@ -11,6 +11,7 @@
 #include "contract/tracer.h"
 #include "host/queue/delivery_pacer.h"
 #include "types/ref.h"
+#include "veld_report/loss.h"
 
 namespace veld_report::host {
 
@@ -56,6 +57,13 @@ struct QueueServiceOptions {
   // Nor does a reader while an earlier one of the queue has claims: its packet is still on the way. Readers
   // that make room aren't affected.
   std::shared_ptr<DeliveryPacer> pacer{};
+
+  // Called for each loss that the ledger counts, and for items that can't be written at the end; may be
+  // empty. An item that is refused while room is being made for it isn't lost yet. `queueName` is empty for
+  // what a damaged store lost. On any thread, with a lock of the store held: it must return at once, and
+  // throw nothing.
+  std::function<void(const std::string& queueName, LossReason reason, ItemCount lost, const std::string& why)>
+      onLoss{};
 
   // Receives failures and other messages for people; may be null. Called on any thread, also with a lock of
   // the store held.

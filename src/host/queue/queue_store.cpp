@@ -21,6 +21,8 @@ constexpr std::int64_t plentyOfFreeBytes = 8 << 20;
 // Below SQLite's own limit of 10^9 bytes per row. A larger item would stay in the buffer for ever.
 constexpr std::size_t maxItemBytes = 999'000'000;
 
+constexpr const char* unwritable = "the store can't be written; is its disk full?";
+
 }  // namespace
 
 QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem::path& file,
@@ -51,6 +53,9 @@ QueueStore::~QueueStore() {
     } else {
       Trace(failureLevel,
             std::to_string(writer_.BufferedItems()) + " items couldn't be written and are lost");
+      const ItemCount lost{static_cast<std::int64_t>(writer_.BufferedItems()),
+                           static_cast<std::int64_t>(writer_.BufferedBytes())};
+      if (options_.onLoss) options_.onLoss({}, LossReason::rejected, lost, unwritable);
     }
   } catch (const std::exception&) {
     // No memory for a sentence.
@@ -92,17 +97,20 @@ QueueState& QueueStore::OpenQueue(const std::string& name) {
 
 zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t> data,
                                  std::uint32_t sizeLimitBytes) {
-  EvictionTracker::BeginCall();
+  const EvictionTracker::Refusal lastCall = EvictionTracker::BeginCall();
   const ItemCount item{1, static_cast<std::int64_t>(data.size())};
   const std::lock_guard lock(mutex_);
+  NoteUnrepeated(lastCall);
   if (const auto repeated = evictions_.TakeRepeated(queue)) Reject(queue, -*repeated);
   const std::uint64_t limitBytes = std::min<std::uint64_t>(
       {maxItemBytes, sizeLimitBytes, options_.storeLimitBytes == 0 ? UINT64_MAX : options_.storeLimitBytes});
   if (data.size() > limitBytes) {
     // Not out of space: the caller would empty the queue for an item that fits nowhere.
     Reject(queue, item);
-    Trace(failureLevel, "an item of " + std::to_string(data.size()) + " bytes is lost: queue " +
-                            queue.stored.Name() + " can hold " + std::to_string(limitBytes));
+    const std::string why = "an item of " + std::to_string(data.size()) + " bytes is lost: queue " +
+                            queue.stored.Name() + " can hold " + std::to_string(limitBytes);
+    NoteLoss(queue, LossReason::rejected, item, why);
+    Trace(failureLevel, why);
     return zel::eInvalidArgument;
   }
   Refresh();
@@ -114,6 +122,7 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
   }
   if (IsRefusingWrites()) {
     Reject(queue, item);
+    NoteLoss(queue, LossReason::rejected, item, unwritable);
     return zel::eNotReady;
   }
   return StoreItem(queue, data, item);
@@ -130,6 +139,7 @@ zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::ui
   // Push has returned 0 for the others of the group, so they stay in the buffer until they can be written.
   writer_.DropLastItem();
   Reject(queue, item);
+  NoteLoss(queue, LossReason::rejected, item, unwritable);
   return zel::eNotReady;
 }
 
@@ -160,6 +170,7 @@ bool QueueStore::EvictOldest(QueueState& queue) {
     if (!row) return false;
     const ItemCount item{1, static_cast<std::int64_t>(row->data.size())};
     writer_.AddDelete(queue.stored, row->token, item, &QueueLedger::evicted);
+    NoteLoss(queue, LossReason::evicted, item, "the store was full, and newer items took their place");
     CommitIfDue();
     return true;
   } catch (const SqliteError& error) {
@@ -183,6 +194,18 @@ void QueueStore::Reject(QueueState& queue, ItemCount item) {
   CommitIfDue();
 }
 
+void QueueStore::NoteLoss(const QueueState& queue, LossReason reason, ItemCount lost,
+                          const std::string& why) const {
+  if (options_.onLoss) options_.onLoss(queue.stored.Name(), reason, lost, why);
+}
+
+// An item that was refused as out of space is only lost if its producer doesn't go on to make room for it.
+void QueueStore::NoteUnrepeated(const EvictionTracker::Refusal& lastCall) const {
+  if (lastCall.queue && evictions_.IsOwn(lastCall)) {
+    NoteLoss(*lastCall.queue, LossReason::rejected, lastCall.item, "the queue was full");
+  }
+}
+
 zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
   EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
@@ -191,7 +214,11 @@ zel::ResultCode QueueStore::RemoveQueue(const std::string& name) {
   const auto found = queues_.find(name);
   if (found == queues_.end() || !found->second.stored.IsPresent()) return zel::eNotFound;
   QueueState& queue = found->second;
+  const ItemCount waiting = queue.stored.Ledger().waiting;
   writer_.AddRemoval(queue.stored);
+  if (waiting.items != 0) {
+    NoteLoss(queue, LossReason::removed, waiting, "their queue was removed, by new settings or by a command");
+  }
   for (ReaderState* reader : queue.readers) reader->claims.Clear();
   // If this fails, it stays in the buffer. Nobody reads what is gone, and the file follows when it can be
   // written.

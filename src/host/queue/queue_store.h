@@ -138,6 +138,8 @@ class QueueStore {
   void EndDelivery(ReaderState& reader);
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
+  void NoteLoss(const QueueState& queue, LossReason reason, ItemCount lost, const std::string& why) const;
+  void NoteUnrepeated(const EvictionTracker::Refusal& lastCall) const;
   static bool IsClaimed(const QueueState& queue, std::uint64_t token);
   const ItemRow* NextFree(QueueState& queue, std::uint64_t after);
   void CorrectWaiting(QueueState& queue);

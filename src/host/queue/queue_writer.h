@@ -73,6 +73,7 @@ class QueueWriter {
            bytes_.size() >= maxBytes;
   }
   std::size_t BufferedItems() const { return items_.size(); }
+  std::size_t BufferedBytes() const { return bytes_.size(); }
   bool IsDeleted(std::uint64_t token) const { return !deletes_.empty() && deletedTokens_.contains(token); }
   // The error of the last attempt to write, if it failed.
   const std::optional<SqliteError>& Error() const { return error_; }

@@ -113,7 +113,11 @@ void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesyst
   for (const auto& damaged : DamagedFilesOf(file)) {
     if (IsSalvaged(damaged)) continue;
     try {
-      Say(options, Describe(SalvageInto(target, damaged, options.vfs)));
+      const SalvageReport report = SalvageInto(target, damaged, options.vfs);
+      Say(options, Describe(report));
+      if (options.onLoss && report.lost != ItemCount{}) {
+        options.onLoss({}, LossReason::damaged, report.lost.value_or(ItemCount{}), Describe(report));
+      }
     } catch (const std::exception& error) {
       Say(options, damaged.string() + " can't be salvaged now (" + error.what() +
                        "); the next start tries again, or run veldrep store salvage");

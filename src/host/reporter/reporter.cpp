@@ -95,6 +95,8 @@ Settings Reporter::CurrentSettings() const { return core_->CurrentSettings(); }
 
 void Reporter::SetListener(Listener listener) { core_->SetListener(std::move(listener)); }
 
+void Reporter::SetLossListener(LossListener listener) { core_->SetLossListener(std::move(listener)); }
+
 void Reporter::AllowSending(bool allowed) noexcept { core_->AllowSending(allowed); }
 
 Statistics Reporter::Stats() { return core_->Stats(); }

@@ -72,6 +72,12 @@ void KeepLibraryLoaded() noexcept {
   dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }
 
+std::vector<std::string> UrlsOf(const std::vector<Endpoint>& endpoints) {
+  std::vector<std::string> urls;
+  for (const Endpoint& endpoint : endpoints) urls.push_back(endpoint.url);
+  return urls;
+}
+
 std::uint64_t LimitOf(std::uint64_t option) { return option == 0 ? UINT64_MAX : option; }
 
 }  // namespace
@@ -106,12 +112,22 @@ Reporter::Core::Core(ReporterOptions options)
     kitOptions.onRequestFinished = [slot = listener_](const FinishedRequest& request) {
       slot->Call(request);
     };
+    kitOptions.queues.onLoss = [losses = losses_](const std::string& queueName, LossReason reason,
+                                                  ItemCount lost, const std::string& why) {
+      losses->Note(queueName, reason, lost, why);
+    };
+    // Those of an earlier run, whose queues are about to be removed.
+    for (const host::UrlState& state : host::UrlStateFile::Read(options.store)) {
+      losses_->AddQueue(state.queueName, state.http.url);
+    }
+    losses_->AddUrls(UrlsOf(options.endpoints));
     kit_ = std::make_unique<host::HostKit>(kitOptions);
     if (!options.sendingAllowed) ChangeConsent(&Core::sendingAllowed_, false);
     flusher_ = std::make_unique<Flusher>(*kit_);
     recordsInMemory_ = std::make_unique<host::MemoryMeter>(*kit_, LimitOf(options.memoryLimitRecords));
     bytesInMemory_ = std::make_unique<host::MemoryMeter>(*kit_, LimitOf(options.memoryLimitBytes));
     AdoptSettings(SettingsOf(options));
+    losses_->SetListener(std::move(options.lossListener));
     // Sends what an earlier run left, without waiting for a first record.
     kit_->TriggerCycle();
   });
@@ -227,6 +243,7 @@ void Reporter::Core::WaitForClose(TimePoint end) noexcept {
   if (!closer_.joinable()) return;
   if (ended) return closer_.join();
   listener_->End();
+  losses_->Silence();
   KeepLibraryLoaded();
   closer_.detach();
 }
@@ -255,6 +272,7 @@ void Reporter::Core::RunClose() noexcept {
     sendingEnded_ = true;
   }
   kit_->Close();
+  losses_->End();
   const std::lock_guard lock(closeMutex_);
   closed_ = true;
   closedChanged_.notify_all();
@@ -277,6 +295,7 @@ void Reporter::Core::SetSettings(const Settings& settings) {
     const CallGate::Pass pass(gate_);
     if (!pass) ThrowClosed();
     const std::lock_guard lock(changeMutex_);
+    losses_->AddUrls(UrlsOf(settings.endpoints));
     kit_->SetSettings(KitSettingsOf(settings));
     AdoptSettings(settings);
   });
@@ -285,6 +304,11 @@ void Reporter::Core::SetSettings(const Settings& settings) {
 void Reporter::Core::SetListener(Listener listener) {
   RequireOwn();
   listener_->Set(std::move(listener));
+}
+
+void Reporter::Core::SetLossListener(LossListener listener) {
+  RequireOwn();
+  losses_->SetListener(std::move(listener));
 }
 
 Settings Reporter::Core::CurrentSettings() const {

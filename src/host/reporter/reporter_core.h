@@ -16,6 +16,7 @@
 #include "host/kit/memory_meter.h"
 #include "host/reporter/call_gate.h"
 #include "host/reporter/flusher.h"
+#include "host/reporter/loss_reporter.h"
 #include "veld_report/reporter.h"
 
 namespace veld_report {
@@ -58,6 +59,7 @@ class Reporter::Core : public std::enable_shared_from_this<Core> {
   void SetSettings(const Settings& settings);
   Settings CurrentSettings() const;
   void SetListener(Listener listener);
+  void SetLossListener(LossListener listener);
   void AllowSending(bool allowed) noexcept;
   Statistics Stats();
   void Forget();
@@ -88,6 +90,8 @@ class Reporter::Core : public std::enable_shared_from_this<Core> {
   Core* nextAbandoned_ = nullptr;
   const std::chrono::milliseconds closeDeadline_;
   const std::shared_ptr<ListenerSlot> listener_ = std::make_shared<ListenerSlot>();
+  // Shared with the store, which may outlive the reporter.
+  const std::shared_ptr<LossReporter> losses_ = std::make_shared<LossReporter>();
   CallGate gate_;
   std::atomic<std::uint64_t> submitted_{0};
   std::atomic<std::uint64_t> refused_{0};

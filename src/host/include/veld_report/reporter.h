@@ -23,6 +23,7 @@
 
 #include "types/result_code.h"
 #include "veld_report/finished_request.h"
+#include "veld_report/loss.h"
 #include "veld_report/queue_ledger.h"
 #include "veld_report/record.h"
 #include "veld_report/record_builder.h"
@@ -88,6 +89,7 @@ struct ReporterOptions {
 
   std::string signingKeyFile{};  // Ed25519 private key, PEM; empty: unsigned
   Listener listener{};
+  LossListener lossListener{};
   bool sendingAllowed = true;  // see AllowSending
 
   // The maximum of what is in memory, on its way to the store; beyond it Send refuses. It keeps a producer
@@ -214,6 +216,9 @@ class Reporter {
   // Replaces the listener. The previous one may still be running after the return. Throws std::bad_alloc, and
   // ReporterError in a forked child.
   void SetListener(Listener listener);
+  // Replaces the loss listener, which also hears of what was lost since the reporter was opened and not
+  // reported yet. Throws like SetListener, and std::system_error if no thread can be started.
+  void SetLossListener(LossListener listener);
   // If false, no request starts after the return, even while Close or Forget runs, and one in flight is cut.
   // Records are still accepted and stored. The last call counts.
   void AllowSending(bool allowed) noexcept;
