@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/text.h"
@@ -12,6 +13,7 @@
 #include "host/queue/store_folder.h"
 #include "host/services/queue_name.h"
 #include "server/printable.h"
+#include "veld_report/loss.h"
 
 namespace veld_report::app {
 namespace {
@@ -57,16 +59,54 @@ host::QueueInfo Find(host::QueueService& service, const std::string& urlOrName) 
 struct ListedQueue {
   host::QueueInfo queue;
   host::UrlState state;
+  QueueLedger ledger;
 };
 
+// What a ledger counts as lost.
+std::vector<std::pair<LossReason, ItemCount>> Losses(const QueueLedger& ledger) {
+  ItemCount evicted = ledger.evicted, removed = ledger.removed;
+  evicted += -ledger.expired;
+  removed += -ledger.damaged;
+  return {{LossReason::evicted, evicted},
+          {LossReason::expired, ledger.expired},
+          {LossReason::rejected, ledger.rejected},
+          {LossReason::removed, removed},
+          {LossReason::damaged, ledger.damaged}};
+}
+
+ItemCount TotalLoss(const QueueLedger& ledger) {
+  ItemCount total = ledger.evicted;
+  for (const ItemCount& part : {ledger.rejected, ledger.removed}) total += part;
+  return total;
+}
+
+// Removed queues are listed too if something of them was lost.
 std::vector<ListedQueue> ListedQueues(const QueuesOptions& options) {
   const auto states = host::UrlStateFile::Read(options.store);
+  const auto service = OpenStore(options, true);
+  auto ledgers = service->Ledgers();
   std::vector<ListedQueue> listed;
-  for (host::QueueInfo& queue : OpenStore(options, true)->ListQueues()) {
+  const auto add = [&](host::QueueInfo queue, const QueueLedger& ledger) {
     const auto state = std::ranges::find(states, queue.name, &host::UrlState::queueName);
-    listed.push_back({std::move(queue), state == states.end() ? host::UrlState() : *state});
+    listed.push_back({std::move(queue), state == states.end() ? host::UrlState() : *state, ledger});
+  };
+  for (host::QueueInfo& queue : service->ListQueues()) {
+    const auto ledger = ledgers.extract(queue.name);
+    add(std::move(queue), ledger ? ledger.mapped() : QueueLedger());
+  }
+  for (const auto& [name, ledger] : ledgers) {
+    if (TotalLoss(ledger).items != 0) add({.name = name, .oldestAgeMs = {}}, ledger);
   }
   return listed;
+}
+
+std::string LossesAsJson(const QueueLedger& ledger) {
+  std::string text;
+  for (const auto& [reason, lost] : Losses(ledger)) {
+    text += (text.empty() ? "{\"" : ",\"") + std::string(LossReasonText(reason)) +
+            "\":{\"items\":" + std::to_string(lost.items) + ",\"bytes\":" + std::to_string(lost.bytes) + '}';
+  }
+  return text + '}';
 }
 
 // How much longer the sender holds back requests to the url; 0 if it doesn't.
@@ -86,11 +126,12 @@ std::string WhyItWaits(const host::UrlState& state) {
 
 void PrintJson(const std::vector<ListedQueue>& listed) {
   std::string text = "[";
-  for (const auto& [queue, state] : listed) {
+  for (const auto& [queue, state, ledger] : listed) {
     if (text.size() > 1) text += ',';
     text += "{\"name\":" + JsonString(queue.name) + ",\"items\":" + std::to_string(queue.items) +
             ",\"bytes\":" + std::to_string(queue.bytes) +
-            ",\"oldest_age_ms\":" + (queue.oldestAgeMs ? std::to_string(*queue.oldestAgeMs) : "null");
+            ",\"oldest_age_ms\":" + (queue.oldestAgeMs ? std::to_string(*queue.oldestAgeMs) : "null") +
+            ",\"lost\":" + LossesAsJson(ledger);
     if (!state.queueName.empty()) {
       text += ",\"url\":" + JsonString(state.http.url) + ",\"waits_ms\":" + std::to_string(WaitsMs(state)) +
               ",\"failures\":" + std::to_string(state.http.failures) +
@@ -108,14 +149,24 @@ int List(const QueuesOptions& options) {
     PrintJson(listed);
     return exitOk;
   }
-  std::printf("%-32s %10s %14s %10s  %s\n", "QUEUE", "ITEMS", "BYTES", "OLDEST", "URL AND STATE");
-  for (const auto& [queue, state] : listed) {
+  std::printf("%-32s %10s %14s %10s %10s  %s\n", "QUEUE", "ITEMS", "BYTES", "OLDEST", "LOST",
+              "URL AND STATE");
+  QueueLedger sum;
+  for (const auto& [queue, state, ledger] : listed) {
     const std::string url = state.queueName.empty() ? "-" : state.http.url + "  " + WhyItWaits(state);
-    std::printf("%-32s %10lld %14lld %10s  %s\n", server::WithoutControls(queue.name).c_str(),
+    std::printf("%-32s %10lld %14lld %10s %10lld  %s\n", server::WithoutControls(queue.name).c_str(),
                 static_cast<long long>(queue.items), static_cast<long long>(queue.bytes),
                 queue.oldestAgeMs ? Duration(*queue.oldestAgeMs).c_str() : "-",
-                server::WithoutControls(url).c_str());
+                static_cast<long long>(TotalLoss(ledger).items), server::WithoutControls(url).c_str());
+    sum += ledger;
   }
+  std::string lost;
+  for (const auto& [reason, count] : Losses(sum)) {
+    if (count.items == 0) continue;
+    lost += (lost.empty() ? "" : ", ") + std::string(LossReasonText(reason)) + ' ' +
+            std::to_string(count.items) + " items of " + std::to_string(count.bytes) + " bytes";
+  }
+  if (!lost.empty()) std::printf("lost in all: %s\n", lost.c_str());
   return exitOk;
 }
 
@@ -174,9 +225,9 @@ CLI::Option* AddQueue(CLI::App* part, QueuesOptions* options) {
 }
 
 void AddList(CLI::App* command) {
-  CLI::App* const part =
-      AddPart(command, "list",
-              "lists each queue: items, bytes, age of the oldest item, url and why it waits (default)");
+  CLI::App* const part = AddPart(
+      command, "list",
+      "lists each queue: items, bytes, age of the oldest item, items lost, url and why it waits (default)");
   part->footer("Example: veldrep queues --store /var/lib/app/telemetry list --json");
 }
 

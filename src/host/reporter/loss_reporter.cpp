@@ -13,22 +13,6 @@ constexpr std::chrono::seconds reportEvery{1};
 
 }  // namespace
 
-const char* LossReasonText(LossReason reason) {
-  switch (reason) {
-    case LossReason::evicted:
-      return "evicted";
-    case LossReason::expired:
-      return "expired";
-    case LossReason::rejected:
-      return "rejected";
-    case LossReason::removed:
-      return "removed";
-    case LossReason::damaged:
-      break;
-  }
-  return "damaged";
-}
-
 void LossReporter::SetListener(LossListener listener) {
   const std::lock_guard lock(mutex_);
   if (ending_) return;

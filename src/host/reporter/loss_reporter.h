@@ -32,7 +32,8 @@ class LossReporter {
   void AddQueue(const std::string& queueName, const std::string& url);
 
   // Returns at once. If memory runs out, the loss isn't reported. `queueName` may be empty.
-  void Note(const std::string& queueName, LossReason reason, ItemCount count, const std::string& why) noexcept;
+  void Note(const std::string& queueName, LossReason reason, ItemCount count,
+            const std::string& why) noexcept;
 
   // Reports what hasn't been reported yet, and ends the thread.
   void End();

@@ -13,7 +13,21 @@ namespace veld_report {
 enum class LossReason { evicted, expired, rejected, removed, damaged };
 
 // "evicted", as in the ledger.
-const char* LossReasonText(LossReason reason);
+inline const char* LossReasonText(LossReason reason) {
+  switch (reason) {
+    case LossReason::evicted:
+      return "evicted";
+    case LossReason::expired:
+      return "expired";
+    case LossReason::rejected:
+      return "rejected";
+    case LossReason::removed:
+      return "removed";
+    case LossReason::damaged:
+      break;
+  }
+  return "damaged";
+}
 
 struct Loss {
   std::string url{};  // of the endpoint, without user and password; empty if it isn't known
