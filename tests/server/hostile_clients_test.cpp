@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "tests/common/files.h"
 #include "tests/common/veldrep.h"
 #include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
@@ -38,13 +38,6 @@ std::string Repeated(std::string_view piece, std::size_t count) {
   return text;
 }
 
-// Memory has another meaning under a sanitizer.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool memoryCounts = false;
-#else
-constexpr bool memoryCounts = true;
-#endif
-
 class HostileClients : public testing::Test {
  protected:
   explicit HostileClients(const char* requestSeconds = "1")
@@ -53,29 +46,18 @@ class HostileClients : public testing::Test {
     ExpectServed(8);
     startBytes_ = PeakBytes();
   }
-  ~HostileClients() override {
-    for (const int handle : held_) close(handle);
-  }
 
   // The most that the server has ever had in memory.
   std::size_t PeakBytes() const {
-    std::ifstream status("/proc/" + std::to_string(server_.Id()) + "/status");
-    for (std::string word; status >> word;) {
-      std::size_t kibibytes = 0;
-      if (word == "VmHWM:" && status >> kibibytes) return kibibytes * 1024;
-    }
-    return 0;
+    const std::string status = tests::ReadFile("/proc/" + std::to_string(server_.Id()) + "/status");
+    return std::stoul(status.substr(status.find("VmHWM:") + 6)) * 1024;
   }
   void ExpectBounded() const {
     const std::size_t grown = PeakBytes() - startBytes_;
     std::printf("the server has grown by %zu KiB, the bound is %zu\n", grown / 1024, boundBytes / 1024);
-    EXPECT_TRUE(grown <= boundBytes || !memoryCounts) << grown << " bytes, more than " << boundBytes;
-  }
-  // A connection that stays until the test ends, with what it has sent so far.
-  void HoldOpen(std::string_view text) {
-    held_.push_back(server_test::Connect(port_));
-    ASSERT_GE(held_.back(), 0);
-    server_test::SendAll(held_.back(), text);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // memory has another meaning there
+    EXPECT_LE(grown, boundBytes);
+#endif
   }
   void ExpectServed(int count) const {
     for (int i = 0; i < count; ++i) {
@@ -91,7 +73,6 @@ class HostileClients : public testing::Test {
   const std::uint16_t port_ =
       static_cast<std::uint16_t>(std::stoi(server_.Url().substr(server_.Url().rfind(':') + 1)));
   std::size_t startBytes_ = 0;
-  std::vector<int> held_;
 };
 
 TEST_F(HostileClients, IsAnsweredOrCut) {
@@ -114,7 +95,6 @@ TEST_F(HostileClients, IsAnsweredOrCut) {
       {"a slow body in chunks", inChunks, "1\r\nx\r\n", {0}},
       {"a body that stops", length + "1000\r\n\r\n{", "", {0}},
       {"a length below the body's", length + "10\r\n\r\n" + std::string(exampleBody), "", {400}},
-      {"a length that isn't one", length + "many\r\n\r\n{}", "", {400}},
       {"a negative length", length + "-1\r\n\r\n{}", "", {400}},
       {"a length beyond all numbers", length + std::string(40, '9') + "\r\n\r\n{}", "", {400, 413}},
       {"a length of 2^63", length + "9223372036854775808\r\n\r\n{}", "", {413}},
@@ -146,8 +126,7 @@ TEST_F(HostileClients, IsAnsweredOrCut) {
 }
 
 // Time doesn't help the server here.
-class HostileCrowds : public HostileClients {
- protected:
+struct HostileCrowds : HostileClients {
   HostileCrowds() : HostileClients("600") {}
 };
 
@@ -170,15 +149,19 @@ TEST_F(HostileCrowds, KeepNobodyOutAndTakeBoundedMemory) {
       {"half-sent bodies", 150, body + std::string(MiB - 1, ' ')},
       {"lengths only claimed", 150, body + "{"},
   };
+  std::vector<int> held;
   for (const auto& crowd : crowds) {
     SCOPED_TRACE(crowd.what);
     for (std::size_t i = 0; i < crowd.count && !HasFatalFailure(); ++i) {
-      HoldOpen(crowd.text);
+      held.push_back(server_test::Connect(port_));
+      ASSERT_GE(held.back(), 0);
+      server_test::SendAll(held.back(), crowd.text);
       if (i % 50 == 49) ExpectServed(1);
     }
     ExpectServed(5);
   }
   ExpectBounded();
+  for (const int handle : held) close(handle);
 }
 
 }  // namespace

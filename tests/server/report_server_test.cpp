@@ -84,16 +84,16 @@ TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
   ReportServer server(Options());
   std::vector<std::string> expected;
   std::vector<std::thread> threads;
-  for (int client = 0; client < 8; ++client) {
-    std::vector<std::string> bodies;
-    for (int i = 0; i < 20; ++i) {
-      const std::string id = std::to_string(client) + "-" + std::to_string(i);
-      const std::string first = "{\"id\":\"" + id + "\",\"part\":1}", second = "\"" + id + "\"";
-      expected.insert(expected.end(), {first, second});
-      bodies.push_back(Body("{\"array\":[" + first + "," + second + "]}"));
+  for (int client = 0; client < 160; client += 20) {
+    for (int i = client; i < client + 20; ++i) {
+      expected.push_back("{\"id\":" + std::to_string(i) + ",\"part\":1}");
+      expected.push_back(std::to_string(i));
     }
-    threads.emplace_back([&server, bodies = std::move(bodies)] {
-      for (const std::string& each : bodies) EXPECT_EQ(Exchange(server.Port(), Post(each)).status, 200);
+    threads.emplace_back([&server, own = std::vector(expected.end() - 40, expected.end())] {
+      for (std::size_t i = 0; i < own.size(); i += 2) {
+        const std::string body = Body("{\"array\":[" + own[i] + "," + own[i + 1] + "]}");
+        EXPECT_EQ(Exchange(server.Port(), Post(body)).status, 200);
+      }
     });
   }
   for (std::thread& each : threads) each.join();
@@ -144,13 +144,6 @@ TEST_F(ReportServerTest, FailedWriteIsAnswered500AndLeavesWholeLines) {
   EXPECT_EQ(Stored(), before);
   EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
   EXPECT_EQ(Stored(), before + before);
-}
-
-TEST_F(ReportServerTest, AddressThatIsNoneIsRefused) {
-  ReportServerOptions options = Options();
-  options.address = "no such address";
-  EXPECT_THAT([&] { const ReportServer server(options); },
-              testing::ThrowsMessage<std::runtime_error>(HasSubstr("not an address to listen on")));
 }
 
 }  // namespace
