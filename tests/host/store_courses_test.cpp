@@ -2,6 +2,7 @@
 #include <future>
 
 #include "host/queue/sqlite_connection.h"
+#include "host/queue/store_salvage.h"
 #include "tests/host/queue_course.h"
 #include "tests/host/queue_test_tools.h"
 
@@ -38,7 +39,18 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     const Strings more(words.begin() + !words.empty(), words.end());
     if (verb == "elsewhere") return std::async(std::launch::async, [&] { return Do(name, more); }).get();
     if (verb == "open") return OpenAs(name, more);
+    if (verb == "fill") return Fill(name);
+    if (verb == "in_order") return InOrder(name);
+    if (verb == "newer") return Newer();
     if (verb == "crash") return Crash();
+    if (verb == "spoil") return Spoil(name, std::stoul(more.at(0)), more.size() > 1);
+    if (verb == "cut") return EndServices(), fs::resize_file(StorePath(), std::stoul(name)), "";
+    if (verb == "copy") return EndServices(), Copy(), "";
+    if (verb == "mark")
+      return EndServices(), WriteFile(Mark(), name == "opened" ? opened_ : Shown(words)), "";
+    if (verb == "delete") return EndServices(), Delete(name), "";
+    if (verb == "compact") return EndServices(), host::CompactStore(options.folder), "";
+    if (verb == "salvage") return EndServices(), Salvaged();
     if (verb == "overwrite") return EndServices(), WriteFile(StorePath(), Whole(name)), "";
     if (verb == "sql") {
       EndServices();
@@ -49,7 +61,15 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (verb == "soon") return Eventually([&] { return Committed() == name; }) ? "" : Committed();
     if (verb == "files") return Files(name);
     if (verb == "holds") return Holds(Whole(name)) ? "yes" : "no";
-    if (verb == "findings") return EndServices(), Shown(Findings());
+    if (verb == "findings") {
+      EndServices();
+      spoiled_ = ReadFile(StorePath());
+      Strings found = Findings();
+      for (std::string& text : found) text = Plain(text.substr(0, text.find('\n')));
+      EXPECT_TRUE(ReadFile(StorePath()) == spoiled_) << "a check changes nothing";
+      return Shown(found);
+    }
+    if (verb == "kept") return Holds(spoiled_) ? "yes" : "no";
     if (verb == "traced") return Shown(Traced());
     if (verb == "ledger") return testing::PrintToString(Ledger(name));
     if (verb == "list") return List();
@@ -64,6 +84,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
 
  private:
   void EndServices() {
+    if (service) opened_ = ReadFile(Mark());
     service.Reset();
     services_.clear();
   }
@@ -93,6 +114,60 @@ class StoreCourses : public StoreTest, protected QueueCourses {
       return Plain(error.what());
     }
     return "";
+  }
+  static constexpr std::size_t itemCount = 600;
+  static std::string ItemText(std::size_t number) { return Numbered(number) + std::string(300, '.'); }
+  // The first ten items are delivered.
+  std::string Fill(const std::string& queue) {
+    const auto producer = Producer(queue);
+    for (std::size_t i = 0; i < itemCount; ++i) EXPECT_EQ(PushText(*producer, ItemText(i)), zel::sOk);
+    const auto reader = Reader(queue);
+    for (const ReadItem& item : ReadAll(*reader, 10)) reader->Ack(&item.token);
+    lastToken_ = service->LastToken();
+    return "";
+  }
+  // How many of them wait, unless one is twice there, out of order or wrong.
+  std::string InOrder(const std::string& queue) {
+    std::size_t next = 10;
+    const Strings found = Waiting(queue);
+    for (const std::string& text : found) {
+      while (next < itemCount && ItemText(next) != text) ++next;
+      if (next++ == itemCount) return text;
+    }
+    return std::to_string(found.size());
+  }
+  std::string Newer() {
+    Push("new", "text");
+    return ReadOne(*Reader("new"))->token > lastToken_ ? "yes" : "no";
+  }
+  // Overwrites a page of a table or index. `quietly`: the file's time doesn't tell of it.
+  std::string Spoil(const std::string& table, std::size_t number, bool quietly) {
+    EndServices();
+    const auto time = fs::last_write_time(StorePath());
+    const auto page = Query("veld_rep.queue", "SELECT pageno FROM dbstat WHERE name='" + table +
+                                                  "' AND pagetype='leaf' ORDER BY path LIMIT 1 OFFSET " +
+                                                  std::to_string(number));
+    std::string content = ReadFile(StorePath());
+    content.replace((std::stoul(page) - 1) * 4096, 4096, 4096, '\0');
+    WriteFile(StorePath(), content);
+    if (quietly) fs::last_write_time(StorePath(), time);
+    return "";
+  }
+  std::string Mark() const { return StorePath().string() + ".sound"; }
+  void Copy() const {
+    fs::copy_file(StorePath(), folder.Path() / "copy");
+    fs::rename(folder.Path() / "copy", StorePath());
+  }
+  void Delete(const std::string& part) {
+    for (const auto& entry : fs::directory_iterator(options.folder)) {
+      if (entry.path().string().ends_with(part)) fs::remove(entry);
+    }
+  }
+  std::string Salvaged() const {
+    Strings items;
+    for (const auto& report : host::SalvageStore(options.folder))
+      items.push_back(std::to_string(report.salvaged.items));
+    return Shown(items);
   }
   // What isn't checkpointed stands in the log alone.
   std::string Crash() {
@@ -131,8 +206,9 @@ class StoreCourses : public StoreTest, protected QueueCourses {
                        std::to_string(queue.oldestAgeMs.value_or(-1)) + " ms");
     return Shown(queues);
   }
-  // Without what differs between runs.
+  // Without what differs between runs and versions of SQLite.
   std::string Plain(std::string text) const {
+    if (const auto open = text.find('('); open != text.npos) text.erase(open - 1, text.rfind(')') - open + 2);
     const std::string path = options.folder;
     for (std::size_t at; (at = text.find(path)) != text.npos;) text.replace(at, path.size(), "FOLDER");
     return text;
@@ -146,6 +222,9 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   std::map<std::string, zel::Ref<host::QueueService>> services_;
   const std::shared_ptr<FakePacer> pacer_ = std::make_shared<FakePacer>();
   TracedLines lines_;
+  std::uint64_t lastToken_ = 0;  // of what was filled in
+  std::string spoiled_;          // the store's file when it was checked
+  std::string opened_;           // what its mark said while it was open
   std::int64_t now_ = 0;
   int count_ = 0;
 };
