@@ -106,8 +106,7 @@ TEST_F(Tracer, ManyWritersNeverMixLinesAndRotationLosesNone) {
     for (int t = 0; t < 4; ++t) {
       threads.emplace_back([&, t] {
         for (int i = t * 200; i < (t + 1) * 200; ++i) {
-          const std::string padding(static_cast<std::size_t>(i % 7) * 40, '.');
-          WriteTrace(tracer.Get(), 300, std::to_string(i) + padding + "!");
+          WriteTrace(tracer.Get(), 300, std::to_string(i) + std::string(i % 7 * 40u, '.') + "!");
         }
       });
     }
