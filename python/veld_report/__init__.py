@@ -6,13 +6,13 @@
         reporter.send({"version": "4.2.0", "startupMs": 312, "firstRun": True})
         delivered = reporter.flush(5)
 """
-from ._reporter import Listener, Reporter
+from ._reporter import Listener, LossListener, Reporter
 from ._types import (
-    AnyEndpoint, Code, Count, Endpoint, EndpointStatistics, FinishedRequest, Ledger, ReporterError, Settings,
+    AnyEndpoint, Code, Count, Endpoint, EndpointStatistics, FinishedRequest, Ledger, Loss, ReporterError, Settings,
     Statistics,
 )
 
 __all__ = [
     "AnyEndpoint", "Code", "Count", "Endpoint", "EndpointStatistics", "FinishedRequest", "Ledger", "Listener",
-    "Reporter", "ReporterError", "Settings", "Statistics",
+    "Loss", "LossListener", "Reporter", "ReporterError", "Settings", "Statistics",
 ]

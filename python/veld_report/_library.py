@@ -43,6 +43,23 @@ CListener = ctypes.CFUNCTYPE(None, c_void_p, POINTER(CRequest))
 CLog = ctypes.CFUNCTYPE(None, c_void_p, c_uint32, c_char_p)
 
 
+class CCount(ctypes.Structure):
+    _fields_ = [("items", c_int64), ("bytes", c_int64)]
+
+
+class CLoss(ctypes.Structure):
+    _fields_ = [
+        ("struct_size", c_size_t),
+        ("url", c_char_p),
+        ("reason", c_char_p),
+        ("why", c_char_p),
+        ("count", CCount),
+    ]
+
+
+CLossListener = ctypes.CFUNCTYPE(None, c_void_p, POINTER(CLoss))
+
+
 class COptions(ctypes.Structure):
     _fields_ = [
         ("struct_size", c_size_t),
@@ -77,11 +94,9 @@ class COptions(ctypes.Structure):
         ("reserved", c_uint32),
         ("log", CLog),
         ("log_context", c_void_p),
+        ("loss_listener", CLossListener),
+        ("loss_context", c_void_p),
     ]
-
-
-class CCount(ctypes.Structure):
-    _fields_ = [("items", c_int64), ("bytes", c_int64)]
 
 
 class CLedger(ctypes.Structure):

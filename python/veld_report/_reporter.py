@@ -17,12 +17,13 @@ from typing import Any, Callable, Iterable, List, Mapping, Optional, Sequence, T
 
 from . import _library
 from ._types import (
-    AnyEndpoint, Code, Count, Endpoint, EndpointStatistics, FinishedRequest, Ledger, ReporterError, Settings,
+    AnyEndpoint, Code, Count, Endpoint, EndpointStatistics, FinishedRequest, Ledger, Loss, ReporterError, Settings,
     Statistics,
 )
 
 Path = Union[str, "os.PathLike[str]"]
 Listener = Callable[[FinishedRequest], None]
+LossListener = Callable[[Loss], None]
 
 _api = _library.load()
 _logger = logging.getLogger("veld_report")
@@ -130,21 +131,31 @@ def _json(record: object) -> bytes:
         raise _invalid(f"the record can't be written as JSON: {error}") from error
 
 
+def _finished(request: Any) -> FinishedRequest:
+    return FinishedRequest(request.url.decode(), request.result & 0xFFFFFFFF)
+
+
+def _loss(loss: Any) -> Loss:
+    return Loss(loss.url.decode(), loss.reason.decode(), loss.why.decode("utf-8", "replace"),
+                Count(loss.count.items, loss.count.bytes))
+
+
 class _ListenerSlot:
     """Outlives the reporter, which it doesn't know."""
 
-    def __init__(self, listener: Optional[Listener]) -> None:
+    def __init__(self, read: Callable[[Any], Any], listener: Optional[Callable[[Any], None]]) -> None:
+        self._read = read
         self.listener = listener
 
-    def call(self, _context: object, request: Any) -> None:
+    def call(self, _context: object, given: Any) -> None:
         listener = self.listener
         if listener is None:
             return
         _callback.running = True
         try:
-            listener(FinishedRequest(request.contents.url.decode(), request.contents.result & 0xFFFFFFFF))
+            listener(self._read(given.contents))
         except Exception:
-            _logger.exception("the listener failed")
+            _logger.exception("a listener failed")
         finally:
             _callback.running = False
 
@@ -222,6 +233,9 @@ class Reporter:
         # Called for each finished request, on a thread of the library. It should return soon and must not close the
         # reporter. Its exceptions are logged.
         listener: Optional[Listener] = None,
+        # Called soon after a loss of records, for each url and reason, and then at most once a second. Otherwise like
+        # the listener.
+        loss_listener: Optional[LossListener] = None,
         sending_allowed: bool = True,
         memory_limit_records: int = 100000,  # not yet in the store; beyond it send refuses. 0: no limit
         memory_limit_bytes: int = 64 << 20,
@@ -239,7 +253,8 @@ class Reporter:
         # Gets the trace if there is no file: failures as warnings, the rest as debug messages.
         logger: logging.Logger = _logger,
     ) -> None:
-        self._slot = _ListenerSlot(listener)
+        self._finished = _ListenerSlot(_finished, listener)
+        self._lost = _ListenerSlot(_loss, loss_listener)
         options = _library.COptions()
         _fill(options, Settings(endpoints, packet_limit, queue_limit_kb, retry_after, packet_limit_kb, send_every,
                                 allow_http))
@@ -254,7 +269,8 @@ class Reporter:
         options.header_count = len(headers)
         options.user_agent = _text("user_agent", user_agent)
         options.ca_file = _path("ca_file", ca_file)
-        options.listener = _library.CListener(self._slot.call)
+        options.listener = _library.CListener(self._finished.call)
+        options.loss_listener = _library.CLossListener(self._lost.call)
         options.memory_limit_records = _limit("memory_limit_records", memory_limit_records, 2**64 - 1)
         options.memory_limit_bytes = _limit("memory_limit_bytes", memory_limit_bytes, 2**64 - 1)
         options.max_age_ms = _number("max_age", max_age * 1000, 0, 2**63 - 1)
@@ -274,7 +290,7 @@ class Reporter:
                 self._log.end()
             raise
         end = weakref.finalize(self, _collect, self._handle, _milliseconds(close_deadline), self._log,
-                               (options.listener, options.log))
+                               (options.listener, options.loss_listener, options.log))
         end.atexit = False  # a thread that still runs then may use the handle; closing is enough
         _open.add(self)
 
@@ -324,7 +340,10 @@ class Reporter:
 
     def set_listener(self, listener: Optional[Listener]) -> None:
         """Replaces the listener. The previous one may still be running after the return."""
-        self._slot.listener = listener
+        self._finished.listener = listener
+
+    def set_loss_listener(self, listener: Optional[LossListener]) -> None:
+        self._lost.listener = listener
 
     def allow_sending(self, allowed: bool) -> None:
         """If False, no request starts after the return, and one in flight is cut. Records are still accepted and

@@ -72,6 +72,16 @@ class Count:
 
 
 @dataclass(frozen=True)
+class Loss:
+    """A loss of records."""
+
+    url: str  # of the endpoint, without user and password; "" if it isn't known
+    reason: str  # "evicted", "expired", "rejected", "removed" or "damaged"
+    why: str  # a sentence
+    count: Count  # since the last call with this url and reason. 0 items: it isn't known how many
+
+
+@dataclass(frozen=True)
 class Ledger:
     """What became of records. At any time accepted = delivered + evicted + rejected + removed + waiting."""
 

@@ -34,6 +34,11 @@ static void count_sends(void* context, uint32_t level, const char* text) {
   if (level == 700 && strncmp(text, "veld_rep\tSendStatistic", 22) == 0) ++*(int*)context;
 }
 
+static void hear_losses(void* context, const veld_report_loss* loss) {
+  CHECK(loss->struct_size == sizeof *loss && *loss->why);
+  sprintf((char*)context + strlen(context), "%s %ld; ", loss->reason, (long)loss->count.items);
+}
+
 static void collect(void* context, const veld_report_endpoint_statistics* endpoint) {
   char* text = context;
   sprintf(text + strlen(text), "%s %ld %u; ", endpoint->consumer, (long)endpoint->queue.waiting.bytes,
@@ -99,6 +104,7 @@ static void check_fork(veld_report_handle* reporter) {
     CHECK(veld_report_get_settings(reporter, &settings) == invalid_state);
     CHECK(veld_report_set_settings(reporter, &settings, NULL, 0) == invalid_state);
     CHECK(veld_report_set_listener(reporter, NULL, NULL) == invalid_state);
+    CHECK(veld_report_set_loss_listener(reporter, NULL, NULL) == invalid_state);
     CHECK(veld_report_allow_sending(reporter, 1) == invalid_state);
     CHECK(veld_report_forget(reporter, NULL, 0) == invalid_state);
     CHECK(veld_report_stats(reporter, &stats) == invalid_state);
@@ -115,6 +121,7 @@ int main(int count, char** arguments) {
   const char* const header = "X-Product: C";
   const veld_report_endpoint endpoint = {.url = arguments[3], .consumer = "product"};
   int finished[2] = {0, 0}, sends = 0;
+  char losses[100] = "";
   veld_report_options options = {.store = arguments[2], .module_path = arguments[1]};
   check_open(options);
   check_first_header(options);
@@ -133,6 +140,8 @@ int main(int count, char** arguments) {
   options.trace_level = 700;
   options.log = count_sends;
   options.log_context = &sends;
+  options.loss_listener = hear_losses;
+  options.loss_context = losses;
   veld_report_handle* reporter;
   CHECK(veld_report_open(&options, &reporter, error, sizeof error) == 0);
   check_settings(reporter);
@@ -152,11 +161,13 @@ int main(int count, char** arguments) {
   CHECK(veld_report_set_listener(reporter, listen_to, &finished[1]) == 0);
   CHECK(send(reporter, "product") == 0 && veld_report_flush(reporter, 30000) == 1);
   CHECK(veld_report_allow_sending(reporter, 0) == 0 && send(reporter, "product") == 0);
+  CHECK(veld_report_set_loss_listener(reporter, hear_losses, losses) == 0);
   CHECK(veld_report_forget(reporter, error, sizeof error) == 0);
   CHECK(veld_report_stats(reporter, &stats) == 0 && stats.delivered == 2 && stats.total.removed.items == 1);
   CHECK(veld_report_is_closed(reporter) == 0);
   CHECK(veld_report_close(reporter, 5000) == 1 && veld_report_is_closed(reporter) == 1);
   CHECK(veld_report_stats(reporter, &stats) < 0);
+  CHECK(strcmp(losses, "evicted 1; removed 1; ") == 0);
   CHECK(finished[0] == 1 && finished[1] == 1 && sends >= 4);
   veld_report_free(reporter);
 

@@ -67,10 +67,10 @@ class ReporterTest(unittest.TestCase):
             self.assert_fails(Code.INVALID_ARGUMENT, part, Reporter, **{"store": self.store, **options})
 
     def test_settings_consent_and_statistics(self):
-        requests = []
+        requests, losses = [], []
         endpoints = (Endpoint(self.url), Endpoint(NOBODY, "other", (PIN,)))
         reporter = Reporter(self.store, [self.url], sending_allowed=False, packet_limit=0, listener=requests.append,
-                            headers=["X-Product: test"], user_agent="test", proxy="", sync_every_commit=True)
+                            loss_listener=losses.append, headers=["X-Product: test"], user_agent="test", proxy="", sync_every_commit=True)
         settings = reporter.current_settings()
         self.assertEqual(settings, Settings((Endpoint(self.url),), packet_limit=0))
         settings = dataclasses.replace(settings, endpoints=endpoints, send_every=1)
@@ -94,6 +94,8 @@ class ReporterTest(unittest.TestCase):
         self.assertEqual(reporter.stats().total.waiting.items, 0)
         self.assertTrue(reporter.close())
         self.assertEqual(requests, [veld_report.FinishedRequest(self.url, 0)])
+        self.assertCountEqual([(loss.url, loss.reason, loss.count.bytes) for loss in losses],
+                              [(NOBODY, "removed", 7), (self.url, "removed", 2)])
 
     def test_trace_goes_to_logging(self):
         class Sends(logging.Handler):  # uses the reporter under its own lock

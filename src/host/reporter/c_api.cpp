@@ -40,6 +40,9 @@ int32_t Guarded(char* error, size_t size, Body&& body) noexcept {
   } catch (const std::bad_alloc&) {
     WriteError("out of memory", error, size);
     return zel::eOutOfMemory;
+  } catch (const std::exception& caught) {
+    WriteError(caught.what(), error, size);
+    return zel::eUnspecifiedError;
   } catch (...) {
     WriteError("a callback has thrown", error, size);
     return zel::eUnknownException;
@@ -113,6 +116,13 @@ int32_t veld_report_set_listener(veld_report_handle* reporter, veld_report_liste
   if (!reporter) return zel::eInvalidArgument;
   return Guarded(nullptr, 0,
                  [&] { reporter->reporter.SetListener(veld_report::ListenerOf(listener, context)); });
+}
+
+int32_t veld_report_set_loss_listener(veld_report_handle* reporter, veld_report_loss_listener listener,
+                                      void* context) {
+  if (!reporter) return zel::eInvalidArgument;
+  return Guarded(nullptr, 0,
+                 [&] { reporter->reporter.SetLossListener(veld_report::LossListenerOf(listener, context)); });
 }
 
 int32_t veld_report_allow_sending(veld_report_handle* reporter, uint32_t allowed) {

@@ -89,6 +89,7 @@ ReporterOptions OptionsOf(const veld_report_options& given) {
   options.closeDeadline = milliseconds(0);
   options.signingKeyFile = TextOf(given.signing_key_file);
   options.listener = ListenerOf(given.listener, given.listener_context);
+  options.lossListener = LossListenerOf(given.loss_listener, given.loss_context);
   options.sendingAllowed = given.hold_sending == 0;
   SetLimit(options.memoryLimitRecords, given.memory_limit_records);
   SetLimit(options.memoryLimitBytes, given.memory_limit_bytes);
@@ -127,6 +128,15 @@ Listener ListenerOf(veld_report_listener listener, void* context) {
   return [listener, context](const FinishedRequest& finished) {
     const veld_report_request request = {sizeof request, finished.url.c_str(), finished.result};
     listener(context, &request);
+  };
+}
+
+LossListener LossListenerOf(veld_report_loss_listener listener, void* context) {
+  if (!listener) return {};
+  return [listener, context](const Loss& lost) {
+    const veld_report_loss loss = {sizeof loss, lost.url.c_str(), LossReasonText(lost.reason),
+                                   lost.why.c_str(), CountOf(lost.count)};
+    listener(context, &loss);
   };
 }
 

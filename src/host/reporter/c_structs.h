@@ -31,6 +31,7 @@ void WriteStruct(const T& known, T* out) {
 ReporterOptions OptionsOf(const veld_report_options& given);
 Settings SettingsOf(const veld_report_settings& given);
 Listener ListenerOf(veld_report_listener listener, void* context);
+LossListener LossListenerOf(veld_report_loss_listener listener, void* context);
 
 // What the result's `memory` points to is for FreeSettings. Throws std::bad_alloc.
 veld_report_settings CSettingsOf(Settings settings);

@@ -74,6 +74,25 @@ typedef struct veld_report_request {
  * or free the handle. */
 typedef void (*veld_report_listener)(void* context, const veld_report_request* request);
 
+typedef struct veld_report_count {
+  int64_t items;
+  int64_t bytes;
+} veld_report_count;
+
+/* A loss of records. */
+typedef struct veld_report_loss {
+  size_t struct_size;
+  const char* url;    /* of the endpoint, without user and password; "" if it isn't known */
+  const char* reason; /* "evicted", "expired", "rejected", "removed" or "damaged" */
+  const char* why;    /* a sentence */
+  veld_report_count
+      count; /* since the last call with this url and reason; 0 items: it isn't known how many */
+} veld_report_loss;
+
+/* Called soon after a loss, for each url and reason, and then at most once a second, on a thread of its own,
+ * like veld_report_listener. */
+typedef void (*veld_report_loss_listener)(void* context, const veld_report_loss* loss);
+
 /* Called for each trace line with its level (300 failures, 700 everything else), without time and line end.
  * One call at a time, on whatever thread traces, which may be one in veld_report_send_json. It should return
  * soon, must not use the handle, and must not wait for a lock that is held around a call with the handle. */
@@ -114,6 +133,8 @@ typedef struct veld_report_options {
   uint32_t reserved;             /* 0 */
   veld_report_log log;           /* gets the trace in place of the file */
   void* log_context;
+  veld_report_loss_listener loss_listener; /* default: none */
+  void* loss_context;
 } veld_report_options;
 
 /* Opens a store and starts sending. *out receives a handle, for veld_report_free. 0 or a failure. */
@@ -150,6 +171,10 @@ VELD_REPORT_API void veld_report_free_settings(veld_report_settings* settings);
 VELD_REPORT_API int32_t veld_report_set_listener(veld_report_handle* reporter, veld_report_listener listener,
                                                  void* context);
 
+/* The same for the loss listener. */
+VELD_REPORT_API int32_t veld_report_set_loss_listener(veld_report_handle* reporter,
+                                                      veld_report_loss_listener listener, void* context);
+
 /* allowed = 0: no request starts after the return, and one in flight is cut. Records are still accepted and
  * stored. The last call counts. 0 or a failure. */
 VELD_REPORT_API int32_t veld_report_allow_sending(veld_report_handle* reporter, uint32_t allowed);
@@ -157,11 +182,6 @@ VELD_REPORT_API int32_t veld_report_allow_sending(veld_report_handle* reporter, 
 /* Removes everything that is waiting, in memory and in the store, and leaves none of it readable on the disk.
  * 0 or a failure. */
 VELD_REPORT_API int32_t veld_report_forget(veld_report_handle* reporter, char* error, size_t error_size);
-
-typedef struct veld_report_count {
-  int64_t items;
-  int64_t bytes;
-} veld_report_count;
 
 /* At any time accepted = delivered + evicted + rejected + removed + waiting. */
 typedef struct veld_report_ledger {
