@@ -107,12 +107,8 @@ class Generator {
 
   Step Restart() {
     int missing = 0;
-    for (const int service : {noMode, noSignature, noNotification}) {
-      if (Below(3) == 0) missing |= service;
-    }
-    for (const int service : {noTimer, noQueues, noHttp}) {
-      if (Below(30) == 0) missing |= service;
-    }
+    for (const int service : {noMode, noSignature, noNotification}) missing |= Below(3) == 0 ? service : 0;
+    for (const int service : {noTimer, noQueues, noHttp}) missing |= Below(30) == 0 ? service : 0;
     return {
         .kind = Kind::restart, .a = missing, .b = Below(2), .c = Below(1 << 20), .settings = MakeSettings()};
   }

@@ -79,9 +79,9 @@ TEST_F(WorldTest, NoWorldFails) {
 TEST_F(WorldTest, WorldsReachWhatTheyAreFor) {
   Host::seen = {};
   for (std::uint64_t seed = 1; seed <= 1500 && !HasFailure(); ++seed) RunSeed(seed);
-  for (int i = 0; i <= static_cast<int>(Op::commitBuffer); ++i) {
+  for (std::size_t i = 0; i <= static_cast<std::size_t>(Op::commitBuffer); ++i) {
     const auto op = static_cast<Op>(i);
-    const Host::Seen& seen = Host::seen[static_cast<std::size_t>(op)];
+    const Host::Seen& seen = Host::seen[i];
     EXPECT_GT(seen.plain, 0u) << Name(op);
     if (op == Op::cancel) continue;  // nobody looks at its result, and it is rare
     EXPECT_GT(seen.negative, 0u) << Name(op);
