@@ -37,6 +37,22 @@ inline std::int64_t FromEnvironment(const char* name, std::int64_t otherwise) {
   return text ? std::atoll(text) : otherwise;
 }
 
+// A machine whose clocks stand still until a test moves them.
+struct ManualMachine final : host::MachineClock {
+  std::string_view Boot() const override { return boot; }
+  std::int64_t UptimeMs() const override { return uptimeMs; }
+  std::int64_t AwakeMs() const override { return uptimeMs; }
+  std::int64_t CalendarMs() const override { return calendarMs; }
+  void Pass(std::int64_t ms) {
+    uptimeMs += ms;
+    calendarMs += ms;
+  }
+
+  std::string boot = "first";
+  std::int64_t uptimeMs = 500'000;
+  std::int64_t calendarMs = 1'700'000'000'000;
+};
+
 // What is traced, from any thread.
 class TracedLines {
  public:

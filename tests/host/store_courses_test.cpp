@@ -28,7 +28,8 @@ class StoreCourses : public StoreTest, protected QueueCourses {
  protected:
   ~StoreCourses() override { EndServices(); }
   void Begin() override {
-    now_ = 1'000'000;
+    *machine_ = {};
+    machine_->calendarMs = 1'000'000;
     EnterNewFolder();
     OpenAs("one", {});
     lines_.Take();
@@ -78,7 +79,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (verb == "forget") return service->Forget(), "";
     if (verb == "commit") return service->Commit() ? "" : "failed";
     if (verb == "paced") return Shown(std::exchange(pacer_->calls, {}));
-    if (verb == "advance") return now_ += std::stoll(name), "";
+    if (verb == "advance") return machine_->Pass(std::stoll(name)), "";
     return QueueCourses::Do(verb, words);
   }
 
@@ -96,7 +97,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   // Ends the service of that name and goes on with another one.
   std::string OpenAs(const std::string& name, const Strings& words) {
     const auto has = [&](const char* word) { return std::ranges::count(words, word) != 0; };
-    options = {.folder = options.folder, .tracer = lines_.tracer, .nowMs = [this] { return now_; }};
+    options = {.folder = options.folder, .tracer = lines_.tracer, .machine = machine_};
     options.shared = has("shared");
     options.inspectOnly = has("looking");
     if (has("aged")) options.maxAge = std::chrono::seconds(60);
@@ -225,7 +226,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   std::uint64_t lastToken_ = 0;  // of what was filled in
   std::string spoiled_;          // the store's file when it was checked
   std::string opened_;           // what its mark said while it was open
-  std::int64_t now_ = 0;
+  const std::shared_ptr<ManualMachine> machine_ = std::make_shared<ManualMachine>();
   int count_ = 0;
 };
 

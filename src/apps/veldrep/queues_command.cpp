@@ -41,11 +41,6 @@ std::string QueueName(const std::string& urlOrName) {
   return urlOrName.find("://") == std::string::npos ? urlOrName : host::QueueNameOfUrl(urlOrName);
 }
 
-std::int64_t NowMs() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count();
-}
-
 // Finds the queue by name, so that a typo isn't mistaken for an empty queue.
 host::QueueInfo Find(host::QueueService& service, const std::string& urlOrName) {
   const std::string name = QueueName(urlOrName);
@@ -173,12 +168,10 @@ int List(const QueuesOptions& options) {
 int Peek(const QueuesOptions& options) {
   const auto service = OpenStore(options, true);
   const host::QueueInfo queue = Find(*service, options.queue);
-  const std::int64_t nowMs = NowMs();
   for (const host::PeekedItem& each : service->PeekItems(queue.name, options.count)) {
     if (options.json) {
-      std::printf("{\"age_ms\":%lld,\"bytes\":%zu,\"item\":%s}\n",
-                  static_cast<long long>(nowMs - each.enqueuedMs), each.bytes.size(),
-                  JsonString(each.bytes).c_str());
+      std::printf("{\"age_ms\":%lld,\"bytes\":%zu,\"item\":%s}\n", static_cast<long long>(each.ageMs),
+                  each.bytes.size(), JsonString(each.bytes).c_str());
     } else {
       std::printf("%s\n", server::WithoutControls(each.bytes).c_str());
     }

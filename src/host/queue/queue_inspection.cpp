@@ -18,7 +18,7 @@ std::vector<QueueInfo> QueueStore::ListQueues() {
   const std::lock_guard lock(mutex_);
   Flush();
   Refresh();
-  const std::int64_t nowMs = NowMs(options_);
+  const std::int64_t nowMs = time_.NowMs();
   std::vector<QueueInfo> result;
   for (const auto& [name, queue] : queues_) {
     if (!queue.stored.IsPresent()) continue;
@@ -43,7 +43,8 @@ std::vector<PeekedItem> QueueStore::Peek(const std::string& name, std::size_t co
     if (!row) break;
     after = row->token;
     if (writer_.IsDeleted(row->token)) continue;
-    result.push_back({row->token, row->enqueuedMs, std::string(row->data.begin(), row->data.end())});
+    result.push_back(
+        {row->token, time_.NowMs() - row->enqueuedMs, std::string(row->data.begin(), row->data.end())});
   }
   file_->Finish();
   return result;

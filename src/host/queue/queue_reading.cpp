@@ -41,7 +41,7 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
   // reader needs the oldest items, and the buffered ones are the youngest.
   if (options_.shared || (!evicting && writer_.BufferedItems() != 0)) Flush();
   Refresh();
-  if (!evicting && !HoldsLease()) return zel::eNotFound;
+  if (!evicting && (!HoldsLease() || reader.exhausted)) return zel::eNotFound;
   try {
     if (ClaimNext(reader, data, token)) return zel::sOk;
     if (evicting && writer_.BufferedItems() != 0) {
@@ -183,23 +183,44 @@ void QueueStore::CorrectWaiting(QueueState& queue) {
 }
 
 bool QueueStore::IsExpired(const ItemRow& row) const {
-  return options_.maxAge.count() > 0 && NowMs(options_) - row.enqueuedMs > options_.maxAge.count();
+  return options_.maxAge.count() > 0 && time_.NowMs() - row.enqueuedMs > options_.maxAge.count();
 }
 
 // Only one process at a time sends what is waiting, as long as it has readers.
 bool QueueStore::HoldsLease() {
-  if (!options_.shared || lease_) return true;
+  if (!options_.shared) return true;
+  CheckLease();
+  const bool had = lease_.IsHeld();
   try {
-    lease_ = FileLock::Try(path_.string() + ".lease", FileLock::Kind::exclusive, nullptr);
+    if (lease_.Take() && !had) wake_.notify_one();  // for the beats
   } catch (const StoreError& error) {
     Trace(failureLevel, error.what());
   }
-  return static_cast<bool>(lease_);
+  return lease_.IsHeld();
+}
+
+// A process that was stopped for long may have lost its lease. What its readers hold may be with others by
+// now, so it is neither acknowledged nor given back.
+void QueueStore::CheckLease() {
+  if (!lease_.IsHeld()) return;
+  lease_.CheckIfDue();
+  if (lease_.IsHeld()) return;
+  for (auto& [name, queue] : queues_) {
+    for (ReaderState* reader : queue.readers) {
+      if (evictions_.IsEvicting(*reader)) continue;
+      reader->claims.Clear();
+      reader->exhausted = true;
+    }
+  }
+  Trace(failureLevel,
+        "this process didn't run for long, and another one sends now; what was on its way may be "
+        "sent twice");
 }
 
 zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
   EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
+  CheckLease();
   const std::optional<std::int64_t> bytes = reader.claims.Take(token);
   if (!bytes) return zel::eNotFound;
   const ItemCount item{1, *bytes};
@@ -217,6 +238,7 @@ zel::ResultCode QueueStore::Ack(ReaderState& reader, std::uint64_t token) {
 zel::ResultCode QueueStore::ReturnItem(ReaderState& reader, std::uint64_t token) {
   EvictionTracker::BeginCall();
   const std::lock_guard lock(mutex_);
+  CheckLease();
   const std::optional<std::int64_t> bytes = reader.claims.Take(token);
   if (!bytes) return zel::eNotFound;
   const ItemCount item{1, *bytes};

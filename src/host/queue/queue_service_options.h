@@ -4,11 +4,11 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 
 #include "contract/tracer.h"
+#include "host/base/machine_clock.h"
 #include "host/queue/delivery_pacer.h"
 #include "types/ref.h"
 #include "veld_report/loss.h"
@@ -68,8 +68,7 @@ struct QueueServiceOptions {
   // Receives failures and other messages for people; may be null. Called on any thread, also with a lock of
   // the store held.
   zel::Ref<zel::ITracer> tracer{};
-  // Returns milliseconds since 1970; empty for the system's clock.
-  std::function<std::int64_t()> nowMs{};
+  std::shared_ptr<const MachineClock> machine = MachineClock::System();
   // The name of a registered SQLite VFS; empty for the default.
   std::string vfs{};
 };

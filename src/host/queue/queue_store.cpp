@@ -18,6 +18,9 @@ constexpr std::chrono::milliseconds retryDelay{100};
 constexpr std::chrono::milliseconds deletionDelay{3000};
 // So much free room in the file does for a reserve that can't be had again.
 constexpr std::int64_t plentyOfFreeBytes = 8 << 20;
+// The file is rewritten without its free room if that is as much, and if so little is in use.
+constexpr std::int64_t manyFreeBytes = 16 << 20;
+constexpr std::int64_t fewUsedBytes = 4 << 20;
 // Below SQLite's own limit of 10^9 bytes per row. A larger item would stay in the buffer for ever.
 constexpr std::size_t maxItemBytes = 999'000'000;
 
@@ -33,10 +36,15 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
       reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
       mark_(options.inspectOnly ? std::filesystem::path() : file),
       file_(OpenStoreFile(options, file, *folderLock_, reserve_, mark_)),
+      time_(file, options.maxAge, file_->YoungestMs(), options.machine),
       writer_(*file_, reserve_, figuresMutex_),
+      lease_(file.string() + ".lease", options.machine),
       identity_(FileIdentity::Of(file)) {
   AdoptRows();
-  if (!options_.inspectOnly) committer_ = StartServiceThread("veld-store", [this] { RunCommitter(); });
+  if (options_.inspectOnly) return;
+  BeginTime();
+  GiveBackRoom();
+  committer_ = StartServiceThread("veld-store", [this] { RunCommitter(); });
 }
 
 QueueStore::~QueueStore() {
@@ -60,9 +68,21 @@ QueueStore::~QueueStore() {
   } catch (const std::exception&) {
     // No memory for a sentence.
   }
+  GiveBackRoom();
+  time_.WriteNote();
   file_.reset();
   // If processes share the file, another one may have it open.
   if (!options_.shared) mark_.NoteClosed();
+}
+
+// Without a note the times in the file may lie ahead, and such an item would never expire.
+void QueueStore::BeginTime() {
+  try {
+    if (!time_.IsContinued()) file_->LimitTimes(time_.NowMs());
+    time_.BeginNotes();
+  } catch (const SqliteError&) {
+    // The next start finds no note and tries again.
+  }
 }
 
 void QueueStore::AdoptRows() {
@@ -129,7 +149,7 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
 }
 
 zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item) {
-  writer_.AddItem(queue.stored, NowMs(options_), data);
+  writer_.AddItem(queue.stored, time_.NowMs(), data);
   const bool due = options_.commitEveryPush || writer_.HoldsOperations(options_.commitOperations);
   if (!due) {
     CommitIfDue();
@@ -266,6 +286,7 @@ QueueState& QueueStore::FindOrAdd(const std::string& name) {
 
 bool QueueStore::Flush() {
   const bool written = writer_.Flush();
+  if (written) time_.WriteNoteIfDue();
   if (!written && !failing_) {
     NoteFailure("the store can't be written, pushes are refused until it can: ", *writer_.Error());
   }
@@ -273,7 +294,8 @@ bool QueueStore::Flush() {
   failing_ = !written;
   // Not earlier: the next process must not find items that were delivered and whose deletion is still in the
   // buffer.
-  if (written && lease_ && sendingReaders_ == 0) lease_ = FileLock();
+  if (written && sendingReaders_ == 0) lease_.Release();
+  lease_.BeatIfDue();
   return written;
 }
 
@@ -299,7 +321,12 @@ void QueueStore::RunCommitter() {
   using Clock = QueueWriter::Clock;
   std::unique_lock lock(mutex_);
   while (!stopping_) {
-    committerWakes_ = writer_.IsDirty() ? GroupIsDue() : Clock::time_point::max();
+    lease_.BeatIfDue();
+    const bool dirty = writer_.IsDirty();
+    if (!dirty && writer_.DeletedBytes() - deletedBytes_ >= manyFreeBytes) GiveBackRoom();
+    committerWakes_ = dirty             ? GroupIsDue()
+                      : lease_.IsHeld() ? Clock::now() + SendingLease::beatEvery
+                                        : Clock::time_point::max();
     if (committerWakes_ == Clock::time_point::max()) {
       wake_.wait(lock);
     } else if (Clock::now() < committerWakes_) {
@@ -307,6 +334,18 @@ void QueueStore::RunCommitter() {
     } else {
       Flush();
     }
+  }
+}
+
+// What a long outage has left: a large file with little in it. The limits keep this short and the log small.
+// Other processes could hold it up, so a shared file stays as it is.
+void QueueStore::GiveBackRoom() {
+  deletedBytes_ = writer_.DeletedBytes();
+  if (options_.shared || file_->FreeBytes() < manyFreeBytes || file_->UsedBytes() > fewUsedBytes) return;
+  try {
+    file_->Compact(true);
+  } catch (const SqliteError&) {
+    // It works as it is; the next opening tries again.
   }
 }
 

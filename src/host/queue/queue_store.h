@@ -6,7 +6,7 @@
 //
 // Several processes: the file and its write lock put their changes in order, and each process looks for the
 // others' changes before it decides anything (Refresh). Processes don't know each other's claims, so readers
-// that send need the lease, a lock that a process holds while it has such readers.
+// that send need the lease (sending_lease.h), which a process holds while it has such readers.
 #pragma once
 
 #include <condition_variable>
@@ -26,8 +26,10 @@
 #include "host/queue/eviction_tracker.h"
 #include "host/queue/queue_service_options.h"
 #include "host/queue/queue_writer.h"
+#include "host/queue/sending_lease.h"
 #include "host/queue/store_file.h"
 #include "host/queue/store_folder.h"
+#include "host/queue/store_time.h"
 #include "types/result_code.h"
 #include "types/vector.h"
 
@@ -42,7 +44,7 @@ struct QueueInfo {
 
 struct PeekedItem {
   std::uint64_t token = 0;
-  std::int64_t enqueuedMs = 0;  // since 1970
+  std::int64_t ageMs = 0;
   std::string bytes;
 };
 
@@ -120,6 +122,7 @@ class QueueStore {
  private:
   QueueState& FindOrAdd(const std::string& name);
   void AdoptRows();
+  void BeginTime();
   void Refresh();
   void RefreshUnlessBusy();
   bool Flush();
@@ -132,6 +135,7 @@ class QueueStore {
   bool EvictOldest(QueueState& queue);
   bool IsExpired(const ItemRow& row) const;
   bool HoldsLease();
+  void CheckLease();
   bool BeginDelivery(ReaderState& reader);
   bool MayHandOut(ReaderState& reader, const ItemRow& row);
   void NoteEndOfClaim(ReaderState& reader, bool delivered);
@@ -145,6 +149,7 @@ class QueueStore {
   void CorrectWaiting(QueueState& queue);
   bool ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* data, std::uint64_t* token);
   void RunCommitter();
+  void GiveBackRoom();
   void NoteFailure(const std::string& what, const SqliteError& error);
   void Trace(std::uint32_t level, const std::string& line) const;
 
@@ -160,11 +165,13 @@ class QueueStore {
   DiskReserve reserve_;
   CleanMarker mark_;
   std::unique_ptr<StoreFile> file_;  // only null at the very end
+  StoreTime time_;
   QueueWriter writer_;
   EvictionTracker evictions_;
   std::int64_t dataVersion_ = 0;
   std::size_t sendingReaders_ = 0;
-  FileLock lease_;
+  SendingLease lease_;
+  std::int64_t deletedBytes_ = 0;  // by the writer, when room was last given back
   std::map<std::string, QueueState> queues_;
   const FileIdentity identity_;
   bool isGone_ = false;   // the file was deleted, and that was traced

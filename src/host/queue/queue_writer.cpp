@@ -93,6 +93,7 @@ void QueueWriter::AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount
     throw;
   }
   if (kind == &QueueLedger::evicted) ++evictions_;
+  deletedBytes_ += item.bytes;
   queue.ahead_.Drop(token);
   queue.unwritten_.Leave(kind, item);
   const std::lock_guard lock(figuresMutex_);
@@ -117,6 +118,7 @@ void QueueWriter::AddRemoval(BufferedQueue& queue) {
   ItemCount inFile = waiting;
   inFile += -buffered;
   removals_.push_back({&queue, inFile});
+  deletedBytes_ += inFile.bytes;
   queue.removalBuffered_ = true;
   queue.ahead_.Forget();
   queue.unwritten_.accepted += buffered;

@@ -74,6 +74,8 @@ class QueueWriter {
   }
   std::size_t BufferedItems() const { return items_.size(); }
   std::size_t BufferedBytes() const { return bytes_.size(); }
+  // The size of all items that were ever deleted here.
+  std::int64_t DeletedBytes() const { return deletedBytes_; }
   bool IsDeleted(std::uint64_t token) const { return !deletes_.empty() && deletedTokens_.contains(token); }
   // The error of the last attempt to write, if it failed.
   const std::optional<SqliteError>& Error() const { return error_; }
@@ -118,6 +120,7 @@ class QueueWriter {
   std::vector<Item> items_;
   std::vector<Delete> deletes_;
   std::size_t evictions_ = 0;  // among deletes_
+  std::int64_t deletedBytes_ = 0;
   std::pmr::unsynchronized_pool_resource tokenMemory_;
   std::pmr::unordered_set<std::uint64_t> deletedTokens_{&tokenMemory_};
   std::vector<Removal> removals_;

@@ -235,11 +235,34 @@ std::optional<std::int64_t> StoreFile::OldestMs(std::int64_t queueId) {
   return result;
 }
 
+std::optional<std::int64_t> StoreFile::YoungestMs() const {
+  try {
+    SqliteStatement last(connection_, "SELECT enqueued_ms FROM items ORDER BY token DESC LIMIT 1");
+    if (last.Step()) return last.Integer(0);
+  } catch (const SqliteError&) {
+    // Whoever needs the items themselves gets the error.
+  }
+  return std::nullopt;
+}
+
+void StoreFile::LimitTimes(std::int64_t latestMs) {
+  SqliteStatement update(connection_, "UPDATE items SET enqueued_ms=?1 WHERE enqueued_ms>?1");
+  update.Bind(1, latestMs).Run();
+}
+
 std::int64_t StoreFile::FreeBytes() const {
   try {
     return connection_.QueryInteger("PRAGMA freelist_count") * storePageBytes;
   } catch (const SqliteError&) {
     return 0;
+  }
+}
+
+std::int64_t StoreFile::UsedBytes() const {
+  try {
+    return connection_.QueryInteger("PRAGMA page_count") * storePageBytes - FreeBytes();
+  } catch (const SqliteError&) {
+    return INT64_MAX;
   }
 }
 

@@ -99,11 +99,17 @@ class StoreFile {
   void Finish() { next_.Reset(); }
   // The time of the oldest item's Push, if there is an item.
   std::optional<std::int64_t> OldestMs(std::int64_t queueId);
+  // The time of the last item in the file; nothing if there is none, or it can't be read just now.
+  std::optional<std::int64_t> YoungestMs() const;
+  // Gives all items with a later time this one.
+  void LimitTimes(std::int64_t latestMs);
   // The actual content of the queue, counted.
   ItemCount CountItems(std::int64_t queueId);
 
   // The room inside the file that nothing uses; 0 if it can't be read just now.
   std::int64_t FreeBytes() const;
+  // The rest of the file; INT64_MAX if it can't be read just now.
+  std::int64_t UsedBytes() const;
   // Changes when another connection has committed something.
   std::int64_t DataVersion();
   // Checkpoints the log as far as nobody is in the way, so that it restarts at its beginning.

@@ -143,6 +143,18 @@ FileLock::~FileLock() {
   close(descriptor_);
 }
 
+// A full disk is no reason to fail.
+void FileLock::Note(const std::string& text) const noexcept {
+  if (ftruncate(descriptor_, 0) != 0) return;
+  [[maybe_unused]] const ssize_t ignored = pwrite(descriptor_, text.data(), text.size(), 0);
+}
+
+FileIdentity FileLock::Identity() const noexcept {
+  struct stat status {};
+  if (fstat(descriptor_, &status) != 0) return {};
+  return {status.st_dev, status.st_ino};
+}
+
 bool FileLock::Change(Kind kind) {
   if (flock(descriptor_, LockOperation(kind)) == 0) {
     kind_ = kind;
@@ -172,12 +184,9 @@ FileLock FileLock::Try(const std::filesystem::path& file, Kind kind, std::string
     close(descriptor);
     throw;
   }
-  // Only for the message to the next process, so a full disk is no reason to fail.
-  const std::string number = std::to_string(getpid());
-  if (ftruncate(descriptor, 0) == 0) {
-    [[maybe_unused]] const ssize_t ignored = pwrite(descriptor, number.data(), number.size(), 0);
-  }
-  return {descriptor, kind};
+  FileLock lock(descriptor, kind);
+  lock.Note(std::to_string(getpid()));
+  return lock;
 }
 
 }  // namespace veld_report::host

@@ -32,6 +32,8 @@ void PrepareStoreFolder(const std::filesystem::path& folder);
 
 // The file that is locked while a store is open.
 inline constexpr char storeLockName[] = "store.lock";
+// The file that is locked while a process is opening a shared store.
+inline constexpr char storeOpeningName[] = "store.opening";
 
 // Throws StoreError if the store was open in the process that this one was forked from.
 void RefuseInheritedStore(const std::filesystem::path& folder);
@@ -75,6 +77,11 @@ class FileLock {
   // Tries to change the kind of the lock, without waiting. If somebody else has it, returns false with the
   // lock unchanged.
   bool Change(Kind kind);
+
+  // Replaces the content of the locked file, for those who try to lock it. A failure changes nothing else.
+  void Note(const std::string& text) const noexcept;
+  // Of the locked file.
+  FileIdentity Identity() const noexcept;
 
   explicit operator bool() const { return descriptor_ >= 0; }
 

@@ -29,7 +29,7 @@ void Say(const QueueServiceOptions& options, const std::string& line) {
 
 // Only one process at a time creates, upgrades or repairs a file.
 FileLock LockOpening(const std::filesystem::path& file) {
-  const auto lockFile = file.parent_path() / "store.opening";
+  const auto lockFile = file.parent_path() / storeOpeningName;
   const auto deadline = std::chrono::steady_clock::now() + openingTime;
   while (true) {
     std::string holder;
@@ -86,7 +86,7 @@ std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std
 std::unique_ptr<StoreFile> Replace(const QueueServiceOptions& options, const std::filesystem::path& file,
                                    const std::string& damage) {
   Say(options, file.string() + " is damaged (" + damage + ") and is replaced");
-  const std::int64_t nowMs = NowMs(options);
+  const std::int64_t nowMs = options.machine->CalendarMs();
   MoveStoreAside(file, nowMs);
   PreparePrivateFile(file);
   auto fresh = std::make_unique<StoreFile>(file, FileSettings(options));
@@ -157,12 +157,6 @@ std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
   SalvageDamagedFiles(options, file, *store);
   DeleteOldDamagedFiles(options, file);
   return store;
-}
-
-std::int64_t NowMs(const QueueServiceOptions& options) {
-  if (options.nowMs) return options.nowMs();
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
 }  // namespace veld_report::host

@@ -26,7 +26,4 @@ std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
                                          DiskReserve& reserve, CleanMarker& mark,
                                          Salvaging salvaging = Salvaging::atOnce);
 
-// Milliseconds since 1970, by the options' clock.
-std::int64_t NowMs(const QueueServiceOptions& options);
-
 }  // namespace veld_report::host

@@ -1,0 +1,87 @@
+#include "host/queue/store_time.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "host/queue/store_folder.h"
+
+namespace veld_report::host {
+namespace {
+
+constexpr std::int64_t noteEveryMs = 60'000;
+constexpr int noteBytes = 3 * 18 + 44 + 1;
+
+struct Note {
+  std::int64_t timeMs = 0;
+  std::int64_t calendarMs = 0;
+  std::int64_t uptimeMs = 0;
+  std::string boot;
+};
+
+// Anything else comes from damage and would overflow.
+bool IsPlausible(std::int64_t timeMs) { return std::abs(timeMs) < std::int64_t{1} << 53; }
+
+bool ReadNote(const std::filesystem::path& path, Note* note) {
+  std::ifstream file(path);
+  return file >> note->timeMs >> note->calendarMs >> note->uptimeMs >> note->boot &&
+         IsPlausible(note->timeMs) && IsPlausible(note->calendarMs) && IsPlausible(note->uptimeMs);
+}
+
+}  // namespace
+
+StoreTime::StoreTime(const std::filesystem::path& store, std::chrono::milliseconds maxAge,
+                     std::optional<std::int64_t> youngestMs, std::shared_ptr<const MachineClock> machine)
+    : file_(store.string() + ".time"), machine_(std::move(machine)) {
+  const std::int64_t uptimeMs = machine_->UptimeMs();
+  const std::int64_t calendarMs = machine_->CalendarMs();
+  const std::int64_t longestMs = maxAge.count() > 0 ? maxAge.count() / 2 : INT64_MAX;
+  Note note;
+  continued_ = ReadNote(file_, &note);
+  std::int64_t nowMs = calendarMs;
+  if (continued_ && note.boot == machine_->Boot() && note.uptimeMs <= uptimeMs) {
+    nowMs = note.timeMs + uptimeMs - note.uptimeMs;
+  } else if (continued_) {
+    nowMs = note.timeMs + std::clamp<std::int64_t>(calendarMs - note.calendarMs, 0, longestMs);
+  } else if (youngestMs && IsPlausible(*youngestMs)) {
+    nowMs = *youngestMs + std::min(calendarMs - *youngestMs, longestMs);
+  }
+  base_ = nowMs - uptimeMs;
+}
+
+void StoreTime::BeginNotes() noexcept {
+  noting_ = true;
+  WriteNote();
+}
+
+void StoreTime::WriteNote() noexcept {
+  if (!noting_) return;
+  const std::int64_t uptimeMs = machine_->UptimeMs();
+  notedMs_ = uptimeMs;
+  // Always as long, so that it replaces what is there in one write, whoever else writes it.
+  std::array<char, noteBytes + 1> line{};
+  const std::string_view boot = machine_->Boot();
+  const int length =
+      std::snprintf(line.data(), line.size(), "%17lld %17lld %17lld %-44.*s\n",
+                    static_cast<long long>(base_ + uptimeMs), static_cast<long long>(machine_->CalendarMs()),
+                    static_cast<long long>(uptimeMs), static_cast<int>(boot.size()), boot.data());
+  if (length != noteBytes) return;
+  const int descriptor = OpenPrivateFile(file_, O_WRONLY | O_CREAT);
+  if (descriptor < 0) return;
+  [[maybe_unused]] const ssize_t ignored = pwrite(descriptor, line.data(), noteBytes, 0);
+  close(descriptor);
+}
+
+void StoreTime::WriteNoteIfDue() noexcept {
+  if (machine_->UptimeMs() - noteEveryMs >= notedMs_) WriteNote();
+}
+
+}  // namespace veld_report::host
