@@ -2,28 +2,35 @@
 include_guard(GLOBAL)
 
 option(VELD_WERROR "Treat warnings as errors" OFF)
-option(VELD_TESTS "Build the tests" ON)
+# Inside another project only the libraries are built, and nothing is installed unless it asks for that.
+option(VELD_PROGRAM "Build veldrep, for which libmicrohttpd and CLI11 are needed" ${PROJECT_IS_TOP_LEVEL})
+option(VELD_TESTS "Build the tests; needs VELD_PROGRAM" ${PROJECT_IS_TOP_LEVEL})
+option(VELD_INSTALL "Install the package" ${PROJECT_IS_TOP_LEVEL})
 option(VELD_FUZZ "Build the fuzz targets; needs clang" OFF)
 set(VELD_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
 
 # The benchmarks count allocations by replacing malloc, as the sanitizers do too.
-find_package(benchmark QUIET)
-find_path(VELD_RAPIDJSON_INCLUDE rapidjson/writer.h)
+if(PROJECT_IS_TOP_LEVEL)
+  find_package(benchmark QUIET)
+  find_path(VELD_RAPIDJSON_INCLUDE rapidjson/writer.h)
+endif()
 include(CMakeDependentOption)
 cmake_dependent_option(VELD_BENCH "Build the benchmarks" ON
-  "benchmark_FOUND;VELD_RAPIDJSON_INCLUDE;NOT VELD_SANITIZE" OFF)
+  "PROJECT_IS_TOP_LEVEL;VELD_PROGRAM;benchmark_FOUND;VELD_RAPIDJSON_INCLUDE;NOT VELD_SANITIZE" OFF)
 
-find_program(VELD_CCACHE ccache)
-if(VELD_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_C_COMPILER_LAUNCHER ${VELD_CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${VELD_CCACHE})
+# Another project chooses its flags itself.
+if(PROJECT_IS_TOP_LEVEL)
+  find_program(VELD_CCACHE ccache)
+  if(VELD_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_C_COMPILER_LAUNCHER ${VELD_CCACHE})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${VELD_CCACHE})
+  endif()
+  if(NOT CMAKE_BUILD_TYPE)
+    set(CMAKE_BUILD_TYPE Release)
+  endif()
+  set(CMAKE_CXX_FLAGS_RELEASE "-O2")
+  set(CMAKE_C_FLAGS_RELEASE "-O2")
 endif()
-
-if(NOT CMAKE_BUILD_TYPE)
-  set(CMAKE_BUILD_TYPE Release)
-endif()
-set(CMAKE_CXX_FLAGS_RELEASE "-O2")
-set(CMAKE_C_FLAGS_RELEASE "-O2")
 
 # The warnings and the sanitizer; linked privately.
 add_library(veld_flags INTERFACE)

@@ -1,9 +1,9 @@
 # bash completion for veldrep. Commands and options are read from the program's help, so they are always up to date.
 
-# The options of a command and of those above it, which it takes too. Examples in the help don't count.
+# The options of a command and of those above it but the program, which it takes too. Examples don't count.
 _veldrep_options() {
   local i
-  for ((i = 1; i <= $#; ++i)); do "${@:1:i}" --help 2>/dev/null; done |
+  for ((i = $# > 1 ? 2 : 1; i <= $#; ++i)); do "${@:1:i}" --help 2>/dev/null; done |
     grep -E '^ +-' | grep -oE -- '[ ,]-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
 }
 

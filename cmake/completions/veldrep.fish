@@ -12,9 +12,9 @@ function __veldrep_commands
     $argv --help 2>/dev/null | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z][a-z-]*\).*/\1/p'
 end
 
-# The options of a command and of those above it, which it takes too. Examples in the help don't count.
+# The options of a command and of those above it but the program, which it takes too. Examples don't count.
 function __veldrep_options
-    for i in (seq (count $argv))
+    for i in (seq (test (count $argv) -gt 1; and echo 2; or echo 1) (count $argv))
         $argv[1..$i] --help 2>/dev/null
     end | grep -E '^ +-' | grep -oE -- '[ ,]-(-[a-z][a-z-]*|[a-zA-Z])\b' | tr -d ' ,' | sort -u
 end

@@ -7,8 +7,8 @@
 #include <tuple>
 #include <utility>
 
-#include "types/object.h"
-#include "types/ref.h"
+#include "veld_report/types/object.h"
+#include "veld_report/types/ref.h"
 
 namespace own_host {
 

@@ -4,7 +4,7 @@
 #include <mutex>
 #include <string>
 
-#include "contract/io.h"
+#include "veld_report/contract/io.h"
 
 namespace own_host {
 

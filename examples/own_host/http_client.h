@@ -5,8 +5,8 @@
 
 #include <memory>
 
-#include "contract/http.h"
 #include "counted.h"
+#include "veld_report/contract/http.h"
 
 namespace own_host {
 

@@ -2,8 +2,8 @@
 // vectors of records. Add the kinds that your producers need.
 #pragma once
 
-#include "contract/json.h"
 #include "counted.h"
+#include "veld_report/contract/json.h"
 
 namespace own_host {
 

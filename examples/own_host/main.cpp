@@ -15,15 +15,15 @@
 #include <string>
 #include <thread>
 
-#include "contract/exports.h"
-#include "contract/hash.h"
-#include "contract/sender.h"
-#include "contract/tracer.h"
 #include "counted.h"
 #include "http_client.h"
 #include "json.h"
 #include "memory_queues.h"
 #include "timer.h"
+#include "veld_report/contract/exports.h"
+#include "veld_report/contract/hash.h"
+#include "veld_report/contract/sender.h"
+#include "veld_report/contract/tracer.h"
 
 namespace own_host {
 namespace {
@@ -173,7 +173,7 @@ std::size_t Deliver(const Module& module, const std::string& url, char** texts) 
   const auto timer = Make<Timer>();
   const auto locator = Make<Locator>();
   locator->Register<zel::IAllocator>(Make<HeapAllocator>());
-  locator->Register<zel::ITracer>(Make<StderrTracer>(300));
+  locator->Register<zel::ITracer>(Make<StderrTracer>(300u));
   locator->Register<crypto::hash::IHashCalculatorFactory>(Make<HashFactory>());
   locator->Register<orvel::IQueueFactory>(queues);
   locator->Register<network_services::IHttpClientFactory>(Make<HttpClientFactory>());

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "contract/queue.h"
 #include "counted.h"
+#include "veld_report/contract/queue.h"
 
 namespace own_host {
 

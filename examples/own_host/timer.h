@@ -8,8 +8,8 @@
 #include <mutex>
 #include <thread>
 
-#include "contract/timer.h"
 #include "counted.h"
+#include "veld_report/contract/timer.h"
 
 namespace own_host {
 

@@ -5,7 +5,8 @@
 #include "module/object_factory.h"
 #include "zel/rtl/object_module_lock.h"
 
-#if defined(_WIN32)
+#if defined(VELD_EXPORT)  // by the build, for a module that is linked into its host
+#elif defined(_WIN32)
 #define VELD_EXPORT extern "C" __declspec(dllexport)
 #else
 #define VELD_EXPORT extern "C" __attribute__((visibility("default")))

@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
-# Builds the .deb packages, installs them into a clean root with dpkg, builds and runs the three examples
-# against what is installed there, looks at the program's man pages and completions, and removes it all again.
-#   package_test.sh BUILD_FOLDER C++_COMPILER
+# What is installed, used as a stranger would: with an empty environment, in clean folders, from a prefix outside the
+# system's folders, with CMake and with pkg-config, with g++ and clang, as a part of another project, moved, and from
+# the .deb packages, whose man pages and completions are looked at.
+#   package_test.sh SOURCE_FOLDER BUILD_FOLDER C++_COMPILER
 set -euo pipefail
 
-build=$1
-compiler=$2
+source=$1
+build=$2
+compiler=$3
 work=$(mktemp -d)
+prefix=$work/prefix
 server=
 cleanup() {
   [[ -z $server ]] || kill "$server" 2>/dev/null || true
@@ -22,30 +25,33 @@ fail() {
 same() {
   [[ $2 == "$3" ]] || fail "$1: expected '$3', got '$2'"
 }
+# Runs a command in an empty environment; what it says is only shown if it fails.
+clean() {
+  env -i PATH="$PATH" HOME="$HOME" CCACHE_BASEDIR="$source" CCACHE_NOHASHDIR=1 ${CCACHE_DIR:+CCACHE_DIR="$CCACHE_DIR"} \
+    "$@" >"$work/log" 2>&1 || fail "$*: $(cat "$work/log")"
+}
+warnings="-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror"
 
-root=$work/root
-prefix=$root/usr
-as_root() { dpkg --root="$root" --log=/dev/null --force-not-root --force-depends --force-script-chrootless "$@"; }
-files_of_packages() { find "$root" -mindepth 1 -path "$root/var" -prune -o ! -type d -print; }
-
-install_packages() {
-  (cd "$build" && cpack -G DEB -B "$work/packages" >"$work/cpack.log") || fail "cpack: $(cat "$work/cpack.log")"
-  mkdir -p "$root"/var/lib/dpkg/{info,updates,triggers}
-  touch "$root/var/lib/dpkg/status"
-  # The dependencies are this machine's own, which the clean root knows nothing of.
-  as_root -i "$work"/packages/*.deb >"$work/dpkg.log" 2>&1 || fail "dpkg -i: $(cat "$work/dpkg.log")"
-  [[ -f $prefix/lib/libveld_report.so && -x $prefix/bin/veldrep ]] || fail "the packages lack the module or the program"
+install_prefix() {
+  clean cmake --install "$build" --prefix "$prefix"
+  # Neither the machine that built it nor the folder that it is in may be known to it.
+  same "files with a path of this machine" "$(grep -rlF -e "$source" -e "$build" -e "$prefix" "$prefix" || true)" ""
+  local page link
+  while IFS=: read -r page link; do
+    [[ -e $(dirname "$page")/$link ]] || fail "$page: the link to $link leads nowhere"
+  done < <(cd / && grep -roE '[^[]\]\([A-Za-z./_-]+' --include='*.md' "$prefix" | sed -E 's/:.]\(/:/' | grep -v ':https?$')
+  [[ -f $prefix/share/doc/veld_report/html/index.html ]] || ! type doxygen >/dev/null 2>&1 || fail "the reference is missing"
 }
 
-build_example() {
-  local name=$1
-  # From a copy, so that nothing of the source tree can be found from there.
-  cp -r "$prefix/share/doc/veld_report/examples/$name" "$work/$name"
-  {
-    cmake -G Ninja -S "$work/$name" -B "$work/$name/build" -DCMAKE_CXX_COMPILER="$compiler" \
-      -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror"
-    cmake --build "$work/$name/build"
-  } >"$work/$name.log" 2>&1 || fail "$name: $(cat "$work/$name.log")"
+# The installed examples as one project, from a copy: build_examples FOLDER C_COMPILER C++_COMPILER FLAGS
+build_examples() {
+  cp -r "$prefix/share/doc/veld_report/examples" "$work/$1"
+  printf 'cmake_minimum_required(VERSION 3.25)\nproject(examples C CXX)\n' >"$work/$1/CMakeLists.txt"
+  printf 'add_subdirectory(%s)\n' ten_lines described_record own_host c_program tls >>"$work/$1/CMakeLists.txt"
+  clean cmake -S "$work/$1" -B "$work/$1" -DCMAKE_C_COMPILER="$2" -DCMAKE_CXX_COMPILER="$3" \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$warnings" -DCMAKE_CXX_FLAGS="$warnings $4" \
+    -DCMAKE_NO_SYSTEM_FROM_IMPORTED=ON
+  clean cmake --build "$work/$1"
 }
 
 start_server() {
@@ -61,37 +67,101 @@ start_server() {
   fail "the server doesn't start: $(cat "$work/server.log")"
 }
 
+# delivers RECORDS PROGRAM ARGUMENT...: run with an empty environment, it delivers these records.
+delivers() {
+  : >"$work/stored"
+  rm -rf "$work/store"
+  (cd / && env -i "${@:2}" >"$work/output" 2>&1) || fail "${*:2} ended with $?: $(cat "$work/output")"
+  same "records of ${*:2}" "$(cat "$work/stored")" "$1"
+}
+ten_lines='{"version":"4.2.0","startupMs":312,"firstRun":true}'
+c_program='{"event":"started","language":"C"}'
+
 run_examples() {
-  # The module stands in the root's library folder, where only this makes the loader look.
-  export LD_LIBRARY_PATH=$prefix/lib
-  "$work/ten_lines/build/ten_lines" "$work/store1" "$url/ten" || fail "ten_lines ended with $?"
-  same "records of ten_lines" "$(cat "$work/stored")" '{"version":"4.2.0","startupMs":312,"firstRun":true}'
+  delivers "$ten_lines" "$1/ten_lines/ten_lines" "$work/store" "$url/ten"
+  delivers "$c_program" "$1/c_program/c_program" "$work/store" "$url/c"
+  delivers '{"event":"started"}' "$1/tls/tls" "$work/store" "$url/tls"
+  delivers $'{"text":"one"}\n{"text":"two \\"2\\""}' \
+    "$1/own_host/own_host" "$prefix/lib/libveld_report.so" "$url/own" one 'two "2"'
+  same "output of own_host" "$(cat "$work/output")" "submitted 2, delivered 2"
+  delivers '{"order_number":4711,"channel":1,"lines":[{"article":"Gewürzregal","count":1,"price":39.9},{"article":"Dübel 6 mm","count":20,"price":0.05}],"tags":["new customer"],"extra":{"ab_test":{"checkout":"b"}}}
+{"event":"checkout","steps":3}' "$1/described_record/described_record" "$work/store" "$url/orders"
+  same "output of described_record" "$(tail -n 1 "$work/output")" "accepted 2, delivered 2, waiting 0"
+}
 
-  : >"$work/stored"
-  local output
-  output=$("$work/described_record/build/described_record" "$work/store2" "$url/orders") ||
-    fail "described_record ended with $?"
-  same "output of described_record" "$(tail -n 1 <<<"$output")" "accepted 2, delivered 2, waiting 0"
-  same "records of described_record" "$(cat "$work/stored")" \
-    '{"order_number":4711,"channel":1,"lines":[{"article":"Gewürzregal","count":1,"price":39.9},{"article":"Dübel 6 mm","count":20,"price":0.05}],"tags":["new customer"],"extra":{"ab_test":{"checkout":"b"}}}
-{"event":"checkout","steps":3}'
-
-  : >"$work/stored"
-  output=$("$work/own_host/build/own_host" "$prefix/lib/libveld_report.so" "$url/own" one 'two "2"') ||
-    fail "own_host ended with $?"
-  same "output of own_host" "$output" "submitted 2, delivered 2"
-  same "records of own_host" "$(cat "$work/stored")" $'{"text":"one"}\n{"text":"two \\"2\\""}'
-  unset LD_LIBRARY_PATH
+# by_pkg_config PACKAGE COMPILER ARGUMENT...
+by_pkg_config() {
+  local flags
+  flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs "$1") || fail "pkg-config has no $1"
+  # shellcheck disable=SC2086  # the flags are words
+  clean "${@:2}" $warnings $flags -o "$work/$1"
 }
 
 check_pkg_config() {
-  local flags
-  flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs veld_report) || fail "pkg-config has no veld_report"
-  # shellcheck disable=SC2086  # the flags are words
-  "$compiler" -std=c++20 "$work/ten_lines/main.cpp" $flags -o "$work/by_pkg_config" || fail "no build by pkg-config"
-  same "the module's place by pkg-config" \
-    "$(realpath "$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --variable=module veld_report)")" \
-    "$(realpath "$prefix/lib/libveld_report.so")"
+  local examples=$prefix/share/doc/veld_report/examples
+  by_pkg_config veld_report clang++-14 -std=c++20 "$examples/ten_lines/main.cpp"
+  delivers "$ten_lines" "$work/veld_report" "$work/store" "$url/ten"
+  by_pkg_config veld_report_c clang-14 "$examples/c_program/main.c"
+  delivers "$c_program" "$work/veld_report_c" "$work/store" "$url/c"
+  by_pkg_config veld_report_static "$compiler" -std=c++20 "$examples/ten_lines/main.cpp"
+  same "what g++ says to C++17" "$("$compiler" -std=c++17 -fsyntax-only -I "$prefix/include" "$examples/ten_lines/main.cpp" 2>&1 |
+    grep -c 'error:.*veld_report needs C++20')" 2
+}
+
+# The installation is gone: a program with the module in it needs nothing else, others need the module beside them.
+check_moved() {
+  mv "$prefix" "$work/away"
+  delivers "$ten_lines" "$work/veld_report_static" "$work/store" "$url/ten"
+  mkdir -p "$work/moved/bin" "$work/moved/lib"
+  cp "$work/gcc/ten_lines/ten_lines" "$work/moved/bin"
+  ! (cd / && env -i "$work/moved/bin/ten_lines" "$work/nothing" "$url/ten" 2>"$work/output") || fail "it runs without the module"
+  grep -q "$work/moved/lib.*loader" "$work/output" || fail "it doesn't say where it looked: $(cat "$work/output")"
+  [[ ! -e $work/nothing ]] || fail "a failed start leaves $(ls "$work/nothing")"
+  cp "$work/away/lib/libveld_report.so" "$work/moved/lib"
+  delivers "$ten_lines" "$work/moved/bin/ten_lines" "$work/store" "$url/ten"
+  mv "$work/away" "$prefix"
+}
+
+# As a part of another project, which wants the libraries only.
+check_subproject() {
+  mkdir "$work/parent"
+  cp "$prefix/share/doc/veld_report/examples/ten_lines/main.cpp" "$work/parent"
+  cat >"$work/parent/CMakeLists.txt" <<EOF
+cmake_minimum_required(VERSION 3.25)
+project(parent C CXX)
+include(FetchContent)
+FetchContent_Declare(veld_report SOURCE_DIR "$source")
+FetchContent_MakeAvailable(veld_report)
+foreach(kit IN ITEMS host host_static)
+  add_executable(with_\${kit} main.cpp)
+  target_compile_options(with_\${kit} PRIVATE $warnings)
+  target_link_libraries(with_\${kit} PRIVATE veld_report::\${kit})
+endforeach()
+add_custom_target(own DEPENDS with_host with_host_static)
+EOF
+  # With the flags of the build, so that ccache has the objects.
+  clean cmake -S "$work/parent" -B "$work/parent/build" -DCMAKE_CXX_COMPILER="$compiler" -DVELD_WERROR=ON \
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-O2 -DCMAKE_CXX_COMPILER_LAUNCHER="$(type -P ccache || true)"
+  clean cmake --build "$work/parent/build" --target own
+  same "programs of the subproject" "$(find "$work/parent/build" -name veldrep)" ""
+  delivers "$ten_lines" "$work/parent/build/with_host" "$work/store" "$url/ten"
+  delivers "$ten_lines" "$work/parent/build/with_host_static" "$work/store" "$url/ten"
+}
+
+root=$work/root
+as_root() { dpkg --root="$root" --log=/dev/null --force-not-root --force-depends --force-script-chrootless "$@"; }
+files_of_packages() { find "$root" -mindepth 1 -path "$root/var" -prune -o ! -type d -print; }
+
+install_packages() {
+  (cd "$build" && cpack -G DEB -B "$work/packages" >"$work/cpack.log") || fail "cpack: $(cat "$work/cpack.log")"
+  mkdir -p "$root"/var/lib/dpkg/{info,updates,triggers}
+  touch "$root/var/lib/dpkg/status"
+  # The dependencies are this machine's own, which the clean root knows nothing of.
+  as_root -i "$work"/packages/*.deb >"$work/dpkg.log" 2>&1 || fail "dpkg -i: $(cat "$work/dpkg.log")"
+  same "files in the packages" "$(cd "$root/usr" && find . ! -type d | sort)" "$(cd "$prefix" && find . ! -type d | sort)"
+  prefix=$root/usr
+  echo '{"a":1}' >"$work/record"
+  delivers '{"a":1}' "$prefix/bin/veldrep" send --store "$work/store" --url "$url/deb" "$work/record"
 }
 
 long_options() { grep -oE -- '--[a-z][a-z-]+' | sort -u; }
@@ -108,6 +178,11 @@ options_of() {
 # The options that a man page explains: the lines behind .TP in the section of options.
 options_in_page() {
   sed 's/\\-/-/g' "$1" | sed -n '/^.SH OPTIONS/,/^.SH EXIT/p' | grep -A1 '^.TP' | long_options
+}
+
+check_versions() {
+  same "veldrep --version" "$("$prefix/bin/veldrep" --version)" \
+    "veldrep $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --modversion veld_report)"
 }
 
 has_example() {
@@ -154,11 +229,17 @@ remove_packages() {
   same "what the removed packages leave behind" "$(files_of_packages)" ""
 }
 
-install_packages
-for example in ten_lines described_record own_host; do build_example "$example"; done
+install_prefix
+build_examples gcc cc "$compiler" ""
+build_examples clang clang-14 clang++-14 -D_GLIBCXX_DEBUG
 start_server
-run_examples
+run_examples "$work/gcc"
+run_examples "$work/clang"
 check_pkg_config
+check_moved
+check_subproject
+install_packages
+check_versions
 check_man_pages
 check_completion
 remove_packages

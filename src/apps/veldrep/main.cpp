@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "apps/veldrep/command.h"
+#include "veld_report/version.h"
 
 namespace veld_report::app {
 namespace {
@@ -33,6 +34,7 @@ int Explain(const CLI::App& program, const CLI::ParseError& error) {
 int Main(int argumentCount, char** arguments) {
   CLI::App program{"Sends records to report servers, receives them, and inspects stores and messages."};
   program.name("veldrep");
+  program.set_version_flag("--version", "veldrep " VELD_REPORT_VERSION, "print the version");
   program.require_subcommand(1);
   program.footer(
       "veldrep COMMAND --help shows the options of a command.\n"

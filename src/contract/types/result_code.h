@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "types/require_cpp20.h"
+
 namespace zel {
 
 using ResultCode = std::int32_t;

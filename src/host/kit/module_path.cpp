@@ -50,6 +50,7 @@ std::vector<fs::path> ModuleFolders() {
 
 std::unique_ptr<LoadedModule> LoadModule(const std::string& path) {
   if (!path.empty()) return std::make_unique<LoadedModule>(path);
+  if (const ModuleExports* linked = LinkedModule()) return std::make_unique<LoadedModule>(*linked);
   std::string looked;
   for (const fs::path& folder : ModuleFolders()) {
     std::error_code error;

@@ -51,6 +51,8 @@ int32_t Guarded(char* error, size_t size, Body&& body) noexcept {
 
 }  // namespace
 
+const char* veld_report_version(void) { return veld_report::Version(); }
+
 int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out, char* error,
                          size_t error_size) {
   if (out) *out = nullptr;

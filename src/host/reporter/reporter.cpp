@@ -6,6 +6,8 @@
 
 namespace veld_report {
 
+const char* Version() noexcept { return VELD_REPORT_VERSION; }
+
 Reporter::Reporter(ReporterOptions options) : core_(std::make_shared<Core>(std::move(options))) {}
 
 std::unique_ptr<Reporter> Reporter::TryOpen(ReporterOptions options, std::string* error) noexcept {

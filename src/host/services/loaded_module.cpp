@@ -26,15 +26,17 @@ LoadedModule::LoadedModule(const std::string& path) : path_(path) {
   try {
     using orvel::veld_report::CanUnloadModuleFunction;
     using orvel::veld_report::GetObjectFactoryFunction;
-    getObjectFactory_ =
+    exports_.getObjectFactory =
         reinterpret_cast<GetObjectFactoryFunction*>(Find(orvel::veld_report::getObjectFactoryName));
-    canUnloadModule_ =
+    exports_.canUnload =
         reinterpret_cast<CanUnloadModuleFunction*>(Find(orvel::veld_report::canUnloadModuleName));
   } catch (...) {
     ::dlclose(handle_);
     throw;
   }
 }
+
+LoadedModule::LoadedModule(const ModuleExports& linked) : exports_(linked) {}
 
 LoadedModule::~LoadedModule() { TryUnload(); }
 
@@ -46,9 +48,10 @@ void* LoadedModule::Find(const char* name) const {
 }
 
 zel::Ref<zel::IObjectFactory> LoadedModule::MakeFactory(zel::IServiceLocator* locator) {
-  if (!handle_) throw std::runtime_error("module " + path_ + ": is unloaded");
+  if (!exports_.getObjectFactory) throw std::runtime_error("module " + path_ + ": is unloaded");
   zel::Ref<zel::IObject> object;
-  const zel::ResultCode made = getObjectFactory_(locator, orvel::veld_report::senderClassId, object.Out());
+  const zel::ResultCode made =
+      exports_.getObjectFactory(locator, orvel::veld_report::senderClassId, object.Out());
   if (zel::Failed(made))
     throw std::runtime_error("module " + path_ + ": can't create its object factory: " + CodeText(made));
   zel::Ref<zel::IObjectFactory> factory;
@@ -59,12 +62,12 @@ zel::Ref<zel::IObjectFactory> LoadedModule::MakeFactory(zel::IServiceLocator* lo
   return factory;
 }
 
-bool LoadedModule::CanUnload() const { return !handle_ || canUnloadModule_() == 0; }
+bool LoadedModule::CanUnload() const { return !exports_.canUnload || exports_.canUnload() == 0; }
 
 bool LoadedModule::TryUnload() {
-  if (!handle_) return true;
   if (!CanUnload()) return false;
-  ::dlclose(std::exchange(handle_, nullptr));
+  exports_ = {};
+  if (handle_) ::dlclose(std::exchange(handle_, nullptr));
   return true;
 }
 

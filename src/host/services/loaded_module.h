@@ -1,13 +1,13 @@
 // LoadedModule: the module's shared library in this process.
 //
-// It is loaded at run time and never linked, so a host builds without it. It is only unloaded once it has
+// It is loaded at run time, so a host builds without it. It is only unloaded once it has
 // reported that none of its objects is alive. The host must also make sure that no thread is inside its code,
 // so it stops its timer and its HTTP client first.
 #pragma once
 
 #include <string>
 
-#include "contract/exports.h"
+#include "host/services/linked_module.h"
 #include "types/ref.h"
 
 namespace veld_report::host {
@@ -19,11 +19,14 @@ class LoadedModule {
   // `path` is the library's file; without a slash the system's loader looks for it. Throws std::runtime_error
   // with the loader's reason, or with the name of the function that the file lacks.
   explicit LoadedModule(const std::string& path);
+  // The module that is linked into this program. Its code stays after TryUnload.
+  explicit LoadedModule(const ModuleExports& linked);
   LoadedModule(const LoadedModule&) = delete;
   LoadedModule& operator=(const LoadedModule&) = delete;
   // Unloads if possible; otherwise the library stays in the process for good, which is safe.
   ~LoadedModule();
 
+  // Empty for a linked module.
   const std::string& Path() const { return path_; }
 
   // A factory of the sender's class. `locator` may be null. Throws std::runtime_error with the code.
@@ -39,8 +42,7 @@ class LoadedModule {
 
   std::string path_;
   void* handle_ = nullptr;
-  orvel::veld_report::GetObjectFactoryFunction* getObjectFactory_ = nullptr;
-  orvel::veld_report::CanUnloadModuleFunction* canUnloadModule_ = nullptr;
+  ModuleExports exports_{};  // null after TryUnload
 };
 
 }  // namespace veld_report::host

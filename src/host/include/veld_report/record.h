@@ -149,6 +149,21 @@ consteval zel::SerFieldDescriptor DescribeField(const char* name, std::size_t of
   return row;
 }
 
+// Without bases, virtual functions and private members.
+#if defined(_GLIBCXX_DEBUG)
+// Here a vector isn't of standard layout, nor is a struct with one, but its offset is as constant as ever.
+template <class T>
+inline constexpr bool isPlain = std::is_aggregate_v<T> && !std::is_polymorphic_v<T>;
+#define VELD_RECORD_BEGIN \
+  _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Winvalid-offsetof\"")
+#define VELD_RECORD_END _Pragma("GCC diagnostic pop")
+#else
+template <class T>
+inline constexpr bool isPlain = std::is_standard_layout_v<T>;
+#define VELD_RECORD_BEGIN
+#define VELD_RECORD_END
+#endif
+
 consteval zel::SerFieldDescriptor EndOfTable() {
   zel::SerFieldDescriptor row;
   row.flags = zel::SerFieldDescriptor::endOfTable;
@@ -161,16 +176,19 @@ consteval zel::SerFieldDescriptor EndOfTable() {
 // `Type`: the struct's name. `serId`: a number that the application chooses, different for each of its
 // structs. Then up to 256 fields, each as NAME or as (NAME, "member name").
 #define VELD_RECORD(Type, serId, ...)                                                                        \
+  VELD_RECORD_BEGIN                                                                                          \
   [[maybe_unused]] inline consteval std::uint32_t VeldRecordSerId(const Type*) { return (serId); }           \
   [[maybe_unused]] inline const ::zel::SerObjDescriptor* VeldRecordDescriptor(const Type*) {                 \
-    static_assert(std::is_standard_layout_v<Type>, "VELD_RECORD is for plain structs: " #Type " isn't one"); \
+    static_assert(::veld_report::record_detail::isPlain<Type>,                                               \
+                  "VELD_RECORD is for plain structs: " #Type " isn't one");                                  \
     static constexpr ::zel::SerFieldDescriptor fields[] = {__VA_OPT__(                                       \
         VELD_RECORD_EXPAND(VELD_RECORD_EACH(Type, __VA_ARGS__)))::veld_report::record_detail::EndOfTable()}; \
     static constexpr ::zel::SerObjDescriptor descriptor = {                                                  \
         (serId), #Type, sizeof(Type), fields,                                                                \
         &::veld_report::fieldHelper<::veld_report::RecordHelper<Type>>};                                     \
     return &descriptor;                                                                                      \
-  }
+  }                                                                                                          \
+  VELD_RECORD_END
 
 // One row of the table.
 #define VELD_RECORD_ROW(Type, field, name) \

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -27,8 +26,19 @@
 #include "veld_report/queue_ledger.h"
 #include "veld_report/record.h"
 #include "veld_report/record_builder.h"
+#include "veld_report/version.h"
 
 namespace veld_report {
+
+// A std::vector as the library was built with. In libstdc++'s debug mode std::vector has another layout; the
+// two convert into each other.
+#if defined(_GLIBCXX_DEBUG)
+template <class T>
+using PlainVector = std::_GLIBCXX_STD_C::vector<T>;
+#else
+template <class T>
+using PlainVector = std::vector<T>;
+#endif
 
 // An error, as a code and as a sentence that says what, where and what to do.
 class ReporterError : public std::runtime_error {
@@ -47,12 +57,12 @@ struct Endpoint {
   std::string consumer{};  // gets the records for this consumer, and those for all
   // CA certificates as PEM texts, or pins of the server's key as "sha256//BASE64". With any given, only they
   // count for this url. With pins alone a self-signed certificate will do; with both, both must hold.
-  std::vector<std::string> certificates{};
+  PlainVector<std::string> certificates{};
 };
 
 // The settings that can be changed at run time.
 struct Settings {
-  std::vector<Endpoint> endpoints{};
+  PlainVector<Endpoint> endpoints{};
   std::uint32_t packetLimit = 100;        // maximum records in a request; 0: no limit
   std::uint32_t queueLimitKb = 10 << 10;  // of each endpoint's queue; a full one drops its oldest records
   std::chrono::seconds retryAfter{30};    // delay after a cycle that left records undelivered
@@ -77,7 +87,7 @@ using Log = std::function<void(std::uint32_t level, std::string_view text)>;
 
 struct ReporterOptions {
   std::string store{};  // the folder of the store, created if it doesn't exist; required
-  std::vector<Endpoint> endpoints{};
+  PlainVector<Endpoint> endpoints{};
   std::uint32_t packetLimit = 100;
   std::uint32_t queueLimitKb = 10 << 10;
   std::chrono::seconds retryAfter{30};
@@ -106,7 +116,7 @@ struct ReporterOptions {
   bool shared = false;           // several processes may use the store, all with this set
 
   std::optional<std::string> proxy{};  // none: from the environment; empty: no proxy
-  std::vector<std::string> headers{};  // of every request to every url, each "Name: value"
+  PlainVector<std::string> headers{};  // of every request to every url, each "Name: value"
   std::string userAgent{};             // empty: no header User-Agent
   std::string caFile{};                // trusted certificates in place of the system's
   std::string traceFile{};             // empty: stderr
@@ -130,7 +140,7 @@ struct Statistics {
   std::uint64_t submitted = 0;  // records that Send accepted, in this process
   std::uint64_t refused = 0;    // records that Send refused
   std::uint64_t inMemory = 0;   // upper bound: of `submitted`, those not in the store yet
-  std::vector<EndpointStatistics> endpoints{};
+  PlainVector<EndpointStatistics> endpoints{};
   // All queues of the store over its whole life, including those of former endpoints. A record for two
   // endpoints counts twice.
   QueueLedger total{};

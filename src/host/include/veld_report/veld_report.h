@@ -23,6 +23,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "veld_report/version.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -136,6 +138,9 @@ typedef struct veld_report_options {
   veld_report_loss_listener loss_listener; /* default: none */
   void* loss_context;
 } veld_report_options;
+
+/* Of the library, in the form of VELD_REPORT_VERSION. It isn't freed. */
+VELD_REPORT_API const char* veld_report_version(void);
 
 /* Opens a store and starts sending. *out receives a handle, for veld_report_free. 0 or a failure. */
 VELD_REPORT_API int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out,

@@ -1,0 +1,15 @@
+# The header with the version is written by hand. A difference to the project's version stops the configuration.
+include_guard(GLOBAL)
+
+file(STRINGS ${PROJECT_SOURCE_DIR}/src/host/include/veld_report/version.h lines REGEX "^#define VELD_REPORT_VERSION")
+foreach(part IN ITEMS _MAJOR _MINOR _PATCH)
+  list(APPEND expected "#define VELD_REPORT_VERSION${part} ${PROJECT_VERSION${part}}")
+endforeach()
+list(APPEND expected "#define VELD_REPORT_VERSION \"${PROJECT_VERSION}\"")
+foreach(line IN LISTS expected)
+  if(NOT line IN_LIST lines)
+    message(FATAL_ERROR "veld_report/version.h lacks the line: ${line}")
+  endif()
+endforeach()
+set_property(DIRECTORY APPEND PROPERTY
+  CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/host/include/veld_report/version.h)

@@ -1,0 +1,8 @@
+// Included first by the headers that need C++20, so that an older standard gives one sentence.
+#pragma once
+
+#if __cplusplus < 202002L
+#error "veld_report needs C++20: compile with -std=c++20 or later"
+// Ends the compilation. Everything after this would only repeat it in a hundred errors.
+#include <veld_report needs C++20>
+#endif

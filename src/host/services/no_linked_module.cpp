@@ -1,0 +1,7 @@
+#include "host/services/linked_module.h"
+
+namespace veld_report::host {
+
+const ModuleExports* LinkedModule() { return nullptr; }
+
+}  // namespace veld_report::host
