@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "server/printable.h"
+#include "host/base/printable.h"
 
 namespace veld_report::server {
 namespace {
@@ -29,8 +29,8 @@ std::size_t PaddingOf(std::string_view text) {
 }
 
 std::string BadCharacter(std::string_view text, std::size_t position) {
-  return "has " + Printable(text.substr(position, 1)) + " at character " + std::to_string(position + 1) +
-         ", which isn't in the standard alphabet";
+  return "has " + host::Printable(text.substr(position, 1)) + " at character " +
+         std::to_string(position + 1) + ", which isn't in the standard alphabet";
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "host/base/printable.h"
 #include "host/base/text.h"
-#include "server/printable.h"
 
 namespace veld_report::server {
 namespace {
@@ -44,7 +44,7 @@ class Scanner {
     throw JsonError("isn't valid JSON at byte " + std::to_string(position_) + ": " + what);
   }
   [[noreturn]] void FailHere(const std::string& expected) const {
-    const std::string found = AtEnd() ? "the end" : Printable(text_.substr(position_), 16);
+    const std::string found = AtEnd() ? "the end" : host::Printable(text_.substr(position_), 16);
     Fail("expected " + expected + ", found " + found);
   }
   bool AtEnd() const { return position_ == text_.size(); }
@@ -62,7 +62,7 @@ class Scanner {
     SkipBlanks();
     if (AtEnd()) throw JsonError("is empty");
     if (Peek() != opening)
-      throw JsonError(std::string(otherwise) + ": it begins with " + Printable(text_, 16));
+      throw JsonError(std::string(otherwise) + ": it begins with " + host::Printable(text_, 16));
   }
   void End() {
     SkipBlanks();
@@ -220,7 +220,7 @@ std::string ReadJsonString(std::string_view text) {
   std::string_view value;
   const simdjson::error_code code = parser.parse(text.data(), text.size()).get_string().get(value);
   if (code == simdjson::MEMALLOC) throw std::bad_alloc();
-  if (code == simdjson::INCORRECT_TYPE) throw JsonError("isn't a string but " + Printable(text, 16));
+  if (code == simdjson::INCORRECT_TYPE) throw JsonError("isn't a string but " + host::Printable(text, 16));
   if (code) throw JsonError(std::string("isn't a valid JSON string: ") + simdjson::error_message(code));
   return std::string(value);
 }

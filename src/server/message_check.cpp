@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <vector>
 
+#include "host/base/printable.h"
 #include "server/base64.h"
 #include "server/json_reader.h"
-#include "server/printable.h"
 
 namespace veld_report::server {
 namespace {
@@ -35,10 +35,10 @@ std::string_view TakeMember(const std::vector<JsonMember>& members, std::string_
   const JsonMember* found = nullptr;
   for (const JsonMember& member : members) {
     if (member.key != key) continue;
-    if (found) throw Refusal(owner + " has the member " + Printable(key) + " twice");
+    if (found) throw Refusal(owner + " has the member " + host::Printable(key) + " twice");
     found = &member;
   }
-  if (!found) throw Refusal(owner + " has no member " + Printable(key));
+  if (!found) throw Refusal(owner + " has no member " + host::Printable(key));
   return found->value;
 }
 
@@ -46,7 +46,7 @@ void RefuseOthers(const std::vector<JsonMember>& members, std::string_view first
                   const std::string& owner) {
   for (const JsonMember& member : members) {
     if (member.key == first || member.key == second) continue;
-    throw Refusal(owner + " has an unknown member: " + Printable(member.key));
+    throw Refusal(owner + " has an unknown member: " + host::Printable(member.key));
   }
 }
 
@@ -146,7 +146,7 @@ std::string ContentTypeProblem(std::string_view contentType) {
   std::string_view type = contentType.substr(0, contentType.find(';'));
   while (!type.empty() && (type.back() == ' ' || type.back() == '\t')) type.remove_suffix(1);
   if (type.size() == wanted.size() && strncasecmp(type.data(), wanted.data(), wanted.size()) == 0) return {};
-  return "the Content-Type is " + Printable(contentType) + " instead of application/json";
+  return "the Content-Type is " + host::Printable(contentType) + " instead of application/json";
 }
 
 }  // namespace veld_report::server

@@ -145,7 +145,7 @@ TEST_F(BackoffTest, TheStateIsForPeopleAndHasNoSecrets) {
   Request(timedOut, "http://b.test/");
   const auto states = backoff.States();
   EXPECT_EQ(states.at(0).url, "http://b.test/");
-  EXPECT_EQ(states[0].lastError, "no luck");
+  EXPECT_EQ(states[0].lastError, "no luck (0x80000221 Operation timeout)");
   EXPECT_FALSE(states[0].waitsUntil);
   EXPECT_EQ(states.at(1).url, "https://a.test/v1");
   EXPECT_EQ(states[1].waitsUntil, clock->WallNow() + seconds(90));

@@ -1,9 +1,12 @@
 // Sending, flushing, statistics, settings and listeners of the reporter, against real servers on loopback.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
 
 #include <atomic>
 #include <filesystem>
+#include <mutex>
+#include <tuple>
 
 #include "tests/common/waiting.h"
 #include "tests/host/reporter_test_tools.h"
@@ -120,6 +123,69 @@ TEST_F(Sending, SettingsAndListenerChangeAtRunTime) {
   EXPECT_THAT(Stored("second"), testing::ElementsAre("2"));
   reporter.Close(seconds(0));
   EXPECT_THAT(urls, testing::ElementsAre(first->Url(), second->Url()));
+}
+
+// The listener, the log and the statistics say the same.
+TEST_F(Sending, FailedRequestsSayWhatIsWrong) {
+  const auto file = [](const char* name) { return std::string(VELD_TLS_FILES "/") + name; };
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> tls(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+  ASSERT_EQ(SSL_CTX_use_certificate_file(tls.get(), file("server.pem").c_str(), SSL_FILETYPE_PEM), 1);
+  ASSERT_EQ(SSL_CTX_use_PrivateKey_file(tls.get(), file("server.pem").c_str(), SSL_FILETYPE_PEM), 1);
+  SSL_CTX_set_quiet_shutdown(tls.get(), 1);  // nobody listens any more
+  const tests::ScriptedServer secure(tests::ScriptedReply::Status(200), tls.get());
+  const tests::ScriptedServer refuses(
+      {"HTTP/1.1 400 No\r\nContent-Length: 204\r\n\r\nno\n" + std::string(201, 'x')});
+  const tests::ScriptedServer proxy({"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n"});
+  const std::string down = "http://127.0.0.1:" + std::to_string(tests::ClosedPort());
+  struct Case {
+    Endpoint endpoint;
+    std::string proxy;
+    std::uint16_t status;
+    std::string text;
+  };
+  const Case cases[] = {
+      {{down}, "", 0, "Couldn't connect to server (0x80000059 Media error)"},
+      {{refuses.Url()}, "", 400, "with status 400: \"no\\x0a" + std::string(197, 'x') + "\"..."},
+      {{secure.Url(), "", {tests::ReadFile(file("other.pin"))}},
+       "",
+       0,
+       "pinned public key (0x8000005a Invalid signature)"},
+      {{secure.Url(), "", {tests::ReadFile(file("other.pem"))}}, "", 0, "(0x8000005a Invalid signature)"},
+      {{"https://nowhere.test"}, "", 0, "Could not resolve host: nowhere.test (0x8000004c Not found)"},
+      {{"https://nowhere.test"},
+       proxy.Url(""),
+       0,
+       "CONNECT tunnel failed, response 403 (0x80000059 Media error)"},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.text);
+    std::mutex mutex;  // guards the two below
+    std::vector<FinishedRequest> heard;
+    std::string log;
+    ReporterOptions options = Options({each.endpoint}, "store" + std::to_string(&each - cases));
+    options.proxy = each.proxy;
+    options.retryAfter = seconds(0);
+    options.listener = [&](const FinishedRequest& request) {
+      const std::lock_guard lock(mutex);
+      heard.push_back(request);
+    };
+    options.traceLevel = 300;
+    options.log = [&](std::uint32_t, std::string_view line) {
+      const std::lock_guard lock(mutex);
+      log.append(line);
+    };
+    Reporter reporter(options);
+    reporter.SendJson(R"({"a":1})");
+    EXPECT_FALSE(reporter.Flush(milliseconds(1500)));
+    EXPECT_THAT(reporter.Stats().endpoints[0].lastError, testing::EndsWith(each.text));
+    reporter.Close(milliseconds(0));
+    ASSERT_FALSE(heard.empty());
+    EXPECT_LE(heard.size(), 20u) << "only requests that were sent";
+    EXPECT_THAT(heard[0].text, testing::EndsWith(each.text));
+    EXPECT_THAT(log, testing::HasSubstr("request to " + each.endpoint.url + " failed: " + heard[0].text));
+    EXPECT_EQ(std::tuple(heard[0].status, heard[0].endpoint, heard[0].records, heard[0].bytes),
+              std::tuple(each.status, each.endpoint.url, 1u, 7u));
+  }
 }
 
 TEST_F(Sending, OpeningMistakesAreSentences) {

@@ -4,7 +4,7 @@
 
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/key_option.h"
-#include "server/printable.h"
+#include "host/base/printable.h"
 
 namespace veld_report::app {
 namespace {
@@ -29,19 +29,19 @@ std::string Hexadecimal(std::string_view bytes) {
 void PrintPayload(const server::MessageContent& content) {
   Print("payload: " + std::to_string(content.payloadText.size()) + " bytes");
   // Items that couldn't be split are still worth reading.
-  if (content.itemCount == 0) Print("  text: " + server::WithoutControls(content.payloadText));
+  if (content.itemCount == 0) Print("  text: " + host::WithoutControls(content.payloadText));
   if (content.itemCount != 0) Print("  items: " + std::to_string(content.itemCount));
   std::string_view lines = content.itemLines;
   for (std::size_t i = 1; !lines.empty(); ++i) {
     const std::size_t end = lines.find('\n');
-    Print("  " + std::to_string(i) + ": " + server::WithoutControls(lines.substr(0, end)));
+    Print("  " + std::to_string(i) + ": " + host::WithoutControls(lines.substr(0, end)));
     lines.remove_prefix(end + 1);
   }
 }
 
 void PrintSignature(const server::MessageContent& content, bool withKey) {
   Print("signature block: " + std::to_string(content.signatureBlock.size()) + " bytes");
-  Print("  header: " + server::WithoutControls(content.signatureHeader));
+  Print("  header: " + host::WithoutControls(content.signatureHeader));
   Print("  signature: " + (content.signature.empty() ? "none" : Hexadecimal(content.signature)));
   if (content.signatureChecked) {
     Print("  check: valid for this key and this payload");

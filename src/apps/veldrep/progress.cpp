@@ -1,10 +1,13 @@
 #include "apps/veldrep/progress.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <string>
+
+#include "host/base/printable.h"
 
 namespace veld_report::app {
 namespace {
@@ -13,11 +16,18 @@ constexpr std::chrono::milliseconds showEvery{100};
 constexpr std::chrono::seconds markEvery{2};
 constexpr int barWidth = 20;
 
+// A longer line would wrap, and the bar could no longer be found.
+std::size_t Columns() {
+  winsize size{};
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+  return known ? size.ws_col - 1u : 79;
+}
+
 }  // namespace
 
 Progress::Progress() : terminal_(isatty(STDERR_FILENO) == 1), markTime_(Clock::now()) {}
 
-void Progress::Show(const SendFigures& figures) {
+void Progress::Show(const SendFigures& figures, const std::function<std::string()>& trouble) {
   const Clock::time_point now = Clock::now();
   if (!terminal_ || now - lastShown_ < showEvery) return;
   lastShown_ = now;
@@ -36,13 +46,15 @@ void Progress::Show(const SendFigures& figures) {
   std::fprintf(stderr, "\r[%s] submitted %llu, waiting %lld, delivered %lld, %.0f/s\x1b[K", bar.c_str(),
                static_cast<unsigned long long>(figures.submitted), static_cast<long long>(figures.waiting),
                static_cast<long long>(figures.delivered), rate_);
+  const std::string wrong = figures.waiting > 0 ? host::WithoutControls(trouble()) : "";
+  if (!wrong.empty()) std::fprintf(stderr, "\n%s\x1b[K\x1b[1A", wrong.substr(0, Columns()).c_str());
   std::fflush(stderr);
   shown_ = true;
 }
 
 void Progress::Clear() {
   if (!shown_) return;
-  std::fputs("\r\x1b[K", stderr);
+  std::fputs("\r\x1b[J", stderr);
   std::fflush(stderr);
   shown_ = false;
 }

@@ -1,8 +1,11 @@
-// The progress bar of send: one line on stderr that is overwritten, shown only if stderr is a terminal.
+// The progress bar of send: a line on stderr that is overwritten, and one below it for what is wrong, shown
+// only if stderr is a terminal.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <string>
 
 namespace veld_report::app {
 
@@ -22,8 +25,9 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // Shows the figures if the last time was long enough ago.
-  void Show(const SendFigures& figures);
+  // Shows the figures if the last time was long enough ago, and below them, if records wait, what `trouble`
+  // returns.
+  void Show(const SendFigures& figures, const std::function<std::string()>& trouble);
   // Erases the bar, to make way for other text on the terminal.
   void Clear();
 

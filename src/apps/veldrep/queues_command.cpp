@@ -8,11 +8,11 @@
 
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/text.h"
+#include "host/base/printable.h"
 #include "host/kit/url_states.h"
 #include "host/queue/queue_service.h"
 #include "host/queue/store_folder.h"
 #include "host/services/queue_name.h"
-#include "server/printable.h"
 #include "veld_report/loss.h"
 
 namespace veld_report::app {
@@ -149,10 +149,10 @@ int List(const QueuesOptions& options) {
   QueueLedger sum;
   for (const auto& [queue, state, ledger] : listed) {
     const std::string url = state.queueName.empty() ? "-" : state.http.url + "  " + WhyItWaits(state);
-    std::printf("%-32s %10lld %14lld %10s %10lld  %s\n", server::WithoutControls(queue.name).c_str(),
+    std::printf("%-32s %10lld %14lld %10s %10lld  %s\n", host::WithoutControls(queue.name).c_str(),
                 static_cast<long long>(queue.items), static_cast<long long>(queue.bytes),
                 queue.oldestAgeMs ? Duration(*queue.oldestAgeMs).c_str() : "-",
-                static_cast<long long>(TotalLoss(ledger).items), server::WithoutControls(url).c_str());
+                static_cast<long long>(TotalLoss(ledger).items), host::WithoutControls(url).c_str());
     sum += ledger;
   }
   std::string lost;
@@ -173,7 +173,7 @@ int Peek(const QueuesOptions& options) {
       std::printf("{\"age_ms\":%lld,\"bytes\":%zu,\"item\":%s}\n", static_cast<long long>(each.ageMs),
                   each.bytes.size(), JsonString(each.bytes).c_str());
     } else {
-      std::printf("%s\n", server::WithoutControls(each.bytes).c_str());
+      std::printf("%s\n", host::WithoutControls(each.bytes).c_str());
     }
   }
   return exitOk;

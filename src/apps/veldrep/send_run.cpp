@@ -188,7 +188,7 @@ void SendRun::Look() {
   sum_ = sum;
   figures_.delivered = sum.delivered.items - Sum(before_).delivered.items;
   figures_.waiting = sum.waiting.items + room_.ItemsInMemory();
-  progress_.Show(figures_);
+  progress_.Show(figures_, [this] { return session_.RequestFailures().last; });
   const auto triggerAfter = maxCycleWait + std::chrono::seconds(options_.sendTimeoutSeconds);
   if (figures_.waiting > 0 && now - std::max(lastChange_, lastTrigger_) > triggerAfter) {
     // The chain of cycles may have ended with items waiting. If it hasn't, this changes nothing.
@@ -210,8 +210,10 @@ int SendRun::Conclude() {
              " items never reached their queue; run with --trace to see why");
   }
   const SendSession::Failures failures = session_.RequestFailures();
-  if (figures_.waiting > 0 && failures.requests > 0) {
-    Complain(std::to_string(failures.requests) + " requests failed; the last one: " + failures.last);
+  if (figures_.waiting > 0 && !failures.last.empty()) {
+    Complain((failures.answered == 0 ? "no server answered"
+                                     : std::to_string(failures.answered) + " requests were refused") +
+             "; the last failure: " + failures.last);
   }
   const std::chrono::duration<double> seconds = Clock::now() - started_;
   std::printf("submitted %llu, delivered %lld, refused lines %llu, still waiting %lld, %.1f seconds\n",

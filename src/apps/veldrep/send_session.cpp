@@ -1,7 +1,6 @@
 #include "apps/veldrep/send_session.h"
 
-#include "host/base/code_text.h"
-#include "host/base/redact.h"
+#include "veld_report/code_text.h"
 
 namespace veld_report::app {
 namespace {
@@ -39,7 +38,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
 
 std::string SendSession::Submit(std::string_view json) {
   const host::Submission submission = kit_->SubmitJson(to_, json);
-  if (!submission.Accepted()) return "the sender rejected it: " + host::CodeText(submission.code);
+  if (!submission.Accepted()) return "the sender rejected it: " + CodeText(submission.code);
   memory_.Add(json.size() + overheadBytes);
   return {};
 }
@@ -53,10 +52,15 @@ void SendSession::RunSoon() { kit_->BeginDrain(); }
 
 void SendSession::OnRequestFinished(const FinishedRequest& request) {
   // A request that was cancelled by the end of the session isn't a failure of its server.
-  if (request.result == zel::sOk || request.result == zel::eOperationCancelled) return;
+  if (request.result == zel::eOperationCancelled) return;
   const std::lock_guard lock(mutex_);
-  ++failures_.requests;
-  failures_.last = host::WithoutCredentials(request.url) + ": " + host::CodeText(request.result);
+  if (request.result == zel::sOk) {
+    if (failingUrl_ == request.url) failures_.last.clear();
+    return;
+  }
+  if (request.status != 0) ++failures_.answered;
+  failures_.last = request.endpoint + ": " + request.text;
+  failingUrl_ = request.url;
 }
 
 SendSession::Failures SendSession::RequestFailures() const {

@@ -36,8 +36,8 @@ class SendSession {
   void Close() { kit_->Close(); }
 
   struct Failures {
-    std::uint64_t requests = 0;
-    std::string last;  // "URL: reason"
+    std::uint64_t answered = 0;  // requests that a server answered with another status than 200
+    std::string last;            // "URL: reason"; empty if the last request of each url was good
   };
   Failures RequestFailures() const;
 
@@ -46,8 +46,9 @@ class SendSession {
   void OnRequestFinished(const FinishedRequest& request);
 
   const std::string to_;
-  mutable std::mutex mutex_;  // guards failures_, written by the HTTP client's thread
+  mutable std::mutex mutex_;  // guards the two members below, written by the HTTP client's thread
   Failures failures_;
+  std::string failingUrl_;  // of failures_.last
   // Declared after what its callbacks use, so that it is destroyed first.
   std::unique_ptr<host::HostKit> kit_;
   host::MemoryMeter memory_;

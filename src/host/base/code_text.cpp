@@ -1,11 +1,11 @@
-#include "host/base/code_text.h"
+#include "veld_report/code_text.h"
 
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <string_view>
 
-namespace veld_report::host {
+namespace veld_report {
 namespace {
 
 struct Row {
@@ -25,6 +25,8 @@ constexpr Row rows[] = {
     {zel::eUnspecifiedError, "Unspecified error"},
     {zel::eNotFound, "Not found"},
     {zel::eOperationCancelled, "Operation cancelled"},
+    {zel::MakeResultCode(0x80000059), "Media error"},
+    {zel::MakeResultCode(0x8000005a), "Invalid signature"},
     {zel::eOutOfSpace, "Out of space"},
     {zel::eNotReady, "Not ready"},
     {zel::eInvalidState, "Invalid state"},
@@ -46,4 +48,4 @@ std::string CodeText(zel::ResultCode code) {
   return text;
 }
 
-}  // namespace veld_report::host
+}  // namespace veld_report

@@ -8,6 +8,7 @@
 
 #include "host/base/redact.h"
 #include "host/http/retry_after.h"
+#include "veld_report/code_text.h"
 
 namespace veld_report::host {
 namespace {
@@ -18,13 +19,16 @@ bool IsFailure(const HttpOutcome& outcome) { return zel::Failed(outcome.code) ||
 
 bool MayAskToWait(std::uint16_t status) { return status == 429 || status == 503; }
 
-std::string ErrorText(const HttpOutcome& outcome) {
-  if (!IsFailure(outcome)) return {};
-  if (zel::Failed(outcome.code)) return outcome.error;
-  return "the server answered with status " + std::to_string(outcome.status);
-}
-
 }  // namespace
+
+std::string FailureText(const HttpOutcome& outcome) {
+  if (!IsFailure(outcome)) return {};
+  if (!zel::Failed(outcome.code)) {
+    const std::string text = "the server answered with status " + std::to_string(outcome.status);
+    return outcome.answer.empty() ? text : text + ": " + outcome.answer;
+  }
+  return outcome.error.empty() ? CodeText(outcome.code) : outcome.error + " (" + CodeText(outcome.code) + ")";
+}
 
 bool RefusesContent(std::uint16_t status) {
   constexpr std::array<std::uint16_t, 12> others{401, 402, 403, 404, 405, 407, 408, 410, 421, 425, 429, 431};
@@ -56,7 +60,7 @@ void Backoff::End(const std::string& url, Clock::TimePoint startedAt, const Http
 }
 
 void Backoff::Note(Row& row, Clock::TimePoint startedAt, const HttpOutcome& outcome) {
-  row.lastError = ErrorText(outcome);
+  row.lastError = FailureText(outcome);
   if (!zel::Failed(outcome.code)) row.lastStatus = outcome.status;
   row.refusal =
       !zel::Failed(outcome.code) && RefusesContent(outcome.status) ? outcome.status : std::uint16_t{0};

@@ -50,6 +50,7 @@ class HttpClient final : public HostObject<IHttpClient, IHttpClientCertificates>
         return zel::eInvalidArgument;
       }
       HttpRequest::Content content{url, ToUtf8(url.View()), {}, zel::Ref<zel::IIO>(body), {}};
+      if (shared_->options.takeRecords) content.records = shared_->options.takeRecords();
       content.callback = zel::Ref<network_services::IAsyncHttpRequestCallback>(callback);
       for (const network_services::HttpHeader& header : options.headers) {
         // For libcurl "Name:" omits a header, and "Name;" is an empty one.

@@ -17,6 +17,7 @@
 #include "contract/tracer.h"
 #include "host/base/clock.h"
 #include "types/ref.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
 
@@ -64,6 +65,8 @@ struct HttpClientOptions {
   // sender's walk through its queues, and the remaining urls of the walk wait for the next cycle. To avoid
   // that, ask HeldBackFor before a queue is read.
   std::function<void()> onBackoff{};
+  // Called by MakeRequestAsync on its caller's thread; returns what is in the request. May be empty.
+  std::function<ItemCount()> takeRecords{};
   std::shared_ptr<Clock> clock{};    // for backoff; null: the system's
   std::function<double()> random{};  // uniform in [0, 1), called by one thread at a time; null: the system's
   zel::Ref<zel::ITracer> tracer{};   // may be null; gets a line per failed request, without secrets
@@ -78,6 +81,17 @@ struct HttpClientState {
   std::uint16_t lastStatus = 0;  // of the last answer; 0: none yet
   std::uint32_t failures = 0;    // in a row
 };
+
+// What the client knows of a request that is just ending.
+struct EndingRequest {
+  bool started = false;      // it got as far as the network; false: it was held back or is invalid
+  std::uint16_t status = 0;  // of the answer; 0: none
+  std::string failure{};     // a sentence without credentials; empty after an answer of 200
+  ItemCount records{};       // as HttpClientOptions::takeRecords returned them
+};
+
+// Inside a completion, on its thread; null anywhere else.
+const EndingRequest* CurrentEndingRequest() noexcept;
 
 // The certificates of a url, as in SenderSettings. The elements of UrlEntry::certificates are zel::string.
 // Each is either one or more CA certificates as PEM text, or a pin: the SHA-256 of a server's public key

@@ -168,6 +168,7 @@ void HttpEngine::StartTransfer(const zel::Ref<HttpRequest>& request, Clock::Time
   CURL* const handle = transfer->Handle();
   const auto place = transfers_.emplace(handle, std::move(transfer)).first;
   const CURLMcode added = curl_multi_add_handle(multi_, handle);
+  request->SetStarted(added == CURLM_OK);
   if (added == CURLM_OK) return;
   transfers_.erase(place);
   throw HttpTransferRefused{zel::eUnspecifiedError, curl_multi_strerror(added)};
@@ -250,9 +251,10 @@ void HttpEngine::Note(const HttpRequest& request, Clock::TimePoint startedAt,
   try {
     const std::string& url = request.GetContent().urlText;
     shared_->backoff.End(url, startedAt, outcome);
-    if (!zel::Failed(outcome.code) || outcome.code == zel::eOperationCancelled) return;
+    const std::string why = FailureText(outcome);
+    if (why.empty() || outcome.code == zel::eOperationCancelled) return;
     WriteTrace(shared_->options.tracer.Get(), failureLevel,
-               "veld_host\tHttp: request to " + WithoutCredentials(url) + " failed: " + outcome.error);
+               "veld_host\tHttp: request to " + WithoutCredentials(url) + " failed: " + why);
   } catch (...) {
     // If memory runs out, the url's row stays as it is, and the line is lost.
   }

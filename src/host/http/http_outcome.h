@@ -17,9 +17,13 @@ struct HttpOutcome {
   zel::ResultCode code = zel::sOk;  // 0: there was an answer
   std::uint16_t status = 0;         // of the answer
   std::string error{};              // for people; empty if there was an answer
+  std::string answer{};             // the printable beginning of an answer other than 200
   // It failed before it used the network, so it says nothing about the server.
   bool local = false;
   std::optional<std::string> retryAfter{};  // the header's value
 };
+
+// A sentence without credentials that says how the request failed; empty after an answer of 200.
+std::string FailureText(const HttpOutcome& outcome);
 
 }  // namespace veld_report::host

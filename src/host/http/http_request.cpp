@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "host/http/http_client.h"
 #include "host/http/http_engine.h"
 
 namespace veld_report::host {
@@ -15,6 +16,16 @@ struct HttpResponse {
   std::uint16_t status = 0;
 };
 static_assert(offsetof(HttpResponse, status) == 80);
+
+thread_local constinit const EndingRequest* ending = nullptr;
+
+class EndingScope {
+ public:
+  explicit EndingScope(const EndingRequest& request) { ending = &request; }
+  EndingScope(const EndingScope&) = delete;
+  EndingScope& operator=(const EndingScope&) = delete;
+  ~EndingScope() { ending = nullptr; }
+};
 
 }  // namespace
 
@@ -46,9 +57,13 @@ bool HttpRequest::End(const HttpOutcome& outcome) noexcept {
   return completed;
 }
 
+const EndingRequest* CurrentEndingRequest() noexcept { return ending; }
+
 bool HttpRequest::Complete(const HttpOutcome& outcome) noexcept {
   bool completed = false;
   try {
+    const EndingRequest self{started_, outcome.status, FailureText(outcome), content_.records};
+    const EndingScope scope(self);
     if (zel::Failed(outcome.code)) {
       content_.callback->OnRequestFailed(content_.url, outcome.code);
     } else {

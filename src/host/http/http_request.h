@@ -13,6 +13,7 @@
 #include "contract/http.h"
 #include "host/base/host_object.h"
 #include "host/http/http_outcome.h"
+#include "veld_report/queue_ledger.h"
 
 namespace veld_report::host {
 
@@ -27,6 +28,7 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
     std::vector<std::string> headers;  // "Name: value"
     zel::Ref<zel::IIO> body;
     zel::Ref<network_services::IAsyncHttpRequestCallback> callback;
+    ItemCount records{};
   };
   HttpRequest(Content content, std::shared_ptr<HttpEngine> engine);
 
@@ -42,6 +44,8 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
     if (!admission) cancelled_.store(true, std::memory_order_release);
   }
   std::uint64_t Admission() const { return admission_; }
+  // Whether it got as far as the network.
+  void SetStarted(bool started) { started_ = started; }
   bool IsCancelled() const { return cancelled_.load(std::memory_order_acquire); }
   // Calls the completion, releases body and callback, and then wakes the waiters. Called once. Returns false
   // if the completion threw.
@@ -54,6 +58,7 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
   const std::shared_ptr<HttpEngine> engine_;
   std::atomic<bool> cancelled_ = false;
   std::uint64_t admission_ = 0;
+  bool started_ = false;
 
   std::mutex mutex_;  // guards the two members below
   std::condition_variable changed_;

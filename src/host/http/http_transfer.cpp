@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/base/printable.h"
 #include "host/base/redact.h"
 #include "host/http/curl_codes.h"
 #include "host/http/own_headers.h"
@@ -31,6 +32,10 @@ std::string SchemeOf(const std::string& text) {
   const std::unique_ptr<char, decltype(&curl_free)> owner(scheme, &curl_free);
   return scheme;
 }
+
+// Of an answer, for the sentence that says what the server didn't like.
+constexpr std::size_t keptAnswerBytes = 256;
+constexpr std::size_t shownAnswerBytes = 200;
 
 const char* OrNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
 
@@ -222,8 +227,14 @@ std::size_t HttpTransfer::TakeHeader(char* line, std::size_t size, std::size_t c
   return size * count;
 }
 
-std::size_t HttpTransfer::TakeAnswer(char*, std::size_t size, std::size_t count, void* self) noexcept {
+std::size_t HttpTransfer::TakeAnswer(char* data, std::size_t size, std::size_t count, void* self) noexcept {
   auto& transfer = *static_cast<HttpTransfer*>(self);
+  std::string& begin = transfer.answerBegin_;
+  try {
+    begin.append(data, std::min(size * count, keptAnswerBytes - begin.size()));
+  } catch (...) {
+    // The status says enough.
+  }
   transfer.answerBytes_ += size * count;
   return transfer.answerBytes_ > transfer.shared_.options.answerLimitBytes ? 0 : size * count;
 }
@@ -251,6 +262,10 @@ HttpOutcome HttpTransfer::Outcome(CURLcode result) const {
   long status = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &status);
   outcome.status = static_cast<std::uint16_t>(status);
+  if (status != 200 && !answerBegin_.empty()) {
+    const std::size_t end = answerBegin_.find_last_not_of(" \r\n") + 1;
+    outcome.answer = Printable(WithoutCredentials(answerBegin_.substr(0, end)), shownAnswerBytes);
+  }
   curl_header* retryAfter = nullptr;
   if (curl_easy_header(easy_.get(), "Retry-After", 0, CURLH_HEADER, -1, &retryAfter) == CURLHE_OK) {
     outcome.retryAfter = retryAfter->value;

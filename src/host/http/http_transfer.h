@@ -73,6 +73,7 @@ class HttpTransfer {
   std::string scheme_;
   bool headersComplete_ = false;
   std::uint64_t answerBytes_ = 0;
+  std::string answerBegin_;
   std::uint64_t bodySize_ = 0;
   std::uint64_t bodyPosition_ = 0;
   zel::ResultCode bodyFailure_ = zel::sOk;

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/base/redact.h"
 #include "host/json/json_record.h"
 #include "host/json/json_storage.h"
 #include "host/json/serializer.h"
@@ -32,13 +33,22 @@ zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<Li
   return queues;
 }
 
-// Called for completed requests: updates the state file, then calls the application's function.
+// Called for completed requests: updates the state file, then calls the application's function, unless the
+// request was never sent.
 FunctionNotification::Function WatchRequests(const zel::Ref<HttpClientFactory>& http,
                                              std::shared_ptr<UrlStateFile> states,
                                              FunctionNotification::Function own) {
   return [http, states = std::move(states), own = std::move(own)](const FinishedRequest& request) {
     states->Update(request.url, *http);
-    if (own) own(request);
+    const EndingRequest* const ending = CurrentEndingRequest();
+    if (!own || !ending || !ending->started) return;
+    FinishedRequest whole = request;
+    whole.endpoint = WithoutCredentials(request.url);
+    whole.status = ending->status;
+    whole.text = ending->failure;
+    whole.records = static_cast<std::uint64_t>(ending->records.items);
+    whole.bytes = static_cast<std::uint64_t>(ending->records.bytes);
+    own(whole);
   };
 }
 
@@ -47,6 +57,7 @@ zel::Ref<HttpClientFactory> MakeHttp(const HostKitOptions& given, const zel::Ref
   HttpClientOptions options = given.http;
   options.tracer = tracer;
   options.clock = given.clock;
+  options.takeRecords = TakePacketTally;
   options.onBackoff = [gate = std::move(gate), own = std::move(options.onBackoff)] {
     gate->OnBackoff();
     if (own) own();

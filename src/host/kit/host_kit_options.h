@@ -42,7 +42,7 @@ struct HostKitOptions {
   std::string modulePath{};  // of the module's library; empty: see LoadModule (host/kit/module_path.h)
   KitSettings settings{};
   QueueServiceOptions queues{};  // `folder` is required; `tracer` and `pacer` are set by the kit
-  HttpClientOptions http{};      // `tracer` and `clock` are set by the kit
+  HttpClientOptions http{};      // `tracer`, `clock` and `takeRecords` are set by the kit
   LineTracerOptions trace{.level = 0};
   std::string signingKeyFile{};  // an Ed25519 private key in PEM form; empty: messages are unsigned
   FunctionNotification::Function onRequestFinished{};  // may be empty

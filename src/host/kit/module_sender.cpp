@@ -3,10 +3,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "host/base/code_text.h"
 #include "host/base/text.h"
 #include "host/json/json_record.h"
 #include "host/kit/settings_builder.h"
+#include "veld_report/code_text.h"
 
 namespace veld_report::host {
 namespace {

@@ -1,7 +1,9 @@
 // The reading side of a store; see queue_store.h.
 #include <algorithm>
+#include <utility>
 
 #include "host/base/write_trace.h"
+#include "host/queue/queue_service.h"
 #include "host/queue/queue_store.h"
 #include "host/queue/store_opening.h"
 
@@ -15,7 +17,11 @@ constexpr std::size_t maxReadAhead = 1 << 16;
 // Most visits are shorter and don't ask.
 constexpr std::size_t boundedAfter = 1024;
 
+thread_local constinit ItemCount packetTally;
+
 }  // namespace
+
+ItemCount TakePacketTally() noexcept { return std::exchange(packetTally, ItemCount{}); }
 
 void QueueStore::OpenReader(const std::string& name, ReaderState* reader) {
   const EvictionTracker::Refusal lastCall = EvictionTracker::BeginCall();
@@ -26,6 +32,7 @@ void QueueStore::OpenReader(const std::string& name, ReaderState* reader) {
   if (!evictions_.OpenReader(*reader, queue, lastCall)) {
     ++sendingReaders_;
     NoteUnrepeated(lastCall);
+    packetTally = {};
   }
   reader->queue = &queue;
   queue.readers.push_back(reader);
@@ -43,7 +50,10 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
   Refresh();
   if (!evicting && (!HoldsLease() || reader.exhausted)) return zel::eNotFound;
   try {
-    if (ClaimNext(reader, data, token)) return zel::sOk;
+    if (ClaimNext(reader, data, token)) {
+      if (!evicting) packetTally += {1, static_cast<std::int64_t>(data->size())};
+      return zel::sOk;
+    }
     if (evicting && writer_.BufferedItems() != 0) {
       Flush();
       if (ClaimNext(reader, data, token)) return zel::sOk;

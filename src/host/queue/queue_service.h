@@ -26,6 +26,11 @@ namespace veld_report::host {
 using veld_report::ItemCount;
 using veld_report::QueueLedger;
 
+// What the calling thread's readers have handed out since its last call of this function or the opening of a
+// reader, apart from readers that make room. So a thread that reads a packet and then sends it learns what is
+// in the packet.
+ItemCount TakePacketTally() noexcept;
+
 // The domain that the module uses.
 inline constexpr char defaultDomain[] = "veld_rep";
 

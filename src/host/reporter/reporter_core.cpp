@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/base/code_text.h"
 #include "host/base/redact.h"
 #include "host/base/service_thread.h"
 #include "host/json/json_check.h"
 #include "host/reporter/kit_options.h"
 #include "host/services/queue_name.h"
+#include "veld_report/code_text.h"
 
 namespace veld_report {
 namespace {
@@ -59,7 +59,7 @@ std::string WhyRefused(const host::Submission& submission, bool isJson, std::str
   }
   std::string text = "the record can't be written as JSON";
   if (!submission.where.empty()) text += ", at " + submission.where;
-  return text + ": " + host::CodeText(submission.code);
+  return text + ": " + CodeText(submission.code);
 }
 
 // How much longer than its deadline a close may take: 5 seconds, with a margin for a busy machine.

@@ -10,7 +10,7 @@ FunctionNotification::FunctionNotification(Function function) : function_(std::m
 
 zel::ResultCode FunctionNotification::OnRequestFinished(const orvel::RequestNotification* notification) {
   return Guarded([&] {
-    if (function_) function_({ToStd(notification->url), notification->resultCode});
+    if (function_) function_({.url = ToStd(notification->url), .result = notification->resultCode});
     return zel::sOk;
   });
 }

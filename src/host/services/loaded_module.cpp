@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/base/code_text.h"
+#include "veld_report/code_text.h"
 
 namespace veld_report::host {
 namespace {

@@ -75,8 +75,8 @@ struct Settings {
   bool allowHttp = false;
 };
 
-// Called for each completed request, on a thread of the HTTP client. It should return soon and must not close
-// or destroy the reporter. Its exceptions are dropped.
+// Called for each completed request, but not for one that was held back and never sent, on a thread of the
+// HTTP client. It should return soon and must not close or destroy the reporter. Its exceptions are dropped.
 using Listener = std::function<void(const FinishedRequest&)>;
 
 // Called for each trace line with its level (300 failures, 700 everything else) and its text in UTF-8,

@@ -1,15 +1,15 @@
-#include "server/printable.h"
+#include "host/base/printable.h"
 
 #include "host/base/text.h"
 
-namespace veld_report::server {
+namespace veld_report::host {
 namespace {
 
 // Appends the first character of `text`, escaped if need be, and returns how many bytes it took.
 std::size_t AppendFirst(std::string_view text, std::string* result) {
   constexpr char digits[] = "0123456789abcdef";
   const auto byte = static_cast<unsigned char>(text[0]);
-  const std::size_t length = host::ValidUtf8Prefix(text);
+  const std::size_t length = ValidUtf8Prefix(text);
   // U+0080 to U+009f are control characters as well, and terminals may act on them.
   const bool control = byte < 0x20 || byte == 0x7f ||
                        (length == 2 && byte == 0xc2 && static_cast<unsigned char>(text[1]) < 0xa0);
@@ -43,4 +43,4 @@ std::string Printable(std::string_view text, std::size_t limit) {
   return result;
 }
 
-}  // namespace veld_report::server
+}  // namespace veld_report::host
