@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
       {"evict", MeasureEviction},      {"start", MeasureStart},
       {"queues", MeasureQueues},       {"fill", FillOnly},
       {"idle", MeasureIdle},           {"down", MeasureDown},
-      {"trickle", MeasureTrickle},
+      {"trickle", MeasureTrickle},     {"tail", MeasureTail},
   };
   try {
     const RunOptions options = ParseOptions(argc, argv);
