@@ -43,6 +43,18 @@ veld_install_pkg_config(veld_report "Records to report servers over HTTP, at lea
 veld_install_pkg_config(veld_report_static "veld_report with its module in the program"
   "-lveld_report_host_static -pthread -ldl" ${hostPackages})
 veld_install_pkg_config(veld_report_c "veld_report for C" "-lveld_report_c -Wl,-rpath,\${libdir}")
+# In the system's own folders the loader looks by itself.
+string(CONFIGURE [[
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  foreach(name IN ITEMS veld_report veld_report_c)
+    set(file "$ENV{DESTDIR}/usr/@CMAKE_INSTALL_LIBDIR@/pkgconfig/${name}.pc")
+    file(READ ${file} text)
+    string(REPLACE " -Wl,-rpath,\${libdir}" "" text "${text}")
+    file(WRITE ${file} "${text}")
+  endforeach()
+endif()
+]] withoutRpath @ONLY)
+install(CODE "${withoutRpath}" COMPONENT dev)
 
 # Man pages, completions and documents.
 install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime

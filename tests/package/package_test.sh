@@ -114,7 +114,7 @@ check_moved() {
   delivers "$ten_lines" "$work/veld_report_static" "$work/store" "$url/ten"
   mkdir -p "$work/moved/bin" "$work/moved/lib"
   cp "$work/gcc/ten_lines/ten_lines" "$work/moved/bin"
-  ! (cd / && env -i "$work/moved/bin/ten_lines" "$work/nothing" "$url/ten" 2>"$work/output") || fail "it runs without the module"
+  ! (cd / && env -i "$work/moved/bin/ten_lines" "$work/nothing" "$url/ten") >"$work/output" 2>&1 || fail "it runs without the module"
   grep -q "$work/moved/lib.*loader" "$work/output" || fail "it doesn't say where it looked: $(cat "$work/output")"
   [[ ! -e $work/nothing ]] || fail "a failed start leaves $(ls "$work/nothing")"
   cp "$work/away/lib/libveld_report.so" "$work/moved/lib"
@@ -160,6 +160,7 @@ install_packages() {
   as_root -i "$work"/packages/*.deb >"$work/dpkg.log" 2>&1 || fail "dpkg -i: $(cat "$work/dpkg.log")"
   same "files in the packages" "$(cd "$root/usr" && find . ! -type d | sort)" "$(cd "$prefix" && find . ! -type d | sort)"
   prefix=$root/usr
+  ! grep -r rpath "$prefix/lib/pkgconfig" || fail "a package of the system sets a RUNPATH"
   echo '{"a":1}' >"$work/record"
   delivers '{"a":1}' "$prefix/bin/veldrep" send --store "$work/store" --url "$url/deb" "$work/record"
 }
