@@ -36,7 +36,16 @@ class CSettings(ctypes.Structure):
 
 
 class CRequest(ctypes.Structure):
-    _fields_ = [("struct_size", c_size_t), ("url", c_char_p), ("result", c_int32)]
+    _fields_ = [
+        ("struct_size", c_size_t),
+        ("url", c_char_p),
+        ("result", c_int32),
+        ("status", c_uint32),
+        ("endpoint", c_char_p),
+        ("text", c_char_p),
+        ("records", c_uint64),
+        ("bytes", c_uint64),
+    ]
 
 
 CListener = ctypes.CFUNCTYPE(None, c_void_p, POINTER(CRequest))
@@ -135,6 +144,7 @@ class CEndpointStatistics(ctypes.Structure):
 CEndpointVisitor = ctypes.CFUNCTYPE(None, c_void_p, POINTER(CEndpointStatistics))
 
 _FUNCTIONS = {
+    "code_text": (None, c_int32, c_char_p, c_size_t),
     "open": (c_int32, POINTER(COptions), POINTER(c_void_p), c_char_p, c_size_t),
     "send_json": (c_int32, c_void_p, c_char_p, c_char_p, c_size_t, c_char_p, c_size_t),
     "flush": (c_int32, c_void_p, c_uint32),

@@ -13,7 +13,7 @@ import queue
 import threading
 import weakref
 from types import TracebackType
-from typing import Any, Callable, Iterable, List, Mapping, Optional, Sequence, Tuple, Type, Union
+from typing import Any, Callable, Dict, Iterable, List, Mapping, Optional, Sequence, Tuple, Type, Union
 
 from . import _library
 from ._types import (
@@ -31,7 +31,7 @@ _callback = threading.local()  # `running` is true on a thread of the library th
 _open: "weakref.WeakSet[Reporter]" = weakref.WeakSet()
 
 # For the functions that return a code alone.
-_SENTENCES = {
+_SENTENCES: Dict[int, str] = {
     Code.INVALID_STATE: "the reporter was opened before this process was forked; open another one on another store",
     Code.NOT_INITIALIZED: "the reporter is closed; open another one",
 }
@@ -39,8 +39,10 @@ _SENTENCES = {
 
 def _check(code: int, sentence: str = "") -> None:
     if code < 0:
+        text = ctypes.create_string_buffer(64)
+        _api.code_text(code, text, len(text))
         bits = code & 0xFFFFFFFF
-        raise ReporterError(bits, sentence or _SENTENCES.get(bits, "the operation failed"))  # type: ignore[call-overload]
+        raise ReporterError(bits, sentence or _SENTENCES.get(bits, "the operation failed"), text.value.decode())
 
 
 def _call(function: Any, *arguments: Any) -> None:
@@ -49,7 +51,7 @@ def _call(function: Any, *arguments: Any) -> None:
 
 
 def _invalid(sentence: str) -> ReporterError:
-    return ReporterError(Code.INVALID_ARGUMENT, sentence)
+    return ReporterError(Code.INVALID_ARGUMENT, sentence, "0x80000046 Invalid argument")
 
 
 def _text(name: str, value: Union[str, bytes, None]) -> Optional[bytes]:
@@ -132,7 +134,9 @@ def _json(record: object) -> bytes:
 
 
 def _finished(request: Any) -> FinishedRequest:
-    return FinishedRequest(request.url.decode(), request.result & 0xFFFFFFFF)
+    return FinishedRequest(request.url.decode(), request.result & 0xFFFFFFFF, request.status,
+                           request.endpoint.decode(), request.text.decode("utf-8", "replace"), request.records,
+                           request.bytes)
 
 
 def _loss(loss: Any) -> Loss:

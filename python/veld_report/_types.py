@@ -22,13 +22,14 @@ class Code(enum.IntEnum):
 class ReporterError(Exception):
     """A failure: its code, often one of Code, and a sentence that says what, where and what to do."""
 
-    def __init__(self, code: int, sentence: str) -> None:
-        super().__init__(code, sentence)
+    def __init__(self, code: int, sentence: str, code_text: str) -> None:
+        super().__init__(code, sentence, code_text)
         self.code = code
         self.sentence = sentence
+        self.code_text = code_text  # "0x80000062 Out of space"
 
     def __str__(self) -> str:
-        return f"{self.sentence} (0x{self.code:08x})"
+        return f"{self.sentence} ({self.code_text})"
 
 
 @dataclass(frozen=True)
@@ -63,6 +64,11 @@ class FinishedRequest:
     # 0: answered with 200, and its records are gone from the queue. Code.INVALID_RESULT: another status. Any other
     # code: no answer. In the last two cases the records stay in their queue.
     result: int
+    status: int  # of the answer; 0: there was none
+    endpoint: str  # the url without user and password
+    text: str  # how it failed, a sentence; "" for an answer of 200
+    records: int  # in the request
+    bytes: int  # of these records as JSON
 
 
 @dataclass(frozen=True)

@@ -27,6 +27,8 @@ static int32_t send(veld_report_handle* reporter, const char* consumer) {
 
 static void listen_to(void* context, const veld_report_request* request) {
   CHECK(request->struct_size == sizeof *request && request->result == 0);
+  CHECK(request->status == 200 && strcmp(request->endpoint, request->url) == 0 && *request->text == 0);
+  CHECK(request->records == 1 && request->bytes == sizeof record - 1);
   ++*(int*)context;
 }
 
@@ -171,6 +173,8 @@ int main(int count, char** arguments) {
   CHECK(finished[0] == 1 && finished[1] == 1 && sends >= 4);
   veld_report_free(reporter);
 
+  veld_report_code_text(0, error, sizeof error);
+  CHECK(strcmp(error, "0x00000000 No error") == 0);
   veld_report_free(NULL);
   CHECK(veld_report_flush(NULL, 1) == 0 && veld_report_close(NULL, 1) == 0);
   CHECK(veld_report_endpoint_stats(NULL, collect, text) == invalid_argument);

@@ -42,6 +42,7 @@ class ReporterTest(unittest.TestCase):
             function(*arguments, **options)
         self.assertEqual(caught.exception.code, code)
         self.assertIn(part, caught.exception.sentence)
+        self.assertIn(f"(0x{code:08x} ", str(caught.exception))
 
     def test_example_delivers(self):
         subprocess.run([sys.executable, EXAMPLE, self.store, self.url], check=True)
@@ -93,7 +94,7 @@ class ReporterTest(unittest.TestCase):
         reporter.forget()
         self.assertEqual(reporter.stats().total.waiting.items, 0)
         self.assertTrue(reporter.close())
-        self.assertEqual(requests, [veld_report.FinishedRequest(self.url, 0)])
+        self.assertEqual(requests, [veld_report.FinishedRequest(self.url, 0, 200, self.url, "", 1, 7)])
         self.assertCountEqual([(loss.url, loss.reason, loss.count.bytes) for loss in losses],
                               [(NOBODY, "removed", 7), (self.url, "removed", 2)])
 

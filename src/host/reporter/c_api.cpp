@@ -4,6 +4,7 @@
 
 #include "host/base/process_mark.h"
 #include "host/reporter/c_structs.h"
+#include "veld_report/code_text.h"
 #include "veld_report/reporter.h"
 #include "veld_report/veld_report.h"
 
@@ -52,6 +53,10 @@ int32_t Guarded(char* error, size_t size, Body&& body) noexcept {
 }  // namespace
 
 const char* veld_report_version(void) { return veld_report::Version(); }
+
+void veld_report_code_text(int32_t code, char* text, size_t text_size) {
+  Guarded(text, text_size, [&] { WriteError(veld_report::CodeText(code), text, text_size); });
+}
 
 int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out, char* error,
                          size_t error_size) {

@@ -126,7 +126,14 @@ Settings SettingsOf(const veld_report_settings& given) {
 Listener ListenerOf(veld_report_listener listener, void* context) {
   if (!listener) return {};
   return [listener, context](const FinishedRequest& finished) {
-    const veld_report_request request = {sizeof request, finished.url.c_str(), finished.result};
+    const veld_report_request request = {sizeof request,
+                                         finished.url.c_str(),
+                                         finished.result,
+                                         finished.status,
+                                         finished.endpoint.c_str(),
+                                         finished.text.c_str(),
+                                         finished.records,
+                                         finished.bytes};
     listener(context, &request);
   };
 }

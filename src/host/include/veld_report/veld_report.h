@@ -69,6 +69,11 @@ typedef struct veld_report_request {
   /* 0: answered with 200, and its items are gone from the queue. 0x80000071: another status. Any other code:
    * no answer. In the last two cases the items stay in their queue. */
   int32_t result;
+  uint32_t status;      /* of the answer; 0: there was none */
+  const char* endpoint; /* the url without user and password */
+  const char* text;     /* how it failed, a sentence; "" for an answer of 200 */
+  uint64_t records;     /* in the request */
+  uint64_t bytes;       /* of these records as JSON */
 } veld_report_request;
 
 /* Called for each completed request, on a thread of the library, until veld_report_close returns; a call that
@@ -141,6 +146,9 @@ typedef struct veld_report_options {
 
 /* Of the library, in the form of VELD_REPORT_VERSION. It isn't freed. */
 VELD_REPORT_API const char* veld_report_version(void);
+
+/* Writes the text of a code, such as "0x80000062 Out of space", cut to fit. */
+VELD_REPORT_API void veld_report_code_text(int32_t code, char* text, size_t text_size);
 
 /* Opens a store and starts sending. *out receives a handle, for veld_report_free. 0 or a failure. */
 VELD_REPORT_API int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out,
