@@ -7,6 +7,9 @@ option(VELD_PROGRAM "Build veldrep, for which libmicrohttpd and CLI11 are needed
 option(VELD_TESTS "Build the tests; needs VELD_PROGRAM" ${PROJECT_IS_TOP_LEVEL})
 option(VELD_INSTALL "Install the package" ${PROJECT_IS_TOP_LEVEL})
 option(VELD_FUZZ "Build the fuzz targets; needs clang" OFF)
+if(VELD_TESTS AND NOT VELD_PROGRAM)
+  message(FATAL_ERROR "VELD_TESTS needs VELD_PROGRAM: set both, or neither")
+endif()
 set(VELD_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
 
 # The benchmarks count allocations by replacing malloc, as the sanitizers do too.

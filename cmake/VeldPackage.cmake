@@ -14,10 +14,14 @@ install(TARGETS veld_report_host veld_report_host_static EXPORT host
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(TARGETS veld_report_c EXPORT c
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
-install(TARGETS veldrep EXPORT program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+set(components contract host c)
+if(VELD_PROGRAM)
+  install(TARGETS veldrep EXPORT program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  list(APPEND components program)
+endif()
 
 # find_package(veld_report CONFIG COMPONENTS ...): one file of targets for each component.
-foreach(component IN ITEMS contract host c program)
+foreach(component IN LISTS components)
   install(EXPORT ${component} NAMESPACE veld_report:: FILE veld_report-${component}.cmake
     DESTINATION ${VELD_INSTALL_CMAKE} COMPONENT dev)
 endforeach()
