@@ -91,7 +91,7 @@ TEST_F(Kit, EachMistakeIsNamedAndLeavesNoFile) {
   const std::pair<KitEndpoint, const char*> endpoints[] = {
       {{"ftp://h"}, "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
       {{"http://\xff"}, "not valid UTF-8 at byte 7"},
-      {{"http://reports.test/v1"}, "use https, or allow http"},
+      {{"http://127.reports.test/v1"}, "use https, or allow http"},
       {{"https://h:99999/"}, "endpoint 1 (https://h:99999/): the url isn't valid: Port"},
       {{"https://a b/"}, "the url isn't valid: Bad hostname"},
       {{"http:///"}, "the url isn't valid"},
