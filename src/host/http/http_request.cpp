@@ -50,9 +50,12 @@ zel::ResultCode HttpRequest::Cancel() {
 
 bool HttpRequest::End(const HttpOutcome& outcome) noexcept {
   const bool completed = Complete(outcome);
-  const std::lock_guard lock(mutex_);
-  result_ = outcome.code;
-  ended_ = true;
+  {
+    const std::lock_guard lock(mutex_);
+    result_ = outcome.code;
+    ended_ = true;
+  }
+  // The caller has a reference. A waiter that wakes doesn't find the lock taken.
   changed_.notify_all();
   return completed;
 }

@@ -16,6 +16,11 @@
 namespace veld_report::host {
 namespace {
 
+constexpr char unreadableBody[] = "the body of the request can't be read";
+// libcurl sends a body below this size together with the head, if it has the whole of it. Otherwise the head
+// is a packet of its own, for which the server wakes up once more.
+constexpr std::uint64_t maxWholeBody = 64 << 10;
+
 struct UrlCleanup {
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
@@ -113,15 +118,34 @@ void HttpTransfer::SetBody() {
     throw HttpTransferRefused{code, "the size of the request's body can't be determined"};
   Set(CURLOPT_POST, 1L);
   Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodySize_));
-  Set(CURLOPT_READFUNCTION, &HttpTransfer::ReadBody);
-  Set(CURLOPT_READDATA, static_cast<void*>(this));
-  Set(CURLOPT_SEEKFUNCTION, &HttpTransfer::SeekBody);
-  Set(CURLOPT_SEEKDATA, static_cast<void*>(this));
+  if (bodySize_ < maxWholeBody) {
+    ReadWholeBody();
+    Set(CURLOPT_POSTFIELDS, wholeBody_.c_str());
+  } else {
+    Set(CURLOPT_READFUNCTION, &HttpTransfer::ReadBody);
+    Set(CURLOPT_READDATA, static_cast<void*>(this));
+    Set(CURLOPT_SEEKFUNCTION, &HttpTransfer::SeekBody);
+    Set(CURLOPT_SEEKDATA, static_cast<void*>(this));
+  }
   Set(CURLOPT_HEADERFUNCTION, &HttpTransfer::TakeHeader);
   Set(CURLOPT_HEADERDATA, static_cast<void*>(this));
   Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   Set(CURLOPT_WRITEFUNCTION, &HttpTransfer::TakeAnswer);
   Set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+}
+
+void HttpTransfer::ReadWholeBody() {
+  wholeBody_.resize(bodySize_);
+  for (std::size_t position = 0; position < wholeBody_.size();) {
+    std::uint32_t bytesRead = 0;
+    zel::ResultCode code = Guarded([&] {
+      return request_->GetContent().body->Read(
+          wholeBody_.data() + position, static_cast<std::uint32_t>(wholeBody_.size() - position), &bytesRead);
+    });
+    if (!zel::Failed(code) && bytesRead == 0) code = zel::eUnexpected;
+    if (zel::Failed(code)) throw HttpTransferRefused{code, unreadableBody};
+    position += bytesRead;
+  }
 }
 
 void HttpTransfer::SetLimits() {
@@ -247,7 +271,7 @@ HttpOutcome HttpTransfer::Outcome(CURLcode result) const {
     if (zel::Failed(bodyFailure_)) {
       outcome.code = bodyFailure_;
       outcome.local = true;
-      outcome.error = "the body of the request can't be read";
+      outcome.error = unreadableBody;
     } else if (answerBytes_ > shared_.options.answerLimitBytes) {
       outcome.error =
           "the answer is longer than " + std::to_string(shared_.options.answerLimitBytes) + " bytes";

@@ -45,6 +45,7 @@ class HttpTransfer {
   void SetUrl();
   void SetHeaders();
   void SetBody();
+  void ReadWholeBody();
   void SetLimits();
   void SetProxy();
   void SetTls();
@@ -75,6 +76,7 @@ class HttpTransfer {
   std::uint64_t answerBytes_ = 0;
   std::string answerBegin_;
   std::uint64_t bodySize_ = 0;
+  std::string wholeBody_;  // of a small one
   std::uint64_t bodyPosition_ = 0;
   zel::ResultCode bodyFailure_ = zel::sOk;
   std::uint64_t moved_ = 0;  // bytes sent and received at the last look
