@@ -55,6 +55,7 @@ build_examples() {
 }
 
 start_server() {
+  : >"$work/server.log"  # the server's own may come after the first look
   "$prefix/bin/veldrep" serve --listen 127.0.0.1:0 --out "$work/stored" >"$work/server.log" 2>&1 &
   server=$!
   local try
