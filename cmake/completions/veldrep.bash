@@ -22,7 +22,7 @@ _veldrep() {
   done
 
   case $previous in
-    --store)
+    --store | --capture)
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
       ;;

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "server/body_capture.h"
 #include "server/connection_watch.h"
 #include "server/listen_socket.h"
 #include "server/ndjson_file.h"
@@ -76,6 +77,8 @@ class ReportServer::Impl {
   explicit Impl(ReportServerOptions options)
       : options_(std::move(options)),
         file_(options_.outPath),
+        capture_(options_.capturePath.empty() ? nullptr
+                                              : std::make_unique<BodyCapture>(options_.capturePath)),
         watch_({options_.connectionLimit, options_.requestTime,
                 std::max(options_.bodyMemoryBytes, 4 * options_.bodyLimitBytes)},
                options_.log) {
@@ -215,9 +218,9 @@ class ReportServer::Impl {
     if (request.noRoom)
       return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many bodies are arriving at once; try again later");
     const std::string wrongType = ContentTypeProblem(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE));
-    if (!wrongType.empty()) return Refuse(MHD_HTTP_BAD_REQUEST, wrongType);
+    if (!wrongType.empty()) return RefuseMessage(request.body, wrongType);
     const MessageContent content = CheckMessage(request.body, options_.verifier);
-    if (!content.problem.empty()) return Refuse(MHD_HTTP_BAD_REQUEST, content.problem);
+    if (!content.problem.empty()) return RefuseMessage(request.body, content.problem);
     if (options_.status != MHD_HTTP_OK)
       return {options_.status,
               "the message is valid; nothing was stored, because the server is set to answer " +
@@ -235,9 +238,13 @@ class ReportServer::Impl {
     return Refuse(MHD_HTTP_CONTENT_TOO_LARGE,
                   "the body is over the limit of " + std::to_string(options_.bodyLimitBytes) + " bytes");
   }
-  Answer Refuse(unsigned status, const std::string& sentence) {
+  Answer RefuseMessage(const std::string& body, const std::string& sentence) {
+    return Refuse(MHD_HTTP_BAD_REQUEST, sentence, capture_ ? "; " + capture_->Keep(body) : "");
+  }
+  // `note` is for the log only.
+  Answer Refuse(unsigned status, const std::string& sentence, const std::string& note = {}) {
     ++refusedRequests;
-    Log("answered " + std::to_string(status) + ": " + sentence);
+    Log("answered " + std::to_string(status) + ": " + sentence + note);
     return {status, sentence};
   }
   void Log(const std::string& line) const {
@@ -246,6 +253,7 @@ class ReportServer::Impl {
 
   const ReportServerOptions options_;
   NdjsonFile file_;
+  const std::unique_ptr<BodyCapture> capture_;  // may be null
   ConnectionWatch watch_;
   int socket_ = -1;
   std::uint16_t port_ = 0;

@@ -16,6 +16,7 @@ struct ServeOptions {
   std::string listen = "127.0.0.1:0";
   std::string out;
   std::string key;
+  std::string capture;
   unsigned status = 200;
   std::size_t bodyLimitMiB = 16;
   std::size_t bodyMemoryMiB = 256;
@@ -44,6 +45,7 @@ int Serve(const ServeOptions& given) {
   ParseListen(given.listen, &options);
   options.outPath = given.out;
   if (!given.key.empty()) options.verifier = VerifierFromFile(given.key);
+  options.capturePath = given.capture;
   options.status = given.status;
   options.bodyLimitBytes = given.bodyLimitMiB << 20;
   options.bodyMemoryBytes = given.bodyMemoryMiB << 20;
@@ -93,6 +95,12 @@ Command MakeServeCommand(CLI::App& program) {
       ->add_option("--key", options->key,
                    "public key (PEM); only messages signed with its private key are accepted")
       ->type_name("FILE");
+  command
+      ->add_option(
+          "--capture", options->capture,
+          "folder for the bodies of refused messages, for veldrep decode: the latest 16, up to 4 MiB "
+          "each")
+      ->type_name("DIR");
   command
       ->add_option(
           "--status", options->status,
