@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <tuple>
 
@@ -193,11 +194,15 @@ TEST_F(Sending, OpeningMistakesAreSentences) {
   withoutStore.store.clear();
   negative.retryAfter = seconds(-1);
   std::filesystem::create_symlink(Path("elsewhere"), link.traceFile = Path("trace"));
+  std::ofstream(Path("trace file")) << "a";
   Reporter holder(Options({}));
   const std::pair<ReporterOptions, const char*> cases[] = {
       {withoutStore, "reporter: no store is given; set ReporterOptions::store to a folder"},
       {negative, "it must be 0 to 4294967"},
       {link, "it is a symbolic link"},
+      {Options({}, "trace file"), "trace file is a file, but a store is a folder"},
+      {Options({{"127.0.0.1/v1"}}, "a"), "(127.0.0.1/v1): the url must begin with http:// or https://"},
+      {Options({{"http://127.0.0.1", "", {"sha256//"}}}, "b"), "without TLS nothing checks them; use https"},
       {Options({}), "in use by"}};
   for (const auto& [options, sentence] : cases) {
     std::string error;

@@ -1,4 +1,7 @@
 // veldrep: the command line program for the module and the report server.
+#include <algorithm>
+#include <numeric>
+#include <utility>
 #include <vector>
 
 #include "apps/veldrep/command.h"
@@ -19,14 +22,62 @@ int Run(const Command& command) {
   }
 }
 
+// The number of characters to insert, drop or replace.
+std::size_t Distance(const std::string& a, const std::string& b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < b.size(); ++j) {
+      const std::size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
+    }
+  }
+  return row.back();
+}
+
+// "; did you mean send?" if one of the names is near enough.
+std::string Suggestion(const std::string& given, const std::vector<std::string>& names) {
+  std::string nearest;
+  std::size_t least = given.size() / 3 + 2;
+  for (const std::string& name : names) {
+    const std::size_t distance = Distance(given, name);
+    if (distance >= least) continue;
+    least = distance;
+    nearest = name;
+  }
+  return nearest.empty() ? "" : "; did you mean " + nearest + "?";
+}
+
+// What could have stood where the first argument that wasn't understood stands.
+std::string SuggestionFor(const CLI::App& app, const std::string& given) {
+  std::vector<std::string> names;
+  if (given.starts_with("-")) {
+    for (const CLI::Option* option : app.get_options()) {
+      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    }
+  } else {
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+      names.push_back(command->get_name());
+  }
+  return Suggestion(given.substr(0, given.find('=')), names);
+}
+
 // Prints CLI11's errors in this program's form, with its exit codes.
 int Explain(const CLI::App& program, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) return program.exit(error);
   const auto chosen = program.get_subcommands();
   const std::string name = chosen.empty() ? "veldrep" : "veldrep " + chosen.front()->get_name();
   // CLI11 only says that a command is missing.
-  const auto rest = program.remaining();
-  const std::string what = chosen.empty() && !rest.empty() ? "there is no command " + rest[0] : error.what();
+  const auto rest = program.remaining(true);
+  std::string what = error.what();
+  if (chosen.empty() && !rest.empty() && !rest[0].starts_with("-")) {
+    what = "there is no command " + rest[0] + SuggestionFor(program, rest[0]);
+  } else if (!rest.empty()) {
+    what = rest[0].starts_with("-") ? "there is no option " + rest[0] : "unexpected: " + rest[0];
+    what += SuggestionFor(chosen.empty() ? program : *chosen.front(), rest[0]);
+  }
   Complain("command line: " + what + " (see " + name + " --help)");
   return exitWrongCommandLine;
 }

@@ -35,7 +35,12 @@ bool JsonCheck::IsOneValue(std::string_view text, std::string* why) {
   GiveBack(std::move(borrowed));
   if (error == simdjson::MEMALLOC) throw std::bad_alloc();
   if (why && marked) *why = "it begins with a byte order mark";
-  if (why && !marked && error != simdjson::SUCCESS) *why = simdjson::error_message(error);
+  if (why && !marked && error != simdjson::SUCCESS) {
+    const bool isNumber = error == simdjson::NUMBER_ERROR;
+    *why = isNumber
+               ? "it has a number that isn't valid JSON, or an integer beyond 64 bits (send that as text)"
+               : simdjson::error_message(error);
+  }
   return error == simdjson::SUCCESS && !marked;
 }
 

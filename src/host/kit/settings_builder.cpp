@@ -16,15 +16,12 @@ namespace {
 constexpr std::uint32_t maxSendTimeoutS = 4294967;
 constexpr std::uint32_t largestQueueLimitKb = 4194303;
 
-bool IsHttpUrl(std::string_view url) {
-  const auto hasScheme = [url](std::string_view scheme) {
-    const auto same = [](char a, char b) { return (a | 0x20) == b || a == b; };
-    return url.size() > scheme.size() &&
-           std::equal(scheme.begin(), scheme.end(), url.begin(),
-                      [&](char wanted, char given) { return same(given, wanted); });
-  };
-  return hasScheme("http://") || hasScheme("https://");
+bool HasScheme(std::string_view url, std::string_view scheme) {
+  const auto same = [](char wanted, char given) { return (given | 0x20) == wanted || given == wanted; };
+  return url.size() > scheme.size() && std::equal(scheme.begin(), scheme.end(), url.begin(), same);
 }
+
+bool IsHttpUrl(std::string_view url) { return HasScheme(url, "http://") || HasScheme(url, "https://"); }
 
 void CheckLimit(const char* name, std::uint32_t value, std::uint32_t min, std::uint32_t max) {
   if (value >= min && value <= max) return;
@@ -48,6 +45,10 @@ void CheckUrlOf(const KitEndpoint& endpoint, std::uint64_t index, bool allowHttp
 
 void CheckCertificates(const KitEndpoint& endpoint, std::uint64_t index) {
   if (endpoint.certificates.empty()) return;
+  if (!HasScheme(endpoint.url, "https://")) {
+    Refuse(index, endpoint,
+           "it has certificates or pins, but without TLS nothing checks them; use https, or leave them out");
+  }
   try {
     ReadCertificates({endpoint.certificates.begin(), endpoint.certificates.end()});
   } catch (const std::invalid_argument& error) {

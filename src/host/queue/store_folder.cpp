@@ -92,6 +92,9 @@ void RefuseInheritedStore(const std::filesystem::path& folder) {
 void PrepareStoreFolder(const std::filesystem::path& folder) {
   std::error_code error;
   if (std::filesystem::is_directory(folder, error)) return;
+  if (std::filesystem::exists(folder, error)) {
+    throw StoreError(folder.string() + " is a file, but a store is a folder; name another path");
+  }
   std::vector<std::filesystem::path> grown;  // the parents of new folders
   for (auto made = folder; !std::filesystem::exists(made, error) && made.has_parent_path();) {
     made = made.parent_path();

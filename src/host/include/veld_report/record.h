@@ -123,7 +123,8 @@ struct Shape<std::optional<T>> {
   using Helper = OptionalHelper<T, Source>;
 };
 
-template <class Field>
+// `member` isn't used: it makes the compiler name the member in its error.
+template <class Field, auto member>
 consteval zel::SerFieldDescriptor DescribeField(const char* name, std::size_t offset) {
   using FieldShape = Shape<Field>;
   using Element = typename FieldShape::Element;
@@ -191,8 +192,9 @@ consteval zel::SerFieldDescriptor EndOfTable() {
   VELD_RECORD_END
 
 // One row of the table.
-#define VELD_RECORD_ROW(Type, field, name) \
-  ::veld_report::record_detail::DescribeField<decltype(Type::field)>(name, offsetof(Type, field)),
+#define VELD_RECORD_ROW(Type, field, name)                                               \
+  ::veld_report::record_detail::DescribeField<decltype(Type::field), &Type::field>(name, \
+                                                                                   offsetof(Type, field)),
 #define VELD_RECORD_NAMED(Type, field) VELD_RECORD_ROW(Type, field, #field)
 #define VELD_RECORD_RENAMED(Type, pair) VELD_RECORD_RENAMED_PAIR(Type, VELD_RECORD_UNWRAP pair)
 #define VELD_RECORD_RENAMED_PAIR(Type, ...) VELD_RECORD_ROW(Type, __VA_ARGS__)
