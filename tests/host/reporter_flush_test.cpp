@@ -98,10 +98,12 @@ TEST_F(Sending, RefusedRecordsSayWhyAndAreCounted) {
   std::string message;
   EXPECT_EQ(reporter.TrySendJson("{\"a\":}", "", &message), zel::eInvalidArgument);
   EXPECT_THAT(message, testing::HasSubstr("the text isn't one JSON value"));
+  EXPECT_EQ(reporter.TrySendJson("{\"a\":18446744073709551616}", "", &message), zel::eInvalidArgument);
+  EXPECT_THAT(message, testing::HasSubstr("an integer beyond 64 bits (send that as text)"));
   EXPECT_EQ(reporter.TrySendJson("{}", "produkt", &message), zel::eNotFound);
   EXPECT_THAT(message, testing::HasSubstr("no endpoint has the consumer \"produkt\""));
   EXPECT_THROW(reporter.SendJson("{}", "produkt"), ReporterError);
-  EXPECT_EQ(reporter.Stats().refused, 3u);
+  EXPECT_EQ(reporter.Stats().refused, 4u);
   EXPECT_EQ(reporter.Stats().submitted, 0u);
   EXPECT_EQ(reporter.TrySetSettings({}), zel::sOk);
   EXPECT_EQ(reporter.TrySendJson("{}"), zel::eNotFound);
