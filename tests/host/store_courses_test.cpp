@@ -29,7 +29,6 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   ~StoreCourses() override { EndServices(); }
   void Begin() override {
     *machine_ = {};
-    machine_->calendarMs = 1'000'000;
     EnterNewFolder();
     OpenAs("one", {});
     lines_.Take();
@@ -79,7 +78,11 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (verb == "forget") return service->Forget(), "";
     if (verb == "commit") return service->Commit() ? "" : "failed";
     if (verb == "paced") return Shown(std::exchange(pacer_->calls, {}));
+    if (verb == "anew") return Begin(), "";
+    if (verb == "close") return EndServices(), "";
     if (verb == "advance") return machine_->Pass(std::stoll(name)), "";
+    if (verb == "clock") return machine_->calendarMs += std::stoll(name) * 86'400'000, "";
+    if (verb == "reboot") return machine_->boot += '+', machine_->uptimeMs = 1000, "";
     return QueueCourses::Do(verb, words);
   }
 
@@ -104,7 +107,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (has("limited")) options.storeLimitBytes = 20;
     if (has("paced")) options.pacer = pacer_;
     if (has("grouped")) {
-      options.commitOperations = 8;
+      options.commitOperations = has("large") ? 10'000 : 8;
       options.commitDelay = std::chrono::hours(1);
     }
     service.Reset();
