@@ -46,9 +46,9 @@ TEST_F(Kit, AServerIsReachedByIPv6) {
     GTEST_SKIP() << "this machine has no IPv6 loopback: " << error.what();
   }
   HostKit kit(Options({{server->Url()}}));
-  kit.SubmitJson("", "1");
+  kit.SubmitJson("", R"({"n":1})");
   RunCycle(kit);
-  EXPECT_THAT(Stored("out"), testing::ElementsAre("1"));
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"n":1})"));
 }
 
 TEST_F(Kit, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {

@@ -35,11 +35,11 @@ TEST_F(Closing, KeepsToItsDeadlineAndLosesNothing) {
     options.allowHttp = true;
     {
       Reporter reporter(options);
-      reporter.SendJson("1");
+      reporter.SendJson(R"({"n":1})");
       EXPECT_FALSE(reporter.Flush(milliseconds(100)));
-      reporter.SendJson("2");
+      reporter.SendJson(R"({"n":2})");
       EXPECT_LT(TimeOf([&] { EXPECT_FALSE(reporter.Close(deadline)); }), longest);
-      EXPECT_EQ(reporter.TrySendJson("3"), zel::eNotInitialized);
+      EXPECT_EQ(reporter.TrySendJson(R"({"n":3})"), zel::eNotInitialized);
       EXPECT_FALSE(reporter.Flush(seconds(60)));
       EXPECT_FALSE(reporter.FlushToStore(seconds(20)));
       EXPECT_THROW(reporter.Stats(), ReporterError);
@@ -87,12 +87,12 @@ TEST_F(Closing, WaitsForNoDiskAndNoListenerThatHangs) {
   application.Shut(true);
   heard.listener = [&](const FinishedRequest&) { application.Pass(); };
   auto first = std::make_unique<Reporter>(stored), second = std::make_unique<Reporter>(heard);
-  second->SendJson("1");
+  second->SendJson(R"({"n":1})");
   EXPECT_TRUE(tests::Eventually([&] { return application.Stopped() == 1; }));
-  second->SendJson("2");
+  second->SendJson(R"({"n":2})");
   EXPECT_TRUE(second->FlushToStore(seconds(20)));
-  first->SendJson("1");
-  first->SendJson("2");
+  first->SendJson(R"({"n":1})");
+  first->SendJson(R"({"n":2})");
   disk.Shut(true);
   EXPECT_TRUE(tests::Eventually([&] { return disk.Stopped() > 0; }));
   Statistics figures;
@@ -148,7 +148,7 @@ TEST_F(Closing, ProducersThatGoOnCallingNeitherCrashNorHoldItUp) {
 TEST_F(Closing, WaitsForNoUrlThatIsHeldBackBeyondTheDeadline) {
   tests::ScriptedServer busy(tests::ScriptedReply::Status(503, "Retry-After: 600\r\n"));
   Reporter reporter(Options({{busy.Url()}}));
-  reporter.SendJson("1");
+  reporter.SendJson(R"({"n":1})");
   ASSERT_TRUE(busy.WaitForRequests(1));
   EXPECT_LT(TimeOf([&] { EXPECT_FALSE(reporter.Close(seconds(60))); }), seconds(20));
 }
@@ -159,7 +159,7 @@ TEST_F(Closing, IsCutShortByASecondCloseOrWithoutConsent) {
   for (const auto& cut : cuts) {
     tests::ScriptedServer silent(NeverAnswers);
     Reporter reporter(Options({{silent.Url()}}));
-    reporter.SendJson("1");
+    reporter.SendJson(R"({"n":1})");
     std::thread patient([&] { EXPECT_FALSE(reporter.Close(seconds(60))); });
     ASSERT_TRUE(silent.WaitForRequests(1));
     EXPECT_LT(TimeOf([&] {

@@ -17,7 +17,7 @@ TEST_F(Consent, NoRequestStartsOnceSendingIsForbidden) {
   options.packetLimit = 1;
   Reporter reporter(options);
   constexpr int records = 3000;
-  for (int i = 0; i < records; ++i) reporter.SendJson("1");
+  for (int i = 0; i < records; ++i) reporter.SendJson(R"({"n":1})");
   ASSERT_TRUE(server.WaitForRequests(10));
   reporter.AllowSending(false);
   // The one that was under way may have reached the server whole.
@@ -52,9 +52,9 @@ TEST_F(Consent, ForgetSendsNothingAndLeavesTheLastWordStanding) {
     });
     const std::string store = std::string("store ") + each.name;
     Reporter reporter(Options({{server.Url()}}, store));
-    reporter.SendJson("\"secret\"");
+    reporter.SendJson(R"({"secret":1})");
     ASSERT_TRUE(server.WaitForRequests(1));
-    reporter.SendJson("\"secret too\"");
+    reporter.SendJson(R"({"secret too":1})");
     reporter.SetListener([&](const FinishedRequest&) {
       answers = true;
       if (each.withdrawn) reporter.AllowSending(false);
@@ -75,7 +75,7 @@ TEST_F(Consent, ForgetSendsNothingAndLeavesTheLastWordStanding) {
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(server.Requests().size(), 1u);
     EXPECT_EQ(reporter.Stats().total.waiting.items, 0);
-    reporter.SendJson("\"later\"");
+    reporter.SendJson(R"({"later":1})");
     EXPECT_EQ(reporter.Flush(each.withdrawn ? milliseconds(300) : milliseconds(20000)), !each.withdrawn);
     EXPECT_EQ(server.Requests().size(), each.withdrawn ? 1u : 2u);
   }

@@ -31,10 +31,10 @@ TEST_F(Edges, DeletedFolderIsNoSafePlace) {
   ReporterOptions options = Options({{"http://127.0.0.1:1"}});
   options.sendingAllowed = false;
   Reporter reporter(options);
-  reporter.SendJson("1");
+  reporter.SendJson(R"({"n":1})");
   EXPECT_TRUE(reporter.FlushToStore(seconds(20)));
   std::filesystem::remove_all(Path("store"));
-  reporter.SendJson("2");
+  reporter.SendJson(R"({"n":2})");
   EXPECT_FALSE(reporter.FlushToStore(milliseconds(500)));
 }
 

@@ -47,7 +47,7 @@ TEST_F(Sending, FlushIsFalseUntilEveryQueueIsDelivered) {
   const std::uint16_t port = tests::ClosedPort();
   const auto first = Serve("first");
   Reporter reporter(Options({{first->Url()}, {"http://127.0.0.1:" + std::to_string(port)}}));
-  reporter.SendJson("1");
+  reporter.SendJson(R"({"n":1})");
   EXPECT_FALSE(reporter.Flush(seconds(1)));
   EXPECT_TRUE(tests::Eventually([&] { return !Stored("first").empty(); }));
   EXPECT_FALSE(reporter.Flush(milliseconds(100)));
@@ -57,7 +57,7 @@ TEST_F(Sending, FlushIsFalseUntilEveryQueueIsDelivered) {
   std::thread starter([&] { second = Serve("second", port); });
   EXPECT_LT(TimeOf([&] { EXPECT_TRUE(reporter.Flush(seconds(25))); }), seconds(25));
   starter.join();
-  EXPECT_THAT(Stored("second"), testing::ElementsAre("1"));
+  EXPECT_THAT(Stored("second"), testing::ElementsAre(R"({"n":1})"));
 }
 
 TEST_F(Sending, FlushEndsWhileAProducerFloods) {
@@ -84,8 +84,8 @@ TEST_F(Sending, RecordsThatARuleDropsAreFlushedAndCounted) {
   options.queueLimitKb = 1;
   options.sendingAllowed = false;
   Reporter reporter(options);
-  reporter.SendJson("\"" + std::string(600, 'a') + "\"");
-  reporter.SendJson("\"" + std::string(600, 'b') + "\"");  // makes the first one go
+  reporter.SendJson("{\"" + std::string(596, 'a') + "\":1}");
+  reporter.SendJson("{\"" + std::string(596, 'b') + "\":1}");  // makes the first one go
   EXPECT_TRUE(reporter.FlushToStore(seconds(20)));
   reporter.AllowSending(true);
   EXPECT_TRUE(reporter.Flush(seconds(20)));
@@ -100,10 +100,12 @@ TEST_F(Sending, RefusedRecordsSayWhyAndAreCounted) {
   EXPECT_THAT(message, testing::HasSubstr("the text isn't one JSON value"));
   EXPECT_EQ(reporter.TrySendJson("{\"a\":18446744073709551616}", "", &message), zel::eInvalidArgument);
   EXPECT_THAT(message, testing::HasSubstr("an integer beyond 64 bits (send that as text)"));
+  EXPECT_EQ(reporter.TrySendJson("[{}]", "", &message), zel::eInvalidArgument);
+  EXPECT_THAT(message, testing::HasSubstr("isn't a JSON object"));
   EXPECT_EQ(reporter.TrySendJson("{}", "produkt", &message), zel::eNotFound);
   EXPECT_THAT(message, testing::HasSubstr("no endpoint has the consumer \"produkt\""));
   EXPECT_THROW(reporter.SendJson("{}", "produkt"), ReporterError);
-  EXPECT_EQ(reporter.Stats().refused, 4u);
+  EXPECT_EQ(reporter.Stats().refused, 5u);
   EXPECT_EQ(reporter.Stats().submitted, 0u);
   EXPECT_EQ(reporter.TrySetSettings({}), zel::sOk);
   EXPECT_EQ(reporter.TrySendJson("{}"), zel::eNotFound);
@@ -115,15 +117,15 @@ TEST_F(Sending, SettingsAndListenerChangeAtRunTime) {
   std::vector<std::string> urls;
   Reporter reporter(Options({{first->Url()}}));
   reporter.SetListener([&](const FinishedRequest& request) { urls.push_back(request.url); });
-  reporter.SendJson("1");
+  reporter.SendJson(R"({"n":1})");
   EXPECT_TRUE(reporter.Flush(seconds(20)));
   EXPECT_THROW(reporter.SetSettings({.endpoints = {{"mailto:me"}}}), ReporterError);
   EXPECT_EQ(reporter.CurrentSettings().endpoints.at(0).url, first->Url());
   reporter.SetSettings({.endpoints = {{second->Url()}}});
-  reporter.SendJson("2");
+  reporter.SendJson(R"({"n":2})");
   EXPECT_TRUE(reporter.Flush(seconds(20)));
-  EXPECT_THAT(Stored("first"), testing::ElementsAre("1"));
-  EXPECT_THAT(Stored("second"), testing::ElementsAre("2"));
+  EXPECT_THAT(Stored("first"), testing::ElementsAre(R"({"n":1})"));
+  EXPECT_THAT(Stored("second"), testing::ElementsAre(R"({"n":2})"));
   reporter.Close(seconds(0));
   EXPECT_THAT(urls, testing::ElementsAre(first->Url(), second->Url()));
 }

@@ -64,7 +64,7 @@ bool IsRefused(Body&& body) {
 // Whether each operation is refused, in order.
 std::vector<bool> Refusals(std::unique_ptr<Reporter>& reporter) {
   std::string why;
-  return {reporter->TrySendJson("1", "", &why) == zel::eInvalidState && !why.empty(),
+  return {reporter->TrySendJson(R"({"n":1})", "", &why) == zel::eInvalidState && !why.empty(),
           !reporter->Flush(seconds(60)),
           !reporter->FlushToStore(seconds(60)),
           IsRefused([&] { reporter->Stats(); }),
@@ -86,7 +86,7 @@ TEST_F(Fork, ChildIsRefusedAndSendsAndStoresNothing) {
   std::atomic<std::uint64_t> accepted{0};
   std::thread producer([&] {
     while (!stop) {
-      if (reporter->TrySendJson("1") == zel::sOk) ++accepted;
+      if (reporter->TrySendJson(R"({"n":1})") == zel::sOk) ++accepted;
       if (accepted % 64 == 0) static_cast<void>(reporter->Stats());
     }
   });
@@ -153,11 +153,11 @@ TEST_F(Fork, ChildOpensAReporterOnAnotherStore) {
   const Reporter reporter(Options({{server->Url()}}));
   Child child([&] {
     Reporter own(Options({{server->Url()}}, "another"));
-    own.SendJson("\"child\"");
+    own.SendJson(R"({"child":1})");
     return own.Flush(seconds(20)) ? 0 : 1;
   });
   EXPECT_EQ(child.Wait(), 0);
-  EXPECT_THAT(Stored("out"), testing::ElementsAre("\"child\""));
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"child":1})"));
 }
 
 TEST_F(Fork, FilesAndConnectionsDontReachOtherPrograms) {
@@ -181,7 +181,7 @@ TEST_F(Fork, FilesAndConnectionsDontReachOtherPrograms) {
   ReporterOptions options = Options({{silent.Url()}});
   options.traceFile = Path("trace");
   Reporter reporter(options);
-  reporter.SendJson("1");
+  reporter.SendJson(R"({"n":1})");
   ASSERT_TRUE(silent.WaitForRequests(1));
   std::set<std::string> added;
   std::ranges::set_difference(inheritable(), before, std::inserter(added, added.end()));

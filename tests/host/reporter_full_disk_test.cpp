@@ -33,7 +33,7 @@ TEST_F(FullDisk, FirstStartFailsOrEveryRecordIsInTheLedger) {
         continue;
       }
       ++opened;
-      const std::string record = '"' + std::string(8000, 'r') + '"';
+      const std::string record = "{\"" + std::string(8000, 'r') + "\":1}";
       for (int i = 0; i < records; ++i) reporter->SendJson(record);
       static_cast<void>(reporter->FlushToStore(milliseconds(300)));
       if (roomComesBack) {

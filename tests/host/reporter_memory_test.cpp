@@ -23,17 +23,17 @@ class Memory : public ReporterTest {};
 TEST_F(Memory, RecordsReachTheStoreWhileARequestWaits) {
   tests::ScriptedServer silent(NeverAnswers);
   Reporter reporter(Options({{silent.Url()}}));
-  reporter.SendJson("1");
+  reporter.SendJson(R"({"n":1})");
   EXPECT_TRUE(reporter.FlushToStore(seconds(4)));
   // The store seen from beside is what would be left if this process were killed.
   const auto beside = host::QueueService::Open({.folder = Path("store"), .inspectOnly = true});
   EXPECT_EQ(beside->TotalWaiting().items, 1);
   ASSERT_TRUE(silent.WaitForRequests(1));
   for (int count = 2; count <= 3; ++count) {
-    reporter.SendJson("1");
+    reporter.SendJson(R"({"n":1})");
     EXPECT_TRUE(tests::Eventually([&] { return beside->TotalWaiting().items == count; }, seconds(2)));
   }
-  reporter.SendJson("1");
+  reporter.SendJson(R"({"n":1})");
   EXPECT_TRUE(reporter.FlushToStore(seconds(20)));
   EXPECT_EQ(beside->TotalWaiting().items, 4);
   EXPECT_EQ(silent.Requests().size(), 1u) << "the first request is over, so this shows nothing";
@@ -84,7 +84,7 @@ TEST_F(Memory, IsLimitedInRecordsAndInBytes) {
   options.sendingAllowed = false;
   options.memoryLimitRecords = options.memoryLimitBytes = 0;
   Reporter reporter(options);
-  for (int i = 0; i < 3000; ++i) reporter.SendJson("1");
+  for (int i = 0; i < 3000; ++i) reporter.SendJson(R"({"n":1})");
 }
 
 TEST_F(Memory, RecordThatFitsInNoQueuePushesNothingOut) {
@@ -156,11 +156,11 @@ TEST_F(Memory, FloodForOneEndpointHoldsUpNoOther) {
   std::atomic<bool> stop{false};
   std::thread producer([&] {
     while (!stop) {
-      if (reporter.TrySendJson("1", "busy") != zel::sOk) std::this_thread::yield();
+      if (reporter.TrySendJson(R"({"n":1})", "busy") != zel::sOk) std::this_thread::yield();
     }
   });
   for (std::uint64_t count = 1; count <= 2; ++count) {
-    while (reporter.TrySendJson("1", "quiet") != zel::sOk) std::this_thread::yield();
+    while (reporter.TrySendJson(R"({"n":1})", "quiet") != zel::sOk) std::this_thread::yield();
     EXPECT_TRUE(tests::Eventually([&] { return quiet->StoredItems() == count; }));
   }
   stop = true;

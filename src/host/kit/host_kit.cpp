@@ -154,6 +154,9 @@ Submission HostKit::Submit(std::string_view consumer, const zel::AnyPtr& record)
 }
 
 Submission HostKit::SubmitJson(std::string_view consumer, std::string_view text) {
+  // The serialiser finds out whether it is valid.
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos || text[first] != '{') return {zel::eInvalidArgument};
   JsonRecord record{std::string(text)};
   return Submit(consumer, record.AsAny());
 }

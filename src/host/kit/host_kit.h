@@ -53,7 +53,7 @@ class HostKit {
   // that can't be serialised is refused with its code. One for a consumer that no endpoint has is accepted,
   // and then dropped by the sender.
   Submission Submit(std::string_view consumer, const zel::AnyPtr& record);
-  // The same for a record that is finished JSON text.
+  // The same for a record that is finished JSON text, of one object.
   Submission SubmitJson(std::string_view consumer, std::string_view text);
   // Starts a cycle within a second without a submission: for what an earlier run left, and after the chain of
   // cycles has ended with items waiting. BeginDrain() starts it at once.

@@ -56,6 +56,7 @@ std::string WhyRefused(const host::Submission& submission, bool isJson, std::str
   if (isJson && submission.code == zel::eInvalidArgument) {
     std::string why;
     if (!host::JsonCheck().IsOneValue(json, &why)) return "the text isn't one JSON value: " + why;
+    return "the text isn't a JSON object; put the value into one, such as {\"value\": 1}";
   }
   std::string text = "the record can't be written as JSON";
   if (!submission.where.empty()) text += ", at " + submission.where;

@@ -179,7 +179,7 @@ class Reporter {
     SendRecord(AnyOf(record), consumer);
   }
   void Send(const RecordBuilder& record, std::string_view consumer = {});
-  // `json`: one JSON value, UTF-8. Line breaks between its tokens are dropped, nothing else is changed.
+  // `json`: one JSON object, UTF-8. Line breaks between its tokens are dropped, nothing else is changed.
   void SendJson(std::string_view json, std::string_view consumer = {});
 
   // The same, with a code as the result.

@@ -154,8 +154,8 @@ VELD_REPORT_API void veld_report_code_text(int32_t code, char* text, size_t text
 VELD_REPORT_API int32_t veld_report_open(const veld_report_options* options, veld_report_handle** out,
                                          char* error, size_t error_size);
 
-/* Accepts one JSON value of `length` bytes. consumer: NULL or "" for all endpoints. 0 or a failure. Waits for
- * neither disk nor network. */
+/* Accepts one JSON object of `length` bytes. consumer: NULL or "" for all endpoints. 0 or a failure. Waits
+ * for neither disk nor network. */
 VELD_REPORT_API int32_t veld_report_send_json(veld_report_handle* reporter, const char* consumer,
                                               const char* json, size_t length, char* error,
                                               size_t error_size);
