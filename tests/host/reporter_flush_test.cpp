@@ -78,21 +78,6 @@ TEST_F(Sending, FlushEndsWhileAProducerFloods) {
   EXPECT_THAT(Stored("out"), testing::Contains(R"({"first":1})"));
 }
 
-TEST_F(Sending, RecordsThatARuleDropsAreFlushedAndCounted) {
-  const auto server = Serve("out");
-  ReporterOptions options = Options({{server->Url()}});
-  options.queueLimitKb = 1;
-  options.sendingAllowed = false;
-  Reporter reporter(options);
-  reporter.SendJson("{\"" + std::string(596, 'a') + "\":1}");
-  reporter.SendJson("{\"" + std::string(596, 'b') + "\":1}");  // makes the first one go
-  EXPECT_TRUE(reporter.FlushToStore(seconds(20)));
-  reporter.AllowSending(true);
-  EXPECT_TRUE(reporter.Flush(seconds(20)));
-  EXPECT_EQ(reporter.Stats().total,
-            (QueueLedger{.accepted = {2, 1204}, .delivered = {1, 602}, .evicted = {1, 602}}));
-}
-
 TEST_F(Sending, RefusedRecordsSayWhyAndAreCounted) {
   Reporter reporter(Options({{"http://127.0.0.1:1", "product"}}));
   std::string message;
@@ -109,25 +94,6 @@ TEST_F(Sending, RefusedRecordsSayWhyAndAreCounted) {
   EXPECT_EQ(reporter.Stats().submitted, 0u);
   EXPECT_EQ(reporter.TrySetSettings({}), zel::sOk);
   EXPECT_EQ(reporter.TrySendJson("{}"), zel::eNotFound);
-}
-
-TEST_F(Sending, SettingsAndListenerChangeAtRunTime) {
-  const auto first = Serve("first");
-  const auto second = Serve("second");
-  std::vector<std::string> urls;
-  Reporter reporter(Options({{first->Url()}}));
-  reporter.SetListener([&](const FinishedRequest& request) { urls.push_back(request.url); });
-  reporter.SendJson(R"({"n":1})");
-  EXPECT_TRUE(reporter.Flush(seconds(20)));
-  EXPECT_THROW(reporter.SetSettings({.endpoints = {{"mailto:me"}}}), ReporterError);
-  EXPECT_EQ(reporter.CurrentSettings().endpoints.at(0).url, first->Url());
-  reporter.SetSettings({.endpoints = {{second->Url()}}});
-  reporter.SendJson(R"({"n":2})");
-  EXPECT_TRUE(reporter.Flush(seconds(20)));
-  EXPECT_THAT(Stored("first"), testing::ElementsAre(R"({"n":1})"));
-  EXPECT_THAT(Stored("second"), testing::ElementsAre(R"({"n":2})"));
-  reporter.Close(seconds(0));
-  EXPECT_THAT(urls, testing::ElementsAre(first->Url(), second->Url()));
 }
 
 // The listener, the log and the statistics say the same.
