@@ -20,6 +20,14 @@ int ErrorOf(sqlite3* handle, int code) {
   return (extended & 0xff) == (code & 0xff) ? extended : code;
 }
 
+// SQLite takes a file of one byte as empty, too, and deletes the log of an empty file.
+bool HasOnlyItsLog(const std::filesystem::path& file) {
+  std::error_code error;
+  if (std::filesystem::file_size(file, error) > 1) return false;
+  const auto logBytes = std::filesystem::file_size(file.string() + "-wal", error);
+  return !error && logBytes != 0;
+}
+
 }  // namespace
 
 bool SqliteError::IsDamage() const {
@@ -121,6 +129,9 @@ std::span<const std::uint8_t> SqliteStatement::Blob(int column) const {
 void SqliteConnection::Close::operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
 
 SqliteConnection::SqliteConnection(const std::filesystem::path& file, Access access, const std::string& vfs) {
+  if (HasOnlyItsLog(file)) {
+    throw SqliteError(SQLITE_CORRUPT, file.string() + ": the file is empty, but its log isn't");
+  }
   const int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE |
                     (access == Access::read ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
   sqlite3* handle = nullptr;

@@ -85,7 +85,7 @@ class SqliteConnection {
   enum class Access { read, readWrite };
 
   // Opens an existing file and never creates one. `vfs`: the name of a registered SQLite VFS, empty for the
-  // default. Throws SqliteError.
+  // default. Throws SqliteError, as damage also if the file is empty and its log isn't.
   SqliteConnection(const std::filesystem::path& file, Access access, const std::string& vfs = {});
 
   void Execute(const std::string& sql);

@@ -53,21 +53,9 @@ std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options, const
   return opened;
 }
 
-// If the main file is empty, SQLite would discard its log.
-bool IsEmptyWithLog(const std::filesystem::path& file) {
-  std::error_code error;
-  const auto log = file.string() + "-wal";
-  return std::filesystem::file_size(file, error) == 0 && std::filesystem::exists(log) &&
-         std::filesystem::file_size(log, error) != 0;
-}
-
 // Returns nothing if the file is damaged; then `*damage` says how.
 std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std::filesystem::path& file,
                                    DiskReserve& reserve, const CleanMarker& mark, std::string* damage) {
-  if (IsEmptyWithLog(file)) {
-    *damage = "its file is empty, but its log isn't";
-    return nullptr;
-  }
   for (bool again = false;; again = true) {
     try {
       return OpenChecked(options, file, mark);

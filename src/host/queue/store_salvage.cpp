@@ -225,10 +225,8 @@ class Salvage {
 
 SalvageReport SalvageFrom(StoreFile& target, const std::filesystem::path& source, const std::string& vfs) {
   try {
-    // SQLite would delete the log of an empty file.
-    const bool isEmpty = std::filesystem::file_size(source) == 0;
-    const auto connection = isEmpty ? nullptr : OpenUnchanged(source, vfs);
-    if (connection && HasTables(*connection)) return Salvage(target, *connection).Run();
+    const auto connection = OpenUnchanged(source, vfs);
+    if (HasTables(*connection)) return Salvage(target, *connection).Run();
   } catch (const SqliteError& error) {
     if (!error.IsDamage()) throw;
   }
