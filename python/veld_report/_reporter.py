@@ -372,7 +372,7 @@ class Reporter:
         return Statistics(given.submitted, given.refused, given.in_memory, _ledger(given.total), tuple(endpoints))
 
     def forget(self) -> None:
-        """Removes everything that is waiting, in memory and in the store, and leaves none of it readable on the disk."""
+        """Removes everything that waits, in memory and in the store, and leaves none of it readable on the disk."""
         _call(_api.forget, self._handle)
 
     def close(self, seconds: Optional[float] = None) -> bool:
