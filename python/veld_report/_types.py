@@ -8,7 +8,7 @@ from typing import Mapping, Optional, Sequence, Union
 
 
 class Code(enum.IntEnum):
-    """The codes of the failures that a program may want to tell apart. There are others."""
+    """The codes of the failures that a program may want to distinguish. There are others."""
 
     OUT_OF_MEMORY = 0x80000041
     INVALID_ARGUMENT = 0x80000046
@@ -95,7 +95,7 @@ class Ledger:
     delivered: Count
     evicted: Count  # dropped to make room, or for their age
     rejected: Count  # couldn't be stored
-    removed: Count  # removed with their queue
+    removed: Count  # removed with their queue, or damaged
     waiting: Count
     returned: Count  # given back after a failed request; they are waiting
     expired: Count  # of evicted: dropped for their age

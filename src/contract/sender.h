@@ -36,7 +36,7 @@ struct SenderSettings {
   std::uint32_t packetLimit = 1;         // maximum number of items in a packet; 0 means no limit
   std::uint32_t queueLimit = 10;         // size limit of each queue, in units of 1024 bytes
   std::uint32_t sendTimeout = 1;         // delay between cycles while data remains, in seconds
-  zel::vector_t<zel::string> consumers;  // empty, or one name an entry of `urls`, by position
+  zel::vector_t<zel::string> consumers;  // empty, or one name for each entry of `urls`, by position
 };
 static_assert(sizeof(SenderSettings) == 80 && offsetof(SenderSettings, packetLimit) == 32);
 static_assert(offsetof(SenderSettings, queueLimit) == 36 && offsetof(SenderSettings, sendTimeout) == 40);

@@ -1,4 +1,4 @@
-// A loss of records, as a reporter's loss listener hears of it.
+// A loss of records, as a reporter's loss listener gets it.
 #pragma once
 
 #include <functional>
@@ -40,8 +40,8 @@ struct Loss {
 // It runs on a thread of its own, so it holds up neither sending nor storing; a Close waits for it as for a
 // Listener. It must not close or destroy the reporter. Its exceptions are dropped.
 //
-// Of a store that processes share, each process hears of the losses that it causes. What a killed process
-// had in memory is in no ledger, and nobody hears of it.
+// If processes share a store, each one reports the losses that it causes. What a killed process had in memory
+// is in no ledger and is never reported.
 using LossListener = std::function<void(const Loss&)>;
 
 }  // namespace veld_report

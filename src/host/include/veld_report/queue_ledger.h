@@ -29,9 +29,9 @@ struct ItemCount {
 struct QueueLedger {
   ItemCount accepted{};   // offered by Push
   ItemCount delivered{};  // acknowledged by a reader
-  ItemCount evicted{};    // dropped to make room for newer ones
+  ItemCount evicted{};    // dropped to make room, or for their age
   ItemCount rejected{};   // Push failed, and no retry stored the same item
-  ItemCount removed{};    // removed with their queue
+  ItemCount removed{};    // removed with their queue, or damaged
   ItemCount waiting{};    // in the queue
   ItemCount returned{};   // claims given back by ReturnItem
   ItemCount expired{};    // of evicted: dropped for their age

@@ -226,8 +226,8 @@ class Reporter {
   // Replaces the listener. The previous one may still be running after the return. Throws std::bad_alloc, and
   // ReporterError in a forked child.
   void SetListener(Listener listener);
-  // Replaces the loss listener, which also hears of what was lost since the reporter was opened and not
-  // reported yet. Throws like SetListener, and std::system_error if no thread can be started.
+  // Replaces the loss listener, which also gets what was lost since the reporter was opened and not reported
+  // yet. Throws like SetListener, and std::system_error if no thread can be started.
   void SetLossListener(LossListener listener);
   // If false, no request starts after the return, even while Close or Forget runs, and one in flight is cut.
   // Records are still accepted and stored. The last call counts.

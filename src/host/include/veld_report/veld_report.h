@@ -202,7 +202,7 @@ typedef struct veld_report_ledger {
   veld_report_count delivered;
   veld_report_count evicted;  /* dropped to make room, or for their age */
   veld_report_count rejected; /* couldn't be stored */
-  veld_report_count removed;  /* removed with their queue */
+  veld_report_count removed;  /* removed with their queue, or damaged */
   veld_report_count waiting;
   veld_report_count returned; /* given back after a failed request; they are waiting */
   veld_report_count expired;  /* of evicted: dropped for their age */
