@@ -83,7 +83,7 @@ TEST_F(KitDelivery, ARefusalCostsOnePacketAndLongerAndLongerWaits) {
     EXPECT_EQ(server.Requests().size(), divides ? 3u : 1u);
     for (int minute = 0; minute < 20; ++minute) {
       const std::uint64_t before = Cycles(kit);
-      Pass(kit, minutes(1));
+      Pass(kit, minutes(1), seconds(5));
       EXPECT_LE(Cycles(kit) - before, divides ? 8u : 4u);
     }
     // At 0, 30 and 60 s, and from then on the waits double, up to five minutes. A packet that is divided is
@@ -91,7 +91,7 @@ TEST_F(KitDelivery, ARefusalCostsOnePacketAndLongerAndLongerWaits) {
     EXPECT_LE(server.Requests().size(), divides ? 24u : 14u);
     EXPECT_GE(server.Requests().size(), 6u);
     refuses = false;
-    Pass(kit, minutes(5) + seconds(10), seconds(2));
+    Pass(kit, minutes(5) + seconds(10), seconds(5));
     EXPECT_EQ(kit.Queues().TotalWaiting().items, 0) << "nobody came back when the wait was over";
   }
 }
@@ -128,7 +128,7 @@ TEST_F(KitDelivery, ARefusedRecordStandsBackAndIsTriedAgain) {
   });
   HostKit kit(Options({{server.Url()}}));
   for (int i = 0; i < 300; ++i) kit.SubmitJson("", "{\"n\":" + std::to_string(i) + "}");
-  Pass(kit, minutes(3));
+  Pass(kit, minutes(3), seconds(1));
   EXPECT_EQ(kit.Queues().TotalWaiting().items, 3);
   // To halve a packet down to one takes seven requests, and to return to whole ones as many.
   EXPECT_LE(server.Requests().size(), 50u);
@@ -142,14 +142,14 @@ TEST_F(KitDelivery, ARefusedRecordStandsBackAndIsTriedAgain) {
   EXPECT_FALSE(state.waitsUntil) << "a trial of what is known to be refused holds back nothing";
 
   const std::size_t before = server.Requests().size();
-  Pass(kit, minutes(30), seconds(2));
+  Pass(kit, minutes(30), seconds(5));
   EXPECT_LE(server.Requests().size() - before, 8u);
   kit.SubmitJson("", "{\"n\":300}");
   Pass(kit, seconds(2));
   EXPECT_EQ(accepted.back(), 300);
   EXPECT_EQ(kit.Http().States().at(0).lastStatus, 422) << "three records still wait";
   mended = true;
-  Pass(kit, minutes(5) + seconds(10), seconds(2));
+  Pass(kit, minutes(5) + seconds(10), seconds(5));
   EXPECT_EQ(kit.Queues().TotalWaiting().items, 0);
   EXPECT_EQ(kit.Http().States().at(0).lastError, "");
   EXPECT_THAT(alone, testing::IsSupersetOf({0, 137, 138, 0, 137, 138}));

@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "host/kit/host_kit.h"
@@ -80,48 +78,6 @@ TEST_F(Kit, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {
   EXPECT_FALSE(UrlStateFile::Read(Path("store"))[0].http.waitsUntil.has_value());
   EXPECT_THAT(trace, testing::HasSubstr("MakeRequest for url " + busy.Url("/in")));
   EXPECT_THAT(trace, testing::Not(testing::HasSubstr("secret")));
-}
-
-TEST_F(Kit, EachMistakeIsNamedAndLeavesNoFile) {
-  const auto expectRefused = [&](HostKitOptions options, const char* message) {
-    EXPECT_THAT([&] { HostKit{options}; }, testing::Throws<std::exception>(testing::Property(
-                                               &std::exception::what, testing::HasSubstr(message))));
-    EXPECT_FALSE(std::filesystem::exists(Path("store"))) << message;
-  };
-  const std::pair<KitEndpoint, const char*> endpoints[] = {
-      {{"ftp://h"}, "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
-      {{"http://\xff"}, "not valid UTF-8 at byte 7"},
-      {{"http://127.reports.test/v1"}, "use https, or allow http"},
-      {{"https://h:99999/"}, "endpoint 1 (https://h:99999/): the url isn't valid: Port"},
-      {{"https://a b/"}, "the url isn't valid: Bad hostname"},
-      {{"http:///"}, "the url isn't valid"},
-      {{"https://h", "veld_report.trigger"}, "this consumer name is reserved"},
-      {{"https://h", "", {"no certificate"}}, "endpoint 1"},
-  };
-  for (const auto& [endpoint, message] : endpoints) expectRefused(Options({endpoint}), message);
-  const HostKitOptions good = Options({{"http://127.0.0.1:1"}});
-  const std::pair<std::vector<std::string>, const char*> headers[] = {
-      {{"X-A: b", "X-Key"}, "header 2 isn't a line of the form"},
-      {{"content-TYPE: text/plain"}, "content-TYPE is set by the client"},
-      {{"X-A: b\r\nHost: c"}, "header 1 isn't a line of the form"},
-  };
-  HostKitOptions module = good, limit = good, key = good, trace = good, header = good;
-  for (const auto& [lines, message] : headers) {
-    header.http.headers = lines;
-    expectRefused(header, message);
-  }
-  module.modulePath = "libm.so.6";
-  expectRefused(module, "exports no function zelGetObjectFactory");
-  key.signingKeyFile = "none.pem";
-  expectRefused(key, "key file none.pem");
-  limit.settings.queueLimitKb = 4194304;
-  expectRefused(limit, "it must be 1 to 4194303");
-  trace.trace.path = "/nonexistent/trace";
-  expectRefused(trace, "trace file /nonexistent/trace");
-
-  HostKit kit(good);
-  EXPECT_THROW(kit.SetSettings({.endpoints = {{"gopher://h"}}}), std::invalid_argument);
-  EXPECT_TRUE(kit.SubmitJson("", "{}").Accepted());
 }
 
 }  // namespace

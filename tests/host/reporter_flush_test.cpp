@@ -6,6 +6,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <tuple>
 
@@ -159,28 +160,56 @@ TEST_F(Sending, FailedRequestsSayWhatIsWrong) {
   }
 }
 
-TEST_F(Sending, OpeningMistakesAreSentences) {
-  ReporterOptions withoutStore = Options({}), negative = Options({}), link = Options({}, "linked");
-  withoutStore.store.clear();
-  negative.retryAfter = seconds(-1);
-  std::filesystem::create_symlink(Path("elsewhere"), link.traceFile = Path("trace"));
-  std::ofstream(Path("trace file")) << "a";
-  Reporter holder(Options({}));
-  const std::pair<ReporterOptions, const char*> cases[] = {
-      {withoutStore, "reporter: no store is given; set ReporterOptions::store to a folder"},
-      {negative, "it must be 0 to 4294967"},
-      {link, "it is a symbolic link"},
-      {Options({}, "trace file"), "trace file is a file, but a store is a folder"},
-      {Options({{"127.0.0.1/v1"}}, "a"), "(127.0.0.1/v1): the url must begin with http:// or https://"},
-      {Options({{"http://127.0.0.1", "", {"sha256//"}}}, "b"), "without TLS nothing checks them; use https"},
-      {Options({}), "in use by"}};
-  for (const auto& [options, sentence] : cases) {
+TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
+  std::filesystem::create_symlink(Path("elsewhere"), Path("trace"));
+  std::ofstream(Path("a file")) << "a";
+  Reporter holder(Options({{"http://127.0.0.1:1"}}, "held"));
+  using Change = std::function<void(ReporterOptions&)>;
+  const std::pair<Change, const char*> mistakes[] = {
+      {[](auto& it) { it.store.clear(); }, "no store is given; set ReporterOptions::store to a folder"},
+      {[&](auto& it) { it.store = Path("a file"); }, "a file is a file, but a store is a folder"},
+      {[&](auto& it) { it.store = Path("held"); }, "in use by"},
+      {[&](auto& it) { it.traceFile = Path("trace"); }, "it is a symbolic link"},
+      {[](auto& it) { it.traceFile = "/nonexistent/trace"; }, "trace file /nonexistent/trace"},
+      {[](auto& it) { it.retryAfter = seconds(-1); }, "it must be 0 to 4294967"},
+      {[](auto& it) { it.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
+      {[](auto& it) { it.modulePath = "libm.so.6"; }, "exports no function zelGetObjectFactory"},
+      {[](auto& it) { it.signingKeyFile = "none.pem"; }, "key file none.pem"},
+      {[](auto& it) {
+         it.headers = {"X-A: b", "X-Key"};
+       },
+       "header 2 isn't a line of the form"},
+      {[](auto& it) { it.headers = {"X-A: b\r\nHost: c"}; }, "header 1 isn't a line of the form"},
+      {[](auto& it) { it.headers = {"content-TYPE: text/plain"}; }, "content-TYPE is set by the client"},
+  };
+  const std::pair<Endpoint, const char*> endpoints[] = {
+      {{"127.0.0.1/v1"}, "endpoint 1 (127.0.0.1/v1): the url must begin with http:// or https://"},
+      {{"ftp://h"}, "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
+      {{"http://\xff"}, "not valid UTF-8 at byte 7"},
+      {{"http://127.reports.test/v1"}, "use https, or allow http"},
+      {{"https://h:99999/"}, "endpoint 1 (https://h:99999/): the url isn't valid: Port"},
+      {{"https://a b/"}, "the url isn't valid: Bad hostname"},
+      {{"http:///"}, "the url isn't valid"},
+      {{"https://h", "veld_report.trigger"}, "this consumer name is reserved"},
+      {{"https://h", "", {"no certificate"}}, "endpoint 1"},
+      {{"http://127.0.0.1", "", {"sha256//"}}, "without TLS nothing checks them; use https"},
+  };
+  const auto expectRefused = [&](const Change& change, const char* sentence) {
+    ReporterOptions options = Options({{"http://127.0.0.1:1"}});
+    change(options);
     std::string error;
-    EXPECT_EQ(Reporter::TryOpen(options, &error), nullptr);
+    EXPECT_EQ(Reporter::TryOpen(options, &error), nullptr) << sentence;
     EXPECT_THAT(error, testing::HasSubstr(sentence));
     EXPECT_THROW(Reporter{options}, ReporterError);
+    EXPECT_FALSE(std::filesystem::exists(Path("store"))) << sentence;
+  };
+  for (const auto& [change, sentence] : mistakes) expectRefused(change, sentence);
+  for (const auto& [endpoint, sentence] : endpoints) {
+    expectRefused([&](auto& it) { it.endpoints = {endpoint}; }, sentence);
+    EXPECT_THROW(holder.SetSettings({.endpoints = {endpoint}}), ReporterError);
   }
   EXPECT_FALSE(std::filesystem::exists(Path("elsewhere")));
+  EXPECT_EQ(holder.TrySendJson("{}"), zel::sOk) << "to the endpoint that it has";
 }
 
 }  // namespace
