@@ -116,7 +116,7 @@ TEST_F(HostileClients, IsAnsweredOrCut) {
   for (const auto& each : cases) {
     SCOPED_TRACE(each.what);
     const auto start = Clock::now();
-    const RawAnswer answer = Exchange(port_, each.begin, server_test::AfterSending::wait, each.more);
+    const RawAnswer answer = Exchange(port_, each.begin, each.more);
     EXPECT_LT(Clock::now() - start, soon) << "it is neither answered nor cut";
     EXPECT_NE(std::find(each.answers.begin(), each.answers.end(), answer.status), each.answers.end())
         << answer.status << " " << answer.text.substr(0, 300);

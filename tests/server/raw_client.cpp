@@ -32,7 +32,7 @@ void SendAll(int handle, std::string_view text) {
   }
 }
 
-RawAnswer Exchange(std::uint16_t port, std::string_view request, AfterSending then, std::string_view drip) {
+RawAnswer Exchange(std::uint16_t port, std::string_view request, std::string_view drip) {
   RawAnswer answer;
   const int handle = Connect(port);
   if (handle < 0) return answer;
@@ -41,7 +41,6 @@ RawAnswer Exchange(std::uint16_t port, std::string_view request, AfterSending th
     SendAll(handle, request);
     while (!drip.empty() && send(handle, drip.data(), drip.size(), MSG_NOSIGNAL) > 0)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (then == AfterSending::close) shutdown(handle, SHUT_WR);
   });
   char block[4096];
   for (ssize_t length = 0; (length = recv(handle, block, sizeof(block), 0)) > 0;) {

@@ -13,13 +13,9 @@ struct RawAnswer {
   std::string text;
 };
 
-// close: the client's side of the connection, so that the server ends every exchange.
-enum class AfterSending { wait, close };
-
 // One connection to 127.0.0.1:`port`: sends `request`, then `drip` every 20 ms, and reads until the server
-// closes or ten seconds have passed. A client that waits has to ask for the closing in its request.
-RawAnswer Exchange(std::uint16_t port, std::string_view request, AfterSending then = AfterSending::wait,
-                   std::string_view drip = {});
+// closes or ten seconds have passed. A client has to ask for the closing in its request.
+RawAnswer Exchange(std::uint16_t port, std::string_view request, std::string_view drip = {});
 
 // A socket that is connected to 127.0.0.1:`port`, with ten seconds of patience; -1 if it can't be had. The
 // caller closes it.

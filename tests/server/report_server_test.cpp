@@ -75,8 +75,11 @@ TEST_F(ReportServerTest, WhatIsNot200StoresNothing) {
     EXPECT_EQ(Stored(), "");
     // A body of exactly the limit passes, also in chunks.
     EXPECT_EQ(Exchange(server.Port(), Post(fitting)).status, status);
-    EXPECT_EQ(Exchange(server.Port(), chunked + "3e8\r\n" + fitting + "\r\n0\r\n\r\n").status, status);
-    EXPECT_EQ(server.StoredItems(), status == 200 ? 4U : 0U);
+    std::string pieces;
+    for (const char byte : fitting) pieces += std::string("1\r\n") + byte + "\r\n";
+    for (const std::string& chunks : {"3e8\r\n" + fitting + "\r\n", pieces})
+      EXPECT_EQ(Exchange(server.Port(), chunked + chunks + "0\r\n\r\n").status, status);
+    EXPECT_EQ(server.StoredItems(), status == 200 ? 6U : 0U);
   }
 }
 
