@@ -40,8 +40,7 @@ struct ReportServerOptions {
   std::chrono::milliseconds requestTime{60'000};
   // For all bodies in transit. Raised to four times `bodyLimitBytes` if it is less.
   std::size_t bodyMemoryBytes = std::size_t{256} << 20;
-  std::string
-      capturePath;  // a folder for the bodies of messages that are refused (body_capture.h); empty: none
+  std::string capturePath;  // folder for the bodies of refused messages (body_capture.h); empty: none
   // Called with one line for each rejected message and each failure, on the server's threads.
   std::function<void(const std::string&)> log;
 };

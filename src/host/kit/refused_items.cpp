@@ -32,7 +32,7 @@ bool RefusedItems::OnPacketEnd(const EndedPacket& packet, std::uint16_t refusal,
   lastTried_ = packet.first;
   if (packet.delivered) pause_ = firstPause;
   if (packet.delivered || packet.items == 0) {
-    // Whatever was wrong may have been mended for the others too.
+    // Whatever was wrong may have been fixed for the others too.
     tokens_.erase(place);
     nextTrial_ = now;
     return true;

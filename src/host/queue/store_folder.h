@@ -42,7 +42,7 @@ void RefuseInheritedStore(const std::filesystem::path& folder);
 // descriptor, or -1 with errno set.
 int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
 
-// Which file a path names; another one if it was deleted and made anew.
+// Which file a path names; another one if it was deleted and created again.
 struct FileIdentity {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;

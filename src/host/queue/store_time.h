@@ -3,9 +3,9 @@
 //
 // It begins with the calendar. While the machine is up it goes on with the machine's uptime, whatever the
 // calendar shows and however often the store is closed. A note next to the store (DOMAIN.queue.time) carries
-// it over to the next process. Only how long the machine was down can't be known but from the calendar. That
-// counts as nothing if it is negative, and at most as half of the maximum age. So a clock that is wrong once
-// expires no item of the younger half, and one that was wrong in the future keeps no item for ever.
+// it over to the next process. Only how long the machine was down must come from the calendar. That counts as
+// nothing if it is negative, and at most as half of the maximum age. So a clock that is wrong once expires no
+// item of the younger half, and one that was wrong in the future keeps no item for ever.
 #pragma once
 
 #include <chrono>
@@ -26,8 +26,8 @@ class StoreTime {
   StoreTime(const std::filesystem::path& store, std::chrono::milliseconds maxAge,
             std::optional<std::int64_t> youngestMs, std::shared_ptr<const MachineClock> machine);
 
-  // Milliseconds, since 1970 if every clock was always right. Never less than in
-  // an earlier process that wrote its note.
+  // Milliseconds, since 1970 if every clock was always right. Never less than in an earlier process that
+  // wrote its note.
   std::int64_t NowMs() const { return base_ + machine_->UptimeMs(); }
   // False if there was no note: the times of the items may then be those of any calendar, even ahead.
   bool IsContinued() const { return continued_; }

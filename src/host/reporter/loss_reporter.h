@@ -25,7 +25,7 @@ class LossReporter {
   LossReporter& operator=(const LossReporter&) = delete;
   ~LossReporter() { End(); }
 
-  // Also hears of what was lost before and not reported yet. Throws std::bad_alloc and std::system_error.
+  // Also gets what was lost before and not reported yet. Throws std::bad_alloc and std::system_error.
   void SetListener(LossListener listener);
   // Names the queues of these urls, in addition to those known.
   void AddUrls(const std::vector<std::string>& urls);

@@ -100,8 +100,8 @@ class Reporter::Core : public std::enable_shared_from_this<Core> {
   Settings settings_;
   std::set<std::string, std::less<>> consumers_;
 
-  std::mutex
-      changeMutex_;  // held while the settings change, so that they change in the same order everywhere
+  // Held while the settings change, so that they change in the same order everywhere.
+  std::mutex changeMutex_;
 
   mutable std::mutex consentMutex_;  // guards the three members below; held while the kit gets the result
   bool sendingAllowed_ = true;       // the application's last choice

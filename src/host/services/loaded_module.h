@@ -1,6 +1,6 @@
-// LoadedModule: the module's shared library in this process.
+// LoadedModule: the module in this process, a shared library or a part of the program (linked_module.h).
 //
-// It is loaded at run time, so a host builds without it. It is only unloaded once it has
+// A shared library is loaded at run time, so a host builds without it. It is only unloaded once it has
 // reported that none of its objects is alive. The host must also make sure that no thread is inside its code,
 // so it stops its timer and its HTTP client first.
 #pragma once

@@ -14,9 +14,9 @@ namespace veld_report::host {
 // Life: open -> closed with the object. Threads: one at a time.
 class TraceFile {
  public:
-  // Opens the file for appending, or creates it, accessible to its owner only. A
-  // symbolic link isn't followed. An empty `path` means stderr,
-  // which has no limit. Throws std::runtime_error with the path and the reason.
+  // Opens the file for appending, or creates it, accessible to its owner only. A symbolic link isn't
+  // followed. An empty `path` means stderr, which has no limit. Throws std::runtime_error with the path and
+  // the reason.
   TraceFile(std::string path, std::uint64_t limitBytes);
   TraceFile(const TraceFile&) = delete;
   TraceFile& operator=(const TraceFile&) = delete;
