@@ -100,7 +100,7 @@ class COptions(ctypes.Structure):
         ("commit_every_record", c_uint32),
         ("sync_every_commit", c_uint32),
         ("hold_sending", c_uint32),
-        ("reserved", c_uint32),
+        ("stamp", c_uint32),
         ("log", CLog),
         ("log_context", c_void_p),
         ("loss_listener", CLossListener),

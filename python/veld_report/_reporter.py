@@ -241,6 +241,7 @@ class Reporter:
         # the listener.
         loss_listener: Optional[LossListener] = None,
         sending_allowed: bool = True,
+        stamp: bool = False,  # adds "recordId" and "recordTime" to each record that is an object
         memory_limit_records: int = 100000,  # not yet in the store; beyond it send refuses. 0: no limit
         memory_limit_bytes: int = 64 << 20,
         max_age: float = 0,  # of a record in the store; 0: no limit
@@ -282,6 +283,7 @@ class Reporter:
         options.commit_every_record = commit_every_record
         options.sync_every_commit = sync_every_commit
         options.hold_sending = not sending_allowed
+        options.stamp = stamp
         self._log = _TraceLog(logger) if trace_level and trace_file is None else None
         if self._log:
             options.log = _library.CLog(self._log.call)

@@ -41,14 +41,15 @@ struct Serialized {
 };
 
 inline Serialized Serialize(const zel::AnyPtr& object,
-                            const zel::Ref<StringStream>& stream = MakeObject<StringStream>()) {
+                            const zel::Ref<StringStream>& stream = MakeObject<StringStream>(),
+                            const std::shared_ptr<const RecordStamp>& stamp = {}) {
   Serialized result;
   const zel::JsonStorageOptions options;
   zel::Ref<zel::IStorage> storage;
   result.code = CreateJsonStorageFactory()->CreateJsonStorage(stream.Get(), &options, storage.Out());
   if (zel::Failed(result.code)) return result;
   zel::Ref<zel::IObject> context;
-  result.code = CreateSerializer()->Serialize(&object, storage.Get(), options.flag, context.Out());
+  result.code = CreateSerializer(stamp)->Serialize(&object, storage.Get(), options.flag, context.Out());
   result.flush = storage->Flush();
   result.text = stream->text;
   zel::Ref<zel::ISerializeErrorInfo> info;

@@ -43,6 +43,29 @@ TEST_F(Sending, FlushIsTrueOnceEveryFormOfRecordIsOnTheServer) {
   EXPECT_TRUE(reporter.Close(seconds(5)));
 }
 
+TEST_F(Sending, StampedRecordIsTheSameAtEveryServer) {
+  const auto first = Serve("first"), second = Serve("second");
+  ReporterOptions options = Options({{first->Url()}, {second->Url()}});
+  options.stamp = true;
+  options.common = {{"app", "one"}};
+  Reporter reporter(options);
+  reporter.Send(RecordBuilder().Add("n", 1));
+  Settings settings = reporter.CurrentSettings();
+  settings.common.push_back({"app", "again"});
+  EXPECT_EQ(reporter.TrySetSettings(settings), zel::eInvalidArgument);
+  settings.common = {{"app", "two"}};
+  reporter.SetSettings(settings);
+  reporter.Send(application::Started{"4.2.0", 312});
+  EXPECT_TRUE(reporter.Flush(seconds(20)));
+  const std::string stamp = R"("recordId":"[0-9a-f-]{36}","recordTime":"[0-9T:.-]{23}Z")";
+  EXPECT_THAT(
+      Stored("first"),
+      testing::ElementsAre(
+          testing::MatchesRegex(R"(\{"n":1,"app":"one",)" + stamp + "\\}"),
+          testing::MatchesRegex(R"(\{"version":"4.2.0","startupMs":312,"app":"two",)" + stamp + "\\}")));
+  EXPECT_EQ(Stored("first"), Stored("second"));
+}
+
 // One endpoint works and one doesn't: the flush must not be content with the half of it.
 TEST_F(Sending, FlushIsFalseUntilEveryQueueIsDelivered) {
   const std::uint16_t port = tests::ClosedPort();

@@ -81,6 +81,8 @@ void AddLimits(CLI::App* command, SendOptions* options) {
 }
 
 void AddOthers(CLI::App* command, SendOptions* options) {
+  command->add_flag("--stamp", options->stamp,
+                    "add \"recordId\" (a UUID) and \"recordTime\" to each record that doesn't have them");
   command->add_option("--sign", options->signKey, "private key (PEM) to sign the messages with")
       ->type_name("FILE");
   command->add_option("--trace", options->trace, "file to append trace lines to")->type_name("FILE");

@@ -15,6 +15,7 @@ struct SendOptions {
   std::uint32_t queueLimitKb = 1 << 20;
   std::uint32_t sendTimeoutSeconds = 1;
   bool allowHttp = false;
+  bool stamp = false;
   std::string signKey;
   std::string to;  // the consumer of the records; empty: all
   std::string trace;

@@ -122,7 +122,8 @@ void SendRun::ReadInput() {
 void SendRun::TakeLine(std::string_view line) {
   // A blank line is neither a record nor an error.
   if (line.empty() || !CheckLine(line)) return;
-  const auto bytes = static_cast<std::int64_t>(line.size());
+  const std::size_t added = options_.stamp ? host::RecordStamp::stampBytes : 0;
+  const auto bytes = static_cast<std::int64_t>(line.size() + added);
   if (!room_.CanEverFit(bytes)) return RefuseLine("it is larger than --queue-limit allows");
   if (!WaitForRoom(bytes)) {
     stopped_ = true;

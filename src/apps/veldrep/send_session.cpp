@@ -28,6 +28,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   kit.settings.queueLimitKb = options.queueLimitKb;
   kit.settings.sendTimeoutS = options.sendTimeoutSeconds;
   kit.settings.allowHttp = options.allowHttp;
+  kit.stamp = options.stamp;
   kit.queues.folder = options.store;
   kit.trace.path = options.trace;
   kit.trace.level = options.trace.empty() ? 0 : options.traceLevel;
@@ -39,7 +40,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
 std::string SendSession::Submit(std::string_view json) {
   const host::Submission submission = kit_->SubmitJson(to_, json);
   if (!submission.Accepted()) return "the sender rejected it: " + CodeText(submission.code);
-  memory_.Add(json.size() + overheadBytes);
+  memory_.Add(submission.bytes + overheadBytes);
   return {};
 }
 

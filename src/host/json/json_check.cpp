@@ -15,6 +15,7 @@ constexpr std::size_t keptCapacityBytes = 1 << 20;  // a parser that has grown l
 
 struct JsonCheck::Parser {
   simdjson::dom::parser parser;
+  simdjson::dom::element root;  // of the text that was parsed last
 };
 
 JsonCheck::JsonCheck() {
@@ -28,11 +29,16 @@ JsonCheck::~JsonCheck() = default;
 bool JsonCheck::IsOneValue(std::string_view text) { return IsOneValue(text, nullptr); }
 
 bool JsonCheck::IsOneValue(std::string_view text, std::string* why) {
-  std::unique_ptr<Parser> borrowed = Borrow();
+  return Value(*this, text, why).IsValid();
+}
+
+JsonCheck::Value JsonCheck::Read(std::string_view text) { return {*this, text, nullptr}; }
+
+JsonCheck::Value::Value(JsonCheck& check, std::string_view text, std::string* why)
+    : check_(check), parser_(check.Borrow()) {
   // simdjson skips a byte order mark, but in JSON it isn't whitespace.
   const bool marked = text.starts_with("\xef\xbb\xbf");
-  const simdjson::error_code error = borrowed->parser.parse(text.data(), text.size()).error();
-  GiveBack(std::move(borrowed));
+  const simdjson::error_code error = parser_->parser.parse(text.data(), text.size()).get(parser_->root);
   if (error == simdjson::MEMALLOC) throw std::bad_alloc();
   if (why && marked) *why = "it begins with a byte order mark";
   if (why && !marked && error != simdjson::SUCCESS) {
@@ -41,7 +47,19 @@ bool JsonCheck::IsOneValue(std::string_view text, std::string* why) {
                ? "it has a number that isn't valid JSON, or an integer beyond 64 bits (send that as text)"
                : simdjson::error_message(error);
   }
-  return error == simdjson::SUCCESS && !marked;
+  valid_ = error == simdjson::SUCCESS && !marked;
+}
+
+JsonCheck::Value::~Value() { check_.GiveBack(std::move(parser_)); }
+
+bool JsonCheck::Value::IsObject() const { return valid_ && parser_->root.is_object(); }
+
+bool JsonCheck::Value::IsEmptyObject() const {
+  return IsObject() && parser_->root.get_object().value_unsafe().size() == 0;
+}
+
+bool JsonCheck::Value::Has(std::string_view name) const {
+  return IsObject() && parser_->root.at_key(name).error() == simdjson::SUCCESS;
 }
 
 std::unique_ptr<JsonCheck::Parser> JsonCheck::Borrow() {

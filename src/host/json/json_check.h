@@ -28,6 +28,10 @@ class JsonCheck {
   // The same; `*why` receives the reason of a refusal.
   bool IsOneValue(std::string_view text, std::string* why);
 
+  // The same, for those who need to know the names of an object's members. Throws std::bad_alloc.
+  class Value;
+  Value Read(std::string_view text);
+
  private:
   struct Parser;
   std::unique_ptr<Parser> Borrow();
@@ -35,6 +39,27 @@ class JsonCheck {
 
   std::mutex mutex_;  // guards idle_; held briefly
   std::vector<std::unique_ptr<Parser>> idle_;
+};
+
+// A checked text. For one thread; must not outlive its check.
+class JsonCheck::Value {
+ public:
+  Value(JsonCheck& check, std::string_view text, std::string* why);
+  Value(const Value&) = delete;
+  Value& operator=(const Value&) = delete;
+  ~Value();
+
+  // Whether the text is one value. If it isn't, the others return false.
+  bool IsValid() const { return valid_; }
+  bool IsObject() const;
+  bool IsEmptyObject() const;
+  // Whether the text is an object with this member.
+  bool Has(std::string_view name) const;
+
+ private:
+  JsonCheck& check_;
+  std::unique_ptr<Parser> parser_;
+  bool valid_ = false;
 };
 
 }  // namespace veld_report::host

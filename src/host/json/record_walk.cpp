@@ -125,6 +125,16 @@ zel::ResultCode RecordWalk::Object(const SerObjDescriptor& descriptor, void* obj
       return code;
     }
   }
+  if (depth_ == 1 && stamp_) {
+    stamp_->Write(out_, first, [&descriptor](std::string_view name) {
+      const SerFieldDescriptor* row = descriptor.fields;
+      while (row->flags != SerFieldDescriptor::endOfTable &&
+             (row->name[0] != name.front() || name != row->name)) {
+        ++row;
+      }
+      return row->flags != SerFieldDescriptor::endOfTable;
+    });
+  }
   out_.Raw('}');
   return out_.Failure();
 }
@@ -226,9 +236,28 @@ zel::ResultCode RecordWalk::Value(std::uint32_t kind, const void* value, std::ui
 }
 
 zel::ResultCode RecordWalk::JsonText(std::string_view text) {
+  if (depth_ == 0 && stamp_) return StampedText(text);
   if (!check_.IsOneValue(text)) return zel::eInvalidArgument;
-  // Whitespace in a valid text is only found between tokens and is never needed there. Without line breaks an
-  // item is always a single line.
+  WithoutBreaks(text);
+  return out_.Failure();
+}
+
+zel::ResultCode RecordWalk::StampedText(std::string_view text) {
+  const JsonCheck::Value value = check_.Read(text);
+  if (!value.IsValid()) return zel::eInvalidArgument;
+  if (value.IsObject()) {
+    WithoutBreaks(text.substr(0, text.rfind('}')));
+    stamp_->Write(out_, value.IsEmptyObject(), [&value](std::string_view name) { return value.Has(name); });
+    out_.Raw('}');
+  } else {
+    WithoutBreaks(text);
+  }
+  return out_.Failure();
+}
+
+// Whitespace in a valid text is only found between tokens and is never needed there. Without line breaks an
+// item is always a single line.
+void RecordWalk::WithoutBreaks(std::string_view text) {
   constexpr std::string_view breaks = "\t\n\r";
   while (!text.empty() && (breaks.find(text.back()) != std::string_view::npos || text.back() == ' ')) {
     text.remove_suffix(1);
@@ -239,7 +268,6 @@ zel::ResultCode RecordWalk::JsonText(std::string_view text) {
     out_.Raw(text.substr(0, run));
     text.remove_prefix(std::min(run + 1, text.size()));
   }
-  return out_.Failure();
 }
 
 void RecordWalk::Locate(const SerObjDescriptor& descriptor, const SerFieldDescriptor& row) {

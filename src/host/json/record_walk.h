@@ -8,6 +8,7 @@
 #include "contract/json.h"
 #include "host/json/json_check.h"
 #include "host/json/json_text_writer.h"
+#include "host/json/record_stamp.h"
 
 namespace veld_report::host {
 
@@ -19,13 +20,16 @@ struct WalkLocation {
   std::uint32_t index = zel::SerializeErrorLocation::noIndex;
 };
 
-// Life: made -> walked once. For one thread. `out` and `check` must outlive it.
+// Life: made -> walked once. For one thread. What the constructor gets must outlive it.
 class RecordWalk {
  public:
   // The maximum nesting depth of records. Deeper nesting can only be a descriptor that contains itself.
   static constexpr std::uint32_t depthLimit = 64;
 
-  RecordWalk(JsonTextWriter& out, JsonCheck& check) : out_(out), check_(check) {}
+  // `stamp` may be null. Otherwise its members are added to the record, if that is an object. A member that
+  // the record has already stays as it is; a field of a structure counts even if it is optional and empty.
+  RecordWalk(JsonTextWriter& out, JsonCheck& check, const RecordStamp* stamp = nullptr)
+      : out_(out), check_(check), stamp_(stamp) {}
 
   // Returns 0 or the first failure, with Location() set. 0x80000046 "Invalid argument": the descriptor is
   // broken (an unexpected null pointer, an unknown kind or flag, a width that doesn't exist, a serId that
@@ -49,10 +53,13 @@ class RecordWalk {
   zel::ResultCode Array(const zel::SerFieldDescriptor& row, void* field, const Elements& elements);
   zel::ResultCode Value(std::uint32_t kind, const void* value, std::uint64_t size);
   zel::ResultCode JsonText(std::string_view text);
+  zel::ResultCode StampedText(std::string_view text);
+  void WithoutBreaks(std::string_view text);
   void Locate(const zel::SerObjDescriptor& descriptor, const zel::SerFieldDescriptor& row);
 
   JsonTextWriter& out_;
   JsonCheck& check_;
+  const RecordStamp* const stamp_;
   WalkLocation location_;
   bool located_ = false;
   std::uint32_t depth_ = 0;

@@ -32,6 +32,8 @@ class ErrorInfo final : public HostObject<zel::ISerializeErrorInfo> {
 
 class Serializer final : public HostObject<zel::IStorageSerializer2> {
  public:
+  explicit Serializer(std::shared_ptr<const RecordStamp> stamp) : stamp_(std::move(stamp)) {}
+
   zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t,
                             zel::IObject** context) override {
     if (!object || !storage) return zel::eInvalidArgument;
@@ -47,17 +49,20 @@ class Serializer final : public HostObject<zel::IStorageSerializer2> {
 
  private:
   zel::ResultCode Walk(const zel::AnyPtr& object, JsonTextWriter& writer, zel::IObject** context) {
-    RecordWalk walk(writer, check_);
+    RecordWalk walk(writer, check_, stamp_ && stamp_->AddsSomething() ? stamp_.get() : nullptr);
     const zel::ResultCode code = walk.Record(object.descriptor, object.object);
     if (zel::Failed(code) && context && !*context) *context = MakeObject<ErrorInfo>(walk.Location()).Detach();
     return code;
   }
 
+  const std::shared_ptr<const RecordStamp> stamp_;
   JsonCheck check_;
 };
 
 }  // namespace
 
-zel::Ref<zel::IStorageSerializer2> CreateSerializer() { return MakeObject<Serializer>(); }
+zel::Ref<zel::IStorageSerializer2> CreateSerializer(std::shared_ptr<const RecordStamp> stamp) {
+  return MakeObject<Serializer>(std::move(stamp));
+}
 
 }  // namespace veld_report::host

@@ -70,6 +70,12 @@ zel::Ref<orvel::ISignatureProvider> MakeSigner(const std::string& keyFile) {
   return MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(keyFile));
 }
 
+std::shared_ptr<RecordStamp> MakeStamp(const HostKitOptions& options) {
+  auto stamp = std::make_shared<RecordStamp>(options.stamp, options.clock);
+  stamp->SetCommon(RecordStamp::Prepare(options.settings.common));
+  return stamp;
+}
+
 }  // namespace
 
 // Everything that can be wrong with the options is found out before the store is opened, so that a mistake
@@ -79,6 +85,7 @@ HostKit::HostKit(const HostKitOptions& options)
       tracer_(MakeObject<LineTracer>(options.trace)),
       gate_(std::make_shared<DeliveryGate>(options.clock)),
       settings_(std::make_unique<const BuiltSettings>(options.settings)),
+      stamp_(MakeStamp(options)),
       module_(LoadModule(options.modulePath)),
       signer_(MakeSigner(options.signingKeyFile)),
       http_(MakeHttp(options, tracer_, gate_)),
@@ -109,7 +116,7 @@ HostKit::~HostKit() { Close(); }
 void HostKit::RegisterServices(const HostKitOptions& options) {
   const auto hashes = MakeObject<HashService>();
   const auto storages = CreateJsonStorageFactory();
-  const auto serializer = CreateWatchedSerializer(CreateSerializer());
+  const auto serializer = CreateWatchedSerializer(CreateSerializer(), CreateSerializer(stamp_));
   const auto notification =
       MakeObject<FunctionNotification>(WatchRequests(http_, urlStates_, options.onRequestFinished));
   for (ServiceLocator* locator : {locator_.Get(), intakeLocator_.Get()}) {
@@ -205,6 +212,7 @@ void HostKit::AllowSending(bool allowed) noexcept {
 
 void HostKit::SetSettings(const KitSettings& settings) {
   auto built = std::make_unique<const BuiltSettings>(settings);
+  auto common = RecordStamp::Prepare(settings.common);
   const std::lock_guard lock(settingsMutex_);
   if (!intake_ || !delivery_) throw std::runtime_error("settings: the sender is closed");
   http_->AnnounceUrls(built->Urls());
@@ -219,6 +227,7 @@ void HostKit::SetSettings(const KitSettings& settings) {
   gate_->SetSettings(settings);
   urlStates_->SetUrls(built->Urls());
   SetRecordLimit(settings);
+  stamp_->SetCommon(std::move(common));
   settings_ = std::move(built);
 }
 

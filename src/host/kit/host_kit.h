@@ -17,6 +17,7 @@
 
 #include "contract/sender.h"
 #include "contract/signature.h"
+#include "host/json/record_stamp.h"
 #include "host/kit/drain_watch.h"
 #include "host/kit/host_kit_options.h"
 #include "host/kit/module_sender.h"
@@ -107,6 +108,7 @@ class HostKit {
   const std::shared_ptr<DeliveryGate> gate_;  // shared with the store and the HTTP clients
   std::mutex settingsMutex_;                  // held from AnnounceUrls to the end of the SetSettings after it
   std::unique_ptr<const BuiltSettings> settings_;
+  const std::shared_ptr<RecordStamp> stamp_;  // shared with the serialiser
   std::unique_ptr<LoadedModule> module_;
   zel::Ref<orvel::ISignatureProvider> signer_;  // may be null
   zel::Ref<HttpClientFactory> http_;

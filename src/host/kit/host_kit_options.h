@@ -10,6 +10,7 @@
 #include "contract/queue.h"
 #include "host/base/clock.h"
 #include "host/http/http_client.h"
+#include "host/json/record_stamp.h"
 #include "host/queue/queue_service_options.h"
 #include "host/services/function_notification.h"
 #include "host/services/line_tracer.h"
@@ -36,6 +37,7 @@ struct KitSettings {
   // Allows http:// urls to other machines than this one. Without TLS anyone on the way can read the records,
   // and any 200, such as that of a hotel's login page, deletes them.
   bool allowHttp = false;
+  std::vector<CommonMember> common{};  // of every record that is an object
 };
 
 struct HostKitOptions {
@@ -44,6 +46,7 @@ struct HostKitOptions {
   QueueServiceOptions queues{};  // `folder` is required; `tracer` and `pacer` are set by the kit
   HttpClientOptions http{};      // `tracer`, `clock` and `takeRecords` are set by the kit
   LineTracerOptions trace{.level = 0};
+  bool stamp = false;            // adds an id and the time to each record (host/json/record_stamp.h)
   std::string signingKeyFile{};  // an Ed25519 private key in PEM form; empty: messages are unsigned
   FunctionNotification::Function onRequestFinished{};  // may be empty
   std::shared_ptr<Clock> clock{};  // of the timer, the intervals and the HTTP client; null: the system's

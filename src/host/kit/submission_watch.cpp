@@ -28,16 +28,20 @@ std::string Place(zel::IObject* context) {
 
 class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
  public:
-  explicit WatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner) : inner_(std::move(inner)) {}
+  WatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner, zel::Ref<zel::IStorageSerializer2> ofRecords)
+      : inner_(std::move(inner)), ofRecords_(std::move(ofRecords)) {}
 
   zel::ResultCode Serialize(const zel::AnyPtr* object, zel::IStorage* storage, std::uint32_t flag,
                             zel::IObject** context) override {
-    const zel::ResultCode code = inner_->Serialize(object, storage, flag, context);
+    const bool isRecord = ofRecords_ && SubmissionWatch::IsOnThisThread();
+    const auto& chosen = isRecord ? ofRecords_ : inner_;
+    const zel::ResultCode code = chosen->Serialize(object, storage, flag, context);
     return storage ? SubmissionWatch::Note(code, *storage, context ? *context : nullptr) : code;
   }
 
  private:
   const zel::Ref<zel::IStorageSerializer2> inner_;
+  const zel::Ref<zel::IStorageSerializer2> ofRecords_;
 };
 
 }  // namespace
@@ -45,6 +49,8 @@ class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
 SubmissionWatch::SubmissionWatch(std::uint64_t limitBytes)
     : limitBytes_(limitBytes), outer_(std::exchange(current, this)) {}
 SubmissionWatch::~SubmissionWatch() { current = outer_; }
+
+bool SubmissionWatch::IsOnThisThread() noexcept { return current != nullptr; }
 
 zel::ResultCode SubmissionWatch::Note(zel::ResultCode code, zel::IStorage& storage,
                                       zel::IObject* context) noexcept {
@@ -67,8 +73,9 @@ zel::ResultCode SubmissionWatch::Note(zel::ResultCode code, zel::IStorage& stora
   return result.code;
 }
 
-zel::Ref<zel::IStorageSerializer2> CreateWatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner) {
-  return MakeObject<WatchedSerializer>(std::move(inner));
+zel::Ref<zel::IStorageSerializer2> CreateWatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner,
+                                                           zel::Ref<zel::IStorageSerializer2> ofRecords) {
+  return MakeObject<WatchedSerializer>(std::move(inner), std::move(ofRecords));
 }
 
 }  // namespace veld_report::host

@@ -35,6 +35,7 @@ class SubmissionWatch {
   // 0x8000006b "Not initialized" if there was no serialisation.
   Submission Take() { return std::move(result_); }
 
+  static bool IsOnThisThread() noexcept;
   // For the serialiser, which returns the result. Changes nothing on a thread without a watch.
   static zel::ResultCode Note(zel::ResultCode code, zel::IStorage& storage, zel::IObject* context) noexcept;
 
@@ -44,7 +45,9 @@ class SubmissionWatch {
   SubmissionWatch* const outer_;
 };
 
-// A serialiser that acts like `inner` and notes the outcome.
-zel::Ref<zel::IStorageSerializer2> CreateWatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner);
+// A serialiser that acts like `inner` and notes the outcome. On a thread with a watch it acts like
+// `ofRecords`, if that isn't null: the sender also has its own messages serialised, on other threads.
+zel::Ref<zel::IStorageSerializer2> CreateWatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner,
+                                                           zel::Ref<zel::IStorageSerializer2> ofRecords = {});
 
 }  // namespace veld_report::host

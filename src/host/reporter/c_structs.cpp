@@ -91,6 +91,7 @@ ReporterOptions OptionsOf(const veld_report_options& given) {
   options.listener = ListenerOf(given.listener, given.listener_context);
   options.lossListener = LossListenerOf(given.loss_listener, given.loss_context);
   options.sendingAllowed = given.hold_sending == 0;
+  options.stamp = given.stamp != 0;
   SetLimit(options.memoryLimitRecords, given.memory_limit_records);
   SetLimit(options.memoryLimitBytes, given.memory_limit_bytes);
   if (given.max_age_ms != VELD_REPORT_NO_LIMIT) {

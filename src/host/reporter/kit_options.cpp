@@ -16,7 +16,7 @@ std::uint32_t SecondsOf(const char* name, std::chrono::seconds given) {
 
 Settings SettingsOf(const ReporterOptions& options) {
   return {options.endpoints,     options.packetLimit, options.queueLimitKb, options.retryAfter,
-          options.packetLimitKb, options.sendEvery,   options.allowHttp};
+          options.packetLimitKb, options.sendEvery,   options.allowHttp,    options.common};
 }
 
 host::KitSettings KitSettingsOf(const Settings& settings) {
@@ -30,6 +30,7 @@ host::KitSettings KitSettingsOf(const Settings& settings) {
   result.packetLimitKb = settings.packetLimitKb;
   result.sendEveryS = SecondsOf("sendEvery", settings.sendEvery);
   result.allowHttp = settings.allowHttp;
+  for (const CommonMember& each : settings.common) result.common.push_back({each.name, each.value});
   return result;
 }
 
@@ -55,6 +56,7 @@ host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
   result.trace.path = options.traceFile;
   result.trace.level = options.traceLevel;
   result.trace.log = options.log;
+  result.stamp = options.stamp;
   result.signingKeyFile = options.signingKeyFile;
   return result;
 }

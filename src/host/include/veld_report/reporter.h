@@ -60,6 +60,12 @@ struct Endpoint {
   PlainVector<std::string> certificates{};
 };
 
+// A member that is added to every record: a name, and a text in UTF-8 that becomes a JSON string.
+struct CommonMember {
+  std::string name{};
+  std::string value{};
+};
+
 // The settings that can be changed at run time.
 struct Settings {
   PlainVector<Endpoint> endpoints{};
@@ -73,6 +79,9 @@ struct Settings {
   // Allows http:// urls to other machines than this one. Without TLS anyone on the way can read the records,
   // and any 200, such as that of a hotel's login page, deletes them.
   bool allowHttp = false;
+  // Added to every record that is a JSON object, after its own members, when it is sent. The names differ
+  // from each other, and from the two of `ReporterOptions::stamp`.
+  PlainVector<CommonMember> common{};
 };
 
 // Called for each completed request, but not for one that was held back and never sent, on a thread of the
@@ -94,6 +103,13 @@ struct ReporterOptions {
   std::uint32_t packetLimitKb = 256;
   std::chrono::seconds sendEvery{0};
   bool allowHttp = false;
+  PlainVector<CommonMember> common{};
+  // Adds two members to the end of every record that is a JSON object, at Send: "recordId", a UUID of version
+  // 7 (RFC 9562), each greater than those before it in this process, and "recordTime", such as
+  // "2026-03-31T09:41:07.250Z". A record that is delivered twice has the same ones both times, so a server
+  // can tell. A record that has a member of one of these names, or of a name in `common`, keeps its own. A
+  // field of a structure counts as such a member even if it is an empty optional.
+  bool stamp = false;
   // How long the destructor waits for undelivered records, like Close.
   std::chrono::milliseconds closeDeadline{2000};
 

@@ -137,7 +137,7 @@ typedef struct veld_report_options {
   uint32_t commit_every_record;  /* not 0: each record is written by itself, not in groups of 10 ms */
   uint32_t sync_every_commit;    /* not 0: what is written survives a crash of the machine */
   uint32_t hold_sending;         /* not 0: sends nothing until veld_report_allow_sending */
-  uint32_t reserved;             /* 0 */
+  uint32_t stamp;                /* not 0: adds "recordId" and "recordTime" to each record, see reporter.h */
   veld_report_log log;           /* gets the trace in place of the file */
   void* log_context;
   veld_report_loss_listener loss_listener; /* default: none */
