@@ -158,7 +158,55 @@ void QueueWriter::TryDeletionsAlone() {
       // There may still be room at the log's end.
     }
   }
+  while (const std::size_t count = OldestDeletions()) {
+    if (!TryDeletions(count)) break;
+  }
   Try(false);
+}
+
+// How many deletions to write by themselves because all of them would take more than half a log; 0 if they
+// wouldn't. Each overwrites the item's pages, and changes about one besides.
+std::size_t QueueWriter::OldestDeletions() const {
+  constexpr std::int64_t halfLog = std::int64_t{logPages} * storePageBytes / 2;
+  std::int64_t bytes = 0;
+  for (std::size_t i = 0; i < deletes_.size(); ++i) {
+    bytes += deletes_[i].item.bytes + storePageBytes;
+    if (bytes > halfLog) return std::max<std::size_t>(i, 1);
+  }
+  return 0;
+}
+
+bool QueueWriter::TryDeletions(std::size_t count) {
+  try {
+    WriteDeletions(std::span(deletes_).first(count));
+  } catch (const SqliteError&) {
+    Undo();
+    return false;
+  }
+  deletes_.erase(deletes_.begin(), deletes_.begin() + static_cast<std::ptrdiff_t>(count));
+  return true;
+}
+
+// The figures of what stays in the buffer stay there, too.
+void QueueWriter::WriteDeletions(std::span<const Delete> oldest) {
+  file_.Begin();
+  for (BufferedQueue* queue : dirty_) queue->change_ = queue->correction_ = {};
+  for (const Delete& removed : oldest) removed.queue->change_.Leave(removed.kind, removed.item);
+  DeleteSingly(oldest);
+  for (BufferedQueue* queue : dirty_) {
+    if (queue->change_ == QueueLedger{}) continue;
+    queue->change_ += queue->correction_;
+    file_.UpdateQueue(queue->id_, std::nullopt, queue->change_);
+  }
+  file_.Commit();
+  for (const Delete& removed : oldest) {
+    removed.queue->unwritten_.Leave(removed.kind, -removed.item);
+    removed.queue->ahead_.Drop(removed.token);
+    deletedTokens_.erase(removed.token);
+    if (removed.kind == &QueueLedger::evicted) --evictions_;
+  }
+  const std::lock_guard lock(figuresMutex_);
+  for (BufferedQueue* queue : dirty_) queue->ledger_ += queue->correction_;
 }
 
 bool QueueWriter::Try(bool withItems) {
@@ -197,7 +245,7 @@ void QueueWriter::Write(bool withItems) {
     added_.push_back(queue);
     queue->id_ = file_.AddQueue(queue->name_);
   }
-  if (!deleted) DeleteSingly();
+  if (!deleted) DeleteSingly(deletes_);
   WriteRemovals();
   if (withItems) WriteItems();
   for (BufferedQueue* queue : dirty_) {
@@ -222,8 +270,8 @@ bool QueueWriter::DeleteRuns() {
   return true;
 }
 
-void QueueWriter::DeleteSingly() {
-  for (const Delete& removed : deletes_) {
+void QueueWriter::DeleteSingly(std::span<const Delete> deletes) {
+  for (const Delete& removed : deletes) {
     if (file_.DeleteItem(removed.token)) continue;
     // Another process was faster and has counted it.
     removed.queue->correction_.Leave(removed.kind, -removed.item);

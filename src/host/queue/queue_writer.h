@@ -56,8 +56,8 @@ class QueueWriter {
   void EndReading(BufferedQueue& queue) { queue.ahead_.Shrink(); }
 
   // Writes everything in the buffer. Returns false on failure: the buffer is then unchanged, except that
-  // deletions alone may have been written, and Error() says why. On a full disk the log's own room is reused
-  // and, for deletions, the reserve is given up.
+  // deletions may have been written, and Error() says why. On a full disk the log's own room is reused and,
+  // for deletions, the reserve is given up; they are then written in parts that fit into it.
   bool Flush();
 
   bool IsDirty() const { return !dirty_.empty(); }
@@ -105,10 +105,13 @@ class QueueWriter {
   void Touch(BufferedQueue& queue, bool urgent = true);
   bool Try(bool withItems);
   void TryDeletionsAlone();
+  std::size_t OldestDeletions() const;
+  bool TryDeletions(std::size_t count);
+  void WriteDeletions(std::span<const Delete> oldest);
   void Undo() noexcept;
   void Write(bool withItems);
   bool DeleteRuns();
-  void DeleteSingly();
+  void DeleteSingly(std::span<const Delete> deletes);
   void WriteRemovals();
   void WriteItems();
   void Settle(bool withItems);
