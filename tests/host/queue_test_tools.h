@@ -1,6 +1,7 @@
 // What the tests of the store share: a store in a folder of its own.
 #pragma once
 
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
@@ -49,8 +50,9 @@ struct ManualMachine final : host::MachineClock {
   }
 
   std::string boot = "first";
-  std::int64_t uptimeMs = 500'000;
-  std::int64_t calendarMs = 1'700'000'000'000;
+  // Read by the store's thread, too.
+  std::atomic<std::int64_t> uptimeMs = 500'000;
+  std::atomic<std::int64_t> calendarMs = 1'700'000'000'000;
 };
 
 // What is traced, from any thread.

@@ -28,7 +28,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
  protected:
   ~StoreCourses() override { EndServices(); }
   void Begin() override {
-    *machine_ = {};
+    machine_ = std::make_shared<ManualMachine>();
     EnterNewFolder();
     OpenAs("one", {});
     lines_.Take();
@@ -229,7 +229,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   std::uint64_t lastToken_ = 0;  // of what was filled in
   std::string spoiled_;          // the store's file when it was checked
   std::string opened_;           // what its mark said while it was open
-  const std::shared_ptr<ManualMachine> machine_ = std::make_shared<ManualMachine>();
+  std::shared_ptr<ManualMachine> machine_ = std::make_shared<ManualMachine>();
   int count_ = 0;
 };
 
