@@ -1,16 +1,16 @@
 // Memory of framework objects: the host's zel::IAllocator, and zel::Allocator, which containers hold.
 //
 // The rule: memory comes from the allocator that the host gave to the owning object; if there is none, from
-// the process heap (malloc and free). A block is freed where it was allocated. Since the process heap is the
-// same on both sides of the boundary, the host may fill a container that has no allocator, and the module
-// frees it.
+// the process heap (types/platform/process_heap.h). A block is freed where it was allocated. Since the
+// process heap is the same on both sides of the boundary, the host may fill a container that has no
+// allocator, and the module frees it.
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <new>
 
 #include "types/object.h"
+#include "types/platform/process_heap.h"
 #include "types/ref.h"
 
 namespace zel {
@@ -32,7 +32,7 @@ class IAllocator : public IObject {
 
 // Returns `size` bytes from `allocator`, or from the process heap if that is null. Throws std::bad_alloc.
 inline void* AllocateMemory(IAllocator* allocator, std::uint64_t size) {
-  void* memory = allocator ? allocator->Allocate(size) : std::malloc(size);
+  void* memory = allocator ? allocator->Allocate(size) : platform::AllocateFromProcessHeap(size);
   if (!memory) throw std::bad_alloc();
   return memory;
 }
@@ -41,7 +41,7 @@ inline void* AllocateMemory(IAllocator* allocator, std::uint64_t size) {
 // freed in destructors and during unwinding, where another exception would end the process.
 inline void FreeMemory(IAllocator* allocator, void* memory) noexcept {
   if (!allocator) {
-    std::free(memory);
+    platform::FreeToProcessHeap(memory);
     return;
   }
   try {

@@ -1,10 +1,11 @@
 #include "types/text_conversion.h"
 
-#include <climits>
 #include <cstddef>
 #include <cwchar>
 #include <new>
 #include <typeinfo>
+
+#include "types/platform/locale_text.h"
 
 namespace zel {
 namespace {
@@ -41,14 +42,12 @@ ResultCode Resize(basic_string_t<C>* out, std::uint64_t size) {
 }
 
 // Writes one code point in the locale's encoding. Returns 0 if the locale lacks it. NUL takes one byte.
-std::size_t EncodeNarrow(std::uint32_t codePoint, char (&buffer)[MB_LEN_MAX]) {
+std::size_t EncodeNarrow(std::uint32_t codePoint, char (&buffer)[platform::characterRoom]) {
   if (codePoint == 0) {
     buffer[0] = '\0';
     return 1;
   }
-  std::mbstate_t state{};
-  const std::size_t length = std::wcrtomb(buffer, static_cast<wchar_t>(codePoint), &state);
-  return length == static_cast<std::size_t>(-1) ? 0 : length;
+  return platform::EncodeCharacter(codePoint, buffer);
 }
 
 // Calls `visit` for each character of locale text, as the value of a wchar_t. False at an invalid sequence.
@@ -154,7 +153,7 @@ ResultCode WideToUtf8(std::u16string_view text, string* out) {
 }
 
 ResultCode WideToNarrow(std::u16string_view text, string* out) {
-  char buffer[MB_LEN_MAX];
+  char buffer[platform::characterRoom];
   std::uint64_t total = 0;
   const bool valid = ForEachCodePoint(text, [&](std::uint32_t codePoint) {
     const std::size_t length = EncodeNarrow(codePoint, buffer);

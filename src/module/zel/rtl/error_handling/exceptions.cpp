@@ -1,11 +1,11 @@
 #include "zel/rtl/error_handling/exceptions.h"
 
-#include <charconv>
 #include <new>
 #include <string_view>
 #include <utility>
 
 #include "types/format.h"
+#include "types/platform/locale_text.h"
 #include "types/text_conversion.h"
 #include "zel/rtl/error_handling/result_code_texts.h"
 
@@ -24,8 +24,8 @@ void AppendHex8(wstring* out, std::uint32_t value) {
 }
 
 wstring DecimalText(std::int32_t value) {
-  char digits[16] = {};
-  std::to_chars(digits, digits + sizeof(digits) - 1, value);
+  char digits[16];
+  platform::DecimalText(value, digits);
   return NarrowToWide(digits);
 }
 
