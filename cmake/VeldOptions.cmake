@@ -2,12 +2,20 @@
 include_guard(GLOBAL)
 
 option(VELD_WERROR "Treat warnings as errors" OFF)
+option(VELD_HOST "Build the host kit; without it there is only the module" ON)
+set(veldWhole ${PROJECT_IS_TOP_LEVEL})
+if(NOT VELD_HOST)
+  set(veldWhole OFF)
+endif()
 # Inside another project only the libraries are built, and nothing is installed unless it asks for that.
-option(VELD_PROGRAM "Build veldrep, for which libmicrohttpd and CLI11 are needed" ${PROJECT_IS_TOP_LEVEL})
-option(VELD_TESTS "Build the tests; needs VELD_PROGRAM" ${PROJECT_IS_TOP_LEVEL})
-option(VELD_INSTALL "Install the package" ${PROJECT_IS_TOP_LEVEL})
+option(VELD_PROGRAM "Build veldrep, for which libmicrohttpd and CLI11 are needed" ${veldWhole})
+option(VELD_TESTS "Build the tests; with the host kit they need VELD_PROGRAM" ${PROJECT_IS_TOP_LEVEL})
+option(VELD_INSTALL "Install the package" ${veldWhole})
 option(VELD_FUZZ "Build the fuzz targets; needs clang" OFF)
-if(VELD_TESTS AND NOT VELD_PROGRAM)
+if(NOT VELD_HOST AND (VELD_PROGRAM OR VELD_INSTALL))
+  message(FATAL_ERROR "VELD_PROGRAM and VELD_INSTALL need VELD_HOST")
+endif()
+if(VELD_TESTS AND VELD_HOST AND NOT VELD_PROGRAM)
   message(FATAL_ERROR "VELD_TESTS needs VELD_PROGRAM: set both, or neither")
 endif()
 set(VELD_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
@@ -42,7 +50,13 @@ target_compile_options(veld_flags INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
   $<$<BOOL:${VELD_WERROR}>:-Werror>)
 # The include roots. Tests, bench and fuzz add the top folder.
-set(VELD_INCLUDES ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/src/module ${PROJECT_SOURCE_DIR}/src/contract)
+set(VELD_INCLUDES ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/src/module)
+if(WIN32)
+  # There <io.h> is the runtime library's, not the contract's.
+  add_compile_options("$<$<COMPILE_LANGUAGE:CXX>:SHELL:-idirafter ${PROJECT_SOURCE_DIR}/src/contract>")
+else()
+  list(APPEND VELD_INCLUDES ${PROJECT_SOURCE_DIR}/src/contract)
+endif()
 target_include_directories(veld_flags INTERFACE ${VELD_INCLUDES})
 if(VELD_SANITIZE)
   # -O1 and -g1 halve the time of a sanitizer build and find the same faults.

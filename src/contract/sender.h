@@ -50,9 +50,16 @@ class IVeldReportSender : public zel::IObject {
   // `consumer` selects the rows of the settings that get the record; empty means all. The two pointers of
   // `data` aren't null. Returns 0 even if the attempt failed, which only the trace shows; 0x8000006b before
   // Construct.
+#if defined(_MSC_VER)
+  // That compiler places overloads in reverse, and has the callee destroy an argument that is passed by
+  // value. So these two take the slots and the arguments of the two below.
+  virtual zel::ResultCode SendStatistic(const zel::AnyPtr& data) = 0;
+  virtual zel::ResultCode SendStatistic(const zel::string& consumer, const zel::AnyPtr& data) = 0;
+#else
   virtual zel::ResultCode SendStatistic(const zel::string& consumer, zel::AnyPtr data) = 0;
   // The same for all consumers.
   virtual zel::ResultCode SendStatistic(zel::AnyPtr data) = 0;
+#endif
 
  protected:
   ~IVeldReportSender() = default;

@@ -8,6 +8,17 @@ fail() {
   exit 1
 }
 
+if [[ $1 == *.dll ]]; then
+  headers=$(x86_64-w64-mingw32-objdump -p "$1")
+  exported=$(sed -n '/Ordinal.Name Pointer/,/^$/s/.*\[.*[0-9]\] //p' <<<"$headers" | sort | paste -sd ,)
+  [[ $exported == "zelCanUnloadModule,zelGetObjectFactory" ]] || fail "it exports $exported"
+  needed=$(sed -n 's/.*DLL Name: //p' <<<"$headers" | sort | paste -sd ,)
+  [[ $needed == "KERNEL32.dll,msvcrt.dll" ]] || fail "it needs $needed"
+  size=$(stat -c %s "$1")
+  ((size < 400000)) || fail "it has $size bytes"
+  exit
+fi
+
 exported=$(nm -D --defined-only "$1" | sed 's/^[^ ]* //' | sort | paste -sd ,)
 [[ $exported == "T zelCanUnloadModule,T zelGetObjectFactory" ]] || fail "it exports $exported"
 

@@ -1,19 +1,22 @@
 // Messages as a sender makes them, for the tests of what receives them.
 #pragma once
 
-#include <openssl/evp.h>
-
 #include <string>
 #include <string_view>
 
 namespace veld_report::server_test {
 
 inline std::string EncodeBase64(std::string_view bytes) {
-  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
-  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-  text.pop_back();
-  return text;
+  constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    unsigned bits = 0;
+    for (std::size_t k = i; k < i + 3; ++k)
+      bits = bits << 8 | (k < bytes.size() ? static_cast<unsigned char>(bytes[k]) : 0);
+    for (const int shift : {18, 12, 6, 0}) text += alphabet[bits >> shift & 63];
+  }
+  const std::size_t missing = (3 - bytes.size() % 3) % 3;
+  return text.replace(text.size() - missing, missing, missing, '=');
 }
 
 // The worked example: two items and the unsigned block.

@@ -25,6 +25,10 @@ struct Outside : Inside {
   Outside() : Inside(false) {}
 };
 
+// Whether the module's objects are in this program. If it loads the library, the heap and the locks in there
+// can't be seen.
+bool ModuleIsLinked();
+
 struct Heap {
   // Whether blocks are counted. A sanitizer has operators new and delete of its own, so under it they aren't,
   // and only malloc can fail.

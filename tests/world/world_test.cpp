@@ -1,6 +1,5 @@
 // Worlds from seeds. VELD_SECONDS says how long, and VELD_SEED from which one on; scripts/world sets them.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -11,8 +10,13 @@
 
 #include "tests/world/world.h"
 
+#if defined(_WIN32)
+#include <io.h>
+#else
+#include <unistd.h>
 // Of the sanitizers, which end a process without a signal.
 extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
+#endif
 
 namespace veld_report::world {
 namespace {
@@ -25,7 +29,7 @@ void SayWhere() {
   char text[64];
   const int length =
       std::snprintf(text, sizeof text, "world: in seed %llu\n", static_cast<unsigned long long>(seedNow));
-  static_cast<void>(!write(STDERR_FILENO, text, static_cast<std::size_t>(length)));
+  static_cast<void>(!write(2, text, static_cast<unsigned>(length)));
 }
 
 void OnDeath(int signal) {
@@ -37,14 +41,24 @@ void OnDeath(int signal) {
 class WorldTest : public testing::Test {
  protected:
   WorldTest() {
-    for (const int signal : {SIGSEGV, SIGABRT, SIGALRM}) std::signal(signal, OnDeath);
+    for (const int signal : {SIGSEGV, SIGABRT}) std::signal(signal, OnDeath);
+#if !defined(_WIN32)
+    std::signal(SIGALRM, OnDeath);
     if (__sanitizer_set_death_callback) __sanitizer_set_death_callback(SayWhere);
+#endif
   }
-  ~WorldTest() override { alarm(0); }
+  ~WorldTest() override { LimitTime(0); }
+
+  // Windows has no alarm: there the limit is the one of the whole program.
+  static void LimitTime([[maybe_unused]] unsigned seconds) {
+#if !defined(_WIN32)
+    alarm(seconds);
+#endif
+  }
 
   // `missing`: for each of its senders.
   static Outcome RunSeed(std::uint64_t seed, int missing = 0) {
-    alarm(worldLimitSeconds);
+    LimitTime(worldLimitSeconds);
     seedNow = seed;
     Script script = MakeScript(seed);
     for (Step& step : script) {
