@@ -5,11 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <future>
 #include <iostream>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "contract/http.h"
 #include "contract/sender.h"
 #include "examples/own_host/memory_queues.h"
 #include "host/json/json_record.h"
@@ -23,7 +30,7 @@
 #include "host/services/loaded_module.h"
 #include "host/services/service_locator.h"
 #include "host/services/timer_service.h"
-#include "tests/module/answering_client.h"
+#include "server/message_check.h"
 
 namespace veld_report::tests {
 namespace {
@@ -53,6 +60,102 @@ class PromptTimer final : public host::HostObject<zel::ITimerService> {
 
  private:
   const zel::Ref<host::TimerService> timer_ = host::MakeObject<host::TimerService>();
+};
+
+class AnsweredRequest final : public host::HostObject<network_services::IHttpRequestHandle> {
+ public:
+  AnsweredRequest(const zel::wstring& url, network_services::IAsyncHttpRequestCallback* callback)
+      : url_(url), callback_(callback) {}
+
+  zel::ResultCode ReservedRequestOperation() override { return zel::eNotImplemented; }
+  zel::ResultCode Wait(std::uint32_t timeoutMs) override {
+    const bool ended = ended_.wait_for(std::chrono::milliseconds(timeoutMs)) == std::future_status::ready;
+    return ended ? ended_.get() : zel::eOperationTimeout;
+  }
+  zel::ResultCode Cancel() override { return zel::sOk; }  // each answer comes soon
+
+  // Once. A status of 0 is a failure.
+  void Report(std::uint16_t status) {
+    alignas(8) char response[96] = {};
+    std::memcpy(response + network_services::responseStatusOffset, &status, sizeof status);
+    const zel::ResultCode failure = status == 0 ? zel::eOperationTimeout : zel::sOk;
+    const auto callback = std::exchange(callback_, {});
+    EXPECT_EQ(
+        failure ? callback->OnRequestFailed(url_, failure) : callback->OnRequestCompleted(url_, response),
+        zel::sOk);
+    result_.set_value(failure);
+  }
+
+ private:
+  const zel::wstring url_;
+  zel::Ref<network_services::IAsyncHttpRequestCallback> callback_;
+  std::promise<zel::ResultCode> result_;
+  const std::shared_future<zel::ResultCode> ended_ = result_.get_future().share();
+};
+
+// An HTTP client without a network: it answers each request on a thread of its own, or inside the call, and
+// counts the items of the bodies that it answered with 200.
+class AnsweringClient final
+    : public host::HostObject<network_services::IHttpClient, network_services::IHttpClientCertificates,
+                              network_services::IHttpClientFactory> {
+ public:
+  zel::ResultCode ReservedClientOperation0() override { return zel::eNotImplemented; }
+  zel::ResultCode ReservedClientOperation1() override { return zel::eNotImplemented; }
+  zel::ResultCode ReservedClientOperation2() override { return zel::eNotImplemented; }
+  zel::ResultCode ReservedClientOperation3() override { return zel::eNotImplemented; }
+  zel::ResultCode ReservedClientOperation4() override { return zel::eNotImplemented; }
+  // The first 20 requests get each of the answers in turn, all later ones the last.
+  zel::ResultCode MakeRequestAsync(const zel::wstring& url, const network_services::HttpRequestOptions&,
+                                   const std::uint32_t*, zel::IIO* body, void*,
+                                   network_services::IAsyncHttpRequestCallback* callback,
+                                   network_services::IHttpRequestHandle** request) override {
+    constexpr std::pair<std::uint16_t, bool> answers[] = {
+        {500, false}, {200, true}, {0, false}, {200, false}};
+    const std::uint64_t number = requests++;
+    const auto [status, inside] = answers[number < 20 ? number % 4 : 3];
+    const auto made = MakeObject<AnsweredRequest>(url, callback);
+    *request = zel::Ref<network_services::IHttpRequestHandle>(made).Detach();
+    const auto report = [this, made, status = status, items = CountItems(*body)] {
+      made->Report(status);
+      if (status == 200) deliveredItems += items;
+    };
+    if (inside) {
+      report();
+    } else {
+      const std::lock_guard lock(mutex_);
+      threads_.emplace_back(report);
+    }
+    return zel::sOk;
+  }
+  zel::ResultCode SetCertificates(const network_services::CertificateRange*) override { return zel::sOk; }
+  zel::ResultCode CreateClient(network_services::IHttpClient** out) override {
+    AddRef();
+    *out = this;
+    return zel::sOk;
+  }
+
+  // Waits for all answers. No request may be made any more.
+  void Finish() {
+    for (std::thread& thread : threads_) thread.join();
+    threads_.clear();
+  }
+
+  std::atomic<std::uint64_t> requests = 0, deliveredItems = 0;
+
+ private:
+  static std::uint64_t CountItems(zel::IIO& body) {
+    std::uint64_t size = 0;
+    std::uint32_t count = 0;
+    body.GetSize(&size);
+    std::string text(size, '\0');
+    EXPECT_EQ(body.Read(text.data(), static_cast<std::uint32_t>(size), &count), zel::sOk);
+    const server::MessageContent content = server::CheckMessage(text, {});
+    EXPECT_EQ(content.problem, "");
+    return content.itemCount;
+  }
+
+  std::mutex mutex_;
+  std::vector<std::thread> threads_;
 };
 
 struct Host {
