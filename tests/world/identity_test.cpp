@@ -15,46 +15,28 @@ namespace {
 using namespace orvel::veld_report;
 using zel::IObjectFactory;
 
-class IdentityTest : public testing::Test {
- protected:
-  IdentityTest() { host.constructing = true; }
-  ~IdentityTest() override { EXPECT_EQ(zelCanUnloadModule(), zel::sOk) << "objects are left"; }
-  zel::Ref<IObjectFactory> Factory(zel::IServiceLocator* given) {
-    zel::Ref<zel::IObject> first;
-    EXPECT_EQ(zelGetObjectFactory(given, senderClassId, first.Out()), zel::sOk);
-    return zel::Ref<IObjectFactory>(static_cast<IObjectFactory*>(first.Get()));
-  }
-
+TEST(IdentityTest, AFactoryAndTheThreeInterfacesOfASender) {
   Host host;
-  Fake<zel::IServiceLocator>& locator = *host.locator;
-};
+  host.constructing = true;
+  zel::IServiceLocator* const locator = host.locator;
+  zel::IObject* none = locator;
+  EXPECT_EQ(zelGetObjectFactory(locator, IObjectFactory::iid, &none), zel::eNotImplemented);
+  EXPECT_EQ(none, nullptr);
+  zel::Ref<zel::IObject> made, other, parts[3];
+  EXPECT_EQ(zelGetObjectFactory(locator, senderClassId, made.Out()), zel::sOk);
+  EXPECT_EQ(zelGetObjectFactory(nullptr, senderClassId, other.Out()), zel::sOk);
+  EXPECT_NE(made.Get(), other.Get()) << "each call makes one";
+  EXPECT_EQ(host.locator->references, 1u) << "a factory keeps no locator";
+  zel::Ref<IObjectFactory> factory;
+  EXPECT_EQ(made->QueryInterface(IObjectFactory::iid, factory.OutVoid()), zel::sOk);
+  EXPECT_EQ(factory.Get(), made.Get());
 
-TEST_F(IdentityTest, EachCallMakesAFactoryOfItsOwn) {
-  zel::IObject* out = &locator;
-  EXPECT_EQ(zelGetObjectFactory(&locator, IObjectFactory::iid, &out), zel::eNotImplemented);
-  EXPECT_EQ(out, nullptr);
-  auto one = Factory(&locator);
-  const auto two = Factory(nullptr);
-  EXPECT_NE(one.Get(), two.Get());
-  EXPECT_EQ(locator.references, 1u) << "a factory keeps no locator";
-  for (const zel::InterfaceId id : {0u, IObjectFactory::iid}) {
-    zel::Ref<IObjectFactory> same;
-    EXPECT_EQ(one->QueryInterface(id, same.OutVoid()), zel::sOk);
-    EXPECT_EQ(same.Get(), one.Get());
-  }
-  one.Reset();
-  EXPECT_EQ(zelCanUnloadModule(), zel::sFalse) << "the second factory lives";
-}
-
-TEST_F(IdentityTest, TheThreeInterfacesAreOneObject) {
-  const auto factory = Factory(&locator);
   void* out = &out;
-  EXPECT_EQ(factory->CreateInstance(&locator, zel::IIO::iid, &out), zel::eInterfaceNotSupported);
+  EXPECT_EQ(factory->CreateInstance(locator, zel::IIO::iid, &out), zel::eInterfaceNotSupported);
   EXPECT_EQ(out, nullptr);
-  zel::Ref<zel::IObject> parts[3];
-  zel::InterfaceId ids[] = {IVeldReportSender::iid, IVeldReportSenderConstruct::iid,
-                            IVeldReportSenderSettings::iid};
-  ASSERT_EQ(factory->CreateInstance(&locator, ids[0], parts[0].OutVoid()), zel::sOk);
+  const zel::InterfaceId ids[] = {IVeldReportSender::iid, IVeldReportSenderConstruct::iid,
+                                  IVeldReportSenderSettings::iid};
+  ASSERT_EQ(factory->CreateInstance(locator, ids[0], parts[0].OutVoid()), zel::sOk);
   for (const int i : {1, 2}) EXPECT_EQ(parts[0]->QueryInterface(ids[i], parts[i].OutVoid()), zel::sOk);
   for (const auto& part : parts) {
     zel::Ref<zel::IObject> first;
@@ -65,6 +47,12 @@ TEST_F(IdentityTest, TheThreeInterfacesAreOneObject) {
     EXPECT_EQ(part->QueryInterface(zel::IIO::iid, &out), zel::eInterfaceNotSupported);
     EXPECT_EQ(out, nullptr);
   }
+  for (auto& part : parts) part.Reset();
+  made.Reset();
+  factory.Reset();
+  EXPECT_EQ(zelCanUnloadModule(), zel::sFalse) << "the second factory lives";
+  other.Reset();
+  EXPECT_EQ(zelCanUnloadModule(), zel::sOk) << "objects are left";
 }
 
 }  // namespace
