@@ -15,6 +15,7 @@
 #include "fuzz/input.h"
 #include "fuzz/plain_text.h"
 #include "tests/host/json_serialize.h"
+#include "veld_report/field_helpers.h"
 #include "veld_report/field_kinds.h"
 
 namespace {
@@ -55,7 +56,9 @@ struct Elements {
   std::vector<void*> each;
 };
 
-struct Helper final : zel::SerVectorHelper {
+struct Helper final : veld_report::FieldMapHelper {
+  static constexpr const char* keys[] = {"", "\"\\\n", "\xff\xed\xa0", "k"};
+
   enum { none, sizeFails, elementFails, nullElement, descriptorFails, wrongCount, faults } fault = none;
   const zel::SerObjDescriptor* descriptor = nullptr;
   std::uint32_t size = 0;
@@ -68,6 +71,15 @@ struct Helper final : zel::SerVectorHelper {
   zel::ResultCode GetElement(void* field, std::uint32_t index, void** out) override {
     *out = fault == nullElement ? nullptr : static_cast<Elements*>(field)->each.at(index);
     return fault == elementFails ? zel::eNotFound : zel::sOk;
+  }
+  zel::ResultCode Visit(void* field, Visitor& visitor) override {
+    for (std::uint32_t i = 0; i < static_cast<Elements*>(field)->each.size(); ++i) {
+      void* value = nullptr;
+      zel::ResultCode code = GetElement(field, i, &value);
+      if (!zel::Failed(code)) code = visitor.Entry(keys[i % std::size(keys)], value);
+      if (zel::Failed(code)) return code;
+    }
+    return zel::sOk;
   }
   zel::ResultCode GetElementDescriptor(const zel::SerObjDescriptor** out) override {
     *out = descriptor;
@@ -108,6 +120,8 @@ class Maker {
       static constexpr const char* names[] = {"", "a", "payload", "\"\\\n", "\xff\xed\xa0", "g\xc3\xa9", "b"};
       static constexpr std::uint32_t forms[] = {0, kinds::vectorFlag, kinds::optionalFlag};
       zel::SerFieldDescriptor row{.name = names[in_.Below(std::size(names))], .flags = forms[in_.Below(3)]};
+      // By name, so that the committed inputs keep their meaning.
+      if (row.flags == kinds::vectorFlag && row.name == std::string_view("b")) row.flags = kinds::mapFlag;
       const Schema* inner = nullptr;
       row.offset = static_cast<std::uint32_t>(i * slotBytes);
       if (depth < 4 && in_.OneIn(4)) {
@@ -136,9 +150,8 @@ class Maker {
   void* Fill(const Schema& schema, std::string* expected) {
     const std::size_t count = schema.inner.size();
     char* const block = blocks_.emplace_back(std::make_unique<char[]>(count * slotBytes + 1)).get();
-    const auto& only = schema.rows[0];
-    const bool wholeText = count == 1 && IsJson(only.typeId) && only.flags == 0 && only.name && !*only.name;
-    if (!wholeText) *expected += "{";
+    const bool isBare = count == 1 && schema.rows[0].name && !*schema.rows[0].name;
+    if (!isBare) *expected += "{";
     for (std::size_t i = 0; i < count; ++i) {
       const zel::SerFieldDescriptor& row = schema.rows[i];
       const bool isBroken = !row.name || (row.flags & unknownFlag) != 0 || (~row.flags & bothFlags) == 0;
@@ -146,19 +159,17 @@ class Maker {
       if (failure_ != zel::sOk) return block;
       const std::string value =
           row.flags == 0 ? Value(row, block + row.offset) : Several(row, schema.inner[i], block + row.offset);
-      if (value.empty()) continue;
-      *expected += wholeText ? value : Quoted(Repaired(std::string_view(row.name))) + ":" + value + ",";
+      if (isBare) *expected += value.empty() ? "null" : value;
+      if (isBare || value.empty()) continue;
+      *expected += Quoted(Repaired(std::string_view(row.name))) + ":" + value + ",";
     }
-    if (!wholeText) Close(expected, '}');
+    if (!isBare) Close(expected, '}');
     return block;
   }
 
  private:
   static constexpr std::uint32_t unknownFlag = 0x00000100;
   static constexpr std::uint32_t bothFlags = kinds::vectorFlag | kinds::optionalFlag;
-  static bool IsJson(std::uint32_t kind) {
-    return kind == kinds::jsonText || kind == kinds::standardJsonText;
-  }
 
   void PlainRow(zel::SerFieldDescriptor* row) {
     static constexpr std::pair<std::uint32_t, std::uint64_t> all[] = {
@@ -193,7 +204,8 @@ class Maker {
 
   // Empty for an empty optional.
   std::string Several(const zel::SerFieldDescriptor& row, const Schema* inner, void* place) {
-    const bool isVector = (row.flags & kinds::vectorFlag) != 0;
+    const bool isMap = (row.flags & kinds::mapFlag) != 0;
+    const bool isVector = isMap || (row.flags & kinds::vectorFlag) != 0;
     const bool isOptional = (row.flags & kinds::optionalFlag) != 0;
     const std::size_t count = isVector ? in_.Below(5) : isOptional ? in_.Below(2) : 1;
     const auto fault = static_cast<const Helper*>(row.vectorHelper)->fault;
@@ -206,9 +218,11 @@ class Maker {
     if (inner && row.typeId != inner->descriptor.serId) Fail();
     if (count != 0 && fault == Helper::elementFails) Fail(zel::eNotFound);
     if (count != 0 && fault == Helper::nullElement) Fail(zel::eUnexpected);
-    std::string expected = isVector ? "[" : "";
+    std::string expected = isMap ? "{" : isVector ? "[" : "";
     for (std::size_t i = 0; i < count && failure_ == zel::sOk; ++i) {
       void* element = nullptr;
+      if (isMap)
+        expected += Quoted(Repaired(std::string_view(Helper::keys[i % std::size(Helper::keys)]))) + ":";
       if (inner) {
         element = Fill(*inner, &expected);
       } else {
@@ -218,7 +232,7 @@ class Maker {
       elements->each[i] = element;
       if (isVector) expected += ",";
     }
-    if (isVector) Close(&expected, ']');
+    if (isVector) Close(&expected, isMap ? '}' : ']');
     return expected;
   }
 

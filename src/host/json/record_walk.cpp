@@ -1,10 +1,14 @@
 #include "host/json/record_walk.h"
 
+#include <bit>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "host/base/text.h"
+#include "host/json/utc_time.h"
 #include "types/basic_string.h"
+#include "veld_report/field_helpers.h"
 #include "veld_report/field_kinds.h"
 
 namespace veld_report::host {
@@ -13,21 +17,19 @@ namespace {
 using zel::SerFieldDescriptor;
 using zel::SerObjDescriptor;
 
-bool IsJsonKind(std::uint32_t kind) {
-  return kind == field_kinds::jsonText || kind == field_kinds::standardJsonText;
-}
-
-// True for a structure whose only field is the whole JSON text.
-bool IsWholeText(const SerFieldDescriptor* table) {
-  return table[0].flags == SerFieldDescriptor::plainField && IsJsonKind(table[0].typeId) && table[0].name &&
-         table[0].name[0] == '\0' && table[1].flags == SerFieldDescriptor::endOfTable;
+// True for a structure that is written as the value of its only field.
+bool IsBareValue(const SerFieldDescriptor* table) {
+  return table[0].flags != SerFieldDescriptor::endOfTable && table[0].name && table[0].name[0] == '\0' &&
+         table[1].flags == SerFieldDescriptor::endOfTable;
 }
 
 bool IsKnownForm(std::uint32_t flags) {
   using namespace field_kinds;
-  const std::uint32_t shape = flags & (vectorFlag | optionalFlag);
-  return (flags & ~(recordFlag | vectorFlag | optionalFlag)) == 0 && shape != (vectorFlag | optionalFlag);
+  constexpr std::uint32_t shapes = vectorFlag | optionalFlag | mapFlag;
+  return (flags & ~(recordFlag | shapes)) == 0 && std::popcount(flags & shapes) <= 1;
 }
+
+bool IsOptional(const SerFieldDescriptor& row) { return (row.flags & field_kinds::optionalFlag) != 0; }
 
 void* FieldOf(void* object, const SerFieldDescriptor& row) { return static_cast<char*>(object) + row.offset; }
 
@@ -99,21 +101,28 @@ zel::ResultCode WriteFloating(JsonTextWriter& out, const void* value, std::uint6
 
 zel::ResultCode RecordWalk::Record(const SerObjDescriptor* descriptor, void* object) {
   if (!descriptor || !descriptor->fields || !object) return zel::eInvalidArgument;
-  const SerFieldDescriptor* const table = descriptor->fields;
-  zel::ResultCode code = zel::sOk;
-  if (IsWholeText(table)) {
-    code = Value(table[0].typeId, FieldOf(object, table[0]), table[0].size);
-    if (zel::Failed(code)) Locate(*descriptor, table[0]);
-    return code;
-  }
   if (depth_ == depthLimit) return zel::eNotSupported;
   ++depth_;
-  code = Object(*descriptor, object);
+  const bool isBare = IsBareValue(descriptor->fields);
+  const zel::ResultCode code =
+      isBare ? BareValue(descriptor->fields[0], object) : Object(*descriptor, object);
   --depth_;
+  // Inside another record, that one's field says more.
+  if (zel::Failed(code) && isBare && depth_ == 0) Locate(*descriptor, descriptor->fields[0]);
   return code;
 }
 
+zel::ResultCode RecordWalk::BareValue(const SerFieldDescriptor& row, void* object) {
+  Elements elements;
+  const zel::ResultCode code = Inspect(row, object, &elements);
+  if (zel::Failed(code)) return code;
+  if (!IsOptional(row) || elements.count != 0) return Contents(row, object, elements);
+  out_.Raw("null");
+  return zel::sOk;
+}
+
 zel::ResultCode RecordWalk::Object(const SerObjDescriptor& descriptor, void* object) {
+  ++objectDepth_;
   out_.Raw('{');
   bool first = true;
   for (const SerFieldDescriptor* row = descriptor.fields; row->flags != SerFieldDescriptor::endOfTable;
@@ -125,7 +134,7 @@ zel::ResultCode RecordWalk::Object(const SerObjDescriptor& descriptor, void* obj
       return code;
     }
   }
-  if (depth_ == 1 && stamp_) {
+  if (objectDepth_ == 1 && stamp_) {
     stamp_->Write(out_, first, [&descriptor](std::string_view name) {
       const SerFieldDescriptor* row = descriptor.fields;
       while (row->flags != SerFieldDescriptor::endOfTable &&
@@ -136,42 +145,74 @@ zel::ResultCode RecordWalk::Object(const SerObjDescriptor& descriptor, void* obj
     });
   }
   out_.Raw('}');
+  --objectDepth_;
   return out_.Failure();
 }
 
 zel::ResultCode RecordWalk::Member(const SerFieldDescriptor& row, void* object, bool* first) {
-  if (!row.name || !IsKnownForm(row.flags)) return zel::eInvalidArgument;
-  void* const field = FieldOf(object, row);
+  if (!row.name) return zel::eInvalidArgument;
   Elements elements;
-  if (row.flags != SerFieldDescriptor::plainField) {
-    const zel::ResultCode code = Inspect(row, field, &elements);
-    if (zel::Failed(code)) return code;
-    const bool isOptional = (row.flags & field_kinds::optionalFlag) != 0;
-    if (isOptional && elements.count == 0) return zel::sOk;  // empty: no member
-  }
+  const zel::ResultCode code = Inspect(row, object, &elements);
+  if (zel::Failed(code)) return code;
+  if (IsOptional(row) && elements.count == 0) return zel::sOk;  // empty: no member
   if (!*first) out_.Raw(',');
   *first = false;
   out_.String(std::string_view(row.name));
   out_.Raw(':');
-  if (row.flags == SerFieldDescriptor::plainField) return Value(row.typeId, field, row.size);
-  if ((row.flags & field_kinds::vectorFlag) != 0) return Array(row, field, elements);
-  return Element(row, field, elements, 0);
+  return Contents(row, object, elements);
 }
 
-zel::ResultCode RecordWalk::Inspect(const SerFieldDescriptor& row, void* field, Elements* elements) {
+zel::ResultCode RecordWalk::Inspect(const SerFieldDescriptor& row, void* object, Elements* elements) {
+  if (row.flags == SerFieldDescriptor::plainField) return zel::sOk;
   zel::SerVectorHelper* const helper = row.vectorHelper;
-  if (!helper) return zel::eInvalidArgument;
-  zel::ResultCode code = helper->GetSize(field, &elements->count);
+  if (!IsKnownForm(row.flags) || !helper) return zel::eInvalidArgument;
+  zel::ResultCode code = helper->GetSize(FieldOf(object, row), &elements->count);
   if (zel::Failed(code)) return code;
-  if ((row.flags & field_kinds::vectorFlag) == 0) {
-    const bool isOptional = (row.flags & field_kinds::optionalFlag) != 0;
-    if (elements->count > 1 || (elements->count == 0 && !isOptional)) return zel::eInvalidArgument;
+  if ((row.flags & (field_kinds::vectorFlag | field_kinds::mapFlag)) == 0 &&
+      (elements->count > 1 || (elements->count == 0 && !IsOptional(row)))) {
+    return zel::eInvalidArgument;
   }
   if ((row.flags & field_kinds::recordFlag) == 0) return helper->GetElementSize(&elements->size);
   code = helper->GetElementDescriptor(&elements->descriptor);
   if (zel::Failed(code)) return code;
   const bool fits = elements->descriptor && elements->descriptor->serId == row.typeId;
   return fits ? zel::sOk : zel::eInvalidArgument;
+}
+
+zel::ResultCode RecordWalk::Contents(const SerFieldDescriptor& row, void* object, const Elements& elements) {
+  void* const field = FieldOf(object, row);
+  if (row.flags == SerFieldDescriptor::plainField) return Value(row.typeId, field, row.size);
+  if ((row.flags & field_kinds::vectorFlag) != 0) return Array(row, field, elements);
+  if ((row.flags & field_kinds::mapFlag) != 0) return Map(row, field, elements);
+  return Element(row, field, elements, 0);
+}
+
+class RecordWalk::MapEntries final : public FieldMapHelper::Visitor {
+ public:
+  MapEntries(RecordWalk& walk, const SerFieldDescriptor& row, const Elements& elements)
+      : walk_(walk), row_(row), elements_(elements) {}
+
+  zel::ResultCode Entry(std::string_view key, void* value) override {
+    if (!std::exchange(first_, false)) walk_.out_.Raw(',');
+    walk_.out_.String(key);
+    walk_.out_.Raw(':');
+    const zel::ResultCode code = walk_.ElementAt(row_, value, elements_);
+    return zel::Failed(code) ? code : walk_.out_.Failure();
+  }
+
+ private:
+  RecordWalk& walk_;
+  const SerFieldDescriptor& row_;
+  const Elements& elements_;
+  bool first_ = true;
+};
+
+zel::ResultCode RecordWalk::Map(const SerFieldDescriptor& row, void* field, const Elements& elements) {
+  out_.Raw('{');
+  MapEntries entries(*this, row, elements);
+  const zel::ResultCode code = static_cast<FieldMapHelper*>(row.vectorHelper)->Visit(field, entries);
+  out_.Raw('}');
+  return code;
 }
 
 zel::ResultCode RecordWalk::Array(const SerFieldDescriptor& row, void* field, const Elements& elements) {
@@ -194,7 +235,11 @@ zel::ResultCode RecordWalk::Element(const SerFieldDescriptor& row, void* field, 
                                     std::uint32_t index) {
   void* element = nullptr;
   const zel::ResultCode code = row.vectorHelper->GetElement(field, index, &element);
-  if (zel::Failed(code)) return code;
+  return zel::Failed(code) ? code : ElementAt(row, element, elements);
+}
+
+zel::ResultCode RecordWalk::ElementAt(const SerFieldDescriptor& row, void* element,
+                                      const Elements& elements) {
   if (!element) return zel::eUnexpected;
   if ((row.flags & field_kinds::recordFlag) != 0) return Record(elements.descriptor, element);
   return Value(row.typeId, element, elements.size);
@@ -230,13 +275,32 @@ zel::ResultCode RecordWalk::Value(std::uint32_t kind, const void* value, std::ui
       return JsonText(As<zel::string>(value).View());
     case field_kinds::standardJsonText:
       return JsonText(As<std::string>(value));
+    case field_kinds::timeNanoseconds:
+    case field_kinds::timeMicroseconds:
+    case field_kinds::timeMilliseconds:
+    case field_kinds::timeSeconds:
+    case field_kinds::timeDays:
+      return size == sizeof(std::int64_t) ? Time(kind, Load<std::int64_t>(value)) : zel::eInvalidArgument;
     default:
       return zel::eInvalidArgument;
   }
 }
 
+zel::ResultCode RecordWalk::Time(std::uint32_t kind, std::int64_t ticks) {
+  UtcText text;
+  const std::string_view written = WriteUtc(kind, ticks, text);
+  if (written.empty()) {
+    out_.Raw("null");
+  } else {
+    out_.Raw('"');
+    out_.Raw(written);
+    out_.Raw('"');
+  }
+  return zel::sOk;
+}
+
 zel::ResultCode RecordWalk::JsonText(std::string_view text) {
-  if (depth_ == 0 && stamp_) return StampedText(text);
+  if (objectDepth_ == 0 && stamp_) return StampedText(text);
   if (!check_.IsOneValue(text)) return zel::eInvalidArgument;
   WithoutBreaks(text);
   return out_.Failure();

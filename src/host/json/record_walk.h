@@ -23,7 +23,8 @@ struct WalkLocation {
 // Life: made -> walked once. For one thread. What the constructor gets must outlive it.
 class RecordWalk {
  public:
-  // The maximum nesting depth of records. Deeper nesting can only be a descriptor that contains itself.
+  // The maximum nesting depth of records, and of containers in containers. Deeper nesting can only be a
+  // descriptor that contains itself.
   static constexpr std::uint32_t depthLimit = 64;
 
   // `stamp` may be null. Otherwise its members are added to the record, if that is an object. A member that
@@ -39,6 +40,7 @@ class RecordWalk {
   const WalkLocation& Location() const { return location_; }
 
  private:
+  class MapEntries;
   struct Elements {
     std::uint32_t count = 0;
     std::uint32_t size = 0;                             // of one element, in bytes; only for plain values
@@ -47,11 +49,16 @@ class RecordWalk {
 
   zel::ResultCode Object(const zel::SerObjDescriptor& descriptor, void* object);
   zel::ResultCode Member(const zel::SerFieldDescriptor& row, void* object, bool* first);
-  zel::ResultCode Inspect(const zel::SerFieldDescriptor& row, void* field, Elements* elements);
+  zel::ResultCode BareValue(const zel::SerFieldDescriptor& row, void* object);
+  zel::ResultCode Inspect(const zel::SerFieldDescriptor& row, void* object, Elements* elements);
+  zel::ResultCode Contents(const zel::SerFieldDescriptor& row, void* object, const Elements& elements);
   zel::ResultCode Element(const zel::SerFieldDescriptor& row, void* field, const Elements& elements,
                           std::uint32_t index);
+  zel::ResultCode ElementAt(const zel::SerFieldDescriptor& row, void* element, const Elements& elements);
+  zel::ResultCode Map(const zel::SerFieldDescriptor& row, void* field, const Elements& elements);
   zel::ResultCode Array(const zel::SerFieldDescriptor& row, void* field, const Elements& elements);
   zel::ResultCode Value(std::uint32_t kind, const void* value, std::uint64_t size);
+  zel::ResultCode Time(std::uint32_t kind, std::int64_t ticks);
   zel::ResultCode JsonText(std::string_view text);
   zel::ResultCode StampedText(std::string_view text);
   void WithoutBreaks(std::string_view text);
@@ -63,6 +70,7 @@ class RecordWalk {
   WalkLocation location_;
   bool located_ = false;
   std::uint32_t depth_ = 0;
+  std::uint32_t objectDepth_ = 0;  // without the structures that are no objects; not kept after a failure
 };
 
 }  // namespace veld_report::host

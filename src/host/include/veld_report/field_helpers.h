@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <new>
 #include <optional>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -66,9 +68,28 @@ class RecordHelper final : public zel::SerObjDescriptorHelper {
   bool ReservedHelperOperation() override { return false; }
 };
 
-// What the three kinds of helper share: the checks, and the description of an element.
-template <class Container, class Element, class Source>
-class ElementHelper : public zel::SerVectorHelper {
+// The helper of a map, which can't be read by index.
+class FieldMapHelper : public zel::SerVectorHelper {
+ public:
+  class Visitor {
+   public:
+    // Both are valid during the call. A negative result ends the visit.
+    virtual zel::ResultCode Entry(std::string_view key, void* value) = 0;
+
+   protected:
+    ~Visitor() = default;
+  };
+  // Calls `visitor` for each entry, in the map's order. Returns the first negative result, or 0.
+  virtual zel::ResultCode Visit(void* map, Visitor& visitor) = 0;
+
+ protected:
+  constexpr FieldMapHelper() = default;
+  ~FieldMapHelper() = default;
+};
+
+// What the helpers share: the checks, and the description of an element.
+template <class Element, class Source, class Base = zel::SerVectorHelper>
+class ElementHelper : public Base {
  public:
   zel::ResultCode GetElementDescriptor(const zel::SerObjDescriptor** out) final {
     if (!out) return zel::eInvalidArgument;
@@ -86,23 +107,27 @@ class ElementHelper : public zel::SerVectorHelper {
   ~ElementHelper() = default;
 };
 
-// For a std::vector or a zel::vector_t. The elements of a std::vector<bool> are read through constants.
+// For a std::vector, a std::array or a zel::vector_t. The elements of a std::vector<bool> are read through
+// constants.
 template <class V, class Source = NoDescriptor>
-class VectorHelper final
-    : public ElementHelper<V, std::decay_t<decltype(std::declval<const V&>()[0])>, Source> {
+class VectorHelper final : public ElementHelper<std::decay_t<decltype(std::declval<const V&>()[0])>, Source> {
  public:
   zel::ResultCode Resize(void* vector, std::uint32_t count) override {
     if (!vector) return zel::eInvalidArgument;
-    return GuardedResize([&] {
-      V& target = *static_cast<V*>(vector);
-      if constexpr (requires { target.resize(count); }) {
-        target.resize(count);
-      } else if (count < target.size()) {
-        target.Truncate(count);
-      } else {
-        target.append(count - target.size());
-      }
-    });
+    V& target = *static_cast<V*>(vector);
+    if constexpr (requires { std::tuple_size<V>::value; }) {
+      return count == target.size() ? zel::sOk : zel::eInvalidArgument;
+    } else {
+      return GuardedResize([&] {
+        if constexpr (requires { target.resize(count); }) {
+          target.resize(count);
+        } else if (count < target.size()) {
+          target.Truncate(count);
+        } else {
+          target.append(count - target.size());
+        }
+      });
+    }
   }
   zel::ResultCode GetSize(const void* vector, std::uint32_t* out) override {
     if (!vector || !out) return zel::eInvalidArgument;
@@ -127,7 +152,7 @@ class VectorHelper final
 
 // For a record inside a record: always one element, the field itself.
 template <class T, class Source>
-class NestedHelper final : public ElementHelper<T, T, Source> {
+class NestedHelper final : public ElementHelper<T, Source> {
  public:
   zel::ResultCode Resize(void* field, std::uint32_t count) override {
     return field && count == 1 ? zel::sOk : zel::eInvalidArgument;
@@ -146,7 +171,7 @@ class NestedHelper final : public ElementHelper<T, T, Source> {
 
 // For a std::optional<T>: no element or one.
 template <class T, class Source = NoDescriptor>
-class OptionalHelper final : public ElementHelper<std::optional<T>, T, Source> {
+class OptionalHelper final : public ElementHelper<T, Source> {
  public:
   zel::ResultCode Resize(void* field, std::uint32_t count) override {
     if (!field || count > 1) return zel::eInvalidArgument;
@@ -169,6 +194,73 @@ class OptionalHelper final : public ElementHelper<std::optional<T>, T, Source> {
     auto& source = *static_cast<std::optional<T>*>(field);
     if (!source) return zel::eInvalidArgument;
     *out = &*source;
+    return zel::sOk;
+  }
+};
+
+// For alternative `index` of a std::variant: at most one element. This header doesn't include <variant>.
+template <class V, std::size_t index, class T, class Source>
+class AlternativeHelper final : public ElementHelper<T, Source> {
+ public:
+  zel::ResultCode Resize(void*, std::uint32_t) override { return zel::eNotSupported; }
+  zel::ResultCode GetSize(const void* field, std::uint32_t* out) override {
+    if (!field || !out) return zel::eInvalidArgument;
+    *out = static_cast<const V*>(field)->index() == index ? 1 : 0;
+    return zel::sOk;
+  }
+  zel::ResultCode GetElement(void* field, std::uint32_t at, void** out) override {
+    if (!field || !out || at != 0) return zel::eInvalidArgument;
+    *out = get_if<index>(static_cast<V*>(field));
+    return *out ? zel::sOk : zel::eInvalidArgument;
+  }
+};
+
+// For the name of an enumeration's value: one std::string_view, or none for a value without a name. `names`
+// is an array of pairs of value and name.
+template <class Enum, const auto& names>
+class EnumHelper final : public ElementHelper<std::string_view, NoDescriptor> {
+ public:
+  zel::ResultCode Resize(void*, std::uint32_t) override { return zel::eNotSupported; }
+  zel::ResultCode GetSize(const void* field, std::uint32_t* out) override {
+    if (!field || !out) return zel::eInvalidArgument;
+    *out = Find(field) ? 1 : 0;
+    return zel::sOk;
+  }
+  zel::ResultCode GetElement(void* field, std::uint32_t index, void** out) override {
+    if (!field || !out || index != 0) return zel::eInvalidArgument;
+    *out = const_cast<std::string_view*>(Find(field));
+    return *out ? zel::sOk : zel::eInvalidArgument;
+  }
+
+ private:
+  static const std::string_view* Find(const void* field) {
+    const Enum value = *static_cast<const Enum*>(field);
+    for (const auto& each : names) {
+      if (each.first == value) return &each.second;
+    }
+    return nullptr;
+  }
+};
+
+// For a map with keys that convert to std::string_view.
+template <class M, class Source = NoDescriptor>
+class MapHelper final : public ElementHelper<typename M::mapped_type, Source, FieldMapHelper> {
+ public:
+  zel::ResultCode Resize(void*, std::uint32_t) override { return zel::eNotSupported; }
+  zel::ResultCode GetSize(const void* map, std::uint32_t* out) override {
+    if (!map || !out) return zel::eInvalidArgument;
+    const auto size = static_cast<const M*>(map)->size();
+    if (size > UINT32_MAX) return zel::eInvalidArgument;
+    *out = static_cast<std::uint32_t>(size);
+    return zel::sOk;
+  }
+  zel::ResultCode GetElement(void*, std::uint32_t, void**) override { return zel::eNotSupported; }
+  zel::ResultCode Visit(void* map, FieldMapHelper::Visitor& visitor) override {
+    if (!map) return zel::eInvalidArgument;
+    for (auto& entry : *static_cast<M*>(map)) {
+      const zel::ResultCode code = visitor.Entry(entry.first, &entry.second);
+      if (zel::Failed(code)) return code;
+    }
     return zel::sOk;
   }
 };
