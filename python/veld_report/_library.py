@@ -32,6 +32,7 @@ class CSettings(ctypes.Structure):
         ("send_every_s", c_uint32),
         ("allow_http", c_uint32),
         ("memory", c_void_p),
+        ("signing_key_file", c_char_p),
     ]
 
 

@@ -21,7 +21,6 @@ from ._types import (
     Statistics,
 )
 
-Path = Union[str, "os.PathLike[str]"]
 Listener = Callable[[FinishedRequest], None]
 LossListener = Callable[[Loss], None]
 
@@ -323,6 +322,7 @@ class Reporter:
         records. After an exception nothing has changed."""
         given = _library.CSettings()
         _fill(given, settings)
+        given.signing_key_file = _path("signing_key_file", settings.signing_key_file)
         _call(_api.set_settings, self._handle, given)
 
     def current_settings(self) -> Settings:

@@ -3,8 +3,11 @@ from __future__ import annotations
 
 import datetime
 import enum
+import os
 from dataclasses import dataclass
 from typing import Mapping, Optional, Sequence, Union
+
+Path = Union[str, "os.PathLike[str]"]
 
 
 class Code(enum.IntEnum):
@@ -56,6 +59,8 @@ class Settings:
     packet_limit_kb: int = 256  # maximum size of a request's records; a larger record is sent alone. 0: no limit
     send_every: int = 0  # minimum time between requests to a url; flush and close don't wait for it
     allow_http: bool = False  # http:// urls to other machines too, which anyone on the way can read
+    # Ed25519 private key, PEM, from the next request on. None: the present key stays; "": unsigned.
+    signing_key_file: Optional[Path] = None
 
 
 @dataclass(frozen=True)

@@ -1,4 +1,4 @@
-// Where the reporter meets what isn't its own: crash handlers, trace files, callers with older headers.
+// Where the reporter meets what isn't its own: crash handlers, key files, callers with older headers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,6 +9,8 @@
 #include <utility>
 
 #include "host/base/service_thread.h"
+#include "host/signature/key_files.h"
+#include "server/message_check.h"
 #include "tests/host/reporter_test_tools.h"
 #include "veld_report/veld_report.h"
 
@@ -37,6 +39,42 @@ TEST_F(Edges, DeletedFolderIsNoSafePlace) {
   std::filesystem::remove_all(Path("store"));
   reporter.SendJson(R"({"n":2})");
   EXPECT_FALSE(reporter.FlushToStore(milliseconds(500)));
+}
+
+TEST_F(Edges, KeyIsReplacedWhileTheReporterRunsAndABadOneChangesNothing) {
+  const auto first = host::GenerateEd25519KeyPair(Path("first"));
+  const auto second = host::GenerateEd25519KeyPair(Path("second"));
+  const tests::ScriptedServer server(tests::ScriptedReply::Status(200));
+  ReporterOptions options = Options({{server.Url()}});
+  options.signingKeyFile = first.privatePath;
+  Reporter reporter(options);
+  const struct {
+    std::optional<std::string> file;
+    std::string refusal, signedWith;
+  } steps[] = {
+      {{}, "", first.keyId},
+      {second.privatePath, "", second.keyId},
+      {second.publicPath, "key file " + second.publicPath + ": not a private key", second.keyId},
+      {{}, "", second.keyId},
+      {"", "", R"({"alg":"none"})"},
+      {Path("gone"), "key file " + Path("gone"), R"({"alg":"none"})"},
+      {first.privatePath, "", first.keyId},
+  };
+  std::uint32_t packetLimit = 0;
+  for (const auto& step : steps) {
+    Settings settings = reporter.CurrentSettings();
+    settings.signingKeyFile = step.file;
+    settings.packetLimit = packetLimit + 1;
+    std::string error;
+    EXPECT_EQ(zel::Failed(reporter.TrySetSettings(settings, &error)), !step.refusal.empty());
+    EXPECT_THAT(error, testing::StartsWith(step.refusal));
+    if (step.refusal.empty()) ++packetLimit;
+    EXPECT_EQ(reporter.CurrentSettings().packetLimit, packetLimit);
+    reporter.SendJson("{}");
+    ASSERT_TRUE(reporter.Flush(seconds(20)));
+    const auto message = server::CheckMessage(server.Requests().back().body, {});
+    EXPECT_THAT(message.signatureHeader, testing::HasSubstr(step.signedWith));
+  }
 }
 
 TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {

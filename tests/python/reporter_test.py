@@ -77,6 +77,8 @@ class ReporterTest(unittest.TestCase):
         settings = dataclasses.replace(settings, endpoints=endpoints, send_every=1)
         reporter.set_settings(settings)
         self.assertEqual(reporter.current_settings(), settings)
+        with self.assertRaisesRegex(ReporterError, "^key file /gone"):
+            reporter.set_settings(dataclasses.replace(settings, signing_key_file="/gone"))
         reporter.send('{"n":1}')
         self.assertTrue(reporter.flush_to_store(30))
         reporter.set_settings(dataclasses.replace(settings, endpoints=endpoints[:1]))

@@ -32,7 +32,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   kit.queues.folder = options.store;
   kit.trace.path = options.trace;
   kit.trace.level = options.trace.empty() ? 0 : options.traceLevel;
-  kit.signingKeyFile = options.signKey;
+  kit.settings.signingKeyFile = options.signKey;
   kit.onRequestFinished = [this](const FinishedRequest& request) { OnRequestFinished(request); };
   return kit;
 }

@@ -15,7 +15,6 @@
 #include "host/kit/settings_builder.h"
 #include "host/services/function_notification.h"
 #include "host/services/hash_service.h"
-#include "host/signature/ed25519_signer.h"
 
 namespace veld_report::host {
 namespace {
@@ -65,9 +64,9 @@ zel::Ref<HttpClientFactory> MakeHttp(const HostKitOptions& given, const zel::Ref
   return CreateHttpClientFactory(options);
 }
 
-zel::Ref<orvel::ISignatureProvider> MakeSigner(const std::string& keyFile) {
-  if (keyFile.empty()) return {};
-  return MakeObject<Ed25519Signer>(Ed25519Key::PrivateFromFile(keyFile));
+std::optional<Ed25519Key> ReadKey(const std::optional<std::string>& file) {
+  if (!file || file->empty()) return {};
+  return Ed25519Key::PrivateFromFile(*file);
 }
 
 std::shared_ptr<RecordStamp> MakeStamp(const HostKitOptions& options) {
@@ -87,7 +86,7 @@ HostKit::HostKit(const HostKitOptions& options)
       settings_(std::make_unique<const BuiltSettings>(options.settings)),
       stamp_(MakeStamp(options)),
       module_(LoadModule(options.modulePath)),
-      signer_(MakeSigner(options.signingKeyFile)),
+      signer_(MakeObject<Ed25519Signer>(ReadKey(options.settings.signingKeyFile))),
       http_(MakeHttp(options, tracer_, gate_)),
       queues_(OpenQueues(options.queues, tracer_, gate_)),
       urlStates_(std::make_shared<UrlStateFile>(options.queues.folder)),
@@ -137,7 +136,6 @@ void HostKit::RegisterServices(const HostKitOptions& options) {
   locator_->Register<network_services::IHttpClientFactory>(http_);
   locator_->Register<zel::ITimerService>(timer_);
   locator_->Register<orvel::IExecutionModeProvider>(mode_);
-  if (!signer_) return;
   locator_->Register<orvel::ISignatureProvider>(signer_);
   intakeLocator_->Register<orvel::ISignatureProvider>(signer_);
 }
@@ -213,6 +211,9 @@ void HostKit::AllowSending(bool allowed) noexcept {
 void HostKit::SetSettings(const KitSettings& settings) {
   auto built = std::make_unique<const BuiltSettings>(settings);
   auto common = RecordStamp::Prepare(settings.common);
+  std::shared_ptr<const Ed25519Signer::Signing> signing;
+  if (auto key = ReadKey(settings.signingKeyFile))
+    signing = std::make_shared<const Ed25519Signer::Signing>(*std::move(key));
   const std::lock_guard lock(settingsMutex_);
   if (!intake_ || !delivery_) throw std::runtime_error("settings: the sender is closed");
   http_->AnnounceUrls(built->Urls());
@@ -224,6 +225,7 @@ void HostKit::SetSettings(const KitSettings& settings) {
     delivery_->SetSettings(settings_->Record());
     throw;
   }
+  if (settings.signingKeyFile) signer_->SetKey(std::move(signing));
   gate_->SetSettings(settings);
   urlStates_->SetUrls(built->Urls());
   SetRecordLimit(settings);

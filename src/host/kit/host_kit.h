@@ -16,7 +16,6 @@
 #include <string_view>
 
 #include "contract/sender.h"
-#include "contract/signature.h"
 #include "host/json/record_stamp.h"
 #include "host/kit/drain_watch.h"
 #include "host/kit/host_kit_options.h"
@@ -30,6 +29,7 @@
 #include "host/services/loaded_module.h"
 #include "host/services/service_locator.h"
 #include "host/services/timer_service.h"
+#include "host/signature/ed25519_signer.h"
 
 namespace veld_report::host {
 
@@ -82,7 +82,8 @@ class HostKit {
   bool IsSendingAllowed() const { return mode_->BackgroundAllowed(); }
 
   // Replaces the settings as a whole. The next cycle uses them, and removes queues whose url is gone, with
-  // their items. Throws std::invalid_argument or std::runtime_error, with nothing changed.
+  // their items. The next request is signed with the new key. Throws std::invalid_argument or
+  // std::runtime_error, with nothing changed.
   void SetSettings(const KitSettings& settings);
 
   QueueService& Queues() { return *queues_; }
@@ -110,7 +111,7 @@ class HostKit {
   std::unique_ptr<const BuiltSettings> settings_;
   const std::shared_ptr<RecordStamp> stamp_;  // shared with the serialiser
   std::unique_ptr<LoadedModule> module_;
-  zel::Ref<orvel::ISignatureProvider> signer_;  // may be null
+  zel::Ref<Ed25519Signer> signer_;
   zel::Ref<HttpClientFactory> http_;
   zel::Ref<QueueService> queues_;
   const std::shared_ptr<UrlStateFile> urlStates_;  // shared with the notification of completed requests

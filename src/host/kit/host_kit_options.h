@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,9 @@ struct KitSettings {
   // and any 200, such as that of a hotel's login page, deletes them.
   bool allowHttp = false;
   std::vector<CommonMember> common{};  // of every record that is an object
+  // An Ed25519 private key in PEM form, read when the settings are made. None: the present one stays; empty:
+  // messages are unsigned.
+  std::optional<std::string> signingKeyFile{};
 };
 
 struct HostKitOptions {
@@ -46,8 +50,7 @@ struct HostKitOptions {
   QueueServiceOptions queues{};  // `folder` is required; `tracer` and `pacer` are set by the kit
   HttpClientOptions http{};      // `tracer`, `clock` and `takeRecords` are set by the kit
   LineTracerOptions trace{.level = 0};
-  bool stamp = false;            // adds an id and the time to each record (host/json/record_stamp.h)
-  std::string signingKeyFile{};  // an Ed25519 private key in PEM form; empty: messages are unsigned
+  bool stamp = false;  // adds an id and the time to each record (host/json/record_stamp.h)
   FunctionNotification::Function onRequestFinished{};  // may be empty
   std::shared_ptr<Clock> clock{};  // of the timer, the intervals and the HTTP client; null: the system's
   // If set, called once with the queue service; the module gets its result instead. For measuring or watching

@@ -121,6 +121,7 @@ Settings SettingsOf(const veld_report_settings& given) {
   Settings settings;
   settings.endpoints = EndpointsOf(given.endpoints, given.endpoint_count);
   SetCommon(given, settings);
+  if (given.signing_key_file) settings.signingKeyFile = given.signing_key_file;
   return settings;
 }
 

@@ -15,8 +15,9 @@ std::uint32_t SecondsOf(const char* name, std::chrono::seconds given) {
 }  // namespace
 
 Settings SettingsOf(const ReporterOptions& options) {
-  return {options.endpoints,     options.packetLimit, options.queueLimitKb, options.retryAfter,
-          options.packetLimitKb, options.sendEvery,   options.allowHttp,    options.common};
+  return {options.endpoints,  options.packetLimit,   options.queueLimitKb,
+          options.retryAfter, options.packetLimitKb, options.sendEvery,
+          options.allowHttp,  options.common,        options.signingKeyFile};
 }
 
 host::KitSettings KitSettingsOf(const Settings& settings) {
@@ -31,6 +32,7 @@ host::KitSettings KitSettingsOf(const Settings& settings) {
   result.sendEveryS = SecondsOf("sendEvery", settings.sendEvery);
   result.allowHttp = settings.allowHttp;
   for (const CommonMember& each : settings.common) result.common.push_back({each.name, each.value});
+  result.signingKeyFile = settings.signingKeyFile;
   return result;
 }
 
@@ -57,7 +59,6 @@ host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
   result.trace.level = options.traceLevel;
   result.trace.log = options.log;
   result.stamp = options.stamp;
-  result.signingKeyFile = options.signingKeyFile;
   return result;
 }
 

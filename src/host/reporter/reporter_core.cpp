@@ -285,6 +285,7 @@ void Reporter::Core::AdoptSettings(const Settings& settings) {
     if (!endpoint.consumer.empty()) consumers.insert(endpoint.consumer);
   }
   Settings copy = settings;
+  copy.signingKeyFile.reset();  // whoever sets them again keeps the key
   const std::lock_guard lock(settingsMutex_);
   std::swap(settings_, copy);
   consumers_.swap(consumers);

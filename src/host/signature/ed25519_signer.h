@@ -2,9 +2,13 @@
 //
 // The signature block is the JSON header {"alg":"EdDSA","kid":"..."}, a zero byte, and the 64 bytes of the
 // signature over the payload text (RFC 8032, the plain form without a context). `kid` is Ed25519Key::KeyId.
-// It proves who made the message; it doesn't encrypt.
+// Without a key it is the unsigned block of docs/wire-format.md. A signature proves who made the message; it
+// doesn't encrypt.
 #pragma once
 
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "contract/signature.h"
@@ -16,15 +20,24 @@ namespace veld_report::host {
 // Threads: any.
 class Ed25519Signer final : public HostObject<orvel::ISignatureProvider> {
  public:
-  // `key` needs its private half.
-  explicit Ed25519Signer(Ed25519Key key);
+  // A key that is ready to sign.
+  struct Signing {
+    explicit Signing(Ed25519Key key);
+    const Ed25519Key key;      // with its private half
+    const std::string header;  // including the zero byte
+  };
 
+  // Without a key, messages are unsigned.
+  explicit Ed25519Signer(std::optional<Ed25519Key> key = {});
+
+  // The next message is signed with it; null: unsigned.
+  void SetKey(std::shared_ptr<const Signing> key) noexcept;
   // Returns 0x8000004b "Unspecified error" if OpenSSL can't sign; the message is then sent unsigned.
   zel::ResultCode Sign(const zel::ByteRange* payload, zel::vector_t<std::uint8_t>* signatureBlock) override;
 
  private:
-  const Ed25519Key key_;
-  const std::string header_;  // including the zero byte
+  std::mutex mutex_;  // guards `key_`; held for moments
+  std::shared_ptr<const Signing> key_;
 };
 
 }  // namespace veld_report::host

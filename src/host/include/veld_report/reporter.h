@@ -82,6 +82,10 @@ struct Settings {
   // Added to every record that is a JSON object, after its own members, when it is sent. The names differ
   // from each other, and from the two of `ReporterOptions::stamp`.
   PlainVector<CommonMember> common{};
+  // Ed25519 private key, PEM, from the next request on; so a key can be replaced while the program runs. The
+  // file is read once. None, which is also what CurrentSettings returns: the present key stays. Empty:
+  // unsigned.
+  std::optional<std::string> signingKeyFile{};
 };
 
 // Called for each completed request, but not for one that was held back and never sent, on a thread of the

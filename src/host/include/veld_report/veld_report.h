@@ -60,6 +60,8 @@ typedef struct veld_report_settings {
   uint32_t send_every_s;
   uint32_t allow_http;
   void* memory; /* of veld_report_get_settings; otherwise not used */
+  /* Ed25519 private key, PEM, from the next request on. NULL: the present key stays; "": unsigned. */
+  const char* signing_key_file;
 } veld_report_settings;
 
 /* A completed request. */
