@@ -1,12 +1,14 @@
 // Which server the client believes, by the certificates of the system, of its options and of a url.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 
 #include <memory>
 
 #include "host/http/http_client.h"
 #include "host/http/http_outcome.h"
+#include "host/http/server_keys.h"
 #include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
 #include "tests/host/http_fakes.h"
@@ -147,6 +149,19 @@ TEST(HttpTls, VersionsBelow12AreRefused) {
     const TlsServer server("server.pem", version);
     EXPECT_EQ(TlsKit().CodeWith({ca}, server.Url()), version < TLS1_2_VERSION ? host::eMediaError : zel::sOk);
   }
+}
+
+TEST(HttpTls, PinsOfAServerAreReadInTheOrderOfItsChain) {
+  const TlsServer server;
+  BIO* const text = BIO_new_mem_buf(ca.data(), static_cast<int>(ca.size()));
+  SSL_CTX_add_extra_chain_cert(server.context.get(), PEM_read_bio_X509(text, nullptr, nullptr, nullptr));
+  BIO_free(text);
+  const host::ServerKeys keys = host::ReadServerKeys(server.Url(), std::chrono::seconds(20));
+  ASSERT_EQ(keys.chain.size(), 2U);
+  EXPECT_EQ(keys.chain[0].pin, pin);
+  EXPECT_EQ(keys.chain[1].pin, File("authority.pin"));
+  EXPECT_NE(keys.distrust, "");
+  EXPECT_EQ(server.server.Requests().size(), 0U);
 }
 
 }  // namespace

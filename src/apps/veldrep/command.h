@@ -37,6 +37,7 @@ Command MakeQueuesCommand(CLI::App& program);
 Command MakeStoreCommand(CLI::App& program);
 Command MakeDecodeCommand(CLI::App& program);
 Command MakeKeygenCommand(CLI::App& program);
+Command MakePinCommand(CLI::App& program);
 
 // Writes "veldrep: what: why" to stderr. Threads: any; each line is written in one piece.
 void Complain(const std::string& line);
