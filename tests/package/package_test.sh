@@ -166,6 +166,15 @@ install_packages() {
   delivers '{"a":1}' "$prefix/bin/veldrep" send --store "$work/store" --url "$url/deb" "$work/record"
 }
 
+# The installed pages as a reader would follow them.
+run_pages() {
+  local page
+  for page in getting-started security; do
+    clean PATH="$prefix/bin:$PATH" CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH="$prefix/lib/pkgconfig" "$@" \
+      "$source/scripts/run-page" "$prefix/share/doc/veld_report/docs/$page.md"
+  done
+}
+
 long_options() { grep -oE -- '--[a-z][a-z-]+' | sort -u; }
 # commands_of COMMAND...: the commands that it names in its help.
 commands_of() { "$@" --help | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z][a-z-]*\).*/\1/p'; }
@@ -234,6 +243,7 @@ remove_packages() {
 install_prefix
 build_examples gcc cc "$compiler" ""
 build_examples clang clang-14 clang++-14 -D_GLIBCXX_DEBUG
+run_pages
 start_server
 run_examples "$work/gcc"
 run_examples "$work/clang"
@@ -241,6 +251,7 @@ check_pkg_config
 check_moved
 check_subproject
 install_packages
+run_pages LD_LIBRARY_PATH="$prefix/lib"
 check_versions
 check_man_pages
 check_completion
