@@ -1,7 +1,6 @@
 // Sending, flushing, statistics, settings and listeners of the reporter, against real servers on loopback.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/ssl.h>
 
 #include <atomic>
 #include <filesystem>
@@ -122,12 +121,6 @@ TEST_F(Sending, RefusedRecordsSayWhyAndAreCounted) {
 
 // The listener, the log and the statistics say the same.
 TEST_F(Sending, FailedRequestsSayWhatIsWrong) {
-  const auto file = [](const char* name) { return std::string(VELD_TLS_FILES "/") + name; };
-  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> tls(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-  ASSERT_EQ(SSL_CTX_use_certificate_file(tls.get(), file("server.pem").c_str(), SSL_FILETYPE_PEM), 1);
-  ASSERT_EQ(SSL_CTX_use_PrivateKey_file(tls.get(), file("server.pem").c_str(), SSL_FILETYPE_PEM), 1);
-  SSL_CTX_set_quiet_shutdown(tls.get(), 1);  // nobody listens any more
-  const tests::ScriptedServer secure(tests::ScriptedReply::Status(200), tls.get());
   const tests::ScriptedServer refuses(
       {"HTTP/1.1 400 No\r\nContent-Length: 204\r\n\r\nno\n" + std::string(201, 'x')});
   const tests::ScriptedServer proxy({"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n"});
@@ -141,11 +134,6 @@ TEST_F(Sending, FailedRequestsSayWhatIsWrong) {
   const Case cases[] = {
       {{down}, "", 0, "Couldn't connect to server (0x80000059 Media error)"},
       {{refuses.Url()}, "", 400, "with status 400: \"no\\x0a" + std::string(197, 'x') + "\"..."},
-      {{secure.Url(), "", {tests::ReadFile(file("other.pin"))}},
-       "",
-       0,
-       "pinned public key (0x8000005a Invalid signature)"},
-      {{secure.Url(), "", {tests::ReadFile(file("other.pem"))}}, "", 0, "(0x8000005a Invalid signature)"},
       {{"https://nowhere.test"}, "", 0, "Could not resolve host: nowhere.test (0x8000004c Not found)"},
       {{"https://nowhere.test"},
        proxy.Url(""),

@@ -7,7 +7,6 @@ import sys
 import threading
 import time
 import unittest
-import warnings
 
 import veld_report
 from veld_report import Code, Endpoint, Reporter, ReporterError, Settings
@@ -115,24 +114,6 @@ class ReporterTest(unittest.TestCase):
             reporter.send("{}")
             self.assertTrue(sent.wait(30))
         self.assertIn("SendStatistic", str(lines))
-
-    def test_child_of_a_fork_is_refused(self):
-        reporter = Reporter(self.store, [self.url])
-        with warnings.catch_warnings():
-            warnings.simplefilter("ignore")  # Python 3.12 warns of the threads
-            child = os.fork()
-        if child == 0:
-            try:
-                self.assert_fails(Code.INVALID_STATE, "forked", reporter.send, {})
-                self.assert_fails(Code.INVALID_STATE, "forked", reporter.stats)
-                self.assertFalse(reporter.close(60))
-                del reporter
-                os._exit(0)
-            finally:
-                os._exit(1)
-        self.assertEqual(os.waitpid(child, 0)[1], 0)
-        reporter.send({})
-        self.assertTrue(reporter.close(30))
 
     def test_end_of_the_interpreter_closes(self):
         program = "import sys, veld_report; r = veld_report.Reporter(*sys.argv[1:2], sys.argv[2:]); r.send('{}')"
