@@ -78,6 +78,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (verb == "forget") return service->Forget(), "";
     if (verb == "commit") return service->Commit() ? "" : "failed";
     if (verb == "paced") return Shown(std::exchange(pacer_->calls, {}));
+    if (verb == "use") return service = services_.at(name), "";
     if (verb == "anew") return Begin(), "";
     if (verb == "close") return EndServices(), "";
     if (verb == "advance") return machine_->Pass(std::stoll(name)), "";

@@ -41,12 +41,6 @@ class StoreModel {
     return model;
   }
   bool operator==(const StoreModel&) const = default;
-  // For where the order of the items isn't fixed.
-  StoreModel Sorted() const {
-    StoreModel sorted = *this;
-    for (auto& [name, queue] : sorted.queues_) std::ranges::sort(queue.items);
-    return sorted;
-  }
 
   // `answer`: what the store answered to the push of this item.
   void Pushed(const std::string& queue, std::string_view text, zel::ResultCode answer) {
