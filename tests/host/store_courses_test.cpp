@@ -1,4 +1,5 @@
 // The courses of the queue service on SQLite.
+#include <functional>
 #include <future>
 
 #include "host/queue/sqlite_connection.h"
@@ -69,7 +70,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
       EXPECT_TRUE(ReadFile(StorePath()) == spoiled_) << "a check changes nothing";
       return Shown(found);
     }
-    if (verb == "kept") return Holds(spoiled_) ? "yes" : "no";
+    if (verb == "kept") return IsKept() ? "yes" : "no";
     if (verb == "traced") return Shown(Traced());
     if (verb == "ledger") return testing::PrintToString(Ledger(name));
     if (verb == "list") return List();
@@ -189,10 +190,15 @@ class StoreCourses : public StoreTest, protected QueueCourses {
         SqliteConnection(options.folder / name, SqliteConnection::Access::read).QueryInteger(statement));
   }
   std::string Committed() const { return Query("veld_rep.queue", "SELECT count(*) FROM items"); }
+  bool AnyFile(const std::function<bool(const std::string&)>& is) const {
+    return std::ranges::any_of(fs::directory_iterator(options.folder),
+                               [&](const fs::directory_entry& entry) { return is(ReadFile(entry.path())); });
+  }
   bool Holds(const std::string& text) const {
-    return std::ranges::any_of(fs::directory_iterator(options.folder), [&](const fs::directory_entry& entry) {
-      return ReadFile(entry.path()).find(text) != std::string::npos;
-    });
+    return AnyFile([&](const std::string& file) { return file.find(text) != file.npos; });
+  }
+  bool IsKept() const {
+    return AnyFile([&](const std::string& file) { return file == spoiled_; });
   }
   std::string Files(const std::string& part) const {
     Strings names;
