@@ -111,8 +111,8 @@ struct ReporterOptions {
   // Adds two members to the end of every record that is a JSON object, at Send: "recordId", a UUID of version
   // 7 (RFC 9562), each greater than those before it in this process, and "recordTime", such as
   // "2026-03-31T09:41:07.250Z". A record that is delivered twice has the same ones both times, so a server
-  // can tell. A record that has a member of one of these names, or of a name in `common`, keeps its own. A
-  // field of a structure counts as such a member even if it is an empty optional.
+  // can recognise it. A record that has a member of one of these names, or of a name in `common`, keeps its
+  // own. A field of a structure counts as such a member even if it is an empty optional.
   bool stamp = false;
   // How long the destructor waits for undelivered records, like Close.
   std::chrono::milliseconds closeDeadline{2000};
