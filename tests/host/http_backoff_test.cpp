@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "host/http/retry_after.h"
-#include "tests/host/http_fakes.h"
 #include "tests/host/manual_clock.h"
-#include "tests/host/scripted_server.h"
 
 namespace veld_report::tests {
 namespace {
@@ -152,26 +150,6 @@ TEST_F(BackoffTest, TheStateIsForPeopleAndHasNoSecrets) {
   EXPECT_EQ(states[1].lastStatus, 503);
   backoff.KeepOnly({"http://b.test/", "http://new.test/"});
   EXPECT_EQ(backoff.States().size(), 1u);
-}
-
-TEST(HttpClientBackoff, WhileItLastsRequestsEndAtOnceAndNothingIsSent) {
-  const auto clock = std::make_shared<ManualClock>();
-  int notified = 0;
-  host::HttpClientOptions options = Direct();
-  options.clock = clock;
-  options.onBackoff = [&] { ++notified; };
-  const HttpKit kit(options);
-  ScriptedServer busy(ScriptedReply::Status(503, "retry-after: 120\r\n"));
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(kit.client.Send(busy.Url())->status, 503);
-    EXPECT_EQ(kit.client.Send(busy.Url())->code, zel::eNotReady);
-    clock->Advance(seconds(119));
-    EXPECT_EQ(kit.client.Send(busy.Url())->code, zel::eNotReady);
-    EXPECT_EQ(notified, 2 * i + 2);
-    EXPECT_EQ(busy.Requests().size(), i + 1u);
-    clock->Advance(seconds(1));
-  }
-  EXPECT_EQ(kit.factory->States().at(0).failures, 3u);
 }
 
 }  // namespace

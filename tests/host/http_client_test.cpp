@@ -182,13 +182,5 @@ TEST(HttpClient, HeadersAndProxyAreThoseOfTheOptions) {
     EXPECT_THAT(head, testing::HasSubstr(line));
 }
 
-TEST(HttpClient, ARefusedTunnelIsAFailureAndNoAnswerOfTheServer) {
-  ScriptedServer refusing(ScriptedReply::Status(407));
-  HttpClientOptions options;
-  options.proxy = refusing.Url();
-  EXPECT_EQ(HttpKit(options).client.Send("https://stats.test/v1")->code, host::eMediaError);
-  EXPECT_THAT(refusing.Requests().at(0).head, testing::StartsWith("CONNECT stats.test:443 HTTP/1.1\r\n"));
-}
-
 }  // namespace
 }  // namespace veld_report::tests
