@@ -186,6 +186,7 @@ TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
       {[](auto& it) { it.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
       {[](auto& it) { it.modulePath = "libm.so.6"; }, "exports no function zelGetObjectFactory"},
       {[](auto& it) { it.signingKeyFile = "none.pem"; }, "key file none.pem"},
+      {[](auto& it) { it.caFile = "none.pem"; }, "caFile none.pem"},
       {[](auto& it) {
          it.headers = {"X-A: b", "X-Key"};
        },

@@ -72,8 +72,9 @@ CertificateSet ReadCertificates(const std::vector<std::string_view>& elements) {
       result.caPem.append(text).append("\n");
     } else {
       throw std::invalid_argument("certificate " + std::to_string(i + 1) +
-                                  " is neither PEM text of certificates nor a pin of the form "
-                                  "sha256//BASE64 (44 characters); correct it or leave it out");
+                                  " is neither the text of certificates in PEM form (a file's name won't do) "
+                                  "nor a pin of the form sha256//BASE64 (44 characters); correct it or "
+                                  "leave it out");
     }
   }
   return result;

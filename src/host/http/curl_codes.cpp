@@ -40,4 +40,20 @@ zel::ResultCode CodeOf(CURLcode result) {
   }
 }
 
+const char* RemedyOf(CURLcode result) {
+  switch (result) {
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_ISSUER_ERROR:
+      return "; check the endpoint's certificates, caFile and the server's chain";
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+      return "; if the server's key was changed, give the new pin; otherwise somebody is in between";
+    case CURLE_SSL_CACERT_BADFILE:
+      return "; caFile must name a file with certificates in PEM form";
+    case CURLE_SSL_CONNECT_ERROR:
+      return "; check that the server speaks TLS on this port";
+    default:
+      return "";
+  }
+}
+
 }  // namespace veld_report::host

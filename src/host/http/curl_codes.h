@@ -9,5 +9,7 @@ namespace veld_report::host {
 
 // Always negative, except for CURLE_OK. The codes are listed at HttpClientFactory.
 zel::ResultCode CodeOf(CURLcode result);
+// What to do about it, to follow libcurl's own sentence: "; check ...". Empty if there is nothing to add.
+const char* RemedyOf(CURLcode result);
 
 }  // namespace veld_report::host

@@ -2,10 +2,13 @@
 
 #include <curl/curl.h>
 #include <openssl/crypto.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -135,6 +138,13 @@ void InitializeLibraries() {
   if (!initialized) throw std::runtime_error("libcurl can't be initialised; is there memory left?");
 }
 
+// Without it every request over TLS would fail, and the records would only wait.
+void CheckCaFile(const std::string& file) {
+  if (file.empty() || access(file.c_str(), R_OK) == 0) return;
+  throw std::invalid_argument("caFile " + file + ": " + std::generic_category().message(errno) +
+                              "; name a file of certificates in PEM form that this user can read");
+}
+
 std::function<double()> MachineRandom() {
   const auto generator = std::make_shared<std::mt19937_64>(std::random_device()());
   return [generator] { return std::uniform_real_distribution<double>(0, 1)(*generator); };
@@ -147,6 +157,7 @@ zel::Ref<HttpClientFactory> CreateHttpClientFactory(const HttpClientOptions& opt
     throw std::invalid_argument("HttpClientOptions: a time limit of 0 would mean none; give one above 0");
   }
   CheckOwnHeaders(options);
+  CheckCaFile(options.caFile);
   InitializeLibraries();
   return MakeObject<Factory>(std::make_shared<HttpShared>(
       options, ReadProxySettings(options, [](const char* name) { return std::getenv(name); }),
