@@ -13,6 +13,10 @@ void CheckSense(const SendOptions& options) {
     if (url.starts_with("http://") || url.starts_with("https://")) continue;
     throw WrongCommandLine("--url " + url + ": must begin with http:// or https://");
   }
+  const auto isTls = [](const std::string& url) { return url.starts_with("https://"); };
+  if (!options.certificates.empty() && std::ranges::none_of(options.urls, isTls)) {
+    throw WrongCommandLine("--certificate: no --url begins with https://, so nothing would check it");
+  }
   if (!options.consumers.empty() && options.consumers.size() != options.urls.size()) {
     throw WrongCommandLine("--consumer: give none, or one for each --url, in the same order");
   }
@@ -45,6 +49,13 @@ void AddTargets(CLI::App* command, SendOptions* options) {
       ->required();
   command->add_flag("--allow-http", options->allowHttp,
                     "allow http:// urls to other machines, where anyone on the way can read the records");
+  command
+      ->add_option(
+          "--certificate", options->certificates,
+          "file with CA certificates (PEM), or pin of the server's key (sha256//BASE64), to trust for "
+          "https:// in place of the system's; may be repeated")
+      ->type_name("FILE|PIN")
+      ->allow_extra_args(false);
   command
       ->add_option("--consumer", options->consumers,
                    "consumer name of the --url in the same position; may be repeated")

@@ -16,6 +16,7 @@ struct SendOptions {
   std::uint32_t sendTimeoutSeconds = 1;
   bool allowHttp = false;
   bool stamp = false;
+  std::vector<std::string> certificates;  // of the urls of https://: files in PEM form, or pins
   std::string signKey;
   std::string to;  // the consumer of the records; empty: all
   std::string trace;

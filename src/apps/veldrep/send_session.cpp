@@ -1,5 +1,8 @@
 #include "apps/veldrep/send_session.h"
 
+#include <utility>
+
+#include "apps/veldrep/command.h"
 #include "veld_report/code_text.h"
 
 namespace veld_report::app {
@@ -8,6 +11,13 @@ namespace {
 constexpr std::uint64_t memoryLimitBytes = 64 << 20;
 // The memory of a record in addition to its text.
 constexpr std::uint64_t overheadBytes = 250;
+
+std::vector<std::string> Certificates(const SendOptions& options) {
+  std::vector<std::string> texts;
+  for (const std::string& each : options.certificates)
+    texts.push_back(each.starts_with("sha256//") ? each : ReadWhole(each));
+  return texts;
+}
 
 }  // namespace
 
@@ -20,9 +30,11 @@ SendSession::SendSession(const SendOptions& options)
 host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   host::HostKitOptions kit;
   kit.modulePath = options.modulePath;
+  const std::vector<std::string> certificates = Certificates(options);
   for (std::size_t i = 0; i < options.urls.size(); ++i) {
-    const std::string consumer = options.consumers.empty() ? "" : options.consumers[i];
-    kit.settings.endpoints.push_back({options.urls[i], consumer});
+    host::KitEndpoint endpoint{options.urls[i], options.consumers.empty() ? "" : options.consumers[i]};
+    if (options.urls[i].starts_with("https://")) endpoint.certificates = certificates;
+    kit.settings.endpoints.push_back(std::move(endpoint));
   }
   kit.settings.packetLimit = options.packetLimit;
   kit.settings.queueLimitKb = options.queueLimitKb;
