@@ -15,6 +15,11 @@ void Complain(const std::string& line) {
   std::fflush(stderr);
 }
 
+void CheckStoreAccess(const std::string& path) {
+  if (access(path.c_str(), R_OK) == 0 || errno != EACCES) return;
+  throw Failure(path, "Permission denied; only its owner can read a store, so run this as that user");
+}
+
 std::string ReadWhole(const std::string& path) {
   const bool isStdin = path == "-";
   const std::unique_ptr<FILE, int (*)(FILE*)> file(

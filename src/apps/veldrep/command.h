@@ -42,6 +42,9 @@ Command MakePinCommand(CLI::App& program);
 // Writes "veldrep: what: why" to stderr. Threads: any; each line is written in one piece.
 void Complain(const std::string& line);
 
+// Throws Failure if this user may not read the store's folder or the file in it.
+void CheckStoreAccess(const std::string& path);
+
 // Reads a whole file, or stdin for "-". Throws Failure.
 std::string ReadWhole(const std::string& path);
 

@@ -28,9 +28,10 @@ struct QueuesOptions {
 
 zel::Ref<host::QueueService> OpenStore(const QueuesOptions& options, bool inspectOnly) {
   // The service would create a missing store; a command that only looks must not.
-  if (!std::filesystem::exists(host::StoreFilePath(options.store, host::defaultDomain))) {
-    throw Failure(options.store, "there is no store in this folder");
-  }
+  const std::filesystem::path file = host::StoreFilePath(options.store, host::defaultDomain);
+  CheckStoreAccess(options.store);
+  CheckStoreAccess(file);
+  if (!std::filesystem::exists(file)) throw Failure(options.store, "there is no store in this folder");
   host::QueueServiceOptions service;
   service.folder = options.store;
   service.inspectOnly = inspectOnly;
@@ -47,7 +48,8 @@ host::QueueInfo Find(host::QueueService& service, const std::string& urlOrName) 
   for (const host::QueueInfo& each : service.ListQueues()) {
     if (each.name == name) return each;
   }
-  throw Failure(urlOrName, "the store has no such queue" + (name == urlOrName ? "" : " (" + name + ")"));
+  throw Failure(urlOrName, "the store has no such queue" + (name == urlOrName ? "" : " (" + name + ")") +
+                               "; veldrep queues lists them");
 }
 
 // A queue and, if the sender has recorded it, its url and the state of sending there.

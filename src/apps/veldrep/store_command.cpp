@@ -14,6 +14,7 @@ struct StoreOptions {
 };
 
 void RequireStore(const StoreOptions& options) {
+  CheckStoreAccess(options.store);
   if (!std::filesystem::is_directory(options.store) || host::StoredDomains(options.store).empty())
     throw Failure(options.store, "there is no store in this folder");
 }
@@ -23,7 +24,7 @@ int Check(const StoreOptions& options) {
   RequireStore(options);
   bool good = true;
   for (const host::StoreCheck& each : host::CheckStore(options.store)) {
-    std::printf("%s: %s, %lld items of %lld bytes waiting, %llu bytes on disk\n", each.domain.c_str(),
+    std::printf("%s.queue: %s, %lld items of %lld bytes waiting, %llu bytes on disk\n", each.domain.c_str(),
                 each.IsGood() ? "good" : "DAMAGED", static_cast<long long>(each.waiting.items),
                 static_cast<long long>(each.waiting.bytes), static_cast<unsigned long long>(each.fileBytes));
     for (const std::string& finding : each.findings) std::printf("  %s\n", finding.c_str());
@@ -45,7 +46,7 @@ int Salvage(const StoreOptions& options) {
 int Compact(const StoreOptions& options) {
   RequireStore(options);
   for (const host::StoreCompaction& each : host::CompactStore(options.store)) {
-    std::printf("%s: %llu bytes before, %llu bytes after\n", each.domain.c_str(),
+    std::printf("%s.queue: %llu bytes before, %llu bytes after\n", each.domain.c_str(),
                 static_cast<unsigned long long>(each.bytesBefore),
                 static_cast<unsigned long long>(each.bytesAfter));
   }

@@ -115,7 +115,7 @@ std::shared_ptr<QueueStore> QueueService::Store(const std::string& domain) {
       store = std::make_shared<QueueStore>(options_, file, folderLock_);
     } catch (const SqliteError& error) {
       throw StoreError(std::string("the store can't be opened: ") + error.what() +
-                       "; make sure that the disk has room and that the file is a store");
+                       "; make sure that the disk has room, and look for damage with veldrep store check");
     }
   }
   return store;

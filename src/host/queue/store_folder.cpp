@@ -22,8 +22,10 @@ constexpr mode_t fileMode = 0600;
 std::string Reason(int error) { return std::generic_category().message(error); }
 
 [[noreturn]] void FailFile(const std::filesystem::path& file, const char* action, int error) {
+  const bool isRefused = error == EACCES || error == EPERM;
   throw StoreError("can't " + std::string(action) + " " + file.string() + ": " + Reason(error) +
-                   "; give this user the right to write in that folder, or choose another one");
+                   (isRefused ? "; give this user the right to write in that folder, or choose another one"
+                              : "; choose another one"));
 }
 
 // A umask can only have removed rights of the owner; they are restored. If the superuser looks after somebody
