@@ -50,6 +50,20 @@ std::string Suggestion(const std::string& given, const std::vector<std::string>&
   return nearest.empty() ? "" : "; did you mean " + nearest + "?";
 }
 
+std::vector<std::string> CommandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+    names.push_back(command->get_name());
+  return names;
+}
+
+// "give a command: check, salvage, compact"
+std::string WantedCommand(const CLI::App& app) {
+  std::string text;
+  for (const std::string& name : CommandNames(app)) text += (text.empty() ? "give a command: " : ", ") + name;
+  return text;
+}
+
 // What could have stood where the first argument that wasn't understood stands.
 std::string SuggestionFor(const CLI::App& app, const std::string& given) {
   std::vector<std::string> names;
@@ -58,8 +72,7 @@ std::string SuggestionFor(const CLI::App& app, const std::string& given) {
       for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
     }
   } else {
-    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
-      names.push_back(command->get_name());
+    names = CommandNames(app);
   }
   return Suggestion(given.substr(0, given.find('=')), names);
 }
@@ -69,14 +82,17 @@ int Explain(const CLI::App& program, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) return program.exit(error);
   const auto chosen = program.get_subcommands();
   const std::string name = chosen.empty() ? "veldrep" : "veldrep " + chosen.front()->get_name();
+  const CLI::App& app = chosen.empty() ? program : *chosen.front();
   // CLI11 only says that a command is missing.
   const auto rest = program.remaining(true);
   std::string what = error.what();
-  if (chosen.empty() && !rest.empty() && !rest[0].starts_with("-")) {
+  if (rest.empty() && what == CLI::RequiredError::Subcommand(1).what()) {
+    what = WantedCommand(app);
+  } else if (chosen.empty() && !rest.empty() && !rest[0].starts_with("-")) {
     what = "there is no command " + rest[0] + SuggestionFor(program, rest[0]);
   } else if (!rest.empty()) {
     what = rest[0].starts_with("-") ? "there is no option " + rest[0] : "unexpected: " + rest[0];
-    what += SuggestionFor(chosen.empty() ? program : *chosen.front(), rest[0]);
+    what += SuggestionFor(app, rest[0]);
   }
   Complain("command line: " + what + " (see " + name + " --help)");
   return exitWrongCommandLine;

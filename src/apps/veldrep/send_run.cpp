@@ -212,8 +212,10 @@ int SendRun::Conclude() {
   }
   const SendSession::Failures failures = session_.RequestFailures();
   if (figures_.waiting > 0 && !failures.last.empty()) {
-    Complain((failures.answered == 0 ? "no server answered"
-                                     : std::to_string(failures.answered) + " requests were refused") +
+    const std::string count = std::to_string(failures.answered);
+    Complain((failures.answered == 0   ? "no server answered"
+              : failures.answered == 1 ? count + " request was refused"
+                                       : count + " requests were refused") +
              "; the last failure: " + failures.last);
   }
   const std::chrono::duration<double> seconds = Clock::now() - started_;

@@ -40,7 +40,7 @@ void CheckUrlOf(const KitEndpoint& endpoint, std::uint64_t index, bool allowHttp
   if (check.isTls || check.isLoopback || allowHttp) return;
   Refuse(index, endpoint,
          "with http, anyone on the way can read the records, and acknowledge them so that they are deleted; "
-         "use https, or allow http in the settings");
+         "use https, or allow http with allowHttp (veldrep: --allow-http)");
 }
 
 void CheckCertificates(const KitEndpoint& endpoint, std::uint64_t index) {
