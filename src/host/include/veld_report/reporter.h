@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "types/result_code.h"
+#include "veld_report/code_text.h"
 #include "veld_report/finished_request.h"
 #include "veld_report/loss.h"
 #include "veld_report/queue_ledger.h"
