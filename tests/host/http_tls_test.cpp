@@ -109,7 +109,7 @@ TEST(HttpTls, AUrlsCertificatesReplaceThoseOfTheOptions) {
     EXPECT_EQ(kit.CodeWith({pin}, server.Url()), zel::sOk);
     EXPECT_EQ(kit.CodeWith({wrongPin}, server.Url()), host::eInvalidSignature);
     EXPECT_THAT(kit.factory->StateOf(server.Url())->lastError,
-                testing::HasSubstr("pinned public key (0x8000005a Invalid signature)"));
+                testing::HasSubstr("otherwise somebody is in between (0x8000005a Invalid signature)"));
   }
 }
 
