@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <stdexcept>
 #include <vector>
@@ -30,34 +32,45 @@ bool WriteAll(int file, std::string_view text) {
 
 }  // namespace
 
-NdjsonFile::NdjsonFile(const std::string& path) : path_(path) {
-  try {
-    Open();
-    RepairTail();
-  } catch (...) {
-    if (file_ >= 0) close(file_);
-    throw;
-  }
+NdjsonFile::NdjsonFile(const SinkOptions& options)
+    : options_(options), clock_(options.clock ? options.clock : std::make_shared<host::SystemClock>()) {
+  Adopt(Open());
+  tornBytes_ = file_.tornBytes;
 }
 
-NdjsonFile::~NdjsonFile() { close(file_); }
+NdjsonFile::~NdjsonFile() { close(file_.handle); }
 
 void NdjsonFile::Fail(const std::string& what) const { throw std::runtime_error(path_ + ": " + what); }
 
-void NdjsonFile::Open() {
-  file_ = open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
-  if (file_ < 0) Fail("can't be opened: " + Reason());
-  struct stat status {};
-  if (fstat(file_, &status) != 0) Fail("can't be examined: " + Reason());
-  if (!S_ISREG(status.st_mode)) Fail("isn't a regular file, so it can't be synced");
-  if (flock(file_, LOCK_EX | LOCK_NB) != 0)
-    Fail("is being written by another process; give each server a file of its own");
-  if (fstat(file_, &status) != 0) Fail("can't be examined: " + Reason());
-  size_ = static_cast<std::uint64_t>(status.st_size);
-  SyncFolder();
+NdjsonFile::OpenFile NdjsonFile::Open() const {
+  OpenFile file;
+  file.handle = open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+  if (file.handle < 0) Fail("can't be opened: " + Reason());
+  try {
+    struct stat status {};
+    if (fstat(file.handle, &status) != 0) Fail("can't be examined: " + Reason());
+    if (!S_ISREG(status.st_mode)) Fail("isn't a regular file, so it can't be synced");
+    if (flock(file.handle, LOCK_EX | LOCK_NB) != 0)
+      Fail("is being written by another process; give each server a file of its own");
+    if (fstat(file.handle, &status) != 0) Fail("can't be examined: " + Reason());
+    file.size = static_cast<std::uint64_t>(status.st_size);
+    SyncFolder();
+    RepairTail(&file);
+  } catch (...) {
+    close(file.handle);
+    throw;
+  }
+  return file;
 }
 
-// A new file is durable only once its folder is synced.
+void NdjsonFile::Adopt(const OpenFile& fresh) {
+  if (file_.handle >= 0) close(file_.handle);
+  file_ = fresh;
+  hasPartialLine_ = false;
+  opened_ = clock_->Now();
+}
+
+// A new file, or a new name, is durable only once its folder is synced.
 void NdjsonFile::SyncFolder() const {
   std::filesystem::path folder = std::filesystem::path(path_).parent_path();
   if (folder.empty()) folder = ".";
@@ -69,13 +82,14 @@ void NdjsonFile::SyncFolder() const {
   if (!synced) Fail("its folder can't be synced: " + reason);
 }
 
-void NdjsonFile::RepairTail() {
+void NdjsonFile::RepairTail(OpenFile* file) const {
   std::vector<char> block(65536);
-  std::uint64_t whole = size_;
+  std::uint64_t whole = file->size;
   while (whole > 0) {
     const std::uint64_t begin = whole - std::min<std::uint64_t>(whole, block.size());
     const auto length = static_cast<std::size_t>(whole - begin);
-    if (pread(file_, block.data(), length, static_cast<off_t>(begin)) != static_cast<ssize_t>(length)) {
+    if (pread(file->handle, block.data(), length, static_cast<off_t>(begin)) !=
+        static_cast<ssize_t>(length)) {
       Fail("can't be read: " + Reason());
     }
     const void* lineEnd = memrchr(block.data(), '\n', length);
@@ -85,57 +99,102 @@ void NdjsonFile::RepairTail() {
     }
     whole = begin;
   }
-  tornBytes_ = size_ - whole;
-  if (tornBytes_ == 0) return;
-  if (ftruncate(file_, static_cast<off_t>(whole)) != 0 || fdatasync(file_) != 0) {
+  file->tornBytes = file->size - whole;
+  if (file->tornBytes == 0) return;
+  if (ftruncate(file->handle, static_cast<off_t>(whole)) != 0 || fdatasync(file->handle) != 0) {
     Fail("its incomplete last line can't be removed: " + Reason());
   }
-  size_ = whole;
+  file->size = whole;
 }
 
-void NdjsonFile::Append(std::string_view lines) {
-  if (lines.empty()) return;
-  std::unique_lock lock(mutex_);
-  std::shared_ptr<Batch> batch = open_;
-  if (batch) {
-    batch->lines.append(lines);
-    changed_.wait(lock, [&] { return batch->done; });
-  } else {
-    batch = std::make_shared<Batch>();
-    batch->lines = lines;
-    open_ = batch;
-    changed_.wait(lock, [&] { return !writing_; });
-    writing_ = true;
-    open_.reset();
-    lock.unlock();
-    std::string failure;
-    try {
-      failure = Write(batch->lines);
-    } catch (const std::exception&) {
-      failure = "out of memory";  // short enough to need none
-    }
-    lock.lock();
-    writing_ = false;
-    batch->failure = std::move(failure);
-    batch->done = true;
-    changed_.notify_all();
+void NdjsonFile::WriteGroup(std::vector<Member>& group) {
+  std::string lines;
+  std::unordered_set<std::string> fresh;
+  for (Member& member : group) {
+    ReadRecords(member.packet->lines, [&](const SinkRecord& record) {
+      if (ids_.contains(record.id) || fresh.contains(record.id)) {
+        ++member.result.repeated;
+        return;
+      }
+      // More than can be remembered would only fill the memory.
+      if (!record.id.empty() && fresh.size() < rememberedIds) fresh.insert(record.id);
+      lines.append(record.text).push_back('\n');
+      ++member.result.stored;
+    });
   }
-  if (!batch->failure.empty()) Fail(batch->failure);
+  if (lines.empty()) return;
+  if (IsTimeToRotate(lines.size())) Rotate();
+  Append(lines);
+  Remember(fresh);
 }
 
-std::string NdjsonFile::Write(const std::string& lines) {
-  if (broken_)
-    return "ends in an incomplete line that can't be removed; restart the server when the disk works again";
-  if (!WriteAll(file_, lines)) return CutBack("can't be written: " + Reason());
-  // After a failed sync nobody knows which bytes are safe, so the whole batch goes.
-  if (fdatasync(file_) != 0) return CutBack("can't be synced: " + Reason());
-  size_ += lines.size();
-  return {};
+void NdjsonFile::Append(const std::string& lines) {
+  if (hasPartialLine_ && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
+  std::string failure;
+  if (!WriteAll(file_.handle, lines)) {
+    failure = "can't be written: " + Reason();
+  } else if (fdatasync(file_.handle) != 0) {
+    // Nobody knows which bytes are safe, so all of them go.
+    failure = "can't be synced: " + Reason();
+  }
+  if (failure.empty()) {
+    file_.size += lines.size();
+    return;
+  }
+  CutBack();
+  Fail(failure);
 }
 
-std::string NdjsonFile::CutBack(const std::string& failure) {
-  if (ftruncate(file_, static_cast<off_t>(size_)) != 0) broken_ = true;
-  return failure;
+bool NdjsonFile::CutBack() {
+  hasPartialLine_ = ftruncate(file_.handle, static_cast<off_t>(file_.size)) != 0;
+  return !hasPartialLine_;
+}
+
+// If memory runs out here, what is stored may be stored once more, but it is stored.
+void NdjsonFile::Remember(std::unordered_set<std::string>& ids) {
+  while (!ids.empty()) {
+    const auto added = ids_.insert(ids.extract(ids.begin())).position;
+    idsByAge_.push_back(&*added);
+  }
+  for (; idsByAge_.size() > rememberedIds; idsByAge_.pop_front()) ids_.erase(ids_.find(*idsByAge_.front()));
+}
+
+bool NdjsonFile::IsTimeToRotate(std::size_t bytes) const {
+  if (file_.size == 0) return false;
+  if (options_.rotateBytes != 0 && file_.size + bytes > options_.rotateBytes) return true;
+  return options_.rotateEvery.count() != 0 && clock_->Now() - opened_ >= options_.rotateEvery;
+}
+
+void NdjsonFile::Rotate() {
+  if (hasPartialLine_ && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
+  // If an earlier attempt failed half-way, the file has its new name already.
+  if (rename(path_.c_str(), RotatedName().c_str()) != 0 && errno != ENOENT)
+    Fail("can't be rotated: " + Reason());
+  Adopt(Open());
+}
+
+std::string NdjsonFile::RotatedName() const {
+  const std::time_t now = host::Clock::WallTimePoint::clock::to_time_t(clock_->WallNow());
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char moment[32];
+  moment[std::strftime(moment, sizeof moment, "%Y%m%dT%H%M%SZ", &utc)] = '\0';
+  const std::string base = path_ + "." + moment;
+  std::string name = base;
+  for (int i = 1; access(name.c_str(), F_OK) == 0; ++i) name = base + "-" + std::to_string(i);
+  return name;
+}
+
+void NdjsonFile::ReopenFile() {
+  struct stat own {
+  }, named{};
+  if (fstat(file_.handle, &own) != 0) Fail("can't be examined: " + Reason());
+  const bool isSame =
+      stat(path_.c_str(), &named) == 0 && own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+  if (isSame) return;
+  // Whoever moved the file must not find half a line in it.
+  if (hasPartialLine_ && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
+  Adopt(Open());
 }
 
 }  // namespace veld_report::server

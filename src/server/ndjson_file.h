@@ -1,63 +1,70 @@
-// NdjsonFile: a file of lines that many threads append to. When Append returns, its lines are on the disk.
+// NdjsonFile: the sink that appends each record as a line to a file.
 //
-// It differs from a stream in three ways. Nothing is acknowledged before it is synced. Requests that arrive
-// during one sync share the next one. And a partial line that a crash or a full disk left is removed, so the
-// file always holds whole lines. One process writes a file at a time; an advisory lock keeps a second one
-// out.
+// A partial line that a crash or a full disk left is removed, so the file always holds whole lines. One
+// process writes a file at a time; an advisory lock keeps a second one out.
+//
+// Rotation renames the file to FILE.20260331T094107Z, the moment in UTC, with "-1" and so on if there is such
+// a file, and goes on in a new one. It happens before a write that would make the file larger than
+// `rotateBytes`, and before the first write that comes `rotateEvery` after the file was opened. A file
+// without lines isn't rotated.
+//
+// It remembers the ids of the last 100,000 records that had one, in memory: a restart forgets them.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <memory>
-#include <mutex>
+#include <deque>
 #include <string>
-#include <string_view>
+#include <unordered_set>
+
+#include "server/record_sink.h"
 
 namespace veld_report::server {
 
-class NdjsonFile {
+class NdjsonFile final : public GroupingSink {
  public:
+  static constexpr std::size_t rememberedIds = 100'000;
+
   // Opens or creates the file (readable by its owner and group) and cuts off a torn last line. Throws
   // std::runtime_error with a sentence if the file can't be opened or repaired.
-  explicit NdjsonFile(const std::string& path);
-  ~NdjsonFile();
+  explicit NdjsonFile(const SinkOptions& options);
+  ~NdjsonFile() override;
   NdjsonFile(const NdjsonFile&) = delete;
   NdjsonFile& operator=(const NdjsonFile&) = delete;
 
-  // Appends whole lines, each with its line end, and returns once they are on the disk. The lines of one call
-  // stay together. Throws std::runtime_error with a sentence on failure; then the file holds none of them.
-  // Blocks on the disk. Threads: any.
-  void Append(std::string_view lines);
-
-  // The bytes that the repair in the constructor cut off.
-  std::uint64_t TornBytes() const { return tornBytes_; }
+  std::uint64_t TornBytes() const override { return tornBytes_; }
 
  private:
-  // What one sync makes durable: the lines of every call that came during the previous write.
-  struct Batch {
-    std::string lines;
-    std::string failure;
-    bool done = false;
+  struct OpenFile {
+    int handle = -1;
+    std::uint64_t size = 0;  // of whole, synced lines
+    std::uint64_t tornBytes = 0;
   };
 
-  void Open();
+  void WriteGroup(std::vector<Member>& group) override;
+  // Does nothing if the file is still the one that has the path.
+  void ReopenFile() override;
+
+  OpenFile Open() const;
+  void Adopt(const OpenFile& fresh);
   void SyncFolder() const;
-  void RepairTail();
-  // Returns the sentence that says what failed, or an empty text.
-  std::string Write(const std::string& lines);
-  std::string CutBack(const std::string& failure);
+  void RepairTail(OpenFile* file) const;
+  bool IsTimeToRotate(std::size_t bytes) const;
+  void Rotate();
+  std::string RotatedName() const;
+  void Append(const std::string& lines);
+  bool CutBack();
+  void Remember(std::unordered_set<std::string>& ids);
   [[noreturn]] void Fail(const std::string& what) const;
 
-  const std::string path_;
-  int file_ = -1;
-  std::uint64_t size_ = 0;  // of whole, synced lines; owned by the call that set `writing_`
-  bool broken_ = false;     // a partial line couldn't be cut off; same owner
+  const SinkOptions options_;
+  const std::string& path_ = options_.path;
+  const std::shared_ptr<const host::Clock> clock_;
+  OpenFile file_;
   std::uint64_t tornBytes_ = 0;
-
-  std::mutex mutex_;  // guards the members below; never held across I/O
-  std::condition_variable changed_;
-  std::shared_ptr<Batch> open_;  // the batch that calls can still join
-  bool writing_ = false;
+  bool hasPartialLine_ = false;  // it couldn't be cut off yet
+  host::Clock::TimePoint opened_;
+  std::unordered_set<std::string> ids_;
+  std::deque<const std::string*> idsByAge_;  // point into ids_
 };
 
 }  // namespace veld_report::server

@@ -15,8 +15,9 @@
 
 #include "server/body_capture.h"
 #include "server/connection_watch.h"
+#include "server/json_reader.h"
 #include "server/listen_socket.h"
-#include "server/ndjson_file.h"
+#include "server/record_sink.h"
 
 namespace veld_report::server {
 namespace {
@@ -36,6 +37,7 @@ struct Answer {
 struct Request {
   ConnectionWatch::Connection* connection;
   std::size_t declared;  // 0 for a chunked body
+  std::string path;
   std::string body;
   std::size_t received = 0;
   bool answered = false;  // an answer was queued before the body was read
@@ -53,6 +55,18 @@ std::size_t DeclaredLength(MHD_Connection* connection) {
   std::size_t length = 0;
   std::from_chars(text.data(), text.data() + text.size(), length);
   return length;
+}
+
+// The "kid" of a signature's header, which is for the signer to choose.
+std::string KeyName(std::string_view header) {
+  try {
+    for (const JsonMember& member : ReadJsonObject(header)) {
+      if (member.key == "kid") return ReadJsonString(member.value);
+    }
+  } catch (const JsonError&) {
+    // Other headers are allowed; they have no name.
+  }
+  return {};
 }
 
 MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
@@ -76,7 +90,7 @@ class ReportServer::Impl {
  public:
   explicit Impl(ReportServerOptions options)
       : options_(std::move(options)),
-        file_(options_.outPath),
+        sink_(OpenSink({options_.outPath, options_.rotateBytes, options_.rotateEvery})),
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
         watch_({options_.connectionLimit, options_.requestTime,
@@ -114,21 +128,22 @@ class ReportServer::Impl {
   }
 
   const ReportServerOptions& Options() const { return options_; }
-  const NdjsonFile& File() const { return file_; }
+  RecordSink& Sink() { return *sink_; }
   std::uint16_t Port() const { return port_; }
 
   std::atomic<std::uint64_t> storedItems{0};
+  std::atomic<std::uint64_t> repeatedItems{0};
   std::atomic<std::uint64_t> refusedRequests{0};
 
  private:
   // The library is written in C, so nothing may be thrown through it. It calls once with the headers, once or
   // more with pieces of the body, and once with an empty piece at the end.
-  static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char*, const char* method,
+  static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char* path, const char* method,
                               const char*, const char* data, std::size_t* size, void** state) noexcept {
     auto* const server = static_cast<Impl*>(self);
     try {
       auto* const request = static_cast<Request*>(*state);
-      if (!request) return server->Begin(connection, method, state);
+      if (!request) return server->Begin(connection, path, method, state);
       if (*size != 0) return server->Receive(request, data, size);
       if (request->answered) return MHD_YES;
       if (!server->watch_.Arrived(request->connection)) return MHD_NO;
@@ -166,13 +181,13 @@ class ReportServer::Impl {
     }
   }
 
-  MHD_Result Begin(MHD_Connection* connection, std::string_view method, void** state) {
+  MHD_Result Begin(MHD_Connection* connection, const char* path, std::string_view method, void** state) {
     auto* const watched = static_cast<ConnectionWatch::Connection*>(
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
     if (!watched) return MHD_NO;
     watch_.BodyBegins(watched);
     const std::size_t declared = DeclaredLength(connection);
-    auto request = std::make_unique<Request>(Request{watched, declared, {}});
+    auto request = std::make_unique<Request>(Request{watched, declared, path, {}});
     const bool over = declared > options_.bodyLimitBytes;
     const bool waits = strcasecmp(Header(connection, MHD_HTTP_HEADER_EXPECT).data(), "100-continue") == 0;
     MHD_Result result = MHD_YES;
@@ -225,13 +240,26 @@ class ReportServer::Impl {
       return {options_.status,
               "the message is valid; nothing was stored, because the server is set to answer " +
                   std::to_string(options_.status)};
+    return Store(request.path, content);
+  }
+
+  Answer Store(const std::string& path, const MessageContent& content) {
+    const std::string keyName = content.signatureChecked ? KeyName(content.signatureHeader) : "";
     try {
-      file_.Append(content.itemLines);
+      const StoreResult result = sink_->Store({path, keyName, content.itemLines});
+      if (sinkFails_.exchange(false)) Log(options_.outPath + ": records are stored again");
+      storedItems += result.stored;
+      repeatedItems += result.repeated;
+      const std::string repeated =
+          result.repeated == 0 ? "" : std::to_string(result.repeated) + " items repeated, ";
+      return {MHD_HTTP_OK, repeated + std::to_string(result.stored) + " items stored"};
     } catch (const std::runtime_error& error) {
-      return Refuse(MHD_HTTP_INTERNAL_SERVER_ERROR, error.what());
+      ++refusedRequests;
+      // Once: senders try again and again.
+      if (!sinkFails_.exchange(true))
+        Log(std::string(error.what()) + "; senders are answered 503 until it can be");
+      return {MHD_HTTP_SERVICE_UNAVAILABLE, error.what()};
     }
-    storedItems += content.itemCount;
-    return {MHD_HTTP_OK, std::to_string(content.itemCount) + " items stored"};
   }
 
   Answer TooLarge() {
@@ -252,7 +280,8 @@ class ReportServer::Impl {
   }
 
   const ReportServerOptions options_;
-  NdjsonFile file_;
+  const std::unique_ptr<RecordSink> sink_;
+  std::atomic<bool> sinkFails_{false};
   const std::unique_ptr<BodyCapture> capture_;  // may be null
   ConnectionWatch watch_;
   int socket_ = -1;
@@ -275,8 +304,10 @@ std::string ReportServer::Url() const {
   return "http://" + (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(Port());
 }
 
-std::uint64_t ReportServer::TornBytes() const { return impl_->File().TornBytes(); }
+std::uint64_t ReportServer::TornBytes() const { return impl_->Sink().TornBytes(); }
 std::uint64_t ReportServer::StoredItems() const { return impl_->storedItems; }
+std::uint64_t ReportServer::RepeatedItems() const { return impl_->repeatedItems; }
+void ReportServer::ReopenSink() { impl_->Sink().Reopen(); }
 std::uint64_t ReportServer::RefusedRequests() const { return impl_->refusedRequests; }
 void ReportServer::Stop() { impl_->Stop(); }
 

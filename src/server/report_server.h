@@ -1,12 +1,12 @@
-// ReportServer: receives signed report messages over HTTP, checks every layer and stores the items in a file.
+// ReportServer: receives signed report messages over HTTP, checks every layer and stores the items in a sink.
 //
-// It is for trials, tests and small installations: one file, no TLS (put a proxy in front for that), no way
-// to query what was stored. A message is answered 200 only once its items are on the disk. So a sender may
-// drop what was answered, whenever this process is killed.
+// It is for trials, tests and small installations: one sink (record_sink.h), no TLS (put a proxy in front for
+// that), no way to query what was stored. A message is answered 200 only once its items are on the disk. So a
+// sender may drop what was answered, whenever this process is killed.
 //
 // Answers: 200 stored; 400 the body doesn't pass, with a sentence that says why; 405 not a POST; 413 the body
-// is over the limit; 500 the file can't be written, with a sentence; 503 too many bodies are arriving at
-// once. Anything but 200 has stored nothing.
+// is over the limit; 503 with Retry-After: the sink can't store, or too many bodies are arriving at once.
+// Anything but 200 has stored nothing.
 //
 // The memory that clients can take up is limited, whatever they do (the rules are in connection_watch.h): 32
 // KiB for each of `connectionLimit` connections, plus `bodyMemoryBytes`, plus six times `bodyLimitBytes` in
@@ -27,9 +27,11 @@ namespace veld_report::server {
 struct ReportServerOptions {
   std::string address = "127.0.0.1";  // a numeric address (an IPv6 one without brackets) or a host name
   std::uint16_t port = 0;             // 0: a free one
-  std::string outPath;                // the NDJSON file
-  SignatureVerifier verifier;         // empty: signatures aren't checked
-  unsigned status = 200;              // any other: every good message gets this answer and nothing is stored
+  std::string outPath;                // of the sink: FILE.sqlite is a database, everything else NDJSON
+  std::uint64_t rotateBytes = 0;      // these two are for NDJSON, see ndjson_file.h; 0: never
+  std::chrono::seconds rotateEvery{0};
+  SignatureVerifier verifier;  // empty: signatures aren't checked
+  unsigned status = 200;       // any other: every good message gets this answer and nothing is stored
   std::size_t bodyLimitBytes = std::size_t{16} << 20;
   unsigned threads = 4;
   // When one more connects, the connection that has waited longest for the end of its request is cut. Each
@@ -60,7 +62,12 @@ class ReportServer {
   // The bytes that the repair of the file at the start cut off.
   std::uint64_t TornBytes() const;
   std::uint64_t StoredItems() const;
+  // Records that the sink had already.
+  std::uint64_t RepeatedItems() const;
   std::uint64_t RefusedRequests() const;
+
+  // RecordSink::Reopen, with its exceptions. Threads: any.
+  void ReopenSink();
 
   // Accepts no more connections, waits up to two seconds for the requests in progress and returns once no
   // thread of the server runs. Not to be called on one of the server's threads. A second call does nothing.

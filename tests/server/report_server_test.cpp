@@ -5,12 +5,14 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <filesystem>
 #include <thread>
 #include <vector>
 
-#include "server/ndjson_file.h"
+#include "server/record_sink.h"
 #include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
+#include "tests/host/manual_clock.h"
 #include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
 
@@ -103,6 +105,70 @@ TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
   EXPECT_THAT(tests::Lines(Stored()), testing::UnorderedElementsAreArray(expected));
 }
 
+// Of each sink: what it stores, what it takes for repeated, and what it still knows after a restart.
+TEST(Sinks, RepeatedRecordsAreStoredOnce) {
+  const struct {
+    const char *name, *lines;
+    StoreResult result, afterRestart;
+  } cases[] = {
+      {"a", "{\"recordId\":\"1\"}\n{\"n\":1e999,\"recordId\":\"2\"}\n{\"recordId\":\"1\"}\n", {2, 1}, {0, 3}},
+      {"b", "{\"recordId\":7}\n{\"x\":{\"recordId\":\"1\"}}\n\"recordId\"\n", {3, 0}, {3, 0}},
+      {"c", "{\"recordId\":\"\"}\n{\"recordId\":\"\"}\n", {2, 0}, {2, 0}},
+  };
+  const tests::TemporaryFolder folder;
+  for (const auto& each : cases) {
+    for (const bool isDatabase : {false, true}) {
+      const SinkOptions options{folder / (std::string(each.name) + (isDatabase ? ".sqlite" : ".ndjson"))};
+      const auto expect = [&](RecordSink& sink, const StoreResult& expected) {
+        const StoreResult result = sink.Store({"/v1", "key", each.lines});
+        EXPECT_EQ(result.stored, expected.stored) << options.path;
+        EXPECT_EQ(result.repeated, expected.repeated) << options.path;
+      };
+      auto sink = OpenSink(options);
+      expect(*sink, each.result);
+      expect(*sink, each.afterRestart);
+      sink.reset();
+      expect(*OpenSink(options), isDatabase ? each.afterRestart : each.result);
+    }
+  }
+}
+
+// A client per thread stores while the file is rotated by size and time, and moved away.
+TEST(Sinks, RotationTearsAndLosesNoLine) {
+  const tests::TemporaryFolder folder;
+  const auto clock = std::make_shared<tests::ManualClock>();
+  const std::string path = folder / "out";
+  std::vector<std::string> expected, found;
+  {
+    const auto sink = OpenSink({path, 2000, std::chrono::seconds(60), clock});
+    std::vector<std::thread> threads;
+    for (int client = 0; client < 4; ++client) {
+      for (int i = 0; i < 100; ++i) expected.push_back(std::to_string(1000 * client + i));
+      threads.emplace_back([&sink, client] {
+        for (int i = 0; i < 100; ++i) sink->Store({"/", "", std::to_string(1000 * client + i) + "\n"});
+      });
+    }
+    for (int i = 0; i < 5; ++i) {
+      std::error_code isRotating;  // then there is nothing to move
+      std::filesystem::rename(path, folder / ("moved" + std::to_string(i)), isRotating);
+      sink->Reopen();
+      clock->Advance(std::chrono::seconds(61));
+    }
+    for (std::thread& each : threads) each.join();
+    sink->Store({"/", "", "-1\n"});
+    clock->Advance(std::chrono::seconds(61));
+    sink->Store({"/", "", "-2\n"});
+    EXPECT_EQ(tests::ReadFile(path), "-2\n");
+  }
+  expected.insert(expected.end(), {"-1", "-2"});
+  for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
+    const std::string text = tests::ReadFile(file.path());
+    EXPECT_LE(text.size(), 2000U);
+    for (const std::string& line : tests::Lines(text)) found.push_back(line);
+  }
+  EXPECT_THAT(found, testing::UnorderedElementsAreArray(expected));
+}
+
 // One server after the other, on the same port and file.
 TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
   ReportServerOptions options = Options();
@@ -128,7 +194,7 @@ TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
   }
 }
 
-TEST_F(ReportServerTest, FailedWriteIsAnswered500AndLeavesWholeLines) {
+TEST_F(ReportServerTest, FailedWriteIsAnswered503AndLeavesWholeLines) {
   ReportServer server(Options());
   ASSERT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
   const std::string before = Stored();
@@ -142,7 +208,7 @@ TEST_F(ReportServerTest, FailedWriteIsAnswered500AndLeavesWholeLines) {
   const RawAnswer refused = Exchange(server.Port(), Post(exampleBody));
   setrlimit(RLIMIT_FSIZE, &old);
   std::signal(SIGXFSZ, oldHandler);
-  EXPECT_EQ(refused.status, 500);
+  EXPECT_EQ(refused.status, 503);
   EXPECT_THAT(refused.text, HasSubstr("can't be written"));
   EXPECT_EQ(Stored(), before);
   EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);

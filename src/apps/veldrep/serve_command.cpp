@@ -15,6 +15,8 @@ namespace {
 struct ServeOptions {
   std::string listen = "127.0.0.1:0";
   std::string out;
+  std::uint64_t rotateMiB = 0;
+  unsigned rotateSeconds = 0;
   std::string key;
   std::string capture;
   unsigned status = 200;
@@ -40,10 +42,23 @@ void ParseListen(const std::string& text, server::ReportServerOptions* options) 
   options->address = address;
 }
 
+void Reopen(server::ReportServer& server) {
+  try {
+    server.ReopenSink();
+  } catch (const std::exception& error) {
+    Complain(error.what());
+  }
+}
+
 int Serve(const ServeOptions& given) {
   server::ReportServerOptions options;
   ParseListen(given.listen, &options);
   options.outPath = given.out;
+  if (given.out.ends_with(".sqlite") && (given.rotateMiB != 0 || given.rotateSeconds != 0))
+    throw WrongCommandLine("--out " + given.out +
+                           ": a database isn't rotated; give no --rotate-size or --rotate-every");
+  options.rotateBytes = given.rotateMiB << 20;
+  options.rotateEvery = std::chrono::seconds(given.rotateSeconds);
   if (!given.key.empty()) options.verifier = VerifierFromFile(given.key);
   options.capturePath = given.capture;
   options.status = given.status;
@@ -53,9 +68,10 @@ int Serve(const ServeOptions& given) {
   options.requestTime = std::chrono::seconds(given.requestSeconds);
   options.log = Complain;
 
-  // Blocked before the server's threads start, so that they inherit the mask and only sigwait gets the two.
+  // Blocked before the server's threads start, so that they inherit the mask and only sigwait gets these.
   sigset_t ending;
   sigemptyset(&ending);
+  sigaddset(&ending, SIGHUP);
   sigaddset(&ending, SIGTERM);
   sigaddset(&ending, SIGINT);
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
@@ -68,11 +84,12 @@ int Serve(const ServeOptions& given) {
   }
   std::printf("listening on %s\n", server.Url().c_str());
   std::fflush(stdout);
-  int received = 0;
-  sigwait(&ending, &received);
+  int received = SIGHUP;
+  while (sigwait(&ending, &received) == 0 && received == SIGHUP) Reopen(server);
   server.Stop();
-  std::printf("stopped: %llu items stored, %llu requests refused\n",
+  std::printf("stopped: stored %llu, repeated %llu, %llu requests refused\n",
               static_cast<unsigned long long>(server.StoredItems()),
+              static_cast<unsigned long long>(server.RepeatedItems()),
               static_cast<unsigned long long>(server.RefusedRequests()));
   return exitOk;
 }
@@ -88,9 +105,22 @@ Command MakeServeCommand(CLI::App& program) {
       ->capture_default_str();
   command
       ->add_option("--out", options->out,
-                   "file to append to, one JSON item per line, synced before each answer")
+                   "FILE.sqlite is a database, any other name a file of one JSON item per line; both are "
+                   "synced before each answer")
       ->type_name("FILE")
       ->required();
+  command
+      ->add_option("--rotate-size", options->rotateMiB,
+                   "rename the file and begin another before it exceeds this size, in MiB; 0: never")
+      ->check(CLI::Range(0, 1 << 20))
+      ->type_name("MIB")
+      ->capture_default_str();
+  command
+      ->add_option("--rotate-every", options->rotateSeconds,
+                   "the same after so many seconds, with the next message; 0: never")
+      ->check(CLI::Range(0, 31'622'400))
+      ->type_name("SECONDS")
+      ->capture_default_str();
   command
       ->add_option("--key", options->key,
                    "public key (PEM); only messages signed with its private key are accepted")
@@ -131,7 +161,9 @@ Command MakeServeCommand(CLI::App& program) {
       ->type_name("SECONDS")
       ->capture_default_str();
   command->footer(
-      "Prints \"listening on http://ADDRESS:PORT\" when it is ready. SIGTERM or Ctrl-C stops it.\n"
+      "Prints \"listening on http://ADDRESS:PORT\" when it is ready. SIGTERM or Ctrl-C stops it; on SIGHUP "
+      "it "
+      "opens FILE anew.\n"
       "Example: veldrep serve --listen 127.0.0.1:8080 --out reports.ndjson --key product.pub.pem");
   return {command, [options] { return Serve(*options); }};
 }
