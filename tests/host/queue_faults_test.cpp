@@ -161,6 +161,22 @@ TEST_F(FullDiskTest, AFullDiskRefusesPushesAndDeliveryGoesOn) {
   Compare();
 }
 
+TEST_F(FullDiskTest, WhatIsLostAtTheEndIsInTheLedger) {
+  options.commitOperations = 1000;
+  options.commitDelay = std::chrono::seconds(60);
+  Open();
+  {
+    const auto producer = Producer("a");
+    ASSERT_EQ(PushText(*producer, "kept"), zel::sOk);
+    ASSERT_TRUE(service->Commit());
+    disk.FillButFor(0);
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(PushText(*producer, std::string(100'000, 'a')), zel::sOk);
+  }
+  Open();
+  EXPECT_EQ(Ledger("a"),
+            (QueueLedger{.accepted = {3, 200'004}, .rejected = {2, 200'000}, .waiting = {1, 4}}));
+}
+
 TEST_F(FullDiskTest, PushingResumesWithRoomInsideTheFile) {
   options.commitOperations = 1000;
   Open();

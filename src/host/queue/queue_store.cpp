@@ -61,9 +61,9 @@ QueueStore::~QueueStore() {
     } else {
       Trace(failureLevel,
             std::to_string(writer_.BufferedItems()) + " items couldn't be written and are lost");
-      const ItemCount lost{static_cast<std::int64_t>(writer_.BufferedItems()),
-                           static_cast<std::int64_t>(writer_.BufferedBytes())};
-      if (options_.onLoss) options_.onLoss({}, LossReason::rejected, lost, unwritable);
+      for (const auto& [queue, lost] : writer_.RejectItems()) {
+        if (options_.onLoss) options_.onLoss(queue->Name(), LossReason::rejected, lost, unwritable);
+      }
     }
   } catch (const std::exception&) {
     // No memory for a sentence.

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <map>
 #include <new>
 #include <utility>
 
@@ -79,6 +80,19 @@ void QueueWriter::DropLastItem() {
   }
   bytes_.resize(item.offset);
   items_.pop_back();
+}
+
+std::vector<std::pair<const BufferedQueue*, ItemCount>> QueueWriter::RejectItems() {
+  std::map<BufferedQueue*, ItemCount> lost;
+  for (const Item& item : items_) lost[item.queue] += ItemCount{1, static_cast<std::int64_t>(item.size)};
+  items_.clear();
+  bytes_.clear();
+  for (const auto& [queue, count] : lost) {
+    queue->ledger_ += -QueueLedger{.accepted = count, .waiting = count};
+    Book(*queue, {.accepted = count, .rejected = count});
+  }
+  TryDeletionsAlone();
+  return {lost.begin(), lost.end()};
 }
 
 void QueueWriter::AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item,

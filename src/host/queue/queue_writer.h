@@ -13,6 +13,7 @@
 #include <span>
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "host/queue/buffered_queue.h"
@@ -43,6 +44,9 @@ class QueueWriter {
   void AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
   // Removes the last added item, as if it had never been offered.
   void DropLastItem();
+  // For the end of the process, after a Flush that failed: books the added items as rejected, and writes
+  // everything else as far as that is possible. Returns what each queue has lost.
+  std::vector<std::pair<const BufferedQueue*, ItemCount>> RejectItems();
   // `kind`: the figure that counts the item once it is gone.
   void AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item, ItemCount QueueLedger::*kind);
   // Removes the queue with its items, in the buffer and in the file.
@@ -73,7 +77,6 @@ class QueueWriter {
            bytes_.size() >= maxBytes;
   }
   std::size_t BufferedItems() const { return items_.size(); }
-  std::size_t BufferedBytes() const { return bytes_.size(); }
   // The size of all items that were ever deleted here.
   std::int64_t DeletedBytes() const { return deletedBytes_; }
   bool IsDeleted(std::uint64_t token) const { return !deletes_.empty() && deletedTokens_.contains(token); }
