@@ -221,7 +221,8 @@ class Reporter {
   // Starts a send cycle now and waits. Returns true only if everything that was accepted before the call is
   // in the store's file, was answered 200, or was dropped by a rule that the ledger counts. In the file it
   // survives a crash of the process and, with syncEveryCommit, of the machine. It waits for no server.
-  // Returns false at the deadline or if Close was called.
+  // Returns false at the deadline or if Close was called. While the disk doesn't answer, this call and Flush
+  // wait for it beyond their deadline; Close doesn't.
   bool FlushToStore(std::chrono::milliseconds deadline) noexcept;
 
   // Accepts no more records, flushes until `deadline`, and stops. A request in flight is cancelled;

@@ -166,7 +166,8 @@ VELD_REPORT_API int32_t veld_report_send_json(veld_report_handle* reporter, cons
  * documented rule; 0: not in time, or the handle is closed or NULL. */
 VELD_REPORT_API int32_t veld_report_flush(veld_report_handle* reporter, uint32_t deadline_ms);
 
-/* The same, but only waits until everything is in the store's file, safe from a crash of the process. */
+/* The same, but only waits until everything is in the store's file, safe from a crash of the process. While
+ * the disk doesn't answer, both wait for it beyond the deadline; veld_report_close doesn't. */
 VELD_REPORT_API int32_t veld_report_flush_to_store(veld_report_handle* reporter, uint32_t deadline_ms);
 
 /* Replaces the settings as a whole, from the next cycle on. The queue of a url that is gone is removed with
