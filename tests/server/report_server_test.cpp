@@ -194,25 +194,38 @@ TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
   }
 }
 
+// Of both sinks. The log hears once of the failure, and once of its end.
 TEST_F(ReportServerTest, FailedWriteIsAnswered503AndLeavesWholeLines) {
-  ReportServer server(Options());
-  ASSERT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
-  const std::string before = Stored();
-  // A file size limit fails the write half-way, as a full disk does.
-  rlimit old{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
-  const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit limit = old;
-  limit.rlim_cur = before.size() + 3;
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-  const RawAnswer refused = Exchange(server.Port(), Post(exampleBody));
-  setrlimit(RLIMIT_FSIZE, &old);
-  std::signal(SIGXFSZ, oldHandler);
-  EXPECT_EQ(refused.status, 503);
-  EXPECT_THAT(refused.text, HasSubstr("can't be written"));
-  EXPECT_EQ(Stored(), before);
-  EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
-  EXPECT_EQ(Stored(), before + before);
+  for (const bool isDatabase : {false, true}) {
+    ReportServerOptions options = Options();
+    if (isDatabase) options.outPath = folder_ / "out.sqlite";
+    std::vector<std::string> log;
+    options.threads = 1;
+    options.log = [&log](const std::string& line) { log.push_back(line); };
+    ReportServer server(options);
+    ASSERT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
+    const std::string before = Stored();
+    // A file size limit fails the write half-way, as a full disk does.
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = old;
+    limit.rlim_cur = isDatabase ? 1 : before.size() + 3;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const RawAnswer refused = Exchange(server.Port(), Post(exampleBody));
+    const RawAnswer again = Exchange(server.Port(), Post(exampleBody));
+    setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(again.status, 503);
+    EXPECT_THAT(refused.text, HasSubstr("Retry-After: 1"));
+    EXPECT_THAT(refused.text, HasSubstr(options.outPath));
+    EXPECT_EQ(Stored(), before);
+    EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
+    EXPECT_EQ(server.StoredItems(), 4U);
+    EXPECT_EQ(Stored(), isDatabase ? before : before + before);
+    EXPECT_EQ(log.size(), 2U);
+  }
 }
 
 }  // namespace
