@@ -125,14 +125,16 @@ check_moved() {
 
 # As a part of another project, which wants the libraries only.
 check_subproject() {
+  local fetch
+  # The lines of the page.
+  fetch=$(sed -n '/^include(FetchContent)$/,/^```$/{/^```$/!p}' "$source/docs/getting-started.md")
+  [[ $fetch == *MakeAvailable* ]] || fail "getting-started.md doesn't show how to be a part of a project any more"
   mkdir "$work/parent"
   cp "$prefix/share/doc/veld_report/examples/ten_lines/main.cpp" "$work/parent"
   cat >"$work/parent/CMakeLists.txt" <<EOF
 cmake_minimum_required(VERSION 3.25)
 project(parent C CXX)
-include(FetchContent)
-FetchContent_Declare(veld_report SOURCE_DIR "$source")
-FetchContent_MakeAvailable(veld_report)
+${fetch//\/the\/folder\/of\/this\/project/$source}
 foreach(kit IN ITEMS host host_static)
   add_executable(with_\${kit} main.cpp)
   target_compile_options(with_\${kit} PRIVATE $warnings)
