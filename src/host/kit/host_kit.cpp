@@ -180,13 +180,22 @@ void HostKit::BeginCycle() {
   timer_->FireNow();
 }
 
+// A Run that has just begun disarms its timer, and with it takes away what was asked for meanwhile. So it is
+// asked for again until it comes.
 bool HostKit::RunCycle(std::chrono::steady_clock::time_point deadline) {
+  const auto repeat = [&](auto&& ask, auto&& comesBy) {
+    for (;;) {
+      ask();
+      const auto now = std::chrono::steady_clock::now();
+      if (comesBy(std::min(deadline, now + std::chrono::milliseconds(50)))) return true;
+      if (now >= deadline) return false;
+    }
+  };
   const std::uint64_t drain = drainTimer_->RunsStarted();
-  BeginDrain();
-  if (!drains_->WaitForDrain(drain, deadline)) return false;
+  if (!repeat([&] { BeginDrain(); }, [&](auto end) { return drains_->WaitForDrain(drain, end); }))
+    return false;
   const std::uint64_t cycle = timer_->RunsStarted();
-  BeginCycle();
-  return timer_->WaitForRun(cycle, deadline);
+  return repeat([&] { BeginCycle(); }, [&](auto end) { return timer_->WaitForRun(cycle, end); });
 }
 
 void HostKit::SkipSendInterval() { gate_->SkipInterval(); }
