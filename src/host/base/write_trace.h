@@ -9,7 +9,6 @@
 namespace veld_report::host {
 
 inline constexpr std::uint32_t failureLevel = 300;
-inline constexpr std::uint32_t detailLevel = 700;
 
 // `tracer` may be null. Never throws: a line that can't be written is lost.
 void WriteTrace(zel::ITracer* tracer, std::uint32_t level, std::string_view line) noexcept;
