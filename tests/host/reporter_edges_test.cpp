@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "host/base/service_thread.h"
+#include "host/platform/service_thread.h"
 #include "host/signature/key_files.h"
 #include "server/message_check.h"
 #include "tests/host/reporter_test_tools.h"

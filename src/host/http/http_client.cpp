@@ -2,18 +2,14 @@
 
 #include <curl/curl.h>
 #include <openssl/crypto.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "host/base/host_object.h"
-#include "host/base/service_thread.h"
 #include "host/base/text.h"
 #include "host/base/write_trace.h"
 #include "host/http/certificates.h"
@@ -21,6 +17,8 @@
 #include "host/http/http_request.h"
 #include "host/http/http_shared.h"
 #include "host/http/own_headers.h"
+#include "host/platform/file.h"
+#include "host/platform/service_thread.h"
 
 namespace veld_report::host {
 namespace {
@@ -140,8 +138,10 @@ void InitializeLibraries() {
 
 // Without it every request over TLS would fail, and the records would only wait.
 void CheckCaFile(const std::string& file) {
-  if (file.empty() || access(file.c_str(), R_OK) == 0) return;
-  throw std::invalid_argument("caFile " + file + ": " + std::generic_category().message(errno) +
+  if (file.empty()) return;
+  const std::error_code error = ReadProblem(file);
+  if (!error) return;
+  throw std::invalid_argument("caFile " + file + ": " + error.message() +
                               "; name a file of certificates in PEM form that this user can read");
 }
 

@@ -1,10 +1,5 @@
 #include "host/http/http_transfer.h"
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -12,6 +7,7 @@
 #include "host/base/redact.h"
 #include "host/http/curl_codes.h"
 #include "host/http/own_headers.h"
+#include "host/platform/sockets.h"
 
 namespace veld_report::host {
 namespace {
@@ -69,11 +65,7 @@ HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shar
 }
 
 int HttpTransfer::PrepareSocket(void*, curl_socket_t socket, curlsocktype) noexcept {
-  // A program that the application starts must not hold a connection open.
-  fcntl(socket, F_SETFD, FD_CLOEXEC);
-  // What the system holds unsent looks like progress.
-  constexpr int maxUnsentBytes = 64 << 10;
-  setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &maxUnsentBytes, sizeof maxUnsentBytes);
+  host::PrepareSocket(static_cast<std::intptr_t>(socket));
   return CURL_SOCKOPT_OK;
 }
 

@@ -1,18 +1,16 @@
 #include "host/json/record_stamp.h"
 
-#include <time.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <set>
+#include <span>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include "host/json/json_token.h"
+#include "host/platform/machine_clock.h"
+#include "host/platform/random.h"
 
 namespace veld_report::host {
 namespace {
@@ -104,8 +102,7 @@ const SecondText& TextOfSecond(std::uint64_t second) {
 
 RecordStamp::RecordStamp(bool stamped, std::shared_ptr<const Clock> clock)
     : stamped_(stamped), clock_(std::move(clock)) {
-  if (stamped_ && getentropy(key_.data(), sizeof key_) != 0)
-    throw std::system_error(errno, std::generic_category(), "no random numbers for the ids of records");
+  if (stamped_) FillWithRandom(std::as_writable_bytes(std::span(key_)));
 }
 
 std::shared_ptr<const RecordStamp::CommonTexts> RecordStamp::Prepare(
@@ -143,9 +140,7 @@ std::uint64_t RecordStamp::NowMs() const {
     ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
   } else {
     // The exact clock would take longer than all the rest.
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    ms = std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+    ms = CoarseCalendarMs();
   }
   constexpr std::int64_t lastOfYear9999 = 253402300799999;
   return static_cast<std::uint64_t>(std::clamp<std::int64_t>(ms, 0, lastOfYear9999));

@@ -1,8 +1,5 @@
 #include "host/kit/url_states.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -11,7 +8,7 @@
 #include <unordered_map>
 
 #include "host/base/redact.h"
-#include "host/queue/store_folder.h"
+#include "host/platform/file.h"
 #include "host/services/queue_name.h"
 
 namespace veld_report::host {
@@ -73,14 +70,12 @@ std::optional<UrlState> ParseLine(std::string_view line) {
 // A reader sees the old content or the new one, never a part.
 bool ReplaceFile(const std::filesystem::path& file, const std::string& content) {
   const std::filesystem::path fresh = file.string() + ".new";
-  const int descriptor = OpenPrivateFile(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
-  if (descriptor < 0) return false;
-  const bool written =
-      ::write(descriptor, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-  ::close(descriptor);
+  File written = File::Open(fresh, File::Mode::replace);
+  if (!written || written.Write(content) != content.size()) return false;
+  written.Close();
   std::error_code error;
-  if (written) std::filesystem::rename(fresh, file, error);
-  return written && !error;
+  std::filesystem::rename(fresh, file, error);
+  return !error;
 }
 
 }  // namespace
@@ -120,13 +115,9 @@ void UrlStateFile::Close() {
 void UrlStateFile::Append(const std::string& line) {
   // So the file stays within a few times its size, and what is written within a few times the changes.
   constexpr std::size_t freeBytes = 16 << 10;
-  const int descriptor = appendedBytes_ + line.size() > wholeBytes_ + freeBytes
-                             ? -1
-                             : OpenPrivateFile(file_, O_WRONLY | O_APPEND | O_CLOEXEC);
-  if (descriptor < 0) return Write();
-  const bool written = ::write(descriptor, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-  ::close(descriptor);
-  if (!written) return Write();
+  if (appendedBytes_ + line.size() > wholeBytes_ + freeBytes) return Write();
+  File file = File::Open(file_, File::Mode::appendExisting);
+  if (!file || file.Write(line) != line.size()) return Write();
   appendedBytes_ += line.size();
 }
 

@@ -1,19 +1,18 @@
 #include "host/queue/clean_marker.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <cstdint>
 #include <fstream>
+#include <optional>
 #include <string>
 
-#include "host/queue/store_folder.h"
+#include "host/platform/file.h"
+#include "host/platform/machine_clock.h"
 
 namespace veld_report::host {
 namespace {
 
 // Checking this much takes a few milliseconds.
-constexpr off_t smallFileBytes = 4 << 20;
+constexpr std::uint64_t smallFileBytes = 4 << 20;
 
 std::string FirstLine(const std::filesystem::path& file) {
   std::string line;
@@ -23,14 +22,15 @@ std::string FirstLine(const std::filesystem::path& file) {
 }
 
 // Identifies the file and the machine's current uptime; empty if the machine has no such identity.
-std::string OpenText(const struct stat& status) {
-  const std::string boot = FirstLine("/proc/sys/kernel/random/boot_id");
-  return boot.empty() ? boot : "open " + boot + " " + std::to_string(status.st_ino);
+std::string OpenText(const FileStatus& status) {
+  const std::string boot(MachineClock::System()->Boot());
+  return boot.empty() ? boot : "open " + boot + " " + std::to_string(status.identity.inode);
 }
 
-std::string ClosedText(const struct stat& status) {
-  return "closed " + std::to_string(status.st_size) + " " + std::to_string(status.st_mtim.tv_sec) + "." +
-         std::to_string(status.st_mtim.tv_nsec) + " " + std::to_string(status.st_ino);
+std::string ClosedText(const FileStatus& status) {
+  constexpr std::int64_t second = 1'000'000'000;
+  return "closed " + std::to_string(status.bytes) + " " + std::to_string(status.changedNs / second) + "." +
+         std::to_string(status.changedNs % second) + " " + std::to_string(status.identity.inode);
 }
 
 bool HasLog(const std::filesystem::path& file) {
@@ -45,27 +45,25 @@ CleanMarker::CleanMarker(const std::filesystem::path& file)
     : file_(file), mark_(file.empty() ? std::string() : file.string() + ".sound") {}
 
 bool CleanMarker::Vouches() const {
-  struct stat status {};
-  if (file_.empty() || stat(file_.c_str(), &status) != 0 || status.st_size <= smallFileBytes) return false;
+  const auto status = FileStatus::Of(file_);
+  if (!status || status->bytes <= smallFileBytes) return false;
   const std::string line = FirstLine(mark_);
   if (line.empty()) return false;
-  return line == OpenText(status) || (line == ClosedText(status) && !HasLog(file_));
+  return line == OpenText(*status) || (line == ClosedText(*status) && !HasLog(file_));
 }
 
 void CleanMarker::NoteOpened() noexcept {
-  struct stat status {};
   try {
-    if (!file_.empty() && stat(file_.c_str(), &status) == 0) Write(OpenText(status));
+    if (const auto status = FileStatus::Of(file_)) Write(OpenText(*status));
   } catch (...) {
     Withdraw();
   }
 }
 
 void CleanMarker::NoteClosed() noexcept {
-  struct stat status {};
   try {
-    if (withdrawn_ || file_.empty() || stat(file_.c_str(), &status) != 0) return;
-    Write(ClosedText(status));
+    const auto status = withdrawn_ ? std::nullopt : FileStatus::Of(file_);
+    if (status) Write(ClosedText(*status));
   } catch (...) {
     Withdraw();
   }
@@ -73,16 +71,16 @@ void CleanMarker::NoteClosed() noexcept {
 
 void CleanMarker::Withdraw() noexcept {
   withdrawn_ = true;
-  if (!file_.empty()) unlink(mark_.c_str());
+  if (!file_.empty()) RemoveFile(mark_);
 }
 
 // A line truncated by a full disk vouches for nothing.
 void CleanMarker::Write(const std::string& text) noexcept {
-  const int descriptor = OpenPrivateFile(mark_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
-  if (descriptor < 0) return;
-  const bool written = write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  close(descriptor);
-  if (!written) unlink(mark_.c_str());
+  File mark = File::Open(mark_, File::Mode::replace);
+  if (!mark) return;
+  const bool written = mark.Write(text) == text.size();
+  mark.Close();
+  if (!written) RemoveFile(mark_);
 }
 
 }  // namespace veld_report::host

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "contract/tracer.h"
-#include "host/base/machine_clock.h"
+#include "host/platform/machine_clock.h"
 #include "host/queue/delivery_pacer.h"
 #include "types/ref.h"
 #include "veld_report/loss.h"

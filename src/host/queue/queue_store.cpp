@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/base/service_thread.h"
 #include "host/base/write_trace.h"
+#include "host/platform/service_thread.h"
 #include "host/queue/store_layout.h"
 #include "host/queue/store_opening.h"
 

@@ -1,7 +1,5 @@
 #include "host/queue/sending_lease.h"
 
-#include <unistd.h>
-
 #include <utility>
 
 namespace veld_report::host {
@@ -32,7 +30,7 @@ bool SendingLease::TakeOver() {
   FileLock lock = turn ? FileLock::Try(file_, FileLock::Kind::exclusive, &holder) : FileLock();
   if (lock) return Hold(std::move(lock));
   if (!turn || holder != seen_) return false;
-  unlink(file_.c_str());
+  RemoveFile(file_);
   lock = FileLock::Try(file_, FileLock::Kind::exclusive, nullptr);
   return lock && Hold(std::move(lock));
 }
@@ -60,7 +58,7 @@ void SendingLease::BeatIfDue() {
 
 void SendingLease::Beat() {
   beatMs_ = machine_->AwakeMs();
-  lock_.Note(std::to_string(getpid()) + ' ' + std::to_string(++beats_));
+  lock_.Note(std::to_string(ProcessId()) + ' ' + std::to_string(++beats_));
 }
 
 }  // namespace veld_report::host

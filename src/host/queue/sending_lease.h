@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-#include "host/base/machine_clock.h"
+#include "host/platform/machine_clock.h"
 #include "host/queue/store_folder.h"
 
 namespace veld_report::host {

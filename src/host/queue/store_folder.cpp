@@ -1,77 +1,23 @@
 #include "host/queue/store_folder.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
+#include <array>
 #include <system_error>
-#include <utility>
 #include <vector>
 
-#include "host/queue/fork_guard.h"
+#include "host/platform/fork_guard.h"
 
 namespace veld_report::host {
 namespace {
 
-constexpr mode_t folderMode = 0700;
-constexpr mode_t fileMode = 0600;
-
-std::string Reason(int error) { return std::generic_category().message(error); }
-
-[[noreturn]] void FailFile(const std::filesystem::path& file, const char* action, int error) {
-  const bool isRefused = error == EACCES || error == EPERM;
-  throw StoreError("can't " + std::string(action) + " " + file.string() + ": " + Reason(error) +
+[[noreturn]] void FailFile(const std::filesystem::path& file, const char* action, std::error_code error) {
+  const bool isRefused = error == std::errc::permission_denied || error == std::errc::operation_not_permitted;
+  throw StoreError("can't " + std::string(action) + " " + file.string() + ": " + error.message() +
                    (isRefused ? "; give this user the right to write in that folder, or choose another one"
                               : "; choose another one"));
 }
 
-// A umask can only have removed rights of the owner; they are restored. If the superuser looks after somebody
-// else's store, he must not lock the owner out.
-void SetOwnerAndMode(int descriptor, const std::filesystem::path& file) noexcept {
-  struct stat status {};
-  if (fstat(descriptor, &status) != 0) return;
-  struct stat folder {};
-  if (geteuid() == 0 && stat(file.parent_path().c_str(), &folder) == 0 &&
-      (folder.st_uid != status.st_uid || folder.st_gid != status.st_gid)) {
-    [[maybe_unused]] const int ignored = fchown(descriptor, folder.st_uid, folder.st_gid);
-  }
-  if ((status.st_mode & 07777) == fileMode) return;
-  // Fails for a file of another owner, whose choice then stands.
-  [[maybe_unused]] const int ignored = fchmod(descriptor, fileMode);
-}
-
-// A new folder is durable only once its parent is synced. If that isn't possible (no permission to read it),
-// the folder works all the same.
-void SyncFolder(const std::filesystem::path& folder) noexcept {
-  const int handle = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (handle < 0) return;
-  fsync(handle);
-  close(handle);
-}
-
-int LockOperation(FileLock::Kind kind) {
-  return (kind == FileLock::Kind::shared ? LOCK_SH : LOCK_EX) | LOCK_NB;
-}
-
 }  // namespace
-
-int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept {
-  int descriptor = -1;
-  do {
-    descriptor = open(file.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, fileMode);
-  } while (descriptor < 0 && errno == EINTR);
-  if (descriptor >= 0) SetOwnerAndMode(descriptor, file);
-  return descriptor;
-}
-
-FileIdentity FileIdentity::Of(const std::filesystem::path& file) noexcept {
-  struct stat status {};
-  if (stat(file.c_str(), &status) != 0) return {};
-  return {status.st_dev, status.st_ino};
-}
 
 bool IsSafeDomainName(std::string_view domain) {
   constexpr std::size_t maxLength = 64;
@@ -103,94 +49,65 @@ void PrepareStoreFolder(const std::filesystem::path& folder) {
     grown.push_back(made);
   }
   if (folder.has_parent_path()) std::filesystem::create_directories(folder.parent_path(), error);
-  if (mkdir(folder.c_str(), folderMode) != 0) {
-    if (errno == EEXIST && std::filesystem::is_directory(folder, error)) return;
-    FailFile(folder, "make the folder", errno);
+  if (const std::error_code failed = MakePrivateFolder(folder)) {
+    if (failed == std::errc::file_exists && std::filesystem::is_directory(folder, error)) return;
+    FailFile(folder, "make the folder", failed);
   }
-  if (chmod(folder.c_str(), folderMode) != 0) FailFile(folder, "set the permissions of", errno);
+  // A new folder lasts only once its parent is synced.
   for (const auto& each : grown) SyncFolder(each);
 }
 
 bool PreparePrivateFile(const std::filesystem::path& file) {
-  const int descriptor = OpenPrivateFile(file, O_RDWR | O_CREAT | O_EXCL);
-  if (descriptor >= 0) {
-    close(descriptor);
-    return true;
-  }
+  std::error_code error;
+  if (File::Open(file, File::Mode::makeNew, &error)) return true;
   // An existing file isn't opened: closing it would end the locks that SQLite may have on it in this process.
-  struct stat status {};
-  if (errno != EEXIST || lstat(file.c_str(), &status) != 0) FailFile(file, "make", errno);
-  if (!S_ISREG(status.st_mode)) FailFile(file, "use", EINVAL);
-  if ((status.st_mode & 07777) != fileMode) {
-    // Fails for a file of another owner, whose choice then stands.
-    [[maybe_unused]] const int ignored = chmod(file.c_str(), fileMode);
-  }
+  const auto status = FileStatus::Of(file);
+  if (error != std::errc::file_exists || !status) FailFile(file, "make", error);
+  if (!status->isRegular) FailFile(file, "use", std::make_error_code(std::errc::invalid_argument));
+  RestrictToOwner(file);
   return false;
 }
 
-FileLock::FileLock(FileLock&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)), kind_(other.kind_), process_(other.process_) {}
-
 FileLock& FileLock::operator=(FileLock&& other) noexcept {
-  std::swap(descriptor_, other.descriptor_);
-  std::swap(kind_, other.kind_);
+  std::swap(file_, other.file_);
   std::swap(process_, other.process_);
   return *this;
 }
 
 FileLock::~FileLock() {
-  // In a child the descriptor may be another file by now.
-  if (descriptor_ < 0 || process_ != CurrentProcess()) return;
+  // A child has closed what it inherited; the handle may be another file's by now.
+  if (!file_) return;
+  if (process_ != CurrentProcess()) {
+    file_.Abandon();
+    return;
+  }
   ForkGuard guard;
-  guard.Remove(descriptor_);
+  guard.Remove(file_);
   // Closing alone would leave the lock to a child that the guard hasn't seen, one of clone for instance.
-  flock(descriptor_, LOCK_UN);
-  close(descriptor_);
+  file_.Unlock();
+  file_.Close();
 }
 
 // A full disk is no reason to fail.
-void FileLock::Note(const std::string& text) const noexcept {
-  if (ftruncate(descriptor_, 0) != 0) return;
-  [[maybe_unused]] const ssize_t ignored = pwrite(descriptor_, text.data(), text.size(), 0);
+void FileLock::Note(const std::string& text) noexcept {
+  if (file_.Truncate(0)) file_.WriteAt(text, 0);
 }
 
-FileIdentity FileLock::Identity() const noexcept {
-  struct stat status {};
-  if (fstat(descriptor_, &status) != 0) return {};
-  return {status.st_dev, status.st_ino};
-}
-
-bool FileLock::Change(Kind kind) {
-  if (flock(descriptor_, LockOperation(kind)) == 0) {
-    kind_ = kind;
-    return true;
-  }
-  // The system releases the old lock before it tries the new one.
-  [[maybe_unused]] const int again = flock(descriptor_, LockOperation(kind_));
-  return false;
-}
-
-FileLock FileLock::Try(const std::filesystem::path& file, Kind kind, std::string* holder) {
+FileLock FileLock::Try(const std::filesystem::path& path, Kind kind, std::string* holder) {
   ForkGuard guard;
-  const int descriptor = OpenPrivateFile(file, O_RDWR | O_CREAT);
-  if (descriptor < 0) FailFile(file, "open", errno);
-  if (flock(descriptor, LockOperation(kind)) != 0) {
-    const int error = errno;
-    char text[32] = {};
-    const ssize_t length = pread(descriptor, text, sizeof text - 1, 0);
-    close(descriptor);
-    if (error != EWOULDBLOCK) FailFile(file, "lock", error);
-    if (holder) holder->assign(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+  std::error_code error;
+  File file = File::Open(path, File::Mode::write, &error);
+  if (!file) FailFile(path, "open", error);
+  if (!file.TryLock(kind, &error)) {
+    if (error) FailFile(path, "lock", error);
+    std::array<char, 32> text{};
+    const std::size_t length = file.ReadAt(text, 0);
+    if (holder) holder->assign(text.data(), length);
     return FileLock();
   }
-  try {
-    guard.Add(descriptor);
-  } catch (...) {
-    close(descriptor);
-    throw;
-  }
-  FileLock lock(descriptor, kind);
-  lock.Note(std::to_string(getpid()));
+  guard.Add(file);
+  FileLock lock(std::move(file));
+  lock.Note(std::to_string(ProcessId()));
   return lock;
 }
 

@@ -1,8 +1,7 @@
 // The folder of a store: its permissions, its lock, and its file names.
 //
-// A folder that is created here is accessible to its owner only (0700). An existing one keeps its
-// permissions, which may be deliberate. Every file has mode 0600, whatever the umask, before its first byte
-// is written.
+// A folder that is created here is accessible to its owner only. An existing one keeps its permissions, which
+// may be deliberate. Every file is its owner's (platform/file.h).
 #pragma once
 
 #include <cstdint>
@@ -10,8 +9,10 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
-#include "host/base/process_mark.h"
+#include "host/platform/file.h"
+#include "host/platform/process.h"
 
 namespace veld_report::host {
 
@@ -38,21 +39,7 @@ inline constexpr char storeOpeningName[] = "store.opening";
 // Throws StoreError if the store was open in the process that this one was forked from.
 void RefuseInheritedStore(const std::filesystem::path& folder);
 
-// Opens a file without following links; with O_CREAT in `flags` creates it with mode 0600. Returns a
-// descriptor, or -1 with errno set.
-int OpenPrivateFile(const std::filesystem::path& file, int flags) noexcept;
-
-// Which file a path names; another one if it was deleted and created again.
-struct FileIdentity {
-  std::uint64_t device = 0;
-  std::uint64_t inode = 0;
-
-  // All zeros if there is no file.
-  static FileIdentity Of(const std::filesystem::path& file) noexcept;
-  bool operator==(const FileIdentity&) const = default;
-};
-
-// Creates an empty file with mode 0600 if there is none, otherwise removes the rights of group and others.
+// Creates an empty file if there is none, otherwise removes the rights of everybody but its owner.
 // Returns true if the file is new. Throws StoreError.
 bool PreparePrivateFile(const std::filesystem::path& file);
 
@@ -60,10 +47,10 @@ bool PreparePrivateFile(const std::filesystem::path& file);
 // doesn't share it.
 class FileLock {
  public:
-  enum class Kind { exclusive, shared };
+  using Kind = File::Lock;
 
   FileLock() = default;
-  FileLock(FileLock&& other) noexcept;
+  FileLock(FileLock&& other) noexcept = default;
   FileLock& operator=(FileLock&& other) noexcept;
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
@@ -76,20 +63,19 @@ class FileLock {
 
   // Tries to change the kind of the lock, without waiting. If somebody else has it, returns false with the
   // lock unchanged.
-  bool Change(Kind kind);
+  bool Change(Kind kind) { return file_.TryLock(kind, nullptr); }
 
   // Replaces the content of the locked file, for those who try to lock it. A failure changes nothing else.
-  void Note(const std::string& text) const noexcept;
+  void Note(const std::string& text) noexcept;
   // Of the locked file.
-  FileIdentity Identity() const noexcept;
+  FileIdentity Identity() const noexcept { return file_.Identity(); }
 
-  explicit operator bool() const { return descriptor_ >= 0; }
+  explicit operator bool() const { return static_cast<bool>(file_); }
 
  private:
-  FileLock(int descriptor, Kind kind) : descriptor_(descriptor), kind_(kind) {}
+  explicit FileLock(File file) : file_(std::move(file)) {}
 
-  int descriptor_ = -1;
-  Kind kind_ = Kind::exclusive;
+  File file_;
   std::uint64_t process_ = CurrentProcess();
 };
 

@@ -1,7 +1,5 @@
 #include "host/queue/store_maintenance.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "host/queue/store_folder.h"
@@ -80,7 +78,7 @@ std::vector<std::string> StoredDomains(const std::filesystem::path& folder) {
 FileLock LockStoreFolder(const std::filesystem::path& folder, FileLock::Kind kind) {
   std::string holder;
   FileLock lock = FileLock::Try(folder / storeLockName, kind, &holder);
-  if (!lock && holder == std::to_string(getpid())) {
+  if (!lock && holder == std::to_string(ProcessId())) {
     throw StoreError(
         "the store in " + folder.string() +
         " is in use by this process: it is open there, or still being closed; close it first and "

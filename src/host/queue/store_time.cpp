@@ -1,8 +1,5 @@
 #include "host/queue/store_time.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -12,7 +9,7 @@
 #include <string_view>
 #include <utility>
 
-#include "host/queue/store_folder.h"
+#include "host/platform/file.h"
 
 namespace veld_report::host {
 namespace {
@@ -74,10 +71,8 @@ void StoreTime::WriteNote() noexcept {
                     static_cast<long long>(base_ + uptimeMs), static_cast<long long>(machine_->CalendarMs()),
                     static_cast<long long>(uptimeMs), static_cast<int>(boot.size()), boot.data());
   if (length != noteBytes) return;
-  const int descriptor = OpenPrivateFile(file_, O_WRONLY | O_CREAT);
-  if (descriptor < 0) return;
-  [[maybe_unused]] const ssize_t ignored = pwrite(descriptor, line.data(), noteBytes, 0);
-  close(descriptor);
+  File file = File::Open(file_, File::Mode::write);
+  if (file) file.WriteAt({line.data(), noteBytes}, 0);
 }
 
 void StoreTime::WriteNoteIfDue() noexcept {

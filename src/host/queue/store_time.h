@@ -14,7 +14,7 @@
 #include <memory>
 #include <optional>
 
-#include "host/base/machine_clock.h"
+#include "host/platform/machine_clock.h"
 
 namespace veld_report::host {
 

@@ -1,15 +1,16 @@
 #include "host/queue/wal_checkpointer.h"
 
-#include <sys/statvfs.h>
+#include <cstdint>
 
-#include "host/base/service_thread.h"
+#include "host/platform/file.h"
+#include "host/platform/service_thread.h"
 #include "host/queue/store_file.h"
 
 namespace veld_report::host {
 namespace {
 
 constexpr int maxLogPages = 4 * logPages;
-constexpr unsigned long plentyOfBytes = 256UL << 20;
+constexpr std::uint64_t plentyOfBytes = 256 << 20;
 
 }  // namespace
 
@@ -41,10 +42,7 @@ bool WalCheckpointer::MustWriteBack(int pages) {
   return false;
 }
 
-bool WalCheckpointer::HasRoom() const {
-  struct statvfs disk {};
-  return statvfs(file_.parent_path().c_str(), &disk) == 0 && disk.f_bavail * disk.f_frsize >= plentyOfBytes;
-}
+bool WalCheckpointer::HasRoom() const { return FreeBytes(file_.parent_path()).value_or(0) >= plentyOfBytes; }
 
 // Returns false if no thread or connection is available now.
 bool WalCheckpointer::Start() noexcept {

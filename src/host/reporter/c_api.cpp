@@ -2,7 +2,7 @@
 #include <cstddef>
 #include <string>
 
-#include "host/base/process_mark.h"
+#include "host/platform/process.h"
 #include "host/reporter/c_structs.h"
 #include "veld_report/code_text.h"
 #include "veld_report/reporter.h"

@@ -1,7 +1,7 @@
 #include "host/reporter/loss_reporter.h"
 
 #include "host/base/redact.h"
-#include "host/base/service_thread.h"
+#include "host/platform/service_thread.h"
 #include "host/services/queue_name.h"
 
 namespace veld_report {

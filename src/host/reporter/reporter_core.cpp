@@ -1,13 +1,12 @@
 #include "host/reporter/reporter_core.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "host/base/redact.h"
-#include "host/base/service_thread.h"
 #include "host/json/json_check.h"
+#include "host/platform/library.h"
+#include "host/platform/service_thread.h"
 #include "host/reporter/kit_options.h"
 #include "host/services/queue_name.h"
 #include "veld_report/code_text.h"
@@ -66,11 +65,9 @@ std::string WhyRefused(const host::Submission& submission, bool isJson, std::str
 // How much longer than its deadline a close may take: 5 seconds, with a margin for a busy machine.
 constexpr milliseconds closeTime{4900};
 
-// A thread that nobody waits for must not lose its code to a dlclose.
+// A thread that nobody waits for must not lose its code when its library is unloaded.
 void KeepLibraryLoaded() noexcept {
-  Dl_info self{};
-  if (dladdr(reinterpret_cast<void*>(&KeepLibraryLoaded), &self) == 0 || !self.dli_fname) return;
-  dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+  host::KeepLoaded([] {});
 }
 
 std::vector<std::string> UrlsOf(const std::vector<Endpoint>& endpoints) {

@@ -11,9 +11,9 @@
 #include <string_view>
 #include <thread>
 
-#include "host/base/process_mark.h"
 #include "host/kit/host_kit.h"
 #include "host/kit/memory_meter.h"
+#include "host/platform/process.h"
 #include "host/reporter/call_gate.h"
 #include "host/reporter/flusher.h"
 #include "host/reporter/loss_reporter.h"

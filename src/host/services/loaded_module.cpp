@@ -1,27 +1,18 @@
 #include "host/services/loaded_module.h"
 
-#include <dlfcn.h>
-
 #include <stdexcept>
 #include <utility>
 
+#include "host/platform/library.h"
 #include "veld_report/code_text.h"
 
 namespace veld_report::host {
-namespace {
-
-std::string LoaderError() {
-  const char* const text = ::dlerror();
-  return text ? text : "unknown reason";
-}
-
-}  // namespace
-
 LoadedModule::LoadedModule(const std::string& path) : path_(path) {
-  handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  std::string why;
+  handle_ = OpenLibrary(path, &why);
   if (!handle_) {
-    throw std::runtime_error("module: can't be loaded: " + LoaderError() +
-                             "; set modulePath (veldrep: --module) to the file libveld_report.so");
+    throw std::runtime_error("module: can't be loaded: " + why +
+                             "; set modulePath (veldrep: --module) to the file " + moduleFileName);
   }
   try {
     using orvel::veld_report::CanUnloadModuleFunction;
@@ -31,7 +22,7 @@ LoadedModule::LoadedModule(const std::string& path) : path_(path) {
     exports_.canUnload =
         reinterpret_cast<CanUnloadModuleFunction*>(Find(orvel::veld_report::canUnloadModuleName));
   } catch (...) {
-    ::dlclose(handle_);
+    CloseLibrary(handle_);
     throw;
   }
 }
@@ -41,7 +32,7 @@ LoadedModule::LoadedModule(const ModuleExports& linked) : exports_(linked) {}
 LoadedModule::~LoadedModule() { TryUnload(); }
 
 void* LoadedModule::Find(const char* name) const {
-  void* const symbol = ::dlsym(handle_, name);
+  void* const symbol = FindFunction(handle_, name);
   if (symbol) return symbol;
   throw std::runtime_error("module " + path_ + ": exports no function " + name +
                            "; the path must name the module's library");
@@ -67,7 +58,7 @@ bool LoadedModule::CanUnload() const { return !exports_.canUnload || exports_.ca
 bool LoadedModule::TryUnload() {
   if (!CanUnload()) return false;
   exports_ = {};
-  if (handle_) ::dlclose(std::exchange(handle_, nullptr));
+  if (handle_) CloseLibrary(std::exchange(handle_, nullptr));
   return true;
 }
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "host/base/service_thread.h"
+#include "host/platform/service_thread.h"
 #include "host/services/timer_queue.h"
 
 namespace veld_report::host {

@@ -1,71 +1,50 @@
 #include "host/services/trace_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 namespace veld_report::host {
-namespace {
-
-int OpenForAppending(const std::string& path) {
-  return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
-}
-
-std::uint64_t SizeOf(int descriptor) {
-  struct stat status {};
-  return ::fstat(descriptor, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
-}
-
-}  // namespace
 
 TraceFile::TraceFile(std::string path, std::uint64_t limitBytes)
     : path_(std::move(path)), limitBytes_(limitBytes) {
   if (path_.empty()) {
-    descriptor_ = STDERR_FILENO;
+    file_ = File::StandardError();
     return;
   }
-  descriptor_ = OpenForAppending(path_);
-  if (descriptor_ < 0) {
+  std::error_code error;
+  file_ = File::OpenAsItIs(path_, File::Mode::append, false, &error);
+  if (!file_) {
     const std::string reason =
-        errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
+        error == std::errc::too_many_symbolic_link_levels ? "it is a symbolic link" : error.message();
     throw std::runtime_error("trace file " + path_ + ": " + reason +
                              "; choose a path that this user may write");
   }
-  sizeBytes_ = SizeOf(descriptor_);
+  sizeBytes_ = file_.Size();
 }
 
 TraceFile::~TraceFile() {
-  if (!path_.empty() && descriptor_ >= 0) ::close(descriptor_);
+  if (path_.empty()) file_.Abandon();
 }
 
 bool TraceFile::Write(std::string_view line) {
   if (!path_.empty() && sizeBytes_ > 0 && sizeBytes_ + line.size() > limitBytes_) Rotate();
-  if (descriptor_ < 0) return false;
-  ssize_t written = 0;
-  do {
-    written = ::write(descriptor_, line.data(), line.size());
-  } while (written < 0 && errno == EINTR);
-  if (written < 0) return false;
-  sizeBytes_ += static_cast<std::uint64_t>(written);
-  return static_cast<std::size_t>(written) == line.size();
+  if (!file_) return false;
+  const std::size_t written = file_.Write(line);
+  sizeBytes_ += written;
+  return written == line.size();
 }
 
 void TraceFile::Rotate() {
-  const bool moved = std::rename(path_.c_str(), (path_ + ".1").c_str()) == 0;
-  const int fresh = OpenForAppending(path_);
-  if (fresh >= 0) {
-    ::close(descriptor_);
-    descriptor_ = fresh;
-  }
+  std::error_code notMoved;
+  std::filesystem::rename(path_, path_ + ".1", notMoved);
+  File fresh = File::OpenAsItIs(path_, File::Mode::append, false);
+  const bool isFresh = static_cast<bool>(fresh);
+  if (isFresh) file_ = std::move(fresh);
   // If the old file couldn't be moved, losing it is better than filling the disk.
-  if (!moved || fresh < 0) (void)!::ftruncate(descriptor_, 0);
-  sizeBytes_ = SizeOf(descriptor_);
+  if (notMoved || !isFresh) file_.Truncate(0);
+  sizeBytes_ = file_.Size();
 }
 
 }  // namespace veld_report::host

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "host/platform/file.h"
+
 namespace veld_report::host {
 
 // Life: open -> closed with the object. Threads: one at a time.
@@ -32,7 +34,7 @@ class TraceFile {
   const std::string path_;
   const std::uint64_t limitBytes_;
   std::uint64_t sizeBytes_ = 0;
-  int descriptor_ = -1;
+  File file_;
 };
 
 }  // namespace veld_report::host

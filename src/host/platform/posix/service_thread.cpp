@@ -1,4 +1,4 @@
-#include "host/base/service_thread.h"
+#include "host/platform/service_thread.h"
 
 #include <pthread.h>
 #include <signal.h>

@@ -1,4 +1,4 @@
-#include "host/base/machine_clock.h"
+#include "host/platform/machine_clock.h"
 
 #include <time.h>
 
@@ -36,5 +36,7 @@ std::shared_ptr<const MachineClock> MachineClock::System() {
   static const auto& clock = *new std::shared_ptr<const MachineClock>(std::make_shared<SystemMachineClock>());
   return clock;
 }
+
+std::int64_t CoarseCalendarMs() noexcept { return Milliseconds(CLOCK_REALTIME_COARSE); }
 
 }  // namespace veld_report::host

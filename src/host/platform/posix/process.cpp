@@ -1,4 +1,4 @@
-#include "host/base/process_mark.h"
+#include "host/platform/process.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -35,5 +35,7 @@ std::uint64_t CurrentProcess() noexcept {
   std::uint64_t expected = 0;
   return number->compare_exchange_strong(expected, fresh) ? fresh : expected;
 }
+
+std::uint64_t ProcessId() noexcept { return static_cast<std::uint64_t>(getpid()); }
 
 }  // namespace veld_report::host

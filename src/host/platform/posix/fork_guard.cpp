@@ -1,7 +1,6 @@
-#include "host/queue/fork_guard.h"
+#include "host/platform/fork_guard.h"
 
 #include <pthread.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,8 +11,7 @@ namespace {
 
 struct LockFile {
   int descriptor;
-  dev_t device;
-  ino_t inode;
+  FileIdentity identity;
   pid_t process;
   bool inherited = false;
 };
@@ -45,23 +43,21 @@ struct Registry {
 
 ForkGuard::ForkGuard() : lock_(Registry::Instance().mutex) {}
 
-void ForkGuard::Add(int descriptor) {
-  struct stat status {};
-  fstat(descriptor, &status);
-  Registry::Instance().files.push_back({descriptor, status.st_dev, status.st_ino, getpid()});
+void ForkGuard::Add(const File& file) {
+  Registry::Instance().files.push_back({file.NativeHandle(), file.Identity(), getpid()});
 }
 
-void ForkGuard::Remove(int descriptor) noexcept {
-  std::erase_if(Registry::Instance().files,
-                [&](const LockFile& file) { return !file.inherited && file.descriptor == descriptor; });
+void ForkGuard::Remove(const File& file) noexcept {
+  std::erase_if(Registry::Instance().files, [&](const LockFile& each) {
+    return !each.inherited && each.descriptor == file.NativeHandle();
+  });
 }
 
-std::optional<pid_t> ForkGuard::InheritedFrom(const std::filesystem::path& file) const {
-  struct stat status {};
-  if (stat(file.c_str(), &status) != 0) return std::nullopt;
+std::optional<std::uint64_t> ForkGuard::InheritedFrom(const std::filesystem::path& file) const {
+  const FileIdentity identity = FileIdentity::Of(file);
+  if (identity == FileIdentity{}) return std::nullopt;
   for (const LockFile& each : Registry::Instance().files) {
-    const bool isSame = each.device == status.st_dev && each.inode == status.st_ino;
-    if (isSame && each.inherited) return each.process;
+    if (each.inherited && each.identity == identity) return static_cast<std::uint64_t>(each.process);
   }
   return std::nullopt;
 }
