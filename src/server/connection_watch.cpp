@@ -58,6 +58,11 @@ bool ConnectionWatch::Arrived(Connection* connection) {
   return !connection->cut;
 }
 
+ConnectionWatch::Load ConnectionWatch::CurrentLoad() {
+  const Lock lock(mutex_);
+  return {uncut_, bodyBytes_};
+}
+
 void ConnectionWatch::Ended(Connection* connection) {
   const Lock lock(mutex_);
   bodyBytes_ -= connection->bodyBytes;

@@ -60,6 +60,11 @@ class ConnectionWatch {
   bool Hold(Connection* connection, std::size_t bodyBytes);
   // The whole request has arrived. False if the connection has been cut: nobody would get the answer.
   bool Arrived(Connection* connection);
+  struct Load {
+    std::size_t connections = 0;
+    std::size_t bodyBytes = 0;  // reserved for bodies in transit
+  };
+  Load CurrentLoad();
   // The request is over, whatever came of it. Frees what was reserved for it.
   void Ended(Connection* connection);
 

@@ -124,7 +124,8 @@ void Check(std::string_view body, const SignatureVerifier& verifier, MessageCont
   ReadItems(content);
   if (!verifier) return;
   const std::string problem = verifier(content->payloadText, content->signatureBlock);
-  if (!problem.empty()) throw Refusal("the signature isn't accepted: " + problem);
+  content->signatureRefused = !problem.empty();
+  if (content->signatureRefused) throw Refusal("the signature isn't accepted: " + problem);
   content->signatureChecked = true;
 }
 

@@ -29,6 +29,7 @@ struct MessageContent {
   std::string signatureHeader;    // the part of the block before its first zero byte
   std::string signature;          // the part after it
   bool signatureChecked = false;  // a verifier was given and accepted it
+  bool signatureRefused = false;  // a verifier was given and didn't; `problem` says why
 
   // One line for each item, line end included, with the item's text as it was sent. Only an item that
   // contains line ends is rewritten, without whitespace between its tokens.

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 
@@ -17,6 +18,7 @@
 #include "server/connection_watch.h"
 #include "server/json_reader.h"
 #include "server/listen_socket.h"
+#include "server/peer_name.h"
 #include "server/record_sink.h"
 
 namespace veld_report::server {
@@ -32,6 +34,7 @@ constexpr unsigned spareConnections = 32;
 struct Answer {
   unsigned status;
   std::string text;
+  std::optional<RefusalReason> refusal{};
 };
 
 struct Request {
@@ -69,6 +72,10 @@ std::string KeyName(std::string_view header) {
   return {};
 }
 
+std::size_t BodyMemory(const ReportServerOptions& options) {
+  return std::max(options.bodyMemoryBytes, 4 * options.bodyLimitBytes);
+}
+
 MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
   const std::string text = answer.text + "\n";
   MHD_Response* response =
@@ -93,9 +100,7 @@ class ReportServer::Impl {
         sink_(OpenSink({options_.outPath, options_.rotateBytes, options_.rotateEvery})),
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
-        watch_({options_.connectionLimit, options_.requestTime,
-                std::max(options_.bodyMemoryBytes, 4 * options_.bodyLimitBytes)},
-               options_.log) {
+        watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)}, options_.log) {
     const ListenSocket listening = OpenListenSocket(options_.address, options_.port);
     socket_ = listening.handle;
     port_ = listening.port;
@@ -130,6 +135,10 @@ class ReportServer::Impl {
   const ReportServerOptions& Options() const { return options_; }
   RecordSink& Sink() { return *sink_; }
   std::uint16_t Port() const { return port_; }
+  ServerLoad Load() {
+    const ConnectionWatch::Load load = watch_.CurrentLoad();
+    return {load.connections, options_.connectionLimit, load.bodyBytes, BodyMemory(options_), sinkFails_};
+  }
 
   std::atomic<std::uint64_t> storedItems{0};
   std::atomic<std::uint64_t> repeatedItems{0};
@@ -147,7 +156,7 @@ class ReportServer::Impl {
       if (*size != 0) return server->Receive(request, data, size);
       if (request->answered) return MHD_YES;
       if (!server->watch_.Arrived(request->connection)) return MHD_NO;
-      return Queue(connection, server->Finish(connection, *request));
+      return Queue(connection, server->Tell(connection, *request, server->Finish(connection, *request)));
     } catch (const std::exception& error) {
       server->Log(std::string("a request ended without an answer: ") + error.what());
       return MHD_NO;
@@ -193,10 +202,13 @@ class ReportServer::Impl {
     MHD_Result result = MHD_YES;
     if (method != MHD_HTTP_METHOD_POST) {
       request->answered = true;
-      result = Queue(connection, Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is accepted"));
+      result =
+          Queue(connection,
+                Tell(connection, *request,
+                     Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, RefusalReason::method, "only POST is accepted")));
     } else if (over && (waits || declared / drainFactor > options_.bodyLimitBytes)) {
       request->answered = true;
-      result = Queue(connection, TooLarge());
+      result = Queue(connection, Tell(connection, *request, TooLarge()));
     }
     const std::lock_guard lock(mutex_);
     ++active_;
@@ -231,25 +243,35 @@ class ReportServer::Impl {
   Answer Finish(MHD_Connection* connection, const Request& request) {
     if (request.received > options_.bodyLimitBytes) return TooLarge();
     if (request.noRoom)
-      return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many bodies are arriving at once; try again later");
+      return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, RefusalReason::memory,
+                    "too many bodies are arriving at once; try again later");
     const std::string wrongType = ContentTypeProblem(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE));
-    if (!wrongType.empty()) return RefuseMessage(request.body, wrongType);
+    if (!wrongType.empty()) return RefuseMessage(request.body, RefusalReason::content, wrongType);
     const MessageContent content = CheckMessage(request.body, options_.verifier);
-    if (!content.problem.empty()) return RefuseMessage(request.body, content.problem);
+    if (!content.problem.empty())
+      return RefuseMessage(request.body,
+                           content.signatureRefused ? RefusalReason::signature : RefusalReason::message,
+                           content.problem);
     if (options_.status != MHD_HTTP_OK)
       return {options_.status,
               "the message is valid; nothing was stored, because the server is set to answer " +
-                  std::to_string(options_.status)};
-    return Store(request.path, content);
+                  std::to_string(options_.status),
+              RefusalReason::testStatus};
+    return Store(connection, request, content);
   }
 
-  Answer Store(const std::string& path, const MessageContent& content) {
+  Answer Store(MHD_Connection* connection, const Request& request, const MessageContent& content) {
     const std::string keyName = content.signatureChecked ? KeyName(content.signatureHeader) : "";
     try {
-      const StoreResult result = sink_->Store({path, keyName, content.itemLines});
+      const auto begin = std::chrono::steady_clock::now();
+      const StoreResult result = sink_->Store({request.path, keyName, content.itemLines});
+      const auto sinkTime = std::chrono::steady_clock::now() - begin;
       if (sinkFails_.exchange(false)) Log(options_.outPath + ": records are stored again");
       storedItems += result.stored;
       repeatedItems += result.repeated;
+      Observe(connection, request, [&](const ObservedRequest& observed) {
+        options_.observer->OnStored(observed, {content, keyName, result, sinkTime});
+      });
       const std::string repeated =
           result.repeated == 0 ? "" : std::to_string(result.repeated) + " items repeated, ";
       return {MHD_HTTP_OK, repeated + std::to_string(result.stored) + " items stored"};
@@ -258,22 +280,38 @@ class ReportServer::Impl {
       // Once: senders try again and again.
       if (!sinkFails_.exchange(true))
         Log(std::string(error.what()) + "; senders are answered 503 until it can be");
-      return {MHD_HTTP_SERVICE_UNAVAILABLE, error.what()};
+      return {MHD_HTTP_SERVICE_UNAVAILABLE, error.what(), RefusalReason::sink};
     }
   }
 
   Answer TooLarge() {
-    return Refuse(MHD_HTTP_CONTENT_TOO_LARGE,
+    return Refuse(MHD_HTTP_CONTENT_TOO_LARGE, RefusalReason::size,
                   "the body is over the limit of " + std::to_string(options_.bodyLimitBytes) + " bytes");
   }
-  Answer RefuseMessage(const std::string& body, const std::string& sentence) {
-    return Refuse(MHD_HTTP_BAD_REQUEST, sentence, capture_ ? "; " + capture_->Keep(body) : "");
+  Answer RefuseMessage(const std::string& body, RefusalReason refusal, const std::string& sentence) {
+    return Refuse(MHD_HTTP_BAD_REQUEST, refusal, sentence, capture_ ? "; " + capture_->Keep(body) : "");
   }
   // `note` is for the log only.
-  Answer Refuse(unsigned status, const std::string& sentence, const std::string& note = {}) {
+  Answer Refuse(unsigned status, RefusalReason refusal, const std::string& sentence,
+                const std::string& note = {}) {
     ++refusedRequests;
     Log("answered " + std::to_string(status) + ": " + sentence + note);
-    return {status, sentence};
+    return {status, sentence, refusal};
+  }
+  // Passes the answer on; the observer hears of it if it is a refusal.
+  Answer Tell(MHD_Connection* connection, const Request& request, Answer answer) const {
+    if (!answer.refusal) return answer;
+    Observe(connection, request, [&](const ObservedRequest& observed) {
+      options_.observer->OnRefused(observed, {answer.status, *answer.refusal, answer.text});
+    });
+    return answer;
+  }
+  template <class Call>
+  void Observe(MHD_Connection* connection, const Request& request, const Call& call) const {
+    if (!options_.observer) return;
+    const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    const std::string peer = PeerName(info ? info->client_addr : nullptr);
+    call({Header(connection, MHD_HTTP_HEADER_HOST), request.path, peer, request.body});
   }
   void Log(const std::string& line) const {
     if (options_.log) options_.log(line);
@@ -309,6 +347,7 @@ std::uint64_t ReportServer::StoredItems() const { return impl_->storedItems; }
 std::uint64_t ReportServer::RepeatedItems() const { return impl_->repeatedItems; }
 void ReportServer::ReopenSink() { impl_->Sink().Reopen(); }
 std::uint64_t ReportServer::RefusedRequests() const { return impl_->refusedRequests; }
+ServerLoad ReportServer::Load() const { return impl_->Load(); }
 void ReportServer::Stop() { impl_->Stop(); }
 
 }  // namespace veld_report::server

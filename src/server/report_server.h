@@ -21,6 +21,7 @@
 #include <string>
 
 #include "server/message_check.h"
+#include "server/server_observer.h"
 
 namespace veld_report::server {
 
@@ -43,8 +44,17 @@ struct ReportServerOptions {
   // For all bodies in transit. Raised to four times `bodyLimitBytes` if it is less.
   std::size_t bodyMemoryBytes = std::size_t{256} << 20;
   std::string capturePath;  // folder for the bodies of refused messages (body_capture.h); empty: none
+  // Hears of each request; null: nobody does. It must outlive the server.
+  ServerObserver* observer = nullptr;
   // Called with one line for each rejected message and each failure, on the server's threads.
   std::function<void(const std::string&)> log;
+};
+
+// What a server has in hand at a moment, beside its limits.
+struct ServerLoad {
+  std::size_t connections, connectionLimit;
+  std::size_t bodyBytes, bodyMemoryBytes;  // of bodies in transit
+  bool sinkFails;                          // the latest message couldn't be stored
 };
 
 // Life: listens from the constructor's return to Stop or the destructor. It can't be started again.
@@ -65,6 +75,8 @@ class ReportServer {
   // Records that the sink had already.
   std::uint64_t RepeatedItems() const;
   std::uint64_t RefusedRequests() const;
+  // Threads: any, also during Stop.
+  ServerLoad Load() const;
 
   // RecordSink::Reopen, with its exceptions. Threads: any.
   void ReopenSink();
