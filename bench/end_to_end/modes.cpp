@@ -6,6 +6,7 @@
 
 #include "bench/end_to_end/run_host.h"
 #include "bench/end_to_end/sink.h"
+#include "host/queue/store_folder.h"
 #include "host/services/queue_name.h"
 #include "veld_report/reporter.h"
 
@@ -106,11 +107,6 @@ Result MeasurePush(const RunOptions& options) {
   SetCost(result, static_cast<double>(options.records), watch.WallSeconds(), watch.UsedCpuSeconds());
   result.Set("maxPending", host.MaxPending());
   result.Set("peakKb", PeakKb());
-  double bytes = 0;
-  for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
-    bytes += static_cast<double>(file.file_size());
-  }
-  result.Set("diskBytesPerRecord", bytes / static_cast<double>(options.records + options.fill));
   return result;
 }
 
@@ -227,6 +223,9 @@ Result FillOnly(const RunOptions& options) {
   FillStore(options, folder.Path(), sink.Url());
   Result result;
   result.Set("seconds", watch.WallSeconds());
+  const auto file = host::StoreFilePath(folder.Path(), std::string(host::defaultDomain));
+  result.Set("fileBytesPerItem", static_cast<double>(std::filesystem::file_size(file)) /
+                                     static_cast<double>(std::max<std::uint64_t>(options.fill, 1)));
   return result;
 }
 

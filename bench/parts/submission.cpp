@@ -145,7 +145,12 @@ void Submission(benchmark::State& state, const ModuleHostOptions& options, std::
 }
 
 void SubmissionKit(benchmark::State& state) { Submission(state, {}); }
-BENCHMARK(SubmissionKit)->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(SubmissionKit)
+    ->ArgName("threads")
+    ->RangeMultiplier(2)
+    ->Range(1, 8)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 // What an id and a time add.
 void SubmissionStamped(benchmark::State& state) {
