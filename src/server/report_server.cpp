@@ -13,8 +13,11 @@
 #include <optional>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
+#include "host/base/printable.h"
 #include "server/body_capture.h"
+#include "server/body_decoder.h"
 #include "server/connection_watch.h"
 #include "server/json_reader.h"
 #include "server/listen_socket.h"
@@ -84,6 +87,8 @@ MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain; charset=utf-8");
   if (answer.status == MHD_HTTP_METHOD_NOT_ALLOWED)
     MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, "POST");
+  if (answer.status == MHD_HTTP_UNSUPPORTED_MEDIA_TYPE)
+    MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_ENCODING, acceptedCodings);
   if (answer.status == MHD_HTTP_SERVICE_UNAVAILABLE)
     MHD_add_response_header(response, MHD_HTTP_HEADER_RETRY_AFTER, "1");
   const MHD_Result result = MHD_queue_response(connection, answer.status, response);
@@ -240,11 +245,11 @@ class ReportServer::Impl {
     return !request->noRoom;
   }
 
-  Answer Finish(MHD_Connection* connection, const Request& request) {
+  Answer Finish(MHD_Connection* connection, Request& request) {
     if (request.received > options_.bodyLimitBytes) return TooLarge();
-    if (request.noRoom)
-      return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, RefusalReason::memory,
-                    "too many bodies are arriving at once; try again later");
+    if (request.noRoom) return NoRoom();
+    if (const auto refused = Decode(Header(connection, MHD_HTTP_HEADER_CONTENT_ENCODING), &request))
+      return *refused;
     const std::string wrongType = ContentTypeProblem(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE));
     if (!wrongType.empty()) return RefuseMessage(request.body, RefusalReason::content, wrongType);
     const MessageContent content = CheckMessage(request.body, options_.verifier);
@@ -258,6 +263,33 @@ class ReportServer::Impl {
                   std::to_string(options_.status),
               RefusalReason::testStatus};
     return Store(connection, request, content);
+  }
+
+  // Replaces the body by its text. Returns the answer if it can't; then no body is left.
+  std::optional<Answer> Decode(std::string_view contentEncoding, Request* request) {
+    const std::optional<BodyCoding> coding = ReadBodyCoding(contentEncoding);
+    if (coding == BodyCoding::identity || request->body.empty()) return std::nullopt;
+    const std::string encoded = std::exchange(request->body, {});
+    if (!coding) {
+      return Refuse(MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, RefusalReason::content,
+                    "the Content-Encoding is " + host::Printable(contentEncoding) +
+                        "; only gzip and zstd are accepted, or none");
+    }
+    DecodedBody decoded = DecodeBody(*coding, encoded, options_.bodyLimitBytes, [&](std::size_t textBytes) {
+      return watch_.Hold(request->connection, encoded.capacity() + textBytes);
+    });
+    switch (decoded.end) {
+      case DecodedBody::damaged:
+        return Refuse(MHD_HTTP_BAD_REQUEST, RefusalReason::content, decoded.problem);
+      case DecodedBody::tooLarge:
+        return TooLarge(" once it is decoded");
+      case DecodedBody::noRoom:
+        return NoRoom();
+      case DecodedBody::whole:
+        break;
+    }
+    request->body = std::move(decoded.text);
+    return std::nullopt;
   }
 
   Answer Store(MHD_Connection* connection, const Request& request, const MessageContent& content) {
@@ -284,9 +316,14 @@ class ReportServer::Impl {
     }
   }
 
-  Answer TooLarge() {
-    return Refuse(MHD_HTTP_CONTENT_TOO_LARGE, RefusalReason::size,
-                  "the body is over the limit of " + std::to_string(options_.bodyLimitBytes) + " bytes");
+  Answer TooLarge(const char* when = "") {
+    return Refuse(
+        MHD_HTTP_CONTENT_TOO_LARGE, RefusalReason::size,
+        "the body is over the limit of " + std::to_string(options_.bodyLimitBytes) + " bytes" + when);
+  }
+  Answer NoRoom() {
+    return Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, RefusalReason::memory,
+                  "too many bodies are arriving at once; try again later");
   }
   Answer RefuseMessage(const std::string& body, RefusalReason refusal, const std::string& sentence) {
     return Refuse(MHD_HTTP_BAD_REQUEST, refusal, sentence, capture_ ? "; " + capture_->Keep(body) : "");

@@ -5,12 +5,13 @@
 // sender may drop what was answered, whenever this process is killed.
 //
 // Answers: 200 stored; 400 the body doesn't pass, with a sentence that says why; 405 not a POST; 413 the body
-// is over the limit; 503 with Retry-After: the sink can't store, or too many bodies are arriving at once.
-// Anything but 200 has stored nothing.
+// is over the limit, as it arrives or decoded (body_decoder.h); 415 with Accept-Encoding: its coding isn't
+// known; 503 with Retry-After: the sink can't store, or too many bodies are arriving at once. Anything but
+// 200 has stored nothing.
 //
 // The memory that clients can take up is limited, whatever they do (the rules are in connection_watch.h): 32
-// KiB for each of `connectionLimit` connections, plus `bodyMemoryBytes`, plus six times `bodyLimitBytes` in
-// each of `threads` while a body is checked.
+// KiB for each of `connectionLimit` connections, plus `bodyMemoryBytes`, plus in each of `threads` six times
+// `bodyLimitBytes` while a body is checked, or 9 MiB while it is decoded if that is more.
 #pragma once
 
 #include <chrono>

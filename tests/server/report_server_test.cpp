@@ -13,6 +13,7 @@
 #include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
 #include "tests/host/manual_clock.h"
+#include "tests/server/compress.h"
 #include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
 
@@ -83,6 +84,53 @@ TEST_F(ReportServerTest, WhatIsNot200StoresNothing) {
       EXPECT_EQ(Exchange(server.Port(), chunked + chunks + "0\r\n\r\n").status, status);
     EXPECT_EQ(server.StoredItems(), status == 200 ? 6U : 0U);
   }
+}
+
+// A bomb ends at the limit, and nothing of a text that isn't whole is stored or kept.
+TEST_F(ReportServerTest, CompressedBodiesAreTakenWholeOrNotAtAll) {
+  ReportServerOptions options = Options();
+  options.bodyLimitBytes = 200'000;  // more than what is decoded at first
+  options.capturePath = folder_ / "captured";
+  std::string atLimit(exampleBody), wrong(R"({"a":1})");
+  atLimit.resize(options.bodyLimitBytes, ' ');
+  const std::string over = atLimit + " ", bomb(20'000'000, ' ');
+  ReportServer server(options);
+  std::uint64_t stored = 0;
+  const auto expect = [&](const std::string& coding, const std::string& body, int status,
+                          const std::string& sentence) {
+    const RawAnswer answer =
+        Exchange(server.Port(), Post(body, "application/json\r\nContent-Encoding: " + coding));
+    EXPECT_EQ(answer.status, status) << coding;
+    EXPECT_THAT(answer.text, HasSubstr(sentence));
+    stored += status == 200 ? 2 : 0;
+    EXPECT_EQ(server.StoredItems(), stored) << coding << answer.text;
+  };
+  for (const auto& [coding, encode] :
+       {std::pair{"gzip", &server_test::Gzip}, std::pair{"zstd", &server_test::Zstd}}) {
+    const std::string good = encode(atLimit), small = encode(exampleBody), name = std::string(" ") + coding;
+    for (const std::string& body :
+         {good, small, encode("") + small, encode(atLimit.substr(0, 50)) + encode(atLimit.substr(50))})
+      expect(coding, body, 200, "2 items stored");
+    for (const std::string& body : {encode(over), encode(bomb), good + encode(" ")})
+      expect(coding, body, 413, "over the limit of 200000 bytes once it is decoded");
+    for (const std::size_t kept : {std::size_t{1}, std::size_t{10}, small.size() - 1})
+      expect(coding, small.substr(0, kept), 400,
+             "the body ends inside its" + name + " stream, at byte " + std::to_string(kept));
+    std::string flipped = small;
+    flipped[small.size() - 1] ^= 1;  // of the checksum or the length
+    for (const std::string& body : {flipped, small + "garbage", std::string(exampleBody)})
+      expect(coding, body, 400, "the body isn't valid" + name + " at byte ");
+    expect(coding, "", 400, "the body is empty");
+    expect(coding, encode(wrong), 400, "no member \"payload\"");
+  }
+  // Of each coding the empty one and the wrong one.
+  EXPECT_EQ(tests::ReadFile(folder_ / "captured/refused-04.body"), wrong);
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "captured/refused-05.body"));
+  expect("Identity", std::string(exampleBody), 200, "stored");
+  expect("X-GZip", server_test::Gzip(exampleBody), 200, "stored");
+  expect("zstd", server_test::Gzip(exampleBody), 400, "isn't valid zstd");
+  for (const char* coding : {"br", "gzip, zstd", "deflate\x01"})
+    expect(coding, server_test::Gzip(exampleBody), 415, "Accept-Encoding: gzip, zstd");
 }
 
 TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
