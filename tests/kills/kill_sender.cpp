@@ -1,6 +1,6 @@
 // The sending process of the kill test. It sends numbered records until it is killed, and writes down which
 // numbers it is about to send ("t FIRST LAST") and which ones are known to be in the store ("c FIRST LAST").
-// Each line is one write, so a kill leaves whole lines.
+// Each line is one write, so a kill leaves whole lines. Even and odd numbers have endpoints of their own.
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <string_view>
 
 #include "veld_report/reporter.h"
 
@@ -46,7 +47,7 @@ void WriteDown(int notes, char what, std::uint64_t first, std::uint64_t last) {
   for (;;) {
     const std::uint64_t last = next + random() % 40;
     WriteDown(notes, 't', next, last);
-    while (next <= last) reporter.Send(RecordOf(next++));
+    for (; next <= last; ++next) reporter.Send(RecordOf(next), next % 2 == 0 ? "even" : "odd");
     if (!reporter.FlushToStore(std::chrono::seconds(20))) continue;
     WriteDown(notes, 'c', uncommitted, last);
     uncommitted = next;
@@ -57,17 +58,23 @@ void WriteDown(int notes, char what, std::uint64_t first, std::uint64_t last) {
 int Drain(veld_report::Reporter& reporter) {
   const bool flushed = reporter.Flush(std::chrono::seconds(60));
   const veld_report::QueueLedger total = reporter.Stats().total;
-  std::printf("accepted %lld, delivered %lld, waiting %lld\n", static_cast<long long>(total.accepted.items),
-              static_cast<long long>(total.delivered.items), static_cast<long long>(total.waiting.items));
-  return flushed && total.IsBalanced() && total.accepted == total.delivered ? 0 : 1;
+  std::printf("accepted %lld, delivered %lld, waiting %lld, evicted %lld\n",
+              static_cast<long long>(total.accepted.items), static_cast<long long>(total.delivered.items),
+              static_cast<long long>(total.waiting.items), static_cast<long long>(total.evicted.items));
+  veld_report::ItemCount gone = total.delivered;
+  gone += total.evicted;
+  return flushed && total.IsBalanced() && total.accepted == gone ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  if (count != 7) {
+  const std::string_view kind = count == 8 ? arguments[7] : "";
+  const bool isKnown = kind == "plain" || kind == "two" || kind == "full" || kind == "shared";
+  if (!isKnown) {
     std::fprintf(stderr,
-                 "usage: kill_sender MODULE STORE URL KEY NOTES FIRST, a FIRST of 0 to drain the store\n");
+                 "usage: kill_sender MODULE STORE URL KEY NOTES FIRST plain|two|full|shared\n"
+                 "a FIRST of 0 drains the store\n");
     return 2;
   }
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -77,10 +84,13 @@ int main(int count, char** arguments) {
   veld_report::ReporterOptions options;
   options.modulePath = arguments[1];
   options.store = arguments[2];
-  options.endpoints = {{arguments[3]}};
+  const std::string url = arguments[3];
+  options.endpoints = {{.url = url, .consumer = "even"},
+                       {.url = url + (kind == "two" ? "/odd" : ""), .consumer = "odd"}};
   options.signingKeyFile = arguments[4];
   options.packetLimit = packetLimits[first == 0 ? 3 : random() % 4];
-  options.queueLimitKb = 1 << 20;
+  options.queueLimitKb = kind == "full" ? 32 : 1 << 20;
+  options.shared = kind == "shared";
   options.retryAfter = std::chrono::seconds(1);
   options.proxy = "";
   try {

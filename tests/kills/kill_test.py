@@ -1,7 +1,9 @@
 """Kills a sending process and a report server with SIGKILL, again and again, over a proxy that misbehaves.
 
 Every record carries a number. Each number that the sender knew to be in its store must reach the server, whole, and
-each record that comes twice must have a reason. The last line is
+each record that comes twice must have a reason. There are four kinds of trials: plain; records for two endpoints;
+a queue that is always full, of which as many may be missing as the ledger says were evicted; and two senders that share
+a store, of which one is killed at a time. The last line of each is
 "rounds N, committed N, missing N, damaged N, duplicates N"; see scripts/kill-test.
 """
 import argparse
@@ -21,6 +23,8 @@ from proxy import Proxy
 # An acknowledgement is in the sender's file with its group of 512 at the latest, and the largest packet has 100
 # records whose answer may have come in the moment of the kill.
 MOST_REPEATED_BY_A_KILL = 511 + 100
+KINDS = ("plain", "two", "full", "shared")
+FIRST_NUMBERS = {"sender": 1, "second": 1_000_000_001}
 
 
 class Failure(Exception):
@@ -28,7 +32,10 @@ class Failure(Exception):
 
 
 class Trial:
-    def __init__(self, build, rounds, seed, folder):
+    def __init__(self, build, kind, rounds, seed, folder):
+        self.kind = kind
+        self.senders = ["sender", "second"] if kind == "shared" else ["sender"]
+        self.evicted = 0
         self.rounds = rounds
         self.random = random.Random(seed)
         self.veldrep = os.path.join(build, "bin", "veldrep")
@@ -55,11 +62,11 @@ class Trial:
             await asyncio.sleep(0.01)
         raise Failure("the server doesn't start: " + " ".join(lines_of(self.path("server.log"))))
 
-    async def start_sender(self, first, **options):
+    async def start_sender(self, name, first, **options):
         await self.proxy.next_sender()
-        self.processes["sender"] = await asyncio.create_subprocess_exec(
+        self.processes[name] = await asyncio.create_subprocess_exec(
             self.sender_program, self.module, self.path("store"), f"http://127.0.0.1:{self.proxy.port}/in",
-            self.path("key.key.pem"), self.path("notes"), str(first), **options)
+            self.path("key.key.pem"), self.path("notes-" + name), str(first), self.kind, **options)
 
     async def kill(self, name):
         process = self.processes[name]
@@ -71,13 +78,15 @@ class Trial:
     # Notes: what was tried, and what was in the store
 
     def noted(self, what):
-        for line in lines_of(self.path("notes")):
-            kind, first, last = line.split()
-            if kind == what:
-                yield from range(int(first), int(last) + 1)
+        for name in self.senders:
+            for line in lines_of(self.path("notes-" + name)):
+                kind, first, last = line.split()
+                if kind == what:
+                    yield from range(int(first), int(last) + 1)
 
-    def next_number(self):
-        return max((int(line.split()[2]) for line in lines_of(self.path("notes"))[-2:]), default=0) + 1
+    def next_number(self, name):
+        lines = lines_of(self.path("notes-" + name))[-2:]
+        return max((int(line.split()[2]) + 1 for line in lines), default=FIRST_NUMBERS[name])
 
     # Rounds
 
@@ -94,7 +103,8 @@ class Trial:
             await asyncio.sleep(6.5)
         if self.random.random() < 0.1:
             await self.proxy.refuse_for(self.random.uniform(0, 0.1))
-        victims = self.random.choices((["sender"], ["server"], ["sender", "server"]), (5, 3, 2))[0]
+        sender = self.random.choice(self.senders)
+        victims = self.random.choices(([sender], ["server"], [sender, "server"]), (5, 3, 2))[0]
         await self.wait_for_a_bad_moment()
         for name in victims:
             await self.kill(name)
@@ -102,19 +112,21 @@ class Trial:
         if "server" in victims:
             await asyncio.sleep(self.random.uniform(0, 0.1))
             await self.start_server(self.proxy.server_port)
-        if "sender" in victims:
-            await self.start_sender(self.next_number())
+        if sender in victims:
+            await self.start_sender(sender, self.next_number(sender))
 
     async def run(self):
         subprocess.run([self.veldrep, "keygen", self.path("key")], check=True, stdout=subprocess.DEVNULL)
         await self.start_server()
         self.proxy.server_port = await self.server_port()
         await self.proxy.listen()
-        await self.start_sender(1)
         try:
+            for name in self.senders:
+                await self.start_sender(name, FIRST_NUMBERS[name])
             for number in range(self.rounds):
                 await self.round(number)
-            await self.kill("sender")
+            for name in self.senders:
+                await self.kill(name)
             await self.drain()
         finally:
             for process in self.processes.values():
@@ -127,12 +139,15 @@ class Trial:
         """The kills have stopped; what the store holds goes through."""
         self.proxy.disturbing = False
         await self.server_port()
-        await self.start_sender(0, stdout=subprocess.PIPE)
+        await self.start_sender("sender", 0, stdout=subprocess.PIPE)
         sender, server = self.processes["sender"], self.processes["server"]
         output, _ = await asyncio.wait_for(sender.communicate(), 90)
         print("drained:", output.decode().strip())
         if sender.returncode != 0:
             raise Failure("the store didn't drain, or its ledger tells of a loss")
+        self.evicted = int(output.split()[-1])
+        if (self.evicted != 0) != (self.kind == "full"):
+            raise Failure(f"{self.evicted} records were evicted")
         server.terminate()
         await server.wait()
         check = subprocess.run([self.veldrep, "store", "--store", self.path("store"), "check"], capture_output=True)
@@ -149,10 +164,11 @@ class Trial:
         numbers = [number_of(line) for line in lines_of(self.path("stored"))]
         stored = collections.Counter(number for number in numbers if number in tried)
         damaged = len(numbers) - stored.total()
-        missing = sum(number not in stored for number in committed)
+        missing = max(0, sum(number not in stored for number in committed) - self.evicted)
         reasons = self.reasons(stored)
         duplicates = stored.total() - len(stored)
-        print(f"{self.kills['sender']} kills of the sender, {self.kills['server']} of the server; "
+        killed = sum(self.kills[name] for name in self.senders)
+        print(f"{self.kind}: {killed} kills of a sender, {self.kills['server']} of the server; "
               f"{len(self.proxy.deliveries)} requests reached the server whole; the proxy's doings: "
               + ", ".join(f"{fault} {count}" for fault, count in sorted(self.proxy.faults.items())))
         print("duplicates by reason: " + (", ".join(f"{why} {n}" for why, n in sorted(reasons.items())) or "none"))
@@ -178,7 +194,7 @@ class Trial:
             if count < sum(delivery.status == 200 for delivery in deliveries):
                 reasons["UNEXPLAINED answered 200 and not stored"] += 1
             found = sorted(reason(*pair) for pair in pairs)
-            repeated.update(first.sender for first, then in pairs if first.answered and first.sender != then.sender)
+            repeated.update(first.sender for first, then in pairs if first.answered and killed_between(first, then))
             # Not each request that has reached the server was stored: it may have been killed before that.
             reasons.update(found[:count - 1])
         for sender, count in repeated.items():
@@ -192,9 +208,16 @@ def reason(first, then):
         return "server killed, or cut off, before it answered"
     if not first.answered:
         return "answer lost on its way"
-    if first.sender != then.sender:
+    if first.late:
+        return "answer later than the sender waits"
+    if killed_between(first, then):
         return "sender killed before the acknowledgement was in its file"
     return "UNEXPLAINED sent again though answered"
+
+
+def killed_between(first, then):
+    """Of two senders, the one that goes on may have connected first; a dead one's request may come last."""
+    return first.sender != then.sender or first.sender != then.begun
 
 
 def number_of(line):
@@ -218,14 +241,21 @@ def lines_of(path):
 def main():
     parser = argparse.ArgumentParser(prog="kill-test")
     parser.add_argument("--rounds", type=int, default=200, help="how many times something is killed")
+    parser.add_argument("--kind", choices=KINDS, help="only this kind of trial; otherwise the rounds are shared out")
     parser.add_argument("--seed", type=int, default=None, help="of what is done and when, as far as that goes")
     parser.add_argument("--build", required=True, help="build folder with the programs")
     arguments = parser.parse_args()
     seed = random.randrange(1 << 32) if arguments.seed is None else arguments.seed
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    kinds = [arguments.kind] if arguments.kind else KINDS
+    good = [run(kind, arguments.build, -(-arguments.rounds // len(kinds)), seed) for kind in kinds]
+    return 0 if all(good) else 1
+
+
+def run(kind, build, rounds, seed):
     folder = tempfile.mkdtemp(prefix="kill_test.")
     print(f"seed {seed}; a failure leaves its files in {folder}", flush=True)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    trial = Trial(os.path.abspath(arguments.build), arguments.rounds, seed, folder)
+    trial = Trial(os.path.abspath(build), kind, rounds, seed, folder)
     good = True
     try:
         asyncio.run(trial.run())
@@ -235,7 +265,7 @@ def main():
     good = trial.judge() and good
     if good:
         shutil.rmtree(folder)
-    return 0 if good else 1
+    return good
 
 
 if __name__ == "__main__":

@@ -15,9 +15,11 @@ class Delivery:
     """One request that has reached the server whole."""
 
     numbers: list
-    sender: int  # which of the sending processes
+    sender: int  # the number of the youngest sending process when the connection came
+    begun: int  # the same when the request came
     status: int | None = None  # that the server has answered
     answered: bool = False  # the whole answer has gone to the sender
+    late: bool = False  # later than the sender waits for it, which may have sent it again by then
 
 
 class Cut(Exception):
@@ -106,7 +108,7 @@ class Proxy:
         from_server, to_server = upstream
         if fault == "cut request":
             await self.cut_in(head + body, to_server)
-        delivery = Delivery(numbers_of(body), sender)
+        delivery = Delivery(numbers_of(body), sender, self.sender)
         self.deliveries.append(delivery)
         to_server.write(head + body)
         await to_server.drain()
@@ -119,6 +121,7 @@ class Proxy:
         if fault == "cut in answer":
             await self.cut_in(answer, writer)
         if fault == "late answer":
+            delivery.late = True
             await asyncio.sleep(5.5)
         # Counts as answered before it has gone: nobody can tell how much of it a dead sender has read.
         delivery.answered = True
