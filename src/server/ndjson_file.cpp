@@ -35,7 +35,8 @@ bool WriteAll(int file, std::string_view text) {
 NdjsonFile::NdjsonFile(const SinkOptions& options)
     : options_(options), clock_(options.clock ? options.clock : std::make_shared<host::SystemClock>()) {
   Adopt(Open());
-  tornBytes_ = file_.tornBytes;
+  if (file_.tornBytes == 0 || !options_.log) return;
+  options_.log(path_ + ": removed an incomplete last line of " + std::to_string(file_.tornBytes) + " bytes");
 }
 
 NdjsonFile::~NdjsonFile() { close(file_.handle); }

@@ -24,14 +24,12 @@ class NdjsonFile final : public GroupingSink {
  public:
   static constexpr std::size_t rememberedIds = 100'000;
 
-  // Opens or creates the file (readable by its owner and group) and cuts off a torn last line. Throws
-  // std::runtime_error with a sentence if the file can't be opened or repaired.
+  // Opens or creates the file (readable by its owner and group) and cuts off a torn last line, which the log
+  // hears of. Throws std::runtime_error with a sentence if the file can't be opened or repaired.
   explicit NdjsonFile(const SinkOptions& options);
   ~NdjsonFile() override;
   NdjsonFile(const NdjsonFile&) = delete;
   NdjsonFile& operator=(const NdjsonFile&) = delete;
-
-  std::uint64_t TornBytes() const override { return tornBytes_; }
 
  private:
   struct OpenFile {
@@ -57,10 +55,9 @@ class NdjsonFile final : public GroupingSink {
   [[noreturn]] void Fail(const std::string& what) const;
 
   const SinkOptions options_;
-  const std::string& path_ = options_.path;
+  const std::string& path_ = options_.out;
   const std::shared_ptr<const host::Clock> clock_;
   OpenFile file_;
-  std::uint64_t tornBytes_ = 0;
   bool hasPartialLine_ = false;  // it couldn't be cut off yet
   host::Clock::TimePoint opened_;
   std::unordered_set<std::string> ids_;

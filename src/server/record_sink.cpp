@@ -3,20 +3,21 @@
 #include <simdjson.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <ctime>
 #include <stdexcept>
-
-#include "server/ndjson_file.h"
-#include "server/sqlite_file.h"
 
 namespace veld_report::server {
 namespace {
 
-// The text of a member, or nothing if it isn't a short text.
+// The text of a member, or nothing if it isn't a short one.
 std::string ShortText(simdjson::ondemand::object& object, std::string_view name) {
   constexpr std::size_t maxBytes = 64;
   std::string_view text;
   if (object.find_field_unordered(name).get_string().get(text) != simdjson::SUCCESS) return {};
-  return std::string(text.size() <= maxBytes ? text : std::string_view());
+  // Not every database takes a zero character.
+  const bool fits = text.size() <= maxBytes && text.find('\0') == std::string_view::npos;
+  return std::string(fits ? text : std::string_view());
 }
 
 }  // namespace
@@ -44,9 +45,18 @@ void ReadRecords(std::string_view lines, const std::function<void(const SinkReco
   }
 }
 
-std::unique_ptr<RecordSink> OpenSink(const SinkOptions& options) {
-  if (options.path.ends_with(".sqlite")) return std::make_unique<SqliteFile>(options);
-  return std::make_unique<NdjsonFile>(options);
+std::string TextOfTime(host::Clock::WallTimePoint moment) {
+  using std::chrono::milliseconds;
+  const auto whole = std::chrono::floor<std::chrono::seconds>(moment);
+  const auto ms = std::chrono::floor<milliseconds>(moment - whole).count();
+  const std::time_t seconds = host::Clock::WallTimePoint::clock::to_time_t(whole);
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[40];
+  std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+  length += static_cast<std::size_t>(
+      std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(ms)));
+  return {text, length};
 }
 
 StoreResult GroupingSink::Store(const SinkPacket& packet) {

@@ -22,20 +22,26 @@ namespace veld_report::server {
 
 // The records of one request. What it refers to must last until Store returns.
 struct SinkPacket {
-  std::string_view urlPath;
-  std::string_view keyName;  // of the key that has signed it; empty: no signature was checked
-  std::string_view lines;    // one record each, line ends included, all valid JSON
+  std::string_view url;      // that it was sent to: the host as the sender named it, and the path; ASCII
+  std::string_view urlPath;  // the path alone
+  std::string_view keyName;  // in UTF-8, of the key that has signed it; empty: no signature was checked
+  host::Clock::WallTimePoint received{};
+  std::string_view lines;      // one record each, line ends included, all valid JSON
+  std::string_view payload{};  // the text that was signed, {"array":[...]}: for sinks that keep packets whole
 };
 
 // One of the records.
 struct SinkRecord {
   std::string_view text{};  // one line of JSON, without its end
-  std::string id{};         // of "recordId", if that is a text of at most 64 bytes; empty: none
-  std::string time{};       // of "recordTime", likewise
+  std::string id{};    // of "recordId", if that is a text of at most 64 bytes without U+0000; empty: none
+  std::string time{};  // of "recordTime", likewise
 };
 
 // Calls `onRecord` for each record. Throws std::bad_alloc, and what `onRecord` throws.
 void ReadRecords(std::string_view lines, const std::function<void(const SinkRecord&)>& onRecord);
+
+// "2026-03-31T09:41:07.123Z", as databases get it.
+std::string TextOfTime(host::Clock::WallTimePoint moment);
 
 struct StoreResult {
   std::size_t stored = 0;
@@ -46,27 +52,25 @@ struct StoreResult {
 class RecordSink {
  public:
   virtual ~RecordSink() = default;
-  // Blocks on the disk. Throws std::runtime_error with a sentence if the packet can't be stored. Then none of
-  // it is, and the sink goes on: a later call tries again with all that it takes.
+  // Blocks until the packet is safe. Throws std::runtime_error with a sentence, which begins with the sink's
+  // name, if the packet can't be stored. Then none of it is, as far as the sink can tell, and the sink goes
+  // on: a later call tries again with all that it takes.
   virtual StoreResult Store(const SinkPacket& packet) = 0;
   // Goes on in the file that has the sink's path by now, creating it if there is none. Waits for a Store in
   // progress. Throws std::runtime_error with a sentence. Then the next Store uses the former file or, in the
-  // case of a database, opens the path again.
+  // case of a database, opens it again.
   virtual void Reopen() = 0;
-  // The bytes of a torn end that were cut off when the sink was opened.
-  virtual std::uint64_t TornBytes() const { return 0; }
 };
 
 struct SinkOptions {
-  std::string path;
-  std::uint64_t rotateBytes = 0;         // see NdjsonFile; 0: never
-  std::chrono::seconds rotateEvery{0};   // likewise
+  std::string out;  // what OpenSink (open_sink.h) takes: a path or a URL
+  // These two are for files of lines, see ndjson_file.h; 0: never.
+  std::uint64_t rotateBytes = 0;
+  std::chrono::seconds rotateEvery{0};
   std::shared_ptr<host::Clock> clock{};  // null: the system's
+  // Called with a sentence that its owner should see, on any thread; may be empty.
+  std::function<void(const std::string&)> log{};
 };
-
-// By the end of the path: .sqlite is a SqliteFile, everything else an NdjsonFile. Throws std::runtime_error
-// with a sentence.
-std::unique_ptr<RecordSink> OpenSink(const SinkOptions& options);
 
 // The base of sinks that write several packets at once: those that arrive during one write share the next,
 // and with it its sync.

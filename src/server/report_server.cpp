@@ -9,6 +9,7 @@
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -22,7 +23,7 @@
 #include "server/json_reader.h"
 #include "server/listen_socket.h"
 #include "server/peer_name.h"
-#include "server/record_sink.h"
+#include "server/sink_set.h"
 
 namespace veld_report::server {
 namespace {
@@ -45,6 +46,7 @@ struct Request {
   std::size_t declared;  // 0 for a chunked body
   std::string path;
   std::string body;
+  host::Clock::WallTimePoint begun = std::chrono::system_clock::now();
   std::size_t received = 0;
   bool answered = false;  // an answer was queued before the body was read
   bool noRoom = false;    // the body is read and dropped
@@ -63,11 +65,31 @@ std::size_t DeclaredLength(MHD_Connection* connection) {
   return length;
 }
 
+// A host or an unescaped path as a sink gets it: printable ASCII, cut to a length that every record may have
+// beside it.
+std::string UrlText(std::string_view text) {
+  constexpr std::size_t maxBytes = 500;
+  std::string url;
+  for (const char each : text.substr(0, maxBytes)) {
+    const auto byte = static_cast<unsigned char>(each);
+    char escaped[4];
+    if (byte > 0x20 && byte < 0x7f && byte != '%') {
+      url += each;
+    } else {
+      std::snprintf(escaped, sizeof escaped, "%%%02X", unsigned{byte});
+      url += escaped;
+    }
+  }
+  return url;
+}
+
 // The "kid" of a signature's header, which is for the signer to choose.
 std::string KeyName(std::string_view header) {
   try {
     for (const JsonMember& member : ReadJsonObject(header)) {
-      if (member.key == "kid") return ReadJsonString(member.value);
+      if (member.key != "kid") continue;
+      std::string name = ReadJsonString(member.value);
+      return name.size() > 200 || name.find('\0') != std::string::npos ? "" : name;
     }
   } catch (const JsonError&) {
     // Other headers are allowed; they have no name.
@@ -102,7 +124,7 @@ class ReportServer::Impl {
  public:
   explicit Impl(ReportServerOptions options)
       : options_(std::move(options)),
-        sink_(OpenSink({options_.outPath, options_.rotateBytes, options_.rotateEvery})),
+        sinks_(options_.sinks, options_.log, "senders are answered 503"),
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
         watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)}, options_.log) {
@@ -138,11 +160,12 @@ class ReportServer::Impl {
   }
 
   const ReportServerOptions& Options() const { return options_; }
-  RecordSink& Sink() { return *sink_; }
+  SinkSet& Sinks() { return sinks_; }
   std::uint16_t Port() const { return port_; }
   ServerLoad Load() {
     const ConnectionWatch::Load load = watch_.CurrentLoad();
-    return {load.connections, options_.connectionLimit, load.bodyBytes, BodyMemory(options_), sinkFails_};
+    return {load.connections, options_.connectionLimit, load.bodyBytes, BodyMemory(options_),
+            sinks_.IsFailing()};
   }
 
   std::atomic<std::uint64_t> storedItems{0};
@@ -296,9 +319,11 @@ class ReportServer::Impl {
     const std::string keyName = content.signatureChecked ? KeyName(content.signatureHeader) : "";
     try {
       const auto begin = std::chrono::steady_clock::now();
-      const StoreResult result = sink_->Store({request.path, keyName, content.itemLines});
+      const std::string path = UrlText(request.path);
+      const std::string url = UrlText(Header(connection, MHD_HTTP_HEADER_HOST)) + path;
+      const StoreResult result =
+          sinks_.Store({url, path, keyName, request.begun, content.itemLines, content.payloadText});
       const auto sinkTime = std::chrono::steady_clock::now() - begin;
-      if (sinkFails_.exchange(false)) Log(options_.outPath + ": records are stored again");
       storedItems += result.stored;
       repeatedItems += result.repeated;
       Observe(connection, request, [&](const ObservedRequest& observed) {
@@ -309,9 +334,6 @@ class ReportServer::Impl {
       return {MHD_HTTP_OK, repeated + std::to_string(result.stored) + " items stored"};
     } catch (const std::runtime_error& error) {
       ++refusedRequests;
-      // Once: senders try again and again.
-      if (!sinkFails_.exchange(true))
-        Log(std::string(error.what()) + "; senders are answered 503 until it can be");
       return {MHD_HTTP_SERVICE_UNAVAILABLE, error.what(), RefusalReason::sink};
     }
   }
@@ -355,8 +377,7 @@ class ReportServer::Impl {
   }
 
   const ReportServerOptions options_;
-  const std::unique_ptr<RecordSink> sink_;
-  std::atomic<bool> sinkFails_{false};
+  SinkSet sinks_;
   const std::unique_ptr<BodyCapture> capture_;  // may be null
   ConnectionWatch watch_;
   int socket_ = -1;
@@ -379,10 +400,9 @@ std::string ReportServer::Url() const {
   return "http://" + (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(Port());
 }
 
-std::uint64_t ReportServer::TornBytes() const { return impl_->Sink().TornBytes(); }
 std::uint64_t ReportServer::StoredItems() const { return impl_->storedItems; }
 std::uint64_t ReportServer::RepeatedItems() const { return impl_->repeatedItems; }
-void ReportServer::ReopenSink() { impl_->Sink().Reopen(); }
+void ReportServer::ReopenSinks() { impl_->Sinks().Reopen(); }
 std::uint64_t ReportServer::RefusedRequests() const { return impl_->refusedRequests; }
 ServerLoad ReportServer::Load() const { return impl_->Load(); }
 void ReportServer::Stop() { impl_->Stop(); }

@@ -20,8 +20,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "server/message_check.h"
+#include "server/record_sink.h"
 #include "server/server_observer.h"
 
 namespace veld_report::server {
@@ -29,11 +31,9 @@ namespace veld_report::server {
 struct ReportServerOptions {
   std::string address = "127.0.0.1";  // a numeric address (an IPv6 one without brackets) or a host name
   std::uint16_t port = 0;             // 0: a free one
-  std::string outPath;                // of the sink: FILE.sqlite is a database, everything else NDJSON
-  std::uint64_t rotateBytes = 0;      // these two are for NDJSON, see ndjson_file.h; 0: never
-  std::chrono::seconds rotateEvery{0};
-  SignatureVerifier verifier;  // empty: signatures aren't checked
-  unsigned status = 200;       // any other: every good message gets this answer and nothing is stored
+  std::vector<SinkOptions> sinks;     // each gets every message (sink_set.h); their `log` is the one below
+  SignatureVerifier verifier;         // empty: signatures aren't checked
+  unsigned status = 200;              // any other: every good message gets this answer and nothing is stored
   std::size_t bodyLimitBytes = std::size_t{16} << 20;
   unsigned threads = 4;
   // When one more connects, the connection that has waited longest for the end of its request is cut. Each
@@ -70,8 +70,6 @@ class ReportServer {
   std::uint16_t Port() const;
   // "http://127.0.0.1:4711", with the actual port.
   std::string Url() const;
-  // The bytes that the repair of the file at the start cut off.
-  std::uint64_t TornBytes() const;
   std::uint64_t StoredItems() const;
   // Records that the sink had already.
   std::uint64_t RepeatedItems() const;
@@ -79,8 +77,8 @@ class ReportServer {
   // Threads: any, also during Stop.
   ServerLoad Load() const;
 
-  // RecordSink::Reopen, with its exceptions. Threads: any.
-  void ReopenSink();
+  // SinkSet::Reopen. Threads: any.
+  void ReopenSinks();
 
   // Accepts no more connections, waits up to two seconds for the requests in progress and returns once no
   // thread of the server runs. Not to be called on one of the server's threads. A second call does nothing.

@@ -3,7 +3,8 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include <ctime>
+#include <cstdlib>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
@@ -14,35 +15,32 @@ namespace {
 constexpr const char* setUp = R"(
   PRAGMA journal_mode = WAL;
   PRAGMA synchronous = FULL;
+)";
+// What leads from each version of the table to the next. The first is that of a database without a version.
+constexpr const char* steps[] = {
+    R"(
   CREATE TABLE IF NOT EXISTS records (
     id TEXT, record_time TEXT, received TEXT NOT NULL, url_path TEXT NOT NULL, key_name TEXT NOT NULL,
     json TEXT NOT NULL);
   CREATE UNIQUE INDEX IF NOT EXISTS records_by_id ON records (id);
-)";
+  PRAGMA user_version = 1;
+)",
+    R"(
+  ALTER TABLE records ADD COLUMN url TEXT NOT NULL DEFAULT '';
+  PRAGMA user_version = 2;
+)"};
+constexpr int newestVersion = std::size(steps);
 constexpr const char* insertText =
-    "INSERT INTO records (id, record_time, received, url_path, key_name, json) VALUES (?, ?, ?, ?, ?, ?) "
-    "ON CONFLICT (id) DO NOTHING";
+    "INSERT INTO records (id, record_time, received, url, url_path, key_name, json) "
+    "VALUES (?, ?, ?, ?, ?, ?, ?) ON CONFLICT (id) DO NOTHING";
 constexpr int busyMs = 2000;
-
-std::string TextOf(host::Clock::WallTimePoint moment) {
-  const std::time_t seconds = host::Clock::WallTimePoint::clock::to_time_t(moment);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  char text[32];
-  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc)};
-}
 
 }  // namespace
 
 void SqliteFile::CloseDatabase::operator()(sqlite3* database) const { sqlite3_close(database); }
 void SqliteFile::Finalize::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 
-SqliteFile::SqliteFile(const SinkOptions& options)
-    : path_(options.path), clock_(options.clock ? options.clock : std::make_shared<host::SystemClock>()) {
-  if (options.rotateBytes != 0 || options.rotateEvery.count() != 0)
-    throw std::runtime_error(path_ + ": a database isn't rotated; delete rows instead");
-  Open();
-}
+SqliteFile::SqliteFile(const SinkOptions& options) : path_(options.out) { Open(); }
 
 SqliteFile::~SqliteFile() = default;
 
@@ -65,10 +63,34 @@ void SqliteFile::Open() {
   sqlite3_extended_result_codes(handle, 1);
   sqlite3_busy_timeout(handle, busyMs);
   Run(handle, setUp);
+  Migrate(handle);
   sqlite3_stmt* insert = nullptr;
   if (sqlite3_prepare_v2(handle, insertText, -1, &insert, nullptr) != SQLITE_OK) Fail(handle);
   insert_.reset(insert);
   database_ = std::move(database);
+}
+
+// Several servers may do this at once: only the first finds anything to do.
+void SqliteFile::Migrate(sqlite3* database) const {
+  if (Version(database) == newestVersion) return;
+  Run(database, "BEGIN IMMEDIATE");
+  const int version = Version(database);
+  if (version < 0 || version > newestVersion) {
+    throw std::runtime_error(path_ + ": its table has version " + std::to_string(version) +
+                             ", but this program knows only those up to " + std::to_string(newestVersion));
+  }
+  for (int i = version; i < newestVersion; ++i) Run(database, steps[i]);
+  Run(database, "COMMIT");
+}
+
+int SqliteFile::Version(sqlite3* database) const {
+  int version = 0;
+  const auto take = [](void* target, int, char** values, char**) {
+    *static_cast<int*>(target) = std::atoi(values[0]);
+    return 0;
+  };
+  if (sqlite3_exec(database, "PRAGMA user_version", take, &version, nullptr) != SQLITE_OK) Fail(database);
+  return version;
 }
 
 void SqliteFile::ReopenFile() {
@@ -80,9 +102,9 @@ void SqliteFile::ReopenFile() {
 void SqliteFile::WriteGroup(std::vector<Member>& group) {
   try {
     if (!database_) Open();
-    const std::string received = TextOf(clock_->WallNow());
     Run(database_.get(), "BEGIN IMMEDIATE");
     for (Member& member : group) {
+      const std::string received = TextOfTime(member.packet->received);
       ReadRecords(member.packet->lines, [&](const SinkRecord& record) {
         ++(Insert(*member.packet, record, received) ? member.result.stored : member.result.repeated);
       });
@@ -99,17 +121,19 @@ void SqliteFile::WriteGroup(std::vector<Member>& group) {
 bool SqliteFile::Insert(const SinkPacket& packet, const SinkRecord& record, const std::string& received) {
   sqlite3_stmt* const insert = insert_.get();
   const auto bind = [&](int index, std::string_view text) {
-    const int code = sqlite3_bind_text64(insert, index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+    // An empty view may have no address, which would bind a null.
+    const char* const data = text.empty() ? "" : text.data();
+    const int code = sqlite3_bind_text64(insert, index, data, text.size(), SQLITE_STATIC, SQLITE_UTF8);
     if (code != SQLITE_OK) Fail(database_.get());
   };
   sqlite3_clear_bindings(insert);
   if (!record.id.empty()) bind(1, record.id);
   if (!record.time.empty()) bind(2, record.time);
   bind(3, received);
-  bind(4, packet.urlPath);
-  // Empty views may have no address, which would bind a null.
-  bind(5, packet.keyName.empty() ? std::string_view("") : packet.keyName);
-  bind(6, record.text);
+  bind(4, packet.url);
+  bind(5, packet.urlPath);
+  bind(6, packet.keyName);
+  bind(7, record.text);
   if (sqlite3_step(insert) != SQLITE_DONE) Fail(database_.get());
   sqlite3_reset(insert);
   return sqlite3_changes(database_.get()) != 0;

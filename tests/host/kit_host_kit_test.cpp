@@ -36,7 +36,7 @@ class Kit : public tests::ServingTest {
 TEST_F(Kit, AServerIsReachedByIPv6) {
   server::ReportServerOptions serverOptions;
   serverOptions.address = "::1";
-  serverOptions.outPath = Path("out");
+  serverOptions.sinks = {{Path("out")}};
   std::unique_ptr<server::ReportServer> server;
   try {
     server = std::make_unique<server::ReportServer>(serverOptions);

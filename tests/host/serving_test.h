@@ -22,7 +22,7 @@ class ServingTest : public testing::Test {
                                               server::SignatureVerifier verifier = {}) const {
     server::ReportServerOptions options;
     options.port = port;
-    options.outPath = Path(file);
+    options.sinks = {{Path(file)}};
     options.verifier = std::move(verifier);
     return std::make_unique<server::ReportServer>(std::move(options));
   }

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -9,7 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "server/record_sink.h"
+#include "server/open_sink.h"
+#include "server/sink_set.h"
 #include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
 #include "tests/host/manual_clock.h"
@@ -33,7 +35,7 @@ class ReportServerTest : public testing::Test {
   std::string Stored() const { return tests::ReadFile(Path()); }
   ReportServerOptions Options() const {
     ReportServerOptions options;
-    options.outPath = Path();
+    options.sinks = {{Path()}};
     return options;
   }
 
@@ -153,6 +155,61 @@ TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
   EXPECT_THAT(tests::Lines(Stored()), testing::UnorderedElementsAreArray(expected));
 }
 
+SinkPacket PacketOf(std::string_view lines) { return {"host/v1", "/v1", "key", {}, lines}; }
+
+// Runs statements on a database beside the sink. Returns the first column of the rows, comma-separated.
+std::string Sql(const std::string& path, const char* statements) {
+  sqlite3* database = nullptr;
+  std::string values;
+  const auto add = [](void* all, int, char** columns, char**) {
+    static_cast<std::string*>(all)->append(columns[0] ? columns[0] : "null").push_back(',');
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, statements, add, &values, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+  sqlite3_close(database);
+  return values;
+}
+
+TEST(Sinks, AnEarlierTableIsMigratedAndALaterOneRefused) {
+  const tests::TemporaryFolder folder;
+  const SinkOptions options{folder / "out.sqlite"};
+  Sql(options.out,
+      "CREATE TABLE records (id TEXT, record_time TEXT, received TEXT NOT NULL, url_path TEXT NOT NULL, "
+      "key_name TEXT NOT NULL, json TEXT NOT NULL); CREATE UNIQUE INDEX records_by_id ON records (id);"
+      "INSERT INTO records VALUES ('1', null, '', '', '', 'old')");
+  const auto result = OpenSink(options)->Store(PacketOf("{\"recordId\":\"1\"}\n{\"recordId\":\"2\"}\n"));
+  EXPECT_EQ(result.stored, 1U);
+  EXPECT_EQ(Sql(options.out, "SELECT url || key_name || received || json FROM records ORDER BY id"),
+            "old,host/v1key1970-01-01T00:00:00.000Z{\"recordId\":\"2\"},");
+  Sql(options.out, "PRAGMA user_version = 99");
+  EXPECT_THROW(OpenSink(options), std::runtime_error);
+  EXPECT_EQ(Sql(options.out, "PRAGMA user_version"), "99,");
+}
+
+// While one of two sinks is away, a packet is stored at most once more in the other, with or without ids.
+TEST(Sinks, APacketIsStoredOnceAllSinksHaveIt) {
+  const tests::TemporaryFolder folder;
+  const std::string lines = folder / "out", database = folder / "out.sqlite",
+                    text = "{\"recordId\":\"1\"}\n2\n";
+  std::vector<std::string> log;
+  SinkSet sinks(
+      {{lines}, {database}}, [&](const std::string& line) { log.push_back(line); }, "nothing is");
+  Sql(database, "CREATE TRIGGER t BEFORE INSERT ON records BEGIN SELECT RAISE(ABORT, 'is away'); END");
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_THROW(sinks.Store(PacketOf(text)), std::runtime_error);
+    EXPECT_TRUE(sinks.IsFailing());
+    EXPECT_EQ(tests::ReadFile(lines), text);
+  }
+  Sql(database, "DROP TRIGGER t");
+  EXPECT_EQ(sinks.Store(PacketOf(text)).stored, 2U);
+  EXPECT_FALSE(sinks.IsFailing());
+  EXPECT_EQ(tests::ReadFile(lines), text + "2\n");
+  EXPECT_EQ(Sql(database, "SELECT json FROM records"), "{\"recordId\":\"1\"},2,");
+  EXPECT_THAT(log, testing::ElementsAre(database + ": is away; nothing is until records can be stored again",
+                                        database + ": records are stored again"));
+}
+
 // Of each sink: what it stores, what it takes for repeated, and what it still knows after a restart.
 TEST(Sinks, RepeatedRecordsAreStoredOnce) {
   const struct {
@@ -161,16 +218,16 @@ TEST(Sinks, RepeatedRecordsAreStoredOnce) {
   } cases[] = {
       {"a", "{\"recordId\":\"1\"}\n{\"n\":1e999,\"recordId\":\"2\"}\n{\"recordId\":\"1\"}\n", {2, 1}, {0, 3}},
       {"b", "{\"recordId\":7}\n{\"x\":{\"recordId\":\"1\"}}\n\"recordId\"\n", {3, 0}, {3, 0}},
-      {"c", "{\"recordId\":\"\"}\n{\"recordId\":\"\"}\n", {2, 0}, {2, 0}},
+      {"c", "{\"recordId\":\"\"}\n{\"recordId\":\"a\\u0000\"}\n{\"recordId\":\"\\ud800\"}\n", {3, 0}, {3, 0}},
   };
   const tests::TemporaryFolder folder;
   for (const auto& each : cases) {
     for (const bool isDatabase : {false, true}) {
       const SinkOptions options{folder / (std::string(each.name) + (isDatabase ? ".sqlite" : ".ndjson"))};
       const auto expect = [&](RecordSink& sink, const StoreResult& expected) {
-        const StoreResult result = sink.Store({"/v1", "key", each.lines});
-        EXPECT_EQ(result.stored, expected.stored) << options.path;
-        EXPECT_EQ(result.repeated, expected.repeated) << options.path;
+        const StoreResult result = sink.Store(PacketOf(each.lines));
+        EXPECT_EQ(result.stored, expected.stored) << options.out;
+        EXPECT_EQ(result.repeated, expected.repeated) << options.out;
       };
       auto sink = OpenSink(options);
       expect(*sink, each.result);
@@ -193,7 +250,7 @@ TEST(Sinks, RotationTearsAndLosesNoLine) {
     for (int client = 0; client < 4; ++client) {
       for (int i = 0; i < 100; ++i) expected.push_back(std::to_string(1000 * client + i));
       threads.emplace_back([&sink, client] {
-        for (int i = 0; i < 100; ++i) sink->Store({"/", "", std::to_string(1000 * client + i) + "\n"});
+        for (int i = 0; i < 100; ++i) sink->Store(PacketOf(std::to_string(1000 * client + i) + "\n"));
       });
     }
     for (int i = 0; i < 5; ++i) {
@@ -203,9 +260,9 @@ TEST(Sinks, RotationTearsAndLosesNoLine) {
       clock->Advance(std::chrono::seconds(61));
     }
     for (std::thread& each : threads) each.join();
-    sink->Store({"/", "", "-1\n"});
+    sink->Store(PacketOf("-1\n"));
     clock->Advance(std::chrono::seconds(61));
-    sink->Store({"/", "", "-2\n"});
+    sink->Store(PacketOf("-2\n"));
     EXPECT_EQ(tests::ReadFile(path), "-2\n");
   }
   expected.insert(expected.end(), {"-1", "-2"});
@@ -231,9 +288,13 @@ TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
   };
   for (const auto& each : cases) {
     tests::WriteFile(Path(), each.before);
+    std::string log;
+    options.log = [&log](const std::string& line) { log += line; };
     ReportServer server(options);
     options.port = server.Port();
-    EXPECT_EQ(server.TornBytes(), each.before.size() - each.after.size());
+    const std::size_t torn = each.before.size() - each.after.size();
+    const std::string sentence = "removed an incomplete last line of " + std::to_string(torn) + " bytes";
+    EXPECT_EQ(log, torn == 0 ? "" : Path() + ": " + sentence);
     EXPECT_EQ(Stored(), each.after);
     EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
     EXPECT_EQ(Stored(), each.after + "{\"a\":1}\n{\"b\":2}\n");
@@ -246,7 +307,7 @@ TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
 TEST_F(ReportServerTest, FailedWriteIsAnswered503AndLeavesWholeLines) {
   for (const bool isDatabase : {false, true}) {
     ReportServerOptions options = Options();
-    if (isDatabase) options.outPath = folder_ / "out.sqlite";
+    if (isDatabase) options.sinks = {{folder_ / "out.sqlite"}};
     std::vector<std::string> log;
     options.threads = 1;
     options.log = [&log](const std::string& line) { log.push_back(line); };
@@ -267,7 +328,7 @@ TEST_F(ReportServerTest, FailedWriteIsAnswered503AndLeavesWholeLines) {
     EXPECT_EQ(refused.status, 503);
     EXPECT_EQ(again.status, 503);
     EXPECT_THAT(refused.text, HasSubstr("Retry-After: 1"));
-    EXPECT_THAT(refused.text, HasSubstr(options.outPath));
+    EXPECT_THAT(refused.text, HasSubstr(options.sinks[0].out));
     EXPECT_EQ(Stored(), before);
     EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
     EXPECT_EQ(server.StoredItems(), 4U);

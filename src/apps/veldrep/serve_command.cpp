@@ -4,9 +4,13 @@
 #include <charconv>
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/key_option.h"
+#include "server/open_sink.h"
 #include "server/report_server.h"
 
 namespace veld_report::app {
@@ -14,7 +18,7 @@ namespace {
 
 struct ServeOptions {
   std::string listen = "127.0.0.1:0";
-  std::string out;
+  std::vector<std::string> out;
   std::uint64_t rotateMiB = 0;
   unsigned rotateSeconds = 0;
   std::string key;
@@ -42,23 +46,28 @@ void ParseListen(const std::string& text, server::ReportServerOptions* options) 
   options->address = address;
 }
 
-void Reopen(server::ReportServer& server) {
-  try {
-    server.ReopenSink();
-  } catch (const std::exception& error) {
-    Complain(error.what());
+// Rotation is for files of lines; to ask for it with none is a mistake.
+std::vector<server::SinkOptions> ReadSinks(const ServeOptions& given) {
+  std::vector<server::SinkOptions> sinks;
+  bool hasLines = false;
+  for (const std::string& out : given.out) {
+    try {
+      hasLines = server::SinkKindOf(out) == server::SinkKind::lines || hasLines;
+    } catch (const std::invalid_argument& error) {
+      throw WrongCommandLine("--out " + server::DisplayName(out) + ": " + error.what());
+    }
+    sinks.push_back({out, given.rotateMiB << 20, std::chrono::seconds(given.rotateSeconds)});
   }
+  if (!hasLines && (given.rotateMiB != 0 || given.rotateSeconds != 0))
+    throw WrongCommandLine(
+        "--rotate-size and --rotate-every are for a file of lines; no --out of the command is one");
+  return sinks;
 }
 
 int Serve(const ServeOptions& given) {
   server::ReportServerOptions options;
   ParseListen(given.listen, &options);
-  options.outPath = given.out;
-  if (given.out.ends_with(".sqlite") && (given.rotateMiB != 0 || given.rotateSeconds != 0))
-    throw WrongCommandLine("--out " + given.out +
-                           ": a database isn't rotated; give no --rotate-size or --rotate-every");
-  options.rotateBytes = given.rotateMiB << 20;
-  options.rotateEvery = std::chrono::seconds(given.rotateSeconds);
+  options.sinks = ReadSinks(given);
   if (!given.key.empty()) options.verifier = VerifierFromFile(given.key);
   options.capturePath = given.capture;
   options.status = given.status;
@@ -78,14 +87,10 @@ int Serve(const ServeOptions& given) {
   signal(SIGPIPE, SIG_IGN);
 
   server::ReportServer server(std::move(options));
-  if (server.TornBytes() != 0) {
-    Complain(given.out + ": removed an incomplete last line of " + std::to_string(server.TornBytes()) +
-             " bytes");
-  }
   std::printf("listening on %s\n", server.Url().c_str());
   std::fflush(stdout);
   int received = SIGHUP;
-  while (sigwait(&ending, &received) == 0 && received == SIGHUP) Reopen(server);
+  while (sigwait(&ending, &received) == 0 && received == SIGHUP) server.ReopenSinks();
   server.Stop();
   std::printf("stopped: stored %llu, repeated %llu, %llu requests refused\n",
               static_cast<unsigned long long>(server.StoredItems()),
@@ -98,7 +103,7 @@ int Serve(const ServeOptions& given) {
 
 Command MakeServeCommand(CLI::App& program) {
   CLI::App* const command = program.add_subcommand(
-      "serve", "Receives report messages over HTTP, checks every layer and appends their items to a file.");
+      "serve", "Receives report messages over HTTP, checks every layer and stores their items.");
   const auto options = std::make_shared<ServeOptions>();
   command->add_option("--listen", options->listen, "address and port to listen on; port 0 picks a free one")
       ->type_name("ADDRESS:PORT")
@@ -106,8 +111,10 @@ Command MakeServeCommand(CLI::App& program) {
   command
       ->add_option("--out", options->out,
                    "FILE.sqlite is a database, any other name a file of one JSON item per line; both are "
-                   "synced before each answer")
+                   "synced before each answer. Given several times, each gets all items")
       ->type_name("FILE")
+      ->expected(1)
+      ->take_all()
       ->required();
   command
       ->add_option("--rotate-size", options->rotateMiB,
