@@ -41,7 +41,7 @@ function(veld_install_pkg_config name description libraries)
   configure_file(cmake/veld_report.pc.in ${package}/${name}.pc @ONLY)
   install(FILES ${package}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endfunction()
-set(hostPackages libcurl libssl libcrypto sqlite3 simdjson)
+set(hostPackages libcurl libssl libcrypto sqlite3 simdjson zlib libzstd)
 veld_install_pkg_config(veld_report "Records to report servers over HTTP, at least once"
   "-lveld_report_host -Wl,-rpath,\${libdir} -pthread -ldl" ${hostPackages})
 veld_install_pkg_config(veld_report_static "veld_report with its module in the program"
@@ -109,7 +109,7 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME veld-report-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "veld-report (= ${PROJECT_VERSION}), libcurl4-openssl-dev, libsimdjson-dev, libsqlite3-dev, libssl-dev")
+  "veld-report (= ${PROJECT_VERSION}), libcurl4-openssl-dev, libsimdjson-dev, libsqlite3-dev, libssl-dev, libzstd-dev, zlib1g-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
   "Headers, the host kit's library and the files with which CMake and pkg-config\n find them, with examples and documents.")
 include(CPack)

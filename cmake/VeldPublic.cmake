@@ -9,6 +9,8 @@ find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(simdjson REQUIRED)
+find_package(ZLIB REQUIRED)
+find_package(zstd REQUIRED)
 find_package(Threads REQUIRED)
 
 # The public headers as they are installed: all in veld_report/, so that no other name enters an include path.
@@ -73,7 +75,8 @@ function(veld_add_host target name)
   set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
   target_compile_features(${target} INTERFACE cxx_std_20)
   target_link_libraries(${target} INTERFACE
-    CURL::libcurl OpenSSL::SSL OpenSSL::Crypto SQLite::SQLite3 simdjson::simdjson Threads::Threads ${CMAKE_DL_LIBS})
+    CURL::libcurl OpenSSL::SSL OpenSSL::Crypto SQLite::SQLite3 ZLIB::ZLIB simdjson::simdjson
+    zstd::libzstd_shared Threads::Threads ${CMAKE_DL_LIBS})
 endfunction()
 
 veld_collect_static_libraries(${PROJECT_SOURCE_DIR}/src/host hostLibraries)

@@ -26,6 +26,10 @@ _veldrep() {
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
       ;;
+    --compress)
+      mapfile -t COMPREPLY < <(compgen -W "none gzip zstd" -- "$current")
+      return
+      ;;
     --listen | --url | --status | --body-limit | --body-memory | --connections | --request-time | --consumer | --packet-limit | --queue-limit | --send-timeout | \
       --to | --trace-level | --wait | -n)
       return

@@ -16,7 +16,8 @@ class CEndpoint(ctypes.Structure):
         ("consumer", c_char_p),
         ("certificates", POINTER(c_char_p)),
         ("certificate_count", c_size_t),
-        ("reserved", c_void_p * 2),
+        ("compress", c_char_p),
+        ("reserved", c_void_p * 1),
     ]
 
 

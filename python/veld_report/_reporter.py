@@ -98,7 +98,7 @@ def _endpoints(given: Iterable[AnyEndpoint]) -> Any:
         certificates = _texts("a certificate", each.certificates)
         result.append(
             _library.CEndpoint(_text("a url", each.url), _text("a consumer", each.consumer), certificates,
-                               len(certificates))
+                               len(certificates), _text("compress", each.compress))
         )
     return (_library.CEndpoint * len(result))(*result)
 
@@ -332,7 +332,8 @@ class Reporter:
         try:
             endpoints = tuple(
                 Endpoint(each.url.decode(), each.consumer.decode(),
-                         tuple(text.decode() for text in each.certificates[: each.certificate_count]))
+                         tuple(text.decode() for text in each.certificates[: each.certificate_count]),
+                         each.compress.decode())
                 for each in given.endpoints[: given.endpoint_count]
             )
         finally:

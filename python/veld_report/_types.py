@@ -43,6 +43,8 @@ class Endpoint:
     consumer: str = ""  # gets the records for this consumer, and those for all
     # CA certificates as PEM texts, or pins of the server's key as "sha256//BASE64". With any given, only they count.
     certificates: Sequence[str] = ()
+    # How requests are compressed: "none", "gzip" or "zstd". A server that answers 415 gets plain ones from then on.
+    compress: str = "none"
 
 
 AnyEndpoint = Union[Endpoint, Mapping[str, object], str]  # a mapping has the names of Endpoint; a text is a url

@@ -76,12 +76,15 @@ TEST(HttpClient, AResolverThatHangsHoldsNothingUp) {
 TEST(HttpClient, ABadBodyOrHeaderEndsTheRequestBeforeTheServer) {
   HttpKit kit;
   ScriptedServer server(ScriptedReply::Status(200));
-  const auto failing = host::MakeObject<TextBody>("text");
-  failing->readCode = zel::eInvalidState;
-  EXPECT_EQ(kit.client.Start(server.Url(), failing).Wait(), zel::eInvalidState);
-  const auto endingEarly = host::MakeObject<TextBody>("text");
-  endingEarly->sizeBeyondText = 5;
-  EXPECT_EQ(kit.client.Start(server.Url(), endingEarly).Wait(), zel::eUnexpected);
+  for (const host::BodyCoding coding : {host::BodyCoding::none, host::BodyCoding::gzip}) {
+    kit.factory->SetCodings({{server.Url(), coding}});
+    const auto failing = host::MakeObject<TextBody>("text");
+    failing->readCode = zel::eInvalidState;
+    EXPECT_EQ(kit.client.Start(server.Url(), failing).Wait(), zel::eInvalidState);
+    const auto endingEarly = host::MakeObject<TextBody>("text");
+    endingEarly->sizeBeyondText = 5;
+    EXPECT_EQ(kit.client.Start(server.Url(), endingEarly).Wait(), zel::eUnexpected);
+  }
   kit.client.contentType = "a\r\nEvil: b";
   EXPECT_EQ(kit.client.Start(server.Url()).Wait(), zel::eInvalidArgument);
   EXPECT_EQ(server.Requests().size(), 0u);

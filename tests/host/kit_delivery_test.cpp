@@ -12,6 +12,7 @@
 
 #include "host/kit/host_kit.h"
 #include "server/base64.h"
+#include "server/body_decoder.h"
 #include "tests/host/manual_clock.h"
 #include "tests/host/recording_sink.h"
 #include "tests/host/serving_test.h"
@@ -153,6 +154,52 @@ TEST_F(KitDelivery, ARefusedRecordStandsBackAndIsTriedAgain) {
   EXPECT_EQ(kit.Queues().TotalWaiting().items, 0);
   EXPECT_EQ(kit.Http().States().at(0).lastError, "");
   EXPECT_THAT(alone, testing::IsSupersetOf({0, 137, 138, 0, 137, 138}));
+}
+
+// Such a server costs one request, and no record is taken for a bad one.
+TEST_F(KitDelivery, AServerThatRefusesCompressionGetsPlainBodiesFromThenOn) {
+  const auto encoded = [](const tests::ScriptedRequest& request, const char* coding) {
+    return request.head.find(std::string("\r\nContent-Encoding: ") + coding) != std::string::npos;
+  };
+  tests::ScriptedServer plain(
+      [&](const auto& request) { return tests::ScriptedReply::Status(encoded(request, "") ? 415 : 200); });
+  tests::ScriptedServer any(tests::ScriptedReply::Status(200));
+  const auto real = Serve("real");
+  HostKitOptions options = Options({{plain.Url(), "", {}, "gzip"},
+                                    {any.Url(), "", {}, "gzip"},
+                                    {any.Url("/z"), "", {}, "zstd"},
+                                    {real->Url(), "", {}, "zstd"}});
+  options.settings.packetLimit = 10;
+  std::atomic<int> answers = 0;
+  options.onRequestFinished = [&](const FinishedRequest& request) {
+    answers += request.status == 200 ? 1 : 100;
+  };
+  HostKit kit(options);
+  Submit(kit, 100, 100);
+  Pass(kit, seconds(5));
+  EXPECT_EQ(answers, 40);
+  const auto requests = plain.Requests();
+  ASSERT_EQ(requests.size(), 11u);
+  EXPECT_TRUE(encoded(requests[0], "gzip"));
+  const auto decoded = [](const tests::ScriptedRequest& request, server::BodyCoding coding) {
+    return server::DecodeBody(coding, request.body, 1 << 20, [](std::size_t) { return true; }).text;
+  };
+  EXPECT_EQ(decoded(requests[0], server::BodyCoding::gzip), requests[1].body);
+  EXPECT_LT(requests[0].body.size(), requests[1].body.size() / 2);
+  for (const auto& request : any.Requests()) {
+    EXPECT_TRUE(encoded(request, request.head.find("/z") == std::string::npos ? "gzip" : "zstd"));
+  }
+  EXPECT_EQ(Stored("real").size(), 100u);
+  for (const auto& state : kit.Http().States()) EXPECT_EQ(state.lastError, "");
+
+  // What doesn't get smaller, and what was refused before, goes plain; other settings don't change that.
+  options.settings.endpoints = {{plain.Url(), "", {}, "zstd"}, {any.Url(), "", {}, "gzip"}};
+  kit.SetSettings(options.settings);
+  kit.SubmitJson("", "{}");
+  Pass(kit, seconds(5));
+  EXPECT_FALSE(encoded(any.Requests().back(), ""));
+  EXPECT_EQ(plain.Requests().size(), 12u);
+  EXPECT_EQ(plain.Requests().back().body, any.Requests().back().body);
 }
 
 TEST_F(KitDelivery, APacketIsLimitedInBytesAndTheRestFollowsAtOnce) {

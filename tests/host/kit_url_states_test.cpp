@@ -19,6 +19,7 @@ class FailingUrls final : public HostObject<HttpClientFactory> {
   zel::ResultCode CreateClient(network_services::IHttpClient**) override { return zel::eNotImplemented; }
   void AnnounceUrls(std::vector<std::string>) override {}
   void AllowRequests(bool) override {}
+  void SetCodings(CodingTable) override {}
   std::vector<HttpClientState> States() const override { return {}; }
   std::optional<HttpClientState> StateOf(const std::string& url) const override {
     return HttpClientState{.url = url, .lastError = "no luck", .lastStatus = 500, .failures = failures};

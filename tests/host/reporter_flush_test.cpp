@@ -205,6 +205,7 @@ TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
       {{"https://h", "veld_report.trigger"}, "this consumer name is reserved"},
       {{"https://h", "", {"no certificate"}}, "endpoint 1"},
       {{"http://127.0.0.1", "", {"sha256//"}}, "without TLS nothing checks them; use https"},
+      {{"https://h", "", {}, "br"}, "compress is \"br\"; it must be none, gzip or zstd"},
   };
   const auto expectRefused = [&](const Change& change, const char* sentence) {
     ReporterOptions options = Options({{"http://127.0.0.1:1"}});

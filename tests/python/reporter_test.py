@@ -48,7 +48,7 @@ class ReporterTest(unittest.TestCase):
         self.assertEqual(self.lines(), ['{"version":"4.2.0","startupMs":312,"firstRun":true}'])
 
     def test_records_arrive_or_are_refused_with_a_reason(self):
-        with Reporter(self.store, [Endpoint(self.url, "product")]) as reporter:
+        with Reporter(self.store, [Endpoint(self.url, "product", compress="gzip")]) as reporter:
             for record in ('{"a": 1}', {"b": [None, "grüß\0"]}, Started("4.2", [1.5])):
                 reporter.send(record, consumer="product")
             for record, part in (("{", "JSON"), ("\ud800", "UTF-8"), ({"a": float("nan")}, "float"),
@@ -68,7 +68,7 @@ class ReporterTest(unittest.TestCase):
 
     def test_settings_consent_and_statistics(self):
         requests, losses = [], []
-        endpoints = (Endpoint(self.url), Endpoint(NOBODY, "other", (PIN,)))
+        endpoints = (Endpoint(self.url), Endpoint(NOBODY, "other", (PIN,), "zstd"))
         reporter = Reporter(self.store, [self.url], sending_allowed=False, packet_limit=0, listener=requests.append,
                             loss_listener=losses.append, headers=["X-Product: test"], user_agent="test", proxy="", sync_every_commit=True)
         settings = reporter.current_settings()

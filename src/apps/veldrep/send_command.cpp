@@ -61,6 +61,13 @@ void AddTargets(CLI::App* command, SendOptions* options) {
                    "consumer name of the --url in the same position; may be repeated")
       ->type_name("NAME")
       ->allow_extra_args(false);
+  command
+      ->add_option(
+          "--compress", options->compress,
+          "how messages are compressed: none, gzip or zstd; a server that answers 415 gets plain ones")
+      ->type_name("CODING")
+      ->check(CLI::IsMember({"none", "gzip", "zstd"}))
+      ->capture_default_str();
   command->add_option("--to", options->to, "consumer that the records are for; every url if not given")
       ->type_name("NAME");
 }

@@ -17,6 +17,7 @@ struct SendOptions {
   bool allowHttp = false;
   bool stamp = false;
   std::vector<std::string> certificates;  // of the urls of https://: files in PEM form, or pins
+  std::string compress = "none";          // of the messages to all urls: none, gzip or zstd
   std::string signKey;
   std::string to;  // the consumer of the records; empty: all
   std::string trace;

@@ -33,6 +33,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   const std::vector<std::string> certificates = Certificates(options);
   for (std::size_t i = 0; i < options.urls.size(); ++i) {
     host::KitEndpoint endpoint{options.urls[i], options.consumers.empty() ? "" : options.consumers[i]};
+    endpoint.compress = options.compress;
     if (options.urls[i].starts_with("https://")) endpoint.certificates = certificates;
     kit.settings.endpoints.push_back(std::move(endpoint));
   }

@@ -109,6 +109,7 @@ class Factory final : public HostObject<HttpClientFactory> {
   }
   void AnnounceUrls(std::vector<std::string> urls) override { shared_->Announce(std::move(urls)); }
   void AllowRequests(bool allowed) override { shared_->gate.Allow(allowed); }
+  void SetCodings(CodingTable codings) override { shared_->codings.Set(std::move(codings)); }
   std::vector<HttpClientState> States() const override { return shared_->backoff.States(); }
   std::optional<HttpClientState> StateOf(const std::string& url) const override {
     return shared_->backoff.StateOf(url);

@@ -16,6 +16,7 @@
 #include "contract/http.h"
 #include "contract/tracer.h"
 #include "host/base/clock.h"
+#include "host/http/url_codings.h"
 #include "types/ref.h"
 #include "veld_report/queue_ledger.h"
 
@@ -132,6 +133,11 @@ class HttpClientFactory : public network_services::IHttpClientFactory {
   virtual void AllowRequests(bool allowed) = 0;
   // One row for each url that has had a request, sorted.
   virtual std::vector<HttpClientState> States() const = 0;
+  // How the bodies for each url, as it is in the settings, are compressed, from the next request on. One that
+  // doesn't get smaller, or has over 16 MiB, is sent plain. If the server answers 415 to a compressed body,
+  // the same request is sent once more with a plain one, before it ends, and so are all others to this url
+  // while the factory lives.
+  virtual void SetCodings(CodingTable codings) = 0;
   // Of one url, as it is in the settings; nothing if it had no request.
   virtual std::optional<HttpClientState> StateOf(const std::string& url) const = 0;
   // How long requests to this url, as it is in the settings, are still held back; 0: they aren't.

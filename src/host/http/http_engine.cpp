@@ -143,9 +143,13 @@ void HttpEngine::Start(const zel::Ref<HttpRequest>& request) {
     End(*request, LocalFailure(zel::eNotReady));
     return;
   }
+  StartAllowed(request, *startedAt);
+}
+
+void HttpEngine::StartAllowed(const zel::Ref<HttpRequest>& request, Clock::TimePoint startedAt) {
   HttpOutcome failure = LocalFailure(zel::eOutOfMemory, "out of memory");
   try {
-    StartTransfer(request, *startedAt);
+    StartTransfer(request, startedAt);
     return;
   } catch (const HttpTransferRefused& refused) {
     failure = LocalFailure(refused.code, refused.error);
@@ -154,7 +158,7 @@ void HttpEngine::Start(const zel::Ref<HttpRequest>& request) {
   } catch (...) {
     failure = LocalFailure(zel::eUnspecifiedError, "the request can't be built");
   }
-  Note(*request, *startedAt, failure);
+  Note(*request, startedAt, failure);
   End(*request, failure);
 }
 
@@ -164,7 +168,10 @@ void HttpEngine::StartTransfer(const zel::Ref<HttpRequest>& request, Clock::Time
     const std::lock_guard lock(mutex_);
     certificates = certificates_;
   }
-  auto transfer = std::make_unique<HttpTransfer>(request, *shared_, std::move(certificates), startedAt);
+  const HttpRequest::Content& content = request->GetContent();
+  EncodedBody body = encoder_.Encode(shared_->codings.Of(content.urlText), *content.body);
+  auto transfer =
+      std::make_unique<HttpTransfer>(request, std::move(body), *shared_, std::move(certificates), startedAt);
   CURL* const handle = transfer->Handle();
   const auto place = transfers_.emplace(handle, std::move(transfer)).first;
   const CURLMcode added = curl_multi_add_handle(multi_, handle);
@@ -193,8 +200,33 @@ void HttpEngine::EndDone() {
   while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
     if (message->msg != CURLMSG_DONE) continue;
     const auto transfer = transfers_.find(message->easy_handle);
-    EndTransfer(transfer, OutcomeOf(*transfer->second, message->data.result));
+    const HttpOutcome outcome = OutcomeOf(*transfer->second, message->data.result);
+    constexpr std::uint16_t unsupportedMediaType = 415;
+    if (outcome.status == unsupportedMediaType && StartAsPlain(transfer)) continue;
+    EndTransfer(transfer, outcome);
   }
+}
+
+// If the body was compressed, the server may mean that. The request goes on as if nothing had been sent.
+// False if it wasn't, or if memory runs out; then nothing has changed.
+bool HttpEngine::StartAsPlain(Transfers::iterator refused) noexcept {
+  const std::unique_ptr<HttpTransfer>& transfer = refused->second;
+  if (transfer->Coding() == BodyCoding::none) return false;
+  const zel::Ref<HttpRequest> request(&transfer->Request());
+  const std::string& url = request->GetContent().urlText;
+  try {
+    shared_->codings.Refuse(url);
+    WriteTrace(shared_->options.tracer.Get(), failureLevel,
+               "veld_host\tHttp: " + WithoutCredentials(url) + " doesn't take bodies in " +
+                   NameOf(transfer->Coding()) + "; it gets plain ones from now on");
+  } catch (...) {
+    return false;
+  }
+  const Clock::TimePoint startedAt = transfer->StartedAt();
+  curl_multi_remove_handle(multi_, transfer->Handle());
+  transfers_.erase(refused);
+  StartAllowed(request, startedAt);
+  return true;
 }
 
 void HttpEngine::EndStalled() {

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/http/body_encoder.h"
 #include "host/http/certificates.h"
 #include "host/http/http_request.h"
 #include "host/http/http_shared.h"
@@ -44,10 +45,12 @@ class HttpEngine {
   // Returns false once stopped. Moves the accepted requests out in either case.
   bool TakeIncoming(std::vector<zel::Ref<HttpRequest>>* incoming);
   void Start(const zel::Ref<HttpRequest>& request);
+  void StartAllowed(const zel::Ref<HttpRequest>& request, Clock::TimePoint startedAt);
   void Perform(CURLM* multi);
   void StartTransfer(const zel::Ref<HttpRequest>& request, Clock::TimePoint startedAt);
   void EndCancelled();
   void EndDone();
+  bool StartAsPlain(Transfers::iterator refused) noexcept;
   void EndStalled();
   int PollMs() const;
   void EndAll(const HttpOutcome& outcome);
@@ -64,7 +67,9 @@ class HttpEngine {
   std::vector<zel::Ref<HttpRequest>> incoming_;
   std::shared_ptr<const CertificateTable> certificates_;
 
-  Transfers transfers_;  // only used by the loop
+  // Only used by the loop.
+  Transfers transfers_;
+  BodyEncoder encoder_;
 };
 
 }  // namespace veld_report::host

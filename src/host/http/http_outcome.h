@@ -23,6 +23,12 @@ struct HttpOutcome {
   std::optional<std::string> retryAfter{};  // the header's value
 };
 
+// Thrown while a request is set up: it can't be sent.
+struct HttpTransferRefused {
+  zel::ResultCode code;
+  std::string error;
+};
+
 // A sentence without credentials that says how the request failed; empty after an answer of 200.
 std::string FailureText(const HttpOutcome& outcome);
 

@@ -11,6 +11,7 @@
 #include "host/http/http_client.h"
 #include "host/http/proxy.h"
 #include "host/http/request_gate.h"
+#include "host/http/url_codings.h"
 
 namespace veld_report::host {
 
@@ -37,6 +38,7 @@ class HttpShared {
   const ProxySettings proxy;
   Backoff backoff;
   RequestGate gate;
+  UrlCodings codings;
 
  private:
   std::mutex mutex_;  // guards the member below

@@ -7,12 +7,12 @@
 #include "host/base/redact.h"
 #include "host/http/curl_codes.h"
 #include "host/http/own_headers.h"
+#include "host/http/request_body.h"
 #include "host/platform/sockets.h"
 
 namespace veld_report::host {
 namespace {
 
-constexpr char unreadableBody[] = "the body of the request can't be read";
 // libcurl sends a body below this size together with the head, if it has the whole of it. Otherwise the head
 // is a packet of its own, for which the server wakes up once more.
 constexpr std::uint64_t maxWholeBody = 64 << 10;
@@ -42,12 +42,14 @@ const char* OrNull(const std::string& text) { return text.empty() ? nullptr : te
 
 }  // namespace
 
-HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
+HttpTransfer::HttpTransfer(zel::Ref<HttpRequest> request, EncodedBody body, const HttpShared& shared,
                            std::shared_ptr<const CertificateTable> certificates, Clock::TimePoint startedAt)
     : request_(std::move(request)),
       shared_(shared),
       certificates_(std::move(certificates)),
       startedAt_(startedAt),
+      coding_(body.coding),
+      wholeBody_(std::move(body.bytes)),
       nextLook_(std::chrono::steady_clock::now() + std::chrono::milliseconds(shared.options.stallTimeoutMs)),
       easy_(curl_easy_init()) {
   if (!easy_) throw std::bad_alloc();
@@ -99,19 +101,19 @@ void HttpTransfer::SetHeaders() {
     if (!IsHeaderLine(line)) throw HttpTransferRefused{zel::eInvalidArgument, "a header isn't valid"};
     Append(&headers_, line);
   }
+  if (coding_ != BodyCoding::none) Append(&headers_, std::string("Content-Encoding: ") + NameOf(coding_));
   for (const std::string& line : shared_.options.headers) Append(&headers_, line);
   if (!shared_.options.userAgent.empty()) Set(CURLOPT_USERAGENT, shared_.options.userAgent.c_str());
   Set(CURLOPT_HTTPHEADER, headers_.get());
 }
 
 void HttpTransfer::SetBody() {
-  const zel::ResultCode code = request_->GetContent().body->GetSize(&bodySize_);
-  if (zel::Failed(code))
-    throw HttpTransferRefused{code, "the size of the request's body can't be determined"};
+  zel::IIO& body = *request_->GetContent().body;
+  bodySize_ = coding_ == BodyCoding::none ? BodySize(body) : wholeBody_.size();
   Set(CURLOPT_POST, 1L);
   Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodySize_));
-  if (bodySize_ < maxWholeBody) {
-    ReadWholeBody();
+  if (coding_ == BodyCoding::none && bodySize_ < maxWholeBody) wholeBody_ = host::ReadBody(body, bodySize_);
+  if (coding_ != BodyCoding::none || bodySize_ < maxWholeBody) {
     Set(CURLOPT_POSTFIELDS, wholeBody_.c_str());
   } else {
     Set(CURLOPT_READFUNCTION, &HttpTransfer::ReadBody);
@@ -124,20 +126,6 @@ void HttpTransfer::SetBody() {
   Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   Set(CURLOPT_WRITEFUNCTION, &HttpTransfer::TakeAnswer);
   Set(CURLOPT_WRITEDATA, static_cast<void*>(this));
-}
-
-void HttpTransfer::ReadWholeBody() {
-  wholeBody_.resize(bodySize_);
-  for (std::size_t position = 0; position < wholeBody_.size();) {
-    std::uint32_t bytesRead = 0;
-    zel::ResultCode code = Guarded([&] {
-      return request_->GetContent().body->Read(
-          wholeBody_.data() + position, static_cast<std::uint32_t>(wholeBody_.size() - position), &bytesRead);
-    });
-    if (!zel::Failed(code) && bytesRead == 0) code = zel::eUnexpected;
-    if (zel::Failed(code)) throw HttpTransferRefused{code, unreadableBody};
-    position += bytesRead;
-  }
 }
 
 void HttpTransfer::SetLimits() {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "host/http/body_encoder.h"
 #include "host/http/certificates.h"
 #include "host/http/http_outcome.h"
 #include "host/http/http_request.h"
@@ -15,18 +16,12 @@
 
 namespace veld_report::host {
 
-// Thrown while a transfer is set up: it can't be sent.
-struct HttpTransferRefused {
-  zel::ResultCode code;
-  std::string error;
-};
-
 // For the engine's thread. The engine adds the handle to its multi handle and removes it before the transfer
 // ends.
 class HttpTransfer {
  public:
   // `certificates` may be null: those of the options or the system are trusted. Throws HttpTransferRefused.
-  HttpTransfer(zel::Ref<HttpRequest> request, const HttpShared& shared,
+  HttpTransfer(zel::Ref<HttpRequest> request, EncodedBody body, const HttpShared& shared,
                std::shared_ptr<const CertificateTable> certificates, Clock::TimePoint startedAt);
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
@@ -34,6 +29,8 @@ class HttpTransfer {
   CURL* Handle() const { return easy_.get(); }
   HttpRequest& Request() const { return *request_; }
   Clock::TimePoint StartedAt() const { return startedAt_; }
+  // Of the body as it is sent.
+  BodyCoding Coding() const { return coding_; }
   HttpOutcome Outcome(CURLcode result) const;
   // To be asked at NextLook, and then again at the next one. True if the limit of progress isn't met.
   bool HasStalled(std::chrono::steady_clock::time_point now);
@@ -45,7 +42,6 @@ class HttpTransfer {
   void SetUrl();
   void SetHeaders();
   void SetBody();
-  void ReadWholeBody();
   void SetLimits();
   void SetProxy();
   void SetTls();
@@ -71,12 +67,13 @@ class HttpTransfer {
   const HttpShared& shared_;
   const std::shared_ptr<const CertificateTable> certificates_;
   const Clock::TimePoint startedAt_;
+  const BodyCoding coding_;
   std::string scheme_;
   bool headersComplete_ = false;
   std::uint64_t answerBytes_ = 0;
   std::string answerBegin_;
   std::uint64_t bodySize_ = 0;
-  std::string wholeBody_;  // of a small one
+  std::string wholeBody_;  // of a small one, or one that is compressed
   std::uint64_t bodyPosition_ = 0;
   zel::ResultCode bodyFailure_ = zel::sOk;
   std::uint64_t moved_ = 0;  // bytes sent and received at the last look

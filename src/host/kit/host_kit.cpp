@@ -145,6 +145,7 @@ void HostKit::MakeSenders(const KitSettings& settings) {
   http_->AnnounceUrls(settings_->Urls());
   delivery_ = std::make_unique<ModuleSender>(*module_, *locator_, settings_->Record());
   intake_ = std::make_unique<ModuleSender>(*module_, *intakeLocator_, settings_->Record());
+  http_->SetCodings(settings_->Codings());
   gate_->SetSettings(settings);
   urlStates_->SetUrls(settings_->Urls());
   SetRecordLimit(settings);
@@ -235,6 +236,7 @@ void HostKit::SetSettings(const KitSettings& settings) {
     throw;
   }
   if (settings.signingKeyFile) signer_->SetKey(std::move(signing));
+  http_->SetCodings(built->Codings());
   gate_->SetSettings(settings);
   urlStates_->SetUrls(built->Urls());
   SetRecordLimit(settings);

@@ -24,6 +24,7 @@ struct KitEndpoint {
   std::string consumer{};  // gets the submissions to this name, and those without a name
   // As described in host/http/http_client.h: CA certificates in PEM form or "sha256//..." pins.
   std::vector<std::string> certificates{};
+  std::string compress{};  // the bodies: "none", "gzip" or "zstd"; empty: none
 };
 
 struct KitSettings {

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "host/base/printable.h"
 #include "host/base/redact.h"
 #include "host/base/text.h"
 #include "host/http/certificates.h"
@@ -80,6 +81,7 @@ void BuiltSettings::AddEndpoint(const KitEndpoint& endpoint, std::uint64_t index
   if (endpoint.consumer == triggerConsumer)
     Refuse(index, endpoint, "this consumer name is reserved for the kit");
   CheckCertificates(endpoint, index);
+  AddCoding(endpoint, index);
   orvel::veld_report::UrlEntry& entry = record_.urls[index];
   try {
     entry.url = ToWide(endpoint.url);
@@ -94,6 +96,20 @@ void BuiltSettings::AddEndpoint(const KitEndpoint& endpoint, std::uint64_t index
   entry.certificates.end = reinterpret_cast<const OpaqueCertificate*>(texts.end);
   certificates_.push_back(std::move(texts));  // moving a vector doesn't move its elements
   urls_.push_back(endpoint.url);
+}
+
+void BuiltSettings::AddCoding(const KitEndpoint& endpoint, std::uint64_t index) {
+  const std::optional<BodyCoding> coding = ReadBodyCoding(endpoint.compress);
+  if (!coding) {
+    Refuse(index, endpoint,
+           "compress is " + Printable(endpoint.compress) + "; it must be none, gzip or zstd");
+  }
+  const auto [row, added] = codings_.try_emplace(endpoint.url, *coding);
+  if (!added && row->second != *coding) {
+    Refuse(index, endpoint,
+           std::string("another endpoint with this url has compress = ") + NameOf(row->second) +
+               "; they share a queue, so they must have the same");
+  }
 }
 
 }  // namespace veld_report::host

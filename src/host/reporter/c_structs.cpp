@@ -19,7 +19,7 @@ std::vector<Endpoint> EndpointsOf(const veld_report_endpoint* given, std::size_t
   std::vector<Endpoint> result;
   for (std::size_t i = 0; i < count; ++i) {
     result.push_back({TextOf(given[i].url), TextOf(given[i].consumer),
-                      TextsOf(given[i].certificates, given[i].certificate_count)});
+                      TextsOf(given[i].certificates, given[i].certificate_count), TextOf(given[i].compress)});
   }
   return result;
 }
@@ -33,7 +33,7 @@ std::vector<Endpoint> FirstEndpointsOf(const void* given, std::size_t count) {
   std::vector<Endpoint> result;
   for (std::size_t i = 0; i < count; ++i) {
     const FirstEndpoint& each = static_cast<const FirstEndpoint*>(given)[i];
-    result.push_back({TextOf(each.url), TextOf(each.consumer), {}});
+    result.push_back({.url = TextOf(each.url), .consumer = TextOf(each.consumer)});
   }
   return result;
 }
@@ -155,8 +155,12 @@ veld_report_settings CSettingsOf(Settings given) {
   for (const Endpoint& endpoint : settings.endpoints) {
     auto& certificates = memory->certificates.emplace_back();
     for (const std::string& each : endpoint.certificates) certificates.push_back(each.c_str());
-    memory->endpoints.push_back(
-        {endpoint.url.c_str(), endpoint.consumer.c_str(), certificates.data(), certificates.size(), {}});
+    memory->endpoints.push_back({endpoint.url.c_str(),
+                                 endpoint.consumer.c_str(),
+                                 certificates.data(),
+                                 certificates.size(),
+                                 endpoint.compress.c_str(),
+                                 {}});
   }
   veld_report_settings result{};
   result.struct_size = sizeof result;

@@ -23,7 +23,7 @@ Settings SettingsOf(const ReporterOptions& options) {
 host::KitSettings KitSettingsOf(const Settings& settings) {
   host::KitSettings result;
   for (const Endpoint& endpoint : settings.endpoints) {
-    result.endpoints.push_back({endpoint.url, endpoint.consumer, endpoint.certificates});
+    result.endpoints.push_back({endpoint.url, endpoint.consumer, endpoint.certificates, endpoint.compress});
   }
   result.packetLimit = settings.packetLimit;
   result.queueLimitKb = settings.queueLimitKb;

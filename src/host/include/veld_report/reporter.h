@@ -59,6 +59,9 @@ struct Endpoint {
   // CA certificates as PEM texts, or pins of the server's key as "sha256//BASE64". With any given, only they
   // count for this url. With pins alone a self-signed certificate will do; with both, both must hold.
   PlainVector<std::string> certificates{};
+  // How requests are compressed: "none", "gzip" or "zstd". A server that answers 415 gets plain ones until
+  // the reporter is closed. Not for a server that doesn't know the coding and answers something else.
+  std::string compress = "none";
 };
 
 // A member that is added to every record: a name, and a text in UTF-8 that becomes a JSON string.

@@ -44,7 +44,8 @@ typedef struct veld_report_endpoint {
    * count for this url. */
   const char* const* certificates;
   size_t certificate_count;
-  const void* reserved[2]; /* NULL */
+  const char* compress; /* "gzip" or "zstd"; NULL, "" or "none": requests aren't compressed. See reporter.h */
+  const void* reserved[1]; /* NULL */
 } veld_report_endpoint;
 
 /* What can be changed at run time. Fill it with zeros and set struct_size, or let veld_report_get_settings
