@@ -13,7 +13,8 @@ constexpr char usage[] =
     "modes:\n"
     "  end-to-end  records from submission to status 200 and out of the store\n"
     "  reporter    the same through the reporter, which holds `pending` records in memory (100000 unless "
-    "given)\n"
+    "given);\n"
+    "              with `compress` (none, gzip or zstd) its records are stamped and differ\n"
     "  push        from submission to the store, with `fill` items waiting there\n"
     "  drain       `fill` items from the store to status 200, `rounds` times\n"
     "  evict       push, into an empty queue and into a full one of 2048 KB\n"
@@ -27,7 +28,7 @@ constexpr char usage[] =
     "              slow-syncs (500 ms each), hanging-server or settings (a change every millisecond)\n"
     "  fill        nothing but `fill` items into `store`\n"
     "names: records size urls active packet pending fill rounds seconds queue-limit-kb port timeout-s store\n"
-    "       rate beside\n"
+    "       rate beside compress\n"
     "The result is one JSON object on standard output.";
 
 [[noreturn]] void Refuse(const std::string& what) { throw std::invalid_argument(what + "\n" + usage); }
@@ -52,8 +53,10 @@ RunOptions ParseOptions(int argc, char** argv) {
       {"--port", &options.port},       {"--timeout-s", &options.timeoutS},
       {"--rate", &options.rate},
   };
-  const std::map<std::string, std::string*> texts = {
-      {"--mode", &options.mode}, {"--store", &options.store}, {"--beside", &options.beside}};
+  const std::map<std::string, std::string*> texts = {{"--mode", &options.mode},
+                                                     {"--store", &options.store},
+                                                     {"--beside", &options.beside},
+                                                     {"--compress", &options.compress}};
   for (int i = 1; i < argc; ++i) {
     const std::string name = argv[i];
     const auto number = numbers.find(name);

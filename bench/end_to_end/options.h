@@ -23,6 +23,9 @@ struct RunOptions {
   std::uint64_t timeoutS = 600;  // after this the run has failed
   std::string beside{};          // in mode tail: what else happens
   std::string store{};           // kept; empty: a temporary folder
+  // In mode reporter: none, gzip or zstd. If it is given, the records are stamped and differ from each other,
+  // as those of an application do.
+  std::string compress{};
 };
 
 // Throws std::invalid_argument with the usage text.

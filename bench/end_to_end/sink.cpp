@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -32,11 +34,12 @@ class Connection {
   int Socket() const { return socket_; }
 
   // Processes what has arrived. False once the connection has ended.
-  bool Serve() {
+  bool Serve(std::atomic<std::uint64_t>& receivedBytes) {
     if (used_ + chunk > buffer_.size()) buffer_.resize(used_ + chunk);
     const ssize_t got = ::recv(socket_, buffer_.data() + used_, chunk, 0);
     if (got <= 0) return false;
     used_ += static_cast<std::size_t>(got);
+    receivedBytes += static_cast<std::size_t>(got);
     for (;;) {
       if (bodyBegin_ == 0 && !FindBody()) return true;
       if (used_ < bodyBegin_ + bodySize_) return true;
@@ -77,14 +80,14 @@ class Connection {
   std::size_t bodySize_ = 0;
 };
 
-[[noreturn]] void ServeForEver(int listener) {
+[[noreturn]] void ServeForEver(int listener, std::atomic<std::uint64_t>& receivedBytes) {
   std::vector<Connection> connections;
   for (;;) {
     std::vector<pollfd> sockets{{listener, POLLIN, 0}};
     for (const Connection& connection : connections) sockets.push_back({connection.Socket(), POLLIN, 0});
     if (::poll(sockets.data(), sockets.size(), -1) < 0) continue;
     for (std::size_t i = sockets.size() - 1; i > 0; --i) {
-      if (sockets[i].revents == 0 || connections[i - 1].Serve()) continue;
+      if (sockets[i].revents == 0 || connections[i - 1].Serve(receivedBytes)) continue;
       ::close(sockets[i].fd);
       std::swap(connections[i - 1], connections.back());
       connections.pop_back();
@@ -115,10 +118,15 @@ Sink::Sink(std::uint16_t port) {
   Checked(::getsockname(listener, generic, &size), "sink: getsockname");
   port_ = ntohs(address.sin_port);
 
+  void* const shared =
+      ::mmap(nullptr, sizeof(*receivedBytes_), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "sink: mmap");
+  receivedBytes_ = new (shared) std::atomic<std::uint64_t>(0);
+
   process_ = Checked(::fork(), "sink: fork");
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ServeForEver(listener);
+    ServeForEver(listener, *receivedBytes_);
   }
   ::close(listener);
 }
@@ -126,6 +134,7 @@ Sink::Sink(std::uint16_t port) {
 Sink::~Sink() {
   ::kill(process_, SIGKILL);
   ::waitpid(process_, nullptr, 0);
+  ::munmap(receivedBytes_, sizeof(*receivedBytes_));
 }
 
 }  // namespace veld_report::bench

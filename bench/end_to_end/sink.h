@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -22,11 +23,14 @@ class Sink {
   Sink& operator=(const Sink&) = delete;
   ~Sink();
 
+  // Of requests, heads included.
+  std::uint64_t ReceivedBytes() const { return *receivedBytes_; }
   std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
  private:
   std::uint16_t port_ = 0;
   pid_t process_ = -1;
+  std::atomic<std::uint64_t>* receivedBytes_;  // shared with the process
 };
 
 }  // namespace veld_report::bench
