@@ -1,0 +1,37 @@
+#include "host/platform/windows/wide.h"
+
+namespace veld_report::host {
+
+std::wstring Wide(std::string_view text) {
+  const int bytes = static_cast<int>(text.size());
+  std::wstring wide(text.size(), L'\0');  // never longer than in UTF-8
+  if (bytes > 0) {
+    const int length = MultiByteToWideChar(CP_UTF8, 0, text.data(), bytes, wide.data(), bytes);
+    wide.resize(static_cast<std::size_t>(length));
+  }
+  return wide;
+}
+
+std::string Utf8(std::wstring_view text) {
+  constexpr int maxBytesPerUnit = 3;
+  const int units = static_cast<int>(text.size());
+  std::string narrow(text.size() * maxBytesPerUnit, '\0');
+  if (units > 0) {
+    const int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), units, narrow.data(),
+                                           static_cast<int>(narrow.size()), nullptr, nullptr);
+    narrow.resize(static_cast<std::size_t>(length));
+  }
+  return narrow;
+}
+
+std::wstring LongPath(const std::filesystem::path& path) {
+  std::error_code error;
+  std::wstring text = std::filesystem::absolute(path, error).make_preferred().wstring();
+  if (error) return path.wstring();
+  // Devices ("\\.\NUL") and what has the prefix already.
+  if (text.starts_with(LR"(\\?\)") || text.starts_with(LR"(\\.\)")) return text;
+  if (text.starts_with(LR"(\\)")) return LR"(\\?\UNC\)" + text.substr(2);
+  return LR"(\\?\)" + text;
+}
+
+}  // namespace veld_report::host
