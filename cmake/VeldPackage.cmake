@@ -41,7 +41,7 @@ function(veld_install_pkg_config name description libraries)
   configure_file(cmake/veld_report.pc.in ${package}/${name}.pc @ONLY)
   install(FILES ${package}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endfunction()
-set(hostPackages libcurl libssl libcrypto sqlite3 simdjson zlib libzstd)
+set(hostPackages libcurl libcrypto sqlite3 simdjson zlib libzstd)
 veld_install_pkg_config(veld_report "Records to report servers over HTTP, at least once"
   "-lveld_report_host -Wl,-rpath,\${libdir} -pthread -ldl" ${hostPackages})
 veld_install_pkg_config(veld_report_static "veld_report with its module in the program"

@@ -75,8 +75,8 @@ function(veld_add_host target name)
   set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
   target_compile_features(${target} INTERFACE cxx_std_20)
   target_link_libraries(${target} INTERFACE
-    CURL::libcurl OpenSSL::SSL OpenSSL::Crypto SQLite::SQLite3 ZLIB::ZLIB simdjson::simdjson
-    zstd::libzstd_shared Threads::Threads ${CMAKE_DL_LIBS})
+    CURL::libcurl OpenSSL::Crypto SQLite::SQLite3 ZLIB::ZLIB simdjson::simdjson
+    ${VELD_ZSTD} Threads::Threads ${CMAKE_DL_LIBS})
 endfunction()
 
 veld_collect_static_libraries(${PROJECT_SOURCE_DIR}/src/host hostLibraries)

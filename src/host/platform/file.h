@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -108,6 +109,10 @@ class File {
 
 // Why this user can't read the file; no error if he can.
 std::error_code ReadProblem(const std::filesystem::path& file) noexcept;
+
+// A path as the users of this code write paths, and back: UTF-8 on Windows too. Throw std::bad_alloc.
+std::string Utf8(const std::filesystem::path& path);
+std::filesystem::path FromUtf8(std::string_view path);
 
 // Deletes a file, also one that is open (on Windows it then gives up its name at once). Returns false if it
 // is still there.

@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include "host/platform/file.h"
+
 namespace veld_report::host {
 namespace {
 
@@ -135,7 +137,7 @@ SqliteConnection::SqliteConnection(const std::filesystem::path& file, Access acc
   const int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE |
                     (access == Access::read ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
   sqlite3* handle = nullptr;
-  const int code = sqlite3_open_v2(file.c_str(), &handle, flags, vfs.empty() ? nullptr : vfs.c_str());
+  const int code = sqlite3_open_v2(Utf8(file).c_str(), &handle, flags, vfs.empty() ? nullptr : vfs.c_str());
   handle_.reset(handle);
   if (code != SQLITE_OK) Fail(handle, code);
   sqlite3_busy_timeout(handle, busyTimeoutMs);

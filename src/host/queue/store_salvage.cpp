@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <ctime>
+#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "host/base/utc.h"
 #include "host/queue/store_folder.h"
 
 namespace veld_report::host {
@@ -238,11 +239,10 @@ SalvageReport SalvageFrom(StoreFile& target, const std::filesystem::path& source
 }  // namespace
 
 std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int64_t nowMs) {
-  const std::time_t seconds = nowMs / 1000;
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  char time[32] = {};
-  static_cast<void>(std::strftime(time, sizeof time, "%Y%m%dT%H%M%SZ", &utc));
+  const UtcTime utc = UtcOf(nowMs / 1000);
+  char time[96] = {};
+  static_cast<void>(std::snprintf(time, sizeof time, "%04d%02d%02dT%02d%02d%02dZ", utc.year, utc.month,
+                                  utc.day, utc.hour, utc.minute, utc.second));
   const std::string base = file.string() + damagedInfix + time;
   std::filesystem::path aside = base;
   for (int number = 2; std::filesystem::exists(aside); ++number) aside = base + "-" + std::to_string(number);

@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <limits>
 #include <utility>
 
 #include "host/base/redact.h"
+#include "host/base/utc.h"
 #include "host/services/trace_file.h"
 
 namespace veld_report::host {
@@ -39,12 +40,11 @@ void AppendTime(std::string& line) {
   using std::chrono::microseconds;
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const std::int64_t sinceEpoch = std::chrono::duration_cast<microseconds>(now).count();
-  const auto seconds = static_cast<std::time_t>(sinceEpoch / 1000000);
-  std::tm fields{};
-  ::gmtime_r(&seconds, &fields);
+  const UtcTime time = UtcOf(sinceEpoch / 1000000);
   std::array<char, 48> text{};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &fields);
-  line.append(text.data(), length);
+  const int length = std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.", time.year,
+                                   time.month, time.day, time.hour, time.minute, time.second);
+  line.append(text.data(), static_cast<std::size_t>(std::max(length, 0)));
   const std::string fraction = std::to_string(sinceEpoch % 1000000);
   line.append(6 - fraction.size(), '0').append(fraction).push_back('Z');
 }

@@ -275,6 +275,9 @@ void File::Unlock() noexcept {
   lock_.reset();
 }
 
+std::string Utf8(const std::filesystem::path& path) { return Narrow(path.native()); }
+std::filesystem::path FromUtf8(std::string_view path) { return Wide(path); }
+
 std::error_code ReadProblem(const std::filesystem::path& file) noexcept {
   try {
     const HANDLE handle = CreateFileW(LongPath(file).c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,

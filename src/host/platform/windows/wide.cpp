@@ -12,7 +12,7 @@ std::wstring Wide(std::string_view text) {
   return wide;
 }
 
-std::string Utf8(std::wstring_view text) {
+std::string Narrow(std::wstring_view text) {
   constexpr int maxBytesPerUnit = 3;
   const int units = static_cast<int>(text.size());
   std::string narrow(text.size() * maxBytesPerUnit, '\0');

@@ -19,7 +19,7 @@ namespace veld_report::host {
 
 // Texts are UTF-8 everywhere else. What isn't valid becomes U+FFFD. Throw std::bad_alloc.
 std::wstring Wide(std::string_view text);
-std::string Utf8(std::wstring_view text);
+std::string Narrow(std::wstring_view text);
 
 // An absolute path with the prefix that lets it be longer than MAX_PATH.
 std::wstring LongPath(const std::filesystem::path& path);
