@@ -58,11 +58,13 @@ void WriteDown(int notes, char what, std::uint64_t first, std::uint64_t last) {
 int Drain(veld_report::Reporter& reporter) {
   const bool flushed = reporter.Flush(std::chrono::seconds(60));
   const veld_report::QueueLedger total = reporter.Stats().total;
-  std::printf("accepted %lld, delivered %lld, waiting %lld, evicted %lld\n",
+  std::printf("accepted %lld, delivered %lld, waiting %lld, evicted %lld, rejected %lld\n",
               static_cast<long long>(total.accepted.items), static_cast<long long>(total.delivered.items),
-              static_cast<long long>(total.waiting.items), static_cast<long long>(total.evicted.items));
+              static_cast<long long>(total.waiting.items), static_cast<long long>(total.evicted.items),
+              static_cast<long long>(total.rejected.items));
   veld_report::ItemCount gone = total.delivered;
   gone += total.evicted;
+  gone += total.rejected;
   return flushed && total.IsBalanced() && total.accepted == gone ? 0 : 1;
 }
 

@@ -63,7 +63,6 @@ class Trial:
         raise Failure("the server doesn't start: " + " ".join(lines_of(self.path("server.log"))))
 
     async def start_sender(self, name, first, **options):
-        await self.proxy.next_sender()
         self.processes[name] = await asyncio.create_subprocess_exec(
             self.sender_program, self.module, self.path("store"), f"http://127.0.0.1:{self.proxy.port}/in",
             self.path("key.key.pem"), self.path("notes-" + name), str(first), self.kind, **options)
@@ -72,8 +71,11 @@ class Trial:
         process = self.processes[name]
         if process.returncode is not None:
             raise Failure(f"the {name} has ended by itself, with exit code {process.returncode}")
+        # What another sender repeats may come before this one's death is noticed.
+        await self.proxy.next_sender()
         process.kill()
         await process.wait()
+        await self.proxy.next_sender()
 
     # Notes: what was tried, and what was in the store
 
@@ -145,9 +147,12 @@ class Trial:
         print("drained:", output.decode().strip())
         if sender.returncode != 0:
             raise Failure("the store didn't drain, or its ledger tells of a loss")
-        self.evicted = int(output.split()[-1])
+        self.evicted, rejected = (int(word.strip(b",")) for word in output.split()[-3::2])
         if (self.evicted != 0) != (self.kind == "full"):
             raise Failure(f"{self.evicted} records were evicted")
+        # One at a time is refused before there is room for it.
+        if rejected > (self.kills["sender"] + 1 if self.kind == "full" else 0):
+            raise Failure(f"{rejected} records were rejected")
         server.terminate()
         await server.wait()
         check = subprocess.run([self.veldrep, "store", "--store", self.path("store"), "check"], capture_output=True)

@@ -15,8 +15,8 @@ class Delivery:
     """One request that has reached the server whole."""
 
     numbers: list
-    sender: int  # the number of the youngest sending process when the connection came
-    begun: int  # the same when the request came
+    sender: int  # the proxy's when the connection came
+    begun: int  # the proxy's when the request came
     status: int | None = None  # that the server has answered
     answered: bool = False  # the whole answer has gone to the sender
     late: bool = False  # later than the sender waits for it, which may have sent it again by then
@@ -35,7 +35,7 @@ class Proxy:
         self.random = random
         self.disturbing = True
         self.server_port = None
-        self.sender = 0
+        self.sender = 0  # rises with each death of a sender
         self.deliveries = []
         self.faults = collections.Counter()
         self.late = False  # the next answer is to come later than the sender waits for it
@@ -56,7 +56,7 @@ class Proxy:
         await self.listen()
 
     async def next_sender(self):
-        """To be called when a sender is dead, before the next one starts."""
+        """To be called before and after the death of a sender."""
         for _ in range(5):
             await asyncio.sleep(0)  # what it has connected before its death is accepted
         self.sender += 1
