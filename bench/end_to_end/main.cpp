@@ -16,7 +16,8 @@ int main(int argc, char** argv) {
       {"evict", MeasureEviction},      {"start", MeasureStart},
       {"queues", MeasureQueues},       {"fill", FillOnly},
       {"idle", MeasureIdle},           {"down", MeasureDown},
-      {"trickle", MeasureTrickle},     {"tail", MeasureTail},
+      {"trickle", MeasureTrickle},     {"paced", MeasurePaced},
+      {"tail", MeasureTail},
   };
   try {
     const RunOptions options = ParseOptions(argc, argv);

@@ -16,6 +16,7 @@ Result MeasureQueues(const RunOptions& options);
 Result MeasureIdle(const RunOptions& options);
 Result MeasureDown(const RunOptions& options);
 Result MeasureTrickle(const RunOptions& options);
+Result MeasurePaced(const RunOptions& options);
 Result MeasureTail(const RunOptions& options);
 Result FillOnly(const RunOptions& options);
 

@@ -23,12 +23,13 @@ constexpr char usage[] =
     "  idle        a reporter with nothing to do, for `seconds`\n"
     "  down        a reporter with `records` records for `urls` servers that are down\n"
     "  trickle     a reporter that sends one record a second\n"
+    "  paced       a reporter that sends `rate` records a second\n"
     "  tail        the slowest of `rate` calls of Send a second, for `seconds`, beside `beside`: nothing "
     "else,\n"
     "              slow-syncs (500 ms each), hanging-server or settings (a change every millisecond)\n"
     "  fill        nothing but `fill` items into `store`\n"
     "names: records size urls active packet pending fill rounds seconds queue-limit-kb port timeout-s store\n"
-    "       rate beside compress\n"
+    "       rate beside compress store-within-ms\n"
     "The result is one JSON object on standard output.";
 
 [[noreturn]] void Refuse(const std::string& what) { throw std::invalid_argument(what + "\n" + usage); }
@@ -51,7 +52,7 @@ RunOptions ParseOptions(int argc, char** argv) {
       {"--fill", &options.fill},       {"--rounds", &options.rounds},
       {"--seconds", &options.seconds}, {"--queue-limit-kb", &options.queueLimitKb},
       {"--port", &options.port},       {"--timeout-s", &options.timeoutS},
-      {"--rate", &options.rate},
+      {"--rate", &options.rate},       {"--store-within-ms", &options.storeWithinMs},
   };
   const std::map<std::string, std::string*> texts = {{"--mode", &options.mode},
                                                      {"--store", &options.store},

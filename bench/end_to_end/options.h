@@ -16,8 +16,9 @@ struct RunOptions {
   std::uint64_t pending = 0;   // records in memory at which a producer waits; 0: no limit
   std::uint64_t fill = 0;      // items in the store before the measurement
   std::uint64_t rounds = 1;    // in modes drain and queues
-  std::uint64_t seconds = 60;  // in modes idle, down, trickle and tail
-  std::uint64_t rate = 0;      // in mode tail: calls a second; 0: as many as possible
+  std::uint64_t seconds = 60;  // in modes idle, down, trickle, paced and tail
+  std::uint64_t rate = 0;      // in modes paced and tail: calls a second; 0, in tail: as many as possible
+  std::uint64_t storeWithinMs = 0;  // in mode paced; 0: the default
   std::uint64_t queueLimitKb = 4000000;
   std::uint64_t port = 0;        // of the sink; 0: a free one
   std::uint64_t timeoutS = 600;  // after this the run has failed

@@ -1,4 +1,5 @@
 // What a reporter costs that has little or nothing to do.
+#include <stdexcept>
 #include <thread>
 
 #include "bench/end_to_end/modes.h"
@@ -72,6 +73,47 @@ Result MeasureTrickle(const RunOptions& options) {
     ++record.number;
     reporter.Send(record);
   });
+}
+
+// The application's own loop costs more than its calls at such rates, so it is also measured alone.
+Result MeasurePaced(const RunOptions& options) {
+  if (options.rate == 0) throw std::invalid_argument("the mode paced needs a rate");
+  const StoreFolder folder(options);
+  const Sink sink(0);
+  ReporterOptions own = OptionsFor(options, folder, sink.Url());
+  own.storeWithin = std::chrono::milliseconds(options.storeWithinMs);
+  Reporter reporter(own);
+  Opened record = OpenedOfSize(options.size, firstNumber);
+  const auto runFor = [&](std::uint64_t time, auto&& call) {
+    const auto begin = std::chrono::steady_clock::now();
+    for (std::uint64_t i = 1; i <= time * options.rate; ++i) {
+      call();
+      std::this_thread::sleep_until(begin + std::chrono::nanoseconds(1'000'000'000 / options.rate) * i);
+    }
+  };
+  const auto send = [&] {
+    ++record.number;
+    reporter.Send(record);
+  };
+  runFor(2, send);  // until cycles come at their pace
+  const Stopwatch watch;
+  const std::uint64_t sleeps = Sleeps();
+  const std::uint64_t written = WrittenBytes();
+  runFor(options.seconds, send);
+  const double cpu = watch.UsedCpuSeconds();
+  const auto records = static_cast<double>(options.seconds * options.rate);
+  Result result;
+  result.Set("wakeUpsPerSecond",
+             static_cast<double>(Sleeps() - sleeps) / static_cast<double>(options.seconds));
+  result.Set("writtenBytesPerRecord", static_cast<double>(WrittenBytes() - written) / records);
+  result.SetThreads(records * static_cast<double>(options.seconds + 2) /
+                    static_cast<double>(options.seconds));
+  if (!reporter.Flush(seconds(options.timeoutS))) throw std::runtime_error("the flush doesn't end");
+  const Stopwatch alone;
+  runFor(options.seconds, [] {});
+  result.Set("loopCpuUs", alone.UsedCpuSeconds() / records * 1e6);
+  result.Set("cpuUsPerRecord", cpu / records * 1e6);
+  return result;
 }
 
 }  // namespace veld_report::bench

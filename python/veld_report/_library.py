@@ -107,6 +107,7 @@ class COptions(ctypes.Structure):
         ("log_context", c_void_p),
         ("loss_listener", CLossListener),
         ("loss_context", c_void_p),
+        ("store_within_ms", c_uint32),
     ]
 
 

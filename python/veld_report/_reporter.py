@@ -245,6 +245,8 @@ class Reporter:
         memory_limit_bytes: int = 64 << 20,
         max_age: float = 0,  # of a record in the store; 0: no limit
         store_limit_bytes: int = 0,  # of all queues together; 0: no limit
+        # Seconds until a record is in the store's file, where a crash can't lose it; 0: with the cycle that sends it.
+        store_within: float = 0,
         commit_every_record: bool = False,  # each record is written by itself, not in groups of 10 ms
         sync_every_commit: bool = False,  # what is written survives a crash of the machine
         shared: bool = False,  # several processes may use the store, all with this set
@@ -279,6 +281,7 @@ class Reporter:
         options.memory_limit_bytes = _limit("memory_limit_bytes", memory_limit_bytes, 2**64 - 1)
         options.max_age_ms = _number("max_age", max_age * 1000, 0, 2**63 - 1)
         options.store_limit_bytes = _limit("store_limit_bytes", store_limit_bytes, 2**64 - 1)
+        options.store_within_ms = _number("store_within", store_within * 1000, 0, 2**32 - 1)
         options.commit_every_record = commit_every_record
         options.sync_every_commit = sync_every_commit
         options.hold_sending = not sending_allowed

@@ -97,6 +97,23 @@ TEST_F(KitDelivery, ARefusalCostsOnePacketAndLongerAndLongerWaits) {
   }
 }
 
+// A crash takes what isn't in the store, while each request costs more than a hundred records.
+TEST_F(KitDelivery, RecordsAreStoredSoonAndSentAtTheUsualPace) {
+  tests::ScriptedServer server(tests::ScriptedReply::Status(200));
+  HostKitOptions options = Options({{server.Url()}});
+  options.storeWithin = milliseconds(20);
+  HostKit kit(options);
+  for (int sent = 1; sent <= 140; ++sent) {
+    Submit(kit, 1);
+    Pass(kit, milliseconds(20), milliseconds(20));
+    ASSERT_EQ(kit.Queues().Ledgers().begin()->second.accepted.items, sent);
+  }
+  EXPECT_EQ(server.Requests().size(), 2u) << "in 2.8 s, at 1.0 and 2.0";
+  Submit(kit, 1);
+  ASSERT_TRUE(kit.RunCycle(std::chrono::steady_clock::now() + seconds(20)));
+  EXPECT_EQ(server.Requests().size(), 3u) << "whoever asks for a cycle gets it at once";
+}
+
 std::vector<int> NumbersIn(const tests::ScriptedRequest& request) {
   constexpr std::string_view member = "\"payload\":\"";
   const std::size_t begin = request.body.find(member) + member.size();

@@ -1,5 +1,7 @@
 """Kills a sending process and a report server with SIGKILL, again and again, over a proxy that misbehaves.
 
+Two kinds of trials, soon and flood, measure what a crash takes (loss_trial.py). The others:
+
 Every record carries a number. Each number that the sender knew to be in its store must reach the server, whole, and
 each record that comes twice must have a reason. There are four kinds of trials: plain; records for two endpoints;
 a queue that is always full, of which as many may be missing as the ledger says were evicted; and two senders that share
@@ -18,12 +20,14 @@ import subprocess
 import sys
 import tempfile
 
+import loss_trial
 from proxy import Proxy
 
 # An acknowledgement is in the sender's file with its group of 512 at the latest, and the largest packet has 100
 # records whose answer may have come in the moment of the kill.
 MOST_REPEATED_BY_A_KILL = 511 + 100
-KINDS = ("plain", "two", "full", "shared")
+KINDS = ("plain", "two", "full", "shared", "soon", "flood")
+LOSS_KINDS = ("soon", "flood")
 FIRST_NUMBERS = {"sender": 1, "second": 1_000_000_001}
 
 
@@ -258,6 +262,8 @@ def main():
 
 
 def run(kind, build, rounds, seed):
+    if kind in LOSS_KINDS:
+        return loss_trial.run(kind, os.path.abspath(build), rounds, random.Random(seed))
     folder = tempfile.mkdtemp(prefix="kill_test.")
     print(f"seed {seed}; a failure leaves its files in {folder}", flush=True)
     trial = Trial(os.path.abspath(build), kind, rounds, seed, folder)

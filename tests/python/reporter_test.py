@@ -61,7 +61,7 @@ class ReporterTest(unittest.TestCase):
 
     def test_options_that_c_would_cut_are_refused(self):
         for options, part in (({"packet_limit": 2**32}, "packet_limit"), ({"queue_limit_kb": 0}, "queue_limit_kb"),
-                              ({"retry_after": 0}, "retry_after"), ({"max_age": -1}, "max_age"),
+                              ({"retry_after": 0}, "retry_after"), ({"max_age": -1}, "max_age"), ({"store_within": 2}, "storeWithin"),
                               ({"user_agent": "a\0b"}, "user_agent"), ({"endpoints": [{"uri": NOBODY}]}, "uri"),
                               ({"headers": ["x"]}, "header"), ({"store": ""}, "store")):
             self.assert_fails(Code.INVALID_ARGUMENT, part, Reporter, **{"store": self.store, **options})

@@ -19,6 +19,9 @@
 namespace veld_report::host {
 namespace {
 
+// From a submission to the cycle that sends it, as the sender asks of its timer.
+constexpr std::chrono::milliseconds usualPace{1000};
+
 zel::Ref<QueueService> OpenQueues(QueueServiceOptions options, const zel::Ref<LineTracer>& tracer,
                                   std::shared_ptr<DeliveryGate> gate) {
   options.tracer = tracer;
@@ -64,6 +67,13 @@ zel::Ref<HttpClientFactory> MakeHttp(const HostKitOptions& given, const zel::Ref
   return CreateHttpClientFactory(options);
 }
 
+// The sender asks for a second. Its memory is empty once its cycle has run, so it may run sooner.
+TimerOptions DrainTimerOptions(const HostKitOptions& options, const zel::Ref<LineTracer>& tracer) {
+  TimerOptions timer{options.clock, tracer};
+  if (options.storeWithin) timer.maxDelay = *options.storeWithin;
+  return timer;
+}
+
 std::optional<Ed25519Key> ReadKey(const std::optional<std::string>& file) {
   if (!file || file->empty()) return {};
   return Ed25519Key::PrivateFromFile(*file);
@@ -80,7 +90,8 @@ std::shared_ptr<RecordStamp> MakeStamp(const HostKitOptions& options) {
 // Everything that can be wrong with the options is found out before the store is opened, so that a mistake
 // leaves no files.
 HostKit::HostKit(const HostKitOptions& options)
-    : allocator_(MakeObject<HeapAllocator>()),
+    : storeWithin_(options.storeWithin),
+      allocator_(MakeObject<HeapAllocator>()),
       tracer_(MakeObject<LineTracer>(options.trace)),
       gate_(std::make_shared<DeliveryGate>(options.clock)),
       settings_(std::make_unique<const BuiltSettings>(options.settings)),
@@ -91,12 +102,9 @@ HostKit::HostKit(const HostKitOptions& options)
       queues_(OpenQueues(options.queues, tracer_, gate_)),
       urlStates_(std::make_shared<UrlStateFile>(options.queues.folder)),
       timer_(MakeObject<TimerService>(TimerOptions{options.clock, tracer_})),
-      drainTimer_(MakeObject<TimerService>(TimerOptions{options.clock, tracer_})),
+      drainTimer_(MakeObject<TimerService>(DrainTimerOptions(options, tracer_))),
       mode_(MakeObject<ExecutionMode>()),
-      drains_(MakeObject<DrainWatch>(drainTimer_,
-                                     [this] {
-                                       if (IsSendingAllowed()) BeginCycle();
-                                     })),
+      drains_(MakeObject<DrainWatch>(drainTimer_, [this] { OnDrained(); })),
       locator_(MakeObject<ServiceLocator>()),
       intakeLocator_(MakeObject<ServiceLocator>()),
       storeLimitBytes_(options.queues.storeLimitBytes == 0 ? UINT64_MAX : options.queues.storeLimitBytes) {
@@ -171,7 +179,27 @@ void HostKit::TriggerCycle() {
   if (intake_) intake_->Trigger();
 }
 
+// Inside a cycle of the intake. Without storeWithin such a cycle comes when it is time to send.
+void HostKit::OnDrained() {
+  const bool sendsNow = cycleWanted_.exchange(false) || !storeWithin_;
+  if (IsSendingAllowed()) {
+    if (sendsNow) {
+      BeginCycle();
+    } else {
+      BeginCycleWithin(std::max(usualPace - *storeWithin_, std::chrono::milliseconds(0)));
+    }
+  }
+  if (storeWithin_) queues_->Commit();
+}
+
+void HostKit::BeginCycleWithin(std::chrono::milliseconds delay) {
+  // Only a sender that has run can run again without a submission.
+  if (timer_->RunWithin(static_cast<std::uint32_t>(delay.count()))) return;
+  if (!timer_->IsArmed() && delivery_) delivery_->Trigger();
+}
+
 void HostKit::BeginDrain() {
+  cycleWanted_ = true;
   if (!drainTimer_->IsArmed()) TriggerCycle();
   drainTimer_->FireNow();
 }

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -50,7 +51,8 @@ class HostKit {
   ~HostKit();
 
   // Submits a record; an empty `consumer` means all endpoints. The record isn't used after the return. An
-  // accepted one is in memory until the next cycle, at most a second later, moves it into the store. A record
+  // accepted one is in memory until the next cycle, at most a second later (see storeWithin in the options),
+  // moves it into the store. A record
   // that can't be serialised is refused with its code. One for a consumer that no endpoint has is accepted,
   // and then dropped by the sender.
   Submission Submit(std::string_view consumer, const zel::AnyPtr& record);
@@ -103,7 +105,12 @@ class HostKit {
   void RegisterServices(const HostKitOptions& options);
   void MakeSenders(const KitSettings& settings);
   void SetRecordLimit(const KitSettings& settings);
+  void OnDrained();
+  // Unless one is due sooner.
+  void BeginCycleWithin(std::chrono::milliseconds delay);
 
+  const std::optional<std::chrono::milliseconds> storeWithin_;
+  std::atomic<bool> cycleWanted_{false};  // a cycle is to follow the next drain at once
   zel::Ref<HeapAllocator> allocator_;
   zel::Ref<LineTracer> tracer_;
   const std::shared_ptr<DeliveryGate> gate_;  // shared with the store and the HTTP clients

@@ -1,6 +1,7 @@
 // The options of a HostKit.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -51,6 +52,9 @@ struct HostKitOptions {
   QueueServiceOptions queues{};  // `folder` is required; `tracer` and `pacer` are set by the kit
   HttpClientOptions http{};      // `tracer`, `clock` and `takeRecords` are set by the kit
   LineTracerOptions trace{.level = 0};
+  // How soon a record moves from memory into the store's file. Sending keeps its pace. None: with the
+  // sender's cycle, which comes a second after the first record, and the store's next commit.
+  std::optional<std::chrono::milliseconds> storeWithin{};
   bool stamp = false;  // adds an id and the time to each record (host/json/record_stamp.h)
   FunctionNotification::Function onRequestFinished{};  // may be empty
   std::shared_ptr<Clock> clock{};  // of the timer, the intervals and the HTTP client; null: the system's

@@ -42,7 +42,13 @@ host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
   }
   if (options.maxAge.count() < 0)
     throw std::invalid_argument("reporter: maxAge is negative; 0 means no limit");
+  constexpr std::chrono::milliseconds maxStoreWithin{1000};
+  if (options.storeWithin.count() < 0 || options.storeWithin > maxStoreWithin) {
+    throw std::invalid_argument("reporter: storeWithin is " + std::to_string(options.storeWithin.count()) +
+                                " ms; it must be 0 (with the cycle that sends) to 1000");
+  }
   host::HostKitOptions result;
+  if (options.storeWithin.count() != 0) result.storeWithin = options.storeWithin;
   result.modulePath = options.modulePath;
   result.settings = KitSettingsOf(SettingsOf(options));
   result.queues.folder = options.store;

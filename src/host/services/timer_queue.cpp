@@ -8,8 +8,9 @@
 
 namespace veld_report::host {
 
-TimerQueue::TimerQueue(std::shared_ptr<Clock> clock, zel::Ref<zel::ITracer> tracer)
-    : clock_(std::move(clock)), tracer_(std::move(tracer)) {
+TimerQueue::TimerQueue(std::shared_ptr<Clock> clock, zel::Ref<zel::ITracer> tracer,
+                       std::chrono::milliseconds maxDelay)
+    : clock_(std::move(clock)), tracer_(std::move(tracer)), maxDelay_(maxDelay) {
   clock_->AddListener(this);
 }
 
@@ -107,7 +108,7 @@ zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
   if (!sink) return zel::eInvalidArgument;
   const std::lock_guard lock(mutex_);
   if (stopped_ || (runningCancelled_ && running_ == sink)) return zel::eInvalidState;
-  const std::chrono::milliseconds delay(delayMs);
+  const std::chrono::milliseconds delay = std::min(std::chrono::milliseconds(delayMs), maxDelay_);
   const auto found = pending_.find(sink);
   if (found == pending_.end()) {
     Insert(sink, delay);

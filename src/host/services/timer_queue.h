@@ -25,7 +25,7 @@ namespace veld_report::host {
 // Threads: any, except for Loop. The operations are those of TimerService and are described there.
 class TimerQueue final : private IClockListener {
  public:
-  TimerQueue(std::shared_ptr<Clock> clock, zel::Ref<zel::ITracer> tracer);
+  TimerQueue(std::shared_ptr<Clock> clock, zel::Ref<zel::ITracer> tracer, std::chrono::milliseconds maxDelay);
   TimerQueue(const TimerQueue&) = delete;
   TimerQueue& operator=(const TimerQueue&) = delete;
   ~TimerQueue();
@@ -66,6 +66,7 @@ class TimerQueue final : private IClockListener {
 
   const std::shared_ptr<Clock> clock_;
   const zel::Ref<zel::ITracer> tracer_;
+  const std::chrono::milliseconds maxDelay_;
 
   // Guards the members below. Never held across a call of a sink, of the tracer or of AddListener.
   mutable std::mutex mutex_;

@@ -9,7 +9,7 @@ namespace veld_report::host {
 
 TimerService::TimerService(TimerOptions options) {
   std::shared_ptr<Clock> clock = options.clock ? std::move(options.clock) : std::make_shared<SystemClock>();
-  queue_ = std::make_shared<TimerQueue>(std::move(clock), std::move(options.tracer));
+  queue_ = std::make_shared<TimerQueue>(std::move(clock), std::move(options.tracer), options.maxDelay);
   thread_ = StartServiceThread("veld-timer", [queue = queue_] { queue->Loop(); });
 }
 

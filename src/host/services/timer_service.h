@@ -23,6 +23,8 @@ class TimerQueue;
 struct TimerOptions {
   std::shared_ptr<Clock> clock{};   // null: the machine's
   zel::Ref<zel::ITracer> tracer{};  // may be null; traces an exception that leaves a Run
+  // A longer delay given to ArmTimer is cut to this one.
+  std::chrono::milliseconds maxDelay = std::chrono::milliseconds::max();
 };
 
 // Make it with MakeObject<TimerService>() or MakeObject<TimerService>(options).

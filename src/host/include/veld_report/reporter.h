@@ -136,6 +136,10 @@ struct ReporterOptions {
   // Records go into the store in groups, which a crash of the process can lose for up to 10 ms. With this
   // each is written by itself.
   bool commitEveryRecord = false;
+  // How soon a record goes from memory into the store's file, where a crash of the process can't lose it. 0:
+  // with the cycle that sends it, a second after the first record. 20 ms cost little; sending keeps its pace.
+  // Whatever this is, a crash loses no more than memory may hold by the limits above, and a group.
+  std::chrono::milliseconds storeWithin{0};
   bool syncEveryCommit = false;  // what is written survives a crash of the machine, at the price of a sync
   bool shared = false;           // several processes may use the store, all with this set
 
