@@ -105,8 +105,10 @@ void ReadItems(MessageContent* content) {
   lines.reserve(array.size());  // line ends take the place of commas and brackets
   Reading("\"array\" of the payload", [&] {
     ReadJsonArray(array, [&](std::string_view item) {
-      AppendLine(item, &lines);
       ++count;
+      if (!item.starts_with('{'))
+        throw Refusal("item " + std::to_string(count) + " isn't a JSON object: " + host::Printable(item));
+      AppendLine(item, &lines);
     });
   });
   content->itemLines = std::move(lines);

@@ -316,7 +316,9 @@ class ReportServer::Impl {
   }
 
   Answer Store(MHD_Connection* connection, const Request& request, const MessageContent& content) {
-    const std::string keyName = content.signatureChecked ? KeyName(content.signatureHeader) : "";
+    std::string keyName = content.signatureChecked ? KeyName(content.signatureHeader) : "";
+    const auto named = options_.keyNames.find(keyName);
+    if (named != options_.keyNames.end()) keyName = named->second;
     try {
       const auto begin = std::chrono::steady_clock::now();
       const std::string path = UrlText(request.path);

@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,7 +34,9 @@ struct ReportServerOptions {
   std::uint16_t port = 0;             // 0: a free one
   std::vector<SinkOptions> sinks;     // each gets every message (sink_set.h); their `log` is the one below
   SignatureVerifier verifier;         // empty: signatures aren't checked
-  unsigned status = 200;              // any other: every good message gets this answer and nothing is stored
+  // By the "kid" of the signature's header: what sinks get as the key's name. Without one they get the "kid".
+  std::map<std::string, std::string> keyNames;
+  unsigned status = 200;  // any other: every good message gets this answer and nothing is stored
   std::size_t bodyLimitBytes = std::size_t{16} << 20;
   unsigned threads = 4;
   // When one more connects, the connection that has waited longest for the end of its request is cut. Each

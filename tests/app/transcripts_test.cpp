@@ -102,6 +102,7 @@ class Transcript {
         {std::regex(R"(127\.0\.0\.1 port \d+)"), "127.0.0.1 port {port}"},
         {std::regex(R"(\b[0-9a-f]{32}\b)", std::regex::icase), "{digest}"},
         {std::regex(R"(key id: \S+)"), "key id: {id}"},
+        {std::regex(R"(\([\w-]{43}\))"), "({id})"},
         {std::regex(R"(\d+ requests? (was|were) refused)"), "{count} requests were refused"},
     };
     for (const auto& [pattern, name] : varying) line = std::regex_replace(line, pattern, name);

@@ -51,6 +51,9 @@ TEST(Signature, VerifierRefusesEveryDamage) {
   }
   const std::string noneHeader("{\"alg\":\"none\"}\0", 15);
   const std::string noHeader("[]\0", 3);
+  const auto header = [](const std::string& more) {
+    return "{\"alg\":\"EdDSA\"," + more + "}" + '\0' + std::string(64, 'x');
+  };
   const std::string signature(64, 'x');
   const struct {
     std::string payload;
@@ -63,8 +66,13 @@ TEST(Signature, VerifierRefusesEveryDamage) {
       {payload, "", "the message isn't signed"},
       {payload, noHeader + signature, "the header of the signature isn't a JSON object with \"alg\""},
       {payload, noneHeader + signature, "the signature's algorithm isn't EdDSA"},
+      {payload, header(R"("kid":"a","kid":"a")"), "the header of the signature has the member \"kid\" twice"},
+      {payload, header(R"("al\u0067":"EdDSA")"), "the header of the signature has the member \"alg\" twice"},
+      {payload, header(R"("crit":[])"), "the header of the signature has an unknown member: \"crit\""},
+      {payload, header(R"("kid":1)"), "the signature was made with another key"},
   };
   for (const auto& each : cases) EXPECT_EQ(verifier.Check(each.payload, each.block), each.reason);
+  EXPECT_THROW(Ed25519Key::PublicFromPem(key.PublicPem() + key.PublicPem()), std::runtime_error);
 }
 
 }  // namespace

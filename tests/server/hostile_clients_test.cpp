@@ -116,7 +116,7 @@ TEST_F(HostileClients, IsAnsweredOrCut) {
       {"many members", Post("{" + Repeated("\"\":0,", 200'000) + "\"\":0}"), "", {400}},
       {"a bomb", Post(server_test::Gzip(std::string(200 * MiB, ' ')), gzip), "", {413}},
       {"a denser bomb", Post(server_test::Zstd(std::string(200 * MiB, ' ')), zstd), "", {413}},
-      {"many items", Post(Body("{\"array\":[" + Repeated("0,", 300'000) + "0]}")), "", {200}},
+      {"many items", Post(Body("{\"array\":[" + Repeated("{},", 200'000) + "{}]}")), "", {200}},
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(each.what);

@@ -51,21 +51,21 @@ TEST(MessageCheck, EachBodyGetsItsSentenceOrItems) {
 // Bodies that are nested a million times are hostile clients'.
 TEST(MessageCheck, NestingIsLimited) {
   for (const std::size_t depth : {maxJsonDepth - 2, maxJsonDepth - 1}) {
-    const std::string item = std::string(depth, '[') + std::string(depth, ']');
+    const std::string item = "{\"\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
     const std::string problem = CheckMessage(Body("{\"array\":[" + item + "]}"), nullptr).problem;
     EXPECT_EQ(problem.find("nested too deeply") != std::string::npos, depth == maxJsonDepth - 1) << problem;
   }
 }
 
 TEST(MessageCheck, VerifierSeesPayloadAndBlockAndDecides) {
-  const std::string body = Body(R"({"array":[1]})", std::string_view("h\0s", 3));
+  const std::string body = Body(R"({"array":[{}]})", std::string_view("h\0s", 3));
   for (const std::string sentence : {"the stamp is wrong", ""}) {
     std::string seen;
     const MessageContent content = CheckMessage(body, [&](std::string_view payload, std::string_view block) {
       seen = std::string(payload) + "|" + std::string(block);
       return sentence;
     });
-    EXPECT_EQ(seen, std::string("{\"array\":[1]}|h\0s", 17));
+    EXPECT_EQ(seen, std::string("{\"array\":[{}]}|h\0s", 18));
     EXPECT_THAT(content.problem, HasSubstr(sentence));
     EXPECT_EQ(content.problem.empty(), sentence.empty());
     EXPECT_EQ(content.signatureChecked, sentence.empty());

@@ -62,7 +62,7 @@ TEST_F(ReportServerTest, WhatIsNot200StoresNothing) {
       {Post(exampleBody, "text/plain"), 400, "the Content-Type is \"text/plain\""},
       {Post(""), 400, "the body is empty"},
       {Post("{}"), 400, "the body has no member \"payload\""},
-      {Post(Body(R"({"array":["bad"]})")), 400, "a bad one"},
+      {Post(Body(R"({"array":[{"bad":1}]})")), 400, "a bad one"},
       {Post(large), 413, "over the limit of 1000 bytes"},
       {chunked + "3e9\r\n" + large + "\r\n0\r\n\r\n", 413, "over the limit"},
   };
@@ -142,7 +142,7 @@ TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
   for (int client = 0; client < 160; client += 20) {
     for (int i = client; i < client + 20; ++i) {
       expected.push_back("{\"id\":" + std::to_string(i) + ",\"part\":1}");
-      expected.push_back(std::to_string(i));
+      expected.push_back("{\"id\":" + std::to_string(i) + ",\"part\":2}");
     }
     threads.emplace_back([&server, own = std::vector(expected.end() - 40, expected.end())] {
       for (std::size_t i = 0; i < own.size(); i += 2) {

@@ -20,7 +20,7 @@ void CheckStoreAccess(const std::string& path) {
   throw Failure(path, "Permission denied; only its owner can read a store, so run this as that user");
 }
 
-std::string ReadWhole(const std::string& path) {
+std::string ReadWhole(const std::string& path, std::size_t limitBytes) {
   const bool isStdin = path == "-";
   const std::unique_ptr<FILE, int (*)(FILE*)> file(
       isStdin ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(path.c_str(), "rb"),
@@ -29,8 +29,11 @@ std::string ReadWhole(const std::string& path) {
   if (!file) throw Failure(name, "can't be opened: " + std::generic_category().message(errno));
   std::string text;
   char block[65536];
-  while (const std::size_t length = std::fread(block, 1, sizeof(block), file.get()))
+  while (const std::size_t length = std::fread(block, 1, sizeof(block), file.get())) {
     text.append(block, length);
+    if (text.size() > limitBytes)
+      throw Failure(name, "is larger than " + std::to_string(limitBytes >> 20) + " MiB");
+  }
   if (std::ferror(file.get()))
     throw Failure(name, "can't be read: " + std::generic_category().message(errno));
   return text;

@@ -9,8 +9,11 @@
 namespace veld_report::app {
 namespace {
 
+// Four times what serve takes by default.
+constexpr std::size_t bodyLimitBytes = std::size_t{64} << 20;
+
 struct DecodeOptions {
-  std::string key;
+  std::vector<std::string> keys;
   std::string file = "-";
 };
 
@@ -51,13 +54,12 @@ void PrintSignature(const server::MessageContent& content, bool withKey) {
 }
 
 int Decode(const DecodeOptions& options) {
-  const server::SignatureVerifier verifier =
-      options.key.empty() ? server::SignatureVerifier() : VerifierFromFile(options.key);
-  const std::string body = ReadWhole(options.file);
+  const server::SignatureVerifier verifier = ReadKeys(options.keys).verifier;
+  const std::string body = ReadWhole(options.file, bodyLimitBytes);
   const server::MessageContent content = server::CheckMessage(body, verifier);
   Print("body: " + std::to_string(body.size()) + " bytes");
   if (content.payloadDecoded) PrintPayload(content);
-  if (content.signatureDecoded) PrintSignature(content, !options.key.empty());
+  if (content.signatureDecoded) PrintSignature(content, !options.keys.empty());
   std::fflush(stdout);
   if (!content.problem.empty()) throw Failure(options.file == "-" ? "stdin" : options.file, content.problem);
   return exitOk;
@@ -69,8 +71,10 @@ Command MakeDecodeCommand(CLI::App& program) {
   CLI::App* const command = program.add_subcommand(
       "decode", "Shows a captured message body layer by layer, as far as it is valid.");
   const auto options = std::make_shared<DecodeOptions>();
-  command->add_option("--key", options->key, "public key (PEM) to check the signature with")
-      ->type_name("FILE");
+  RefuseEmpty(command->add_option("--key", options->keys,
+                                  "public key (PEM) to check the signature with; may be repeated"))
+      ->type_name("[NAME=]FILE")
+      ->allow_extra_args(false);
   command->add_option("FILE", options->file, "file with the body; - for standard input")
       ->type_name("")
       ->capture_default_str();

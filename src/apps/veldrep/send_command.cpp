@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "apps/veldrep/command.h"
+#include "apps/veldrep/key_option.h"
 #include "apps/veldrep/send_run.h"
 
 namespace veld_report::app {
@@ -101,7 +102,7 @@ void AddLimits(CLI::App* command, SendOptions* options) {
 void AddOthers(CLI::App* command, SendOptions* options) {
   command->add_flag("--stamp", options->stamp,
                     "add \"recordId\" (a UUID) and \"recordTime\" to each record that doesn't have them");
-  command->add_option("--sign", options->signKey, "private key (PEM) to sign the messages with")
+  RefuseEmpty(command->add_option("--sign", options->signKey, "private key (PEM) to sign the messages with"))
       ->type_name("FILE");
   command->add_option("--trace", options->trace, "file to append trace lines to")->type_name("FILE");
   command->add_option("--trace-level", options->traceLevel, "300: failures only, 700: everything")
@@ -111,10 +112,10 @@ void AddOthers(CLI::App* command, SendOptions* options) {
       ->add_option("--module", options->modulePath,
                    "path of the module; by default libveld_report.so is looked for near veldrep")
       ->type_name("PATH");
-  command
-      ->add_option("FILE", options->file,
-                   "records, one JSON object per line; - for standard input; if not given, only what waits "
-                   "in the store is sent")
+  RefuseEmpty(command->add_option(
+                  "FILE", options->file,
+                  "records, one JSON object per line; - for standard input; if not given, only what waits "
+                  "in the store is sent"))
       ->type_name("");
 }
 
@@ -136,6 +137,7 @@ Command MakeSendCommand(CLI::App& program) {
       "         tail -f app.ndjson | veldrep send --store waiting --url https://stats.example.com/v1 -");
   return {command, [options] {
             CheckSense(*options);
+            if (!options->signKey.empty()) WarnIfOthersCanRead("--sign", options->signKey);
             return SendRun(*options).Run();
           }};
 }

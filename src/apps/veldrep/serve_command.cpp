@@ -21,7 +21,7 @@ struct ServeOptions {
   std::vector<std::string> out;
   std::uint64_t rotateMiB = 0;
   unsigned rotateSeconds = 0;
-  std::string key;
+  std::vector<std::string> keys;
   std::string capture;
   unsigned status = 200;
   std::size_t bodyLimitMiB = 16;
@@ -68,7 +68,9 @@ int Serve(const ServeOptions& given) {
   server::ReportServerOptions options;
   ParseListen(given.listen, &options);
   options.sinks = ReadSinks(given);
-  if (!given.key.empty()) options.verifier = VerifierFromFile(given.key);
+  const KeyRing keys = ReadKeys(given.keys);
+  options.verifier = keys.verifier;
+  options.keyNames = keys.names;
   options.capturePath = given.capture;
   options.status = given.status;
   options.bodyLimitBytes = given.bodyLimitMiB << 20;
@@ -87,7 +89,7 @@ int Serve(const ServeOptions& given) {
   signal(SIGPIPE, SIG_IGN);
 
   server::ReportServer server(std::move(options));
-  std::printf("listening on %s\n", server.Url().c_str());
+  std::printf("listening on %s\n%s\n", server.Url().c_str(), DescribeKeys(keys).c_str());
   std::fflush(stdout);
   int received = SIGHUP;
   while (sigwait(&ending, &received) == 0 && received == SIGHUP) server.ReopenSinks();
@@ -128,10 +130,13 @@ Command MakeServeCommand(CLI::App& program) {
       ->check(CLI::Range(0, 31'622'400))
       ->type_name("SECONDS")
       ->capture_default_str();
-  command
-      ->add_option("--key", options->key,
-                   "public key (PEM); only messages signed with its private key are accepted")
-      ->type_name("FILE");
+  RefuseEmpty(command->add_option(
+                  "--key", options->keys,
+                  "public key (PEM); only messages signed with its private key are accepted. Given several "
+                  "times, with that of any of them. Sinks get NAME; by default it is that of the file"))
+      ->type_name("[NAME=]FILE")
+      ->expected(1)
+      ->take_all();
   command
       ->add_option(
           "--capture", options->capture,

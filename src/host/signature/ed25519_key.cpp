@@ -43,7 +43,10 @@ std::shared_ptr<void> Checked(EVP_PKEY* key, const char* what) {
   return owner;
 }
 
+// OpenSSL reads the first of several and says nothing of the others.
 BioHandle Reader(std::string_view text) {
+  constexpr std::string_view begin = "-----BEGIN ";
+  if (text.find(begin) != text.rfind(begin)) Fail("holds more than one key; give each key a file of its own");
   BioHandle bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
   if (!bio) throw std::bad_alloc();
   return bio;

@@ -15,9 +15,9 @@ class Ed25519Key {
  public:
   using Signature = std::array<std::uint8_t, 64>;
 
-  // PEM: a private key in PKCS #8 without a password, or a public key as SubjectPublicKeyInfo. All four throw
-  // std::runtime_error with the reason (the FromFile forms with the path too). None of them ever prompts at a
-  // terminal.
+  // PEM: one private key in PKCS #8 without a password, or one public key as SubjectPublicKeyInfo. All four
+  // throw std::runtime_error with the reason (the FromFile forms with the path too). None of them ever
+  // prompts at a terminal.
   static Ed25519Key PrivateFromPem(std::string_view pem);
   static Ed25519Key PublicFromPem(std::string_view pem);
   static Ed25519Key PrivateFromFile(const std::string& path);

@@ -4,25 +4,33 @@
 
 #include <utility>
 
+#include "host/base/printable.h"
+
 namespace veld_report::host {
 namespace {
 
 constexpr std::size_t signatureBytes = 64;
 
-struct Header {
-  std::string algorithm;
-  std::string keyId;
-};
-
-std::optional<Header> ParseHeader(std::string_view text) {
+// Returns what is wrong with the header, or an empty text.
+std::string HeaderProblem(std::string_view text, std::string_view wantedKeyId) {
   simdjson::dom::parser parser;
-  simdjson::dom::element root;
-  std::string_view algorithm, keyId;
-  if (parser.parse(text.data(), text.size()).get(root) != simdjson::SUCCESS) return std::nullopt;
-  if (root["alg"].get(algorithm) != simdjson::SUCCESS) return std::nullopt;
-  // A header without a key name is legal, but matches no key.
-  if (root["kid"].get(keyId) != simdjson::SUCCESS) keyId = {};
-  return Header{std::string(algorithm), std::string(keyId)};
+  simdjson::dom::object header;
+  std::optional<std::string> algorithm, keyId;
+  if (parser.parse(text.data(), text.size()).get(header) == simdjson::SUCCESS) {
+    for (const auto [name, value] : header) {
+      if (name != "alg" && name != "kid")
+        return "the header of the signature has an unknown member: " + Printable(name);
+      std::optional<std::string>& member = name == "alg" ? algorithm : keyId;
+      if (member) return "the header of the signature has the member " + Printable(name) + " twice";
+      std::string_view given;
+      // What isn't text matches no algorithm and no key.
+      member = value.get(given) == simdjson::SUCCESS ? std::string(given) : "";
+    }
+  }
+  if (!algorithm) return "the header of the signature isn't a JSON object with \"alg\"";
+  if (*algorithm != "EdDSA") return "the signature's algorithm isn't EdDSA";
+  if (keyId != wantedKeyId) return std::string(Ed25519Verifier::otherKey);
+  return {};
 }
 
 }  // namespace
@@ -40,10 +48,8 @@ Ed25519Verifier::Ed25519Verifier(Ed25519Key key) : key_(std::move(key)) {}
 std::string Ed25519Verifier::Check(std::string_view payload, std::string_view block) const {
   const auto parts = SplitSignatureBlock(block);
   if (!parts) return "the message isn't signed";
-  const auto header = ParseHeader(parts->header);
-  if (!header) return "the header of the signature isn't a JSON object with \"alg\"";
-  if (header->algorithm != "EdDSA") return "the signature's algorithm isn't EdDSA";
-  if (header->keyId != key_.KeyId()) return "the signature was made with another key";
+  std::string problem = HeaderProblem(parts->header, key_.KeyId());
+  if (!problem.empty()) return problem;
   if (!key_.Verify(payload, parts->signature)) return "the signature doesn't match the payload";
   return {};
 }

@@ -27,8 +27,12 @@ class Ed25519Verifier {
   explicit Ed25519Verifier(Ed25519Key key);
 
   // Checks the form, algorithm, key name and signature of a block over a payload. Returns an empty text if it
-  // is valid, otherwise a phrase that says what is wrong ("the message isn't signed"). Throws std::bad_alloc.
+  // is valid, otherwise a phrase that says what is wrong ("the message isn't signed"). The signature doesn't
+  // cover the header, so that may have no member but "alg" and "kid", each once. Throws std::bad_alloc.
   std::string Check(std::string_view payload, std::string_view block) const;
+
+  // What Check returns if the message may be another key's.
+  static constexpr std::string_view otherKey = "the signature was made with another key";
 
  private:
   const Ed25519Key key_;
