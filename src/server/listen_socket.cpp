@@ -36,6 +36,11 @@ std::uint16_t PortOf(int handle) {
 
 }  // namespace
 
+void ListenSocket::Close() {
+  if (handle_ >= 0) close(handle_);
+  handle_ = -1;
+}
+
 ListenSocket OpenListenSocket(const std::string& address, std::uint16_t port) {
   const AddressList list = LookUp(address, port);
   const int handle =
@@ -45,7 +50,7 @@ ListenSocket OpenListenSocket(const std::string& address, std::uint16_t port) {
   const bool listening = handle >= 0 &&
                          setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) == 0 &&
                          bind(handle, list->ai_addr, list->ai_addrlen) == 0 && listen(handle, SOMAXCONN) == 0;
-  if (listening) return {handle, PortOf(handle)};
+  if (listening) return ListenSocket(handle, PortOf(handle));
   const std::string reason = std::generic_category().message(errno);
   if (handle >= 0) close(handle);
   throw std::runtime_error(address + " port " + std::to_string(port) + ": can't listen there: " + reason);

@@ -7,9 +7,21 @@
 
 namespace veld_report::server {
 
-struct ListenSocket {
-  int handle;          // non-blocking; the caller closes it
-  std::uint16_t port;  // the port in use
+// Listens from OpenListenSocket to Close or the destructor. One thread at a time.
+class ListenSocket {
+ public:
+  ListenSocket(int handle, std::uint16_t port) : handle_(handle), port_(port) {}
+  ListenSocket(const ListenSocket&) = delete;
+  ListenSocket& operator=(const ListenSocket&) = delete;
+  ~ListenSocket() { Close(); }
+
+  int Handle() const { return handle_; }  // non-blocking
+  std::uint16_t Port() const { return port_; }
+  void Close();
+
+ private:
+  int handle_;
+  const std::uint16_t port_;
 };
 
 // `address`: numeric or a name (its first address is used). `port` 0 takes a free one. Throws

@@ -8,14 +8,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <stdexcept>
-#include <vector>
+#include <string_view>
+#include <system_error>
 
 namespace veld_report::server {
 namespace {
+
+constexpr char notOurs[] = "isn't a file of JSON lines, so nothing is appended to it; name another file";
+// Far above the longest line that a packet can hold.
+constexpr std::size_t maxTailBytes = std::size_t{2} << 30;
 
 std::string Reason() { return std::generic_category().message(errno); }
 
@@ -30,13 +34,45 @@ bool WriteAll(int file, std::string_view text) {
   return true;
 }
 
+bool ReadAll(int file, std::uint64_t offset, char* to, std::size_t length) {
+  while (length > 0) {
+    const ssize_t got = pread(file, to, length, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    to += got;
+    offset += static_cast<std::uint64_t>(got);
+    length -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+// What the end of a file without a line end is: ours is the beginning of a JSON object on one line. A loss of
+// power can leave zero bytes in place of its end.
+enum class TailKind { torn, whole, foreign };
+
+TailKind KindOfTail(std::string_view tail) {
+  const std::string_view text = tail.substr(0, tail.find('\0'));
+  if (tail.find_first_not_of('\0', text.size()) != std::string_view::npos) return TailKind::foreign;
+  if (!text.empty() && text.front() != '{') return TailKind::foreign;
+  bool inString = false;
+  int depth = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char each = text[i];
+    if (static_cast<unsigned char>(each) < 0x20 && each != '\t' && each != '\r') return TailKind::foreign;
+    if (each == '"') inString = !inString;
+    if (inString && each == '\\') ++i;
+    if (inString) continue;
+    depth += each == '{' || each == '[' ? 1 : each == '}' || each == ']' ? -1 : 0;
+    if (depth == 0) return i + 1 == tail.size() ? TailKind::whole : TailKind::foreign;
+  }
+  return TailKind::torn;
+}
+
 }  // namespace
 
 NdjsonFile::NdjsonFile(const SinkOptions& options)
     : options_(options), clock_(options.clock ? options.clock : std::make_shared<host::SystemClock>()) {
   Adopt(Open());
-  if (file_.tornBytes == 0 || !options_.log) return;
-  options_.log(path_ + ": removed an incomplete last line of " + std::to_string(file_.tornBytes) + " bytes");
 }
 
 NdjsonFile::~NdjsonFile() { close(file_.handle); }
@@ -55,8 +91,8 @@ NdjsonFile::OpenFile NdjsonFile::Open() const {
       Fail("is being written by another process; give each server a file of its own");
     if (fstat(file.handle, &status) != 0) Fail("can't be examined: " + Reason());
     file.size = static_cast<std::uint64_t>(status.st_size);
-    SyncFolder();
     RepairTail(&file);
+    SyncFolder();
   } catch (...) {
     close(file.handle);
     throw;
@@ -67,7 +103,7 @@ NdjsonFile::OpenFile NdjsonFile::Open() const {
 void NdjsonFile::Adopt(const OpenFile& fresh) {
   if (file_.handle >= 0) close(file_.handle);
   file_ = fresh;
-  hasPartialLine_ = false;
+  partial_.clear();
   opened_ = clock_->Now();
 }
 
@@ -83,29 +119,77 @@ void NdjsonFile::SyncFolder() const {
   if (!synced) Fail("its folder can't be synced: " + reason);
 }
 
+void NdjsonFile::Say(const std::string& sentence) const {
+  if (options_.log) options_.log(path_ + ": " + sentence);
+}
+
+// The text after the last line end.
+std::string NdjsonFile::LastLine(const OpenFile& file) const {
+  constexpr std::uint64_t blockBytes = 65536;
+  std::string tail;
+  for (std::uint64_t begin = file.size; begin > 0;) {
+    const auto length = static_cast<std::size_t>(std::min(begin, blockBytes));
+    begin -= length;
+    std::string block(length, '\0');
+    if (!ReadAll(file.handle, begin, block.data(), length)) Fail("can't be read: " + Reason());
+    const std::size_t lineEnd = block.rfind('\n');
+    if (lineEnd != std::string::npos) return block.substr(lineEnd + 1) + tail;
+    tail.insert(0, block);
+    if (tail.size() > maxTailBytes) Fail(notOurs);
+  }
+  return tail;
+}
+
 void NdjsonFile::RepairTail(OpenFile* file) const {
-  std::vector<char> block(65536);
-  std::uint64_t whole = file->size;
-  while (whole > 0) {
-    const std::uint64_t begin = whole - std::min<std::uint64_t>(whole, block.size());
-    const auto length = static_cast<std::size_t>(whole - begin);
-    if (pread(file->handle, block.data(), length, static_cast<off_t>(begin)) !=
-        static_cast<ssize_t>(length)) {
-      Fail("can't be read: " + Reason());
-    }
-    const void* lineEnd = memrchr(block.data(), '\n', length);
-    if (lineEnd) {
-      whole = begin + static_cast<std::uint64_t>(static_cast<const char*>(lineEnd) - block.data()) + 1;
-      break;
-    }
-    whole = begin;
-  }
-  file->tornBytes = file->size - whole;
-  if (file->tornBytes == 0) return;
-  if (ftruncate(file->handle, static_cast<off_t>(whole)) != 0 || fdatasync(file->handle) != 0) {
+  if (file->size == 0) return;
+  char first = 0;
+  if (!ReadAll(file->handle, 0, &first, 1)) Fail("can't be read: " + Reason());
+  const std::string tail = LastLine(*file);
+  const TailKind kind = KindOfTail(tail);
+  // An empty tail is "torn" at its first byte.
+  if ((first != '{' && tail.size() != file->size) || kind == TailKind::foreign) Fail(notOurs);
+  file->endsInLine = kind == TailKind::whole;
+  if (kind == TailKind::whole || tail.empty()) return;
+  MoveAside(tail);
+  file->size -= tail.size();
+  if (ftruncate(file->handle, static_cast<off_t>(file->size)) != 0 || fdatasync(file->handle) != 0)
     Fail("its incomplete last line can't be removed: " + Reason());
+}
+
+void NdjsonFile::MoveAside(const std::string& torn) const {
+  const std::string name = FreeName(".torn");
+  const int handle = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
+  const bool written = handle >= 0 && WriteAll(handle, torn) && fsync(handle) == 0;
+  const std::string reason = written ? "" : Reason();
+  if (handle >= 0) close(handle);
+  if (!written) Fail("its incomplete last line can't be moved to " + name + ": " + reason);
+  Say("moved an incomplete last line of " + std::to_string(torn.size()) + " bytes to " + name);
+}
+
+// Whether the path still names the open file, and the file's size.
+bool NdjsonFile::HasPath(std::uint64_t* size) const {
+  struct stat own {
+  }, named{};
+  if (fstat(file_.handle, &own) != 0) Fail("can't be examined: " + Reason());
+  *size = static_cast<std::uint64_t>(own.st_size);
+  return stat(path_.c_str(), &named) == 0 && own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+}
+
+void NdjsonFile::LookAtFile() {
+  std::uint64_t size = 0;
+  if (!HasPath(&size)) {
+    Adopt(Open());
+    Say("was moved or removed; records go into a new file of that name");
+    return;
   }
-  file->size = whole;
+  if (!partial_.empty() && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
+  if (!HasPath(&size) || size == file_.size) return;
+  Say("was changed by another program, from " + std::to_string(file_.size) + " bytes to " +
+      std::to_string(size) + "; records are appended");
+  file_.size = size;
+  char last = '\n';
+  if (size != 0 && !ReadAll(file_.handle, size - 1, &last, 1)) Fail("can't be read: " + Reason());
+  file_.endsInLine = last != '\n';
 }
 
 void NdjsonFile::WriteGroup(std::vector<Member>& group) {
@@ -124,13 +208,14 @@ void NdjsonFile::WriteGroup(std::vector<Member>& group) {
     });
   }
   if (lines.empty()) return;
+  LookAtFile();
   if (IsTimeToRotate(lines.size())) Rotate();
+  if (file_.endsInLine) lines.insert(0, 1, '\n');
   Append(lines);
   Remember(fresh);
 }
 
 void NdjsonFile::Append(const std::string& lines) {
-  if (hasPartialLine_ && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
   std::string failure;
   if (!WriteAll(file_.handle, lines)) {
     failure = "can't be written: " + Reason();
@@ -140,15 +225,27 @@ void NdjsonFile::Append(const std::string& lines) {
   }
   if (failure.empty()) {
     file_.size += lines.size();
+    file_.endsInLine = false;
     return;
   }
+  partial_ = lines;
   CutBack();
   Fail(failure);
 }
 
+// Takes away what of `partial_` is at the end of the file, unless another program has changed the file since.
 bool NdjsonFile::CutBack() {
-  hasPartialLine_ = ftruncate(file_.handle, static_cast<off_t>(file_.size)) != 0;
-  return !hasPartialLine_;
+  struct stat status {};
+  if (fstat(file_.handle, &status) != 0) return false;
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  if (size > file_.size && size - file_.size <= partial_.size()) {
+    std::string tail(static_cast<std::size_t>(size - file_.size), '\0');
+    if (!ReadAll(file_.handle, file_.size, tail.data(), tail.size())) return false;
+    if (partial_.starts_with(tail) && ftruncate(file_.handle, static_cast<off_t>(file_.size)) != 0)
+      return false;
+  }
+  partial_.clear();
+  return true;
 }
 
 // If memory runs out here, what is stored may be stored once more, but it is stored.
@@ -167,34 +264,27 @@ bool NdjsonFile::IsTimeToRotate(std::size_t bytes) const {
 }
 
 void NdjsonFile::Rotate() {
-  if (hasPartialLine_ && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
-  // If an earlier attempt failed half-way, the file has its new name already.
-  if (rename(path_.c_str(), RotatedName().c_str()) != 0 && errno != ENOENT)
-    Fail("can't be rotated: " + Reason());
+  if (rename(path_.c_str(), FreeName("").c_str()) != 0) Fail("can't be rotated: " + Reason());
   Adopt(Open());
 }
 
-std::string NdjsonFile::RotatedName() const {
+std::string NdjsonFile::FreeName(const char* infix) const {
   const std::time_t now = host::Clock::WallTimePoint::clock::to_time_t(clock_->WallNow());
   std::tm utc{};
   gmtime_r(&now, &utc);
   char moment[32];
   moment[std::strftime(moment, sizeof moment, "%Y%m%dT%H%M%SZ", &utc)] = '\0';
-  const std::string base = path_ + "." + moment;
+  const std::string base = path_ + infix + "." + moment;
   std::string name = base;
   for (int i = 1; access(name.c_str(), F_OK) == 0; ++i) name = base + "-" + std::to_string(i);
   return name;
 }
 
 void NdjsonFile::ReopenFile() {
-  struct stat own {
-  }, named{};
-  if (fstat(file_.handle, &own) != 0) Fail("can't be examined: " + Reason());
-  const bool isSame =
-      stat(path_.c_str(), &named) == 0 && own.st_dev == named.st_dev && own.st_ino == named.st_ino;
-  if (isSame) return;
+  std::uint64_t size = 0;
+  if (HasPath(&size)) return;
   // Whoever moved the file must not find half a line in it.
-  if (hasPartialLine_ && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
+  if (!partial_.empty() && !CutBack()) Fail("its incomplete last line can't be removed: " + Reason());
   Adopt(Open());
 }
 

@@ -1,7 +1,10 @@
 // NdjsonFile: the sink that appends each record as a line to a file.
 //
-// A partial line that a crash or a full disk left is removed, so the file always holds whole lines. One
-// process writes a file at a time; an advisory lock keeps a second one out.
+// One process of ours writes a file at a time; an advisory lock keeps a second one out. Other programs may
+// rotate, remove or cut the file at any time: before each write the sink looks at what it writes to, opens
+// the path anew if it names another file, and appends to what is there. It takes away nothing but what it has
+// itself written of a line that didn't become whole. What a crash left of one is moved to a file of its own
+// at the start. A file that isn't one of JSON lines is refused and stays as it is.
 //
 // Rotation renames the file to FILE.20260331T094107Z, the moment in UTC, with "-1" and so on if there is such
 // a file, and goes on in a new one. It happens before a write that would make the file larger than
@@ -24,8 +27,9 @@ class NdjsonFile final : public GroupingSink {
  public:
   static constexpr std::size_t rememberedIds = 100'000;
 
-  // Opens or creates the file (readable by its owner and group) and cuts off a torn last line, which the log
-  // hears of. Throws std::runtime_error with a sentence if the file can't be opened or repaired.
+  // Opens or creates the file (readable by its owner and group) and moves a torn last line to
+  // FILE.torn.MOMENT, which the log hears of. Throws std::runtime_error with a sentence if the file can't be
+  // opened or repaired, or isn't one of JSON lines.
   explicit NdjsonFile(const SinkOptions& options);
   ~NdjsonFile() override;
   NdjsonFile(const NdjsonFile&) = delete;
@@ -34,21 +38,28 @@ class NdjsonFile final : public GroupingSink {
  private:
   struct OpenFile {
     int handle = -1;
-    std::uint64_t size = 0;  // of whole, synced lines
-    std::uint64_t tornBytes = 0;
+    std::uint64_t size = 0;   // of whole, synced lines
+    bool endsInLine = false;  // its last line has no end
   };
 
   void WriteGroup(std::vector<Member>& group) override;
   // Does nothing if the file is still the one that has the path.
   void ReopenFile() override;
 
+  // Finds out what has become of the file since the last write.
+  void LookAtFile();
+  bool HasPath(std::uint64_t* size) const;
   OpenFile Open() const;
   void Adopt(const OpenFile& fresh);
   void SyncFolder() const;
   void RepairTail(OpenFile* file) const;
+  void MoveAside(const std::string& torn) const;
+  std::string LastLine(const OpenFile& file) const;
+  void Say(const std::string& sentence) const;
   bool IsTimeToRotate(std::size_t bytes) const;
   void Rotate();
-  std::string RotatedName() const;
+  // The path, `infix`, and the moment.
+  std::string FreeName(const char* infix) const;
   void Append(const std::string& lines);
   bool CutBack();
   void Remember(std::unordered_set<std::string>& ids);
@@ -58,7 +69,7 @@ class NdjsonFile final : public GroupingSink {
   const std::string& path_ = options_.out;
   const std::shared_ptr<const host::Clock> clock_;
   OpenFile file_;
-  bool hasPartialLine_ = false;  // it couldn't be cut off yet
+  std::string partial_;  // what was being written when a write failed, until what of it is there is cut off
   host::Clock::TimePoint opened_;
   std::unordered_set<std::string> ids_;
   std::deque<const std::string*> idsByAge_;  // point into ids_

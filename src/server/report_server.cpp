@@ -124,23 +124,19 @@ class ReportServer::Impl {
  public:
   explicit Impl(ReportServerOptions options)
       : options_(std::move(options)),
+        socket_(OpenListenSocket(options_.address, options_.port)),
         sinks_(options_.sinks, options_.log, "senders are answered 503"),
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
         watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)}, options_.log) {
-    const ListenSocket listening = OpenListenSocket(options_.address, options_.port);
-    socket_ = listening.handle;
-    port_ = listening.port;
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::OnRequest, this,
-        MHD_OPTION_LISTEN_SOCKET, socket_, MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
+        MHD_OPTION_LISTEN_SOCKET, socket_.Handle(), MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
         // The library divides this among its threads, and one thread may get all connections.
         MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
         MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
         &Impl::OnCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::OnConnection, this, MHD_OPTION_END);
-    if (daemon_) return;
-    close(socket_);
-    throw std::runtime_error("the HTTP library can't start its threads");
+    if (!daemon_) throw std::runtime_error("the HTTP library can't start its threads");
   }
   ~Impl() { Stop(); }
   Impl(const Impl&) = delete;
@@ -156,12 +152,12 @@ class ReportServer::Impl {
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
     // A quiesced daemon leaves its socket to its owner.
-    close(socket_);
+    socket_.Close();
   }
 
   const ReportServerOptions& Options() const { return options_; }
   SinkSet& Sinks() { return sinks_; }
-  std::uint16_t Port() const { return port_; }
+  std::uint16_t Port() const { return socket_.Port(); }
   ServerLoad Load() {
     const ConnectionWatch::Load load = watch_.CurrentLoad();
     return {load.connections, options_.connectionLimit, load.bodyBytes, BodyMemory(options_),
@@ -379,11 +375,10 @@ class ReportServer::Impl {
   }
 
   const ReportServerOptions options_;
+  ListenSocket socket_;  // taken before the sinks change anything on the disk
   SinkSet sinks_;
   const std::unique_ptr<BodyCapture> capture_;  // may be null
   ConnectionWatch watch_;
-  int socket_ = -1;
-  std::uint16_t port_ = 0;
   MHD_Daemon* daemon_ = nullptr;
 
   std::mutex mutex_;  // guards `active_`

@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -275,31 +276,81 @@ TEST(Sinks, RotationTearsAndLosesNoLine) {
 }
 
 // One server after the other, on the same port and file.
-TEST_F(ReportServerTest, TornLastLineIsCutOffAtTheStart) {
+TEST_F(ReportServerTest, TornLastLineIsMovedAsideAtTheStart) {
   ReportServerOptions options = Options();
+  const std::string line = "{\"a\":1}\n", large = "{\"" + std::string(200000, 'x');
   const struct {
     std::string before, after;
+    std::string torn{};  // "refused": the server doesn't start
   } cases[] = {
       {"", ""},
-      {"{\"a\":1}\n", "{\"a\":1}\n"},
-      {"{\"torn\":", ""},
-      {"1\n" + std::string(200000, 'x'), "1\n"},
-      {std::string(65535, 'x') + "\n" + std::string(65536, 'y'), std::string(65535, 'x') + "\n"},
+      {line, line},
+      {"{\"torn\":", "", "{\"torn\":"},
+      {line + large, line, large},
+      {line + std::string("{\"x\0\0", 5), line, std::string("{\"x\0\0", 5)},
+      {line + std::string(3, '\0'), line, std::string(3, '\0')},
+      {line + "{\"whole\":\"}\\\"\"}", line + "{\"whole\":\"}\\\"\"}\n"},
+      {"\xff\xd8\xff\xe0 a picture", "", "refused"},
+      {"a text\nof others", "", "refused"},
+      {"others\n", "", "refused"},
+      {line + "others", "", "refused"},
+      {line + "{} {", "", "refused"},
   };
   for (const auto& each : cases) {
     tests::WriteFile(Path(), each.before);
     std::string log;
-    options.log = [&log](const std::string& line) { log += line; };
+    options.log = [&log](const std::string& text) { log += text; };
+    const bool fails = each.torn == "refused";
+    if (fails) {
+      EXPECT_THROW(ReportServer{options}, std::runtime_error) << each.before;
+      EXPECT_EQ(Stored(), each.before);
+      continue;
+    }
     ReportServer server(options);
     options.port = server.Port();
-    const std::size_t torn = each.before.size() - each.after.size();
-    const std::string sentence = "removed an incomplete last line of " + std::to_string(torn) + " bytes";
-    EXPECT_EQ(log, torn == 0 ? "" : Path() + ": " + sentence);
-    EXPECT_EQ(Stored(), each.after);
+    EXPECT_THROW(ReportServer{options}, std::runtime_error);  // the address is in use
+    const std::string sentence = "moved an incomplete last line of " + std::to_string(each.torn.size());
+    EXPECT_THAT(log, HasSubstr(each.torn.empty() ? "" : Path() + ": " + sentence));
+    if (!each.torn.empty()) {
+      const std::string moved = log.substr(log.rfind(' ') + 1);
+      EXPECT_EQ(tests::ReadFile(moved), each.torn);
+      std::filesystem::remove(moved);
+    }
     EXPECT_EQ(Exchange(server.Port(), Post(exampleBody)).status, 200);
     EXPECT_EQ(Stored(), each.after + "{\"a\":1}\n{\"b\":2}\n");
     server.Stop();
     EXPECT_EQ(Exchange(options.port, Post(exampleBody)).status, 0);
+  }
+}
+
+// What other programs do to a file while it is served: nothing that is answered later goes anywhere else.
+TEST(Sinks, FilesThatOthersChangeKeepEveryRecord) {
+  const tests::TemporaryFolder folder;
+  const std::string path = folder / "out", moved = folder / "moved", stored = "{}\n";
+  const struct {
+    const char* what;
+    std::function<void()> change;
+    std::string after;
+  } cases[] = {
+      {"rm", [&] { std::filesystem::remove(path); }, stored},
+      {"create", [&] { std::filesystem::rename(path, moved), tests::WriteFile(path, ""); }, stored},
+      {"copytruncate", [&] { std::filesystem::resize_file(path, 0); }, stored},
+      {"cut in a line", [&] { std::filesystem::resize_file(path, 1); }, "{\n" + stored},
+      {"foreign lines", [&] { tests::WriteFile(path, "{}\n{\"b\":0}\n{"); }, "{}\n{\"b\":0}\n{\n" + stored},
+      {"a foreign file", [&] { tests::WriteFile(moved, "?\n"), std::filesystem::rename(moved, path); }, ""},
+  };
+  for (const auto& each : cases) {
+    std::filesystem::remove(path);
+    const auto sink = OpenSink({path});
+    sink->Store(PacketOf(stored));
+    each.change();
+    if (each.after.empty()) {
+      EXPECT_THROW(sink->Store(PacketOf(stored)), std::runtime_error) << each.what;
+      EXPECT_EQ(tests::ReadFile(path), "?\n");
+    } else {
+      EXPECT_EQ(sink->Store(PacketOf(stored)).stored, 1U);
+      EXPECT_EQ(tests::ReadFile(path), each.after) << each.what;
+    }
   }
 }
 
