@@ -1,9 +1,8 @@
 // A folder for one test, removed with the object.
 #pragma once
 
-#include <stdlib.h>
-
 #include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -13,9 +12,10 @@ namespace veld_report::tests {
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
-    std::string name = (parent / "veld_test.XXXXXX").string();
-    if (!mkdtemp(name.data())) throw std::runtime_error("can't make a folder for the test: " + name);
-    path_ = name;
+    path_ = parent / ("veld_test." + std::to_string(std::random_device()()));
+    if (!std::filesystem::create_directory(path_))
+      throw std::runtime_error("can't make a folder for the test: " + path_.string());
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all);
   }
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
@@ -25,7 +25,7 @@ class TemporaryFolder {
   }
 
   const std::filesystem::path& Path() const { return path_; }
-  std::string operator/(std::string_view name) const { return path_ / name; }
+  std::string operator/(std::string_view name) const { return (path_ / name).string(); }
 
  private:
   std::filesystem::path path_;

@@ -203,7 +203,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   std::string Files(const std::string& part) const {
     Strings names;
     for (const auto& entry : fs::directory_iterator(options.folder)) {
-      const std::string name = entry.path().filename();
+      const std::string name = entry.path().filename().string();
       if (name.find(part) != name.npos) names.push_back(name);
       EXPECT_EQ(entry.status().permissions(), fs::perms(0600)) << name;
     }
@@ -220,7 +220,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   // Without what differs between runs and versions of SQLite.
   std::string Plain(std::string text) const {
     if (const auto open = text.find('('); open != text.npos) text.erase(open - 1, text.rfind(')') - open + 2);
-    const std::string path = options.folder;
+    const std::string path = options.folder.string();
     for (std::size_t at; (at = text.find(path)) != text.npos;) text.replace(at, path.size(), "FOLDER");
     return text;
   }
