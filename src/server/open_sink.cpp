@@ -4,6 +4,7 @@
 
 #include "host/base/redact.h"
 #include "server/ndjson_file.h"
+#include "server/postgres_table.h"
 #include "server/sqlite_file.h"
 
 namespace veld_report::server {
@@ -21,9 +22,10 @@ std::string_view SchemeOf(std::string_view out) {
 
 SinkKind SinkKindOf(std::string_view out) {
   const std::string_view scheme = SchemeOf(out);
+  if (scheme == "postgresql" || scheme == "postgres") return SinkKind::postgres;
   if (!scheme.empty()) {
     throw std::invalid_argument("there is no sink for " + std::string(scheme) +
-                                "://; expected FILE or FILE.sqlite");
+                                "://; expected FILE, FILE.sqlite or postgresql://");
   }
   if (out.ends_with(".sqlite")) return SinkKind::sqlite;
   return SinkKind::lines;
@@ -38,6 +40,8 @@ std::unique_ptr<RecordSink> OpenSink(const SinkOptions& options) {
   switch (SinkKindOf(options.out)) {
     case SinkKind::sqlite:
       return std::make_unique<SqliteFile>(options);
+    case SinkKind::postgres:
+      return std::make_unique<PostgresTable>(options);
     case SinkKind::lines:
       break;
   }

@@ -63,6 +63,13 @@ void Program::Signal(int number) {
   if (process_ > 0) kill(process_, number);
 }
 
+bool Program::HasEnded() const {
+  siginfo_t ended{};
+  return process_ < 0 ||
+         waitid(P_PID, static_cast<id_t>(process_), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+         ended.si_pid != 0;
+}
+
 int Program::Wait(std::chrono::seconds limit) {
   EndInput();
   int status = 0;

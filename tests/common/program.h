@@ -27,6 +27,7 @@ class Program {
   void EndInput();
   void Signal(int number);
   pid_t Id() const { return process_; }  // -1 once it has ended
+  bool HasEnded() const;
   // Ends the input and returns the exit code; -signal if a signal ended it. Throws std::runtime_error if it
   // hasn't ended within the limit.
   int Wait(std::chrono::seconds limit = std::chrono::minutes(1));

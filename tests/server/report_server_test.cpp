@@ -2,20 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <thread>
 #include <vector>
 
-#include "server/open_sink.h"
-#include "server/sink_set.h"
 #include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
-#include "tests/host/manual_clock.h"
 #include "tests/server/compress.h"
 #include "tests/server/message_builder.h"
 #include "tests/server/raw_client.h"
@@ -156,125 +151,6 @@ TEST_F(ReportServerTest, ConcurrentMessagesAreStoredWhole) {
   EXPECT_THAT(tests::Lines(Stored()), testing::UnorderedElementsAreArray(expected));
 }
 
-SinkPacket PacketOf(std::string_view lines) { return {"host/v1", "/v1", "key", {}, lines}; }
-
-// Runs statements on a database beside the sink. Returns the first column of the rows, comma-separated.
-std::string Sql(const std::string& path, const char* statements) {
-  sqlite3* database = nullptr;
-  std::string values;
-  const auto add = [](void* all, int, char** columns, char**) {
-    static_cast<std::string*>(all)->append(columns[0] ? columns[0] : "null").push_back(',');
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(database, statements, add, &values, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-  sqlite3_close(database);
-  return values;
-}
-
-TEST(Sinks, AnEarlierTableIsMigratedAndALaterOneRefused) {
-  const tests::TemporaryFolder folder;
-  const SinkOptions options{folder / "out.sqlite"};
-  Sql(options.out,
-      "CREATE TABLE records (id TEXT, record_time TEXT, received TEXT NOT NULL, url_path TEXT NOT NULL, "
-      "key_name TEXT NOT NULL, json TEXT NOT NULL); CREATE UNIQUE INDEX records_by_id ON records (id);"
-      "INSERT INTO records VALUES ('1', null, '', '', '', 'old')");
-  const auto result = OpenSink(options)->Store(PacketOf("{\"recordId\":\"1\"}\n{\"recordId\":\"2\"}\n"));
-  EXPECT_EQ(result.stored, 1U);
-  EXPECT_EQ(Sql(options.out, "SELECT url || key_name || received || json FROM records ORDER BY id"),
-            "old,host/v1key1970-01-01T00:00:00.000Z{\"recordId\":\"2\"},");
-  Sql(options.out, "PRAGMA user_version = 99");
-  EXPECT_THROW(OpenSink(options), std::runtime_error);
-  EXPECT_EQ(Sql(options.out, "PRAGMA user_version"), "99,");
-}
-
-// While one of two sinks is away, a packet is stored at most once more in the other, with or without ids.
-TEST(Sinks, APacketIsStoredOnceAllSinksHaveIt) {
-  const tests::TemporaryFolder folder;
-  const std::string lines = folder / "out", database = folder / "out.sqlite",
-                    text = "{\"recordId\":\"1\"}\n2\n";
-  std::vector<std::string> log;
-  SinkSet sinks(
-      {{lines}, {database}}, [&](const std::string& line) { log.push_back(line); }, "nothing is");
-  Sql(database, "CREATE TRIGGER t BEFORE INSERT ON records BEGIN SELECT RAISE(ABORT, 'is away'); END");
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_THROW(sinks.Store(PacketOf(text)), std::runtime_error);
-    EXPECT_TRUE(sinks.IsFailing());
-    EXPECT_EQ(tests::ReadFile(lines), text);
-  }
-  Sql(database, "DROP TRIGGER t");
-  EXPECT_EQ(sinks.Store(PacketOf(text)).stored, 2U);
-  EXPECT_FALSE(sinks.IsFailing());
-  EXPECT_EQ(tests::ReadFile(lines), text + "2\n");
-  EXPECT_EQ(Sql(database, "SELECT json FROM records"), "{\"recordId\":\"1\"},2,");
-  EXPECT_THAT(log, testing::ElementsAre(database + ": is away; nothing is until records can be stored again",
-                                        database + ": records are stored again"));
-}
-
-// Of each sink: what it stores, what it takes for repeated, and what it still knows after a restart.
-TEST(Sinks, RepeatedRecordsAreStoredOnce) {
-  const struct {
-    const char *name, *lines;
-    StoreResult result, afterRestart;
-  } cases[] = {
-      {"a", "{\"recordId\":\"1\"}\n{\"n\":1e999,\"recordId\":\"2\"}\n{\"recordId\":\"1\"}\n", {2, 1}, {0, 3}},
-      {"b", "{\"recordId\":7}\n{\"x\":{\"recordId\":\"1\"}}\n\"recordId\"\n", {3, 0}, {3, 0}},
-      {"c", "{\"recordId\":\"\"}\n{\"recordId\":\"a\\u0000\"}\n{\"recordId\":\"\\ud800\"}\n", {3, 0}, {3, 0}},
-  };
-  const tests::TemporaryFolder folder;
-  for (const auto& each : cases) {
-    for (const bool isDatabase : {false, true}) {
-      const SinkOptions options{folder / (std::string(each.name) + (isDatabase ? ".sqlite" : ".ndjson"))};
-      const auto expect = [&](RecordSink& sink, const StoreResult& expected) {
-        const StoreResult result = sink.Store(PacketOf(each.lines));
-        EXPECT_EQ(result.stored, expected.stored) << options.out;
-        EXPECT_EQ(result.repeated, expected.repeated) << options.out;
-      };
-      auto sink = OpenSink(options);
-      expect(*sink, each.result);
-      expect(*sink, each.afterRestart);
-      sink.reset();
-      expect(*OpenSink(options), isDatabase ? each.afterRestart : each.result);
-    }
-  }
-}
-
-// A client per thread stores while the file is rotated by size and time, and moved away.
-TEST(Sinks, RotationTearsAndLosesNoLine) {
-  const tests::TemporaryFolder folder;
-  const auto clock = std::make_shared<tests::ManualClock>();
-  const std::string path = folder / "out";
-  std::vector<std::string> expected, found;
-  {
-    const auto sink = OpenSink({path, 2000, std::chrono::seconds(60), clock});
-    std::vector<std::thread> threads;
-    for (int client = 0; client < 4; ++client) {
-      for (int i = 0; i < 100; ++i) expected.push_back(std::to_string(1000 * client + i));
-      threads.emplace_back([&sink, client] {
-        for (int i = 0; i < 100; ++i) sink->Store(PacketOf(std::to_string(1000 * client + i) + "\n"));
-      });
-    }
-    for (int i = 0; i < 5; ++i) {
-      std::error_code isRotating;  // then there is nothing to move
-      std::filesystem::rename(path, folder / ("moved" + std::to_string(i)), isRotating);
-      sink->Reopen();
-      clock->Advance(std::chrono::seconds(61));
-    }
-    for (std::thread& each : threads) each.join();
-    sink->Store(PacketOf("-1\n"));
-    clock->Advance(std::chrono::seconds(61));
-    sink->Store(PacketOf("-2\n"));
-    EXPECT_EQ(tests::ReadFile(path), "-2\n");
-  }
-  expected.insert(expected.end(), {"-1", "-2"});
-  for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
-    const std::string text = tests::ReadFile(file.path());
-    EXPECT_LE(text.size(), 2000U);
-    for (const std::string& line : tests::Lines(text)) found.push_back(line);
-  }
-  EXPECT_THAT(found, testing::UnorderedElementsAreArray(expected));
-}
-
 // One server after the other, on the same port and file.
 TEST_F(ReportServerTest, TornLastLineIsMovedAsideAtTheStart) {
   ReportServerOptions options = Options();
@@ -320,37 +196,6 @@ TEST_F(ReportServerTest, TornLastLineIsMovedAsideAtTheStart) {
     EXPECT_EQ(Stored(), each.after + "{\"a\":1}\n{\"b\":2}\n");
     server.Stop();
     EXPECT_EQ(Exchange(options.port, Post(exampleBody)).status, 0);
-  }
-}
-
-// What other programs do to a file while it is served: nothing that is answered later goes anywhere else.
-TEST(Sinks, FilesThatOthersChangeKeepEveryRecord) {
-  const tests::TemporaryFolder folder;
-  const std::string path = folder / "out", moved = folder / "moved", stored = "{}\n";
-  const struct {
-    const char* what;
-    std::function<void()> change;
-    std::string after;
-  } cases[] = {
-      {"rm", [&] { std::filesystem::remove(path); }, stored},
-      {"create", [&] { std::filesystem::rename(path, moved), tests::WriteFile(path, ""); }, stored},
-      {"copytruncate", [&] { std::filesystem::resize_file(path, 0); }, stored},
-      {"cut in a line", [&] { std::filesystem::resize_file(path, 1); }, "{\n" + stored},
-      {"foreign lines", [&] { tests::WriteFile(path, "{}\n{\"b\":0}\n{"); }, "{}\n{\"b\":0}\n{\n" + stored},
-      {"a foreign file", [&] { tests::WriteFile(moved, "?\n"), std::filesystem::rename(moved, path); }, ""},
-  };
-  for (const auto& each : cases) {
-    std::filesystem::remove(path);
-    const auto sink = OpenSink({path});
-    sink->Store(PacketOf(stored));
-    each.change();
-    if (each.after.empty()) {
-      EXPECT_THROW(sink->Store(PacketOf(stored)), std::runtime_error) << each.what;
-      EXPECT_EQ(tests::ReadFile(path), "?\n");
-    } else {
-      EXPECT_EQ(sink->Store(PacketOf(stored)).stored, 1U);
-      EXPECT_EQ(tests::ReadFile(path), each.after) << each.what;
-    }
   }
 }
 

@@ -111,9 +111,11 @@ Command MakeServeCommand(CLI::App& program) {
       ->type_name("ADDRESS:PORT")
       ->capture_default_str();
   command
-      ->add_option("--out", options->out,
-                   "FILE.sqlite is a database, any other name a file of one JSON item per line; both are "
-                   "synced before each answer. Given several times, each gets all items")
+      ->add_option(
+          "--out", options->out,
+          "FILE.sqlite or postgresql://USER@HOST:PORT/DATABASE is a database, any other name a file of "
+          "one JSON item per line; all are safe before each answer. Given several times, each gets "
+          "all items")
       ->type_name("FILE")
       ->expected(1)
       ->take_all()
