@@ -1,16 +1,19 @@
 // veldrep serve: the report server in the foreground, until SIGTERM or SIGINT.
 #include <signal.h>
 
-#include <charconv>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "apps/veldrep/address_option.h"
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/key_option.h"
+#include "apps/veldrep/page_option.h"
 #include "server/open_sink.h"
+#include "server/page/page_server.h"
 #include "server/report_server.h"
 
 namespace veld_report::app {
@@ -28,23 +31,8 @@ struct ServeOptions {
   std::size_t bodyMemoryMiB = 256;
   unsigned connections = 512;
   unsigned requestSeconds = 60;
+  std::shared_ptr<PageOptions> page;
 };
-
-// "127.0.0.1:0", "[::1]:8080", "localhost:80".
-void ParseListen(const std::string& text, server::ReportServerOptions* options) {
-  const std::size_t colon = text.rfind(':');
-  const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
-  std::string address = text.substr(0, colon == std::string::npos ? text.size() : colon);
-  const bool bracketed = address.size() > 2 && address.front() == '[' && address.back() == ']';
-  if (bracketed) address = address.substr(1, address.size() - 2);
-  const auto [end, code] = std::from_chars(port.data(), port.data() + port.size(), options->port);
-  const bool portOk = !port.empty() && code == std::errc() && end == port.data() + port.size();
-  // Without brackets the last group of an IPv6 address would be taken for the port.
-  if (address.empty() || !portOk || (!bracketed && address.find(':') != std::string::npos)) {
-    throw WrongCommandLine("--listen " + text + ": expected ADDRESS:PORT, as in 127.0.0.1:0 or [::1]:8080");
-  }
-  options->address = address;
-}
 
 // Rotation is for files of lines; to ask for it with none is a mistake.
 std::vector<server::SinkOptions> ReadSinks(const ServeOptions& given) {
@@ -66,7 +54,9 @@ std::vector<server::SinkOptions> ReadSinks(const ServeOptions& given) {
 
 int Serve(const ServeOptions& given) {
   server::ReportServerOptions options;
-  ParseListen(given.listen, &options);
+  const AddressOption listen = ParseAddress("--listen", given.listen);
+  options.address = listen.address;
+  options.port = listen.port;
   options.sinks = ReadSinks(given);
   const KeyRing keys = ReadKeys(given.keys);
   options.verifier = keys.verifier;
@@ -78,6 +68,9 @@ int Serve(const ServeOptions& given) {
   options.connectionLimit = given.connections;
   options.requestTime = std::chrono::seconds(given.requestSeconds);
   options.log = Complain;
+  server::PageServerOptions pageOptions;
+  std::optional<server::PageWatch> watch;
+  if (ReadPageOptions(*given.page, &pageOptions)) options.observer = &watch.emplace();
 
   // Blocked before the server's threads start, so that they inherit the mask and only sigwait gets these.
   sigset_t ending;
@@ -89,7 +82,10 @@ int Serve(const ServeOptions& given) {
   signal(SIGPIPE, SIG_IGN);
 
   server::ReportServer server(std::move(options));
-  std::printf("listening on %s\n%s\n", server.Url().c_str(), DescribeKeys(keys).c_str());
+  std::optional<server::PageServer> page;
+  if (watch) page.emplace(pageOptions, server, *watch);
+  std::printf("listening on %s\n%s\n%s", server.Url().c_str(), DescribeKeys(keys).c_str(),
+              page ? ("page on " + page->Url() + "\n").c_str() : "");
   std::fflush(stdout);
   int received = SIGHUP;
   while (sigwait(&ending, &received) == 0 && received == SIGHUP) server.ReopenSinks();
@@ -174,6 +170,7 @@ Command MakeServeCommand(CLI::App& program) {
       ->check(CLI::Range(1, 3600))
       ->type_name("SECONDS")
       ->capture_default_str();
+  options->page = AddPageOptions(*command);
   command->footer(
       "Prints \"listening on http://ADDRESS:PORT\" when it is ready. SIGTERM or Ctrl-C stops it; on SIGHUP "
       "it "

@@ -1,0 +1,33 @@
+# cmake -D OUTPUT=file.cpp -D "FILES=path|path" -P EmbedAssets.cmake
+# Writes a source with the text of each file, found by "/" and its name; index.html is "/", and chart.min.js is
+# "/chart.js". The files are text without a NUL.
+cmake_minimum_required(VERSION 3.25)
+string(REPLACE "|" ";" files "${FILES}")
+set(source "// Made from the page's files.\n#include \"server/page/page_assets.h\"\n\n")
+string(APPEND source "namespace veld_report::server {\nnamespace {\n\nconstexpr PageAsset assets[] = {\n")
+foreach(file IN LISTS files)
+  cmake_path(GET file FILENAME name)
+  cmake_path(GET file EXTENSION LAST_ONLY extension)
+  set(path /${name})
+  if(name STREQUAL "index.html")
+    set(path /)
+  elseif(name STREQUAL "chart.min.js")
+    set(path /chart.js)
+  endif()
+  set(type_.html "text/html")
+  set(type_.css "text/css")
+  set(type_.js "text/javascript")
+  set(type_.svg "image/svg+xml")
+  file(READ ${file} text)
+  string(FIND "${text}" ")~veld~\"" found)
+  if(NOT found EQUAL -1)
+    message(FATAL_ERROR "${file} has the characters that end a text of the source")
+  endif()
+  string(APPEND source "    {\"${path}\", \"${type_${extension}}; charset=utf-8\", R\"~veld~(")
+  string(APPEND source "${text}")
+  string(APPEND source ")~veld~\"},\n")
+endforeach()
+string(APPEND source "};\n\n}  // namespace\n\nconst PageAsset* FindPageAsset(std::string_view path) {\n"
+  "  for (const PageAsset& each : assets) {\n    if (each.path == path) return &each;\n  }\n  return nullptr;\n}\n\n"
+  "}  // namespace veld_report::server\n")
+file(WRITE ${OUTPUT} "${source}")
