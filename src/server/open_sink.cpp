@@ -6,6 +6,7 @@
 #include "server/ndjson_file.h"
 #include "server/postgres_table.h"
 #include "server/sqlite_file.h"
+#include "server/stream_sink.h"
 
 namespace veld_report::server {
 
@@ -23,9 +24,10 @@ std::string_view SchemeOf(std::string_view out) {
 SinkKind SinkKindOf(std::string_view out) {
   const std::string_view scheme = SchemeOf(out);
   if (scheme == "postgresql" || scheme == "postgres") return SinkKind::postgres;
+  if (scheme == "nats") return SinkKind::stream;
   if (!scheme.empty()) {
     throw std::invalid_argument("there is no sink for " + std::string(scheme) +
-                                "://; expected FILE, FILE.sqlite or postgresql://");
+                                "://; expected FILE, FILE.sqlite, postgresql:// or nats://");
   }
   if (out.ends_with(".sqlite")) return SinkKind::sqlite;
   return SinkKind::lines;
@@ -42,6 +44,8 @@ std::unique_ptr<RecordSink> OpenSink(const SinkOptions& options) {
       return std::make_unique<SqliteFile>(options);
     case SinkKind::postgres:
       return std::make_unique<PostgresTable>(options);
+    case SinkKind::stream:
+      return std::make_unique<StreamSink>(options);
     case SinkKind::lines:
       break;
   }

@@ -9,7 +9,7 @@
 
 namespace veld_report::server {
 
-enum class SinkKind { lines, sqlite, postgres };
+enum class SinkKind { lines, sqlite, postgres, stream };
 
 // By the scheme of a URL, or else by the end of a path: FILE.sqlite is a database, everything else a file of
 // lines. A path that looks like a URL begins with "./". Throws std::invalid_argument with a sentence for a

@@ -10,8 +10,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +50,12 @@ struct StoreResult {
   std::size_t repeated = 0;
 };
 
+// No attempt to store the packet can succeed.
+class PacketTooLarge : public std::runtime_error {
+ public:
+  using runtime_error::runtime_error;
+};
+
 // Threads: any, for all operations.
 class RecordSink {
  public:
@@ -60,6 +68,8 @@ class RecordSink {
   // progress. Throws std::runtime_error with a sentence. Then the next Store uses the former file or, in the
   // case of a database, opens it again.
   virtual void Reopen() = 0;
+  // The maximum size of a packet's lines. It may change, because another server may set it.
+  virtual std::size_t MaxPacketBytes() const { return std::numeric_limits<std::size_t>::max(); }
 };
 
 struct SinkOptions {

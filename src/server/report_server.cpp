@@ -129,6 +129,7 @@ class ReportServer::Impl {
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
         watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)}, options_.log) {
+    CompareLimits();
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::OnRequest, this,
         MHD_OPTION_LISTEN_SOCKET, socket_.Handle(), MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
@@ -169,6 +170,16 @@ class ReportServer::Impl {
   std::atomic<std::uint64_t> refusedRequests{0};
 
  private:
+  // A body has its records in base64.
+  void CompareLimits() const {
+    std::string sink;
+    const std::size_t maxBytes = sinks_.MaxPacketBytes(&sink);
+    if (maxBytes < options_.bodyLimitBytes / 4 * 3)
+      Log(sink + ": it takes messages with up to " + std::to_string(maxBytes) +
+          " bytes of records, while a body may have " + std::to_string(options_.bodyLimitBytes) +
+          " bytes; larger ones are answered 413");
+  }
+
   // The library is written in C, so nothing may be thrown through it. It calls once with the headers, once or
   // more with pieces of the body, and once with an empty piece at the end.
   static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char* path, const char* method,
@@ -330,6 +341,8 @@ class ReportServer::Impl {
       const std::string repeated =
           result.repeated == 0 ? "" : std::to_string(result.repeated) + " items repeated, ";
       return {MHD_HTTP_OK, repeated + std::to_string(result.stored) + " items stored"};
+    } catch (const PacketTooLarge& error) {
+      return Refuse(MHD_HTTP_CONTENT_TOO_LARGE, RefusalReason::size, error.what());
     } catch (const std::runtime_error& error) {
       ++refusedRequests;
       return {MHD_HTTP_SERVICE_UNAVAILABLE, error.what(), RefusalReason::sink};

@@ -1,6 +1,7 @@
 #include "server/sink_set.h"
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -23,6 +24,11 @@ SinkSet::SinkSet(std::vector<SinkOptions> sinks, Log log, std::string meanwhile)
 }
 
 StoreResult SinkSet::Store(const SinkPacket& packet) {
+  std::string least;
+  const std::size_t maxBytes = MaxPacketBytes(&least);
+  if (packet.lines.size() > maxBytes)
+    throw PacketTooLarge(least + ": the records of the message have " + std::to_string(packet.lines.size()) +
+                         " bytes; at most " + std::to_string(maxBytes) + " can be stored");
   StoreResult most;
   std::vector<Member*> order;
   for (const auto& member : members_) order.push_back(member.get());
@@ -56,6 +62,17 @@ void SinkSet::Reopen() {
       Say(error.what());
     }
   }
+}
+
+std::size_t SinkSet::MaxPacketBytes(std::string* name) const {
+  std::size_t least = std::numeric_limits<std::size_t>::max();
+  for (const auto& member : members_) {
+    const std::size_t bytes = member->sink->MaxPacketBytes();
+    if (bytes >= least) continue;
+    least = bytes;
+    if (name) *name = DisplayName(member->out);
+  }
+  return least;
 }
 
 bool SinkSet::IsFailing() const {

@@ -27,10 +27,13 @@ class SinkSet {
   SinkSet(std::vector<SinkOptions> sinks, Log log, std::string meanwhile);
 
   // The result is that of the sink that stored most: a record counts as stored if one of them didn't have it.
-  // Throws std::runtime_error with the sentence of the sink that can't store the packet.
+  // Throws std::runtime_error with the sentence of the sink that can't store the packet, and PacketTooLarge,
+  // having stored nothing, if one of them never can.
   StoreResult Store(const SinkPacket& packet);
   // RecordSink::Reopen of each. A failure goes to the log.
   void Reopen();
+  // RecordSink::MaxPacketBytes of the one that takes least. `name`: gets its name; may be null.
+  std::size_t MaxPacketBytes(std::string* name = nullptr) const;
   // Whether one of them couldn't store the latest packet that it got.
   bool IsFailing() const;
 

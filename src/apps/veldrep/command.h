@@ -32,6 +32,7 @@ struct Command {
 
 // Each adds its command to the program. The options live as long as the returned `run`.
 Command MakeServeCommand(CLI::App& program);
+Command MakeDrainCommand(CLI::App& program);
 Command MakeSendCommand(CLI::App& program);
 Command MakeQueuesCommand(CLI::App& program);
 Command MakeStoreCommand(CLI::App& program);

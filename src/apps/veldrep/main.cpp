@@ -106,10 +106,10 @@ int Main(int argumentCount, char** arguments) {
   program.footer(
       "veldrep COMMAND --help shows the options of a command.\n"
       "Exit codes: 0 done, 1 failed, 2 wrong command line, 3 done, but lines were refused.");
-  const std::vector<Command> commands = {MakeServeCommand(program),  MakeSendCommand(program),
-                                         MakeQueuesCommand(program), MakeStoreCommand(program),
-                                         MakeDecodeCommand(program), MakeKeygenCommand(program),
-                                         MakePinCommand(program)};
+  const std::vector<Command> commands = {MakeServeCommand(program),  MakeDrainCommand(program),
+                                         MakeSendCommand(program),   MakeQueuesCommand(program),
+                                         MakeStoreCommand(program),  MakeDecodeCommand(program),
+                                         MakeKeygenCommand(program), MakePinCommand(program)};
   try {
     program.parse(argumentCount, arguments);
   } catch (const CLI::ParseError& error) {

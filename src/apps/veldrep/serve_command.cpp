@@ -4,15 +4,14 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "apps/veldrep/address_option.h"
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/key_option.h"
+#include "apps/veldrep/out_options.h"
 #include "apps/veldrep/page_option.h"
-#include "server/open_sink.h"
 #include "server/page/page_server.h"
 #include "server/report_server.h"
 
@@ -21,9 +20,7 @@ namespace {
 
 struct ServeOptions {
   std::string listen = "127.0.0.1:0";
-  std::vector<std::string> out;
-  std::uint64_t rotateMiB = 0;
-  unsigned rotateSeconds = 0;
+  OutOptions out;
   std::vector<std::string> keys;
   std::string capture;
   unsigned status = 200;
@@ -34,30 +31,12 @@ struct ServeOptions {
   std::shared_ptr<PageOptions> page;
 };
 
-// Rotation is for files of lines; to ask for it with none is a mistake.
-std::vector<server::SinkOptions> ReadSinks(const ServeOptions& given) {
-  std::vector<server::SinkOptions> sinks;
-  bool hasLines = false;
-  for (const std::string& out : given.out) {
-    try {
-      hasLines = server::SinkKindOf(out) == server::SinkKind::lines || hasLines;
-    } catch (const std::invalid_argument& error) {
-      throw WrongCommandLine("--out " + server::DisplayName(out) + ": " + error.what());
-    }
-    sinks.push_back({out, given.rotateMiB << 20, std::chrono::seconds(given.rotateSeconds)});
-  }
-  if (!hasLines && (given.rotateMiB != 0 || given.rotateSeconds != 0))
-    throw WrongCommandLine(
-        "--rotate-size and --rotate-every are for a file of lines; no --out of the command is one");
-  return sinks;
-}
-
 int Serve(const ServeOptions& given) {
   server::ReportServerOptions options;
   const AddressOption listen = ParseAddress("--listen", given.listen);
   options.address = listen.address;
   options.port = listen.port;
-  options.sinks = ReadSinks(given);
+  options.sinks = ReadSinks(given.out);
   const KeyRing keys = ReadKeys(given.keys);
   options.verifier = keys.verifier;
   options.keyNames = keys.names;
@@ -106,28 +85,7 @@ Command MakeServeCommand(CLI::App& program) {
   command->add_option("--listen", options->listen, "address and port to listen on; port 0 picks a free one")
       ->type_name("ADDRESS:PORT")
       ->capture_default_str();
-  command
-      ->add_option(
-          "--out", options->out,
-          "FILE.sqlite or postgresql://USER@HOST:PORT/DATABASE is a database, any other name a file of "
-          "one JSON item per line; all are safe before each answer. Given several times, each gets "
-          "all items")
-      ->type_name("FILE")
-      ->expected(1)
-      ->take_all()
-      ->required();
-  command
-      ->add_option("--rotate-size", options->rotateMiB,
-                   "rename the file and begin another before it exceeds this size, in MiB; 0: never")
-      ->check(CLI::Range(0, 1 << 20))
-      ->type_name("MIB")
-      ->capture_default_str();
-  command
-      ->add_option("--rotate-every", options->rotateSeconds,
-                   "the same after so many seconds, with the next message; 0: never")
-      ->check(CLI::Range(0, 31'622'400))
-      ->type_name("SECONDS")
-      ->capture_default_str();
+  AddOutOptions(command, &options->out);
   RefuseEmpty(command->add_option(
                   "--key", options->keys,
                   "public key (PEM); only messages signed with its private key are accepted. Given several "
