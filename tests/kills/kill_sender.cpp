@@ -5,6 +5,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "veld_report/reporter.h"
 
@@ -41,7 +43,7 @@ void WriteDown(int notes, char what, std::uint64_t first, std::uint64_t last) {
 }
 
 [[noreturn]] void SendUntilKilled(veld_report::Reporter& reporter, int notes, std::uint64_t first,
-                                  std::mt19937& random) {
+                                  std::mt19937& random, std::chrono::milliseconds longestPause) {
   std::uint64_t next = first;
   std::uint64_t uncommitted = first;
   for (;;) {
@@ -51,6 +53,7 @@ void WriteDown(int notes, char what, std::uint64_t first, std::uint64_t last) {
     if (!reporter.FlushToStore(std::chrono::seconds(20))) continue;
     WriteDown(notes, 'c', uncommitted, last);
     uncommitted = next;
+    std::this_thread::sleep_for(longestPause * (random() % 100) / 100);
   }
 }
 
@@ -72,10 +75,11 @@ int Drain(veld_report::Reporter& reporter) {
 
 int main(int count, char** arguments) {
   const std::string_view kind = count == 8 ? arguments[7] : "";
-  const bool isKnown = kind == "plain" || kind == "two" || kind == "full" || kind == "shared";
+  const bool isKnown =
+      kind == "plain" || kind == "two" || kind == "full" || kind == "shared" || kind == "stamped";
   if (!isKnown) {
     std::fprintf(stderr,
-                 "usage: kill_sender MODULE STORE URL KEY NOTES FIRST plain|two|full|shared\n"
+                 "usage: kill_sender MODULE STORE URL KEY NOTES FIRST plain|two|full|shared|stamped\n"
                  "a FIRST of 0 drains the store\n");
     return 2;
   }
@@ -93,6 +97,7 @@ int main(int count, char** arguments) {
   options.packetLimit = packetLimits[first == 0 ? 3 : random() % 4];
   options.queueLimitKb = kind == "full" ? 32 : 1 << 20;
   options.shared = kind == "shared";
+  options.stamp = kind == "stamped";
   options.retryAfter = std::chrono::seconds(1);
   options.proxy = "";
   try {
@@ -100,7 +105,8 @@ int main(int count, char** arguments) {
     if (first == 0) return Drain(reporter);
     const int notes = open(arguments[5], O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (notes < 0) throw std::runtime_error(std::string("can't open ") + arguments[5]);
-    SendUntilKilled(reporter, notes, first, random);
+    // Ten at full speed would leave more than the servers take in the time of the trial.
+    SendUntilKilled(reporter, notes, first, random, std::chrono::milliseconds(options.stamp ? 30 : 0));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kill_sender: %s\n", error.what());
     return 1;
