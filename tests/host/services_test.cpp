@@ -2,12 +2,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <mutex>
 #include <regex>
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
+#include "contract/timer.h"
+#include "host/base/resident_object.h"
 #include "host/base/text.h"
 #include "host/base/write_trace.h"
 #include "host/services/function_notification.h"
@@ -15,6 +20,7 @@
 #include "host/services/heap_allocator.h"
 #include "host/services/line_tracer.h"
 #include "host/services/queue_name.h"
+#include "host/services/service_locator.h"
 #include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
 #include "types/text_conversion.h"
@@ -32,6 +38,55 @@ TEST(HeapAllocator, CountsWhatIsOut) {
   allocator->Free(kept);
   allocator->Free(nullptr);
   EXPECT_EQ(allocator->LiveBlocks(), 0u);
+}
+
+class Resident final : public ResidentObject<zel::IRunnable> {
+ public:
+  explicit Resident(std::atomic<int>& gone) : gone_(gone) {}
+  ~Resident() override { ++gone_; }
+  zel::ResultCode Run(void*) override { return gone_ == 0 ? zel::sOk : zel::eInvalidState; }
+
+ private:
+  std::atomic<int>& gone_;
+};
+
+// References are added on one thread and released on another, while tables come to hold the service and leave
+// it.
+TEST(ServiceLocator, AServiceLivesUntilItsLastReferenceIsGone) {
+  std::atomic<int> gone = 0;
+  zel::Ref<zel::IRunnable> service(MakeObject<Resident>(gone));
+  const zel::Ref<ServiceLocator> locators[] = {MakeObject<ServiceLocator>(), MakeObject<ServiceLocator>()};
+  std::mutex mutex;
+  std::vector<zel::Ref<zel::IRunnable>> found;
+  std::atomic<bool> ended = false;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (unsigned turn = 0; !ended; ++turn) {
+        zel::Ref<zel::IRunnable> one;
+        if (locators[turn % 2]->GetInterface(zel::IRunnable::iid, 0, one.OutVoid()) != zel::sOk) continue;
+        EXPECT_EQ(one->Run(nullptr), zel::sOk);
+        const std::lock_guard lock(mutex);
+        found.push_back(std::move(one));
+        if (found.size() > 100) found.erase(found.begin(), found.begin() + 50);
+      }
+    });
+  }
+  for (int round = 0; round < 300; ++round) {
+    for (const auto& locator : locators) locator->Register<zel::IRunnable>(service);
+    std::this_thread::yield();
+    locators[round % 2]->Clear();
+    if (round % 3 == 0) locators[1 - round % 2]->Register<zel::IRunnable>({});
+  }
+  ended = true;
+  for (std::thread& thread : threads) thread.join();
+  for (const auto& locator : locators) locator->Register<zel::IRunnable>(service);
+  service.Reset();
+  locators[0]->GetInterface(zel::IRunnable::iid, 0, found.emplace_back().OutVoid());
+  for (const auto& locator : locators) locator->Clear();
+  EXPECT_EQ(gone, 0) << "what was found outlives the tables";
+  found.clear();
+  EXPECT_EQ(gone, 1);
 }
 
 TEST(Hash, IsMd5AndQueueNamesHashUtf16Units) {

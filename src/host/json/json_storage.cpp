@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/base/host_object.h"
+#include "host/base/resident_object.h"
 
 namespace veld_report::host {
 namespace {
@@ -75,7 +76,7 @@ class JsonStorage final : public HostObject<zel::IStorage, IJsonTextAccess> {
   bool begun_ = false;
 };
 
-class JsonStorageFactory final : public HostObject<zel::IJsonStorageFactory> {
+class JsonStorageFactory final : public ResidentObject<zel::IJsonStorageFactory> {
  public:
   zel::ResultCode CreateJsonStorage(zel::IIO* stream, const zel::JsonStorageOptions*,
                                     zel::IStorage** out) override {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "host/base/host_object.h"
+#include "host/base/resident_object.h"
 #include "host/base/text.h"
 #include "host/json/json_storage.h"
 
@@ -26,7 +26,7 @@ std::string Place(zel::IObject* context) {
   return text;
 }
 
-class WatchedSerializer final : public HostObject<zel::IStorageSerializer2> {
+class WatchedSerializer final : public ResidentObject<zel::IStorageSerializer2> {
  public:
   WatchedSerializer(zel::Ref<zel::IStorageSerializer2> inner, zel::Ref<zel::IStorageSerializer2> ofRecords)
       : inner_(std::move(inner)), ofRecords_(std::move(ofRecords)) {}

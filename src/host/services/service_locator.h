@@ -1,14 +1,16 @@
 // ServiceLocator: the directory through which the module finds the host's services.
 //
 // It is a table from interface id to one shared object; it makes nothing on demand. The module looks up
-// services nowhere else, so a service that isn't registered here doesn't exist for it.
+// services nowhere else, so a service that isn't registered here doesn't exist for it. Each submission looks
+// up two, so a look-up changes nothing that other threads use. It is a residence of the services.
 #pragma once
 
 #include <map>
-#include <shared_mutex>
 
 #include "contract/service_locator.h"
 #include "host/base/host_object.h"
+#include "host/base/resident_object.h"
+#include "host/base/shards.h"
 
 namespace veld_report::host {
 
@@ -33,14 +35,28 @@ class ServiceLocator final : public HostObject<zel::IServiceLocator> {
   zel::ResultCode GetInterface(zel::InterfaceId interfaceId, std::uint32_t reserved, void** out) override;
 
  private:
-  struct Entry {
-    zel::Ref<zel::IObject> keeper;
-    void* exact = nullptr;
+  // A service's place in the table.
+  class Entry {
+   public:
+    Entry() = default;
+    Entry(zel::Ref<zel::IObject> keeper, void* exact);
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+    ~Entry();
+    void Swap(Entry& other) noexcept;
+
+    zel::IObject* Keeper() const { return keeper_.Get(); }
+    void* Exact() const { return exact_; }
+
+   private:
+    zel::Ref<zel::IObject> keeper_;
+    zel::Ref<IResident> resident_;  // the same object, if it is one
+    void* exact_ = nullptr;
   };
 
   void Store(zel::InterfaceId interfaceId, zel::Ref<zel::IObject> keeper, void* exact);
 
-  std::shared_mutex mutex_;  // guards entries_; no service is released under it
+  ShardedMutex mutex_;  // guards entries_; no service is released under it
   std::map<zel::InterfaceId, Entry> entries_;
 };
 

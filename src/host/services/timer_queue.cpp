@@ -68,6 +68,7 @@ bool TimerQueue::RunGuarded(zel::IRunnable* sink) noexcept {
 void TimerQueue::Stop() {
   const std::lock_guard lock(mutex_);
   stopped_ = true;
+  soonSink_ = nullptr;
   order_.clear();
   pending_.clear();
   changed_.notify_all();
@@ -83,6 +84,9 @@ void TimerQueue::Insert(zel::IRunnable* sink, std::chrono::milliseconds delay) {
     order_.erase(place);
     throw;
   }
+  soonSink_ = nullptr;
+  soonDelayMs_ = delay.count();
+  soonSink_ = sink;
   if (place == order_.begin()) changed_.notify_all();
 }
 
@@ -100,21 +104,23 @@ void TimerQueue::Move(std::map<zel::IRunnable*, Firing>::iterator pending, Clock
 void TimerQueue::Remove(zel::IRunnable* sink) {
   const auto found = pending_.find(sink);
   if (found == pending_.end()) return;
+  if (soonSink_ == sink) soonSink_ = nullptr;
   order_.erase(found->second);
   pending_.erase(found);
 }
 
 zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
   if (!sink) return zel::eInvalidArgument;
+  const std::chrono::milliseconds delay = std::min(std::chrono::milliseconds(delayMs), maxDelay_);
+  if (soonSink_ == sink && delay.count() >= soonDelayMs_) return zel::sOk;
   const std::lock_guard lock(mutex_);
   if (stopped_ || (runningCancelled_ && running_ == sink)) return zel::eInvalidState;
-  const std::chrono::milliseconds delay = std::min(std::chrono::milliseconds(delayMs), maxDelay_);
   const auto found = pending_.find(sink);
   if (found == pending_.end()) {
     Insert(sink, delay);
     return zel::sOk;
   }
-  // Every submission gets here. If the delay is no shorter, the clock needn't be read.
+  // If the delay is no shorter, the clock needn't be read.
   if (delay >= found->second.delay) return zel::sOk;
   const Clock::TimePoint due = clock_->Now() + delay;
   if (due < found->second.due) Move(found, due);

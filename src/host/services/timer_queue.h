@@ -4,6 +4,7 @@
 // queue, since the service's last Release may come from a Run on that thread.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -67,6 +68,12 @@ class TimerQueue final : private IClockListener {
   const std::shared_ptr<Clock> clock_;
   const zel::Ref<zel::ITracer> tracer_;
   const std::chrono::milliseconds maxDelay_;
+
+  // The sink that was armed last, as long as it is pending, and its delay. Only changed under mutex_, and
+  // read without it by Arm: each submission arms the same sink again. Who reads that it is pending can rely
+  // on a Run that begins later, since it is withdrawn before its Run. The delay is changed before the sink.
+  std::atomic<zel::IRunnable*> soonSink_{nullptr};
+  std::atomic<std::chrono::milliseconds::rep> soonDelayMs_{0};
 
   // Guards the members below. Never held across a call of a sink, of the tracer or of AddListener.
   mutable std::mutex mutex_;

@@ -14,6 +14,7 @@
 
 #include "contract/timer.h"
 #include "types/ref.h"
+#include "zel/rtl/brief_lock.h"
 #include "zel/rtl/objclient.h"
 
 namespace zel_helpers {
@@ -85,7 +86,7 @@ class TimerSink : zel::IRunnable, public zel::ObjectRootEx<zel::NoServiceStrateg
   T* owner = nullptr;
   Callback callback = nullptr;
   // Guards the two flags. Held across ArmTimer and DisarmTimer, never across CancelTimer or the callback.
-  std::recursive_mutex timerLock;
+  zel::BriefLock timerLock;
   bool stopped = false;
   bool armed = false;  // a call is pending
 };

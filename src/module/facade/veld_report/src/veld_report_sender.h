@@ -31,6 +31,7 @@
 #include "facade/veld_report/src/timer_sink.h"
 #include "types/ref.h"
 #include "types/vector.h"
+#include "zel/rtl/brief_lock.h"
 #include "zel/rtl/objclient.h"
 #include "zel/rtl/object.h"
 
@@ -126,7 +127,7 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   std::atomic<bool> stopping{false};
 
   // Guards `pending`. Only held to append or to remove one element.
-  std::recursive_mutex pendingLock;
+  zel::BriefLock pendingLock;
   std::deque<PendingStatistic> pending;
 
   zel::Ref<ISignatureProvider> signatureProvider;  // may be null
