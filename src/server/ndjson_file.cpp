@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace veld_report::server {
 namespace {
@@ -71,8 +72,16 @@ TailKind KindOfTail(std::string_view tail) {
 }  // namespace
 
 NdjsonFile::NdjsonFile(const SinkOptions& options)
-    : options_(options), clock_(options.clock ? options.clock : std::make_shared<host::SystemClock>()) {
+    : options_(options),
+      clock_(options.clock ? options.clock : std::make_shared<host::SystemClock>()),
+      ids_(options.rememberedIds) {
   Adopt(Open());
+  try {
+    Recall();
+  } catch (...) {
+    close(file_.handle);
+    throw;
+  }
 }
 
 NdjsonFile::~NdjsonFile() { close(file_.handle); }
@@ -197,12 +206,12 @@ void NdjsonFile::WriteGroup(std::vector<Member>& group) {
   std::unordered_set<std::string> fresh;
   for (Member& member : group) {
     ReadRecords(member.packet->lines, [&](const SinkRecord& record) {
-      if (ids_.contains(record.id) || fresh.contains(record.id)) {
+      if (ids_.Contains(record.id) || fresh.contains(record.id)) {
         ++member.result.repeated;
         return;
       }
       // More than can be remembered would only fill the memory.
-      if (!record.id.empty() && fresh.size() < rememberedIds) fresh.insert(record.id);
+      if (!record.id.empty() && fresh.size() < ids_.Limit()) fresh.insert(record.id);
       lines.append(record.text).push_back('\n');
       ++member.result.stored;
     });
@@ -250,11 +259,27 @@ bool NdjsonFile::CutBack() {
 
 // If memory runs out here, what is stored may be stored once more, but it is stored.
 void NdjsonFile::Remember(std::unordered_set<std::string>& ids) {
-  while (!ids.empty()) {
-    const auto added = ids_.insert(ids.extract(ids.begin())).position;
-    idsByAge_.push_back(&*added);
+  while (!ids.empty()) ids_.Add(std::move(ids.extract(ids.begin()).value()));
+}
+
+void NdjsonFile::Recall() {
+  constexpr std::uint64_t bytesForEach = 1024;
+  constexpr std::uint64_t blockBytes = std::uint64_t{1} << 20;
+  std::string lines;  // read and not looked at yet
+  for (std::uint64_t begin = file_.size - std::min(file_.size, bytesForEach * ids_.Limit());
+       begin < file_.size;) {
+    const auto length = static_cast<std::size_t>(std::min(file_.size - begin, blockBytes));
+    const std::size_t rest = lines.size();
+    lines.resize(rest + length);
+    if (!ReadAll(file_.handle, begin, lines.data() + rest, length)) Fail("can't be read: " + Reason());
+    begin += length;
+    // What isn't a whole line has no id that can be read; so neither has a first one that was cut.
+    const std::size_t whole = lines.rfind('\n') + 1;
+    ReadRecords(std::string_view(lines).substr(0, whole), [this](const SinkRecord& record) {
+      if (!record.id.empty()) ids_.Add(record.id);
+    });
+    lines.erase(0, whole);
   }
-  for (; idsByAge_.size() > rememberedIds; idsByAge_.pop_front()) ids_.erase(ids_.find(*idsByAge_.front()));
 }
 
 bool NdjsonFile::IsTimeToRotate(std::size_t bytes) const {

@@ -11,22 +11,21 @@
 // `rotateBytes`, and before the first write that comes `rotateEvery` after the file was opened. A file
 // without lines isn't rotated.
 //
-// It remembers the ids of the last 100,000 records that had one, in memory: a restart forgets them.
+// It remembers the latest `rememberedIds` ids in memory. At the start it reads them from the end of the file,
+// at most 1 KiB for each; it doesn't look into rotated files.
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <unordered_set>
 
 #include "server/record_sink.h"
+#include "server/remembered_ids.h"
 
 namespace veld_report::server {
 
 class NdjsonFile final : public GroupingSink {
  public:
-  static constexpr std::size_t rememberedIds = 100'000;
-
   // Opens or creates the file (readable by its owner and group) and moves a torn last line to
   // FILE.torn.MOMENT, which the log hears of. Throws std::runtime_error with a sentence if the file can't be
   // opened or repaired, or isn't one of JSON lines.
@@ -63,6 +62,7 @@ class NdjsonFile final : public GroupingSink {
   void Append(const std::string& lines);
   bool CutBack();
   void Remember(std::unordered_set<std::string>& ids);
+  void Recall();
   [[noreturn]] void Fail(const std::string& what) const;
 
   const SinkOptions options_;
@@ -71,8 +71,7 @@ class NdjsonFile final : public GroupingSink {
   OpenFile file_;
   std::string partial_;  // what was being written when a write failed, until what of it is there is cut off
   host::Clock::TimePoint opened_;
-  std::unordered_set<std::string> ids_;
-  std::deque<const std::string*> idsByAge_;  // point into ids_
+  RememberedIds ids_;
 };
 
 }  // namespace veld_report::server

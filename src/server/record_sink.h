@@ -80,6 +80,7 @@ struct SinkOptions {
   std::shared_ptr<host::Clock> clock{};  // null: the system's
   // Called with a sentence that its owner should see, on any thread; may be empty.
   std::function<void(const std::string&)> log{};
+  std::size_t rememberedIds = 100'000;  // of a file of lines; databases know those of all their rows
 };
 
 // The base of sinks that write several packets at once: those that arrive during one write share the next,

@@ -32,9 +32,17 @@ void AddOutOptions(CLI::App* command, OutOptions* options) {
       ->check(CLI::Range(0, 31'622'400))
       ->type_name("SECONDS")
       ->capture_default_str();
+  command
+      ->add_option(
+          "--remember", options->remember,
+          "how many ids a file of lines knows, to store no record twice; each takes about 140 bytes of "
+          "memory")
+      ->check(CLI::Range(0, 100'000'000))
+      ->type_name("N")
+      ->capture_default_str();
 }
 
-// Rotation is for files of lines; to ask for it with none is a mistake.
+// Rotation and a number of ids are for files of lines; to ask for them with none is a mistake.
 std::vector<server::SinkOptions> ReadSinks(const OutOptions& given) {
   std::vector<server::SinkOptions> sinks;
   bool hasLines = false;
@@ -46,10 +54,14 @@ std::vector<server::SinkOptions> ReadSinks(const OutOptions& given) {
       throw WrongCommandLine("--out " + server::DisplayName(out) + ": " + error.what());
     }
     sinks.push_back({out, given.rotateMiB << 20, std::chrono::seconds(given.rotateSeconds)});
+    sinks.back().rememberedIds = given.remember;
   }
-  if (!hasLines && (given.rotateMiB != 0 || given.rotateSeconds != 0))
+  if (hasLines) return sinks;
+  if (given.rotateMiB != 0 || given.rotateSeconds != 0)
     throw WrongCommandLine(
         "--rotate-size and --rotate-every are for a file of lines; no --out of the command is one");
+  if (given.remember != OutOptions().remember)
+    throw WrongCommandLine("--remember is for a file of lines; databases know the ids of all their rows");
   return sinks;
 }
 

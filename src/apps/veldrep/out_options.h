@@ -14,6 +14,7 @@ struct OutOptions {
   std::vector<std::string> out;
   std::uint64_t rotateMiB = 0;
   unsigned rotateSeconds = 0;
+  std::size_t remember = server::SinkOptions().rememberedIds;
 };
 
 // `options` must outlive the command.
