@@ -30,7 +30,7 @@ _veldrep() {
       mapfile -t COMPREPLY < <(compgen -W "none gzip zstd" -- "$current")
       return
       ;;
-    --listen | --url | --status | --body-limit | --body-memory | --connections | --request-time | --consumer | --packet-limit | --queue-limit | --send-timeout | \
+    --listen | --url | --status | --body-limit | --body-memory | --connections | --request-time | --rate | --rate-burst | --consumer | --packet-limit | --queue-limit | --send-timeout | \
       --to | --trace-level | --wait | -n)
       return
       ;;

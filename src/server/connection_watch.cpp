@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "server/peer_name.h"
+
 namespace veld_report::server {
 
 ConnectionWatch::ConnectionWatch(const ConnectionLimits& limits, std::function<void(const std::string&)> log)
@@ -19,17 +21,23 @@ ConnectionWatch::~ConnectionWatch() {
 }
 
 ConnectionWatch::Connection* ConnectionWatch::Opened(int socket) {
+  sockaddr_storage peer{};
+  socklen_t size = sizeof peer;
+  auto* const generic = reinterpret_cast<sockaddr*>(&peer);
+  std::string address = ClientAddress(getpeername(socket, generic, &size) == 0 ? generic : nullptr);
   const Lock lock(mutex_);
-  Connection& opened = connections_.emplace_back(Connection{socket, std::chrono::steady_clock::now()});
+  ++byAddress_[address];
+  Connection& opened =
+      connections_.emplace_back(Connection{socket, std::move(address), std::chrono::steady_clock::now()});
   ++uncut_;
-  if (uncut_ > limits_.connections) CutLongest(&opened, false, "too many connections");
+  if (uncut_ > limits_.connections) CutOfMost(&opened);
   return &opened;
 }
 
 void ConnectionWatch::Closed(Connection* connection) {
   Ended(connection);
   const Lock lock(mutex_);
-  if (!connection->cut) --uncut_;
+  if (!connection->cut) CountOut(*connection);
   connections_.remove_if([&](const Connection& each) { return &each == connection; });
 }
 
@@ -84,10 +92,19 @@ void ConnectionWatch::CutOverdue() {
   }
 }
 
-bool ConnectionWatch::CutLongest(const Connection* besides, bool withBody, const char* why) {
+void ConnectionWatch::CutOfMost(const Connection* besides) {
+  const auto most = std::max_element(byAddress_.begin(), byAddress_.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; });
+  constexpr char why[] = "too many connections";
+  if (!CutLongest(besides, false, why, &most->first)) CutLongest(besides, false, why);
+}
+
+bool ConnectionWatch::CutLongest(const Connection* besides, bool withBody, const char* why,
+                                 const std::string* address) {
   Connection* longest = nullptr;
   for (Connection& each : connections_) {
     if (&each == besides || each.cut || each.arrived || (withBody && each.bodyBytes == 0)) continue;
+    if (address && each.address != *address) continue;
     if (!longest || each.since < longest->since) longest = &each;
   }
   if (longest) Cut(*longest, why);
@@ -96,10 +113,16 @@ bool ConnectionWatch::CutLongest(const Connection* besides, bool withBody, const
 
 void ConnectionWatch::Cut(Connection& connection, const char* why) {
   connection.cut = true;
-  --uncut_;
+  CountOut(connection);
   uncutBodyBytes_ -= connection.bodyBytes;
   shutdown(connection.socket, SHUT_RDWR);
-  if (log_) log_(std::string("connection closed: ") + why);
+  if (log_) log_(connection.address + ": connection closed: " + why);
+}
+
+void ConnectionWatch::CountOut(const Connection& connection) {
+  --uncut_;
+  const auto counted = byAddress_.find(connection.address);
+  if (--counted->second == 0) byAddress_.erase(counted);
 }
 
 }  // namespace veld_report::server

@@ -2,8 +2,9 @@
 //
 // It differs from the HTTP library's own limits in what it does when one is reached. The library stops
 // accepting, so whoever came first keeps everyone else out. And it only times silence, so a client that sends
-// a byte now and then keeps its connection for ever. Here the connection that has waited longest for the end
-// of its request is cut, and every request has a deadline.
+// a byte now and then keeps its connection for ever. Here every request has a deadline. If there are too many
+// connections, one of the client address that has most of them is cut: the one that has waited longest for
+// the end of its request. So no client can shut out one that has fewer.
 //
 // Cutting shuts the socket down; the library then ends the connection as if the client had gone.
 #pragma once
@@ -16,6 +17,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 
 namespace veld_report::server {
 
@@ -36,6 +38,7 @@ class ConnectionWatch {
   // One connection. Belongs to the watch.
   struct Connection {
     int socket;
+    std::string address;                          // of the client
     std::chrono::steady_clock::time_point since;  // when the current wait began
     std::size_t bodyBytes = 0;
     bool arrived = false;  // a whole request is being answered; such a connection isn't cut
@@ -73,8 +76,11 @@ class ConnectionWatch {
 
   void CutOverdue();
   // Cuts the connection that has waited longest, other than `besides`. False if there is none to cut.
-  bool CutLongest(const Connection* besides, bool withBody, const char* why);
+  bool CutLongest(const Connection* besides, bool withBody, const char* why,
+                  const std::string* address = nullptr);
+  void CutOfMost(const Connection* besides);
   void Cut(Connection& connection, const char* why);
+  void CountOut(const Connection& connection);
 
   const ConnectionLimits limits_;
   const std::function<void(const std::string&)> log_;
@@ -83,9 +89,10 @@ class ConnectionWatch {
   std::condition_variable ending_;
   bool ended_ = false;
   std::list<Connection> connections_;
-  std::size_t uncut_ = 0;           // connections that aren't cut
-  std::size_t bodyBytes_ = 0;       // of all connections
-  std::size_t uncutBodyBytes_ = 0;  // of those that aren't cut
+  std::unordered_map<std::string, std::size_t> byAddress_;  // how many of an address aren't cut
+  std::size_t uncut_ = 0;                                   // connections that aren't cut
+  std::size_t bodyBytes_ = 0;                               // of all connections
+  std::size_t uncutBodyBytes_ = 0;                          // of those that aren't cut
   std::thread thread_;
 };
 

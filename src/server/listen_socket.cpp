@@ -36,6 +36,10 @@ std::uint16_t PortOf(int handle) {
 
 }  // namespace
 
+void ListenSocket::Refuse() {
+  if (!isShared_) shutdown(handle_, SHUT_RDWR);
+}
+
 void ListenSocket::Close() {
   if (handle_ >= 0) close(handle_);
   handle_ = -1;

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
+#include <cstdarg>
 #include <cstdio>
 #include <mutex>
 #include <optional>
@@ -20,9 +21,11 @@
 #include "server/body_capture.h"
 #include "server/body_decoder.h"
 #include "server/connection_watch.h"
+#include "server/framing_check.h"
 #include "server/json_reader.h"
 #include "server/listen_socket.h"
 #include "server/peer_name.h"
+#include "server/rate_limit.h"
 #include "server/sink_set.h"
 
 namespace veld_report::server {
@@ -31,7 +34,7 @@ namespace {
 // A body over the limit is read and dropped up to this multiple of the limit, so that a client that is still
 // sending can read the answer. Beyond that the connection is closed.
 constexpr std::size_t drainFactor = 4;
-constexpr std::chrono::seconds stopPatience{2};
+constexpr std::chrono::seconds stopPatience{5};
 // Headroom in the library's own limit, for a burst of new connections while the cut ones are still closing.
 constexpr unsigned spareConnections = 32;
 
@@ -39,6 +42,8 @@ struct Answer {
   unsigned status;
   std::string text;
   std::optional<RefusalReason> refusal{};
+  std::string note{};                  // for the log only
+  std::chrono::seconds retryAfter{1};  // of 429 and 503
 };
 
 struct Request {
@@ -48,8 +53,9 @@ struct Request {
   std::string body;
   host::Clock::WallTimePoint begun = std::chrono::system_clock::now();
   std::size_t received = 0;
-  bool answered = false;  // an answer was queued before the body was read
-  bool noRoom = false;    // the body is read and dropped
+  bool answered = false;            // an answer was queued before the body was read
+  bool noRoom = false;              // the body is read and dropped
+  std::optional<Answer> refused{};  // likewise
 };
 
 std::string_view Header(MHD_Connection* connection, const char* name) {
@@ -101,7 +107,13 @@ std::size_t BodyMemory(const ReportServerOptions& options) {
   return std::max(options.bodyMemoryBytes, 4 * options.bodyLimitBytes);
 }
 
-MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
+std::string AddressOf(MHD_Connection* connection) {
+  const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+  return ClientAddress(info ? info->client_addr : nullptr);
+}
+
+// `ends`: the connection ends with this answer.
+MHD_Result Queue(MHD_Connection* connection, const Answer& answer, bool ends) {
   const std::string text = answer.text + "\n";
   MHD_Response* response =
       MHD_create_response_from_buffer(text.size(), const_cast<char*>(text.data()), MHD_RESPMEM_MUST_COPY);
@@ -111,8 +123,10 @@ MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
     MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, "POST");
   if (answer.status == MHD_HTTP_UNSUPPORTED_MEDIA_TYPE)
     MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_ENCODING, acceptedCodings);
-  if (answer.status == MHD_HTTP_SERVICE_UNAVAILABLE)
-    MHD_add_response_header(response, MHD_HTTP_HEADER_RETRY_AFTER, "1");
+  if (answer.status == MHD_HTTP_SERVICE_UNAVAILABLE || answer.status == MHD_HTTP_TOO_MANY_REQUESTS)
+    MHD_add_response_header(response, MHD_HTTP_HEADER_RETRY_AFTER,
+                            std::to_string(answer.retryAfter.count()).c_str());
+  if (ends) MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
   const MHD_Result result = MHD_queue_response(connection, answer.status, response);
   MHD_destroy_response(response);
   return result;
@@ -128,10 +142,12 @@ class ReportServer::Impl {
         sinks_(options_.sinks, options_.log, "senders are answered 503"),
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
+        rate_(options_.rate, options_.rateBurst),
         watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)}, options_.log) {
     CompareLimits();
     daemon_ = MHD_start_daemon(
-        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::OnRequest, this,
+        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
+        &Impl::OnRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &Impl::OnLibraryLog, this,
         MHD_OPTION_LISTEN_SOCKET, socket_.Handle(), MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
         // The library divides this among its threads, and one thread may get all connections.
         MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
@@ -146,9 +162,12 @@ class ReportServer::Impl {
   void Stop() {
     if (!daemon_) return;
     MHD_quiesce_daemon(daemon_);
+    socket_.Refuse();
     {
       std::unique_lock lock(mutex_);
+      stopping_ = true;
       idle_.wait_for(lock, stopPatience, [this] { return active_ == 0; });
+      stopped_ = true;
     }
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
@@ -183,15 +202,16 @@ class ReportServer::Impl {
   // The library is written in C, so nothing may be thrown through it. It calls once with the headers, once or
   // more with pieces of the body, and once with an empty piece at the end.
   static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char* path, const char* method,
-                              const char*, const char* data, std::size_t* size, void** state) noexcept {
+                              const char* version, const char* data, std::size_t* size,
+                              void** state) noexcept {
     auto* const server = static_cast<Impl*>(self);
     try {
       auto* const request = static_cast<Request*>(*state);
-      if (!request) return server->Begin(connection, path, method, state);
+      if (!request) return server->Begin(connection, path, method, version, state);
       if (*size != 0) return server->Receive(request, data, size);
       if (request->answered) return MHD_YES;
       if (!server->watch_.Arrived(request->connection)) return MHD_NO;
-      return Queue(connection, server->Tell(connection, *request, server->Finish(connection, *request)));
+      return server->Reply(connection, *request, server->Finish(connection, *request));
     } catch (const std::exception& error) {
       server->Log(std::string("a request ended without an answer: ") + error.what());
       return MHD_NO;
@@ -225,35 +245,95 @@ class ReportServer::Impl {
     }
   }
 
-  MHD_Result Begin(MHD_Connection* connection, const char* path, std::string_view method, void** state) {
+  // What the library refuses by itself: a request that it can't read. Its sentences are for its developers;
+  // the status says enough. It doesn't say of which connection.
+  __attribute__((format(printf, 2, 0))) static void OnLibraryLog(void* self, const char* format,
+                                                                 va_list values) noexcept {
+    auto* const server = static_cast<Impl*>(self);
+    char line[200];
+    std::vsnprintf(line, sizeof line, format, values);
+    unsigned status = 0;
+    if (std::sscanf(line, "Error processing request (HTTP response code is %u", &status) != 1) return;
+    try {
+      const char* const what = status == MHD_HTTP_URI_TOO_LONG ? "its first line is too long"
+                               : status == MHD_HTTP_REQUEST_HEADER_FIELDS_TOO_LARGE
+                                   ? "its headers are too large"
+                               : status == MHD_HTTP_CONTENT_TOO_LARGE ? "its length is beyond all numbers"
+                                                                      : "it isn't HTTP as it must be";
+      const std::string sentence = std::string("the request can't be read: ") + what;
+      ++server->refusedRequests;
+      server->Log("answered " + std::to_string(status) + ": " + sentence);
+      if (server->options_.observer)
+        server->options_.observer->OnRefused({"", "", "unknown", ""},
+                                             {status, RefusalReason::framing, sentence});
+    } catch (const std::exception&) {
+      // Without memory there is nothing to say it with.
+    }
+  }
+
+  MHD_Result Begin(MHD_Connection* connection, const char* path, std::string_view method,
+                   std::string_view version, void** state) {
     auto* const watched = static_cast<ConnectionWatch::Connection*>(
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
     if (!watched) return MHD_NO;
     watch_.BodyBegins(watched);
     const std::size_t declared = DeclaredLength(connection);
     auto request = std::make_unique<Request>(Request{watched, declared, path, {}});
+    {
+      // Counted before anything is answered, so that Stop waits for it.
+      const std::lock_guard lock(mutex_);
+      if (stopped_) return MHD_NO;
+      ++active_;
+      *state = request.get();
+    }
+    Request& begun = *request.release();  // OnCompleted deletes it
     const bool over = declared > options_.bodyLimitBytes;
     const bool waits = strcasecmp(Header(connection, MHD_HTTP_HEADER_EXPECT).data(), "100-continue") == 0;
-    MHD_Result result = MHD_YES;
-    if (method != MHD_HTTP_METHOD_POST) {
-      request->answered = true;
-      result =
-          Queue(connection,
-                Tell(connection, *request,
-                     Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, RefusalReason::method, "only POST is accepted")));
+    std::optional<Answer> now;
+    const std::string problem = FramingProblem(connection, version);
+    if (!problem.empty()) {
+      now = Refuse(MHD_HTTP_BAD_REQUEST, RefusalReason::framing, problem);
+    } else if (method != MHD_HTTP_METHOD_POST) {
+      now = Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, RefusalReason::method, "only POST is accepted");
     } else if (over && (waits || declared / drainFactor > options_.bodyLimitBytes)) {
-      request->answered = true;
-      result = Queue(connection, Tell(connection, *request, TooLarge()));
+      now = TooLarge();
+    } else {
+      begun.refused = RefuseForNow(AddressOf(connection));
+      if (waits) now = begun.refused;
     }
+    if (!now) return MHD_YES;
+    begun.answered = true;
+    return Reply(connection, begun, *now, !problem.empty());
+  }
+
+  // An answer that doesn't depend on the body.
+  std::optional<Answer> RefuseForNow(const std::string& address) {
+    const std::chrono::seconds wait = rate_.Take(address, RateLimit::Clock::now());
+    Answer answer;
+    if (IsStopping()) {
+      answer = Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, RefusalReason::memory, "the server is stopping");
+    } else if (wait.count() > 0) {
+      answer = Refuse(MHD_HTTP_TOO_MANY_REQUESTS, RefusalReason::rate, "too many requests of this client");
+      answer.retryAfter = wait;
+    } else {
+      return std::nullopt;
+    }
+    return answer;
+  }
+
+  MHD_Result Reply(MHD_Connection* connection, const Request& request, const Answer& answer,
+                   bool ends = false) {
+    return Queue(connection, Tell(connection, request, answer), ends || IsStopping());
+  }
+
+  bool IsStopping() {
     const std::lock_guard lock(mutex_);
-    ++active_;
-    *state = request.release();
-    return result;
+    return stopping_;
   }
 
   MHD_Result Receive(Request* request, const char* data, std::size_t* size) {
     request->received += *size;
-    const bool taken = request->received <= options_.bodyLimitBytes && !request->noRoom;
+    const bool taken = request->received <= options_.bodyLimitBytes && !request->noRoom && !request->refused;
     if (taken && MakeRoom(request)) {
       request->body.append(data, *size);
     } else {
@@ -277,6 +357,7 @@ class ReportServer::Impl {
 
   Answer Finish(MHD_Connection* connection, Request& request) {
     if (request.received > options_.bodyLimitBytes) return TooLarge();
+    if (request.refused) return *request.refused;
     if (request.noRoom) return NoRoom();
     if (const auto refused = Decode(Header(connection, MHD_HTTP_HEADER_CONTENT_ENCODING), &request))
       return *refused;
@@ -344,7 +425,6 @@ class ReportServer::Impl {
     } catch (const PacketTooLarge& error) {
       return Refuse(MHD_HTTP_CONTENT_TOO_LARGE, RefusalReason::size, error.what());
     } catch (const std::runtime_error& error) {
-      ++refusedRequests;
       return {MHD_HTTP_SERVICE_UNAVAILABLE, error.what(), RefusalReason::sink};
     }
   }
@@ -361,16 +441,18 @@ class ReportServer::Impl {
   Answer RefuseMessage(const std::string& body, RefusalReason refusal, const std::string& sentence) {
     return Refuse(MHD_HTTP_BAD_REQUEST, refusal, sentence, capture_ ? "; " + capture_->Keep(body) : "");
   }
-  // `note` is for the log only.
-  Answer Refuse(unsigned status, RefusalReason refusal, const std::string& sentence,
-                const std::string& note = {}) {
-    ++refusedRequests;
-    Log("answered " + std::to_string(status) + ": " + sentence + note);
-    return {status, sentence, refusal};
+  static Answer Refuse(unsigned status, RefusalReason refusal, const std::string& sentence,
+                       const std::string& note = {}) {
+    return {status, sentence, refusal, note};
   }
-  // Passes the answer on; the observer hears of it if it is a refusal.
-  Answer Tell(MHD_Connection* connection, const Request& request, Answer answer) const {
+  // Passes the answer on; log and observer hear of it if it is a refusal.
+  Answer Tell(MHD_Connection* connection, const Request& request, Answer answer) {
     if (!answer.refusal) return answer;
+    if (answer.refusal != RefusalReason::testStatus) ++refusedRequests;
+    // Of sinks that fail, the log hears once (sink_set.h).
+    if (answer.refusal != RefusalReason::testStatus && answer.refusal != RefusalReason::sink)
+      Log(AddressOf(connection) + ": answered " + std::to_string(answer.status) + ": " + answer.text +
+          answer.note);
     Observe(connection, request, [&](const ObservedRequest& observed) {
       options_.observer->OnRefused(observed, {answer.status, *answer.refusal, answer.text});
     });
@@ -391,12 +473,15 @@ class ReportServer::Impl {
   ListenSocket socket_;  // taken before the sinks change anything on the disk
   SinkSet sinks_;
   const std::unique_ptr<BodyCapture> capture_;  // may be null
+  RateLimit rate_;
   ConnectionWatch watch_;
   MHD_Daemon* daemon_ = nullptr;
 
-  std::mutex mutex_;  // guards `active_`
+  std::mutex mutex_;  // guards the members below; held for moments
   std::condition_variable idle_;
   std::size_t active_ = 0;  // requests in progress
+  bool stopping_ = false;   // further requests are refused
+  bool stopped_ = false;    // and then not even answered
 };
 
 ReportServer::ReportServer(ReportServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}

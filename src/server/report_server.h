@@ -4,10 +4,11 @@
 // that), no way to query what was stored. A message is answered 200 only once its items are on the disk. So a
 // sender may drop what was answered, whenever this process is killed.
 //
-// Answers: 200 stored; 400 the body doesn't pass, with a sentence that says why; 405 not a POST; 413 the body
-// is over the limit, as it arrives or decoded (body_decoder.h); 415 with Accept-Encoding: its coding isn't
-// known; 503 with Retry-After: the sink can't store, or too many bodies are arriving at once. Anything but
-// 200 has stored nothing.
+// Answers: 200 stored; 400 the request's frame (framing_check.h) or the body doesn't pass, with a sentence
+// that says why; 405 not a POST; 413 the body is over the limit, as it arrives or decoded (body_decoder.h);
+// 415 with Accept-Encoding: its coding isn't known; 429 with Retry-After: too many requests of this client;
+// 503 with Retry-After: the sink can't store, too many bodies are arriving at once, or the server is
+// stopping. Anything but 200 has stored nothing.
 //
 // The memory that clients can take up is limited, whatever they do (the rules are in connection_watch.h): 32
 // KiB for each of `connectionLimit` connections, plus `bodyMemoryBytes`, plus in each of `threads` six times
@@ -39,14 +40,16 @@ struct ReportServerOptions {
   unsigned status = 200;  // any other: every good message gets this answer and nothing is stored
   std::size_t bodyLimitBytes = std::size_t{16} << 20;
   unsigned threads = 4;
-  // When one more connects, the connection that has waited longest for the end of its request is cut. Each
-  // takes a file descriptor.
+  // When one more connects, one of the client that has most is cut (connection_watch.h). Each takes a file
+  // descriptor.
   unsigned connectionLimit = 512;
   unsigned idleTimeoutSeconds = 30;  // of a silent connection
   // For the headers of a request, and again for its body. A request that takes longer is cut.
   std::chrono::milliseconds requestTime{60'000};
   // For all bodies in transit. Raised to four times `bodyLimitBytes` if it is less.
   std::size_t bodyMemoryBytes = std::size_t{256} << 20;
+  // Requests of one client address (rate_limit.h): how many a second, and at once; 0: no limit.
+  double rate = 0, rateBurst = 0;
   std::string capturePath;  // folder for the bodies of refused messages (body_capture.h); empty: none
   // Hears of each request; null: nobody does. It must outlive the server.
   ServerObserver* observer = nullptr;
@@ -83,8 +86,9 @@ class ReportServer {
   // SinkSet::Reopen. Threads: any.
   void ReopenSinks();
 
-  // Accepts no more connections, waits up to two seconds for the requests in progress and returns once no
-  // thread of the server runs. Not to be called on one of the server's threads. A second call does nothing.
+  // Accepts no more connections, answers the requests that have begun, waiting up to five seconds for their
+  // bodies, and further ones of the same connections 503. Returns once no thread of the server runs. Not to
+  // be called on one of the server's threads. A second call does nothing.
   void Stop();
 
  private:

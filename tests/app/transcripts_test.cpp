@@ -2,6 +2,7 @@
 //
 //   # says what follows
 //   $ veldrep decode body         a command, run to its end in the transcript's own folder, without a shell
+//                                 {veldrep} is the program's path
 //   < {"payload": ...             a line of its input
 //   | body: 104 bytes             a line that it has written to stdout,
 //   ! veldrep: ...                and one to stderr
@@ -58,6 +59,7 @@ class Transcript {
       line = std::regex_replace(line, std::regex("\\{" + name + "\\}"), server->Url());
       line = std::regex_replace(line, std::regex("\\{" + name + " address\\}"), server->Address());
     }
+    line = std::regex_replace(line, std::regex("\\{veldrep\\}"), VELDREP_PATH);
     std::istringstream stream(line);
     Arguments words;
     // No character escapes another one.
@@ -99,6 +101,7 @@ class Transcript {
         {std::regex(R"(\d+\.\d seconds)"), "{time}"},
         {std::regex(R"((age_ms":|waits_ms":)\d+)"), "$1{time}"},
         {std::regex(R"(\d{8}T\d{6}Z)"), "{moment}"},
+        {std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)"), "{moment}"},
         {std::regex(R"(127\.0\.0\.1 port \d+)"), "127.0.0.1 port {port}"},
         {std::regex(R"(\b[0-9a-f]{32}\b)", std::regex::icase), "{digest}"},
         {std::regex(R"(key id: \S+)"), "key id: {id}"},

@@ -155,6 +155,10 @@ TEST_F(HostileCrowds, KeepNobodyOutAndTakeBoundedMemory) {
       {"lengths only claimed", 150, body + "{"},
   };
   std::vector<int> held;
+  // Another client's, which waits longest of all.
+  const std::string slow = Post(exampleBody);
+  const int other = server_test::Connect(port_, "127.0.0.2");
+  server_test::SendAll(other, slow.substr(0, 10));
   for (const auto& crowd : crowds) {
     SCOPED_TRACE(crowd.what);
     for (std::size_t i = 0; i < crowd.count && !HasFatalFailure(); ++i) {
@@ -166,6 +170,9 @@ TEST_F(HostileCrowds, KeepNobodyOutAndTakeBoundedMemory) {
     ExpectServed(5);
   }
   ExpectBounded();
+  server_test::SendAll(other, slow.substr(10));
+  EXPECT_EQ(server_test::Receive(other).status, 200);
+  close(other);
   for (const int handle : held) close(handle);
 }
 

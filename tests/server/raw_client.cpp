@@ -10,7 +10,7 @@
 
 namespace veld_report::server_test {
 
-int Connect(std::uint16_t port) {
+int Connect(std::uint16_t port, const char* from) {
   const int handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -19,7 +19,12 @@ int Connect(std::uint16_t port) {
   const timeval patience{10, 0};
   setsockopt(handle, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
   setsockopt(handle, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
-  if (connect(handle, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) return handle;
+  sockaddr_in own{};
+  own.sin_family = AF_INET;
+  inet_pton(AF_INET, from, &own.sin_addr);
+  if (bind(handle, reinterpret_cast<sockaddr*>(&own), sizeof(own)) == 0 &&
+      connect(handle, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0)
+    return handle;
   close(handle);
   return -1;
 }
@@ -32,6 +37,16 @@ void SendAll(int handle, std::string_view text) {
   }
 }
 
+RawAnswer Receive(int handle) {
+  RawAnswer answer;
+  char block[4096];
+  for (ssize_t length = 0; (length = recv(handle, block, sizeof(block), 0)) > 0;) {
+    answer.text.append(block, static_cast<std::size_t>(length));
+  }
+  if (answer.text.starts_with("HTTP/1.1 ")) answer.status = std::atoi(answer.text.c_str() + 9);
+  return answer;
+}
+
 RawAnswer Exchange(std::uint16_t port, std::string_view request, std::string_view drip) {
   RawAnswer answer;
   const int handle = Connect(port);
@@ -42,11 +57,7 @@ RawAnswer Exchange(std::uint16_t port, std::string_view request, std::string_vie
     while (!drip.empty() && send(handle, drip.data(), drip.size(), MSG_NOSIGNAL) > 0)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
   });
-  char block[4096];
-  for (ssize_t length = 0; (length = recv(handle, block, sizeof(block), 0)) > 0;) {
-    answer.text.append(block, static_cast<std::size_t>(length));
-  }
-  if (answer.text.starts_with("HTTP/1.1 ")) answer.status = std::atoi(answer.text.c_str() + 9);
+  answer = Receive(handle);
   shutdown(handle, SHUT_RDWR);
   sender.join();
   close(handle);

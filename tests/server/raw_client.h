@@ -18,8 +18,10 @@ struct RawAnswer {
 RawAnswer Exchange(std::uint16_t port, std::string_view request, std::string_view drip = {});
 
 // A socket that is connected to 127.0.0.1:`port`, with ten seconds of patience; -1 if it can't be had. The
-// caller closes it.
-int Connect(std::uint16_t port);
+// caller closes it. `from`: the address that the server sees.
+int Connect(std::uint16_t port, const char* from = "127.0.0.1");
+// Reads until the server closes or the patience ends.
+RawAnswer Receive(int handle);
 // Sends until all is sent or the server has closed.
 void SendAll(int handle, std::string_view text);
 

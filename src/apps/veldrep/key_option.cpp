@@ -58,8 +58,10 @@ KeyRing ReadKeys(const std::vector<std::string>& given) {
 
 std::string DescribeKeys(const KeyRing& keys) {
   if (keys.names.empty()) return "signatures: none required";
+  std::map<std::string, std::string> ids;
+  for (const auto& [id, name] : keys.names) ids[name] = id;
   std::string text;
-  for (const auto& [id, name] : keys.names)
+  for (const auto& [name, id] : ids)
     text += (text.empty() ? "signatures: required, of " : " or ") + name + " (" + id + ")";
   return text;
 }

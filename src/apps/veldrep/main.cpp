@@ -1,6 +1,12 @@
 // veldrep: the command line program for the module and the report server.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <numeric>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -121,12 +127,31 @@ int Main(int argumentCount, char** arguments) {
   return exitWrongCommandLine;
 }
 
+// A file that is opened in place of a closed stdout would get what is printed.
+void KeepStandardDescriptors() {
+  for (int handle = open("/dev/null", O_RDWR); handle >= 0; handle = dup(handle)) {
+    if (handle <= STDERR_FILENO) continue;
+    close(handle);
+    return;
+  }
+}
+
+// What was printed must have arrived, or the exit code says otherwise.
+int FinishOutput(int exitCode) {
+  errno = 0;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exitCode;
+  const std::string why = errno == 0 ? "" : ": " + std::generic_category().message(errno);
+  Complain("stdout can't be written" + why);
+  return exitCode == exitOk ? exitFailed : exitCode;
+}
+
 }  // namespace
 }  // namespace veld_report::app
 
 int main(int argumentCount, char** arguments) {
   try {
-    return veld_report::app::Main(argumentCount, arguments);
+    veld_report::app::KeepStandardDescriptors();
+    return veld_report::app::FinishOutput(veld_report::app::Main(argumentCount, arguments));
   } catch (const std::exception& error) {
     veld_report::app::Complain(error.what());
     return veld_report::app::exitFailed;

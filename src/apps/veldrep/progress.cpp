@@ -43,9 +43,11 @@ void Progress::Show(const SendFigures& figures, const std::function<std::string(
   const int filled = std::clamp(static_cast<int>(done * barWidth), 0, barWidth);
   const std::string bar = std::string(static_cast<std::size_t>(filled), '#') +
                           std::string(static_cast<std::size_t>(barWidth - filled), '-');
-  std::fprintf(stderr, "\r[%s] submitted %llu, waiting %lld, delivered %lld, %.0f/s\x1b[K", bar.c_str(),
-               static_cast<unsigned long long>(figures.submitted), static_cast<long long>(figures.waiting),
-               static_cast<long long>(figures.delivered), rate_);
+  char line[200];
+  std::snprintf(line, sizeof line, "[%s] submitted %llu, waiting %lld, delivered %lld, %.0f/s", bar.c_str(),
+                static_cast<unsigned long long>(figures.submitted), static_cast<long long>(figures.waiting),
+                static_cast<long long>(figures.delivered), rate_);
+  std::fprintf(stderr, "\r%s\x1b[K", std::string(line).substr(0, Columns()).c_str());
   const std::string wrong = figures.waiting > 0 ? host::WithoutControls(trouble()) : "";
   if (!wrong.empty()) std::fprintf(stderr, "\n%s\x1b[K\x1b[1A", wrong.substr(0, Columns()).c_str());
   std::fflush(stderr);

@@ -1,6 +1,9 @@
 // veldrep serve: the report server in the foreground, until SIGTERM or SIGINT.
 #include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -12,6 +15,7 @@
 #include "apps/veldrep/key_option.h"
 #include "apps/veldrep/out_options.h"
 #include "apps/veldrep/page_option.h"
+#include "apps/veldrep/serve_log.h"
 #include "server/page/page_server.h"
 #include "server/report_server.h"
 
@@ -28,8 +32,24 @@ struct ServeOptions {
   std::size_t bodyMemoryMiB = 256;
   unsigned connections = 512;
   unsigned requestSeconds = 60;
+  unsigned rate = 0, rateBurst = 0;
   std::shared_ptr<PageOptions> page;
 };
+
+// Without a descriptor for each connection, clients would wait without a word. The soft limit is often 1024
+// for no other reason than programs that use select(), which the server doesn't.
+void ReserveDescriptors(unsigned connections) {
+  constexpr rlim_t others = 128;  // sinks, captured bodies, the library's own, connections that are being cut
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= connections + others) return;
+  if (limit.rlim_max < connections + others)
+    throw WrongCommandLine("--connections " + std::to_string(connections) + ": this process may open only " +
+                           std::to_string(limit.rlim_max) + " files; take at most " +
+                           std::to_string(limit.rlim_max - std::min(limit.rlim_max, others)) +
+                           ", or raise the limit (ulimit -Hn, or LimitNOFILE= of the service)");
+  limit.rlim_cur = connections + others;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
 
 int Serve(const ServeOptions& given) {
   server::ReportServerOptions options;
@@ -46,12 +66,8 @@ int Serve(const ServeOptions& given) {
   options.bodyMemoryBytes = given.bodyMemoryMiB << 20;
   options.connectionLimit = given.connections;
   options.requestTime = std::chrono::seconds(given.requestSeconds);
-  options.log = Complain;
-  server::PageServerOptions pageOptions;
-  std::optional<server::PageWatch> watch;
-  if (ReadPageOptions(*given.page, &pageOptions)) options.observer = &watch.emplace();
-
-  // Blocked before the server's threads start, so that they inherit the mask and only sigwait gets these.
+  ReserveDescriptors(given.connections);
+  // Blocked before any thread starts, so that they inherit the mask and only sigwait gets these.
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGHUP);
@@ -59,6 +75,14 @@ int Serve(const ServeOptions& given) {
   sigaddset(&ending, SIGINT);
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
   signal(SIGPIPE, SIG_IGN);
+
+  const auto log = std::make_shared<ServeLog>(STDERR_FILENO);
+  options.log = [log](const std::string& sentence) { log->Write(sentence); };
+  options.rate = given.rate;
+  options.rateBurst = given.rateBurst != 0 ? given.rateBurst : 2.0 * given.rate;
+  server::PageServerOptions pageOptions;
+  std::optional<server::PageWatch> watch;
+  if (ReadPageOptions(*given.page, &pageOptions)) options.observer = &watch.emplace();
 
   server::ReportServer server(std::move(options));
   std::optional<server::PageServer> page;
@@ -118,7 +142,7 @@ Command MakeServeCommand(CLI::App& program) {
       ->capture_default_str();
   command
       ->add_option("--connections", options->connections,
-                   "maximum number of connections; above it, the one that has waited longest is closed")
+                   "maximum number of connections; above it, one of the client that has most is closed")
       ->check(CLI::Range(1, 100'000))
       ->type_name("N")
       ->capture_default_str();
@@ -127,6 +151,18 @@ Command MakeServeCommand(CLI::App& program) {
                    "seconds to receive the headers of a request, and again to receive its body")
       ->check(CLI::Range(1, 3600))
       ->type_name("SECONDS")
+      ->capture_default_str();
+  command
+      ->add_option(
+          "--rate", options->rate,
+          "requests a second that a client address may make; above it, they are answered 429; 0: any")
+      ->check(CLI::Range(0, 1'000'000))
+      ->type_name("N")
+      ->capture_default_str();
+  command
+      ->add_option("--rate-burst", options->rateBurst, "requests that it may make at once; 0: twice --rate")
+      ->check(CLI::Range(0, 1'000'000))
+      ->type_name("N")
       ->capture_default_str();
   options->page = AddPageOptions(*command);
   command->footer(
