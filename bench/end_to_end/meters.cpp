@@ -34,6 +34,7 @@ double CpuSeconds() {
 
 std::uint64_t PeakKb() { return NumberAfter("VmHWM:", "/proc/self/status"); }
 void ResetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
+std::uint64_t OwnKb() { return NumberAfter("RssAnon:", "/proc/self/status"); }
 std::uint64_t CurrentKb() { return NumberAfter("VmRSS:", "/proc/self/status"); }
 
 std::uint64_t WrittenBytes() { return NumberAfter("write_bytes:", "/proc/self/io"); }

@@ -15,6 +15,8 @@ double CpuSeconds();
 std::uint64_t PeakKb();
 void ResetPeak();
 std::uint64_t CurrentKb();
+// Of this, what isn't mapped from a file, as programs and libraries are.
+std::uint64_t OwnKb();
 
 // What this process has caused to be written to disk so far, in bytes; the kernel counts pages. 0 on a file
 // system in memory.

@@ -35,6 +35,7 @@ Result Watch(const RunOptions& options, Action&& everySecond) {
   result.Set("wakeUps", Sleeps() - sleeps);
   result.Set("cpuMs", watch.UsedCpuSeconds() * 1e3);
   result.Set("memoryKb", CurrentKb());
+  result.Set("ownKb", OwnKb());
   result.Set("writtenBytes", WrittenBytes() - written);
   return result;
 }
