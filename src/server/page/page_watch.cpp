@@ -164,7 +164,7 @@ std::string PageWatch::Record(std::uint64_t number) const {
 
 std::shared_ptr<EventStream> PageWatch::OpenStream(RecordFilter filter) {
   const std::lock_guard lock(mutex_);
-  const auto stream = streams_.Open(std::move(filter));
+  auto stream = streams_.Open(std::move(filter));
   if (!stream) return nullptr;
   std::vector<const ShownRecord*> latest;
   for (const ShownRecord& each : window_.Records()) {

@@ -1,7 +1,7 @@
 #include "server/page/server_counters.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <charconv>
 #include <string_view>
 
 namespace veld_report::server {
@@ -10,9 +10,10 @@ namespace {
 constexpr double nanosecondsInASecond = 1e9;
 
 std::string Number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.12g", value);
-  return text;
+  constexpr int digits = 12;
+  std::array<char, 32> text{};
+  return {text.data(),
+          std::to_chars(text.begin(), text.end(), value, std::chars_format::general, digits).ptr};
 }
 
 // Adds families of the exposition format to a text.

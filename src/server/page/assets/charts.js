@@ -14,7 +14,7 @@ const colourOf = (selector, property) => getComputedStyle(document.querySelector
 function makeChart(id, series) {
   return new Chart(byId(id), {
     type: "line",
-    data: { datasets: series.map((name) => ({ name, data: [], borderWidth: 1.5, pointRadius: name === "refused" ? 2.5 : 0, pointBorderWidth: 0, pointHitRadius: 0 })) },
+    data: { datasets: series.map((name) => ({ name, data: [], borderWidth: 1.5, pointRadius: name === "refused" ? 2.5 : 0, pointBorderWidth: 0, pointHitRadius: 0, order: name === "refused" ? 0 : 1 })) },
     options: {
       animation: false,
       parsing: false,
