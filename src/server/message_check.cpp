@@ -82,7 +82,7 @@ void ReadSignatures(std::string_view value, MessageContent* content) {
 }
 
 void AppendLine(std::string_view item, std::string* lines) {
-  if (item.find_first_of("\r\n") == std::string_view::npos) {
+  if (item.find('\n') == std::string_view::npos && item.find('\r') == std::string_view::npos) {
     lines->append(item);
   } else {
     std::string minified(item.size(), '\0');
