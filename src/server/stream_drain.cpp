@@ -20,12 +20,18 @@ constexpr milliseconds retryPause{500};
 constexpr std::chrono::seconds acknowledgeWithin{5};
 constexpr std::chrono::seconds tellEvery{1};
 
+// Somebody else's, of another kind.
+class WrongConsumer : public std::runtime_error {
+ public:
+  using runtime_error::runtime_error;
+};
+
 }  // namespace
 
 // One thread's subscription and the messages that it holds. Threads: the one.
 class StreamDrain::Reader {
  public:
-  // Makes the consumer unless it exists. Throws StreamError.
+  // Makes the consumer unless it exists. Throws StreamError and WrongConsumer.
   Reader(const StreamLink& link, const std::string& stream, const std::string& consumer)
       : link_(link), stream_(stream) {
     link.RequireConnection();
@@ -46,9 +52,8 @@ class StreamDrain::Reader {
     const bool isRight = !raw->Config->DeliverSubject && raw->Config->AckPolicy == js_AckExplicit;
     jsConsumerInfo_Destroy(raw);
     if (!isRight)
-      throw StreamError(link.Url().Name() + ": the consumer " + consumer + " of the stream " + stream +
-                            " isn't a pull consumer with explicit acknowledgements",
-                        false);
+      throw WrongConsumer(link.Url().Name() + ": the consumer " + consumer + " of the stream " + stream +
+                          " isn't a pull consumer with explicit acknowledgements");
     jsSubOptions options;
     jsSubOptions_Init(&options);
     options.Stream = stream.c_str();
@@ -154,6 +159,8 @@ void StreamDrain::Work(const std::string& stream) {
         if (count == 0) EndIfIdle();
         for (std::size_t i = 0; i < count && Deliver(reader, i); ++i) reader.SetDone(i + 1);
       }
+    } catch (const WrongConsumer& error) {
+      End(error.what());
     } catch (const StreamError& error) {
       ReadingFails(error.what());
     } catch (const std::exception& error) {

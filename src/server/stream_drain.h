@@ -9,7 +9,7 @@
 // stream until it is stored: if a sink or the brokers are away, the drain tries on.
 //
 // Life: works from the constructor's return to Stop, the destructor, or its own end: after `idle`, or because
-// a sink can never take a packet.
+// a sink can never take a packet or the consumer is of another kind.
 #pragma once
 
 #include <atomic>

@@ -23,6 +23,12 @@ bool Takes(const std::string& filter, const std::string& stream) {
          filter == "*.>";
 }
 
+// The library puts the place in its sources before a reason: "(jsm.c:1033): stream not found".
+std::string WithoutPlace(const std::string& reason) {
+  const std::size_t end = reason.find("): ");
+  return reason.starts_with('(') && end != std::string::npos ? reason.substr(end + 3) : reason;
+}
+
 // Away at the moment, as opposed to wrong.
 bool Passes(natsStatus status, int code) {
   constexpr int notAvailable = 10'008;  // the cluster has no leader at present
@@ -87,8 +93,12 @@ StreamLink::StreamLink(StreamUrl url) : url_(std::move(url)) {
 StreamLink::~StreamLink() = default;
 
 void StreamLink::RequireConnection() const {
-  if (natsConnection_Status(connection_.get()) != NATS_CONN_STATUS_CONNECTED)
-    throw StreamError(url_.Name() + ": no broker can be reached", true);
+  if (natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED) return;
+  const char* reason = nullptr;
+  natsConnection_GetLastError(connection_.get(), &reason);
+  throw StreamError(url_.Name() + ": no broker can be reached" +
+                        (reason && *reason ? " (" + WithoutPlace(reason) + ")" : ""),
+                    true);
 }
 
 std::size_t StreamLink::MaxMessageBytes() const {
@@ -150,7 +160,8 @@ void StreamLink::Fail(const std::string& what, natsStatus status, int code) cons
   // The library's latest error has more to say if it is of this call.
   natsStatus latest = NATS_OK;
   const char* const detail = nats_GetLastError(&latest);
-  if (detail && *detail && latest == status) reason = detail;
+  if (detail && *detail && latest == status) reason = WithoutPlace(detail);
+  if (status == NATS_NO_RESPONDERS) reason = "JetStream is off there, or not ready";
   throw StreamError(url_.Name() + ": " + what + ": " + reason, Passes(status, code));
 }
 

@@ -33,6 +33,7 @@ struct ServeOptions {
   unsigned connections = 512;
   unsigned requestSeconds = 60;
   unsigned rate = 0, rateBurst = 0;
+  unsigned threads = 4;
   std::shared_ptr<PageOptions> page;
 };
 
@@ -66,6 +67,7 @@ int Serve(const ServeOptions& given) {
   options.bodyMemoryBytes = given.bodyMemoryMiB << 20;
   options.connectionLimit = given.connections;
   options.requestTime = std::chrono::seconds(given.requestSeconds);
+  options.threads = given.threads;
   ReserveDescriptors(given.connections);
   // Blocked before any thread starts, so that they inherit the mask and only sigwait gets these.
   sigset_t ending;
@@ -129,6 +131,12 @@ Command MakeServeCommand(CLI::App& program) {
           "for tests: answer every valid message with this status and, unless it is 200, store nothing")
       ->check(CLI::Range(200, 599))
       ->type_name("CODE")
+      ->capture_default_str();
+  command
+      ->add_option("--threads", options->threads,
+                   "requests that are checked and stored at once; more help if a sink is far away")
+      ->check(CLI::Range(1, 64))
+      ->type_name("N")
       ->capture_default_str();
   command->add_option("--body-limit", options->bodyLimitMiB, "maximum size of a body, in MiB")
       ->check(CLI::Range(1, 1024))
