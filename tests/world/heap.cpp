@@ -69,6 +69,7 @@ extern "C" {
 void* __real_malloc(std::size_t size);
 void __real_free(void* block);
 int __real_pthread_mutex_lock(pthread_mutex_t* lock);
+int __real_pthread_mutex_trylock(pthread_mutex_t* lock);
 int __real_pthread_mutex_unlock(pthread_mutex_t* lock);
 
 void* __wrap_malloc(std::size_t size);
@@ -81,6 +82,12 @@ void __wrap_free(void* block) {
 int __wrap_pthread_mutex_lock(pthread_mutex_t* lock);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* lock) {
   const int result = __real_pthread_mutex_lock(lock);
+  if (inModule && result == 0) NoteLock(lock);
+  return result;
+}
+int __wrap_pthread_mutex_trylock(pthread_mutex_t* lock);
+int __wrap_pthread_mutex_trylock(pthread_mutex_t* lock) {
+  const int result = __real_pthread_mutex_trylock(lock);
   if (inModule && result == 0) NoteLock(lock);
   return result;
 }
