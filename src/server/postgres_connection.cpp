@@ -183,7 +183,9 @@ void PostgresConnection::CheckResult(const pg_result* result) const {
   const char* const message = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
   const char* const state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
   if (!message) Fail();
-  throw PostgresError(FirstLine(message), state ? state : "", false);
+  const std::string code = state ? state : "";
+  // It ends this connection because it stops or has crashed, or lost the connection itself.
+  throw PostgresError(FirstLine(message), code, code.starts_with("57P") || code.starts_with("08"));
 }
 
 void PostgresConnection::Fail() const {
