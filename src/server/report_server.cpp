@@ -27,6 +27,7 @@
 #include "server/peer_name.h"
 #include "server/rate_limit.h"
 #include "server/sink_set.h"
+#include "server/tls_certificate.h"
 
 namespace veld_report::server {
 namespace {
@@ -139,16 +140,27 @@ class ReportServer::Impl {
   explicit Impl(ReportServerOptions options)
       : options_(std::move(options)),
         socket_(OpenListenSocket(options_.address, options_.port)),
+        certificate_(
+            options_.certificatePath.empty()
+                ? nullptr
+                : std::make_unique<TlsCertificate>(options_.certificatePath, options_.certificateKeyPath)),
         sinks_(options_.sinks, options_.log, "senders are answered 503"),
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
         rate_(options_.rate, options_.rateBurst),
         watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)}, options_.log) {
     CompareLimits();
+    // The library takes these two for a daemon with TLS only.
+    const MHD_OptionItem tls[] = {
+        {MHD_OPTION_HTTPS_CERT_CALLBACK, 0, TlsCertificate::Callback()},
+        {MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(TlsCertificate::priorities)},
+        {MHD_OPTION_END, 0, nullptr}};
     daemon_ = MHD_start_daemon(
-        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
-        &Impl::OnRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &Impl::OnLibraryLog, this,
-        MHD_OPTION_LISTEN_SOCKET, socket_.Handle(), MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
+        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG |
+            (certificate_ ? MHD_USE_TLS : MHD_NO_FLAG),
+        0, nullptr, nullptr, &Impl::OnRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &Impl::OnLibraryLog, this,
+        MHD_OPTION_ARRAY, certificate_ ? tls : tls + 2, MHD_OPTION_LISTEN_SOCKET, socket_.Handle(),
+        MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
         // The library divides this among its threads, and one thread may get all connections.
         MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
         MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
@@ -177,6 +189,15 @@ class ReportServer::Impl {
 
   const ReportServerOptions& Options() const { return options_; }
   SinkSet& Sinks() { return sinks_; }
+  void ReloadCertificate() {
+    if (!certificate_) return;
+    try {
+      certificate_->Reload();
+      Log("the certificate is read again: " + options_.certificatePath);
+    } catch (const std::runtime_error& error) {
+      Log(std::string(error.what()) + "; the former certificate stays in use");
+    }
+  }
   std::uint16_t Port() const { return socket_.Port(); }
   ServerLoad Load() {
     const ConnectionWatch::Load load = watch_.CurrentLoad();
@@ -470,7 +491,8 @@ class ReportServer::Impl {
   }
 
   const ReportServerOptions options_;
-  ListenSocket socket_;  // taken before the sinks change anything on the disk
+  ListenSocket socket_;                                // taken before the sinks change anything on the disk
+  const std::unique_ptr<TlsCertificate> certificate_;  // null: without TLS
   SinkSet sinks_;
   const std::unique_ptr<BodyCapture> capture_;  // may be null
   RateLimit rate_;
@@ -492,11 +514,13 @@ std::uint16_t ReportServer::Port() const { return impl_->Port(); }
 std::string ReportServer::Url() const {
   const std::string& address = impl_->Options().address;
   const bool bracketed = address.find(':') != std::string::npos;
-  return "http://" + (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(Port());
+  const char* const scheme = impl_->Options().certificatePath.empty() ? "http://" : "https://";
+  return scheme + (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(Port());
 }
 
 std::uint64_t ReportServer::StoredItems() const { return impl_->storedItems; }
 std::uint64_t ReportServer::RepeatedItems() const { return impl_->repeatedItems; }
+void ReportServer::ReloadCertificate() { impl_->ReloadCertificate(); }
 void ReportServer::ReopenSinks() { impl_->Sinks().Reopen(); }
 std::uint64_t ReportServer::RefusedRequests() const { return impl_->refusedRequests; }
 ServerLoad ReportServer::Load() const { return impl_->Load(); }

@@ -1,8 +1,8 @@
 // ReportServer: receives signed report messages over HTTP, checks every layer and stores the items in a sink.
 //
-// It is for trials, tests and small installations: one sink (record_sink.h), no TLS (put a proxy in front for
-// that), no way to query what was stored. A message is answered 200 only once its items are on the disk. So a
-// sender may drop what was answered, whenever this process is killed.
+// It isn't for querying what was stored; that is the sinks' business (record_sink.h). A message is answered
+// 200 only once its items are on the disk. So a sender may drop what was answered, whenever this process is
+// killed.
 //
 // Answers: 200 stored; 400 the request's frame (framing_check.h) or the body doesn't pass, with a sentence
 // that says why; 405 not a POST; 413 the body is over the limit, as it arrives or decoded (body_decoder.h);
@@ -33,8 +33,10 @@ namespace veld_report::server {
 struct ReportServerOptions {
   std::string address = "127.0.0.1";  // a numeric address (an IPv6 one without brackets) or a host name
   std::uint16_t port = 0;             // 0: a free one
-  std::vector<SinkOptions> sinks;     // each gets every message (sink_set.h); their `log` is the one below
-  SignatureVerifier verifier;         // empty: signatures aren't checked
+  // PEM files (tls_certificate.h): then the server speaks TLS. Both or none.
+  std::string certificatePath, certificateKeyPath;
+  std::vector<SinkOptions> sinks;  // each gets every message (sink_set.h); their `log` is the one below
+  SignatureVerifier verifier;      // empty: signatures aren't checked
   // By the "kid" of the signature's header: what sinks get as the key's name. Without one they get the "kid".
   std::map<std::string, std::string> keyNames;
   unsigned status = 200;  // any other: every good message gets this answer and nothing is stored
@@ -74,7 +76,7 @@ class ReportServer {
   ReportServer& operator=(const ReportServer&) = delete;
 
   std::uint16_t Port() const;
-  // "http://127.0.0.1:4711", with the actual port.
+  // "http://127.0.0.1:4711", with the actual port; with a certificate "https://...".
   std::string Url() const;
   std::uint64_t StoredItems() const;
   // Records that the sink had already.
@@ -83,6 +85,8 @@ class ReportServer {
   // Threads: any, also during Stop.
   ServerLoad Load() const;
 
+  // Reads the certificate again, if there is one. The log hears what came of it. Threads: any.
+  void ReloadCertificate();
   // SinkSet::Reopen. Threads: any.
   void ReopenSinks();
 

@@ -10,7 +10,8 @@
 //   & server veldrep serve ...    the same in the background, until it listens; {server} is its url and
 //   {server address} what
 //                                 --listen takes, from here on
-//   % server TERM                 sends a signal to it and waits for its end
+//   % server TERM                 sends a signal to it and waits for its end, or with HUP for a line of its
+//   log
 //
 // With VELD_REWRITE_TRANSCRIPTS set, the files are written anew; the difference is to be read like code.
 #include <gtest/gtest.h>
@@ -78,6 +79,13 @@ class Transcript {
     } else if (what == '%') {
       static const std::map<std::string, int> signals = {
           {"KILL", SIGKILL}, {"INT", SIGINT}, {"TERM", SIGTERM}};
+      tests::Server& server = *servers_.at(words.at(0));
+      if (words.at(1) == "HUP") {  // which it answers with a line of its log
+        const std::size_t before = server.Errors().size();
+        server.Signal(SIGHUP);
+        EXPECT_TRUE(tests::Eventually([&] { return server.Errors().size() > before; }));
+        return;
+      }
       servers_.at(words.at(0))->Signal(signals.at(words.at(1)));
       Show(*servers_.at(words[0]));
     }

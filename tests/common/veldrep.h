@@ -35,7 +35,7 @@ class Server : public Program {
   }
   const std::string& Url() const { return url_; }
   // As --listen takes it.
-  std::string Address() const { return url_.substr(std::string_view("http://").size()); }
+  std::string Address() const { return url_.substr(url_.find("://") + 3); }
 
  private:
   std::string url_;

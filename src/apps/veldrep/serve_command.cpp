@@ -26,6 +26,7 @@ struct ServeOptions {
   std::string listen = "127.0.0.1:0";
   OutOptions out;
   std::vector<std::string> keys;
+  std::string certificate, certificateKey;
   std::string capture;
   unsigned status = 200;
   std::size_t bodyLimitMiB = 16;
@@ -57,6 +58,11 @@ int Serve(const ServeOptions& given) {
   const AddressOption listen = ParseAddress("--listen", given.listen);
   options.address = listen.address;
   options.port = listen.port;
+  if (given.certificate.empty() != given.certificateKey.empty())
+    throw WrongCommandLine("--certificate and --certificate-key belong together; give both or none");
+  if (!given.certificateKey.empty()) WarnIfOthersCanRead("--certificate-key", given.certificateKey);
+  options.certificatePath = given.certificate;
+  options.certificateKeyPath = given.certificateKey;
   options.sinks = ReadSinks(given.out);
   const KeyRing keys = ReadKeys(given.keys);
   options.verifier = keys.verifier;
@@ -93,7 +99,10 @@ int Serve(const ServeOptions& given) {
               page ? ("page on " + page->Url() + "\n").c_str() : "");
   std::fflush(stdout);
   int received = SIGHUP;
-  while (sigwait(&ending, &received) == 0 && received == SIGHUP) server.ReopenSinks();
+  while (sigwait(&ending, &received) == 0 && received == SIGHUP) {
+    server.ReopenSinks();
+    server.ReloadCertificate();
+  }
   server.Stop();
   std::printf("stopped: stored %llu, repeated %llu, %llu requests refused\n",
               static_cast<unsigned long long>(server.StoredItems()),
@@ -119,6 +128,13 @@ Command MakeServeCommand(CLI::App& program) {
       ->type_name("[NAME=]FILE")
       ->expected(1)
       ->take_all();
+  RefuseEmpty(
+      command->add_option("--certificate", options->certificate,
+                          "certificate (PEM), with those that signed it: then the server speaks TLS, 1.2 "
+                          "or later. On SIGHUP it is read again"))
+      ->type_name("FILE");
+  RefuseEmpty(command->add_option("--certificate-key", options->certificateKey, "its private key (PEM)"))
+      ->type_name("FILE");
   command
       ->add_option(
           "--capture", options->capture,
