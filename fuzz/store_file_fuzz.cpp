@@ -2,9 +2,10 @@
 // has to work or to be refused with a sentence, and what opens has to be a working store.
 //
 // What is promised depends on where the damage is. In the log every frame has a checksum, so what comes back
-// is exactly what stood there after one of the calls. The file has none, so a change inside an item's bytes
-// goes unnoticed and the item comes back changed; only its order and its token can be asked for.
+// is exactly what stood there after one of the calls. In the file every item has one, so each comes back byte
+// for byte, in its order, or not at all.
 #include <fstream>
+#include <set>
 #include <vector>
 
 #include "fuzz/input.h"
@@ -37,6 +38,7 @@ struct Prepared {
   TemporaryFolder folder;
   std::string file, log;
   std::vector<StoreModel> states;  // after each call whose change stands in the log
+  std::set<std::string> texts;     // of all items
 
   Prepared() {
     testing::GTEST_FLAG(throw_on_failure) = true;
@@ -48,6 +50,7 @@ struct Prepared {
         // Some larger than a page, so that there are overflow pages.
         const std::string text =
             Numbered(i) + std::string(i % 9 == 0 ? 5000 : 60 + i, static_cast<char>('a' + i % 26));
+        texts.insert(text);
         model.Pushed(queue, text, PushText(*store.Producer(queue), text));
         states.push_back(model);
       }
@@ -100,7 +103,7 @@ zel::Ref<QueueService> Open(const fs::path& folder) {
 }
 
 // Empties every queue. Of a sound store nothing is left then, and a new item is the newest.
-void RequireWorking(Store& store, bool sound) {
+void RequireWorking(Store& store, bool sound, const std::set<std::string>& texts) {
   std::uint64_t last = 0;
   for (const auto& info : store.service->ListQueues()) {
     store.service->PeekItems(info.name, 3);
@@ -108,6 +111,7 @@ void RequireWorking(Store& store, bool sound) {
     const auto reader = store.Reader(info.name);
     for (const auto& item : ReadAll(*reader, 1000)) {
       Require(item.token > before, "tokens out of order");
+      Require(texts.contains(item.bytes), "an item comes out as it never went in");
       last = std::max(last, before = item.token);
       Require(reader->Ack(&item.token) == zel::sOk || !sound, "Ack of a sound store fails");
     }
@@ -144,7 +148,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Store store(std::move(opened));
     Require(!logOnly || std::ranges::count(prepared.states, StoreModel::Of(*store.service)) != 0,
             "it holds what no call left");
-    RequireWorking(store, logOnly);
+    RequireWorking(store, logOnly, prepared.texts);
   } else {
     Require(!logOnly, "damage in the log alone is refused");
   }

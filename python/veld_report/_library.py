@@ -108,6 +108,7 @@ class COptions(ctypes.Structure):
         ("loss_listener", CLossListener),
         ("loss_context", c_void_p),
         ("store_within_ms", c_uint32),
+        ("secure_delete", c_uint32),
     ]
 
 

@@ -249,6 +249,7 @@ class Reporter:
         store_within: float = 0,
         commit_every_record: bool = False,  # each record is written by itself, not in groups of 10 ms
         sync_every_commit: bool = False,  # what is written survives a crash of the machine
+        secure_delete: bool = False,  # records that have left the store are overwritten on the disk
         shared: bool = False,  # several processes may use the store, all with this set
         proxy: Optional[str] = None,  # None: from the environment; "": none
         headers: Sequence[str] = (),  # of every request, each "Name: value"
@@ -284,6 +285,7 @@ class Reporter:
         options.store_within_ms = _number("store_within", store_within * 1000, 0, 2**32 - 1)
         options.commit_every_record = commit_every_record
         options.sync_every_commit = sync_every_commit
+        options.secure_delete = secure_delete
         options.hold_sending = not sending_allowed
         options.stamp = stamp
         self._log = _TraceLog(logger) if trace_level and trace_file is None else None

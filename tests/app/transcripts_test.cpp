@@ -107,6 +107,7 @@ class Transcript {
     static const std::pair<std::regex, const char*> varying[] = {
         {std::regex(R"( +\d+(\.\d)? (ms|s)\b)"), " {time}"},
         {std::regex(R"(\d+\.\d seconds)"), "{time}"},
+        {std::regex(R"(\d+ bytes (on disk|before|after))"), "{size} bytes $1"},
         {std::regex(R"((age_ms":|waits_ms":)\d+)"), "$1{time}"},
         {std::regex(R"(\d{8}T\d{6}Z)"), "{moment}"},
         {std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)"), "{moment}"},

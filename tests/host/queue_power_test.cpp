@@ -7,7 +7,6 @@
 #include <iostream>
 #include <random>
 
-#include "host/queue/sqlite_connection.h"
 #include "tests/host/faulty_vfs.h"
 #include "tests/host/power_log.h"
 #include "tests/host/queue_test_tools.h"
@@ -174,13 +173,10 @@ class PowerLossTest : public StoreTest, public testing::WithParamInterface<Synci
     if (HasFailure()) return;
     model = commits[found - 1].holding;
     WriteImage(image, folder.Path());
-    if (Chance(0.7)) return;
+    if (Chance(0.5)) return;
     Open();
     service.Reset();
-    host::SqliteConnection connection(StorePath(), host::SqliteConnection::Access::readWrite);
-    for (const char* column : {"expired", "expired_bytes", "damaged", "damaged_bytes"})
-      connection.Execute("ALTER TABLE queues DROP COLUMN " + std::string(column));
-    connection.Execute("PRAGMA user_version=1");
+    WriteInLayout(Chance(0.5) ? 1 : 2, model, StorePath());
   }
 
   void Run(std::uint64_t seed, int generations, int steps, double share) {

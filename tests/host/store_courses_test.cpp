@@ -6,6 +6,7 @@
 #include "host/queue/store_salvage.h"
 #include "tests/host/queue_course.h"
 #include "tests/host/queue_test_tools.h"
+#include "tests/host/store_model.h"
 
 namespace veld_report::tests {
 namespace {
@@ -49,6 +50,10 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (verb == "copy") return EndServices(), Copy(), "";
     if (verb == "mark")
       return EndServices(), WriteFile(Mark(), name == "opened" ? opened_ : Shown(words)), "";
+    if (verb == "earlier") {
+      const StoreModel holding = StoreModel::Of(*service);
+      return EndServices(), WriteInLayout(std::stoi(name), holding, StorePath()), "";
+    }
     if (verb == "delete") return EndServices(), Delete(name), "";
     if (verb == "compact") return EndServices(), host::CompactStore(options.folder), "";
     if (verb == "salvage") return EndServices(), Salvaged();
@@ -108,6 +113,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (has("aged")) options.maxAge = std::chrono::seconds(60);
     if (has("limited")) options.storeLimitBytes = 20;
     if (has("paced")) options.pacer = pacer_;
+    options.secureDelete = has("secure");
     if (has("grouped")) {
       options.commitOperations = has("large") ? 10'000 : 8;
       options.commitDelay = std::chrono::hours(1);
@@ -129,7 +135,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     for (std::size_t i = 0; i < itemCount; ++i) EXPECT_EQ(PushText(*producer, ItemText(i)), zel::sOk);
     const auto reader = Reader(queue);
     for (const ReadItem& item : ReadAll(*reader, 10)) reader->Ack(&item.token);
-    lastToken_ = service->LastToken();
+    lastToken_ = service->LastTokens()[queue];
     return "";
   }
   // How many of them wait, unless one is twice there, out of order or wrong.
@@ -143,8 +149,8 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     return std::to_string(found.size());
   }
   std::string Newer() {
-    Push("new", "text");
-    return ReadOne(*Reader("new"))->token > lastToken_ ? "yes" : "no";
+    Push("q", "text");
+    return service->LastTokens()["q"] > lastToken_ ? "yes" : "no";
   }
   // Overwrites a page of a table or index. `quietly`: the file's time doesn't tell of it.
   std::string Spoil(const std::string& table, std::size_t number, bool quietly) {
@@ -189,7 +195,11 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     return std::to_string(
         SqliteConnection(options.folder / name, SqliteConnection::Access::read).QueryInteger(statement));
   }
-  std::string Committed() const { return Query("veld_rep.queue", "SELECT count(*) FROM items"); }
+  std::string Committed() const {
+    return Query(
+        "veld_rep.queue",
+        "SELECT coalesce(sum(last-front), 0) - (SELECT coalesce(sum(count), 0) FROM gone) FROM queues");
+  }
   bool AnyFile(const std::function<bool(const std::string&)>& is) const {
     return std::ranges::any_of(fs::directory_iterator(options.folder),
                                [&](const fs::directory_entry& entry) { return is(ReadFile(entry.path())); });

@@ -6,12 +6,16 @@
 #pragma once
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
 
 #include "host/queue/queue_service.h"
+#include "host/queue/store_layout.h"
+#include "tests/common/files.h"
 #include "tests/host/queue_items.h"
 
 namespace veld_report::tests {
@@ -95,6 +99,33 @@ class StoreModel {
 
   std::map<std::string, Queue> queues_;
 };
+
+// Rewrites a store that is closed in the layout 1 or 2. These had no positions, and items of all queues in
+// turn.
+inline void WriteInLayout(int version, const StoreModel& holding, const std::filesystem::path& file) {
+  WriteFile(file, "");
+  host::SqliteConnection connection(file, host::SqliteConnection::Access::readWrite);
+  connection.Execute("PRAGMA journal_mode=WAL;" + host::LayoutSql(version) + ";BEGIN");
+  std::size_t most = 0;
+  for (const auto& [name, queue] : holding.Queues()) {
+    std::string figures;
+    for (const ItemCount* figure : queue.ledger.All())
+      figures += ", " + std::to_string(figure->items) + ", " + std::to_string(figure->bytes);
+    if (version == 1) figures.erase(figures.rfind(", 0, 0, 0, 0"));
+    connection.Execute("INSERT INTO queues SELECT NULL, '" + name + "', 1" + figures);
+    most = std::max(most, queue.items.size());
+  }
+  host::SqliteStatement add(connection,
+                            "INSERT INTO items SELECT NULL, id, 1700000000000, ?2 FROM queues WHERE name=?1");
+  for (std::size_t i = 0; i < most; ++i) {
+    for (const auto& [name, queue] : holding.Queues()) {
+      if (i >= queue.items.size()) continue;
+      const auto* const first = reinterpret_cast<const std::uint8_t*>(queue.items[i].data());
+      add.Bind(1, name).Bind(2, std::span(first, queue.items[i].size())).Run();
+    }
+  }
+  connection.Execute("COMMIT");
+}
 
 // For the reports of failures.
 inline void PrintTo(const StoreModel& model, std::ostream* out) {

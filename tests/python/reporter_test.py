@@ -70,7 +70,7 @@ class ReporterTest(unittest.TestCase):
         requests, losses = [], []
         endpoints = (Endpoint(self.url), Endpoint(NOBODY, "other", (PIN,), "zstd"))
         reporter = Reporter(self.store, [self.url], sending_allowed=False, packet_limit=0, listener=requests.append,
-                            loss_listener=losses.append, headers=["X-Product: test"], user_agent="test", proxy="", sync_every_commit=True)
+                            loss_listener=losses.append, headers=["X-Product: test"], user_agent="test", proxy="", sync_every_commit=True, secure_delete=True)
         settings = reporter.current_settings()
         self.assertEqual(settings, Settings((Endpoint(self.url),), packet_limit=0))
         settings = dataclasses.replace(settings, endpoints=endpoints, send_every=1)

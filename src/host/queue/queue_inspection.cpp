@@ -11,6 +11,9 @@ namespace {
 // So long the figures wait for the file; it is written in groups, which take less on a disk that works.
 constexpr std::chrono::milliseconds refreshTime{100};
 constexpr std::chrono::milliseconds refreshStep{1};
+// Memory for reading ahead.
+constexpr std::size_t oneItem = 1;
+constexpr std::size_t manyItems = std::size_t{64} * 1024;
 
 }  // namespace
 
@@ -20,11 +23,13 @@ std::vector<QueueInfo> QueueStore::ListQueues() {
   Refresh();
   const std::int64_t nowMs = time_.NowMs();
   std::vector<QueueInfo> result;
-  for (const auto& [name, queue] : queues_) {
+  for (auto& [name, queue] : queues_) {
     if (!queue.stored.IsPresent()) continue;
+    const ItemRow* const oldest = writer_.NextInFile(queue.stored, 0, oneItem);
     const ItemCount waiting = queue.stored.Ledger().waiting;
     QueueInfo info{name, waiting.items, waiting.bytes, std::nullopt};
-    if (const auto oldestMs = file_->OldestMs(queue.stored.Id())) info.oldestAgeMs = nowMs - *oldestMs;
+    if (oldest) info.oldestAgeMs = nowMs - oldest->enqueuedMs;
+    writer_.EndReading(queue.stored);
     result.push_back(std::move(info));
   }
   return result;
@@ -36,24 +41,27 @@ std::vector<PeekedItem> QueueStore::Peek(const std::string& name, std::size_t co
   Refresh();
   std::vector<PeekedItem> result;
   const auto found = queues_.find(name);
-  if (found == queues_.end() || !found->second.stored.CountsInFile()) return result;
+  if (found == queues_.end()) return result;
+  BufferedQueue& queue = found->second.stored;
   std::uint64_t after = 0;
   while (result.size() < count) {
-    const auto row = file_->NextItem(found->second.stored.Id(), after);
+    const ItemRow* const row = writer_.NextInFile(queue, after, count == 1 ? oneItem : manyItems);
     if (!row) break;
     after = row->token;
-    if (writer_.IsDeleted(row->token)) continue;
     result.push_back(
         {row->token, time_.NowMs() - row->enqueuedMs, std::string(row->data.begin(), row->data.end())});
   }
-  file_->Finish();
+  writer_.EndReading(queue);
   return result;
 }
 
-std::uint64_t QueueStore::LastToken() {
+std::map<std::string, std::uint64_t> QueueStore::LastTokens() {
   const std::lock_guard lock(mutex_);
   Flush();
-  return file_->LastToken();
+  Refresh();
+  std::map<std::string, std::uint64_t> result;
+  for (const auto& [name, queue] : queues_) result.emplace(name, queue.stored.LastToken());
+  return result;
 }
 
 ItemCount QueueStore::TotalWaiting() {

@@ -10,10 +10,12 @@
 namespace veld_report::host {
 namespace {
 
-// Memory for reading ahead over all queues, and the limits for each queue.
+// Memory for reading ahead over all queues, and the limits for each queue. A block of the usual size fits.
 constexpr std::size_t readAheadBytes = 1 << 20;
 constexpr std::size_t minReadAhead = 1 << 11;
-constexpr std::size_t maxReadAhead = 1 << 16;
+constexpr std::size_t maxReadAhead = 80 << 10;
+// The share of what is left of it that one queue may take.
+constexpr std::size_t readAheadShare = 8;
 // Most visits are shorter and don't ask.
 constexpr std::size_t boundedAfter = 1024;
 
@@ -68,7 +70,8 @@ zel::ResultCode QueueStore::Read(ReaderState& reader, zel::vector_t<std::uint8_t
 
 // The oldest unclaimed item above `after`; null if there is none.
 const ItemRow* QueueStore::NextFree(QueueState& queue, std::uint64_t after) {
-  const std::size_t limitBytes = std::clamp(readAheadBytes / queues_.size(), minReadAhead, maxReadAhead);
+  const std::size_t left = readAheadBytes - std::min(readAheadBytes, writer_.ReadAheadBytes());
+  const std::size_t limitBytes = std::clamp(left / readAheadShare, minReadAhead, maxReadAhead);
   while (const ItemRow* row = writer_.NextInFile(queue.stored, after, limitBytes)) {
     if (!IsClaimed(queue, row->token)) return row;
     after = row->token;
@@ -112,7 +115,7 @@ bool QueueStore::ClaimNext(ReaderState& reader, zel::vector_t<std::uint8_t>* dat
     if (reader.allowance.only) reader.exhausted = reader.cutShort = true;
     *token = row->token;
     if (++reader.handedOut == boundedAfter && options_.boundedVisits && !evictions_.IsEvicting(reader)) {
-      reader.lastToken = file_->LastToken();
+      reader.lastToken = queue.stored.LastToken();
     }
     return true;
   }

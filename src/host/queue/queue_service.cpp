@@ -4,8 +4,8 @@
 
 #include "host/base/text.h"
 #include "host/base/write_trace.h"
-#include "host/queue/store_layout.h"
 #include "host/queue/store_maintenance.h"
+#include "host/queue/store_upgrade.h"
 
 namespace veld_report::host {
 namespace {
@@ -166,7 +166,9 @@ std::vector<PeekedItem> QueueService::PeekItems(const std::string& queueName, st
   return Store(domain)->Peek(queueName, count);
 }
 
-std::uint64_t QueueService::LastToken(const std::string& domain) { return Store(domain)->LastToken(); }
+std::map<std::string, std::uint64_t> QueueService::LastTokens(const std::string& domain) {
+  return Store(domain)->LastTokens();
+}
 
 ItemCount QueueService::TotalWaiting(const std::string& domain) { return Store(domain)->TotalWaiting(); }
 
@@ -188,7 +190,7 @@ void QueueService::Forget(const std::string& domain) {
   for (const std::string& name : store->QueueNames()) store->RemoveQueue(name);
   const auto file = StoreFilePath(options_.folder, domain);
   for (const auto& damaged : DamagedFilesOf(file)) DeleteDamagedFile(damaged);
-  RemoveEarlierLayoutCopies(file);
+  RemoveTracesOfUpgrades(file);
   Compact(*store, true);
 }
 

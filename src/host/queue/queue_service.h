@@ -57,9 +57,10 @@ class QueueService final : public HostObject<orvel::IQueueFactory> {
   // The oldest `count` items of a queue, including claimed ones.
   std::vector<PeekedItem> PeekItems(const std::string& queueName, std::size_t count,
                                     const std::string& domain = defaultDomain);
-  // The token of the last item ever written to the file, 0 if there was none. After a Commit that returned
-  // true, everything accepted before has a token up to this one, and everything after it a greater one.
-  std::uint64_t LastToken(const std::string& domain = defaultDomain);
+  // For each queue name ever used the token of the last item that was written to the file. After a Commit
+  // that returned true, what was accepted before in a queue has a token up to this one, and what comes after
+  // it a greater one.
+  std::map<std::string, std::uint64_t> LastTokens(const std::string& domain = defaultDomain);
   ItemCount TotalWaiting(const std::string& domain = defaultDomain);
   // The ledger of every queue name ever used (queue_ledger.h).
   std::map<std::string, QueueLedger> Ledgers(const std::string& domain = defaultDomain);

@@ -27,6 +27,9 @@ struct QueueServiceOptions {
   bool commitEveryPush = false;
   // Every transaction is synced: it survives a crash of the machine, at the cost of a sync each.
   bool syncEveryCommit = false;
+  // What is delivered or dropped is overwritten in the file once its block is deleted, at the cost of writing
+  // it once more. Otherwise it may stay on free pages until these are used again.
+  bool secureDelete = false;
 
   // Older items are dropped when they are due to be read, and count as evicted and expired; 0: never.
   std::chrono::milliseconds maxAge{0};

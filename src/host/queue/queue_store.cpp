@@ -5,8 +5,8 @@
 
 #include "host/base/write_trace.h"
 #include "host/platform/service_thread.h"
-#include "host/queue/store_layout.h"
 #include "host/queue/store_opening.h"
+#include "host/queue/store_upgrade.h"
 
 namespace veld_report::host {
 namespace {
@@ -26,6 +26,11 @@ constexpr std::size_t maxItemBytes = 999'000'000;
 
 constexpr const char* unwritable = "the store can't be written; is its disk full?";
 
+QueueWriter::Access AccessOf(const QueueServiceOptions& options) {
+  if (options.inspectOnly) return QueueWriter::Access::inspectOnly;
+  return options.shared ? QueueWriter::Access::shared : QueueWriter::Access::alone;
+}
+
 }  // namespace
 
 QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem::path& file,
@@ -36,8 +41,10 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
       reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
       mark_(options.inspectOnly ? std::filesystem::path() : file),
       file_(OpenStoreFile(options, file, *folderLock_, reserve_, mark_)),
-      time_(file, options.maxAge, file_->YoungestMs(), options.machine),
-      writer_(*file_, reserve_, figuresMutex_),
+      time_(
+          file, options.maxAge, [this] { return file_->YoungestMs(); }, options.machine),
+      writer_(*file_, AccessOf(options), reserve_, figuresMutex_,
+              [this](const BufferedQueue& queue, ItemCount lost) { NoteDamage(queue, lost); }),
       lease_(file.string() + ".lease", options.machine),
       identity_(FileIdentity::Of(file)) {
   AdoptRows();
@@ -57,7 +64,7 @@ QueueStore::~QueueStore() {
   committer_.join();
   try {
     if (FlushFigures()) {
-      RemoveEarlierLayoutCopies(path_);
+      RemoveTracesOfUpgrades(path_);
     } else {
       Trace(failureLevel,
             std::to_string(writer_.BufferedItems()) + " items couldn't be written and are lost");
@@ -217,6 +224,13 @@ void QueueStore::Reject(QueueState& queue, ItemCount item) {
 void QueueStore::NoteLoss(const QueueState& queue, LossReason reason, ItemCount lost,
                           const std::string& why) const {
   if (options_.onLoss) options_.onLoss(queue.stored.Name(), reason, lost, why);
+}
+
+void QueueStore::NoteDamage(const BufferedQueue& queue, ItemCount lost) const {
+  const std::string why = std::to_string(lost.items) + " items of queue " + queue.Name() +
+                          " were damaged in the file, and are lost";
+  if (options_.onLoss) options_.onLoss(queue.Name(), LossReason::damaged, lost, why);
+  Trace(failureLevel, why);
 }
 
 // An item that was refused as out of space is only lost if its producer doesn't go on to make room for it.

@@ -113,7 +113,7 @@ class QueueStore {
   // For inspection; none of these claims an item.
   std::vector<QueueInfo> ListQueues();
   std::vector<PeekedItem> Peek(const std::string& name, std::size_t count);
-  std::uint64_t LastToken();
+  std::map<std::string, std::uint64_t> LastTokens();
   // For every queue name ever used, including removed queues. These two don't wait while the file is being
   // written. If processes share the store, what the others have written may then be missing.
   std::map<std::string, QueueLedger> Ledgers();
@@ -143,6 +143,7 @@ class QueueStore {
   zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
   void Reject(QueueState& queue, ItemCount item);
   void NoteLoss(const QueueState& queue, LossReason reason, ItemCount lost, const std::string& why) const;
+  void NoteDamage(const BufferedQueue& queue, ItemCount lost) const;
   void NoteUnrepeated(const EvictionTracker::Refusal& lastCall) const;
   static bool IsClaimed(const QueueState& queue, std::uint64_t token);
   const ItemRow* NextFree(QueueState& queue, std::uint64_t after);

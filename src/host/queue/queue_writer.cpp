@@ -7,13 +7,31 @@
 #include <new>
 #include <utility>
 
+#include "host/queue/block_scan.h"
+
 namespace veld_report::host {
 namespace {
 
-// The figures of a stored item.
-QueueLedger Offered(std::size_t bytes) {
-  const ItemCount item{1, static_cast<std::int64_t>(bytes)};
-  return {.accepted = item, .waiting = item};
+// A larger item stands alone.
+constexpr std::size_t maxBlockBytes = std::size_t{64} * 1024;
+// A block of this size stays within a page.
+constexpr std::size_t pageBlockBytes = 4000;
+// So many blocks of up to this size are made into one.
+constexpr std::size_t mergedBlocks = 4;
+constexpr std::size_t smallBlockBytes = 8000;
+// What an item takes in a block besides its bytes; a little more than that for small items.
+constexpr std::size_t itemOverhead = 8;
+// On a full disk so many blocks are deleted at once. They fit into the reserve even if they are overwritten.
+constexpr std::size_t fewBlocks = 8;
+// So often a damaged place is looked at again because another process may just have changed it.
+constexpr int maxBurials = 3;
+
+ItemCount One(std::size_t bytes) { return {1, static_cast<std::int64_t>(bytes)}; }
+
+// Counts what is stored, or with a negative count what isn't any more.
+void Offer(QueueLedger* ledger, ItemCount count) {
+  ledger->accepted += count;
+  ledger->waiting += count;
 }
 
 }  // namespace
@@ -34,13 +52,13 @@ void QueueWriter::SetPresence(BufferedQueue& queue, bool present) {
 
 void QueueWriter::Adopt(BufferedQueue& queue, const QueueRow& row) {
   queue.id_ = row.id;
+  queue.positions_ = row.positions;
   if (!queue.presence_) queue.present_ = row.present;
-  queue.ahead_.Forget();
   const std::lock_guard lock(figuresMutex_);
   queue.ledger_ = row.ledger;
   queue.ledger_ += queue.unwritten_;
   for (const Item& item : items_) {
-    if (item.queue == &queue) queue.ledger_ += Offered(item.size);
+    if (item.queue == &queue) Offer(&queue.ledger_, One(item.size));
   }
 }
 
@@ -61,30 +79,35 @@ void QueueWriter::IncludeBooked(BufferedQueue& queue) {
 
 void QueueWriter::AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data) {
   SetPresence(queue, true);
-  items_.push_back({&queue, enqueuedMs, bytes_.size(), data.size()});
+  items_.push_back({&queue, enqueuedMs, bytes_.size(), data.size(), queue.lastItem_});
   try {
     bytes_.insert(bytes_.end(), data.begin(), data.end());
   } catch (...) {
     items_.pop_back();
     throw;
   }
+  queue.lastItem_ = items_.size() - 1;
   const std::lock_guard lock(figuresMutex_);
-  queue.ledger_ += Offered(data.size());
+  Offer(&queue.ledger_, One(data.size()));
 }
 
 void QueueWriter::DropLastItem() {
   const Item& item = items_.back();
   {
     const std::lock_guard lock(figuresMutex_);
-    item.queue->ledger_ += -Offered(item.size);
+    Offer(&item.queue->ledger_, -One(item.size));
   }
+  item.queue->lastItem_ = item.previous;
   bytes_.resize(item.offset);
   items_.pop_back();
 }
 
 std::vector<std::pair<const BufferedQueue*, ItemCount>> QueueWriter::RejectItems() {
   std::map<BufferedQueue*, ItemCount> lost;
-  for (const Item& item : items_) lost[item.queue] += ItemCount{1, static_cast<std::int64_t>(item.size)};
+  for (const Item& item : items_) {
+    lost[item.queue] += One(item.size);
+    item.queue->lastItem_ = BufferedQueue::none;
+  }
   items_.clear();
   bytes_.clear();
   for (const auto& [queue, count] : lost) {
@@ -97,18 +120,19 @@ std::vector<std::pair<const BufferedQueue*, ItemCount>> QueueWriter::RejectItems
 
 void QueueWriter::AddDelete(BufferedQueue& queue, std::uint64_t token, ItemCount item,
                             ItemCount QueueLedger::*kind) {
+  // It was damaged, or another process was faster. Then it has been counted.
+  if (!queue.positions_.HasItem(PositionOf(token))) return;
   Touch(queue, false);
   // Both or neither: an item that is hidden but never deleted would come back with the next process.
-  deletes_.push_back({&queue, token, item, kind});
+  deletes_.push_back({&queue, PositionOf(token), item, kind});
   try {
-    deletedTokens_.insert(token);
+    queue.deleted_.Add(PositionOf(token));
   } catch (...) {
     deletes_.pop_back();
     throw;
   }
   if (kind == &QueueLedger::evicted) ++evictions_;
   deletedBytes_ += item.bytes;
-  queue.ahead_.Drop(token);
   queue.unwritten_.Leave(kind, item);
   const std::lock_guard lock(figuresMutex_);
   queue.ledger_.Leave(kind, item);
@@ -120,9 +144,10 @@ void QueueWriter::AddRemoval(BufferedQueue& queue) {
   ItemCount buffered;
   std::erase_if(items_, [&](const Item& item) {
     if (item.queue != &queue) return false;
-    buffered += ItemCount{1, static_cast<std::int64_t>(item.size)};
+    buffered += One(item.size);
     return true;
   });
+  RelinkItems();
   const ItemCount waiting = queue.ledger_.waiting;
   {
     const std::lock_guard lock(figuresMutex_);
@@ -134,19 +159,83 @@ void QueueWriter::AddRemoval(BufferedQueue& queue) {
   removals_.push_back({&queue, inFile});
   deletedBytes_ += inFile.bytes;
   queue.removalBuffered_ = true;
-  queue.ahead_.Forget();
+  EndReading(queue);
   queue.unwritten_.accepted += buffered;
   queue.unwritten_.removed += waiting;
   queue.unwritten_.waiting += -inFile;
 }
 
+void QueueWriter::RelinkItems() {
+  for (BufferedQueue* queue : dirty_) queue->lastItem_ = BufferedQueue::none;
+  for (std::size_t i = 0; i < items_.size(); ++i)
+    items_[i].previous = std::exchange(items_[i].queue->lastItem_, i);
+}
+
 const ItemRow* QueueWriter::NextInFile(BufferedQueue& queue, std::uint64_t after, std::size_t limitBytes) {
-  if (!queue.CountsInFile()) return nullptr;
-  while (const ItemRow* row = queue.ahead_.Next(file_, queue.id_, after, limitBytes)) {
-    if (!IsDeleted(row->token)) return row;
-    after = row->token;
+  if (queue.id_ == 0 || queue.removalBuffered_) return nullptr;
+  std::uint64_t position = PositionOf(after) + 1;
+  for (int burials = 0;; position = queue.deleted_.NextOutside(position)) {
+    position = queue.positions_.NextItem(position);
+    if (position > queue.positions_.last) return nullptr;
+    if (queue.deleted_.Contains(position)) continue;
+    const std::uint64_t key = KeyOf(queue.id_, position);
+    if (queue.ahead_.Find(key) || ReadFrom(queue, key, limitBytes)) return queue.ahead_.Find(key);
+    if (access_ != Access::inspectOnly && ++burials > maxBurials)
+      throw SqliteError(SQLITE_CORRUPT, "an item of queue " + queue.name_ + " can't be found");
+    Bury(queue, position);
   }
-  return nullptr;
+}
+
+bool QueueWriter::ReadFrom(BufferedQueue& queue, std::uint64_t key, std::size_t limitBytes) {
+  readAheadBytes_ -= queue.ahead_.Memory();
+  try {
+    const bool found = queue.ahead_.Fill(file_, key, limitBytes);
+    readAheadBytes_ += queue.ahead_.Memory();
+    return found;
+  } catch (...) {
+    queue.ahead_.Shrink();
+    throw;
+  }
+}
+
+// Something damaged stands at the position. The queue is read whole, and everything in it that is damaged
+// leaves it.
+void QueueWriter::Bury(BufferedQueue& queue, std::uint64_t position) {
+  if (access_ == Access::inspectOnly) {
+    queue.deleted_.Add(position);
+    return;
+  }
+  if (!Flush()) throw SqliteError(*error_);
+  ItemCount lost;
+  try {
+    file_.Begin();
+    lost = WriteBurial(queue);
+    file_.Commit();
+  } catch (...) {
+    file_.Rollback();
+    throw;
+  }
+  queue.positions_ = std::move(queue.next_);
+  if (lost == ItemCount{}) return;
+  {
+    const std::lock_guard lock(figuresMutex_);
+    queue.ledger_ += QueueLedger{.removed = lost, .waiting = -lost, .damaged = lost};
+  }
+  onDamage_(queue, lost);
+}
+
+ItemCount QueueWriter::WriteBurial(BufferedQueue& queue) {
+  const QueueRow row = file_.LoadQueue(queue.id_);
+  queue.positions_ = queue.next_ = row.positions;
+  const QueueScan scan = ScanQueue(file_.Connection(), queue.id_, row.positions);
+  if (scan.damaged.Empty()) return {};
+  // The bytes of an item whose table is damaged are what the others leave.
+  const ItemCount lost{static_cast<std::int64_t>(scan.damaged.Count()),
+                       std::max<std::int64_t>(row.ledger.waiting.bytes - scan.intact.bytes, 0)};
+  queue.next_.Remove(scan.damaged);
+  queue.change_ = {.removed = lost, .waiting = -lost, .damaged = lost};
+  WritePositions(queue, true);
+  return lost;
 }
 
 bool QueueWriter::Flush() {
@@ -172,55 +261,26 @@ void QueueWriter::TryDeletionsAlone() {
       // There may still be room at the log's end.
     }
   }
-  while (const std::size_t count = OldestDeletions()) {
-    if (!TryDeletions(count)) break;
-  }
-  Try(false);
+  if (Try(false)) Sweep();
 }
 
-// How many deletions to write by themselves because all of them would take more than half a log; 0 if they
-// wouldn't. Each overwrites the item's pages, and changes about one besides.
-std::size_t QueueWriter::OldestDeletions() const {
-  constexpr std::int64_t halfLog = std::int64_t{logPages} * storePageBytes / 2;
-  std::int64_t bytes = 0;
-  for (std::size_t i = 0; i < deletes_.size(); ++i) {
-    bytes += deletes_[i].item.bytes + storePageBytes;
-    if (bytes > halfLog) return std::max<std::size_t>(i, 1);
-  }
-  return 0;
-}
-
-bool QueueWriter::TryDeletions(std::size_t count) {
+// Deletes the blocks of which nothing is left, a few in each transaction. What fails here is repeated when
+// more of the queue leaves.
+void QueueWriter::Sweep() {
   try {
-    WriteDeletions(std::span(deletes_).first(count));
+    for (const DeadRange& dead : dead_) {
+      for (bool isDone = false; !isDone;) {
+        file_.Begin();
+        if (dead.overwrite) file_.OverwriteDeleted(true);
+        isDone = file_.DeleteBlocks(dead.queueId, dead.range, dead.last, fewBlocks);
+        file_.Commit();
+      }
+    }
   } catch (const SqliteError&) {
-    Undo();
-    return false;
+    file_.Rollback();
   }
-  deletes_.erase(deletes_.begin(), deletes_.begin() + static_cast<std::ptrdiff_t>(count));
-  return true;
-}
-
-// The figures of what stays in the buffer stay there, too.
-void QueueWriter::WriteDeletions(std::span<const Delete> oldest) {
-  file_.Begin();
-  for (BufferedQueue* queue : dirty_) queue->change_ = queue->correction_ = {};
-  for (const Delete& removed : oldest) removed.queue->change_.Leave(removed.kind, removed.item);
-  DeleteSingly(oldest);
-  for (BufferedQueue* queue : dirty_) {
-    if (queue->change_ == QueueLedger{}) continue;
-    queue->change_ += queue->correction_;
-    file_.UpdateQueue(queue->id_, std::nullopt, queue->change_);
-  }
-  file_.Commit();
-  for (const Delete& removed : oldest) {
-    removed.queue->unwritten_.Leave(removed.kind, -removed.item);
-    removed.queue->ahead_.Drop(removed.token);
-    deletedTokens_.erase(removed.token);
-    if (removed.kind == &QueueLedger::evicted) --evictions_;
-  }
-  const std::lock_guard lock(figuresMutex_);
-  for (BufferedQueue* queue : dirty_) queue->ledger_ += queue->correction_;
+  file_.OverwriteDeleted(false);
+  dead_.clear();
 }
 
 bool QueueWriter::Try(bool withItems) {
@@ -242,73 +302,145 @@ void QueueWriter::Undo() noexcept {
   file_.Rollback();
   for (BufferedQueue* queue : added_) queue->id_ = 0;
   added_.clear();
+  dead_.clear();
   lastFailure_ = Clock::now();
 }
 
 void QueueWriter::Write(bool withItems) {
   file_.Begin();
-  const bool deleted = DeleteRuns();
-  if (!deleted) {
-    file_.Rollback();
-    file_.Begin();
-  }
   for (BufferedQueue* queue : dirty_) {
     queue->change_ = queue->unwritten_;
     queue->correction_ = {};
-    if (queue->id_ != 0) continue;
-    added_.push_back(queue);
-    queue->id_ = file_.AddQueue(queue->name_);
+    LoadPositions(*queue);
   }
-  if (!deleted) DeleteSingly(deletes_);
+  if (access_ == Access::shared) CorrectDeletions();
+  for (BufferedQueue* queue : dirty_) queue->next_.Remove(queue->deleted_);
   WriteRemovals();
-  if (withItems) WriteItems();
   for (BufferedQueue* queue : dirty_) {
+    if (withItems) WriteItems(*queue);
     queue->change_ += queue->correction_;
-    file_.UpdateQueue(queue->id_, queue->presence_, queue->change_);
+    WritePositions(*queue, withItems);
   }
   file_.Commit();
   Settle(withItems);
 }
 
-// A packet's tokens are mostly consecutive, and a range costs one search. Returns false if an item was
-// already gone; with ranges it isn't known which.
-bool QueueWriter::DeleteRuns() {
-  std::ranges::sort(deletes_, {}, &Delete::token);
-  for (std::size_t i = 0; i < deletes_.size();) {
-    std::size_t end = i + 1;
-    while (end < deletes_.size() && deletes_[end].token == deletes_[end - 1].token + 1) ++end;
-    const auto count = static_cast<std::int64_t>(end - i);
-    if (file_.DeleteRange(deletes_[i].token, deletes_[end - 1].token) != count) return false;
-    i = end;
+void QueueWriter::LoadPositions(BufferedQueue& queue) {
+  if (queue.id_ != 0 && access_ != Access::shared) {
+    queue.next_ = queue.positions_;
+    return;
   }
-  return true;
+  if (queue.id_ == 0) added_.push_back(&queue);
+  const QueueRow row = queue.id_ == 0 ? file_.AddQueue(queue.name_) : file_.LoadQueue(queue.id_);
+  queue.id_ = row.id;
+  queue.positions_ = queue.next_ = row.positions;
+  queue.waitingInFile_ = row.ledger.waiting;
+  queue.isYoungestFull_ = false;
+  queue.smallBlocks_ = 0;
 }
 
-void QueueWriter::DeleteSingly(std::span<const Delete> deletes) {
-  for (const Delete& removed : deletes) {
-    if (file_.DeleteItem(removed.token)) continue;
-    // Another process was faster and has counted it.
-    removed.queue->correction_.Leave(removed.kind, -removed.item);
+// Another process may have been faster, and has counted the item.
+void QueueWriter::CorrectDeletions() {
+  for (const Delete& removed : deletes_) {
+    BufferedQueue& queue = *removed.queue;
+    if (queue.next_.HasItem(removed.position)) {
+      queue.waitingInFile_ += -removed.item;
+    } else {
+      queue.correction_.Leave(removed.kind, -removed.item);
+    }
   }
 }
 
 void QueueWriter::WriteRemovals() {
   for (const Removal& removal : removals_) {
-    ItemCount more = file_.DeleteItems(removal.queue->id_);
+    BufferedQueue& queue = *removal.queue;
+    queue.next_.RemoveAll();
+    if (access_ != Access::shared) continue;
+    ItemCount more = queue.waitingInFile_;
     more += -removal.expected;
-    removal.queue->correction_.removed += more;
-    removal.queue->correction_.waiting += -more;
+    queue.correction_.removed += more;
+    queue.correction_.waiting += -more;
   }
 }
 
-void QueueWriter::WriteItems() {
+void QueueWriter::WriteItems(BufferedQueue& queue) {
+  if (queue.lastItem_ == BufferedQueue::none) return;
   newItems_.clear();
-  for (const Item& item : items_) {
-    newItems_.push_back(
-        {item.queue->id_, item.enqueuedMs, std::span(bytes_).subspan(item.offset, item.size)});
-    item.queue->change_ += Offered(item.size);
+  std::size_t bytes = 0;
+  for (std::size_t i = queue.lastItem_; i != BufferedQueue::none; i = items_[i].previous) {
+    const Item& item = items_[i];
+    bytes += item.size + itemOverhead;
+    newItems_.push_back({item.enqueuedMs, std::span(bytes_).subspan(item.offset, item.size)});
+    Offer(&queue.change_, One(item.size));
   }
-  file_.InsertItems(newItems_);
+  std::ranges::reverse(newItems_);
+  if (!ExtendYoungest(queue, bytes)) {
+    if (queue.smallBlocks_ == mergedBlocks || bytes > smallBlockBytes) MergeSmall(queue);
+    if (bytes <= smallBlockBytes && queue.smallBlocks_++ == 0) queue.firstSmall_ = queue.next_.last + 1;
+    queue.isYoungestFull_ = AddBlocks(queue) > pageBlockBytes;
+  }
+  queue.next_.last += newItems_.size();
+}
+
+// In a queue that only grows, small blocks become a larger one, which is cheaper to read and to delete.
+void QueueWriter::MergeSmall(BufferedQueue& queue) {
+  if (std::exchange(queue.smallBlocks_, 0) < mergedBlocks || queue.next_.front >= queue.firstSmall_) return;
+  file_.MergeBlocks(KeyOf(queue.id_, queue.firstSmall_), KeyOf(queue.id_, queue.next_.last));
+}
+
+// Returns false if the youngest block of the queue doesn't stay within a page with the new items.
+bool QueueWriter::ExtendYoungest(const BufferedQueue& queue, std::size_t bytes) {
+  if (queue.isYoungestFull_ || bytes > pageBlockBytes || queue.next_.front == queue.next_.last) return false;
+  const auto youngest = file_.FindBlock(KeyOf(queue.id_, queue.next_.last));
+  const std::uint64_t firstKey = youngest ? youngest->key : 0;
+  const bool fits = youngest && youngest->data.size() + bytes <= pageBlockBytes;
+  file_.Finish();
+  auto items = fits ? file_.CopyBlock(firstKey) : std::nullopt;
+  if (!items || PositionOf(firstKey) + items->Count() != queue.next_.last + 1) return false;
+  for (const NewItem& item : newItems_) items->Add(item.enqueuedMs, item.data);
+  file_.ReplaceBlock(firstKey, items->Items());
+  return true;
+}
+
+// Returns the size of the last one.
+std::size_t QueueWriter::AddBlocks(const BufferedQueue& queue) {
+  std::uint64_t firstKey = KeyOf(queue.id_, queue.next_.last + 1);
+  std::size_t size = 0;
+  for (std::span<const NewItem> items = newItems_; !items.empty();) {
+    std::size_t count = 1;
+    std::size_t bytes = items[0].data.size();
+    while (count < items.size()) {
+      bytes += items[count].data.size() + itemOverhead;
+      if (bytes > maxBlockBytes) break;
+      ++count;
+    }
+    size = file_.AddBlock(firstKey, items.first(count));
+    firstKey += count;
+    items = items.subspan(count);
+  }
+  return size;
+}
+
+// With `withSweep` also deletes the blocks of which nothing is left.
+void QueueWriter::WritePositions(BufferedQueue& queue, bool withSweep) {
+  const QueuePositions& before = queue.positions_;
+  const QueuePositions& after = queue.next_;
+  file_.UpdateQueue(queue.id_, queue.name_, after, queue.presence_, queue.change_);
+  if (before.gone != after.gone) file_.ReplaceGone(queue.id_, before.gone, after.gone);
+  const std::size_t first = dead_.size();
+  const auto note = [&](RangeSet::Range range) {
+    dead_.push_back({queue.id_, range, after.last, queue.removalBuffered_});
+  };
+  if (before.front != after.front) note({1, after.front});
+  for (const RangeSet::Range& range : after.gone.Ranges()) {
+    if (std::ranges::find(before.gone.Ranges(), range) == before.gone.Ranges().end()) note(range);
+  }
+  if (!withSweep) return;
+  if (queue.removalBuffered_) file_.OverwriteDeleted(true);
+  for (std::size_t i = first; i < dead_.size(); ++i)
+    file_.DeleteBlocks(queue.id_, dead_[i].range, after.last, SIZE_MAX);
+  if (queue.removalBuffered_) file_.OverwriteDeleted(false);
+  dead_.resize(first);
 }
 
 void QueueWriter::Settle(bool withItems) {
@@ -317,22 +449,21 @@ void QueueWriter::Settle(bool withItems) {
       const std::lock_guard lock(figuresMutex_);
       queue->ledger_ += queue->correction_;
     }
+    queue->positions_ = std::move(queue->next_);
+    queue->deleted_.Clear();
     queue->unwritten_ = {};
     queue->dirty_ = false;
     queue->presence_.reset();
     queue->removalBuffered_ = false;
+    if (withItems) queue->lastItem_ = BufferedQueue::none;
   }
   dirty_.clear();
   urgentSince_.reset();
   added_.clear();
-  // They may have been read ahead again, and from here on nobody skips them.
-  for (const Delete& removed : deletes_) removed.queue->ahead_.Drop(removed.token);
   deletes_.clear();
   evictions_ = 0;
-  deletedTokens_.clear();
   removals_.clear();
   if (withItems) {
-    for (const Item& item : items_) item.queue->ahead_.NoteInsertion();
     items_.clear();
     bytes_.clear();
   }

@@ -7,12 +7,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory_resource>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -26,13 +25,21 @@ namespace veld_report::host {
 class QueueWriter {
  public:
   using Clock = std::chrono::steady_clock;
+  enum class Access { alone, shared, inspectOnly };
+  using OnDamage = std::function<void(const BufferedQueue& queue, ItemCount lost)>;
 
   // `figuresMutex` is held whenever a ledger changes, and never across an operation of the file. So who holds
-  // it may read the ledgers while the file is being written.
-  QueueWriter(StoreFile& file, DiskReserve& reserve, std::mutex& figuresMutex)
-      : file_(file), reserve_(reserve), figuresMutex_(figuresMutex) {}
+  // it may read the ledgers while the file is being written. `onDamage` is called for damaged items that were
+  // found and booked.
+  QueueWriter(StoreFile& file, Access access, DiskReserve& reserve, std::mutex& figuresMutex,
+              OnDamage onDamage)
+      : file_(file),
+        access_(access),
+        reserve_(reserve),
+        figuresMutex_(figuresMutex),
+        onDamage_(std::move(onDamage)) {}
 
-  // Takes over the queue's row in the file. Forgets what was read ahead.
+  // Takes over the queue's row in the file.
   void Adopt(BufferedQueue& queue, const QueueRow& row);
   void SetPresence(BufferedQueue& queue, bool present);
   // Adds `change` to the queue's figures.
@@ -53,15 +60,20 @@ class QueueWriter {
   void AddRemoval(BufferedQueue& queue);
 
   // The oldest item in the file with a token above `after` that no buffered change deletes; null if there is
-  // none. Reads ahead, up to `limitBytes` of items. Throws SqliteError. The result is valid until the next
-  // call.
+  // none. Reads ahead, up to `limitBytes` of memory. Damaged items are booked and skipped. Throws
+  // SqliteError. The result is valid until the next call.
   const ItemRow* NextInFile(BufferedQueue& queue, std::uint64_t after, std::size_t limitBytes);
   // Frees the memory of what was read ahead.
-  void EndReading(BufferedQueue& queue) { queue.ahead_.Shrink(); }
+  void EndReading(BufferedQueue& queue) {
+    readAheadBytes_ -= queue.ahead_.Memory();
+    queue.ahead_.Shrink();
+  }
+  // The memory of what was read ahead of all queues.
+  std::size_t ReadAheadBytes() const { return readAheadBytes_; }
 
   // Writes everything in the buffer. Returns false on failure: the buffer is then unchanged, except that
   // deletions may have been written, and Error() says why. On a full disk the log's own room is reused and,
-  // for deletions, the reserve is given up; they are then written in parts that fit into it.
+  // for deletions, the reserve is given up; blocks are then deleted in parts that fit into it.
   bool Flush();
 
   bool IsDirty() const { return !dirty_.empty(); }
@@ -79,7 +91,6 @@ class QueueWriter {
   std::size_t BufferedItems() const { return items_.size(); }
   // The size of all items that were ever deleted here.
   std::int64_t DeletedBytes() const { return deletedBytes_; }
-  bool IsDeleted(std::uint64_t token) const { return !deletes_.empty() && deletedTokens_.contains(token); }
   // The error of the last attempt to write, if it failed.
   const std::optional<SqliteError>& Error() const { return error_; }
   Clock::time_point LastFailure() const { return lastFailure_; }
@@ -90,16 +101,24 @@ class QueueWriter {
     std::int64_t enqueuedMs;
     std::size_t offset;  // into bytes_
     std::size_t size;
+    std::size_t previous;  // item of the same queue, or none
   };
   struct Delete {
     BufferedQueue* queue;
-    std::uint64_t token;
+    std::uint64_t position;
     ItemCount item;
     ItemCount QueueLedger::*kind;
   };
   struct Removal {
     BufferedQueue* queue;
     ItemCount expected;
+  };
+  // Positions whose blocks are still to be deleted.
+  struct DeadRange {
+    std::int64_t queueId;
+    RangeSet::Range range;
+    std::uint64_t last;
+    bool overwrite;
   };
 
   static constexpr std::size_t maxEvictions = 1024;
@@ -108,30 +127,38 @@ class QueueWriter {
   void Touch(BufferedQueue& queue, bool urgent = true);
   bool Try(bool withItems);
   void TryDeletionsAlone();
-  std::size_t OldestDeletions() const;
-  bool TryDeletions(std::size_t count);
-  void WriteDeletions(std::span<const Delete> oldest);
+  void Sweep();
   void Undo() noexcept;
   void Write(bool withItems);
-  bool DeleteRuns();
-  void DeleteSingly(std::span<const Delete> deletes);
+  void LoadPositions(BufferedQueue& queue);
+  void CorrectDeletions();
   void WriteRemovals();
-  void WriteItems();
+  void WriteItems(BufferedQueue& queue);
+  bool ExtendYoungest(const BufferedQueue& queue, std::size_t bytes);
+  void MergeSmall(BufferedQueue& queue);
+  std::size_t AddBlocks(const BufferedQueue& queue);
+  void WritePositions(BufferedQueue& queue, bool withSweep);
   void Settle(bool withItems);
+  void RelinkItems();
+  bool ReadFrom(BufferedQueue& queue, std::uint64_t key, std::size_t limitBytes);
+  void Bury(BufferedQueue& queue, std::uint64_t position);
+  ItemCount WriteBurial(BufferedQueue& queue);
 
   StoreFile& file_;
+  const Access access_;
   DiskReserve& reserve_;
   std::mutex& figuresMutex_;
+  const OnDamage onDamage_;
   std::vector<std::uint8_t> bytes_;
   std::vector<Item> items_;
   std::vector<Delete> deletes_;
   std::size_t evictions_ = 0;  // among deletes_
   std::int64_t deletedBytes_ = 0;
-  std::pmr::unsynchronized_pool_resource tokenMemory_;
-  std::pmr::unordered_set<std::uint64_t> deletedTokens_{&tokenMemory_};
   std::vector<Removal> removals_;
+  std::vector<DeadRange> dead_;
+  std::size_t readAheadBytes_ = 0;
   std::vector<BufferedQueue*> dirty_;
-  std::vector<NewItem> newItems_;      // of the transaction in progress
+  std::vector<NewItem> newItems_;      // of a queue, in the transaction in progress
   std::vector<BufferedQueue*> added_;  // got their row in the transaction in progress
   Clock::time_point dirtySince_{};
   std::optional<Clock::time_point> urgentSince_;  // of the oldest change but a deletion

@@ -58,6 +58,8 @@ SqliteStatement::SqliteStatement(const SqliteConnection& connection, std::string
   sqlite3_stmt* statement = nullptr;
   const int code = sqlite3_prepare_v3(connection.Handle(), sql.data(), static_cast<int>(sql.size()),
                                       SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+  // The statements fit every store, so one that doesn't compile tells of a damaged schema.
+  if (code == SQLITE_ERROR) Fail(connection.Handle(), SQLITE_CORRUPT);
   if (code != SQLITE_OK) Fail(connection.Handle(), ErrorOf(connection.Handle(), code));
   statement_.reset(statement);
 }

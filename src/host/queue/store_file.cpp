@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+
 #include "host/queue/store_folder.h"
 #include "host/queue/store_layout.h"
 
@@ -11,22 +13,39 @@ namespace {
 std::string LoadSql() {
   std::string columns = "id, name, present";
   for (const char* column : LedgerColumns()) columns += std::string(", ") + column;
-  return "SELECT " + columns + " FROM queues ORDER BY id";
+  return "SELECT " + columns + ", last, front, sum FROM queues";
 }
 
 std::string UpdateSql() {
-  std::string sql = "UPDATE queues SET present=coalesce(?2, present)";
-  int parameter = 3;
+  std::string sql = "UPDATE queues SET present=coalesce(?2, present), last=?3, front=?4, sum=?5";
+  int parameter = 6;
   for (const char* column : LedgerColumns()) {
     sql += std::string(", ") + column + "=" + column + "+?" + std::to_string(parameter++);
   }
   return sql + " WHERE id=?1";
 }
 
-std::string InsertSql(std::size_t rows) {
-  std::string sql = "INSERT INTO items(queue, enqueued_ms, data) VALUES(?, ?, ?)";
-  for (std::size_t row = 1; row < rows; ++row) sql += ", (?, ?, ?)";
-  return sql;
+std::int64_t Signed(std::uint64_t value) { return static_cast<std::int64_t>(value); }
+
+[[noreturn]] void FailSum(const std::string& what) {
+  throw SqliteError(SQLITE_CORRUPT, "the store's file is damaged: " + what + " has a wrong sum");
+}
+
+QueueRow CurrentQueue(const SqliteStatement& statement, bool check) {
+  QueueRow row;
+  row.id = statement.Integer(0);
+  row.name = statement.Text(1);
+  row.present = statement.Integer(2) != 0;
+  int column = 3;
+  for (ItemCount* figure : row.ledger.All()) {
+    figure->items = statement.Integer(column++);
+    figure->bytes = statement.Integer(column++);
+  }
+  row.positions.last = static_cast<std::uint64_t>(statement.Integer(column++));
+  row.positions.front = static_cast<std::uint64_t>(statement.Integer(column++));
+  if (check && statement.Integer(column) != SumOfQueue(row.id, row.name, row.positions))
+    FailSum("the row of queue " + row.name);
+  return row;
 }
 
 }  // namespace
@@ -47,27 +66,32 @@ SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const
   connection.Execute("PRAGMA journal_mode=WAL");
   connection.Execute(settings.syncEveryCommit ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
   connection.Execute("PRAGMA wal_autocheckpoint=" + std::to_string(settings.logThread ? 0 : logPages));
-  connection.Execute("PRAGMA secure_delete=ON");
+  connection.Execute(settings.secureDelete ? "PRAGMA secure_delete=ON" : "PRAGMA secure_delete=FAST");
   connection.Execute("PRAGMA temp_store=MEMORY");
   return connection;
 }
 
 StoreFile::StoreFile(const std::filesystem::path& file, const Settings& settings)
     : connection_(OpenLaidOut(file, settings)),
+      secureDelete_(settings.secureDelete),
       begin_(connection_, "BEGIN IMMEDIATE"),
       commit_(connection_, "COMMIT"),
-      loadQueues_(connection_, LoadSql()),
-      addQueue_(connection_, "INSERT OR IGNORE INTO queues(name, present) VALUES(?1, 0)"),
-      findQueue_(connection_, "SELECT id FROM queues WHERE name=?1"),
+      loadQueues_(connection_, LoadSql() + " ORDER BY id"),
+      loadGone_(connection_, "SELECT first, count, sum FROM gone WHERE first BETWEEN ?1 AND ?2"),
+      addQueue_(connection_,
+                "INSERT OR IGNORE INTO queues(name, present, last, front) SELECT ?1, 0, after, after FROM"
+                " (SELECT coalesce((SELECT count FROM gone WHERE first=0), 0) AS after)"),
+      findQueue_(connection_, LoadSql() + " WHERE name=?1 OR id=?2"),
       updateQueue_(connection_, UpdateSql()),
-      restoreItem_(connection_,
-                   "INSERT OR IGNORE INTO items(queue, enqueued_ms, data, token) VALUES(?1, ?2, ?3, ?4)"),
-      deleteItem_(connection_, "DELETE FROM items WHERE token=?1"),
-      deleteRange_(connection_, "DELETE FROM items WHERE token BETWEEN ?1 AND ?2"),
-      countItems_(connection_, "SELECT count(*), coalesce(sum(length(data)), 0) FROM items WHERE queue=?1"),
-      deleteItems_(connection_, "DELETE FROM items WHERE queue=?1"),
-      next_(connection_,
-            "SELECT token, enqueued_ms, data FROM items WHERE queue=?1 AND token>?2 ORDER BY token LIMIT ?3"),
+      addGone_(connection_, "INSERT OR REPLACE INTO gone(first, count, sum) VALUES(?1, ?2, ?3)"),
+      deleteGone_(connection_, "DELETE FROM gone WHERE first=?1"),
+      addBlock_(connection_, "INSERT OR REPLACE INTO blocks(key, latest_ms, data) VALUES(?1, ?2, ?3)"),
+      replaceBlock_(connection_, "UPDATE blocks SET latest_ms=?2, data=?3 WHERE key=?1"),
+      findBlock_(connection_,
+                 "SELECT key, data FROM blocks WHERE key BETWEEN ?1 AND ?2 ORDER BY key DESC LIMIT 1"),
+      lastKey_(connection_, "SELECT max(key) FROM blocks WHERE key<=?1"),
+      nthKey_(connection_, "SELECT key FROM blocks WHERE key>=?1 ORDER BY key LIMIT 1 OFFSET ?2"),
+      deleteBlocks_(connection_, "DELETE FROM blocks WHERE key>=?1 AND key<?2"),
       dataVersion_(connection_, "PRAGMA data_version") {
   if (!settings.logThread) return;
   log_.emplace(file);
@@ -102,36 +126,63 @@ void StoreFile::Rollback() noexcept {
 std::vector<QueueRow> StoreFile::LoadQueues() {
   const StatementScope scope(loadQueues_);
   std::vector<QueueRow> rows;
+  std::map<std::int64_t, RangeSet> gone;
   while (loadQueues_.Step()) {
-    QueueRow row;
-    row.id = loadQueues_.Integer(0);
-    row.name = loadQueues_.Text(1);
-    row.present = loadQueues_.Integer(2) != 0;
-    int column = 3;
-    for (ItemCount* figure : row.ledger.All()) {
-      figure->items = loadQueues_.Integer(column++);
-      figure->bytes = loadQueues_.Integer(column++);
-    }
-    rows.push_back(std::move(row));
+    // While the first statement runs, the second one sees the same state of the file.
+    if (rows.empty()) gone = LoadGone(1, maxQueueId);
+    rows.push_back(CurrentQueue(loadQueues_, true));
+    if (!gone.empty()) rows.back().positions.gone = std::move(gone[rows.back().id]);
   }
   return rows;
 }
 
-std::int64_t StoreFile::AddQueue(const std::string& name) {
-  addQueue_.Bind(1, name).Run();
+QueueRow StoreFile::LoadQueue(std::int64_t id) {
   const StatementScope scope(findQueue_);
-  findQueue_.Bind(1, name).Step();
-  return findQueue_.Integer(0);
+  findQueue_.BindNull(1).Bind(2, id);
+  if (!findQueue_.Step()) throw SqliteError(SQLITE_CORRUPT, "the row of a queue is missing");
+  QueueRow row = CurrentQueue(findQueue_, true);
+  row.positions.gone = std::move(LoadGone(id, id)[id]);
+  return row;
 }
 
-void StoreFile::UpdateQueue(std::int64_t id, std::optional<bool> present, const QueueLedger& change) {
+std::map<std::int64_t, RangeSet> StoreFile::LoadGone(std::int64_t firstId, std::int64_t lastId) {
+  const StatementScope scope(loadGone_);
+  loadGone_.Bind(1, Signed(KeyOf(firstId, 0))).Bind(2, Signed(KeyOf(lastId, maxPosition)));
+  std::map<std::int64_t, RangeSet> result;
+  while (loadGone_.Step()) {
+    const auto first = static_cast<std::uint64_t>(loadGone_.Integer(0));
+    const auto count = static_cast<std::uint64_t>(loadGone_.Integer(1));
+    if (loadGone_.Integer(2) != SumOfGone(first, count)) FailSum("a row of the table gone");
+    result[QueueOf(first)].Add(PositionOf(first), PositionOf(first) + count - 1);
+  }
+  return result;
+}
+
+QueueRow StoreFile::AddQueue(const std::string& name) {
+  addQueue_.Bind(1, name).Run();
+  const StatementScope scope(findQueue_);
+  findQueue_.Bind(1, name).Bind(2, 0);
+  findQueue_.Step();
+  QueueRow row = CurrentQueue(findQueue_, false);
+  row.positions.gone = std::move(LoadGone(row.id, row.id)[row.id]);
+  if (row.id <= maxQueueId) return row;
+  throw SqliteError(SQLITE_TOOBIG, "the store has had " + std::to_string(maxQueueId) +
+                                       " queue names, and no more are possible; use another folder");
+}
+
+void StoreFile::UpdateQueue(std::int64_t id, const std::string& name, const QueuePositions& positions,
+                            std::optional<bool> present, const QueueLedger& change) {
+  if (positions.last > maxPosition)
+    throw SqliteError(SQLITE_TOOBIG, "queue " + name + " has had as many items as are possible");
   updateQueue_.Bind(1, id);
   if (present) {
     updateQueue_.Bind(2, std::int64_t{*present});
   } else {
     updateQueue_.BindNull(2);
   }
-  int parameter = 3;
+  updateQueue_.Bind(3, Signed(positions.last)).Bind(4, Signed(positions.front));
+  updateQueue_.Bind(5, SumOfQueue(id, name, positions));
+  int parameter = 6;
   for (const ItemCount* figure : change.All()) {
     updateQueue_.Bind(parameter++, figure->items);
     updateQueue_.Bind(parameter++, figure->bytes);
@@ -139,106 +190,86 @@ void StoreFile::UpdateQueue(std::int64_t id, std::optional<bool> present, const 
   updateQueue_.Run();
 }
 
-SqliteStatement& StoreFile::InsertStatement(std::size_t form) {
-  if (!insertItems_[form]) insertItems_[form].emplace(connection_, InsertSql(insertRows[form]));
-  return *insertItems_[form];
-}
-
-void StoreFile::InsertItems(std::span<const NewItem> items) {
-  for (std::size_t form = 0; form < insertRows.size(); ++form) {
-    while (items.size() >= insertRows[form]) {
-      SqliteStatement& insert = InsertStatement(form);
-      int parameter = 1;
-      for (const NewItem& item : items.first(insertRows[form])) {
-        insert.Bind(parameter, item.queueId)
-            .Bind(parameter + 1, item.enqueuedMs)
-            .Bind(parameter + 2, item.data);
-        parameter += 3;
-      }
-      insert.Run();
-      items = items.subspan(insertRows[form]);
-    }
+void StoreFile::ReplaceGone(std::int64_t id, const RangeSet& before, const RangeSet& after) {
+  for (const RangeSet::Range& range : before.Ranges()) {
+    if (!std::ranges::binary_search(after.Ranges(), range.first, {}, &RangeSet::Range::first))
+      deleteGone_.Bind(1, Signed(KeyOf(id, range.first))).Run();
+  }
+  for (const RangeSet::Range& range : after.Ranges()) {
+    const auto same = std::ranges::lower_bound(before.Ranges(), range.first, {}, &RangeSet::Range::first);
+    if (same != before.Ranges().end() && *same == range) continue;
+    const std::uint64_t first = KeyOf(id, range.first);
+    const std::uint64_t count = range.last - range.first + 1;
+    addGone_.Bind(1, Signed(first)).Bind(2, Signed(count)).Bind(3, SumOfGone(first, count)).Run();
   }
 }
 
-bool StoreFile::RestoreItem(std::int64_t queueId, const ItemRow& item) {
-  restoreItem_.Bind(1, queueId).Bind(2, item.enqueuedMs).Bind(3, item.data);
-  restoreItem_.Bind(4, static_cast<std::int64_t>(item.token)).Run();
-  return connection_.Changes() != 0;
+void StoreFile::BeginAfter(std::uint64_t position) {
+  addGone_.Bind(1, 0).Bind(2, Signed(position)).Bind(3, SumOfGone(0, position)).Run();
 }
 
-void StoreFile::RaiseTokens(std::uint64_t token) {
-  const std::string value = std::to_string(token);
-  // SQLite only creates the row with the first item.
-  connection_.Execute(
-      "INSERT INTO sqlite_sequence(name, seq) SELECT 'items', 0"
-      " WHERE NOT EXISTS(SELECT 1 FROM sqlite_sequence WHERE name='items');"
-      "UPDATE sqlite_sequence SET seq=max(seq, " +
-      value + ") WHERE name='items'");
+std::size_t StoreFile::AddBlock(std::uint64_t firstKey, std::span<const NewItem> items) {
+  const std::int64_t latestMs = EncodeBlock(firstKey, items, &block_);
+  addBlock_.Bind(1, Signed(firstKey)).Bind(2, latestMs).Bind(3, block_).Run();
+  return block_.size();
 }
 
-std::uint64_t StoreFile::LastToken() const {
-  constexpr char sql[] = "SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'items'";
-  return static_cast<std::uint64_t>(connection_.QueryInteger(sql));
+std::size_t StoreFile::ReplaceBlock(std::uint64_t firstKey, std::span<const NewItem> items) {
+  const std::int64_t latestMs = EncodeBlock(firstKey, items, &block_);
+  replaceBlock_.Bind(1, Signed(firstKey)).Bind(2, latestMs).Bind(3, block_).Run();
+  return block_.size();
 }
 
-bool StoreFile::DeleteItem(std::uint64_t token) {
-  deleteItem_.Bind(1, static_cast<std::int64_t>(token)).Run();
-  return connection_.Changes() != 0;
-}
-
-std::int64_t StoreFile::DeleteRange(std::uint64_t first, std::uint64_t last) {
-  deleteRange_.Bind(1, static_cast<std::int64_t>(first)).Bind(2, static_cast<std::int64_t>(last)).Run();
-  return connection_.Changes();
-}
-
-ItemCount StoreFile::CountItems(std::int64_t queueId) {
-  const StatementScope scope(countItems_);
-  countItems_.Bind(1, queueId).Step();
-  return {countItems_.Integer(0), countItems_.Integer(1)};
-}
-
-ItemCount StoreFile::DeleteItems(std::int64_t queueId) {
-  const ItemCount count = CountItems(queueId);
-  deleteItems_.Bind(1, queueId).Run();
-  return count;
-}
-
-std::optional<ItemRow> StoreFile::NextItem(std::int64_t queueId, std::uint64_t after) {
-  next_.Reset();
-  next_.Bind(1, queueId).Bind(2, static_cast<std::int64_t>(after)).Bind(3, 1);
-  if (next_.Step()) return CurrentItem();
-  next_.Reset();
+std::optional<StoredBlock> StoreFile::FindBlock(std::uint64_t key) {
+  findBlock_.Reset();
+  findBlock_.Bind(1, Signed(KeyOf(QueueOf(key), 0))).Bind(2, Signed(key));
+  if (findBlock_.Step())
+    return StoredBlock{static_cast<std::uint64_t>(findBlock_.Integer(0)), findBlock_.Blob(1)};
+  findBlock_.Reset();
   return std::nullopt;
 }
 
-ItemRow StoreFile::CurrentItem() const {
-  return {static_cast<std::uint64_t>(next_.Integer(0)), next_.Integer(1), next_.Blob(2)};
-}
-
-bool StoreFile::ReadItems(std::int64_t queueId, std::uint64_t after, std::size_t count,
-                          const std::function<bool(const ItemRow&)>& take) {
-  const StatementScope scope(next_);
-  next_.Bind(1, queueId).Bind(2, static_cast<std::int64_t>(after)).Bind(3, static_cast<std::int64_t>(count));
-  for (std::size_t i = 0; i < count; ++i) {
-    if (!next_.Step()) return true;
-    if (!take(CurrentItem())) return false;
+void StoreFile::MergeBlocks(std::uint64_t firstKey, std::uint64_t lastKey) {
+  BlockBuilder merged;
+  while (merged.Count() <= lastKey - firstKey) {
+    const std::optional<BlockBuilder> block = CopyBlock(firstKey + merged.Count());
+    if (!block) return;
+    for (const NewItem& item : block->Items()) merged.Add(item.enqueuedMs, item.data);
   }
-  return false;
+  if (merged.Count() != lastKey - firstKey + 1) return;
+  ReplaceBlock(firstKey, merged.Items());
+  deleteBlocks_.Bind(1, Signed(firstKey + 1)).Bind(2, Signed(lastKey + 1)).Run();
 }
 
-std::optional<std::int64_t> StoreFile::OldestMs(std::int64_t queueId) {
-  const auto row = NextItem(queueId, 0);
-  if (!row) return std::nullopt;
-  const std::int64_t result = row->enqueuedMs;
-  Finish();
-  return result;
+bool StoreFile::DeleteBlocks(std::int64_t queueId, RangeSet::Range range, std::uint64_t last,
+                             std::size_t limit) {
+  std::int64_t end = Signed(KeyOf(queueId, maxPosition));
+  if (range.last < last) {
+    // A block that ends with the range is followed by one that begins after it.
+    const StatementScope scope(lastKey_);
+    lastKey_.Bind(1, Signed(KeyOf(queueId, range.last + 1))).Step();
+    end = lastKey_.Integer(0);
+  }
+  const std::int64_t first = Signed(KeyOf(queueId, range.first));
+  bool isAll = true;
+  if (limit != SIZE_MAX) {
+    const StatementScope scope(nthKey_);
+    nthKey_.Bind(1, first).Bind(2, static_cast<std::int64_t>(limit));
+    isAll = !nthKey_.Step() || nthKey_.Integer(0) >= end;
+    if (!isAll) end = nthKey_.Integer(0);
+  }
+  deleteBlocks_.Bind(1, first).Bind(2, end).Run();
+  return isAll;
+}
+
+void StoreFile::OverwriteDeleted(bool overwrite) {
+  connection_.Execute(overwrite || secureDelete_ ? "PRAGMA secure_delete=ON" : "PRAGMA secure_delete=FAST");
 }
 
 std::optional<std::int64_t> StoreFile::YoungestMs() const {
   try {
-    SqliteStatement last(connection_, "SELECT enqueued_ms FROM items ORDER BY token DESC LIMIT 1");
-    if (last.Step()) return last.Integer(0);
+    SqliteStatement latest(connection_, "SELECT latest_ms FROM blocks ORDER BY latest_ms DESC LIMIT 1");
+    if (latest.Step()) return latest.Integer(0);
   } catch (const SqliteError&) {
     // Whoever needs the items themselves gets the error.
   }
@@ -246,8 +277,42 @@ std::optional<std::int64_t> StoreFile::YoungestMs() const {
 }
 
 void StoreFile::LimitTimes(std::int64_t latestMs) {
-  SqliteStatement update(connection_, "UPDATE items SET enqueued_ms=?1 WHERE enqueued_ms>?1");
-  update.Bind(1, latestMs).Run();
+  std::vector<std::uint64_t> keys;
+  {
+    SqliteStatement later(connection_, "SELECT key FROM blocks WHERE latest_ms>?1");
+    later.Bind(1, latestMs);
+    while (later.Step()) keys.push_back(static_cast<std::uint64_t>(later.Integer(0)));
+  }
+  if (keys.empty()) return;
+  Begin();
+  try {
+    for (const std::uint64_t key : keys) {
+      const std::optional<BlockBuilder> block = CopyBlock(key);
+      if (!block) continue;
+      std::vector<NewItem> items = block->Items();
+      for (NewItem& item : items) item.enqueuedMs = std::min(item.enqueuedMs, latestMs);
+      ReplaceBlock(key, items);
+    }
+    Commit();
+  } catch (...) {
+    Rollback();
+    throw;
+  }
+}
+
+std::optional<BlockBuilder> StoreFile::CopyBlock(std::uint64_t key) {
+  const StatementScope scope(findBlock_);
+  const auto stored = FindBlock(key);
+  if (!stored || stored->key != key) return std::nullopt;
+  auto block = BlockReader::Open(key, stored->data);
+  if (!block) return std::nullopt;
+  BlockBuilder copy;
+  BlockItem item;
+  while (block->Next(&item)) {
+    if (!item.IsIntact()) return std::nullopt;
+    copy.Add(item.enqueuedMs, item.data);
+  }
+  return copy;
 }
 
 std::int64_t StoreFile::FreeBytes() const {

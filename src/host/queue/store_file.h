@@ -5,16 +5,18 @@
 // store_layout.h.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "host/queue/block_codec.h"
+#include "host/queue/item_key.h"
+#include "host/queue/queue_positions.h"
 #include "host/queue/sqlite_connection.h"
 #include "host/queue/wal_checkpointer.h"
 #include "veld_report/queue_ledger.h"
@@ -31,18 +33,12 @@ struct QueueRow {
   std::string name;
   bool present = false;  // false: removed, only the figures are kept
   QueueLedger ledger;
+  QueuePositions positions;
 };
 
-struct NewItem {
-  std::int64_t queueId = 0;
-  std::int64_t enqueuedMs = 0;
-  std::span<const std::uint8_t> data;
-};
-
-// Views are valid until the next statement on the file.
-struct ItemRow {
-  std::uint64_t token = 0;
-  std::int64_t enqueuedMs = 0;
+// A view, valid until the next statement on the file.
+struct StoredBlock {
+  std::uint64_t key = 0;
   std::span<const std::uint8_t> data;
 };
 
@@ -50,6 +46,7 @@ class StoreFile {
  public:
   struct Settings {
     bool syncEveryCommit = false;
+    bool secureDelete = false;
     bool inspectOnly = false;  // nothing is written; the layout must be current
     std::string vfs{};
     // A thread checkpoints the log (wal_checkpointer.h).
@@ -69,42 +66,43 @@ class StoreFile {
   // Ends a failed transaction, unless SQLite has done so.
   void Rollback() noexcept;
 
+  // Both throw SqliteError, as damage, also for a row whose sum is wrong.
   std::vector<QueueRow> LoadQueues();
-  // Returns the id of the name's row, and creates the row if there is none.
-  std::int64_t AddQueue(const std::string& name);
+  QueueRow LoadQueue(std::int64_t id);
+  // Returns the name's row, and creates it if there is none. Must be followed by UpdateQueue.
+  QueueRow AddQueue(const std::string& name);
   // Adds `change` to the queue's figures. `present` without a value leaves the presence as it is.
-  void UpdateQueue(std::int64_t id, std::optional<bool> present, const QueueLedger& change);
+  void UpdateQueue(std::int64_t id, const std::string& name, const QueuePositions& positions,
+                   std::optional<bool> present, const QueueLedger& change);
+  // Replaces what has left a queue beyond its front.
+  void ReplaceGone(std::int64_t id, const RangeSet& before, const RangeSet& after);
+  // The queues that don't exist yet begin after this position.
+  void BeginAfter(std::uint64_t position);
 
-  // The tokens ascend in the given order.
-  void InsertItems(std::span<const NewItem> items);
-  // Restores an item with its token from another file. False if the token is taken.
-  bool RestoreItem(std::int64_t queueId, const ItemRow& item);
-  // Makes the next token greater than `token`.
-  void RaiseTokens(std::uint64_t token);
-  // The token of the youngest item that was ever in the file; 0 if there was none.
-  std::uint64_t LastToken() const;
-  // Returns true if the item was there.
-  bool DeleteItem(std::uint64_t token);
-  // Deletes the items of all queues with tokens from `first` to `last`. Returns how many there were.
-  std::int64_t DeleteRange(std::uint64_t first, std::uint64_t last);
-  // Deletes all items of the queue. Returns their count and size.
-  ItemCount DeleteItems(std::int64_t queueId);
-  // Calls `take` for the queue's items with tokens above `after`, oldest first, until it has had `count` or
-  // `take` returns false. Returns true if there were no more.
-  bool ReadItems(std::int64_t queueId, std::uint64_t after, std::size_t count,
-                 const std::function<bool(const ItemRow&)>& take);
-  // The oldest item of the queue with a token above `after`. Call Finish once the views aren't needed any
-  // more.
-  std::optional<ItemRow> NextItem(std::int64_t queueId, std::uint64_t after);
-  void Finish() { next_.Reset(); }
-  // The time of the oldest item's Push, if there is an item.
-  std::optional<std::int64_t> OldestMs(std::int64_t queueId);
-  // The time of the last item in the file; nothing if there is none, or it can't be read just now.
+  // The items get the keys from `firstKey` on. Both return the size of the block.
+  std::size_t AddBlock(std::uint64_t firstKey, std::span<const NewItem> items);
+  std::size_t ReplaceBlock(std::uint64_t firstKey, std::span<const NewItem> items);
+  // The queue's block in which the item of that key stands if it exists: the last one that doesn't begin
+  // after it. Call Finish once the view isn't needed any more.
+  std::optional<StoredBlock> FindBlock(std::uint64_t key);
+  void Finish() { findBlock_.Reset(); }
+  // The items of the block that begins with that key. Nothing if there is none, or if anything in it is
+  // damaged: written again, it would have good sums.
+  std::optional<BlockBuilder> CopyBlock(std::uint64_t key);
+  // Makes one block of those that hold the items from `firstKey`, with which the first one begins, to
+  // `lastKey`, with which the last one ends. Changes nothing if that isn't so, or if any item is damaged.
+  void MergeBlocks(std::uint64_t firstKey, std::uint64_t lastKey);
+  // Deletes the blocks of which nothing is left if all positions of a range are gone. `range` is as large as
+  // it can be. `last`: of the queue. Deletes `limit` blocks at most; returns true if that was enough.
+  bool DeleteBlocks(std::int64_t queueId, RangeSet::Range range, std::uint64_t last, std::size_t limit);
+  // Whether what is deleted from here on is overwritten, in the pages that it frees, too.
+  void OverwriteDeleted(bool overwrite);
+
+  // The time of the youngest item in the file; nothing if there is none, or it can't be read just now. Reads
+  // a page for every few blocks.
   std::optional<std::int64_t> YoungestMs() const;
-  // Gives all items with a later time this one.
+  // Gives all items with a later time this one, in a transaction of its own.
   void LimitTimes(std::int64_t latestMs);
-  // The actual content of the queue, counted.
-  ItemCount CountItems(std::int64_t queueId);
 
   // The room inside the file that nothing uses; 0 if it can't be read just now.
   std::int64_t FreeBytes() const;
@@ -121,27 +119,27 @@ class StoreFile {
 
  private:
   static SqliteConnection OpenLaidOut(const std::filesystem::path& file, const Settings& settings);
-  SqliteStatement& InsertStatement(std::size_t form);
-  ItemRow CurrentItem() const;
-
-  // The fixed costs of a statement and of the token counter come once for all its rows.
-  static constexpr std::array<std::size_t, 3> insertRows{64, 8, 1};
+  std::map<std::int64_t, RangeSet> LoadGone(std::int64_t firstId, std::int64_t lastId);
 
   SqliteConnection connection_;
+  const bool secureDelete_;
   SqliteStatement begin_;
   SqliteStatement commit_;
   SqliteStatement loadQueues_;
+  SqliteStatement loadGone_;
   SqliteStatement addQueue_;
   SqliteStatement findQueue_;
   SqliteStatement updateQueue_;
-  std::array<std::optional<SqliteStatement>, insertRows.size()> insertItems_;  // made when first used
-  SqliteStatement restoreItem_;
-  SqliteStatement deleteItem_;
-  SqliteStatement deleteRange_;
-  SqliteStatement countItems_;
-  SqliteStatement deleteItems_;
-  SqliteStatement next_;
+  SqliteStatement addGone_;
+  SqliteStatement deleteGone_;
+  SqliteStatement addBlock_;
+  SqliteStatement replaceBlock_;
+  SqliteStatement findBlock_;
+  SqliteStatement lastKey_;
+  SqliteStatement nthKey_;
+  SqliteStatement deleteBlocks_;
   SqliteStatement dataVersion_;
+  std::vector<std::uint8_t> block_;  // that is being written
   std::optional<WalCheckpointer> log_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/queue/block_scan.h"
 #include "host/queue/store_folder.h"
 #include "host/queue/store_layout.h"
 #include "host/queue/store_opening.h"
@@ -29,10 +30,8 @@ std::uint64_t SizeOnDisk(const std::filesystem::path& file) {
 }
 
 void CompareFigures(StoreFile& file, StoreCheck* check) {
-  std::int64_t counted = 0;
   for (const QueueRow& row : file.LoadQueues()) {
-    const ItemCount found = file.CountItems(row.id);
-    counted += found.items;
+    const ItemCount found = ScanQueue(file.Connection(), row.id, row.positions).intact;
     check->waiting += found;
     if (found != row.ledger.waiting) {
       check->findings.push_back("queue " + row.name + " should hold " +
@@ -42,8 +41,10 @@ void CompareFigures(StoreFile& file, StoreCheck* check) {
     if (!row.ledger.IsBalanced())
       check->findings.push_back("the ledger of queue " + row.name + " isn't balanced");
   }
-  const std::int64_t all = file.Connection().QueryInteger("SELECT count(*) FROM items");
-  if (all != counted) check->findings.push_back(std::to_string(all - counted) + " items belong to no queue");
+  const std::int64_t strays =
+      file.Connection().QueryInteger("SELECT count(*) FROM blocks WHERE key>>" +
+                                     std::to_string(positionBits) + " NOT IN (SELECT id FROM queues)");
+  if (strays != 0) check->findings.push_back(std::to_string(strays) + " blocks belong to no queue");
 }
 
 StoreCheck CheckOne(const std::filesystem::path& file, const std::string& domain) {

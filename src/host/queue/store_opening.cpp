@@ -5,7 +5,9 @@
 #include <thread>
 
 #include "host/base/write_trace.h"
+#include "host/queue/store_layout.h"
 #include "host/queue/store_salvage.h"
+#include "host/queue/store_upgrade.h"
 
 namespace veld_report::host {
 namespace {
@@ -17,6 +19,7 @@ constexpr std::size_t keptDamagedFiles = 4;
 
 StoreFile::Settings FileSettings(const QueueServiceOptions& options) {
   return {.syncEveryCommit = options.syncEveryCommit,
+          .secureDelete = options.secureDelete,
           .inspectOnly = options.inspectOnly,
           .vfs = options.vfs,
           // A custom VFS is only called on its owner's threads.
@@ -43,11 +46,27 @@ FileLock LockOpening(const std::filesystem::path& file) {
   }
 }
 
+std::unique_ptr<StoreFile> OpenUpgraded(const QueueServiceOptions& options, const std::filesystem::path& file,
+                                        FileLock& folderLock) {
+  try {
+    return std::make_unique<StoreFile>(file, FileSettings(options));
+  } catch (const EarlierLayoutError&) {
+    if (options.shared && !folderLock.Change(FileLock::Kind::exclusive)) {
+      throw StoreError(
+          "the store " + file.string() +
+          " has an earlier layout and other processes use it; end them, and the next start upgrades it");
+    }
+  }
+  UpgradeStore(file, options.vfs);
+  if (options.shared) folderLock.Change(FileLock::Kind::shared);
+  return std::make_unique<StoreFile>(file, FileSettings(options));
+}
+
 std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options, const std::filesystem::path& file,
-                                       const CleanMarker& mark) {
+                                       FileLock& folderLock, const CleanMarker& mark) {
   // Before SQLite moves the log's content into the file.
   const bool check = options.checkAtOpen && !mark.Vouches();
-  auto opened = std::make_unique<StoreFile>(file, FileSettings(options));
+  auto opened = OpenUpgraded(options, file, folderLock);
   if (check) opened->QuickCheck();
   opened->LoadQueues();
   return opened;
@@ -55,10 +74,11 @@ std::unique_ptr<StoreFile> OpenChecked(const QueueServiceOptions& options, const
 
 // Returns nothing if the file is damaged; then `*damage` says how.
 std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std::filesystem::path& file,
-                                   DiskReserve& reserve, const CleanMarker& mark, std::string* damage) {
+                                   FileLock& folderLock, DiskReserve& reserve, const CleanMarker& mark,
+                                   std::string* damage) {
   for (bool again = false;; again = true) {
     try {
-      return OpenChecked(options, file, mark);
+      return OpenChecked(options, file, folderLock, mark);
     } catch (const SqliteError& error) {
       if (again && !error.IsDamage()) throw;
       if (again || error.IsCertainDamage()) {
@@ -78,8 +98,8 @@ std::unique_ptr<StoreFile> Replace(const QueueServiceOptions& options, const std
   MoveStoreAside(file, nowMs);
   PreparePrivateFile(file);
   auto fresh = std::make_unique<StoreFile>(file, FileSettings(options));
-  // Above every token of the old store, even if that can't give its last one.
-  fresh->RaiseTokens(static_cast<std::uint64_t>(nowMs));
+  // Above every token of the old store, even if that can't give its last ones.
+  fresh->BeginAfter(static_cast<std::uint64_t>(nowMs));
   return fresh;
 }
 
@@ -138,7 +158,7 @@ std::unique_ptr<StoreFile> OpenStoreFile(const QueueServiceOptions& options,
   if (options.shared) opening = LockOpening(file);
   PreparePrivateFile(file);
   std::string damage;
-  auto store = TryOpen(options, file, reserve, mark, &damage);
+  auto store = TryOpen(options, file, folderLock, reserve, mark, &damage);
   if (!store) store = ReplaceAlone(options, file, damage, folderLock);
   mark.NoteOpened();
   if (salvaging == Salvaging::later) return store;

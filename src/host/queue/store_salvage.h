@@ -1,8 +1,9 @@
 // Copies what can be read of a damaged store to a good one.
 //
-// It reads through SQLite, so that the write-ahead log counts: from both ends of the items towards the
-// damage, and item by item in between. If the first page is unreadable, it tries a copy with the first page
-// of a new store, as every store has its tables at the same places. The damaged file itself isn't changed.
+// It reads through SQLite, so that the write-ahead log counts, and steps over the pages that can't be read.
+// Of a block, it takes the items whose sums are right. If the first page is unreadable, it tries a copy with
+// the first page of a new store, as every store has its tables at the same places. The damaged file itself
+// isn't changed. It also reads the layouts before blocks.
 #pragma once
 
 #include <cstdint>
@@ -34,9 +35,11 @@ std::vector<std::filesystem::path> DamagedFilesOf(const std::filesystem::path& f
 void DeleteDamagedFile(const std::filesystem::path& damaged);
 
 // One transaction on `target`: on an exception (SqliteError, StoreError) it is rolled back. Items keep their
-// tokens. Figures are added to those of the target, where lost items count as removed and damaged. A file
+// positions. Figures are added to those of the target, where lost items count as removed and damaged. A file
 // next to the source marks it as salvaged.
 SalvageReport SalvageInto(StoreFile& target, const std::filesystem::path& source, const std::string& vfs);
+// The same for an intact file of any layout: throws SqliteError if something can't be read.
+void CopyInto(StoreFile& target, SqliteConnection& source);
 bool IsSalvaged(const std::filesystem::path& source);
 
 // One sentence, for people and traces.

@@ -36,7 +36,8 @@ bool ReadNote(const std::filesystem::path& path, Note* note) {
 }  // namespace
 
 StoreTime::StoreTime(const std::filesystem::path& store, std::chrono::milliseconds maxAge,
-                     std::optional<std::int64_t> youngestMs, std::shared_ptr<const MachineClock> machine)
+                     const std::function<std::optional<std::int64_t>()>& youngestMs,
+                     std::shared_ptr<const MachineClock> machine)
     : file_(store.string() + ".time"), machine_(std::move(machine)) {
   const std::int64_t uptimeMs = machine_->UptimeMs();
   const std::int64_t calendarMs = machine_->CalendarMs();
@@ -48,8 +49,8 @@ StoreTime::StoreTime(const std::filesystem::path& store, std::chrono::millisecon
     nowMs = note.timeMs + uptimeMs - note.uptimeMs;
   } else if (continued_) {
     nowMs = note.timeMs + std::clamp<std::int64_t>(calendarMs - note.calendarMs, 0, longestMs);
-  } else if (youngestMs && IsPlausible(*youngestMs)) {
-    nowMs = *youngestMs + std::min(calendarMs - *youngestMs, longestMs);
+  } else if (const auto lastMs = youngestMs(); lastMs && IsPlausible(*lastMs)) {
+    nowMs = *lastMs + std::min(calendarMs - *lastMs, longestMs);
   }
   base_ = nowMs - uptimeMs;
 }

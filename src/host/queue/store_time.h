@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -21,10 +22,11 @@ namespace veld_report::host {
 // Threads: NowMs on any; the others on one at a time.
 class StoreTime {
  public:
-  // `store`: its file. `maxAge` 0: no limit, and any time counts in full. `youngestMs`: the time of the last
-  // item in the store, for a store without a note. Reads the note.
+  // `store`: its file. `maxAge` 0: no limit, and any time counts in full. `youngestMs`: the time of the
+  // youngest item in the store, asked for if there is no note. Reads the note.
   StoreTime(const std::filesystem::path& store, std::chrono::milliseconds maxAge,
-            std::optional<std::int64_t> youngestMs, std::shared_ptr<const MachineClock> machine);
+            const std::function<std::optional<std::int64_t>()>& youngestMs,
+            std::shared_ptr<const MachineClock> machine);
 
   // Milliseconds, since 1970 if every clock was always right. Never less than in an earlier process that
   // wrote its note.

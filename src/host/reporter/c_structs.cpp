@@ -102,6 +102,7 @@ ReporterOptions OptionsOf(const veld_report_options& given) {
   options.commitEveryRecord = given.commit_every_record != 0;
   options.syncEveryCommit = given.sync_every_commit != 0;
   options.storeWithin = milliseconds(given.store_within_ms);
+  options.secureDelete = given.secure_delete != 0;
   options.shared = given.shared != 0;
   if (given.proxy) options.proxy = given.proxy;
   options.headers = TextsOf(given.headers, given.header_count);

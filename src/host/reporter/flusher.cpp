@@ -17,7 +17,7 @@ constexpr milliseconds maxPause{5000};
 bool Flusher::FlushUnless(const std::function<bool()>& isPointless, const std::function<TimePoint()>& end) {
   kit_.SkipSendInterval();
   if (!FlushToStore(end)) return false;
-  const std::uint64_t mark = kit_.Queues().LastToken();
+  const Mark mark = kit_.Queues().LastTokens();
   if (isPointless()) return HasPassed(mark);
   if (!RunCycle(end)) return HasPassed(mark);
   milliseconds pause = firstPause;
@@ -79,11 +79,12 @@ bool Flusher::InSlices(const std::function<TimePoint()>& end,
   }
 }
 
-bool Flusher::HasPassed(std::uint64_t mark) {
+bool Flusher::HasPassed(const Mark& mark) {
   for (const host::QueueInfo& queue : kit_.Queues().ListQueues()) {
     if (queue.items == 0) continue;
     const auto oldest = kit_.Queues().PeekItems(queue.name, 1);
-    if (!oldest.empty() && oldest[0].token <= mark) return false;
+    const auto last = mark.find(queue.name);
+    if (!oldest.empty() && last != mark.end() && oldest[0].token <= last->second) return false;
   }
   return true;
 }

@@ -1,14 +1,16 @@
 // Flusher waits until everything that was submitted has been delivered, or dropped by a rule.
 //
-// How it knows: the kit moves everything from memory into the store, and reports that. The last token of the
-// store is then a mark, since tokens only ascend. Once the oldest item of every queue is younger than the
-// mark, everything before it is gone: acknowledged after an answer of 200, or dropped and counted in the
-// ledger.
+// How it knows: the kit moves everything from memory into the store, and reports that. The last token of
+// each queue is then its mark, since its tokens only ascend. Once the oldest item of every queue is younger
+// than its mark, everything before it is gone: acknowledged after an answer of 200, or dropped and counted in
+// the ledger.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <string>
 
 #include "host/kit/host_kit.h"
 
@@ -38,12 +40,15 @@ class Flusher {
   bool Drain(const std::function<TimePoint()>& end);
 
  private:
+  // The last token of each queue.
+  using Mark = std::map<std::string, std::uint64_t>;
+
   bool RunCycle(const std::function<TimePoint()>& end);
   bool WaitForRun(std::uint64_t startedAfter, const std::function<TimePoint()>& end);
   // Calls `waitUntil` with near deadlines until it returns true or `end()` has passed.
   static bool InSlices(const std::function<TimePoint()>& end,
                        const std::function<bool(TimePoint)>& waitUntil);
-  bool HasPassed(std::uint64_t mark);
+  bool HasPassed(const Mark& mark);
 
   host::HostKit& kit_;
 };

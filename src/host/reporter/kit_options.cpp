@@ -54,6 +54,7 @@ host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
   result.queues.folder = options.store;
   result.queues.commitEveryPush = options.commitEveryRecord;
   result.queues.syncEveryCommit = options.syncEveryCommit;
+  result.queues.secureDelete = options.secureDelete;
   result.queues.maxAge = options.maxAge;
   result.queues.storeLimitBytes = options.storeLimitBytes;
   result.queues.shared = options.shared;

@@ -141,7 +141,10 @@ struct ReporterOptions {
   // Whatever this is, a crash loses no more than memory may hold by the limits above, and a group.
   std::chrono::milliseconds storeWithin{0};
   bool syncEveryCommit = false;  // what is written survives a crash of the machine, at the price of a sync
-  bool shared = false;           // several processes may use the store, all with this set
+  // Records that have left the store are overwritten in its file. Otherwise they may stay there until their
+  // place is used again; Forget leaves none in either case.
+  bool secureDelete = false;
+  bool shared = false;  // several processes may use the store, all with this set
 
   std::optional<std::string> proxy{};  // none: from the environment; empty: no proxy
   PlainVector<std::string> headers{};  // of every request to every url, each "Name: value"

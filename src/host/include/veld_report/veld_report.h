@@ -146,6 +146,7 @@ typedef struct veld_report_options {
   veld_report_loss_listener loss_listener; /* default: none */
   void* loss_context;
   uint32_t store_within_ms; /* how soon a record is in the store's file; default: with the cycle that sends */
+  uint32_t secure_delete;   /* not 0: records that have left the store are overwritten on the disk */
 } veld_report_options;
 
 /* Of the library, in the form of VELD_REPORT_VERSION. It isn't freed. */
