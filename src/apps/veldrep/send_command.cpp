@@ -137,8 +137,9 @@ Command MakeSendCommand(CLI::App& program) {
       "         tail -f app.ndjson | veldrep send --store waiting --url https://stats.example.com/v1 -");
   return {command, [options] {
             CheckSense(*options);
+            SendRun run(*options);  // reads the key, or refuses it
             if (!options->signKey.empty()) WarnIfOthersCanRead("--sign", options->signKey);
-            return SendRun(*options).Run();
+            return run.Run();
           }};
 }
 
