@@ -7,8 +7,10 @@
 
 #include <fstream>
 #include <set>
+#include <thread>
 
 #include "tests/host/queue_test_tools.h"
+#include "tests/host/store_model.h"
 
 namespace veld_report::tests {
 namespace {
@@ -103,6 +105,39 @@ TEST_F(QueueProcessesTest, AProcessThatRunsKeepsItsLease) {
     holder->Commit();
     second->Pass(20'000);
   }
+}
+
+TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
+  options.shared = false;
+  Open();
+  for (int i = 0; i < 800; ++i)
+    Push(i % 3 == 0 ? "a" : "b", Numbered(static_cast<std::size_t>(i)) + std::string(300, '.'));
+  const StoreModel holding = StoreModel::Of(*service);
+  constexpr int moments = 24;
+  std::chrono::nanoseconds whole{};
+  int interrupted = 0;
+  for (int moment = moments; moment > 0;
+       --moment) {  // the first one isn't killed, and shows how long it takes
+    service.Reset();
+    WriteInLayout(moment % 2 + 1, holding, StorePath());
+    const auto begin = std::chrono::steady_clock::now();
+    const pid_t upgrading = fork();
+    if (upgrading == 0) {
+      Open();
+      _exit(0);
+    }
+    if (moment < moments) {
+      std::this_thread::sleep_for(whole * moment / moments);
+      kill(upgrading, SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(upgrading, &status, 0), upgrading);
+    if (moment == moments) whole = std::chrono::steady_clock::now() - begin;
+    interrupted += WIFSIGNALED(status) && std::filesystem::exists(StorePath().string() + ".upgrade");
+    Open();
+    ASSERT_EQ(StoreModel::Of(*service), holding) << "killed at " << moment << " of " << moments;
+  }
+  EXPECT_GT(interrupted, 0) << "no kill came within the upgrade";
 }
 
 TEST_F(QueueProcessesTest, FourProcessesTwoKilledLoseAndRepeatNothing) {
