@@ -258,8 +258,8 @@ bool NdjsonFile::CutBack() {
 }
 
 // If memory runs out here, what is stored may be stored once more, but it is stored.
-void NdjsonFile::Remember(std::unordered_set<std::string>& ids) {
-  while (!ids.empty()) ids_.Add(std::move(ids.extract(ids.begin()).value()));
+void NdjsonFile::Remember(const std::unordered_set<std::string>& ids) {
+  for (const std::string& id : ids) ids_.Add(id);
 }
 
 void NdjsonFile::Recall() {

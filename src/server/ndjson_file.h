@@ -61,7 +61,7 @@ class NdjsonFile final : public GroupingSink {
   std::string FreeName(const char* infix) const;
   void Append(const std::string& lines);
   bool CutBack();
-  void Remember(std::unordered_set<std::string>& ids);
+  void Remember(const std::unordered_set<std::string>& ids);
   void Recall();
   [[noreturn]] void Fail(const std::string& what) const;
 

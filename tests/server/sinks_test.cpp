@@ -4,13 +4,17 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
+#include <deque>
 #include <filesystem>
 #include <functional>
+#include <random>
 #include <thread>
 #include <vector>
 
 #include "server/open_sink.h"
+#include "server/remembered_ids.h"
 #include "server/sink_set.h"
 #include "tests/common/files.h"
 #include "tests/common/postgres.h"
@@ -163,6 +167,23 @@ TEST(Sinks, AFileKnowsAsManyIdsAsItIsTold) {
   EXPECT_EQ(store(1), 0U);
   EXPECT_EQ(store(4), 1U);
   EXPECT_EQ(store(1), 1U);
+}
+
+// Compared with a plain list, with ids that come again and table places that are taken and freed.
+TEST(Sinks, TheLatestIdsAreKnownAndNoOthers) {
+  std::mt19937 random(7);
+  for (const std::size_t limit : {0U, 1U, 31U, 32U, 33U, 700U}) {
+    RememberedIds ids(limit);
+    std::deque<std::string> latest;
+    for (int i = 0; i < 20000; ++i) {
+      const std::string id = std::to_string(random() % (3 * limit + 2));
+      const bool isKnown = std::find(latest.begin(), latest.end(), id) != latest.end();
+      ASSERT_EQ(ids.Contains(id), isKnown) << "limit " << limit << ", step " << i;
+      ids.Add(id);
+      if (!isKnown) latest.push_back(id);
+      if (latest.size() > limit) latest.pop_front();
+    }
+  }
 }
 
 // The real server, which all of these share. Each has a database of its own.

@@ -35,7 +35,7 @@ void AddOutOptions(CLI::App* command, OutOptions* options) {
   command
       ->add_option(
           "--remember", options->remember,
-          "how many ids a file of lines knows, to store no record twice; each takes about 140 bytes of "
+          "how many ids a file of lines knows, to store no record twice; each takes up to 120 bytes of "
           "memory")
       ->check(CLI::Range(0, 100'000'000))
       ->type_name("N")
