@@ -2,12 +2,13 @@
 import contextlib
 import json
 import os
+import signal
 import subprocess
 import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests", "cluster"))
-from brokers import Brokers, await_that  # noqa: E402
+from brokers import Brokers, await_that, free_ports  # noqa: E402
 
 RECORDS = 100
 TICKS = os.sysconf("SC_CLK_TCK")
@@ -65,8 +66,8 @@ class Server:
             fleet.wait()
 
 
-def cpu_seconds(process):
-    with open(f"/proc/{process.pid}/stat", encoding="utf-8") as stat:
+def cpu_seconds(pid):
+    with open(f"/proc/{pid}/stat", encoding="utf-8") as stat:
         fields = stat.read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / TICKS
 
@@ -76,32 +77,66 @@ def memory_bytes(process):
         return next(int(line.split()[1]) * 1024 for line in lines if line.startswith("VmRSS"))
 
 
+def flood(server, others, seconds):
+    """Packets of 100 records as fast as they are answered. CPU is that of the server and of the processes others()."""
+    # Warm up the sink and its connections.
+    with server.clients(32, 0, RECORDS, 2) as clients:
+        clients.go()
+    pids = [server.process.pid, *others()]
+    before = [cpu_seconds(each) for each in pids]
+    with server.clients(32, 0, RECORDS, seconds) as clients:
+        figures = clients.go()
+    used = [after - first for after, first in zip(map(cpu_seconds, pids), before)]
+    records = figures["answered"] * RECORDS
+    if records == 0 or figures["refused"] or figures["unanswered"]:
+        raise RuntimeError(f"not every packet was answered 200: {figures}; {server.log()}")
+    return figures | {"recordsPerSecond": records / figures["seconds"], "serverUs": used[0] / records * 1e6,
+                      "othersUs": sum(used[1:]) / records * 1e6}
+
+
+def file_run(programs, folder, name, seconds):
+    with Server(programs, folder, os.path.join(folder, name)) as server:
+        return flood(server, lambda: [], seconds)
+
+
+def postgres_run(programs, folder, seconds):
+    """Into a table of a PostgreSQL server with its data in the folder, which its user must be able to enter."""
+    postgres, data, port = "tests/common/postgres", os.path.join(folder, "data"), str(free_ports(1)[0])
+    os.mkdir(data)
+    os.chmod(folder, 0o711)
+    subprocess.run([postgres, "make", data], check=True)
+    with open(os.path.join(folder, "postgres.log"), "w") as log:
+        database = subprocess.Popen([postgres, "run", data, port], stdout=log, stderr=log)
+
+    def processes():
+        with open(f"/proc/{database.pid}/task/{database.pid}/children", encoding="utf-8") as children:
+            return [database.pid, *children.read().split()]
+
+    try:
+        await_that(lambda: subprocess.run(["pg_isready", "-q", "-h", "127.0.0.1", "-p", port]).returncode == 0,
+                   "the database is ready")
+        url = f"postgresql://tester@127.0.0.1:{port}/postgres"
+        with Server(programs, folder, url) as server:
+            return flood(server, processes, seconds)
+    finally:
+        database.send_signal(signal.SIGINT)
+        database.wait()
+
+
 def stream_run(programs, folder, seconds):
-    """Packets of 100 records as fast as they are answered, into a stream of three replicas on this machine."""
+    """Into a stream of three replicas on this machine."""
     brokers = Brokers(folder)
     try:
         await_that(brokers.is_ready, "the cluster is ready")
         with Server(programs, folder, brokers.url("bench?replicas=3")) as server:
-            # Warm up the stream and its connections.
-            with server.clients(32, 0, RECORDS, 2) as clients:
-                clients.go()
-            processes = [server.process, *brokers.running.values()]
-            before = [cpu_seconds(each) for each in processes]
-            with server.clients(32, 0, RECORDS, seconds) as clients:
-                figures = clients.go()
-            used = [after - first for after, first in zip(map(cpu_seconds, processes), before)]
-            records = figures["answered"] * RECORDS
-            if records == 0 or figures["refused"] or figures["unanswered"]:
-                raise RuntimeError(f"not every packet was answered 200: {figures}; {server.log()}")
+            figures = flood(server, lambda: [each.pid for each in brokers.running.values()], seconds)
             folder_bytes = sum(os.path.getsize(os.path.join(top, name))
                                for top, _, names in os.walk(os.path.join(folder, "one")) for name in names)
             stored = sum(each["state"]["messages"] for each in brokers.streams().values()) * RECORDS
-            memory = max(memory_bytes(each) for each in processes[1:])
+            memory = max(memory_bytes(each) for each in brokers.running.values())
     finally:
         brokers.stop()
-    return figures | {"recordsPerSecond": records / figures["seconds"], "serverUs": used[0] / records * 1e6,
-                      "brokerUs": sum(used[1:]) / records * 1e6, "diskBytes": folder_bytes / stored,
-                      "brokerBytes": memory}
+    return figures | {"diskBytes": folder_bytes / stored, "brokerBytes": memory}
 
 
 def fleet_run(programs, folder, connections, every_seconds, seconds):
@@ -111,10 +146,10 @@ def fleet_run(programs, folder, connections, every_seconds, seconds):
         time.sleep(0.2)
         empty = memory_bytes(server.process)
         with server.clients(connections, every_seconds * 1000, 10, seconds) as clients:
-            before = cpu_seconds(server.process)
+            before = cpu_seconds(server.process.pid)
             connected = memory_bytes(server.process)
             figures = clients.go()
-            used = cpu_seconds(server.process) - before
+            used = cpu_seconds(server.process.pid) - before
             after = memory_bytes(server.process)
     packets = figures["answered"]
     if packets == 0 or figures["refused"] or figures["unanswered"]:
