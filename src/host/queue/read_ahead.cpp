@@ -30,8 +30,9 @@ bool ReadAhead::Fill(StoreFile& file, std::uint64_t key, std::size_t limitBytes)
 }
 
 void ReadAhead::Shrink() {
-  rows_ = {};
-  bytes_ = {};
+  // An assignment of {} would keep the memory.
+  std::vector<Row>().swap(rows_);
+  std::vector<std::uint8_t>().swap(bytes_);
 }
 
 }  // namespace veld_report::host
