@@ -8,6 +8,23 @@ function(veld_add_library name)
   target_link_libraries(${name} PRIVATE veld_flags)
 endfunction()
 
+# veld_find_headers(VARIABLE HEADER): sets VARIABLE to the include path of a library that is headers alone. For another
+# system this machine's headers serve too, but not from among its other headers: they are copied.
+function(veld_find_headers variable header)
+  find_path(found_${variable} ${header} REQUIRED NO_CMAKE_FIND_ROOT_PATH)
+  set(path ${found_${variable}})
+  if(CMAKE_CROSSCOMPILING)
+    cmake_path(GET header PARENT_PATH folder)
+    set(copied ${path}/${header})
+    if(folder)
+      set(copied ${path}/${folder})
+    endif()
+    set(path ${PROJECT_BINARY_DIR}/headers)
+    file(COPY ${copied} DESTINATION ${path})
+  endif()
+  set(${variable} ${path} PARENT_SCOPE)
+endfunction()
+
 # veld_add_test(NAME SOURCES sources... LIBRARIES libraries... [ARGUMENTS arguments...])
 # One GoogleTest program, registered as one ctest test, with a name that says what it covers.
 function(veld_add_test name)

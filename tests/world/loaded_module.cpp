@@ -5,6 +5,7 @@
 
 #include "contract/exports.h"
 #include "tests/common/files.h"
+#include "tests/common/loaded_library.h"
 #include "tests/world/heap.h"
 #include "tests/world/world.h"
 
@@ -23,12 +24,10 @@ void* Find(void* library, const char* name) {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
 }
 void Unload(void* library) { FreeLibrary(static_cast<HMODULE>(library)); }
-bool IsLoaded() { return GetModuleHandleA(VELD_MODULE_FILE) != nullptr; }
 #else
 void* Load() { return dlopen(VELD_MODULE_FILE, RTLD_NOW | RTLD_LOCAL); }
 void* Find(void* library, const char* name) { return dlsym(library, name); }
 void Unload(void* library) { dlclose(library); }
-bool IsLoaded() { return dlopen(VELD_MODULE_FILE, RTLD_NOW | RTLD_NOLOAD) != nullptr; }
 #endif
 
 void* library = nullptr;
@@ -73,6 +72,6 @@ TEST(LoadedModuleTest, CanBeUnloadedAndLoadedAgain) {
     EXPECT_FALSE(RunScript(life).Failed());
     EXPECT_EQ(zelCanUnloadModule(), zel::sOk);
     Unload(std::exchange(library, nullptr));
-    EXPECT_FALSE(IsLoaded());
+    EXPECT_FALSE(veld_report::tests::IsLoaded(VELD_MODULE_FILE));
   }
 }

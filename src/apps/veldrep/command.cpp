@@ -1,11 +1,12 @@
 #include "apps/veldrep/command.h"
 
-#include <unistd.h>
-
-#include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <memory>
+#include <optional>
 #include <system_error>
+
+#include "host/platform/file.h"
+#include "host/platform/input.h"
 
 namespace veld_report::app {
 
@@ -16,27 +17,28 @@ void Complain(const std::string& line) {
 }
 
 void CheckStoreAccess(const std::string& path) {
-  if (access(path.c_str(), R_OK) == 0 || errno != EACCES) return;
+  if (host::ReadProblem(host::FromUtf8(path)) != std::errc::permission_denied) return;
   throw Failure(path, "Permission denied; only its owner can read a store, so run this as that user");
 }
 
 std::string ReadWhole(const std::string& path, std::size_t limitBytes) {
-  const bool isStdin = path == "-";
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(
-      isStdin ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(path.c_str(), "rb"),
-      [](FILE* each) { return each ? std::fclose(each) : 0; });
-  const std::string name = isStdin ? "stdin" : path;
-  if (!file) throw Failure(name, "can't be opened: " + std::generic_category().message(errno));
-  std::string text;
-  char block[65536];
-  while (const std::size_t length = std::fread(block, 1, sizeof(block), file.get())) {
-    text.append(block, length);
-    if (text.size() > limitBytes)
-      throw Failure(name, "is larger than " + std::to_string(limitBytes >> 20) + " MiB");
+  const std::string name = path == "-" ? "stdin" : path;
+  const char* failure = "can't be opened: ";
+  try {
+    host::Input input(path);
+    failure = "can't be read: ";
+    std::string text;
+    char block[65536];
+    std::optional<std::size_t> length;
+    while ((length = input.Read(block, std::chrono::hours(1))) != 0u) {
+      text.append(block, length.value_or(0));
+      if (text.size() > limitBytes)
+        throw Failure(name, "is larger than " + std::to_string(limitBytes >> 20) + " MiB");
+    }
+    return text;
+  } catch (const std::system_error& error) {
+    throw Failure(name, failure + error.code().message());
   }
-  if (std::ferror(file.get()))
-    throw Failure(name, "can't be read: " + std::generic_category().message(errno));
-  return text;
 }
 
 }  // namespace veld_report::app

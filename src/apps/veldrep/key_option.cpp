@@ -1,11 +1,9 @@
 #include "apps/veldrep/key_option.h"
 
-#include <sys/stat.h>
-
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 
+#include "host/platform/file.h"
 #include "host/signature/ed25519_verifier.h"
 
 namespace veld_report::app {
@@ -20,7 +18,7 @@ NamedFile ReadName(const std::string& given) {
   // An equals sign behind a slash is part of a path.
   if (equals != std::string::npos && given.find('/') > equals)
     return {given.substr(0, equals), given.substr(equals + 1)};
-  std::string name = std::filesystem::path(given).filename();
+  std::string name = host::Utf8(host::FromUtf8(given).filename());
   for (const std::string_view end : {".pem", ".pub"}) {
     if (name.ends_with(end)) name.resize(name.size() - end.size());
   }
@@ -75,12 +73,9 @@ CLI::Option* RefuseEmpty(CLI::Option* option) {
 }
 
 void WarnIfOthersCanRead(const std::string& option, const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0 || (status.st_mode & (S_IRGRP | S_IROTH)) == 0) return;
-  char mode[8];
-  std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-  Complain("warning: " + option + " " + path + ": other users can read this private key (its mode is " +
-           mode + "); chmod 600 it");
+  const std::string why = host::WhyOthersCanRead(host::FromUtf8(path));
+  if (!why.empty())
+    Complain("warning: " + option + " " + path + ": other users can read this private key " + why);
 }
 
 }  // namespace veld_report::app

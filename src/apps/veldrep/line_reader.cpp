@@ -1,11 +1,7 @@
 #include "apps/veldrep/line_reader.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
+#include <optional>
+#include <span>
 #include <system_error>
 
 #include "apps/veldrep/failure.h"
@@ -15,20 +11,13 @@ namespace {
 
 constexpr std::size_t blockBytes = 256 * 1024;
 
-std::string Reason() { return std::generic_category().message(errno); }
-
 }  // namespace
 
-LineReader::LineReader(const std::string& path, std::size_t lineLimitBytes)
-    : name_(path == "-" ? "stdin" : path), lineLimitBytes_(lineLimitBytes) {
-  file_ = path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file_ < 0) throw Failure(name_, "can't be opened: " + Reason());
-  struct stat status {};
-  if (fstat(file_, &status) == 0 && S_ISREG(status.st_mode))
-    sizeBytes_ = static_cast<std::uint64_t>(status.st_size);
+LineReader::LineReader(const std::string& path, std::size_t lineLimitBytes) try
+    : name_(path == "-" ? "stdin" : path), lineLimitBytes_(lineLimitBytes), input_(path) {
+} catch (const std::system_error& error) {
+  throw Failure(path == "-" ? "stdin" : path, "can't be opened: " + error.code().message());
 }
-
-LineReader::~LineReader() { close(file_); }
 
 LineReader::Result LineReader::Next(std::chrono::milliseconds patience, std::string_view* line) {
   for (;;) {
@@ -54,21 +43,21 @@ LineReader::Result LineReader::Deliver(std::size_t end, std::string_view* line) 
 }
 
 bool LineReader::Fill(std::chrono::milliseconds patience) {
-  pollfd waiting{file_, POLLIN, 0};
-  const int ready = poll(&waiting, 1, static_cast<int>(patience.count()));
-  if (ready == 0 || (ready < 0 && errno == EINTR)) return false;
   buffer_.erase(0, begin_);
   begin_ = 0;
   const std::size_t filled = buffer_.size();
-  buffer_.resize(filled + blockBytes);
-  const ssize_t length = read(file_, buffer_.data() + filled, blockBytes);
-  buffer_.resize(filled + static_cast<std::size_t>(length < 0 ? 0 : length));
   scanned_ = filled;
-  if (length < 0 && errno == EINTR) return false;
-  if (length < 0) throw Failure(name_, "can't be read: " + Reason());
-  bytesRead_ += static_cast<std::uint64_t>(length);
-  ended_ = length == 0;
-  return true;
+  buffer_.resize(filled + blockBytes);
+  std::optional<std::size_t> length;
+  try {
+    length = input_.Read(std::span(buffer_).subspan(filled), patience);
+  } catch (const std::system_error& error) {
+    throw Failure(name_, "can't be read: " + error.code().message());
+  }
+  buffer_.resize(filled + length.value_or(0));
+  bytesRead_ += length.value_or(0);
+  ended_ = length == std::size_t{0};
+  return length.has_value();
 }
 
 }  // namespace veld_report::app

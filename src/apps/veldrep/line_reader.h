@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "host/platform/input.h"
+
 namespace veld_report::app {
 
 class LineReader {
@@ -23,9 +25,6 @@ class LineReader {
 
   // `path`: "-" is stdin. Throws Failure if the file can't be opened.
   LineReader(const std::string& path, std::size_t lineLimitBytes);
-  ~LineReader();
-  LineReader(const LineReader&) = delete;
-  LineReader& operator=(const LineReader&) = delete;
 
   // `line` is set only for Result::line, has no line end and is valid until the next call. A last line
   // without a line end counts. A signal also ends the wait. Throws Failure if the input can't be read.
@@ -45,7 +44,8 @@ class LineReader {
 
   const std::string name_;
   const std::size_t lineLimitBytes_;
-  int file_ = -1;
+  host::Input input_;
+  const std::uint64_t sizeBytes_ = input_.SizeBytes();
   bool ended_ = false;
   bool skipping_ = false;  // in the middle of a line over the limit
   std::string buffer_;
@@ -53,7 +53,6 @@ class LineReader {
   std::size_t scanned_ = 0;  // there is no line end before it
   std::uint64_t lineNumber_ = 0;
   std::uint64_t bytesRead_ = 0;
-  std::uint64_t sizeBytes_ = 0;
 };
 
 }  // namespace veld_report::app

@@ -1,7 +1,4 @@
 // veldrep: the command line program for the module and the report server.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -11,6 +8,7 @@
 #include <vector>
 
 #include "apps/veldrep/command.h"
+#include "host/platform/console.h"
 #include "veld_report/version.h"
 
 namespace veld_report::app {
@@ -104,7 +102,7 @@ int Explain(const CLI::App& program, const CLI::ParseError& error) {
   return exitWrongCommandLine;
 }
 
-int Main(int argumentCount, char** arguments) {
+int Main(std::vector<std::string> arguments) {
   CLI::App program{"Sends records to report servers, receives them, and inspects stores and messages."};
   program.name("veldrep");
   program.set_version_flag("--version", "veldrep " VELD_REPORT_VERSION, "print the version");
@@ -117,7 +115,9 @@ int Main(int argumentCount, char** arguments) {
                                          MakeStoreCommand(program),  MakeDecodeCommand(program),
                                          MakeKeygenCommand(program), MakePinCommand(program)};
   try {
-    program.parse(argumentCount, arguments);
+    // CLI11 takes them from the end.
+    std::ranges::reverse(arguments);
+    program.parse(std::move(arguments));
   } catch (const CLI::ParseError& error) {
     return Explain(program, error);
   }
@@ -125,15 +125,6 @@ int Main(int argumentCount, char** arguments) {
     if (command.options->parsed()) return Run(command);
   }
   return exitWrongCommandLine;
-}
-
-// A file that is opened in place of a closed stdout would get what is printed.
-void KeepStandardDescriptors() {
-  for (int handle = open("/dev/null", O_RDWR); handle >= 0; handle = dup(handle)) {
-    if (handle <= STDERR_FILENO) continue;
-    close(handle);
-    return;
-  }
 }
 
 // What was printed must have arrived, or the exit code says otherwise.
@@ -150,8 +141,8 @@ int FinishOutput(int exitCode) {
 
 int main(int argumentCount, char** arguments) {
   try {
-    veld_report::app::KeepStandardDescriptors();
-    return veld_report::app::FinishOutput(veld_report::app::Main(argumentCount, arguments));
+    return veld_report::app::FinishOutput(
+        veld_report::app::Main(veld_report::host::BeginConsole(argumentCount, arguments)));
   } catch (const std::exception& error) {
     veld_report::app::Complain(error.what());
     return veld_report::app::exitFailed;

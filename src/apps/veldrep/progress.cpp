@@ -1,13 +1,11 @@
 #include "apps/veldrep/progress.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
 
 #include "host/base/printable.h"
+#include "host/platform/console.h"
 
 namespace veld_report::app {
 namespace {
@@ -17,15 +15,11 @@ constexpr std::chrono::seconds markEvery{2};
 constexpr int barWidth = 20;
 
 // A longer line would wrap, and the bar could no longer be found.
-std::size_t Columns() {
-  winsize size{};
-  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
-  return known ? size.ws_col - 1u : 79;
-}
+std::size_t LineWidth() { return host::ErrorColumns().value_or(80) - 1; }
 
 }  // namespace
 
-Progress::Progress() : terminal_(isatty(STDERR_FILENO) == 1), markTime_(Clock::now()) {}
+Progress::Progress() : terminal_(host::ErrorColumns().has_value()), markTime_(Clock::now()) {}
 
 void Progress::Show(const SendFigures& figures, const std::function<std::string()>& trouble) {
   const Clock::time_point now = Clock::now();
@@ -47,9 +41,9 @@ void Progress::Show(const SendFigures& figures, const std::function<std::string(
   std::snprintf(line, sizeof line, "[%s] submitted %llu, waiting %lld, delivered %lld, %.0f/s", bar.c_str(),
                 static_cast<unsigned long long>(figures.submitted), static_cast<long long>(figures.waiting),
                 static_cast<long long>(figures.delivered), rate_);
-  std::fprintf(stderr, "\r%s\x1b[K", std::string(line).substr(0, Columns()).c_str());
+  std::fprintf(stderr, "\r%s\x1b[K", std::string(line).substr(0, LineWidth()).c_str());
   const std::string wrong = figures.waiting > 0 ? host::WithoutControls(trouble()) : "";
-  if (!wrong.empty()) std::fprintf(stderr, "\n%s\x1b[K\x1b[1A", wrong.substr(0, Columns()).c_str());
+  if (!wrong.empty()) std::fprintf(stderr, "\n%s\x1b[K\x1b[1A", wrong.substr(0, LineWidth()).c_str());
   std::fflush(stderr);
   shown_ = true;
 }

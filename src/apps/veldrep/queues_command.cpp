@@ -10,6 +10,7 @@
 #include "apps/veldrep/text.h"
 #include "host/base/printable.h"
 #include "host/kit/url_states.h"
+#include "host/platform/file.h"
 #include "host/queue/queue_service.h"
 #include "host/queue/store_folder.h"
 #include "host/services/queue_name.h"
@@ -28,12 +29,12 @@ struct QueuesOptions {
 
 zel::Ref<host::QueueService> OpenStore(const QueuesOptions& options, bool inspectOnly) {
   // The service would create a missing store; a command that only looks must not.
-  const std::filesystem::path file = host::StoreFilePath(options.store, host::defaultDomain);
+  const std::filesystem::path file = host::StoreFilePath(host::FromUtf8(options.store), host::defaultDomain);
   CheckStoreAccess(options.store);
-  CheckStoreAccess(file);
+  CheckStoreAccess(host::Utf8(file));
   if (!std::filesystem::exists(file)) throw Failure(options.store, "there is no store in this folder");
   host::QueueServiceOptions service;
-  service.folder = options.store;
+  service.folder = host::FromUtf8(options.store);
   service.inspectOnly = inspectOnly;
   return host::QueueService::Open(service);
 }
@@ -79,7 +80,7 @@ ItemCount TotalLoss(const QueueLedger& ledger) {
 
 // Removed queues are listed too if something of them was lost.
 std::vector<ListedQueue> ListedQueues(const QueuesOptions& options) {
-  const auto states = host::UrlStateFile::Read(options.store);
+  const auto states = host::UrlStateFile::Read(host::FromUtf8(options.store));
   const auto service = OpenStore(options, true);
   auto ledgers = service->Ledgers();
   std::vector<ListedQueue> listed;

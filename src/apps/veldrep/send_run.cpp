@@ -1,12 +1,11 @@
 #include "apps/veldrep/send_run.h"
 
-#include <signal.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <thread>
 
 #include "apps/veldrep/command.h"
+#include "host/platform/console.h"
 #include "host/services/queue_name.h"
 
 namespace veld_report::app {
@@ -21,18 +20,6 @@ constexpr std::chrono::milliseconds pause{5};
 constexpr std::chrono::seconds memoryPatience{60};
 // A cycle waits five seconds at most for one answer. If nothing has moved for longer, a cycle is triggered.
 constexpr std::chrono::seconds maxCycleWait{6};
-
-volatile sig_atomic_t interrupted = 0;
-
-// The first Ctrl-C ends the run in an orderly way, the second at once.
-void StopOnInterrupt() {
-  struct sigaction action {};
-  action.sa_handler = [](int) { interrupted = 1; };
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-}
 
 bool IsServed(const SendOptions& options, std::size_t row) {
   if (options.to.empty()) return true;
@@ -89,7 +76,7 @@ void SendRun::RefuseForeignQueues() const {
 }
 
 int SendRun::Run() {
-  StopOnInterrupt();
+  host::NoteInterrupts();
   Look();
   if (figures_.waiting > 0) session_.TriggerCycle();
   if (!options_.file.empty()) ReadInput();
@@ -103,7 +90,7 @@ int SendRun::Run() {
 
 void SendRun::ReadInput() {
   LineReader reader(options_.file, lineLimitBytes);
-  while (!stopped_ && !interrupted) {
+  while (!stopped_ && !host::IsInterrupted()) {
     std::string_view line;
     const LineReader::Result result = reader.Next(lookEvery, &line);
     if (result == LineReader::Result::end) return;
@@ -128,7 +115,7 @@ void SendRun::TakeLine(std::string_view line) {
   if (!WaitForRoom(bytes)) {
     stopped_ = true;
     progress_.Clear();
-    if (!interrupted) {
+    if (!host::IsInterrupted()) {
       Complain(options_.file + " line " + std::to_string(lineNumber_) +
                ": stopped before this line: the queues had no room in time; raise --queue-limit or --wait");
     }
@@ -165,7 +152,7 @@ bool SendRun::WaitForRoom(std::int64_t bytes) {
   session_.RunSoon();
   for (Look(); !hasRoom(); Look()) {
     const auto patience = room_.Has(bytes) ? memoryPatience : std::chrono::seconds(options_.waitSeconds);
-    if (interrupted || Clock::now() - std::max(begun, lastChange_) >= patience) return false;
+    if (host::IsInterrupted() || Clock::now() - std::max(begun, lastChange_) >= patience) return false;
     std::this_thread::sleep_for(pause);
   }
   return true;
@@ -174,7 +161,7 @@ bool SendRun::WaitForRoom(std::int64_t bytes) {
 void SendRun::WaitForDelivery() {
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(options_.waitSeconds);
   session_.RunSoon();
-  for (Look(); figures_.waiting > 0 && !interrupted && Clock::now() < deadline; Look()) {
+  for (Look(); figures_.waiting > 0 && !host::IsInterrupted() && Clock::now() < deadline; Look()) {
     std::this_thread::sleep_for(pause);
   }
 }
@@ -224,7 +211,7 @@ int SendRun::Conclude() {
               static_cast<unsigned long long>(figures_.refusedLines),
               static_cast<long long>(figures_.waiting), seconds.count());
   const bool lost = evicted + rejected > 0 || room_.ItemsInMemory() > 0;
-  if (stopped_ || interrupted || lost) return exitFailed;
+  if (stopped_ || host::IsInterrupted() || lost) return exitFailed;
   return figures_.refusedLines > 0 ? exitRefusedLines : exitOk;
 }
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "apps/veldrep/command.h"
+#include "host/platform/file.h"
 #include "veld_report/code_text.h"
 
 namespace veld_report::app {
@@ -42,7 +43,7 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   kit.settings.sendTimeoutS = options.sendTimeoutSeconds;
   kit.settings.allowHttp = options.allowHttp;
   kit.stamp = options.stamp;
-  kit.queues.folder = options.store;
+  kit.queues.folder = host::FromUtf8(options.store);
   kit.trace.path = options.trace;
   kit.trace.level = options.trace.empty() ? 0 : options.traceLevel;
   kit.settings.signingKeyFile = options.signKey;

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "apps/veldrep/command.h"
+#include "host/platform/file.h"
 #include "host/queue/store_maintenance.h"
 
 namespace veld_report::app {
@@ -15,7 +16,8 @@ struct StoreOptions {
 
 void RequireStore(const StoreOptions& options) {
   CheckStoreAccess(options.store);
-  if (!std::filesystem::is_directory(options.store) || host::StoredDomains(options.store).empty())
+  if (!std::filesystem::is_directory(host::FromUtf8(options.store)) ||
+      host::StoredDomains(host::FromUtf8(options.store)).empty())
     throw Failure(options.store, "there is no store in this folder");
 }
 
@@ -23,7 +25,7 @@ void RequireStore(const StoreOptions& options) {
 int Check(const StoreOptions& options) {
   RequireStore(options);
   bool good = true;
-  for (const host::StoreCheck& each : host::CheckStore(options.store)) {
+  for (const host::StoreCheck& each : host::CheckStore(host::FromUtf8(options.store))) {
     std::printf("%s.queue: %s, %lld items of %lld bytes waiting, %llu bytes on disk\n", each.domain.c_str(),
                 each.IsGood() ? "good" : "DAMAGED", static_cast<long long>(each.waiting.items),
                 static_cast<long long>(each.waiting.bytes), static_cast<unsigned long long>(each.fileBytes));
@@ -37,7 +39,7 @@ int Check(const StoreOptions& options) {
 
 int Salvage(const StoreOptions& options) {
   RequireStore(options);
-  const auto reports = host::SalvageStore(options.store);
+  const auto reports = host::SalvageStore(host::FromUtf8(options.store));
   for (const host::SalvageReport& each : reports) std::printf("%s\n", host::Describe(each).c_str());
   if (reports.empty()) std::printf("nothing to salvage\n");
   return exitOk;
@@ -45,7 +47,7 @@ int Salvage(const StoreOptions& options) {
 
 int Compact(const StoreOptions& options) {
   RequireStore(options);
-  for (const host::StoreCompaction& each : host::CompactStore(options.store)) {
+  for (const host::StoreCompaction& each : host::CompactStore(host::FromUtf8(options.store))) {
     std::printf("%s.queue: %llu bytes before, %llu bytes after\n", each.domain.c_str(),
                 static_cast<unsigned long long>(each.bytesBefore),
                 static_cast<unsigned long long>(each.bytesAfter));

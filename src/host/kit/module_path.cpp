@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "host/platform/file.h"
 #include "host/platform/library.h"
 
 namespace veld_report::host {
@@ -37,9 +38,9 @@ std::unique_ptr<LoadedModule> LoadModule(const std::string& path) {
   for (const fs::path& folder : ModuleFolders()) {
     std::error_code error;
     if (fs::is_regular_file(folder / moduleFileName, error)) {
-      return std::make_unique<LoadedModule>((folder / moduleFileName).string());
+      return std::make_unique<LoadedModule>(Utf8(folder / moduleFileName));
     }
-    looked += folder.string() + ", ";
+    looked += Utf8(folder) + ", ";
   }
   try {
     return std::make_unique<LoadedModule>(moduleFileName);

@@ -69,7 +69,7 @@ std::optional<UrlState> ParseLine(std::string_view line) {
 
 // A reader sees the old content or the new one, never a part.
 bool ReplaceFile(const std::filesystem::path& file, const std::string& content) {
-  const std::filesystem::path fresh = file.string() + ".new";
+  const std::filesystem::path fresh = WithEnding(file, ".new");
   File written = File::Open(fresh, File::Mode::replace);
   if (!written || written.Write(content) != content.size()) return false;
   written.Close();

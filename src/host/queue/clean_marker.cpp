@@ -35,14 +35,14 @@ std::string ClosedText(const FileStatus& status) {
 
 bool HasLog(const std::filesystem::path& file) {
   std::error_code error;
-  const auto bytes = std::filesystem::file_size(file.string() + "-wal", error);
+  const auto bytes = std::filesystem::file_size(WithEnding(file, "-wal"), error);
   return !error && bytes != 0;
 }
 
 }  // namespace
 
 CleanMarker::CleanMarker(const std::filesystem::path& file)
-    : file_(file), mark_(file.empty() ? std::string() : file.string() + ".sound") {}
+    : file_(file), mark_(file.empty() ? file : WithEnding(file, ".sound")) {}
 
 bool CleanMarker::Vouches() const {
   const auto status = FileStatus::Of(file_);

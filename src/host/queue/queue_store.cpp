@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/base/write_trace.h"
+#include "host/platform/file.h"
 #include "host/platform/service_thread.h"
 #include "host/queue/store_opening.h"
 #include "host/queue/store_upgrade.h"
@@ -38,14 +39,14 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
     : options_(options),
       path_(file),
       folderLock_(std::move(folderLock)),
-      reserve_(options.inspectOnly ? std::string() : file.string() + ".reserve"),
+      reserve_(options.inspectOnly ? std::filesystem::path() : WithEnding(file, ".reserve")),
       mark_(options.inspectOnly ? std::filesystem::path() : file),
       file_(OpenStoreFile(options, file, *folderLock_, reserve_, mark_)),
       time_(
           file, options.maxAge, [this] { return file_->YoungestMs(); }, options.machine),
       writer_(*file_, AccessOf(options), reserve_, figuresMutex_,
               [this](const BufferedQueue& queue, ItemCount lost) { NoteDamage(queue, lost); }),
-      lease_(file.string() + ".lease", options.machine),
+      lease_(WithEnding(file, ".lease"), options.machine),
       identity_(FileIdentity::Of(file)) {
   AdoptRows();
   if (options_.inspectOnly) return;

@@ -26,7 +26,7 @@ int ErrorOf(sqlite3* handle, int code) {
 bool HasOnlyItsLog(const std::filesystem::path& file) {
   std::error_code error;
   if (std::filesystem::file_size(file, error) > 1) return false;
-  const auto logBytes = std::filesystem::file_size(file.string() + "-wal", error);
+  const auto logBytes = std::filesystem::file_size(WithEnding(file, "-wal"), error);
   return !error && logBytes != 0;
 }
 

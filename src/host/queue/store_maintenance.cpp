@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/platform/file.h"
 #include "host/queue/block_scan.h"
 #include "host/queue/store_folder.h"
 #include "host/queue/store_layout.h"
@@ -23,7 +24,7 @@ std::uint64_t SizeOnDisk(const std::filesystem::path& file) {
   std::uint64_t total = 0;
   for (const char* suffix : {"", "-wal"}) {
     std::error_code error;
-    const auto size = std::filesystem::file_size(file.string() + suffix, error);
+    const auto size = std::filesystem::file_size(WithEnding(file, suffix), error);
     if (!error) total += size;
   }
   return total;
@@ -115,7 +116,7 @@ std::vector<SalvageReport> SalvageStore(const std::filesystem::path& folder, zel
   std::vector<SalvageReport> reports;
   for (const std::string& domain : StoredDomains(folder)) {
     const auto file = StoreFilePath(folder, domain);
-    DiskReserve reserve(file.string() + ".reserve");
+    DiskReserve reserve(WithEnding(file, ".reserve"));
     CleanMarker mark(file);
     const auto store = OpenStoreFile(options, file, lock, reserve, mark, Salvaging::later);
     for (const auto& damaged : DamagedFilesOf(file)) {

@@ -38,7 +38,7 @@ bool ReadNote(const std::filesystem::path& path, Note* note) {
 StoreTime::StoreTime(const std::filesystem::path& store, std::chrono::milliseconds maxAge,
                      const std::function<std::optional<std::int64_t>()>& youngestMs,
                      std::shared_ptr<const MachineClock> machine)
-    : file_(store.string() + ".time"), machine_(std::move(machine)) {
+    : file_(WithEnding(store, ".time")), machine_(std::move(machine)) {
   const std::int64_t uptimeMs = machine_->UptimeMs();
   const std::int64_t calendarMs = machine_->CalendarMs();
   const std::int64_t longestMs = maxAge.count() > 0 ? maxAge.count() / 2 : INT64_MAX;

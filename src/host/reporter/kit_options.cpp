@@ -1,4 +1,5 @@
 #include "host/reporter/kit_options.h"
+#include "host/platform/file.h"
 
 #include <stdexcept>
 
@@ -51,7 +52,7 @@ host::HostKitOptions KitOptionsOf(const ReporterOptions& options) {
   if (options.storeWithin.count() != 0) result.storeWithin = options.storeWithin;
   result.modulePath = options.modulePath;
   result.settings = KitSettingsOf(SettingsOf(options));
-  result.queues.folder = options.store;
+  result.queues.folder = host::FromUtf8(options.store);
   result.queues.commitEveryPush = options.commitEveryRecord;
   result.queues.syncEveryCommit = options.syncEveryCommit;
   result.queues.secureDelete = options.secureDelete;

@@ -5,6 +5,7 @@
 
 #include "host/base/redact.h"
 #include "host/json/json_check.h"
+#include "host/platform/file.h"
 #include "host/platform/library.h"
 #include "host/platform/service_thread.h"
 #include "host/reporter/kit_options.h"
@@ -115,7 +116,7 @@ Reporter::Core::Core(ReporterOptions options)
       losses->Note(queueName, reason, lost, why);
     };
     // Those of an earlier run, whose queues are about to be removed.
-    for (const host::UrlState& state : host::UrlStateFile::Read(options.store)) {
+    for (const host::UrlState& state : host::UrlStateFile::Read(host::FromUtf8(options.store))) {
       losses_->AddQueue(state.queueName, state.http.url);
     }
     losses_->AddUrls(UrlsOf(options.endpoints));

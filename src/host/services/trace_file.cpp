@@ -1,4 +1,5 @@
 #include "host/services/trace_file.h"
+#include "host/platform/file.h"
 
 #include <filesystem>
 #include <stdexcept>
@@ -14,7 +15,7 @@ TraceFile::TraceFile(std::string path, std::uint64_t limitBytes)
     return;
   }
   std::error_code error;
-  file_ = File::OpenAsItIs(path_, File::Mode::append, false, &error);
+  file_ = File::OpenAsItIs(FromUtf8(path_), File::Mode::append, false, &error);
   if (!file_) {
     const std::string reason =
         error == std::errc::too_many_symbolic_link_levels ? "it is a symbolic link" : error.message();
@@ -38,8 +39,8 @@ bool TraceFile::Write(std::string_view line) {
 
 void TraceFile::Rotate() {
   std::error_code notMoved;
-  std::filesystem::rename(path_, path_ + ".1", notMoved);
-  File fresh = File::OpenAsItIs(path_, File::Mode::append, false);
+  std::filesystem::rename(FromUtf8(path_), FromUtf8(path_ + ".1"), notMoved);
+  File fresh = File::OpenAsItIs(FromUtf8(path_), File::Mode::append, false);
   const bool isFresh = static_cast<bool>(fresh);
   if (isFresh) file_ = std::move(fresh);
   // If the old file couldn't be moved, losing it is better than filling the disk.

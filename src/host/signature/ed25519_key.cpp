@@ -1,4 +1,5 @@
 #include "host/signature/ed25519_key.h"
+#include "host/platform/file.h"
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -53,7 +54,7 @@ BioHandle Reader(std::string_view text) {
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(FromUtf8(path), std::ios::binary);
   if (!file) throw std::runtime_error(std::generic_category().message(errno));
   constexpr std::size_t limitBytes = 64 << 10;
   std::string text(limitBytes, '\0');

@@ -15,7 +15,7 @@ class NewFile {
  public:
   NewFile(const std::string& path, bool isPublic) : path_(path) {
     std::error_code error;
-    file_ = File::OpenAsItIs(path, File::Mode::makeNew, isPublic, &error);
+    file_ = File::OpenAsItIs(FromUtf8(path), File::Mode::makeNew, isPublic, &error);
     if (error == std::errc::file_exists)
       throw std::runtime_error("key file " + path + ": exists already; choose another name or remove it");
     if (error) Fail(error);
@@ -24,7 +24,7 @@ class NewFile {
   NewFile& operator=(const NewFile&) = delete;
   ~NewFile() {
     file_.Close();
-    if (!kept_) RemoveFile(path_);
+    if (!kept_) RemoveFile(FromUtf8(path_));
   }
 
   void Write(std::string_view text) {

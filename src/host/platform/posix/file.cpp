@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <utility>
 
 namespace veld_report::host {
@@ -177,6 +178,15 @@ std::filesystem::path FromUtf8(std::string_view path) { return path; }
 std::error_code ReadProblem(const std::filesystem::path& file) noexcept {
   return access(file.c_str(), R_OK) == 0 ? std::error_code()
                                          : std::error_code(errno, std::generic_category());
+}
+
+std::string WhyOthersCanRead(const std::filesystem::path& file) {
+  struct stat status {};
+  if (stat(file.c_str(), &status) != 0 || (status.st_mode & (S_IRGRP | S_IROTH)) == 0) return {};
+  char text[48];
+  std::snprintf(text, sizeof text, "(its mode is %04o); chmod 600 it",
+                static_cast<unsigned>(status.st_mode & 07777));
+  return text;
 }
 
 bool RemoveFile(const std::filesystem::path& file) noexcept {

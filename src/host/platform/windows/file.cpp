@@ -57,6 +57,11 @@ class OwnerOnly {
   // Null if the system doesn't say who this user is; then the folder's rights apply.
   SECURITY_ATTRIBUTES* Attributes() { return isKnown_ ? &attributes_ : nullptr; }
   ACL* List() const { return list_.get(); }
+  // Whether that is this user, the system or its administrators.
+  bool Has(PSID who) const {
+    return EqualSid(who, reinterpret_cast<const TOKEN_USER*>(user_)->User.Sid) ||
+           IsWellKnownSid(who, WinLocalSystemSid) || IsWellKnownSid(who, WinBuiltinAdministratorsSid);
+  }
 
  private:
   alignas(TOKEN_USER) std::byte user_[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
@@ -281,13 +286,34 @@ std::filesystem::path FromUtf8(std::string_view path) { return Wide(path); }
 std::error_code ReadProblem(const std::filesystem::path& file) noexcept {
   try {
     const HANDLE handle = CreateFileW(LongPath(file).c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+                                      FILE_FLAG_BACKUP_SEMANTICS, nullptr);  // a folder too
     if (handle == INVALID_HANDLE_VALUE) return LastError();
     CloseHandle(handle);
     return {};
   } catch (const std::exception&) {
     return std::make_error_code(std::errc::not_enough_memory);
   }
+}
+
+std::string WhyOthersCanRead(const std::filesystem::path& file) {
+  const OwnerOnly owner;
+  ACL* list = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  const DWORD failed =
+      GetNamedSecurityInfoW(LongPath(file).c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                            nullptr, &list, nullptr, &descriptor);
+  const Local<void> freed(descriptor);
+  if (failed != ERROR_SUCCESS || !owner.List()) return {};
+  bool others = !list;  // without a list everybody may
+  for (DWORD i = 0; list && i < list->AceCount; ++i) {
+    void* entry = nullptr;
+    if (!GetAce(list, i, &entry)) continue;
+    auto* const allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
+    const bool reads = (allowed->Mask & (FILE_READ_DATA | GENERIC_READ | GENERIC_ALL)) != 0;
+    if (allowed->Header.AceType == ACCESS_ALLOWED_ACE_TYPE && reads && !owner.Has(&allowed->SidStart))
+      others = true;
+  }
+  return others ? "(its access list lets them); leave only its owner and the system in it" : "";
 }
 
 // The name of a file that others have open stays taken until they close it. So it gets another one first.

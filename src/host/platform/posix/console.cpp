@@ -1,0 +1,47 @@
+#include "host/platform/console.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace veld_report::host {
+namespace {
+
+volatile sig_atomic_t interrupted = 0;
+
+// A file that is opened in place of a closed stdout would get what is printed.
+void KeepStandardDescriptors() {
+  for (int handle = open("/dev/null", O_RDWR); handle >= 0; handle = dup(handle)) {
+    if (handle <= STDERR_FILENO) continue;
+    close(handle);
+    return;
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> BeginConsole(int count, const char* const* arguments) {
+  KeepStandardDescriptors();
+  return {arguments + (count > 0 ? 1 : 0), arguments + count};
+}
+
+std::optional<unsigned> ErrorColumns() noexcept {
+  if (isatty(STDERR_FILENO) != 1) return std::nullopt;
+  winsize size{};
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+  return known ? size.ws_col : 80u;
+}
+
+void NoteInterrupts() noexcept {
+  struct sigaction action {};
+  action.sa_handler = [](int) { interrupted = 1; };
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+bool IsInterrupted() noexcept { return interrupted != 0; }
+
+}  // namespace veld_report::host

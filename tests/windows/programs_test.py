@@ -1,0 +1,98 @@
+"""Programs for Windows under Wine, against a report server on this machine: programs_test.py --build DIR --server VELDREP"""
+
+import argparse
+import json
+import os
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+OPTIONS = None
+# A path that no code page of eight bits holds, and longer than MAX_PATH.
+LONG = os.path.join(*["störe-ж" * 8] * 4)
+
+
+def run(program, *arguments, folder, **more):
+    return subprocess.run(["wine", os.path.join(OPTIONS.build, program), *arguments], cwd=folder, timeout=100,
+                          capture_output=True, encoding="utf-8", **more)
+
+
+class Programs(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="veld_test.")
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+
+    def veldrep(self, *arguments, code=0, **more):
+        ended = run("bin/veldrep.exe", *arguments, folder=self.folder, **more)
+        self.assertEqual(ended.returncode, code, ended.stdout + ended.stderr)
+        return ended
+
+    def serve(self, *more):
+        server = subprocess.Popen([OPTIONS.server, "serve", "--listen", "127.0.0.1:0", "--out", "out", *more],
+                                  cwd=self.folder, stdout=subprocess.PIPE, encoding="utf-8")
+        self.addCleanup(server.stdout.close)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        for line in server.stdout:
+            if line.startswith("listening on "):
+                return line.split()[-1]
+        self.fail("the server doesn't start")
+
+    def stored(self):
+        with open(os.path.join(self.folder, "out"), encoding="utf-8") as file:
+            return [json.loads(line) for line in file]
+
+    def test_veldrep_sends_keeps_shows_and_checks(self):
+        self.veldrep("keygen", "käy")
+        self.assertIn("exists already", self.veldrep("keygen", "käy", code=1).stderr)
+        os.makedirs(os.path.join(self.folder, os.path.dirname(LONG)))
+        send = ["send", "--store", LONG, "--sign", "käy.key.pem", "--wait", "10", "--url"]
+        with open(os.path.join(self.folder, "records"), "w", encoding="utf-8") as file:
+            file.write('{"n":1}\r\n{"text":"ü ж"}\nnot JSON')
+        url = self.serve("--key", "käy.pub.pem")
+        sent = self.veldrep(*send, url, "records", code=3)
+        self.assertIn("submitted 2, delivered 2, refused lines 1, still waiting 0", sent.stdout)
+        # Nothing of other users who could read the key.
+        self.assertEqual(sent.stderr, "veldrep: records line 3: refused: it isn't a JSON object\n")
+        with socket.socket() as refusing:
+            refusing.bind(("127.0.0.1", 0))
+            dead = f"http://127.0.0.1:{refusing.getsockname()[1]}/"
+            kept = self.veldrep(*send[:-2], "1", "--url", dead, "-", input='{"n":2}\n').stdout
+            self.assertIn("submitted 1, delivered 0, refused lines 0, still waiting 1", kept)
+        self.assertIn('{"n":2}', self.veldrep("queues", "--store", LONG, "peek", dead).stdout)
+        self.assertIn("good, 1 items", self.veldrep("store", "check", "--store", LONG).stdout)
+        self.assertEqual(self.stored(), [{"n": 1}, {"text": "ü ж"}])
+        self.assertEqual(os.listdir(os.path.join(self.folder, LONG.split(os.sep)[0])), [LONG.split(os.sep)[1]])
+
+    def test_veldrep_says_what_is_wrong(self):
+        for arguments, more, code, said in (
+                (["serve", "--out", "x"], {}, 1, "serve: isn't part of veldrep for this system"),
+                (["store", "check", "--store", "nö"], {}, 1, "nö: there is no store in this folder"),
+                (["decode"], {"input": "{}"}, 1, 'stdin: the body has no member "payload"'),
+                (["decode", "nö"], {}, 1, "nö: can't be opened: "),
+                (["snd"], {}, 2, "there is no command snd; did you mean send?")):
+            with self.subTest(arguments):
+                self.assertIn(said, self.veldrep(*arguments, code=code, **more).stderr)
+
+    def test_static_reporter_delivers_at_exit_and_ends_in_time(self):
+        program, module = "tests/reporter_static_program.exe", os.path.join(OPTIONS.build, "bin/veld_report.dll")
+        self.assertEqual(run(program, module, "a", self.serve(), folder=self.folder).returncode, 0)
+        self.assertEqual([item["from"] for item in self.stored()], ["main", "a static destructor"])
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            begun = time.monotonic()
+            url = f"http://127.0.0.1:{silent.getsockname()[1]}/"
+            self.assertEqual(run(program, module, "b", url, folder=self.folder).returncode, 0)
+            # Its deadline, the 5 seconds of one wait, and something for a slow machine.
+            self.assertLess(time.monotonic() - begun, 3 + 5 + 3)
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", required=True)
+    parser.add_argument("--server", required=True)
+    OPTIONS, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])
