@@ -1,7 +1,6 @@
 #include "host/http/http_client.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <map>
 

@@ -7,7 +7,6 @@
 #include <dlfcn.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 
 #include "tests/common/waiting.h"

@@ -1,6 +1,5 @@
 // Which server the client believes, by the certificates of the system, of its options and of a url.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 

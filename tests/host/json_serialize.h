@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <string>
-#include <utility>
 
 #include "contract/io.h"
 #include "host/base/host_object.h"

@@ -1,18 +1,15 @@
-// When a kit sends, and how much at a time.
+// When a kit sends, how much at a time, and what it notes of its urls.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <memory>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <stdexcept>
 
 #include "host/kit/host_kit.h"
-#include "server/base64.h"
+#include "host/services/queue_name.h"
 #include "server/body_decoder.h"
+#include "server/message_check.h"
 #include "tests/host/manual_clock.h"
 #include "tests/host/recording_sink.h"
 #include "tests/host/serving_test.h"
@@ -115,13 +112,7 @@ TEST_F(KitDelivery, RecordsAreStoredSoonAndSentAtTheUsualPace) {
 }
 
 std::vector<int> NumbersIn(const tests::ScriptedRequest& request) {
-  constexpr std::string_view member = "\"payload\":\"";
-  const std::size_t begin = request.body.find(member) + member.size();
-  std::string payload;
-  EXPECT_EQ(
-      server::DecodeBase64(
-          std::string_view(request.body).substr(begin, request.body.find('"', begin) - begin), &payload),
-      "");
+  const std::string payload = server::CheckMessage(request.body, {}).payloadText;
   std::vector<int> numbers;
   for (std::size_t at = 0; (at = payload.find("\"n\":", at)) != std::string::npos;) {
     numbers.push_back(std::atoi(payload.c_str() + (at += 4)));
@@ -262,6 +253,52 @@ TEST_F(KitDelivery, AnIntervalSpacesRequestsAndNotTheStore) {
   kit.BeginCycle();
   Settle(kit);
   EXPECT_EQ(kit.Queues().TotalWaiting().items, 0);
+}
+
+TEST_F(KitDelivery, AServerIsReachedByIPv6) {
+  server::ReportServerOptions serverOptions;
+  serverOptions.address = "::1";
+  serverOptions.sinks = {{Path("out")}};
+  std::unique_ptr<server::ReportServer> server;
+  try {
+    server = std::make_unique<server::ReportServer>(serverOptions);
+  } catch (const std::runtime_error& error) {
+    GTEST_SKIP() << "this machine has no IPv6 loopback: " << error.what();
+  }
+  HostKit kit(Options({{server->Url()}}));
+  kit.SubmitJson("", R"({"n":1})");
+  Pass(kit, seconds(2));
+  EXPECT_THAT(Stored("out"), testing::ElementsAre(R"({"n":1})"));
+}
+
+TEST_F(KitDelivery, AUrlInBackoffIsReportedAndHoldsNoOtherUp) {
+  const tests::ScriptedServer busy(tests::ScriptedReply::Status(503, "Retry-After: 600\r\n"));
+  const auto healthy = Serve("out");
+  std::string busyUrl = busy.Url("/in");
+  busyUrl.insert(busyUrl.find("//") + 2, "user:secret@");
+  std::string trace;
+  HostKitOptions options = Options({{busyUrl, "busy"}, {healthy->Url(), "healthy"}});
+  options.settings.sendTimeoutS = 3600;
+  options.trace = {.level = 700, .sink = [&](std::string_view line) { trace.append(line).append("\n"); }};
+  HostKit kit(options);
+  kit.SubmitJson("busy", R"({"n":1})");
+  for (int i = 0; i < 6; ++i) {
+    kit.SubmitJson("healthy", "{}");
+    Pass(kit, seconds(2));
+    // Whatever the order of each walk, the cycle that the backoff cut short came again.
+    EXPECT_EQ(Stored("out").size(), i + 1u);
+  }
+
+  const auto states = UrlStateFile::Read(Path("store"));
+  ASSERT_EQ(states.size(), 2u);
+  EXPECT_EQ(states[0].queueName, QueueNameOfUrl(busyUrl));
+  EXPECT_EQ(states[0].http.url, busy.Url("/in"));
+  EXPECT_TRUE(states[0].http.waitsUntil.has_value());
+  EXPECT_FALSE(states[1].http.waitsUntil.has_value());
+  kit.Close();
+  EXPECT_FALSE(UrlStateFile::Read(Path("store"))[0].http.waitsUntil.has_value());
+  EXPECT_THAT(trace, testing::HasSubstr("MakeRequest for url " + busy.Url("/in")));
+  EXPECT_THAT(trace, testing::Not(testing::HasSubstr("secret")));
 }
 
 }  // namespace

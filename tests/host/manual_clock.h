@@ -1,7 +1,6 @@
 // A clock that stands still until a test advances it.
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <vector>
 

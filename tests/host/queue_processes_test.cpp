@@ -54,59 +54,6 @@ class QueueProcessesTest : public StoreTest {
   }
 };
 
-TEST_F(QueueProcessesTest, AStoppedProcessLosesItsLeaseAndNoticesIt) {
-  const auto machine = std::make_shared<ManualMachine>();
-  options.machine = machine;
-  const pid_t other = fork();
-  if (other == 0) {
-    Open();
-    Push("q", "1", "2");
-    const auto reader = Reader("q");
-    const std::uint64_t token = ReadOne(*reader)->token;
-    machine->Pass(20'000);
-    service->Commit();  // beats
-    raise(SIGSTOP);
-    machine->Pass(10'000);
-    const bool gaveUp = reader->Ack(&token) == zel::eNotFound && !ReadOne(*reader) && !ReadOne(*Reader("q"));
-    service->Commit();
-    _exit(gaveUp && !HasFailure() ? 0 : 2);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(other, &status, WUNTRACED), other);
-  ASSERT_TRUE(WIFSTOPPED(status));
-  Open();
-  auto reader = Reader("q");
-  EXPECT_FALSE(ReadOne(*reader));
-  machine->Pass(29'999);
-  EXPECT_FALSE(ReadOne(*reader));
-  machine->Pass(1);
-  EXPECT_TRUE(ReadOne(*reader));
-  kill(other, SIGCONT);
-  ASSERT_EQ(waitpid(other, &status, 0), other);
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(Ledger().delivered.items, 0);
-  reader.Reset();
-  EXPECT_EQ(Waiting("q"), (Strings{"1", "2"}));
-}
-
-TEST_F(QueueProcessesTest, AProcessThatRunsKeepsItsLease) {
-  const auto first = std::make_shared<ManualMachine>(), second = std::make_shared<ManualMachine>();
-  options.machine = first;
-  Open();
-  Push("q", "1");
-  const auto holder = service;
-  const auto reader = Reader("q");
-  EXPECT_TRUE(ReadOne(*reader));
-  options.machine = second;
-  service = host::QueueService::Open(options);
-  for (int i = 0; i < 10; ++i) {
-    EXPECT_THAT(Waiting("q"), IsEmpty());
-    first->Pass(5000);
-    holder->Commit();
-    second->Pass(20'000);
-  }
-}
-
 TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
   options.shared = false;
   Open();

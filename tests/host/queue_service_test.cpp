@@ -1,14 +1,13 @@
 // The queue service on SQLite: the contract, and what it promises beyond it.
 #include "host/queue/queue_service.h"
 
-#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "tests/host/queue_test_tools.h"
 
 namespace veld_report::tests {
 namespace {
-
-using testing::HasSubstr;
 
 using QueueServiceTest = StoreTest;
 
@@ -18,17 +17,6 @@ TEST_F(QueueServiceTest, ADomainThatIsNoSafeFileNameIsRefused) {
   for (const std::string& unsafe : Strings{"", "..", "../x", "a b", "\xc3\xa4", std::string(65, 'x')})
     EXPECT_EQ(service->CreateQueueManager(zel::string(unsafe), manager.Out()), zel::eInvalidArgument)
         << unsafe;
-}
-
-TEST_F(QueueServiceTest, RefusalsToOpenSayWhatToDo) {
-  Open();
-  const auto producer = Producer("q");
-  service.Reset();
-  EXPECT_THAT(OpenError(), HasSubstr("in use by this process")) << "a producer keeps the folder locked";
-  options.folder = "/proc/no such place/store";
-  EXPECT_THAT(OpenError(), HasSubstr("choose another one"));
-  options.folder.clear();
-  EXPECT_THAT(OpenError(), HasSubstr("name one"));
 }
 
 // What it shows stands in courses/store/look_shows_what_another_process_has.course.
@@ -74,6 +62,46 @@ TEST_F(QueueServiceTest, RoomThatAnOutageTookIsGivenBack) {
   EXPECT_TRUE(Eventually([&] { return std::filesystem::file_size(StorePath()) < 1 << 20; }));
   EXPECT_EQ(Waiting("q"), Strings{"first"});
   EXPECT_EQ(Findings(), Strings());
+}
+
+std::filesystem::perms Mode(const std::filesystem::path& path) {
+  return std::filesystem::status(path).permissions();
+}
+
+TEST_F(QueueServiceTest, FilesAreTheOwnersWhateverTheUmask) {
+  for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
+    SCOPED_TRACE(mask);
+    const mode_t before = umask(mask);
+    options.folder = folder.Path() / ("umask" + std::to_string(mask)) / "";
+    Open();
+    Push("q", "secret");
+    umask(before);
+    EXPECT_EQ(Mode(options.folder), std::filesystem::perms(0700));
+    std::size_t files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(options.folder)) {
+      EXPECT_EQ(Mode(entry.path()), std::filesystem::perms(0600)) << entry.path();
+      ++files;
+    }
+    EXPECT_GE(files, 4u) << "store, log, index of the log, lock";
+  }
+}
+
+TEST_F(QueueServiceTest, AnExistingFolderKeepsItsModeAStoreIsTheOwners) {
+  constexpr uid_t nobody = 65534;
+  ASSERT_EQ(chmod(folder.Path().c_str(), 0755), 0);
+  std::ofstream{StorePath()};
+  ASSERT_EQ(chmod(StorePath().c_str(), 0644), 0);
+  const uid_t owner = geteuid() == 0 ? nobody : geteuid();  // only the superuser can make files for others
+  ASSERT_EQ(chown(folder.Path().c_str(), owner, getegid()), 0);
+  Open();
+  EXPECT_TRUE(Producer("q"));
+  domain = "new";
+  EXPECT_TRUE(Producer("q"));
+  EXPECT_EQ(Mode(StorePath()), std::filesystem::perms(0600));
+  EXPECT_EQ(Mode(folder.Path()), std::filesystem::perms(0755));
+  struct stat status {};
+  ASSERT_EQ(stat(host::StoreFilePath(options.folder, "new").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, owner);
 }
 
 }  // namespace

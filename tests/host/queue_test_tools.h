@@ -84,14 +84,6 @@ class StoreTest : public testing::Test, protected virtual QueueOperations {
     service.Reset();
     service = host::QueueService::Open(options);
   }
-  std::string OpenError() {
-    try {
-      host::QueueService::Open(options);
-    } catch (const host::StoreError& error) {
-      return error.what();
-    }
-    return "";
-  }
   std::filesystem::path StorePath() const { return host::StoreFilePath(options.folder, "veld_rep"); }
   QueueLedger Ledger(const std::string& queue = "q") {
     const QueueLedger ledger = service->Ledgers()[queue];

@@ -1,11 +1,8 @@
 // Closing in time, whatever servers, resolvers and other threads do.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 
 #include "tests/common/waiting.h"
 #include "tests/host/fake_resolver.h"
@@ -50,28 +47,18 @@ TEST_F(Closing, KeepsToItsDeadlineAndLosesNothing) {
 }
 
 // Stops the threads that come by while it is shut.
-class Barrier {
- public:
-  void Shut(bool shut) {
-    const std::lock_guard lock(mutex_);
-    shut_ = shut;
-    changed_.notify_all();
-  }
+struct Barrier {
   void Pass() {
-    std::unique_lock lock(mutex_);
-    if (shut_) ++stopped_;
-    changed_.wait(lock, [&] { return !shut_; });
+    if (shut) ++stopped;
+    shut.wait(true);
   }
-  int Stopped() {
-    const std::lock_guard lock(mutex_);
-    return stopped_;
+  void Open() {
+    shut = false;
+    shut.notify_all();
   }
 
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool shut_ = false;
-  int stopped_ = 0;
+  std::atomic<bool> shut = false;
+  std::atomic<int> stopped = 0;
 };
 
 TEST_F(Closing, WaitsForNoDiskAndNoListenerThatHangs) {
@@ -84,17 +71,17 @@ TEST_F(Closing, WaitsForNoDiskAndNoListenerThatHangs) {
   ReporterOptions stored = Options({{server->Url()}}, "stored"), heard = Options({{server->Url()}}, "heard");
   stored.syncEveryCommit = true;
   stored.sendingAllowed = false;
-  application.Shut(true);
+  application.shut = true;
   heard.listener = [&](const FinishedRequest&) { application.Pass(); };
   auto first = std::make_unique<Reporter>(stored), second = std::make_unique<Reporter>(heard);
   second->SendJson(R"({"n":1})");
-  EXPECT_TRUE(tests::Eventually([&] { return application.Stopped() == 1; }));
+  EXPECT_TRUE(tests::Eventually([&] { return application.stopped == 1; }));
   second->SendJson(R"({"n":2})");
   EXPECT_TRUE(second->FlushToStore(seconds(20)));
   first->SendJson(R"({"n":1})");
   first->SendJson(R"({"n":2})");
-  disk.Shut(true);
-  EXPECT_TRUE(tests::Eventually([&] { return disk.Stopped() > 0; }));
+  disk.shut = true;
+  EXPECT_TRUE(tests::Eventually([&] { return disk.stopped > 0; }));
   Statistics figures;
   EXPECT_LT(TimeOf([&] { figures = first->Stats(); }), seconds(2));
   EXPECT_EQ(figures.submitted, 2u);
@@ -111,10 +98,10 @@ TEST_F(Closing, WaitsForNoDiskAndNoListenerThatHangs) {
   }
   EXPECT_LT(TimeOf([&] { first.reset(); }), seconds(2)) << "not once more";
 
-  disk.Shut(false);
-  application.Shut(false);
+  disk.Open();
+  application.Open();
   EXPECT_TRUE(tests::Eventually([&] { return second->IsClosed(); }));
-  EXPECT_EQ(application.Stopped(), 1) << "no call begins after the close";
+  EXPECT_EQ(application.stopped, 1) << "no call begins after the close";
   EXPECT_TRUE(tests::Eventually([&] { return (first = Reporter::TryOpen(stored)) != nullptr; }));
   EXPECT_EQ(first->Stats().total.waiting.items, 2);
   first.reset();

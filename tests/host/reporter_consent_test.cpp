@@ -1,6 +1,5 @@
 // Consent: once sending is forbidden nothing leaves any more, whatever else is going on.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 

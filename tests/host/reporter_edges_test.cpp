@@ -1,6 +1,6 @@
-// Where the reporter meets what isn't its own: crash handlers, key files, callers with older headers.
+// Where the reporter meets what isn't its own: crash handlers, key files, full disks, programs in C and those
+// with older headers.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -11,6 +11,7 @@
 #include "host/platform/service_thread.h"
 #include "host/signature/key_files.h"
 #include "server/message_check.h"
+#include "tests/common/small_disk.h"
 #include "tests/host/reporter_test_tools.h"
 #include "veld_report/veld_report.h"
 
@@ -96,7 +97,6 @@ TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
     EXPECT_EQ(code, isOpened ? zel::sOk : zel::eInvalidArgument) << size << ": " << error;
   };
   const char* const local = "http://127.0.0.1:1";
-  expectOpened(offsetof(veld_report_options, packet_limit_kb), local, true);
   expectOpened(offsetof(veld_report_options, packet_limit), local, true);
   expectOpened(offsetof(veld_report_options, endpoint_count), local, false);
   expectOpened(sizeof options + 8, local, false);
@@ -116,7 +116,73 @@ TEST_F(Edges, CallerWithAnEarlierHeaderIsServed) {
     // Nothing is written beyond the caller's struct.
     EXPECT_EQ(statistics.waiting_bytes, size == sizeof statistics ? 0 : -1);
   }
+  // In the first header an endpoint had two members.
+  const char* const endpoints[] = {"https://127.0.0.1:1/a", nullptr, "https://127.0.0.1:1/b", "product"};
+  options.endpoints = reinterpret_cast<const veld_report_endpoint*>(endpoints);
+  options.endpoint_count = 2;
+  expectOpened(offsetof(veld_report_options, proxy), "", true);
+  std::string consumers;
+  const auto collect = [](void* to, const veld_report_endpoint_statistics* each) {
+    static_cast<std::string*>(to)->append(each->consumer).append(";");
+  };
+  EXPECT_EQ(veld_report_endpoint_stats(reporter, collect, &consumers), zel::sOk);
+  EXPECT_EQ(consumers, ";product;");
   veld_report_free(reporter);
+}
+
+TEST_F(Edges, ProgramInCGoesThroughEveryFunction) {
+  tests::ScriptedServer server(tests::ScriptedReply::Status(200));
+  const auto run = tests::RunProgram({VELD_C_PROGRAM, VELD_MODULE_PATH, Path("c"), server.Url()});
+  EXPECT_EQ(run.exitCode, 0) << run.errors;
+  ASSERT_EQ(server.Requests().size(), 2u);
+  for (const tests::ScriptedRequest& request : server.Requests()) {
+    EXPECT_THAT(request.head, testing::HasSubstr("\r\nX-Product: C\r\n"));
+    EXPECT_THAT(request.head, testing::HasSubstr("\r\nUser-Agent: reporter_c_program\r\n"));
+    // {"array":[{"from":"C","text":"gr\u00fc\u00df"}]}
+    EXPECT_THAT(request.body,
+                testing::HasSubstr("\"eyJhcnJheSI6W3siZnJvbSI6IkMiLCJ0ZXh0IjoiZ3JcdTAwZmNcdTAwZGYifV19\""));
+  }
+}
+
+// A disk that has no room when an application starts for the first time.
+TEST_F(Edges, FirstStartFailsOrEveryRecordIsInTheLedger) {
+  constexpr int records = 101;
+  int opened = 0, refused = 0;
+  const int freeKb[] = {0, 8, 32, 64, 96, 128, 256, 512};
+  for (const int free : freeKb) {
+    for (const bool roomComesBack : {false, true}) {
+      SCOPED_TRACE(std::to_string(free) + (roomComesBack ? " KB free, more later" : " KB free"));
+      const std::string name = "disk" + std::to_string(free) + (roomComesBack ? "-more" : "");
+      const tests::SmallDisk disk(Path(name), "2m");
+      if (!disk.IsMounted()) GTEST_SKIP() << "this user can't mount a small tmpfs";
+      disk.FillButFor(static_cast<std::uintmax_t>(free) << 10);
+      ReporterOptions options = Options({{"http://127.0.0.1:1"}}, name + "/store");
+      options.sendingAllowed = false;
+      std::string why;
+      auto reporter = Reporter::TryOpen(options, &why);
+      if (!reporter) {
+        EXPECT_THAT(why, testing::HasSubstr("room"));
+        ++refused;
+        disk.MakeRoom();
+        EXPECT_NE(Reporter::TryOpen(options, &why), nullptr) << why;
+        continue;
+      }
+      ++opened;
+      const std::string record = "{\"" + std::string(8000, 'r') + "\":1}";
+      for (int i = 0; i < records; ++i) reporter->SendJson(record);
+      static_cast<void>(reporter->FlushToStore(milliseconds(300)));
+      if (roomComesBack) {
+        disk.MakeRoom();
+        EXPECT_TRUE(reporter->FlushToStore(seconds(20)));
+      }
+      const QueueLedger ledger = reporter->Stats().total;
+      EXPECT_EQ(ledger.accepted.items, records);
+      EXPECT_TRUE(ledger.IsBalanced());
+      reporter.reset();  // without an exception
+    }
+  }
+  EXPECT_GT(opened, 0);
+  EXPECT_GT(refused, 0);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // Sending, flushing, statistics, settings and listeners of the reporter, against real servers on loopback.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
@@ -125,22 +124,20 @@ TEST_F(Sending, FailedRequestsSayWhatIsWrong) {
       {"HTTP/1.1 400 No\r\nContent-Length: 204\r\n\r\nno\n" + std::string(201, 'x')});
   const tests::ScriptedServer proxy({"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n"});
   const std::string down = "http://127.0.0.1:" + std::to_string(tests::ClosedPort());
-  struct Case {
+  const struct {
     Endpoint endpoint;
     std::string proxy;
     std::uint16_t status;
     std::string text;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{down}, "", 0, "Couldn't connect to server (0x80000059 Media error)"},
       {{refuses.Url()}, "", 400, "with status 400: \"no\\x0a" + std::string(197, 'x') + "\"..."},
-      {{"https://nowhere.test"}, "", 0, "Could not resolve host: nowhere.test (0x8000004c Not found)"},
       {{"https://nowhere.test"},
        proxy.Url(""),
        0,
        "CONNECT tunnel failed, response 403 (0x80000059 Media error)"},
   };
-  for (const Case& each : cases) {
+  for (const auto& each : cases) {
     SCOPED_TRACE(each.text);
     std::mutex mutex;  // guards the two below
     std::vector<FinishedRequest> heard;
@@ -181,6 +178,7 @@ TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
       {[&](auto& it) { it.store = Path("a file"); }, "a file is a file, but a store is a folder"},
       {[&](auto& it) { it.store = Path("held"); }, "in use by"},
       {[&](auto& it) { it.traceFile = Path("trace"); }, "it is a symbolic link"},
+      {[](auto& it) { it.store = "/proc/no such place/store"; }, "choose another one"},
       {[](auto& it) { it.traceFile = "/nonexistent/trace"; }, "trace file /nonexistent/trace"},
       {[](auto& it) { it.retryAfter = seconds(-1); }, "it must be 0 to 4294967"},
       {[](auto& it) { it.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
@@ -196,12 +194,9 @@ TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
   };
   const std::pair<Endpoint, const char*> endpoints[] = {
       {{"127.0.0.1/v1"}, "endpoint 1 (127.0.0.1/v1): the url must begin with http:// or https://"},
-      {{"ftp://h"}, "endpoint 1 (ftp://h): the url must begin with http:// or https://"},
       {{"http://\xff"}, "not valid UTF-8 at byte 7"},
       {{"http://127.reports.test/v1"}, "use https, or allow http"},
       {{"https://h:99999/"}, "endpoint 1 (https://h:99999/): the url isn't valid: Port"},
-      {{"https://a b/"}, "the url isn't valid: Bad hostname"},
-      {{"http:///"}, "the url isn't valid"},
       {{"https://h", "veld_report.trigger"}, "this consumer name is reserved"},
       {{"https://h", "", {"no certificate"}}, "endpoint 1"},
       {{"http://127.0.0.1", "", {"sha256//"}}, "without TLS nothing checks them; use https"},

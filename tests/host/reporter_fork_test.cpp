@@ -1,7 +1,6 @@
 // What fork does to a reporter: the child has a copy of it, and must do nothing with that copy.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -72,6 +71,7 @@ std::vector<bool> Refusals(std::unique_ptr<Reporter>& reporter) {
           reporter->TrySetSettings({}) == zel::eInvalidState,
           IsRefused([&] { reporter->CurrentSettings(); }),
           IsRefused([&] { reporter->SetListener({}); }),
+          IsRefused([&] { reporter->SetLossListener({}); }),
           (reporter->AllowSending(true), !reporter->Close(seconds(60))),
           (reporter.reset(), true)};
 }

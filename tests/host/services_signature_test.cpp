@@ -1,6 +1,5 @@
 // Signer and verifier, against the example of RFC 8037 and with damage at every byte.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "host/signature/ed25519_signer.h"
 #include "host/signature/ed25519_verifier.h"

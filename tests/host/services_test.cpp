@@ -1,6 +1,5 @@
 // The small services: allocator, hash and queue names, notification, tracer.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
