@@ -80,11 +80,11 @@ const Methods* WithFaults(const sqlite3_io_methods* methods) {
     faulty.xWrite = Write;
     faulty.xTruncate = Truncate;
     faulty.xSync = Sync;
-    faulty.xFileSize = Call<Operation::fileSize, &File::xFileSize, SQLITE_IOERR_FSTAT>;
+    faulty.xFileSize = Call<Operation::size, &File::xFileSize, SQLITE_IOERR_FSTAT>;
     faulty.xLock = Call<Operation::lock, &File::xLock, SQLITE_IOERR_LOCK>;
     if (faulty.iVersion >= 2) {
       // The memory that the connections of a store share beside its log.
-      faulty.xShmMap = Call<Operation::shmMap, &File::xShmMap, SQLITE_IOERR_SHMMAP>;
+      faulty.xShmMap = Call<Operation::map, &File::xShmMap, SQLITE_IOERR_SHMMAP>;
       faulty.xShmLock = ShmLock;
     }
   }

@@ -16,20 +16,8 @@ namespace veld_report::tests {
 
 class FaultyVfs {
  public:
-  enum class Operation {
-    none,
-    read,
-    write,
-    sync,
-    truncate,
-    open,
-    remove,
-    access,
-    fileSize,
-    lock,
-    shmMap,
-    shmLock
-  };
+  // map and shmLock are of the shared memory beside the log.
+  enum class Operation { none, read, write, sync, truncate, open, remove, access, size, lock, map, shmLock };
 
   // Something that has been done to a file, or is about to be for remove. `file`: null for remove. `offset`:
   // of write; the new size of truncate. `text`: the bytes of write; the path for open and remove, empty for a

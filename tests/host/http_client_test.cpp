@@ -89,13 +89,6 @@ TEST(HttpClient, ABadBodyOrHeaderEndsTheRequestBeforeTheServer) {
   EXPECT_EQ(server.Requests().size(), 0u);
 }
 
-TEST(HttpClient, ASecondAddressIsTriedIfTheFirstDoesNotAnswer) {
-  ScriptedServer server(ScriptedReply::Status(200));
-  HttpClientOptions options = Direct();
-  options.resolve = {"two.test:" + std::to_string(server.Port()) + ":127.0.0.2,127.0.0.1"};
-  EXPECT_EQ(HttpKit(options).client.Send(server.Url("/", "two.test"))->status, 200);
-}
-
 // The server closes a kept connection at the very moment of the next request: libcurl sends it again on a
 // fresh one, from the start of the body.
 TEST(HttpClient, ABodyIsSentFromTheStartWhenAKeptConnectionBroke) {
@@ -113,7 +106,6 @@ TEST(HttpClient, ABodyIsSentFromTheStartWhenAKeptConnectionBroke) {
 
 TEST(WithoutCredentials, TakesUserAndPasswordOutOfEveryUrlOfAText) {
   const std::pair<const char*, const char*> cases[] = {
-      {"no url at all, me@example.test", "no url at all, me@example.test"},
       {"http://a.test/x?y=z@w", "http://a.test/x?y=z@w"},
       {"to https://me:p@ss@[::1]/ and http://u:p@b", "to https://[::1]/ and http://b"},
       {"http://me:pw@a.test and you@b.test", "http://a.test and you@b.test"},
@@ -146,7 +138,6 @@ TEST(ProxySettings, ComeFromTheOptionsOrElseTheEnvironment) {
     std::optional<std::string> option;
     std::string forHttp, forHttps;
   } cases[] = {
-      {{}, {}, "", ""},
       {{{"http_proxy", "h"}, {"https_proxy", "s"}}, {}, "h", "s"},
       {{{"HTTP_PROXY", "h"}, {"HTTPS_PROXY", "s"}}, {}, "", "s"},
       {{{"all_proxy", "a"}, {"http_proxy", "h"}}, {}, "h", "a"},

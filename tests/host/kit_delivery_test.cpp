@@ -173,10 +173,8 @@ TEST_F(KitDelivery, AServerThatRefusesCompressionGetsPlainBodiesFromThenOn) {
       [&](const auto& request) { return tests::ScriptedReply::Status(encoded(request, "") ? 415 : 200); });
   tests::ScriptedServer any(tests::ScriptedReply::Status(200));
   const auto real = Serve("real");
-  HostKitOptions options = Options({{plain.Url(), "", {}, "gzip"},
-                                    {any.Url(), "", {}, "gzip"},
-                                    {any.Url("/z"), "", {}, "zstd"},
-                                    {real->Url(), "", {}, "zstd"}});
+  HostKitOptions options =
+      Options({{plain.Url(), "", {}, "gzip"}, {any.Url(), "", {}, "gzip"}, {real->Url(), "", {}, "zstd"}});
   options.settings.packetLimit = 10;
   std::atomic<int> answers = 0;
   options.onRequestFinished = [&](const FinishedRequest& request) {
@@ -185,7 +183,7 @@ TEST_F(KitDelivery, AServerThatRefusesCompressionGetsPlainBodiesFromThenOn) {
   HostKit kit(options);
   Submit(kit, 100, 100);
   Pass(kit, seconds(5));
-  EXPECT_EQ(answers, 40);
+  EXPECT_EQ(answers, 30);
   const auto requests = plain.Requests();
   ASSERT_EQ(requests.size(), 11u);
   EXPECT_TRUE(encoded(requests[0], "gzip"));
@@ -194,9 +192,7 @@ TEST_F(KitDelivery, AServerThatRefusesCompressionGetsPlainBodiesFromThenOn) {
   };
   EXPECT_EQ(decoded(requests[0], server::BodyCoding::gzip), requests[1].body);
   EXPECT_LT(requests[0].body.size(), requests[1].body.size() / 2);
-  for (const auto& request : any.Requests()) {
-    EXPECT_TRUE(encoded(request, request.head.find("/z") == std::string::npos ? "gzip" : "zstd"));
-  }
+  for (const auto& request : any.Requests()) EXPECT_TRUE(encoded(request, "gzip"));
   EXPECT_EQ(Stored("real").size(), 100u);
   for (const auto& state : kit.Http().States()) EXPECT_EQ(state.lastError, "");
 

@@ -113,7 +113,6 @@ TEST_P(FaultSweepTest, NothingAcceptedIsLostNothingDeliveredComesBack) {
     }
     std::cout << at - 1 << " operations failed" << (onwards ? ", with all after them" : ", each alone")
               << std::endl;
-    RecordProperty(onwards ? "failed_onwards" : "failed_alone", static_cast<int>(at - 1));
     // Only a store that is made deletes anything.
     EXPECT_TRUE(at > 1 || (onwards && GetParam() == FaultyVfs::Operation::remove)) << "there are none";
   }
@@ -121,8 +120,8 @@ TEST_P(FaultSweepTest, NothingAcceptedIsLostNothingDeliveredComesBack) {
 
 using enum FaultyVfs::Operation;
 INSTANTIATE_TEST_SUITE_P(, FaultSweepTest,
-                         testing::Values(read, write, sync, truncate, open, remove, access, fileSize, lock,
-                                         shmMap, shmLock));
+                         testing::Values(read, write, sync, truncate, open, remove, access, size, lock, map,
+                                         shmLock));
 
 class FullDiskTest : public QueueFaultsTest {
  protected:

@@ -27,7 +27,8 @@ class QueueProcessesTest : public StoreTest {
 
   Strings Log(const char* kind) { return ReadLines(folder / kind); }
   // Notes what was pushed after it was answered 0, and what is delivered before it is acknowledged.
-  void PushAndSend(int process) {
+  // An exception ends the process.
+  void PushAndSend(int process) noexcept {
     Open();
     std::ofstream pushed(folder.Path() / "pushed", std::ios::app);
     std::ofstream delivered(folder.Path() / "delivered", std::ios::app);
@@ -44,14 +45,6 @@ class QueueProcessesTest : public StoreTest {
       }
     }
   }
-  // An exception ends the process.
-  pid_t Start(int process) noexcept {
-    const pid_t id = fork();
-    if (id != 0) return id;
-    PushAndSend(process);
-    // No destructors of the test program, and no reports of its own.
-    _exit(HasFailure() ? 2 : 0);
-  }
 };
 
 TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
@@ -63,8 +56,8 @@ TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
   constexpr int moments = 24;
   std::chrono::nanoseconds whole{};
   int interrupted = 0;
-  for (int moment = moments; moment > 0;
-       --moment) {  // the first one isn't killed, and shows how long it takes
+  // The first one isn't killed, and shows how long it takes.
+  for (int moment = moments; moment > 0; --moment) {
     service.Reset();
     WriteInLayout(moment % 2 + 1, holding, StorePath());
     const auto begin = std::chrono::steady_clock::now();
@@ -90,7 +83,12 @@ TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
 TEST_F(QueueProcessesTest, FourProcessesTwoKilledLoseAndRepeatNothing) {
   options.commitEveryPush = true;  // what was answered 0 must survive the kill
   pid_t ids[processCount];
-  for (int process = 0; process < processCount; ++process) ids[process] = Start(process);
+  for (int process = 0; process < processCount; ++process) {
+    if ((ids[process] = fork()) != 0) continue;
+    PushAndSend(process);
+    // No destructors of the test program, and no reports of its own.
+    _exit(HasFailure() ? 2 : 0);
+  }
   EXPECT_TRUE(Eventually([&] { return Log("pushed").size() > each / 2; }));
   for (int process = 0; process < processCount; ++process) {
     const bool isKilled = process < 2;

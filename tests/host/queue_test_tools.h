@@ -57,17 +57,15 @@ struct ManualMachine final : host::MachineClock {
 
 // What is traced, from any thread.
 class TracedLines {
+  std::mutex mutex_;
+  Strings lines_;
+
  public:
   Strings Take() {
     const std::lock_guard lock(mutex_);
     return std::exchange(lines_, {});
   }
 
- private:
-  std::mutex mutex_;
-  Strings lines_;
-
- public:
   const zel::Ref<zel::ITracer> tracer = host::MakeObject<host::LineTracer>(
       host::LineTracerOptions{.level = 700, .sink = [this](std::string_view line) {
                                 const std::lock_guard lock(mutex_);

@@ -57,11 +57,10 @@ TEST(ServiceLocator, AServiceLivesUntilItsLastReferenceIsGone) {
   const zel::Ref<ServiceLocator> locators[] = {MakeObject<ServiceLocator>(), MakeObject<ServiceLocator>()};
   std::mutex mutex;
   std::vector<zel::Ref<zel::IRunnable>> found;
-  std::atomic<bool> ended = false;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (unsigned turn = 0; !ended; ++turn) {
+    threads.emplace_back([&](const std::stop_token& ended) {
+      for (unsigned turn = 0; !ended.stop_requested(); ++turn) {
         zel::Ref<zel::IRunnable> one;
         if (locators[turn % 2]->GetInterface(zel::IRunnable::iid, 0, one.OutVoid()) != zel::sOk) continue;
         EXPECT_EQ(one->Run(nullptr), zel::sOk);
@@ -77,11 +76,10 @@ TEST(ServiceLocator, AServiceLivesUntilItsLastReferenceIsGone) {
     locators[round % 2]->Clear();
     if (round % 3 == 0) locators[1 - round % 2]->Register<zel::IRunnable>({});
   }
-  ended = true;
-  for (std::thread& thread : threads) thread.join();
-  for (const auto& locator : locators) locator->Register<zel::IRunnable>(service);
-  service.Reset();
+  threads.clear();
+  locators[0]->Register<zel::IRunnable>(service);
   locators[0]->GetInterface(zel::IRunnable::iid, 0, found.emplace_back().OutVoid());
+  service.Reset();
   for (const auto& locator : locators) locator->Clear();
   EXPECT_EQ(gone, 0) << "what was found outlives the tables";
   found.clear();
@@ -91,9 +89,8 @@ TEST(ServiceLocator, AServiceLivesUntilItsLastReferenceIsGone) {
 TEST(Hash, IsMd5AndQueueNamesHashUtf16Units) {
   const auto service = MakeObject<HashService>();
   zel::Ref<zel::IObject> object;
-  for (const std::uint32_t algorithm : {0u, 99u, 101u, UINT32_MAX}) {
+  for (const std::uint32_t algorithm : {0u, 99u, 101u, UINT32_MAX})
     EXPECT_EQ(service->CreateCalculator(algorithm, object.Out()), zel::eNotSupported);
-  }
   EXPECT_EQ(service->CreateCalculator(100, object.Out()), zel::sOk);
   zel::Ref<crypto::hash::IHashCalculator> calculator;
   EXPECT_EQ(object->QueryInterface(crypto::hash::IHashCalculator::iid, calculator.OutVoid()), zel::sOk);

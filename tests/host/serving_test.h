@@ -18,12 +18,10 @@ namespace veld_report::tests {
 class ServingTest : public testing::Test {
  protected:
   std::string Path(const std::string& name) const { return (folder_.Path() / name).string(); }
-  std::unique_ptr<server::ReportServer> Serve(const std::string& file, std::uint16_t port = 0,
-                                              server::SignatureVerifier verifier = {}) const {
+  std::unique_ptr<server::ReportServer> Serve(const std::string& file, std::uint16_t port = 0) const {
     server::ReportServerOptions options;
     options.port = port;
     options.sinks = {{Path(file)}};
-    options.verifier = std::move(verifier);
     return std::make_unique<server::ReportServer>(std::move(options));
   }
   std::vector<std::string> Stored(const std::string& file) const { return ReadLines(Path(file)); }

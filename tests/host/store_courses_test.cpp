@@ -43,10 +43,9 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (verb == "open") return OpenAs(name, more);
     if (verb == "fill") return Fill(name);
     if (verb == "in_order") return InOrder(name);
-    if (verb == "newer") return Newer();
+    if (verb == "newer") return Push("q", "text"), service->LastTokens()["q"] > lastToken_ ? "yes" : "no";
     if (verb == "crash") return Crash();
     if (verb == "spoil") return Spoil(name, std::stoul(more.at(0)), more.size() > 1);
-    if (verb == "cut") return EndServices(), fs::resize_file(StorePath(), std::stoul(name)), "";
     if (verb == "copy") return EndServices(), Copy(), "";
     if (verb == "mark")
       return EndServices(), WriteFile(Mark(), name == "opened" ? opened_ : Shown(words)), "";
@@ -66,7 +65,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     if (verb == "committed") return Committed();
     if (verb == "soon") return Eventually([&] { return Committed() == name; }) ? "" : Committed();
     if (verb == "files") return Files(name);
-    if (verb == "holds") return Holds(Whole(name)) ? "yes" : "no";
+    if (verb == "holds") return AnyFile([&](auto& file) { return file.find(Whole(name)) != file.npos; });
     if (verb == "findings") {
       EndServices();
       spoiled_ = ReadFile(StorePath());
@@ -75,7 +74,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
       EXPECT_TRUE(ReadFile(StorePath()) == spoiled_) << "a check changes nothing";
       return Shown(found);
     }
-    if (verb == "kept") return IsKept() ? "yes" : "no";
+    if (verb == "kept") return AnyFile([&](auto& file) { return file == spoiled_; });
     if (verb == "traced") return Shown(Traced());
     if (verb == "ledger") return testing::PrintToString(Ledger(name));
     if (verb == "list") return List();
@@ -148,10 +147,6 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     }
     return std::to_string(found.size());
   }
-  std::string Newer() {
-    Push("q", "text");
-    return service->LastTokens()["q"] > lastToken_ ? "yes" : "no";
-  }
   // Overwrites a page of a table or index. `quietly`: the file's time doesn't tell of it.
   std::string Spoil(const std::string& table, std::size_t number, bool quietly) {
     EndServices();
@@ -200,15 +195,9 @@ class StoreCourses : public StoreTest, protected QueueCourses {
         "veld_rep.queue",
         "SELECT coalesce(sum(last-front), 0) - (SELECT coalesce(sum(count), 0) FROM gone) FROM queues");
   }
-  bool AnyFile(const std::function<bool(const std::string&)>& is) const {
-    return std::ranges::any_of(fs::directory_iterator(options.folder),
-                               [&](const fs::directory_entry& entry) { return is(ReadFile(entry.path())); });
-  }
-  bool Holds(const std::string& text) const {
-    return AnyFile([&](const std::string& file) { return file.find(text) != file.npos; });
-  }
-  bool IsKept() const {
-    return AnyFile([&](const std::string& file) { return file == spoiled_; });
+  std::string AnyFile(const std::function<bool(const std::string&)>& is) const {
+    const auto isIt = [&](const fs::directory_entry& entry) { return is(ReadFile(entry.path())); };
+    return std::ranges::any_of(fs::directory_iterator(options.folder), isIt) ? "yes" : "no";
   }
   std::string Files(const std::string& part) const {
     Strings names;

@@ -53,11 +53,6 @@ class StoreModel {
     (answer == zel::sOk ? to.ledger.waiting : to.ledger.rejected) += One(text);
     if (answer == zel::sOk) to.items.emplace_back(text);
   }
-  // `figure`: delivered, evicted.
-  void Left(const std::string& queue, const std::string& text, ItemCount QueueLedger::*figure) {
-    EXPECT_EQ(std::erase(queues_[queue].items, text), 1u) << text << " was handed out and doesn't wait";
-    queues_[queue].ledger.Leave(figure, One(text));
-  }
   void Removed(const std::string& queue) {
     const auto found = queues_.find(queue);
     if (found == queues_.end()) return;
@@ -71,18 +66,15 @@ class StoreModel {
     const std::vector<ReadItem> items = ReadAll(reader, count);
     for (std::size_t i = 0; i < items.size(); ++i) {
       const ReadItem& item = items[i];
-      EXPECT_NE(std::ranges::count(queues_[queue].items, item.bytes), 0) << item.bytes << " doesn't wait";
-      switch (fate(i)) {
-        case Fate::acknowledged:
-          EXPECT_EQ(reader.Ack(&item.token), zel::sOk);
-          Left(queue, item.bytes, &QueueLedger::delivered);
-          break;
-        case Fate::givenBack:
-          EXPECT_EQ(reader.ReturnItem(&item.token), zel::sOk);
-          queues_[queue].ledger.returned += One(item.bytes);
-          break;
-        case Fate::kept:
-          break;
+      EXPECT_EQ(std::ranges::count(queues_[queue].items, item.bytes), 1) << item.bytes << " doesn't wait";
+      const Fate becomes = fate(i);
+      if (becomes == Fate::acknowledged) {
+        EXPECT_EQ(reader.Ack(&item.token), zel::sOk);
+        std::erase(queues_[queue].items, item.bytes);
+        queues_[queue].ledger.Leave(&QueueLedger::delivered, One(item.bytes));
+      } else if (becomes == Fate::givenBack) {
+        EXPECT_EQ(reader.ReturnItem(&item.token), zel::sOk);
+        queues_[queue].ledger.returned += One(item.bytes);
       }
     }
   }
