@@ -289,7 +289,9 @@ bool NdjsonFile::IsTimeToRotate(std::size_t bytes) const {
 }
 
 void NdjsonFile::Rotate() {
-  if (rename(path_.c_str(), FreeName("").c_str()) != 0) Fail("can't be rotated: " + Reason());
+  // Somebody may have moved it since it was looked at; then that is done.
+  if (rename(path_.c_str(), FreeName("").c_str()) != 0 && errno != ENOENT)
+    Fail("can't be rotated: " + Reason());
   Adopt(Open());
 }
 
