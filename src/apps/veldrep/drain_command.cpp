@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "apps/veldrep/command.h"
+#include "apps/veldrep/ending_signals.h"
 #include "apps/veldrep/failure.h"
 #include "apps/veldrep/out_options.h"
 #include "server/open_sink.h"
@@ -59,21 +60,13 @@ int Drain(const DrainCommandOptions& given) {
   options.log = Complain;
   options.onEnd = [] { kill(getpid(), SIGTERM); };
 
-  // Blocked before any thread starts, so that only sigwait gets these.
-  sigset_t ending;
-  sigemptyset(&ending);
-  sigaddset(&ending, SIGHUP);
-  sigaddset(&ending, SIGTERM);
-  sigaddset(&ending, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  const EndingSignals ending;
 
   const std::string name = options.from.Name();
   server::StreamDrain drain(std::move(options));
   std::printf("draining %s\n", name.c_str());
   std::fflush(stdout);
-  int received = SIGHUP;
-  while (sigwait(&ending, &received) == 0 && received == SIGHUP) drain.ReopenSinks();
+  ending.Wait([&] { drain.ReopenSinks(); });
   drain.Stop();
   std::printf("drained: stored %llu, repeated %llu, %llu messages taken out for good\n",
               static_cast<unsigned long long>(drain.StoredItems()),

@@ -1,5 +1,4 @@
 // veldrep serve: the report server in the foreground, until SIGTERM or SIGINT.
-#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 
 #include "apps/veldrep/address_option.h"
 #include "apps/veldrep/command.h"
+#include "apps/veldrep/ending_signals.h"
 #include "apps/veldrep/key_option.h"
 #include "apps/veldrep/out_options.h"
 #include "apps/veldrep/page_option.h"
@@ -75,14 +75,7 @@ int Serve(const ServeOptions& given) {
   options.requestTime = std::chrono::seconds(given.requestSeconds);
   options.threads = given.threads;
   ReserveDescriptors(given.connections);
-  // Blocked before any thread starts, so that they inherit the mask and only sigwait gets these.
-  sigset_t ending;
-  sigemptyset(&ending);
-  sigaddset(&ending, SIGHUP);
-  sigaddset(&ending, SIGTERM);
-  sigaddset(&ending, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  const EndingSignals ending;
 
   const auto log = std::make_shared<ServeLog>(STDERR_FILENO);
   options.log = [log](const std::string& sentence) { log->Write(sentence); };
@@ -98,11 +91,10 @@ int Serve(const ServeOptions& given) {
   std::printf("listening on %s\n%s\n%s", server.Url().c_str(), DescribeKeys(keys).c_str(),
               page ? ("page on " + page->Url() + "\n").c_str() : "");
   std::fflush(stdout);
-  int received = SIGHUP;
-  while (sigwait(&ending, &received) == 0 && received == SIGHUP) {
+  ending.Wait([&] {
     server.ReopenSinks();
     server.ReloadCertificate();
-  }
+  });
   server.Stop();
   std::printf("stopped: stored %llu, repeated %llu, %llu requests refused\n",
               static_cast<unsigned long long>(server.StoredItems()),

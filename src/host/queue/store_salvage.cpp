@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "host/base/utc.h"
+#include "host/platform/file.h"
 #include "host/queue/item_restorer.h"
 #include "host/queue/store_folder.h"
 #include "host/queue/store_layout.h"
@@ -34,14 +35,10 @@ constexpr const char* salvagedSuffix = ".salvaged";
 constexpr std::size_t pageBytes = storePageBytes;
 constexpr std::size_t pageCountOffset = 28;  // in SQLite's file header, big-endian
 
-std::filesystem::path With(const std::filesystem::path& file, const char* suffix) {
-  return file.string() + suffix;
-}
-
 void RemoveWithCompanions(const std::filesystem::path& file) {
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
     std::error_code ignored;
-    std::filesystem::remove(With(file, suffix), ignored);
+    std::filesystem::remove(WithEnding(file, suffix), ignored);
   }
 }
 
@@ -69,11 +66,11 @@ std::optional<ItemsIn> TablesOf(const SqliteConnection& connection) {
 class CopyWithNewFirstPage {
  public:
   CopyWithNewFirstPage(const std::filesystem::path& source, std::int64_t layout, const std::string& vfs)
-      : copy_(With(source, ".salvage")) {
+      : copy_(WithEnding(source, ".salvage")) {
     Copy(source, copy_);
-    const auto log = With(source, "-wal");
-    if (std::filesystem::exists(log)) Copy(log, With(copy_, "-wal"));
-    std::array<char, pageBytes> page = NewFirstPage(With(source, ".fresh"), layout, vfs);
+    const auto log = WithEnding(source, "-wal");
+    if (std::filesystem::exists(log)) Copy(log, WithEnding(copy_, "-wal"));
+    std::array<char, pageBytes> page = NewFirstPage(WithEnding(source, ".fresh"), layout, vfs);
     // SQLite opens no file that ends before the root of a table, or has more pages than its log says.
     const std::uint32_t rootPages = layout == storeLayoutVersion ? 5 : 6;
     const auto pages =
@@ -418,19 +415,20 @@ std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int
   char time[96] = {};
   static_cast<void>(std::snprintf(time, sizeof time, "%04d%02d%02dT%02d%02d%02dZ", utc.year, utc.month,
                                   utc.day, utc.hour, utc.minute, utc.second));
-  const std::string base = file.string() + damagedInfix + time;
+  const std::filesystem::path base = WithEnding(WithEnding(file, damagedInfix), time);
   std::filesystem::path aside = base;
-  for (int number = 2; std::filesystem::exists(aside); ++number) aside = base + "-" + std::to_string(number);
+  for (int number = 2; std::filesystem::exists(aside); ++number)
+    aside = WithEnding(base, ("-" + std::to_string(number)).c_str());
   // The log first: a file without its log would look like an older, intact store.
   for (const char* suffix : {"-wal", "-journal", ""}) {
-    if (!std::filesystem::exists(With(file, suffix))) continue;
+    if (!std::filesystem::exists(WithEnding(file, suffix))) continue;
     std::error_code error;
-    std::filesystem::rename(With(file, suffix), With(aside, suffix), error);
+    std::filesystem::rename(WithEnding(file, suffix), WithEnding(aside, suffix), error);
     if (error)
       throw StoreError("can't move the damaged store aside to " + aside.string() + ": " + error.message());
   }
   std::error_code ignored;
-  std::filesystem::remove(With(file, "-shm"), ignored);
+  std::filesystem::remove(WithEnding(file, "-shm"), ignored);
   return aside;
 }
 
@@ -450,7 +448,7 @@ std::vector<std::filesystem::path> DamagedFilesOf(const std::filesystem::path& f
 
 void DeleteDamagedFile(const std::filesystem::path& damaged) {
   for (const char* suffix : {"", "-wal", "-shm", "-journal", salvagedSuffix}) {
-    std::filesystem::remove(With(damaged, suffix));
+    std::filesystem::remove(WithEnding(damaged, suffix));
   }
 }
 
@@ -464,13 +462,13 @@ SalvageReport SalvageInto(StoreFile& target, const std::filesystem::path& source
   SalvageReport report = SalvageFrom(target, source, vfs);
   report.source = source;
   std::error_code ignored;
-  std::filesystem::remove(With(source, "-shm"), ignored);
-  PreparePrivateFile(With(source, salvagedSuffix));
+  std::filesystem::remove(WithEnding(source, "-shm"), ignored);
+  PreparePrivateFile(WithEnding(source, salvagedSuffix));
   return report;
 }
 
 bool IsSalvaged(const std::filesystem::path& source) {
-  return std::filesystem::exists(With(source, salvagedSuffix));
+  return std::filesystem::exists(WithEnding(source, salvagedSuffix));
 }
 
 std::string Describe(const SalvageReport& report) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <system_error>
 
+#include "host/platform/file.h"
 #include "host/queue/sqlite_connection.h"
 #include "host/queue/store_file.h"
 #include "host/queue/store_folder.h"
@@ -15,14 +16,14 @@ namespace veld_report::host {
 namespace {
 
 std::filesystem::path CopyOf(const std::filesystem::path& file, std::int64_t version) {
-  return file.string() + ".layout-" + std::to_string(version);
+  return WithEnding(file, (".layout-" + std::to_string(version)).c_str());
 }
-std::filesystem::path WorkOf(const std::filesystem::path& file) { return file.string() + ".upgrade"; }
+std::filesystem::path WorkOf(const std::filesystem::path& file) { return WithEnding(file, ".upgrade"); }
 
 void Remove(const std::filesystem::path& file) {
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
     std::error_code ignored;
-    std::filesystem::remove(file.string() + suffix, ignored);
+    std::filesystem::remove(WithEnding(file, suffix), ignored);
   }
 }
 
