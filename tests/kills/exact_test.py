@@ -19,7 +19,7 @@ import sys
 import tempfile
 import time
 
-from kill_test import Failure, lines_of, number_of
+from kill_test import Failure, lines_of, next_number, noted, number_of
 from proxy import Proxy
 
 SENDERS = 10
@@ -128,15 +128,10 @@ class Trial:
 
     def noted(self, what):
         for name in self.senders:
-            for line in lines_of(self.path("notes-" + name)):
-                kind, first, last = line.split()
-                if kind == what:
-                    yield from range(int(first), int(last) + 1)
+            yield from noted(self.path("notes-" + name), what)
 
     def next_number(self, name):
-        lines = lines_of(self.path("notes-" + name))[-2:]
-        first = int(name.partition("-")[2]) * 1_000_000_000 + 1
-        return max((int(line.split()[2]) + 1 for line in lines), default=first)
+        return next_number(self.path("notes-" + name), int(name.partition("-")[2]) * 1_000_000_000 + 1)
 
     async def run(self):
         subprocess.run([self.veldrep, "keygen", self.path("key")], check=True, stdout=subprocess.DEVNULL)

@@ -85,14 +85,10 @@ class Trial:
 
     def noted(self, what):
         for name in self.senders:
-            for line in lines_of(self.path("notes-" + name)):
-                kind, first, last = line.split()
-                if kind == what:
-                    yield from range(int(first), int(last) + 1)
+            yield from noted(self.path("notes-" + name), what)
 
     def next_number(self, name):
-        lines = lines_of(self.path("notes-" + name))[-2:]
-        return max((int(line.split()[2]) + 1 for line in lines), default=FIRST_NUMBERS[name])
+        return next_number(self.path("notes-" + name), FIRST_NUMBERS[name])
 
     # Rounds
 
@@ -237,6 +233,19 @@ def number_of(line):
     except (ValueError, KeyError, TypeError):
         return None
     return number if line == f'{{"number":{number},"text":"{text}"}}' else None
+
+
+def noted(path, what):
+    """The numbers of which a sender's notes say what."""
+    for line in lines_of(path):
+        kind, first, last = line.split()
+        if kind == what:
+            yield from range(int(first), int(last) + 1)
+
+
+def next_number(path, first):
+    """The number after all that a sender has noted, or first."""
+    return max((int(line.split()[2]) + 1 for line in lines_of(path)[-2:]), default=first)
 
 
 def lines_of(path):
