@@ -21,6 +21,10 @@ class CEndpoint(ctypes.Structure):
     ]
 
 
+class CMember(ctypes.Structure):
+    _fields_ = [("name", c_char_p), ("value", c_char_p)]
+
+
 class CSettings(ctypes.Structure):
     _fields_ = [
         ("struct_size", c_size_t),
@@ -34,6 +38,8 @@ class CSettings(ctypes.Structure):
         ("allow_http", c_uint32),
         ("memory", c_void_p),
         ("signing_key_file", c_char_p),
+        ("common", POINTER(CMember)),
+        ("common_count", c_size_t),
     ]
 
 
@@ -109,6 +115,8 @@ class COptions(ctypes.Structure):
         ("loss_context", c_void_p),
         ("store_within_ms", c_uint32),
         ("secure_delete", c_uint32),
+        ("common", POINTER(CMember)),
+        ("common_count", c_size_t),
     ]
 
 

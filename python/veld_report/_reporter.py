@@ -11,8 +11,8 @@ import math
 import os
 import queue
 import threading
+import types
 import weakref
-from types import TracebackType
 from typing import Any, Callable, Dict, Iterable, List, Mapping, Optional, Sequence, Tuple, Type, Union
 
 from . import _library
@@ -114,6 +114,9 @@ def _fill(target: Any, settings: Settings) -> None:
     target.packet_limit_kb = _limit("packet_limit_kb", settings.packet_limit_kb)
     target.send_every_s = _number("send_every", settings.send_every, 0, 2**32 - 1)
     target.allow_http = settings.allow_http
+    common = [_library.CMember(_text("common", name), _text("common", value)) for name, value in settings.common.items()]
+    target.common = (_library.CMember * len(common))(*common)
+    target.common_count = len(common)
 
 
 def _ledger(ledger: Any) -> Ledger:
@@ -231,6 +234,7 @@ class Reporter:
         packet_limit_kb: int = Settings.packet_limit_kb,
         send_every: int = Settings.send_every,
         allow_http: bool = Settings.allow_http,
+        common: Mapping[str, str] = types.MappingProxyType({}),
         close_deadline: float = 2,  # of a close without one
         signing_key_file: Optional[Path] = None,  # Ed25519 private key, PEM; None: unsigned
         # Called for each finished request, on a thread of the library. It should return soon and must not close the
@@ -264,7 +268,7 @@ class Reporter:
         self._lost = _ListenerSlot(_loss, loss_listener)
         options = _library.COptions()
         _fill(options, Settings(endpoints, packet_limit, queue_limit_kb, retry_after, packet_limit_kb, send_every,
-                                allow_http))
+                                allow_http, common=common))
         options.store = _path("store", store)
         options.signing_key_file = _path("signing_key_file", signing_key_file)
         options.trace_file = _path("trace_file", trace_file)
@@ -341,6 +345,7 @@ class Reporter:
                          each.compress.decode())
                 for each in given.endpoints[: given.endpoint_count]
             )
+            common = {each.name.decode(): each.value.decode() for each in given.common[: given.common_count]}
         finally:
             _api.free_settings(given)
 
@@ -348,7 +353,8 @@ class Reporter:
             return 0 if value == 2**32 - 1 else value
 
         return Settings(endpoints, limit(given.packet_limit), given.queue_limit_kb, given.retry_after_s,
-                        limit(given.packet_limit_kb), given.send_every_s, bool(given.allow_http))
+                        limit(given.packet_limit_kb), given.send_every_s, bool(given.allow_http),
+                        common=common)
 
     def set_listener(self, listener: Optional[Listener]) -> None:
         """Replaces the listener. The previous one may still be running after the return."""
@@ -393,7 +399,7 @@ class Reporter:
         return self
 
     def __exit__(self, kind: Optional[Type[BaseException]], value: Optional[BaseException],
-                 trace: Optional[TracebackType]) -> None:
+                 trace: Optional[types.TracebackType]) -> None:
         self.close()
 
 

@@ -4,7 +4,7 @@ from __future__ import annotations
 import datetime
 import enum
 import os
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from typing import Mapping, Optional, Sequence, Union
 
 Path = Union[str, "os.PathLike[str]"]
@@ -63,6 +63,7 @@ class Settings:
     allow_http: bool = False  # http:// urls to other machines too, which anyone on the way can read
     # Ed25519 private key, PEM, from the next request on. None: the present key stays; "": unsigned.
     signing_key_file: Optional[Path] = None
+    common: Mapping[str, str] = field(default_factory=dict, hash=False)  # members that are added to every record
 
 
 @dataclass(frozen=True)

@@ -72,11 +72,23 @@ static void check_settings(veld_report_handle* reporter) {
   changed.endpoints = endpoints;
   changed.endpoint_count = 2;
   changed.packet_limit = UINT32_MAX;
+  const veld_report_member late = {.name = "late", .value = "1"};
+  changed.common = &late;
+  changed.common_count = 1;
   changed.send_every_s = 0x7fffffff;
   CHECK(veld_report_set_settings(reporter, &changed, error, sizeof error) == invalid_argument);
   CHECK(strstr(error, "sendEvery"));
   changed.send_every_s = 2;
   CHECK(veld_report_set_settings(reporter, &changed, error, sizeof error) == 0);
+  veld_report_settings now = {.struct_size = sizeof now};
+  CHECK(veld_report_get_settings(reporter, &now) == 0 && now.common_count == 1);
+  CHECK(strcmp(now.common->name, "late") == 0 && strcmp(now.common->value, "1") == 0);
+  veld_report_free_settings(&now);
+  /* The first header ended before. */
+  changed.struct_size = offsetof(veld_report_settings, common);
+  CHECK(veld_report_set_settings(reporter, &changed, error, sizeof error) == 0);
+  CHECK(veld_report_get_settings(reporter, &now) == 0 && now.common_count == 0);
+  veld_report_free_settings(&now);
   veld_report_free_settings(&before);
 }
 

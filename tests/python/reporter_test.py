@@ -69,11 +69,11 @@ class ReporterTest(unittest.TestCase):
     def test_settings_consent_and_statistics(self):
         requests, losses = [], []
         endpoints = (Endpoint(self.url), Endpoint(NOBODY, "other", (PIN,), "zstd"))
-        reporter = Reporter(self.store, [self.url], sending_allowed=False, packet_limit=0, listener=requests.append,
+        reporter = Reporter(self.store, [self.url], sending_allowed=False, packet_limit=0, listener=requests.append, common={"a": "ü"},
                             loss_listener=losses.append, headers=["X-Product: test"], user_agent="test", proxy="", sync_every_commit=True, secure_delete=True)
         settings = reporter.current_settings()
-        self.assertEqual(settings, Settings((Endpoint(self.url),), packet_limit=0))
-        settings = dataclasses.replace(settings, endpoints=endpoints, send_every=1)
+        self.assertEqual(settings, Settings((Endpoint(self.url),), packet_limit=0, common={"a": "ü"}))
+        settings = dataclasses.replace(settings, endpoints=endpoints, send_every=1, common={"b": "c"})
         reporter.set_settings(settings)
         self.assertEqual(reporter.current_settings(), settings)
         with self.assertRaisesRegex(ReporterError, "^key file /gone"):
@@ -86,7 +86,7 @@ class ReporterTest(unittest.TestCase):
         self.assertTrue(reporter.flush(30))
         statistics = reporter.stats()
         total = statistics.total
-        self.assertEqual((statistics.submitted, statistics.refused, total.delivered.bytes), (1, 0, 7))
+        self.assertEqual((statistics.submitted, statistics.refused, total.delivered.bytes), (1, 0, 15))
         self.assertEqual((total.accepted.items, total.delivered.items, total.removed.items), (2, 1, 1))
         (endpoint,) = statistics.endpoints
         self.assertEqual((endpoint.url, endpoint.last_status, endpoint.waits_until), (self.url, 200, None))
@@ -95,9 +95,9 @@ class ReporterTest(unittest.TestCase):
         reporter.forget()
         self.assertEqual(reporter.stats().total.waiting.items, 0)
         self.assertTrue(reporter.close())
-        self.assertEqual(requests, [veld_report.FinishedRequest(self.url, 0, 200, self.url, "", 1, 7)])
+        self.assertEqual(requests, [veld_report.FinishedRequest(self.url, 0, 200, self.url, "", 1, 15)])
         self.assertCountEqual([(loss.url, loss.reason, loss.count.bytes) for loss in losses],
-                              [(NOBODY, "removed", 7), (self.url, "removed", 2)])
+                              [(NOBODY, "removed", 15), (self.url, "removed", 9)])
 
     def test_trace_goes_to_logging(self):
         class Sends(logging.Handler):  # uses the reporter under its own lock

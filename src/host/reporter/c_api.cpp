@@ -29,6 +29,15 @@ int32_t InvalidArgument(const char* sentence, char* error = nullptr, size_t size
   return zel::eInvalidArgument;
 }
 
+// As it was in the first header.
+constexpr size_t firstSettingsSize = offsetof(veld_report_settings, common);
+
+// Whether what a program has filled points to all that it counts.
+template <class Given>
+bool IsComplete(const Given& given) {
+  return (given.endpoint_count == 0 || given.endpoints) && (given.common_count == 0 || given.common);
+}
+
 // Runs `body`; an exception becomes its code and sentence.
 template <class Body>
 int32_t Guarded(char* error, size_t size, Body&& body) noexcept {
@@ -63,9 +72,9 @@ int32_t veld_report_open(const veld_report_options* options, veld_report_handle*
   if (out) *out = nullptr;
   veld_report_options known{};
   if (!out || !veld_report::ReadStruct(options, offsetof(veld_report_options, packet_limit), &known) ||
-      (known.endpoint_count != 0 && !known.endpoints)) {
+      !IsComplete(known)) {
     return InvalidArgument(
-        "open: options, out or endpoints is NULL, or struct_size doesn't match this header", error,
+        "open: options, out, endpoints or common is NULL, or struct_size doesn't match this header", error,
         error_size);
   }
   return Guarded(error, error_size, [&] {
@@ -93,18 +102,17 @@ int32_t veld_report_flush_to_store(veld_report_handle* reporter, uint32_t deadli
 int32_t veld_report_set_settings(veld_report_handle* reporter, const veld_report_settings* settings,
                                  char* error, size_t error_size) {
   veld_report_settings known{};
-  if (!reporter || !veld_report::ReadStruct(settings, sizeof known, &known) ||
-      (known.endpoint_count != 0 && !known.endpoints)) {
+  if (!reporter || !veld_report::ReadStruct(settings, firstSettingsSize, &known) || !IsComplete(known)) {
     return InvalidArgument(
-        "settings: reporter, settings or endpoints is NULL, or struct_size doesn't match this header", error,
-        error_size);
+        "settings: reporter, settings, endpoints or common is NULL, or struct_size doesn't match this header",
+        error, error_size);
   }
   return Guarded(error, error_size, [&] { reporter->reporter.SetSettings(veld_report::SettingsOf(known)); });
 }
 
 int32_t veld_report_get_settings(veld_report_handle* reporter, veld_report_settings* out) {
   veld_report_settings known{};
-  if (!reporter || !veld_report::ReadStruct(out, sizeof known, &known)) return zel::eInvalidArgument;
+  if (!reporter || !veld_report::ReadStruct(out, firstSettingsSize, &known)) return zel::eInvalidArgument;
   return Guarded(nullptr, 0, [&] {
     const size_t size = known.struct_size;
     known = veld_report::CSettingsOf(reporter->reporter.CurrentSettings());

@@ -38,6 +38,12 @@ std::vector<Endpoint> FirstEndpointsOf(const void* given, std::size_t count) {
   return result;
 }
 
+PlainVector<CommonMember> CommonOf(const veld_report_member* given, std::size_t count) {
+  PlainVector<CommonMember> result;
+  for (std::size_t i = 0; i < count; ++i) result.push_back({TextOf(given[i].name), TextOf(given[i].value)});
+  return result;
+}
+
 template <class T>
 void SetIfGiven(T& option, std::uint32_t value) {
   if (value != 0) option = T(value);
@@ -60,6 +66,7 @@ void SetCommon(const Given& given, Options& options) {
   SetLimit(options.packetLimitKb, given.packet_limit_kb);
   SetIfGiven(options.sendEvery, given.send_every_s);
   options.allowHttp = given.allow_http != 0;
+  options.common = CommonOf(given.common, given.common_count);
 }
 
 veld_report_count CountOf(ItemCount count) { return {count.items, count.bytes}; }
@@ -75,6 +82,7 @@ struct SettingsMemory {
   Settings settings;
   std::vector<std::vector<const char*>> certificates{};
   std::vector<veld_report_endpoint> endpoints{};
+  std::vector<veld_report_member> common{};
 };
 
 }  // namespace
@@ -164,6 +172,9 @@ veld_report_settings CSettingsOf(Settings given) {
                                  endpoint.compress.c_str(),
                                  {}});
   }
+  for (const CommonMember& each : settings.common) {
+    memory->common.push_back({each.name.c_str(), each.value.c_str()});
+  }
   veld_report_settings result{};
   result.struct_size = sizeof result;
   result.endpoints = memory->endpoints.data();
@@ -174,6 +185,8 @@ veld_report_settings CSettingsOf(Settings given) {
   result.packet_limit_kb = GivenLimit(settings.packetLimitKb);
   result.send_every_s = static_cast<std::uint32_t>(settings.sendEvery.count());
   result.allow_http = settings.allowHttp ? 1 : 0;
+  result.common = memory->common.data();
+  result.common_count = memory->common.size();
   result.memory = memory.release();
   return result;
 }

@@ -48,6 +48,12 @@ typedef struct veld_report_endpoint {
   const void* reserved[1]; /* NULL */
 } veld_report_endpoint;
 
+/* A member that is added to every record, see reporter.h. */
+typedef struct veld_report_member {
+  const char* name;
+  const char* value; /* becomes a JSON string */
+} veld_report_member;
+
 /* What can be changed at run time. Fill it with zeros and set struct_size, or let veld_report_get_settings
  * fill it. 0 selects a default; see veld_report_options. */
 typedef struct veld_report_settings {
@@ -63,6 +69,8 @@ typedef struct veld_report_settings {
   void* memory; /* of veld_report_get_settings; otherwise not used */
   /* Ed25519 private key, PEM, from the next request on. NULL: the present key stays; "": unsigned. */
   const char* signing_key_file;
+  const veld_report_member* common; /* added to every record */
+  size_t common_count;
 } veld_report_settings;
 
 /* A completed request. */
@@ -147,6 +155,8 @@ typedef struct veld_report_options {
   void* loss_context;
   uint32_t store_within_ms; /* how soon a record is in the store's file; default: with the cycle that sends */
   uint32_t secure_delete;   /* not 0: records that have left the store are overwritten on the disk */
+  const veld_report_member* common; /* added to every record */
+  size_t common_count;
 } veld_report_options;
 
 /* Of the library, in the form of VELD_REPORT_VERSION. It isn't freed. */
