@@ -71,8 +71,7 @@ Command MakeDecodeCommand(CLI::App& program) {
   CLI::App* const command = program.add_subcommand(
       "decode", "Shows a captured message body layer by layer, as far as it is valid.");
   const auto options = std::make_shared<DecodeOptions>();
-  RefuseEmpty(command->add_option("--key", options->keys,
-                                  "public key (PEM) to check the signature with; may be repeated"))
+  command->add_option("--key", options->keys, "public key (PEM) to check the signature with; may be repeated")
       ->type_name("[NAME=]FILE")
       ->allow_extra_args(false);
   command->add_option("FILE", options->file, "file with the body; - for standard input")

@@ -11,6 +11,7 @@
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/ending_signals.h"
 #include "apps/veldrep/failure.h"
+#include "apps/veldrep/option_checks.h"
 #include "apps/veldrep/out_options.h"
 #include "server/open_sink.h"
 #include "server/stream_drain.h"
@@ -95,13 +96,13 @@ Command MakeDrainCommand(CLI::App& program) {
       ->type_name("NAME")
       ->capture_default_str();
   command->add_option("--threads", options->threads, "packets to store at once")
-      ->check(CLI::Range(1, 256))
+      ->check(NumberFrom(1, 256))
       ->type_name("N")
       ->capture_default_str();
   command
       ->add_option("--idle", options->idleSeconds,
                    "end when no packet has come for so many seconds and none is with another drain; 0: never")
-      ->check(CLI::Range(0, 86'400))
+      ->check(NumberFrom(0, 86'400))
       ->type_name("SECONDS")
       ->capture_default_str();
   command->footer(

@@ -64,14 +64,6 @@ std::string DescribeKeys(const KeyRing& keys) {
   return text;
 }
 
-CLI::Option* RefuseEmpty(CLI::Option* option) {
-  const auto check = [](const std::string& text) {
-    return std::string(text.empty() ? "is empty (a variable that isn't set?); leave the option out instead"
-                                    : "");
-  };
-  return option->check(CLI::Validator(check, ""));
-}
-
 void WarnIfOthersCanRead(const std::string& option, const std::string& path) {
   const std::string why = host::WhyOthersCanRead(host::FromUtf8(path));
   if (!why.empty())

@@ -24,9 +24,6 @@ KeyRing ReadKeys(const std::vector<std::string>& given);
 // "signatures: required, of product (kPrK...)", or that none is.
 std::string DescribeKeys(const KeyRing& keys);
 
-// Lets an option refuse an empty text, which is what an unset variable of a script gives.
-CLI::Option* RefuseEmpty(CLI::Option* option);
-
 // Complains if others than the file's owner may read it. Of a file that can't be looked at, its reader
 // complains.
 void WarnIfOthersCanRead(const std::string& option, const std::string& path);

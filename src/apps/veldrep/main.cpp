@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "apps/veldrep/command.h"
+#include "apps/veldrep/option_checks.h"
 #include "host/platform/console.h"
 #include "veld_report/version.h"
 
@@ -81,21 +82,38 @@ std::string SuggestionFor(const CLI::App& app, const std::string& given) {
   return Suggestion(given.substr(0, given.find('=')), names);
 }
 
+// The parser's own words for what is wrong with the values of an option, in this program's.
+std::string Plain(const CLI::ParseError& error) {
+  const std::string text = error.what();
+  const std::string name = text.substr(0, text.find(": "));
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error))
+    return name + (text.find(" missing") == std::string::npos ? ": give it only once" : ": give it a value");
+  // Values of options are checked before they are converted, so this is that of a flag.
+  if (name == "Could not convert") {
+    const std::size_t begin = name.size() + 2;
+    return text.substr(begin, text.find(" = ") - begin) + ": takes no value";
+  }
+  return text;
+}
+
 // Prints CLI11's errors in this program's form, with its exit codes.
-int Explain(const CLI::App& program, const CLI::ParseError& error) {
+int Explain(const CLI::App& program, const std::string& firstArgument, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) return program.exit(error);
-  const auto chosen = program.get_subcommands();
-  const std::string name = chosen.empty() ? "veldrep" : "veldrep " + chosen.front()->get_name();
-  const CLI::App& app = chosen.empty() ? program : *chosen.front();
+  const auto commands =
+      program.get_subcommands([&](const CLI::App* each) { return each->get_name() == firstArgument; });
+  const CLI::App* const chosen = commands.empty() ? nullptr : commands.front();
+  const std::string name = chosen ? "veldrep " + firstArgument : "veldrep";
+  const CLI::App& app = chosen ? *chosen : program;
   // CLI11 only says that a command is missing.
   const auto rest = program.remaining(true);
-  std::string what = error.what();
+  std::string what = Plain(error);
   if (rest.empty() && what == CLI::RequiredError::Subcommand(1).what()) {
     what = WantedCommand(app);
-  } else if (chosen.empty() && !rest.empty() && !rest[0].starts_with("-")) {
+  } else if (!chosen && !rest.empty() && !rest[0].starts_with("-")) {
     what = "there is no command " + rest[0] + SuggestionFor(program, rest[0]);
   } else if (!rest.empty()) {
-    what = rest[0].starts_with("-") ? "there is no option " + rest[0] : "unexpected: " + rest[0];
+    what = rest[0].starts_with("-") && rest[0] != "-" ? "there is no option " + rest[0]
+                                                      : "unexpected: " + rest[0];
     what += SuggestionFor(app, rest[0]);
   }
   Complain("command line: " + what + " (see " + name + " --help)");
@@ -114,12 +132,15 @@ int Main(std::vector<std::string> arguments) {
                                          MakeSendCommand(program),   MakeQueuesCommand(program),
                                          MakeStoreCommand(program),  MakeDecodeCommand(program),
                                          MakeKeygenCommand(program), MakePinCommand(program)};
+  RefuseEmptyValues(program);
+  const std::string first = arguments.empty() ? "" : arguments.front();
   try {
+    RequireValues(program, arguments);
     // CLI11 takes them from the end.
     std::ranges::reverse(arguments);
     program.parse(std::move(arguments));
   } catch (const CLI::ParseError& error) {
-    return Explain(program, error);
+    return Explain(program, first, error);
   }
   for (const Command& command : commands) {
     if (command.options->parsed()) return Run(command);

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "apps/veldrep/command.h"
+#include "apps/veldrep/option_checks.h"
 #include "server/open_sink.h"
 #include "server/stream_url.h"
 
@@ -23,13 +24,13 @@ void AddOutOptions(CLI::App* command, OutOptions* options) {
   command
       ->add_option("--rotate-size", options->rotateMiB,
                    "rename the file and begin another before it exceeds this size, in MiB; 0: never")
-      ->check(CLI::Range(0, 1 << 20))
+      ->check(NumberFrom(0, 1 << 20))
       ->type_name("MIB")
       ->capture_default_str();
   command
       ->add_option("--rotate-every", options->rotateSeconds,
                    "the same after so many seconds, with the next message; 0: never")
-      ->check(CLI::Range(0, 31'622'400))
+      ->check(NumberFrom(0, 31'622'400))
       ->type_name("SECONDS")
       ->capture_default_str();
   command
@@ -37,7 +38,7 @@ void AddOutOptions(CLI::App* command, OutOptions* options) {
           "--remember", options->remember,
           "how many ids a file of lines knows, to store no record twice; each takes up to 120 bytes of "
           "memory")
-      ->check(CLI::Range(0, 100'000'000))
+      ->check(NumberFrom(0, 100'000'000))
       ->type_name("N")
       ->capture_default_str();
 }

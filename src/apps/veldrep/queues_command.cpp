@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "apps/veldrep/command.h"
+#include "apps/veldrep/option_checks.h"
 #include "apps/veldrep/text.h"
 #include "host/base/printable.h"
 #include "host/kit/url_states.h"
@@ -233,7 +234,7 @@ const CLI::App* AddPeek(CLI::App* command, QueuesOptions* options) {
   AddQueue(part, options)->required();
   part->add_option("-n", options->count, "number of items")
       ->type_name("N")
-      ->check(CLI::Range(1, 1000000))
+      ->check(NumberFrom(1, 1000000))
       ->capture_default_str();
   part->footer(
       "Example: veldrep queues --store /var/lib/app/telemetry peek https://stats.example.com/v1 -n 3");

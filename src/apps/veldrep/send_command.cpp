@@ -4,6 +4,7 @@
 
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/key_option.h"
+#include "apps/veldrep/option_checks.h"
 #include "apps/veldrep/send_run.h"
 
 namespace veld_report::app {
@@ -67,7 +68,7 @@ void AddTargets(CLI::App* command, SendOptions* options) {
           "--compress", options->compress,
           "how messages are compressed: none, gzip or zstd; a server that answers 415 gets plain ones")
       ->type_name("CODING")
-      ->check(CLI::IsMember({"none", "gzip", "zstd"}))
+      ->check(OneOf({"none", "gzip", "zstd"}))
       ->capture_default_str();
   command->add_option("--to", options->to, "consumer that the records are for; every url if not given")
       ->type_name("NAME");
@@ -76,46 +77,47 @@ void AddTargets(CLI::App* command, SendOptions* options) {
 void AddLimits(CLI::App* command, SendOptions* options) {
   command->add_option("--packet-limit", options->packetLimit, "maximum number of records in a message")
       ->type_name("N")
-      ->check(CLI::Range(1, 1'000'000))
+      ->check(NumberFrom(1, 1'000'000))
       ->capture_default_str();
   // The module counts bytes in 32 bits, so 4 GiB would wrap to 0.
   command
       ->add_option("--queue-limit", options->queueLimitKb,
                    "maximum size of a queue, in KiB; reading pauses when it is nearly full")
       ->type_name("KIB")
-      ->check(CLI::Range(1, 4'194'303))
+      ->check(NumberFrom(1, 4'194'303))
       ->capture_default_str();
   command
       ->add_option("--send-timeout", options->sendTimeoutSeconds,
                    "seconds between attempts to send while records wait")
       ->type_name("S")
-      ->check(CLI::Range(1, 86'400))
+      ->check(NumberFrom(1, 86'400))
       ->capture_default_str();
   command
       ->add_option("--wait", options->waitSeconds,
                    "maximum seconds to wait for the last deliveries, and for room in a full queue")
       ->type_name("S")
-      ->check(CLI::Range(0, 1'000'000))
+      ->check(NumberFrom(0, 1'000'000))
       ->capture_default_str();
 }
 
 void AddOthers(CLI::App* command, SendOptions* options) {
   command->add_flag("--stamp", options->stamp,
                     "add \"recordId\" (a UUID) and \"recordTime\" to each record that doesn't have them");
-  RefuseEmpty(command->add_option("--sign", options->signKey, "private key (PEM) to sign the messages with"))
+  command->add_option("--sign", options->signKey, "private key (PEM) to sign the messages with")
       ->type_name("FILE");
   command->add_option("--trace", options->trace, "file to append trace lines to")->type_name("FILE");
   command->add_option("--trace-level", options->traceLevel, "300: failures only, 700: everything")
       ->type_name("N")
+      ->check(NumberFrom(1, 1'000'000))
       ->capture_default_str();
   command
       ->add_option("--module", options->modulePath,
                    "path of the module; by default libveld_report.so is looked for near veldrep")
       ->type_name("PATH");
-  RefuseEmpty(command->add_option(
-                  "FILE", options->file,
-                  "records, one JSON object per line; - for standard input; if not given, only what waits "
-                  "in the store is sent"))
+  command
+      ->add_option("FILE", options->file,
+                   "records, one JSON object per line; - for standard input; if not given, only what waits "
+                   "in the store is sent")
       ->type_name("");
 }
 

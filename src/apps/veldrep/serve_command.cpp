@@ -13,6 +13,7 @@
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/ending_signals.h"
 #include "apps/veldrep/key_option.h"
+#include "apps/veldrep/option_checks.h"
 #include "apps/veldrep/out_options.h"
 #include "apps/veldrep/page_option.h"
 #include "apps/veldrep/serve_log.h"
@@ -113,19 +114,19 @@ Command MakeServeCommand(CLI::App& program) {
       ->type_name("ADDRESS:PORT")
       ->capture_default_str();
   AddOutOptions(command, &options->out);
-  RefuseEmpty(command->add_option(
-                  "--key", options->keys,
-                  "public key (PEM); only messages signed with its private key are accepted. Given several "
-                  "times, with that of any of them. Sinks get NAME; by default it is that of the file"))
+  command
+      ->add_option("--key", options->keys,
+                   "public key (PEM); only messages signed with its private key are accepted. Given several "
+                   "times, with that of any of them. Sinks get NAME; by default it is that of the file")
       ->type_name("[NAME=]FILE")
       ->expected(1)
       ->take_all();
-  RefuseEmpty(
-      command->add_option("--certificate", options->certificate,
-                          "certificate (PEM), with those that signed it: then the server speaks TLS, 1.2 "
-                          "or later. On SIGHUP it is read again"))
+  command
+      ->add_option("--certificate", options->certificate,
+                   "certificate (PEM), with those that signed it: then the server speaks TLS, 1.2 "
+                   "or later. On SIGHUP it is read again")
       ->type_name("FILE");
-  RefuseEmpty(command->add_option("--certificate-key", options->certificateKey, "its private key (PEM)"))
+  command->add_option("--certificate-key", options->certificateKey, "its private key (PEM)")
       ->type_name("FILE");
   command
       ->add_option(
@@ -137,47 +138,47 @@ Command MakeServeCommand(CLI::App& program) {
       ->add_option(
           "--status", options->status,
           "for tests: answer every valid message with this status and, unless it is 200, store nothing")
-      ->check(CLI::Range(200, 599))
+      ->check(NumberFrom(200, 599))
       ->type_name("CODE")
       ->capture_default_str();
   command
       ->add_option("--threads", options->threads,
                    "requests that are checked and stored at once; more help if a sink is far away")
-      ->check(CLI::Range(1, 64))
+      ->check(NumberFrom(1, 64))
       ->type_name("N")
       ->capture_default_str();
   command->add_option("--body-limit", options->bodyLimitMiB, "maximum size of a body, in MiB")
-      ->check(CLI::Range(1, 1024))
+      ->check(NumberFrom(1, 1024))
       ->type_name("MIB")
       ->capture_default_str();
   command
       ->add_option("--body-memory", options->bodyMemoryMiB,
                    "memory for bodies that are arriving, in MiB; raised to 4 times --body-limit if lower")
-      ->check(CLI::Range(1, 1 << 20))
+      ->check(NumberFrom(1, 1 << 20))
       ->type_name("MIB")
       ->capture_default_str();
   command
       ->add_option("--connections", options->connections,
                    "maximum number of connections; above it, one of the client that has most is closed")
-      ->check(CLI::Range(1, 100'000))
+      ->check(NumberFrom(1, 100'000))
       ->type_name("N")
       ->capture_default_str();
   command
       ->add_option("--request-time", options->requestSeconds,
                    "seconds to receive the headers of a request, and again to receive its body")
-      ->check(CLI::Range(1, 3600))
+      ->check(NumberFrom(1, 3600))
       ->type_name("SECONDS")
       ->capture_default_str();
   command
       ->add_option(
           "--rate", options->rate,
           "requests a second that a client address may make; above it, they are answered 429; 0: any")
-      ->check(CLI::Range(0, 1'000'000))
+      ->check(NumberFrom(0, 1'000'000))
       ->type_name("N")
       ->capture_default_str();
   command
       ->add_option("--rate-burst", options->rateBurst, "requests that it may make at once; 0: twice --rate")
-      ->check(CLI::Range(0, 1'000'000))
+      ->check(NumberFrom(0, 1'000'000))
       ->type_name("N")
       ->capture_default_str();
   options->page = AddPageOptions(*command);
