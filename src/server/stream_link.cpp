@@ -62,6 +62,15 @@ StreamLink::StreamLink(StreamUrl url) : url_(std::move(url)) {
   const auto set = [&](natsStatus next) { status = status == NATS_OK ? next : status; };
   set(natsOptions_SetServers(raw, texts.data(), static_cast<int>(texts.size())));
   if (!url_.user.empty()) set(natsOptions_SetUserInfo(raw, url_.user.c_str(), url_.password.c_str()));
+  if (!url_.authorities.empty()) {
+    set(natsOptions_SetSecure(raw, true));
+    if (url_.authorities != "system") {
+      set(natsOptions_LoadCATrustedCertificates(raw, url_.authorities.c_str()));
+      if (status != NATS_OK)
+        throw StreamError(
+            url_.Name() + ": " + url_.authorities + " can't be read as a PEM file with certificates", false);
+    }
+  }
   set(natsOptions_SetName(raw, "veldrep"));
   set(natsOptions_SetTimeout(raw, patience.count()));
   set(natsOptions_SetMaxReconnect(raw, -1));
@@ -74,10 +83,17 @@ StreamLink::StreamLink(StreamUrl url) : url_(std::move(url)) {
   // The library's default writes to stderr.
   set(natsOptions_SetErrorHandler(
       raw, [](natsConnection*, natsSubscription*, natsStatus, void*) {}, nullptr));
-  set(natsOptions_SetRetryOnFailedConnect(
-      raw, true, [](natsConnection*, void*) {}, nullptr));
   natsConnection* connection = nullptr;
-  set(natsConnection_Connect(&connection, raw));
+  // Only an attempt that isn't repeated gives its reason, which one wants to know of TLS.
+  if (!url_.authorities.empty() && status == NATS_OK && natsConnection_Connect(&connection, raw) != NATS_OK) {
+    natsStatus failure = NATS_OK;
+    if (const char* reason = nats_GetLastError(&failure)) firstFailure_ = WithoutPlace(reason);
+  }
+  if (!connection) {
+    set(natsOptions_SetRetryOnFailedConnect(
+        raw, true, [](natsConnection*, void*) {}, nullptr));
+    set(natsConnection_Connect(&connection, raw));
+  }
   connection_.reset(connection);
   if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) Fail("can't connect", status);
 
@@ -96,8 +112,8 @@ void StreamLink::RequireConnection() const {
   if (natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED) return;
   const char* reason = nullptr;
   natsConnection_GetLastError(connection_.get(), &reason);
-  throw StreamError(url_.Name() + ": no broker can be reached" +
-                        (reason && *reason ? " (" + WithoutPlace(reason) + ")" : ""),
+  const std::string known = reason && *reason ? WithoutPlace(reason) : firstFailure_;
+  throw StreamError(url_.Name() + ": no broker can be reached" + (known.empty() ? "" : " (" + known + ")"),
                     true);
 }
 

@@ -65,6 +65,7 @@ class StreamLink {
   };
 
   const StreamUrl url_;
+  std::string firstFailure_;  // why the first attempt with TLS failed; empty: it didn't
   std::unique_ptr<natsConnection, Destroy> connection_;
   std::unique_ptr<jsCtx, Destroy> context_;
 };

@@ -38,7 +38,7 @@ std::string Unescape(std::string_view text) {
     const auto [end, code] =
         std::from_chars(text.data(), text.data() + std::min<std::size_t>(2, text.size()), value, 16);
     if (code != std::errc() || end != text.data() + 2 || value == 0)
-      Refuse("a % in the user or the password isn't followed by two hexadecimal digits");
+      Refuse("a % in user, password or a file's name isn't followed by two hexadecimal digits");
     plain += static_cast<char>(value);
     text.remove_prefix(2);
   }
@@ -73,8 +73,12 @@ void ReadOption(std::string_view text, StreamUrl* url) {
     url->duplicates = std::chrono::seconds(number(86'400));
   } else if (name == "partitions") {
     url->partitions = number(256);
+  } else if (name == "tls") {
+    url->authorities = Unescape(text);
+    if (url->authorities.empty()) Refuse("expected system or a PEM file with authorities for tls");
   } else {
-    Refuse("there is no option " + host::Printable(name) + "; expected replicas, duplicates or partitions");
+    Refuse("there is no option " + host::Printable(name) +
+           "; expected replicas, duplicates, partitions or tls");
   }
 }
 

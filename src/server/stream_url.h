@@ -3,6 +3,9 @@
 //   replicas=1..5          of a stream that is made; one that exists must have as many
 //   duplicates=1..86400    seconds for which the stream recognises a packet that it has; likewise
 //   partitions=1..256      spread over the streams STREAM-1, STREAM-2... by the url of a packet
+//   tls=system, tls=FILE   brokers must speak TLS, with a certificate for HOST from an authority of the
+//   system,
+//                          or also from one of a PEM file
 #pragma once
 
 #include <chrono>
@@ -20,6 +23,7 @@ struct StreamUrl {
   unsigned replicas = 0;               // 0: not given
   std::chrono::seconds duplicates{0};  // 0: not given
   unsigned partitions = 1;
+  std::string authorities;  // empty: without TLS; "system", or a PEM file with further ones
 
   // The names of the streams, one for each partition.
   std::vector<std::string> Streams() const;

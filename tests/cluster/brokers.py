@@ -2,6 +2,7 @@
 import json
 import os
 import socket
+import ssl
 import subprocess
 import time
 import urllib.request
@@ -32,8 +33,10 @@ def free_ports(count):
 class Brokers:
     names = ("one", "two", "three")
 
-    def __init__(self, folder):
+    def __init__(self, folder, certificate=None):
+        """With a certificate, a PEM file that has its key too, clients must speak TLS."""
         self.folder = folder
+        self.tls = ["--tls", "--tlscert", certificate, "--tlskey", certificate] if certificate else []
         ports = free_ports(9)
         self.ports = dict(zip(self.names, ports))
         self.routes = dict(zip(self.names, ports[3:]))
@@ -48,7 +51,7 @@ class Brokers:
                 ["nats-server", "-a", "127.0.0.1", "-p", str(self.ports[name]), "-n", name, "-js",
                  "-sd", os.path.join(self.folder, name), "-m", str(self.monitors[name]), "--cluster_name", "trial",
                  "--cluster", f"nats://127.0.0.1:{self.routes[name]}",
-                 "--routes", ",".join(f"nats://127.0.0.1:{port}" for port in self.routes.values())],
+                 "--routes", ",".join(f"nats://127.0.0.1:{port}" for port in self.routes.values()), *self.tls],
                 stdout=log, stderr=log)
 
     def kill(self, name):
@@ -96,6 +99,9 @@ class Brokers:
     def publish(self, subject, text):
         """Puts a message into a stream that no server has made."""
         with socket.create_connection(("127.0.0.1", next(iter(self.ports.values()))), timeout=5) as link:
+            if self.tls:
+                link.recv(4096)  # its greeting; then it waits for TLS
+                link = ssl._create_unverified_context().wrap_socket(link)
             link.sendall(f"CONNECT {{}}\r\nPUB {subject} {len(text)}\r\n{text}\r\nPING\r\n".encode())
             received = b""
             while b"PONG" not in received:

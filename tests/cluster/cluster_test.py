@@ -1,7 +1,7 @@
 """Report servers in front of a stream of three replicas, and drains after it, while processes are killed.
 
-What was answered 200 must be in the database once. With --quick, a drain is killed; otherwise the stream's leader
-under load, then another broker, then both come back. The last line is
+What was answered 200 must be in the database once. With --quick, a drain is killed, and brokers speak TLS; otherwise
+the stream's leader is killed under load, then another broker, then both come back. The last line is
 "answered N, rows N, missing N, twice N, pauses S and S s"; see scripts/cluster-test.
 """
 import argparse
@@ -21,6 +21,7 @@ from brokers import Brokers, Failure, await_that
 
 RECORDS = 20
 PACKETS = 150  # of each client, in the quick trial
+TLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "host", "tls")
 
 
 def body_of(records):
@@ -66,10 +67,10 @@ class Client(threading.Thread):
 
 
 class Trial:
-    def __init__(self, veldrep, folder):
+    def __init__(self, veldrep, folder, tls):
         self.veldrep = veldrep
         self.path = lambda name: os.path.join(folder, name)
-        self.brokers = Brokers(folder)
+        self.brokers = Brokers(folder, os.path.join(TLS, "server.pem") if tls else None)
         self.programs = {}
         self.clients = []
         self.ending = threading.Event()
@@ -135,7 +136,9 @@ class Trial:
 
     def quick(self):
         await_that(self.brokers.is_ready, "the cluster is ready")
-        stream = "trial?replicas=3&partitions=2"
+        stream = "trial?replicas=3&partitions=2&tls=" + os.path.join(TLS, "authority.pem")
+        self.serve("trusting nobody", "trial?tls=" + os.path.join(TLS, "other.pem"))
+        self.require("certificate" in self.log("trusting nobody"), "no sentence: " + self.log("trusting nobody"))
         port = self.serve("server", stream)
         self.send([port, self.serve("second", stream)], PACKETS)
         found = self.brokers.streams()
@@ -226,7 +229,7 @@ def main():
     options = parser.parse_args()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     with tempfile.TemporaryDirectory(prefix="veld-cluster-") as folder:
-        trial = Trial(os.path.join(options.build, "bin", "veldrep"), folder)
+        trial = Trial(os.path.join(options.build, "bin", "veldrep"), folder, options.quick)
         try:
             return trial.judge(trial.quick() if options.quick else trial.whole(options.seconds))
         except Failure as failure:
