@@ -3,9 +3,8 @@
 //   replicas=1..5          of a stream that is made; one that exists must have as many
 //   duplicates=1..86400    seconds for which the stream recognises a packet that it has; likewise
 //   partitions=1..256      spread over the streams STREAM-1, STREAM-2... by the url of a packet
-//   tls=system, tls=FILE   brokers must speak TLS, with a certificate for HOST from an authority of the
-//   system,
-//                          or also from one of a PEM file
+//   tls=system, tls=FILE   brokers must speak TLS; their certificates are for HOST, and from an authority of
+//                          the system or, with FILE, of that PEM file
 #pragma once
 
 #include <chrono>
