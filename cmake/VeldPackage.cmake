@@ -1,4 +1,5 @@
-# What `cmake --install` installs, the files for find_package and pkg-config, and the .deb packages.
+# What `cmake --install` installs, the files for find_package and pkg-config, and the .deb packages. VeldZip.cmake has
+# what is different for Windows.
 #
 # Two components become two packages: `runtime` (module, C library, program, man pages, completions) and `dev`
 # (headers, the host kit's archives, CMake and pkg-config files, documents).
@@ -6,14 +7,25 @@ include_guard(GLOBAL)
 include(CMakePackageConfigHelpers)
 
 set(VELD_INSTALL_CMAKE ${CMAKE_INSTALL_LIBDIR}/cmake/veld_report)
+if(WIN32)
+  set(VELD_MODULE_FILE ${CMAKE_INSTALL_BINDIR}/veld_report.dll)
+  include(VeldZip)
+else()
+  set(VELD_MODULE_FILE ${CMAKE_INSTALL_LIBDIR}/libveld_report.so)
+endif()
 
 install(DIRECTORY ${VELD_PUBLIC_INCLUDE}/veld_report DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(TARGETS veld_contract EXPORT contract COMPONENT dev)
-install(TARGETS veld_report EXPORT contract LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+install(TARGETS veld_report EXPORT contract
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(TARGETS veld_report_host veld_report_host_static EXPORT host
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(TARGETS veld_report_c EXPORT c
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 set(components contract host c)
 if(VELD_PROGRAM)
   install(TARGETS veldrep EXPORT program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
@@ -27,10 +39,15 @@ foreach(component IN LISTS components)
 endforeach()
 set(package ${PROJECT_BINARY_DIR}/package)
 configure_package_config_file(cmake/veld_report-config.cmake.in ${package}/veld_report-config.cmake
-  INSTALL_DESTINATION ${VELD_INSTALL_CMAKE} PATH_VARS CMAKE_INSTALL_LIBDIR)
+  INSTALL_DESTINATION ${VELD_INSTALL_CMAKE} PATH_VARS VELD_MODULE_FILE CMAKE_INSTALL_LIBDIR)
 write_basic_package_version_file(${package}/veld_report-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${package}/veld_report-config.cmake ${package}/veld_report-config-version.cmake
   DESTINATION ${VELD_INSTALL_CMAKE} COMPONENT dev)
+
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT dev
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev)
 
 # pkg-config. The prefix is relative, so that a package works wherever it was installed.
 file(RELATIVE_PATH VELD_PREFIX_OF_PKGCONFIG /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
@@ -41,12 +58,23 @@ function(veld_install_pkg_config name description libraries)
   configure_file(cmake/veld_report.pc.in ${package}/${name}.pc @ONLY)
   install(FILES ${package}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endfunction()
-set(hostPackages libcurl libcrypto sqlite3 simdjson zlib libzstd)
+if(WIN32)
+  set(findsModule "")
+  set(kitFlags "${VELD_ZIP_LINK_FLAGS}")
+  set(kitPackages "")
+else()
+  set(findsModule " -Wl,-rpath,\${libdir}")
+  set(kitFlags "-pthread -ldl")
+  set(kitPackages libcurl libcrypto sqlite3 simdjson zlib libzstd)
+endif()
 veld_install_pkg_config(veld_report "Records to report servers over HTTP, at least once"
-  "-lveld_report_host -Wl,-rpath,\${libdir} -pthread -ldl" ${hostPackages})
+  "-lveld_report_host${findsModule} ${kitFlags}" ${kitPackages})
 veld_install_pkg_config(veld_report_static "veld_report with its module in the program"
-  "-lveld_report_host_static -pthread -ldl" ${hostPackages})
-veld_install_pkg_config(veld_report_c "veld_report for C" "-lveld_report_c -Wl,-rpath,\${libdir}")
+  "-lveld_report_host_static ${kitFlags}" ${kitPackages})
+veld_install_pkg_config(veld_report_c "veld_report for C" "-lveld_report_c${findsModule}")
+if(WIN32)
+  return()
+endif()
 # In the system's own folders the loader looks by itself.
 string(CONFIGURE [[
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
@@ -60,7 +88,7 @@ endif()
 ]] withoutRpath @ONLY)
 install(CODE "${withoutRpath}" COMPONENT dev)
 
-# Man pages, completions and documents.
+# Man pages and completions.
 install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime
   FILES_MATCHING PATTERN "*.1")
 install(FILES cmake/completions/veldrep.bash RENAME veldrep
@@ -69,10 +97,6 @@ install(FILES cmake/completions/_veldrep
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT runtime)
 install(FILES cmake/completions/veldrep.fish
   DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT runtime)
-install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT dev
-  FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
-install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev)
 
 # The reference of the public headers, if Doxygen is there.
 find_program(VELD_DOXYGEN doxygen)

@@ -65,6 +65,13 @@ if(VELD_PROGRAM)
   set_target_properties(veldrep PROPERTIES EXPORT_NAME program)
 endif()
 
+# What the host kit's archives are linked with. In the zip for Windows these libraries lie beside them, as
+# veld_report::kit_libraries.
+set(kitLibraries CURL::libcurl OpenSSL::Crypto SQLite::SQLite3 ZLIB::ZLIB simdjson::simdjson ${VELD_ZSTD})
+if(WIN32)
+  set(kitLibraries "$<BUILD_INTERFACE:${kitLibraries}>" $<INSTALL_INTERFACE:veld_report::kit_libraries>)
+endif()
+
 # veld_add_host(TARGET NAME LIBRARY...): the folders of the host kit and more as one archive.
 function(veld_add_host target name)
   foreach(library IN LISTS ARGN)
@@ -74,9 +81,7 @@ function(veld_add_host target name)
   veld_public_target(${target} ${name})
   set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
   target_compile_features(${target} INTERFACE cxx_std_20)
-  target_link_libraries(${target} INTERFACE
-    CURL::libcurl OpenSSL::Crypto SQLite::SQLite3 ZLIB::ZLIB simdjson::simdjson
-    ${VELD_ZSTD} Threads::Threads ${CMAKE_DL_LIBS})
+  target_link_libraries(${target} INTERFACE ${kitLibraries} Threads::Threads ${CMAKE_DL_LIBS})
 endfunction()
 
 veld_collect_static_libraries(${PROJECT_SOURCE_DIR}/src/host hostLibraries)
@@ -84,7 +89,9 @@ list(REMOVE_ITEM hostLibraries veld_host_module_loaded veld_host_module_linked)
 # veld_report::host loads the module. veld_report::host_static contains it, for programs of one file.
 veld_add_host(veld_report_host host ${hostLibraries} veld_types veld_host_module_loaded)
 add_dependencies(veld_report_host veld_report)
-target_link_options(veld_report_host INTERFACE $<BUILD_INTERFACE:LINKER:-rpath,$<TARGET_FILE_DIR:veld_report>>)
+if(NOT WIN32)
+  target_link_options(veld_report_host INTERFACE $<BUILD_INTERFACE:LINKER:-rpath,$<TARGET_FILE_DIR:veld_report>>)
+endif()
 veld_add_host(veld_report_host_static host_static
   ${hostLibraries} veld_types veld_host_module_linked veld_module_objects veld_module_linked)
 

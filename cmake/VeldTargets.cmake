@@ -8,6 +8,24 @@ function(veld_add_library name)
   target_link_libraries(${name} PRIVATE veld_flags)
 endfunction()
 
+# veld_make_windows_file(TARGET DESCRIPTION): gives a DLL or a program its name there, without "lib", and the version that
+# Windows shows, and leaves out the symbols, which name folders of the machine that built it.
+function(veld_make_windows_file target description)
+  get_target_property(kind ${target} TYPE)
+  set(name ${target})
+  if(kind STREQUAL "SHARED_LIBRARY")
+    set(type 0x2L)
+    set(file ${target}.dll)
+  else()
+    set(type 0x1L)
+    set(file ${target}.exe)
+  endif()
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${target}.rc @ONLY)
+  target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc)
+  set_target_properties(${target} PROPERTIES PREFIX "")
+  target_link_options(${target} PRIVATE LINKER:--strip-all)
+endfunction()
+
 # veld_find_headers(VARIABLE HEADER): sets VARIABLE to the include path of a library that is headers alone. For another
 # system this machine's headers serve too, but not from among its other headers: they are copied.
 function(veld_find_headers variable header)

@@ -6,8 +6,8 @@
 #include "zel/rtl/object_module_lock.h"
 
 #if defined(VELD_EXPORT)  // by the build, for a module that is linked into its host
-#elif defined(_WIN32)
-#define VELD_EXPORT extern "C" __declspec(dllexport)
+#elif defined(_WIN32)     // where veld_report.def exports them
+#define VELD_EXPORT extern "C"
 #else
 #define VELD_EXPORT extern "C" __attribute__((visibility("default")))
 #endif

@@ -46,8 +46,7 @@ std::unique_ptr<LoadedModule> LoadModule(const std::string& path) {
     return std::make_unique<LoadedModule>(moduleFileName);
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(std::string(error.what()) + ". Looked in " + looked +
-                             "and where the system's loader looks (LD_LIBRARY_PATH, the program's RUNPATH, "
-                             "the system's folders)");
+                             "and where the system's loader looks (" + loaderPlaces + ")");
   }
 }
 

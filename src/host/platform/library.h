@@ -6,12 +6,14 @@
 
 namespace veld_report::host {
 
-// What the file of a library is named on this system, without a folder.
-inline constexpr char moduleFileName[] =
+// The name of the module's file on this system, and where the system's loader looks for a name without a
+// folder.
 #if defined(_WIN32)
-    "veld_report.dll";
+inline constexpr char moduleFileName[] = "veld_report.dll";
+inline constexpr char loaderPlaces[] = "the program's folder, the system's folders, PATH";
 #else
-    "libveld_report.so";
+inline constexpr char moduleFileName[] = "libveld_report.so";
+inline constexpr char loaderPlaces[] = "LD_LIBRARY_PATH, the program's RUNPATH, the system's folders";
 #endif
 
 // Loads the file, or finds it where the system's loader looks if the name has no folder. Null on failure,

@@ -29,7 +29,11 @@
 extern "C" {
 #endif
 
+#if defined(_WIN32)
+#define VELD_REPORT_API
+#else
 #define VELD_REPORT_API __attribute__((visibility("default")))
+#endif
 
 /* Threads: any, for all functions except veld_report_free, during which nobody may use the handle. */
 typedef struct veld_report_handle veld_report_handle;
