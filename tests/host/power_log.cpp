@@ -132,7 +132,7 @@ void PowerLog::Note(FaultyVfs::Event event, const sqlite3_file* file, std::int64
                     std::string_view text) {
   using enum FaultyVfs::Event;
   const std::lock_guard lock(mutex_);
-  const std::string name = fs::path(text).filename();
+  const std::string name = fs::path(text).filename().string();
   if (event == remove) {
     if (names_.erase(name) != 0) steps_.push_back({DiskStep::unlink, 0, 0, name});
   } else if (event == open) {
@@ -154,7 +154,7 @@ void PowerLog::Note(FaultyVfs::Event event, const sqlite3_file* file, std::int64
 DiskImage ReadImage(const fs::path& folder) {
   DiskImage image;
   for (const auto& entry : fs::directory_iterator(folder)) {
-    const std::string name = entry.path().filename();
+    const std::string name = entry.path().filename().string();
     if (IsStoreFile(name)) image[name] = ReadFile(entry.path());
   }
   return image;
@@ -162,7 +162,7 @@ DiskImage ReadImage(const fs::path& folder) {
 
 void WriteImage(const DiskImage& image, const fs::path& folder) {
   for (const auto& entry : fs::directory_iterator(folder)) {
-    const std::string name = entry.path().filename();
+    const std::string name = entry.path().filename().string();
     if (IsStoreFile(name) || name.ends_with("-shm")) fs::remove(entry.path());
   }
   for (const auto& [name, content] : image) WriteFile(folder / name, content);

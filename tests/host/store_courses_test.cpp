@@ -4,6 +4,7 @@
 
 #include "host/queue/sqlite_connection.h"
 #include "host/queue/store_salvage.h"
+#include "tests/common/file_attributes.h"
 #include "tests/host/queue_course.h"
 #include "tests/host/queue_test_tools.h"
 #include "tests/host/store_model.h"
@@ -150,15 +151,34 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   // Overwrites a page of a table or index. `quietly`: the file's time doesn't tell of it.
   std::string Spoil(const std::string& table, std::size_t number, bool quietly) {
     EndServices();
-    const auto time = fs::last_write_time(StorePath());
-    const auto page = Query("veld_rep.queue", "SELECT pageno FROM dbstat WHERE name='" + table +
-                                                  "' AND pagetype='leaf' ORDER BY path LIMIT 1 OFFSET " +
-                                                  std::to_string(number));
+    const std::string root = Query(
+        "veld_rep.queue", "SELECT coalesce(max(rootpage), 1) FROM sqlite_schema WHERE name='" + table + "'");
     std::string content = ReadFile(StorePath());
-    content.replace((std::stoul(page) - 1) * 4096, 4096, 4096, '\0');
-    WriteFile(StorePath(), content);
-    if (quietly) fs::last_write_time(StorePath(), time);
+    const auto leaves = LeavesBelow(content, std::stoul(root));
+    content.replace((leaves.at(number) - 1) * pageBytes, pageBytes, pageBytes, '\0');
+    const auto write = [&] { WriteFile(StorePath(), content); };
+    quietly ? ChangeQuietly(StorePath(), write) : write();
     return "";
+  }
+  static constexpr std::size_t pageBytes = 4096;
+  // The numbers of a tree's last pages in their order, by SQLite's file format. Pages count from 1.
+  static std::vector<std::size_t> LeavesBelow(const std::string& content, std::size_t page) {
+    const auto number = [&](std::size_t at, int bytes) {
+      std::size_t value = 0;
+      while (bytes-- > 0) value = value << 8 | static_cast<std::uint8_t>(content.at(at++));
+      return value;
+    };
+    const std::size_t start = (page - 1) * pageBytes, head = start + (page == 1 ? 100 : 0);
+    if (content.at(head) & 8) return {page};
+    std::vector<std::size_t> leaves;
+    const auto add = [&](std::size_t at) {
+      const auto more = LeavesBelow(content, number(at, 4));
+      leaves.insert(leaves.end(), more.begin(), more.end());
+    };
+    const std::size_t cells = number(head + 3, 2);
+    for (std::size_t i = 0; i < cells; ++i) add(start + number(head + 12 + 2 * i, 2));
+    add(head + 8);
+    return leaves;
   }
   std::string Mark() const { return StorePath().string() + ".sound"; }
   void Copy() const {
@@ -182,6 +202,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     fs::create_directory(to);
     for (const char* name : {"veld_rep.queue", "veld_rep.queue-wal"}) fs::copy_file(from / name, to / name);
     EnterNewFolder();
+    fs::remove(options.folder);
     fs::rename(to, options.folder);
     return "";
   }
@@ -204,7 +225,7 @@ class StoreCourses : public StoreTest, protected QueueCourses {
     for (const auto& entry : fs::directory_iterator(options.folder)) {
       const std::string name = entry.path().filename().string();
       if (name.find(part) != name.npos) names.push_back(name);
-      EXPECT_EQ(entry.status().permissions(), fs::perms(0600)) << name;
+      EXPECT_TRUE(IsPrivate(entry.path())) << name;
     }
     std::ranges::sort(names);
     return Shown(names);
@@ -219,7 +240,8 @@ class StoreCourses : public StoreTest, protected QueueCourses {
   // Without what differs between runs and versions of SQLite.
   std::string Plain(std::string text) const {
     if (const auto open = text.find('('); open != text.npos) text.erase(open - 1, text.rfind(')') - open + 2);
-    const std::string path = options.folder.string();
+    std::ranges::replace(text, '\\', '/');
+    const std::string path = options.folder.generic_string();
     for (std::size_t at; (at = text.find(path)) != text.npos;) text.replace(at, path.size(), "FOLDER");
     return text;
   }

@@ -128,6 +128,15 @@ inline std::filesystem::path WithEnding(std::filesystem::path path, const char* 
 // is still there.
 bool RemoveFile(const std::filesystem::path& file) noexcept;
 
+// Whether a file that another library makes has the rights of its folder. Elsewhere SQLite's log has those of
+// the store's file.
+inline constexpr bool filesTakeFoldersRights =
+#if defined(_WIN32)
+    true;
+#else
+    false;
+#endif
+
 // Makes one folder, for the owner alone. Its parent must exist.
 std::error_code MakePrivateFolder(const std::filesystem::path& folder) noexcept;
 // Makes the file's rights those of a file that was made here, unless another user owns it: his choice stands.

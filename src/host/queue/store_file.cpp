@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/platform/file.h"
 #include "host/queue/store_folder.h"
 #include "host/queue/store_layout.h"
 
@@ -26,6 +27,15 @@ std::string UpdateSql() {
 }
 
 std::int64_t Signed(std::uint64_t value) { return static_cast<std::int64_t>(value); }
+
+// Before SQLite makes them. If one can't be made, SQLite fails too, or it is only being removed.
+void MakeLogPrivate(const std::filesystem::path& file) {
+  if (!filesTakeFoldersRights) return;
+  for (const char* suffix : {"-wal", "-shm"}) {
+    const auto companion = WithEnding(file, suffix);
+    if (!File::Open(companion, File::Mode::makeNew)) RestrictToOwner(companion);
+  }
+}
 
 [[noreturn]] void FailSum(const std::string& what) {
   throw SqliteError(SQLITE_CORRUPT, "the store's file is damaged: " + what + " has a wrong sum");
@@ -51,6 +61,7 @@ QueueRow CurrentQueue(const SqliteStatement& statement, bool check) {
 }  // namespace
 
 SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const Settings& settings) {
+  if (!settings.inspectOnly) MakeLogPrivate(file);
   SqliteConnection connection(file, SqliteConnection::Access::readWrite, settings.vfs);
   // A file that is refused must not change.
   connection.KeepLogOnClose(true);
@@ -63,6 +74,7 @@ SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const
   }
   LayOutStore(connection, file);
   connection.KeepLogOnClose(false);
+  MakeLogPrivate(file);  // SQLite removes the log of a file that has nothing yet
   connection.Execute("PRAGMA journal_mode=WAL");
   connection.Execute(settings.syncEveryCommit ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
   connection.Execute("PRAGMA wal_autocheckpoint=" + std::to_string(settings.logThread ? 0 : logPages));

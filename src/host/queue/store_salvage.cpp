@@ -421,8 +421,10 @@ std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int
     aside = WithEnding(base, ("-" + std::to_string(number)).c_str());
   // The log first: a file without its log would look like an older, intact store.
   for (const char* suffix : {"-wal", "-journal", ""}) {
-    if (!std::filesystem::exists(WithEnding(file, suffix))) continue;
     std::error_code error;
+    if (*suffix && std::filesystem::file_size(WithEnding(file, suffix), error) == 0 && !error)
+      std::filesystem::remove(WithEnding(file, suffix), error);
+    if (!std::filesystem::exists(WithEnding(file, suffix))) continue;
     std::filesystem::rename(WithEnding(file, suffix), WithEnding(aside, suffix), error);
     if (error)
       throw StoreError("can't move the damaged store aside to " + aside.string() + ": " + error.message());

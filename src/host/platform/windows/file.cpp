@@ -54,9 +54,9 @@ class OwnerOnly {
     attributes_ = {sizeof attributes_, &descriptor_, FALSE};
     isKnown_ = true;
   }
-  // Null if the system doesn't say who this user is; then the folder's rights apply.
+  // Both are null if the system doesn't say who this user is; then the folder's rights apply.
+  SECURITY_DESCRIPTOR* Descriptor() { return isKnown_ ? &descriptor_ : nullptr; }
   SECURITY_ATTRIBUTES* Attributes() { return isKnown_ ? &attributes_ : nullptr; }
-  ACL* List() const { return list_.get(); }
   // Whether that is this user, the system or its administrators.
   bool Has(PSID who) const {
     return EqualSid(who, reinterpret_cast<const TOKEN_USER*>(user_)->User.Sid) ||
@@ -296,14 +296,14 @@ std::error_code ReadProblem(const std::filesystem::path& file) noexcept {
 }
 
 std::string WhyOthersCanRead(const std::filesystem::path& file) {
-  const OwnerOnly owner;
+  OwnerOnly owner;
   ACL* list = nullptr;
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   const DWORD failed =
       GetNamedSecurityInfoW(LongPath(file).c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
                             nullptr, &list, nullptr, &descriptor);
   const Local<void> freed(descriptor);
-  if (failed != ERROR_SUCCESS || !owner.List()) return {};
+  if (failed != ERROR_SUCCESS || !owner.Descriptor()) return {};
   bool others = !list;  // without a list everybody may
   for (DWORD i = 0; list && i < list->AceCount; ++i) {
     void* entry = nullptr;
@@ -344,13 +344,12 @@ std::error_code MakePrivateFolder(const std::filesystem::path& folder) noexcept 
 
 void RestrictToOwner(const std::filesystem::path& file) noexcept {
   try {
-    const OwnerOnly owner;
-    if (!owner.List()) return;
-    std::wstring path = LongPath(file);
-    // Fails for a file of another owner, whose choice then stands.
-    SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT,
-                          DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr, nullptr,
-                          owner.List(), nullptr);
+    OwnerOnly owner;
+    if (!owner.Descriptor()) return;
+    // Fails for a file of another owner, whose choice then stands. SetNamedSecurityInfo of Wine would let the
+    // file inherit from its folder all the same.
+    SetFileSecurityW(LongPath(file).c_str(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                     owner.Descriptor());
   } catch (const std::exception&) {
     return;
   }
