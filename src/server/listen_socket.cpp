@@ -1,14 +1,18 @@
 #include "server/listen_socket.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace veld_report::server {
 namespace {
@@ -26,12 +30,32 @@ AddressList LookUp(const std::string& address, std::uint16_t port) {
   return AddressList(list, &freeaddrinfo);
 }
 
-std::uint16_t PortOf(int handle) {
+BoundAddress Describe(const sockaddr* address) {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  if (address->sa_family == AF_INET6) {
+    const auto* const full = reinterpret_cast<const sockaddr_in6*>(address);
+    inet_ntop(AF_INET6, &full->sin6_addr, text.data(), text.size());
+    return {IN6_IS_ADDR_LOOPBACK(&full->sin6_addr) != 0, IN6_IS_ADDR_UNSPECIFIED(&full->sin6_addr) != 0,
+            "[" + std::string(text.data()) + "]", ntohs(full->sin6_port)};
+  }
+  const auto* const full = reinterpret_cast<const sockaddr_in*>(address);
+  inet_ntop(AF_INET, &full->sin_addr, text.data(), text.size());
+  constexpr unsigned loopbackNet = 127;
+  return {ntohl(full->sin_addr.s_addr) >> 24 == loopbackNet, full->sin_addr.s_addr == INADDR_ANY, text.data(),
+          ntohs(full->sin_port)};
+}
+
+BoundAddress AddressOf(int handle) {
   sockaddr_storage storage{};
   socklen_t length = sizeof(storage);
-  if (getsockname(handle, reinterpret_cast<sockaddr*>(&storage), &length) != 0) return 0;
-  // The port is at the same offset for both address families.
-  return ntohs(reinterpret_cast<const sockaddr_in*>(&storage)->sin_port);
+  getsockname(handle, reinterpret_cast<sockaddr*>(&storage), &length);
+  return Describe(reinterpret_cast<const sockaddr*>(&storage));
+}
+
+int OptionOf(int handle, int option) {
+  int value = 0;
+  socklen_t length = sizeof(value);
+  return getsockopt(handle, SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
 }
 
 }  // namespace
@@ -54,10 +78,33 @@ ListenSocket OpenListenSocket(const std::string& address, std::uint16_t port) {
   const bool listening = handle >= 0 &&
                          setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) == 0 &&
                          bind(handle, list->ai_addr, list->ai_addrlen) == 0 && listen(handle, SOMAXCONN) == 0;
-  if (listening) return ListenSocket(handle, PortOf(handle));
+  if (listening) return {handle, AddressOf(handle), false};
   const std::string reason = std::generic_category().message(errno);
   if (handle >= 0) close(handle);
   throw std::runtime_error(address + " port " + std::to_string(port) + ": can't listen there: " + reason);
+}
+
+BoundAddress FindListenAddress(const std::string& address, std::uint16_t port) {
+  return Describe(LookUp(address, port)->ai_addr);
+}
+
+ListenSocket TakeListenSocket(int handle, const std::string& address, std::uint16_t port) {
+  const int family = OptionOf(handle, SO_DOMAIN);
+  if (OptionOf(handle, SO_ACCEPTCONN) != 1 || OptionOf(handle, SO_TYPE) != SOCK_STREAM ||
+      (family != AF_INET && family != AF_INET6))
+    throw std::runtime_error("descriptor " + std::to_string(handle) +
+                             ", which this process was given, isn't a TCP socket that listens");
+  BoundAddress bound = AddressOf(handle);
+  if (!address.empty()) {
+    const BoundAddress wanted = FindListenAddress(address, port);
+    if (wanted.text != bound.text || (port != 0 && port != bound.port))
+      throw std::runtime_error("the socket that this process was given listens on " + bound.text + ":" +
+                               std::to_string(bound.port) + " rather than on " + wanted.text + ":" +
+                               std::to_string(port) + "; leave the address out, or give the same");
+  }
+  fcntl(handle, F_SETFD, FD_CLOEXEC);
+  fcntl(handle, F_SETFL, fcntl(handle, F_GETFL) | O_NONBLOCK);
+  return {handle, std::move(bound), true};
 }
 
 }  // namespace veld_report::server

@@ -3,9 +3,12 @@
 #include <libpq-fe.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
+#include <new>
 
 namespace veld_report::server {
 namespace {
@@ -28,6 +31,21 @@ void AppendNumber(std::uint32_t number, std::string* bytes) {
   for (int shift = 24; shift >= 0; shift -= 8) bytes->push_back(static_cast<char>(number >> shift & 0xff));
 }
 
+// libpq would see a wrong port with each attempt to connect only, and take it for a server that is away.
+void CheckPorts(const PQconninfoOption* option) {
+  while (option->keyword && std::string_view(option->keyword) != "port") ++option;
+  std::string_view ports = option->keyword && option->val ? option->val : "";
+  while (!ports.empty()) {
+    const std::string_view port = ports.substr(0, ports.find(','));
+    ports.remove_prefix(std::min(port.size() + 1, ports.size()));
+    std::uint16_t number = 0;
+    const auto [end, code] = std::from_chars(port.data(), port.data() + port.size(), number);
+    if (!port.empty() && (code != std::errc() || end != port.data() + port.size() || number == 0))
+      throw std::invalid_argument("expected a port from 1 to 65535 in place of \"" + std::string(port) +
+                                  "\"");
+  }
+}
+
 // Keywords of a connection, which the url overrides.
 constexpr const char* keywords[] = {"connect_timeout",
                                     "keepalives_idle",
@@ -38,6 +56,20 @@ constexpr const char* keywords[] = {"connect_timeout",
                                     nullptr};
 
 }  // namespace
+
+void CheckPostgresUrl(const std::string& url) {
+  char* problem = nullptr;
+  const std::unique_ptr<PQconninfoOption, decltype(&PQconninfoFree)> parsed(
+      PQconninfoParse(url.c_str(), &problem), &PQconninfoFree);
+  const std::unique_ptr<char, decltype(&PQfreemem)> freed(problem, &PQfreemem);
+  if (parsed) return CheckPorts(parsed.get());
+  if (!problem) throw std::bad_alloc();
+  std::string sentence = FirstLine(problem);
+  // What libpq quotes may be the password, except here.
+  if (sentence.find("URI query parameter") == std::string::npos)
+    sentence.resize(std::min(sentence.find(": \""), sentence.size()));
+  throw std::invalid_argument(sentence);
+}
 
 void PostgresTextArray::Add(std::string_view text) {
   AppendNumber(static_cast<std::uint32_t>(text.size()), &elements_);

@@ -33,6 +33,9 @@ class PostgresError : public std::runtime_error {
   bool isAway_;
 };
 
+// Throws std::invalid_argument with a sentence, without password and user, if libpq couldn't use this URL.
+void CheckPostgresUrl(const std::string& url);
+
 // The elements of a text[], in the form that PostgreSQL takes without parsing.
 class PostgresTextArray {
  public:

@@ -139,7 +139,9 @@ class ReportServer::Impl {
  public:
   explicit Impl(ReportServerOptions options)
       : options_(std::move(options)),
-        socket_(OpenListenSocket(options_.address, options_.port)),
+        socket_(options_.listening >= 0
+                    ? TakeListenSocket(options_.listening, options_.address, options_.port)
+                    : OpenListenSocket(options_.address, options_.port)),
         certificate_(
             options_.certificatePath.empty()
                 ? nullptr
@@ -199,6 +201,7 @@ class ReportServer::Impl {
     }
   }
   std::uint16_t Port() const { return socket_.Port(); }
+  const BoundAddress& Address() const { return socket_.Address(); }
   ServerLoad Load() {
     const ConnectionWatch::Load load = watch_.CurrentLoad();
     return {load.connections, options_.connectionLimit, load.bodyBytes, BodyMemory(options_),
@@ -512,10 +515,10 @@ ReportServer::~ReportServer() = default;
 std::uint16_t ReportServer::Port() const { return impl_->Port(); }
 
 std::string ReportServer::Url() const {
-  const std::string& address = impl_->Options().address;
-  const bool bracketed = address.find(':') != std::string::npos;
+  const std::string& given = impl_->Options().address;
+  const bool isNumeric = given.empty() || given.find(':') != std::string::npos;
   const char* const scheme = impl_->Options().certificatePath.empty() ? "http://" : "https://";
-  return scheme + (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(Port());
+  return scheme + (isNumeric ? impl_->Address().text : given) + ":" + std::to_string(Port());
 }
 
 std::uint64_t ReportServer::StoredItems() const { return impl_->storedItems; }

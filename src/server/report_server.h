@@ -33,6 +33,9 @@ namespace veld_report::server {
 struct ReportServerOptions {
   std::string address = "127.0.0.1";  // a numeric address (an IPv6 one without brackets) or a host name
   std::uint16_t port = 0;             // 0: a free one
+  // A socket that listens already, for TakeListenSocket (listen_socket.h); then the address may be empty. -1:
+  // none.
+  int listening = -1;
   // PEM files (tls_certificate.h): then the server speaks TLS. Both or none.
   std::string certificatePath, certificateKeyPath;
   std::vector<SinkOptions> sinks;  // each gets every message (sink_set.h); their `log` is the one below

@@ -221,6 +221,16 @@ check_man_pages() {
   done
 }
 
+# The example of a configuration is one that serve takes, and shows every option and each default that is a number.
+check_configuration() {
+  local example=$prefix/share/doc/veld_report/docs/server.toml
+  same "options in $(basename "$example")" "$(sed -nE 's/^(# )?([a-z-]+) = .*/--\2/p' "$example" | sort -u | xargs)" \
+    "$(options_of "$prefix/bin/veldrep" serve | grep -vE '^--(help|config|check-config)$' | sort -u | xargs)"
+  same "defaults in $(basename "$example")" "$(sed -nE 's/^# ([a-z-]+) = ([0-9]+).*/--\1=\2/p' "$example" | sort | xargs)" \
+    "$("$prefix/bin/veldrep" serve --help | sed -nE 's/^ *(--[a-z-]+) [^ ]*=([0-9]+)( .*)?$/\1=\2/p' | sort | xargs)"
+  same "check of $(basename "$example")" "$(cd "$work" && "$prefix/bin/veldrep" serve --config "$example" --check-config 2>&1)" good
+}
+
 complete_words() (
   # shellcheck disable=SC1091
   source "$prefix/share/bash-completion/completions/veldrep"
@@ -256,6 +266,7 @@ install_packages
 run_pages LD_LIBRARY_PATH="$prefix/lib"
 check_versions
 check_man_pages
+check_configuration
 check_completion
 remove_packages
 echo "package_test: installed, used and removed"

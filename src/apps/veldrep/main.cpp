@@ -2,57 +2,33 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <numeric>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/option_checks.h"
+#include "apps/veldrep/suggestion.h"
 #include "host/platform/console.h"
 #include "veld_report/version.h"
 
 namespace veld_report::app {
 namespace {
 
+int Refuse(const CLI::App& command, const WrongCommandLine& error) {
+  Complain(std::string(error.what()) + " (see veldrep " + command.get_name() + " --help)");
+  return exitWrongCommandLine;
+}
+
 int Run(const Command& command) {
   try {
     return command.run();
   } catch (const WrongCommandLine& error) {
-    Complain(std::string(error.what()) + " (see veldrep " + command.options->get_name() + " --help)");
-    return exitWrongCommandLine;
+    return Refuse(*command.options, error);
   } catch (const std::exception& error) {
     Complain(error.what());
     return exitFailed;
   }
-}
-
-// The number of characters to insert, drop or replace.
-std::size_t Distance(const std::string& a, const std::string& b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i + 1);
-    for (std::size_t j = 0; j < b.size(); ++j) {
-      const std::size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
-    }
-  }
-  return row.back();
-}
-
-// "; did you mean send?" if one of the names is near enough.
-std::string Suggestion(const std::string& given, const std::vector<std::string>& names) {
-  std::string nearest;
-  std::size_t least = given.size() / 3 + 2;
-  for (const std::string& name : names) {
-    const std::size_t distance = Distance(given, name);
-    if (distance >= least) continue;
-    least = distance;
-    nearest = name;
-  }
-  return nearest.empty() ? "" : "; did you mean " + nearest + "?";
 }
 
 std::vector<std::string> CommandNames(const CLI::App& app) {
@@ -141,6 +117,8 @@ int Main(std::vector<std::string> arguments) {
     program.parse(std::move(arguments));
   } catch (const CLI::ParseError& error) {
     return Explain(program, first, error);
+  } catch (const WrongCommandLine& error) {  // of a file with options
+    return Refuse(*program.get_subcommands().front(), error);
   }
   for (const Command& command : commands) {
     if (command.options->parsed()) return Run(command);

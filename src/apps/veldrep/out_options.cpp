@@ -6,6 +6,7 @@
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/option_checks.h"
 #include "server/open_sink.h"
+#include "server/postgres_connection.h"
 #include "server/stream_url.h"
 
 namespace veld_report::app {
@@ -20,6 +21,7 @@ void AddOutOptions(CLI::App* command, OutOptions* options) {
       ->type_name("FILE")
       ->expected(1)
       ->take_all()
+      ->allow_extra_args(false)
       ->required();
   command
       ->add_option("--rotate-size", options->rotateMiB,
@@ -51,6 +53,7 @@ std::vector<server::SinkOptions> ReadSinks(const OutOptions& given) {
     try {
       hasLines = server::SinkKindOf(out) == server::SinkKind::lines || hasLines;
       if (server::SinkKindOf(out) == server::SinkKind::stream) server::ReadStreamUrl(out);
+      if (server::SinkKindOf(out) == server::SinkKind::postgres) server::CheckPostgresUrl(out);
     } catch (const std::invalid_argument& error) {
       throw WrongCommandLine("--out " + server::DisplayName(out) + ": " + error.what());
     }

@@ -1,95 +1,36 @@
 // veldrep serve: the report server in the foreground, until SIGTERM or SIGINT.
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "apps/veldrep/address_option.h"
 #include "apps/veldrep/command.h"
 #include "apps/veldrep/ending_signals.h"
-#include "apps/veldrep/key_option.h"
-#include "apps/veldrep/option_checks.h"
-#include "apps/veldrep/out_options.h"
-#include "apps/veldrep/page_option.h"
+#include "apps/veldrep/serve_check.h"
 #include "apps/veldrep/serve_log.h"
+#include "apps/veldrep/serve_options.h"
 #include "server/page/page_server.h"
 #include "server/report_server.h"
 
 namespace veld_report::app {
 namespace {
 
-struct ServeOptions {
-  std::string listen = "127.0.0.1:0";
-  OutOptions out;
-  std::vector<std::string> keys;
-  std::string certificate, certificateKey;
-  std::string capture;
-  unsigned status = 200;
-  std::size_t bodyLimitMiB = 16;
-  std::size_t bodyMemoryMiB = 256;
-  unsigned connections = 512;
-  unsigned requestSeconds = 60;
-  unsigned rate = 0, rateBurst = 0;
-  unsigned threads = 4;
-  std::shared_ptr<PageOptions> page;
-};
-
-// Without a descriptor for each connection, clients would wait without a word. The soft limit is often 1024
-// for no other reason than programs that use select(), which the server doesn't.
-void ReserveDescriptors(unsigned connections) {
-  constexpr rlim_t others = 128;  // sinks, captured bodies, the library's own, connections that are being cut
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= connections + others) return;
-  if (limit.rlim_max < connections + others)
-    throw WrongCommandLine("--connections " + std::to_string(connections) + ": this process may open only " +
-                           std::to_string(limit.rlim_max) + " files; take at most " +
-                           std::to_string(limit.rlim_max - std::min(limit.rlim_max, others)) +
-                           ", or raise the limit (ulimit -Hn, or LimitNOFILE= of the service)");
-  limit.rlim_cur = connections + others;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
-
 int Serve(const ServeOptions& given) {
-  server::ReportServerOptions options;
-  const AddressOption listen = ParseAddress("--listen", given.listen);
-  options.address = listen.address;
-  options.port = listen.port;
-  if (given.certificate.empty() != given.certificateKey.empty())
-    throw WrongCommandLine("--certificate and --certificate-key belong together; give both or none");
-  if (!given.certificateKey.empty()) WarnIfOthersCanRead("--certificate-key", given.certificateKey);
-  options.certificatePath = given.certificate;
-  options.certificateKeyPath = given.certificateKey;
-  options.sinks = ReadSinks(given.out);
-  const KeyRing keys = ReadKeys(given.keys);
-  options.verifier = keys.verifier;
-  options.keyNames = keys.names;
-  options.capturePath = given.capture;
-  options.status = given.status;
-  options.bodyLimitBytes = given.bodyLimitMiB << 20;
-  options.bodyMemoryBytes = given.bodyMemoryMiB << 20;
-  options.connectionLimit = given.connections;
-  options.requestTime = std::chrono::seconds(given.requestSeconds);
-  options.threads = given.threads;
-  ReserveDescriptors(given.connections);
+  if (given.checkOnly) return CheckServe(given);
+  ServeSettings settings = ReadServeOptions(given, [](const std::function<void()>& step) { step(); });
   const EndingSignals ending;
 
   const auto log = std::make_shared<ServeLog>(STDERR_FILENO);
-  options.log = [log](const std::string& sentence) { log->Write(sentence); };
-  options.rate = given.rate;
-  options.rateBurst = given.rateBurst != 0 ? given.rateBurst : 2.0 * given.rate;
-  server::PageServerOptions pageOptions;
+  settings.report.log = [log](const std::string& sentence) { log->Write(sentence); };
   std::optional<server::PageWatch> watch;
-  if (ReadPageOptions(*given.page, &pageOptions)) options.observer = &watch.emplace();
+  if (settings.page) settings.report.observer = &watch.emplace();
 
-  server::ReportServer server(std::move(options));
+  server::ReportServer server(std::move(settings.report));
   std::optional<server::PageServer> page;
-  if (watch) page.emplace(pageOptions, server, *watch);
-  std::printf("listening on %s\n%s\n%s", server.Url().c_str(), DescribeKeys(keys).c_str(),
+  if (watch) page.emplace(*settings.page, server, *watch);
+  std::printf("listening on %s\n%s\n%s", server.Url().c_str(), DescribeKeys(settings.keys).c_str(),
               page ? ("page on " + page->Url() + "\n").c_str() : "");
   std::fflush(stdout);
   ending.Wait([&] {
@@ -110,78 +51,7 @@ Command MakeServeCommand(CLI::App& program) {
   CLI::App* const command = program.add_subcommand(
       "serve", "Receives report messages over HTTP, checks every layer and stores their items.");
   const auto options = std::make_shared<ServeOptions>();
-  command->add_option("--listen", options->listen, "address and port to listen on; port 0 picks a free one")
-      ->type_name("ADDRESS:PORT")
-      ->capture_default_str();
-  AddOutOptions(command, &options->out);
-  command
-      ->add_option("--key", options->keys,
-                   "public key (PEM); only messages signed with its private key are accepted. Given several "
-                   "times, with that of any of them. Sinks get NAME; by default it is that of the file")
-      ->type_name("[NAME=]FILE")
-      ->expected(1)
-      ->take_all();
-  command
-      ->add_option("--certificate", options->certificate,
-                   "certificate (PEM), with those that signed it: then the server speaks TLS, 1.2 "
-                   "or later. On SIGHUP it is read again")
-      ->type_name("FILE");
-  command->add_option("--certificate-key", options->certificateKey, "its private key (PEM)")
-      ->type_name("FILE");
-  command
-      ->add_option(
-          "--capture", options->capture,
-          "folder for the bodies of refused messages, for veldrep decode: the latest 16, up to 4 MiB "
-          "each")
-      ->type_name("DIR");
-  command
-      ->add_option(
-          "--status", options->status,
-          "for tests: answer every valid message with this status and, unless it is 200, store nothing")
-      ->check(NumberFrom(200, 599))
-      ->type_name("CODE")
-      ->capture_default_str();
-  command
-      ->add_option("--threads", options->threads,
-                   "requests that are checked and stored at once; more help if a sink is far away")
-      ->check(NumberFrom(1, 64))
-      ->type_name("N")
-      ->capture_default_str();
-  command->add_option("--body-limit", options->bodyLimitMiB, "maximum size of a body, in MiB")
-      ->check(NumberFrom(1, 1024))
-      ->type_name("MIB")
-      ->capture_default_str();
-  command
-      ->add_option("--body-memory", options->bodyMemoryMiB,
-                   "memory for bodies that are arriving, in MiB; raised to 4 times --body-limit if lower")
-      ->check(NumberFrom(1, 1 << 20))
-      ->type_name("MIB")
-      ->capture_default_str();
-  command
-      ->add_option("--connections", options->connections,
-                   "maximum number of connections; above it, one of the client that has most is closed")
-      ->check(NumberFrom(1, 100'000))
-      ->type_name("N")
-      ->capture_default_str();
-  command
-      ->add_option("--request-time", options->requestSeconds,
-                   "seconds to receive the headers of a request, and again to receive its body")
-      ->check(NumberFrom(1, 3600))
-      ->type_name("SECONDS")
-      ->capture_default_str();
-  command
-      ->add_option(
-          "--rate", options->rate,
-          "requests a second that a client address may make; above it, they are answered 429; 0: any")
-      ->check(NumberFrom(0, 1'000'000))
-      ->type_name("N")
-      ->capture_default_str();
-  command
-      ->add_option("--rate-burst", options->rateBurst, "requests that it may make at once; 0: twice --rate")
-      ->check(NumberFrom(0, 1'000'000))
-      ->type_name("N")
-      ->capture_default_str();
-  options->page = AddPageOptions(*command);
+  AddServeOptions(command, options.get());
   command->footer(
       "Prints \"listening on http://ADDRESS:PORT\" when it is ready. SIGTERM or Ctrl-C stops it; on SIGHUP "
       "it "

@@ -1,9 +1,6 @@
 #include "server/page/page_server.h"
 
-#include <arpa/inet.h>
 #include <microhttpd.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -73,35 +70,24 @@ std::string FormValue(std::string_view form, std::string_view name) {
   return {};
 }
 
-struct BoundAddress {
-  bool isLoopback = false, isAny = false;
-  std::string text;  // an IPv6 address in brackets
-};
-
-BoundAddress AddressOf(int socket) {
-  sockaddr_storage storage{};
-  socklen_t length = sizeof storage;
-  getsockname(socket, reinterpret_cast<sockaddr*>(&storage), &length);
-  std::array<char, INET6_ADDRSTRLEN> text{};
-  if (storage.ss_family == AF_INET6) {
-    const in6_addr& address = reinterpret_cast<const sockaddr_in6*>(&storage)->sin6_addr;
-    inet_ntop(AF_INET6, &address, text.data(), text.size());
-    return {IN6_IS_ADDR_LOOPBACK(&address) != 0, IN6_IS_ADDR_UNSPECIFIED(&address) != 0,
-            "[" + std::string(text.data()) + "]"};
-  }
-  const in_addr& address = reinterpret_cast<const sockaddr_in*>(&storage)->sin_addr;
-  inet_ntop(AF_INET, &address, text.data(), text.size());
-  constexpr unsigned loopbackNet = 127;
-  return {ntohl(address.s_addr) >> 24 == loopbackNet, address.s_addr == INADDR_ANY, text.data()};
+ListenSocket Listen(const PageServerOptions& options) {
+  return options.listening >= 0 ? TakeListenSocket(options.listening, options.address, options.port)
+                                : OpenListenSocket(options.address, options.port);
 }
 
-PageAccess MakeAccess(const PageServerOptions& options, const BoundAddress& bound, std::uint16_t port) {
+void RequireToken(const BoundAddress& bound, const std::string& token) {
+  if (!bound.isLoopback && token.empty())
+    throw std::runtime_error(
+        "the page shows what the records hold, so beyond loopback it needs a token (--page-token)");
+}
+
+PageAccess MakeAccess(const PageServerOptions& options, const BoundAddress& bound) {
   std::vector<std::string> names{bound.text, options.address};
   if (bound.isLoopback) names.insert(names.end(), {"localhost", "127.0.0.1", "[::1]"});
   std::array<char, 256> machine{};
   if (!bound.isLoopback && gethostname(machine.data(), machine.size() - 1) == 0)
     names.emplace_back(machine.data());
-  return {std::move(names), bound.isAny, port, options.token};
+  return {std::move(names), bound.isAny, bound.port, options.token};
 }
 
 }  // namespace
@@ -111,14 +97,10 @@ class PageServer::Impl {
   Impl(const PageServerOptions& options, const ReportServer& server, PageWatch& watch)
       : server_(server),
         watch_(watch),
-        listening_(OpenListenSocket(options.address, options.port)),
-        bound_(AddressOf(listening_.Handle())),
-        access_(MakeAccess(options, bound_, listening_.Port())),
+        listening_(Listen(options)),
+        access_(MakeAccess(options, listening_.Address())),
         connections_({connectionLimit, requestTime, formBytes * connectionLimit}, nullptr) {
-    if (!bound_.isLoopback && options.token.empty()) {
-      throw std::runtime_error(
-          "the page shows what the records hold, so beyond loopback it needs a token (--page-token)");
-    }
+    RequireToken(listening_.Address(), options.token);
     watch_.Run([this] { return server_.Load(); });
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr,
@@ -139,7 +121,9 @@ class PageServer::Impl {
   Impl& operator=(const Impl&) = delete;
 
   std::uint16_t Port() const { return listening_.Port(); }
-  std::string Url() const { return "http://" + bound_.text + ":" + std::to_string(listening_.Port()) + "/"; }
+  std::string Url() const {
+    return "http://" + listening_.Address().text + ":" + std::to_string(listening_.Port()) + "/";
+  }
 
  private:
   struct Request {
@@ -361,11 +345,14 @@ class PageServer::Impl {
   const ReportServer& server_;
   PageWatch& watch_;
   const ListenSocket listening_;
-  const BoundAddress bound_;
   const PageAccess access_;
   ConnectionWatch connections_;
   MHD_Daemon* daemon_ = nullptr;
 };
+
+void CheckPageAddress(const PageServerOptions& options) {
+  RequireToken(FindListenAddress(options.address, options.port), options.token);
+}
 
 PageServer::PageServer(const PageServerOptions& options, const ReportServer& server, PageWatch& watch)
     : impl_(std::make_unique<Impl>(options, server, watch)) {}

@@ -24,7 +24,8 @@ namespace veld_report::server {
 struct PageServerOptions {
   std::string address = "127.0.0.1";  // as in ReportServerOptions
   std::uint16_t port = 0;
-  std::string token;  // empty: none, which only loopback allows
+  int listening = -1;  // likewise
+  std::string token;   // empty: none, which only loopback allows
 };
 
 // Life: listens from the constructor's return to the destructor.
@@ -45,5 +46,8 @@ class PageServer {
   class Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+// Throws as the constructor does, without listening.
+void CheckPageAddress(const PageServerOptions& options);
 
 }  // namespace veld_report::server
