@@ -46,12 +46,13 @@ std::shared_ptr<PageOptions> AddPageOptions(CLI::App& command) {
 bool ReadPageOptions(const PageOptions& given, server::PageServerOptions* options) {
   // An empty one is refused below: a variable that isn't set must not open the page.
   const bool hasToken = given.tokenGiven->count() != 0;
-  if (given.given->count() == 0) {
+  if (given.given->count() == 0 && options->listening < 0) {
     if (hasToken) throw WrongCommandLine("--page-token is for the page: give --page too");
     return false;
   }
+  const AddressOption anywhere{options->listening >= 0 ? "" : "127.0.0.1"};
   const AddressOption parsed =
-      given.page.empty() ? AddressOption{"127.0.0.1"} : ParseAddress("--page", given.page, "127.0.0.1");
+      given.page.empty() ? anywhere : ParseAddress("--page", given.page, "127.0.0.1");
   options->address = parsed.address;
   options->port = parsed.port;
   if (hasToken) options->token = ReadToken(given.token);

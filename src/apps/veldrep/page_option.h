@@ -19,7 +19,8 @@ struct PageOptions {
 // Adds both to the command, which fills the returned options.
 std::shared_ptr<PageOptions> AddPageOptions(CLI::App& command);
 
-// Whether a page is wanted, and then where. Throws WrongCommandLine and, for a file with the token, Failure.
+// Whether a page is wanted, and then where; with a socket in `options` it is, and the address may be empty.
+// Throws WrongCommandLine and, for a file with the token, Failure.
 bool ReadPageOptions(const PageOptions& given, server::PageServerOptions* options);
 
 }  // namespace veld_report::app

@@ -11,19 +11,25 @@
 #include "apps/veldrep/serve_check.h"
 #include "apps/veldrep/serve_log.h"
 #include "apps/veldrep/serve_options.h"
+#include "apps/veldrep/service_manager.h"
 #include "server/page/page_server.h"
 #include "server/report_server.h"
 
 namespace veld_report::app {
 namespace {
 
-int Serve(const ServeOptions& given) {
+int Serve(ServeOptions& given) {
   if (given.checkOnly) return CheckServe(given);
+  const ServiceManager manager;
+  given.sockets = manager.Sockets();
   ServeSettings settings = ReadServeOptions(given, [](const std::function<void()>& step) { step(); });
   const EndingSignals ending;
 
   const auto log = std::make_shared<ServeLog>(STDERR_FILENO);
   settings.report.log = [log](const std::string& sentence) { log->Write(sentence); };
+  const auto logProblem = [&log](const std::string& sentence) {
+    if (!sentence.empty()) log->Write(sentence);
+  };
   std::optional<server::PageWatch> watch;
   if (settings.page) settings.report.observer = &watch.emplace();
 
@@ -33,10 +39,14 @@ int Serve(const ServeOptions& given) {
   std::printf("listening on %s\n%s\n%s", server.Url().c_str(), DescribeKeys(settings.keys).c_str(),
               page ? ("page on " + page->Url() + "\n").c_str() : "");
   std::fflush(stdout);
+  logProblem(manager.Ready(server.Url()));
   ending.Wait([&] {
+    logProblem(manager.Reloading());
     server.ReopenSinks();
     server.ReloadCertificate();
+    logProblem(manager.Ready(server.Url()));
   });
+  logProblem(manager.Stopping());
   server.Stop();
   std::printf("stopped: stored %llu, repeated %llu, %llu requests refused\n",
               static_cast<unsigned long long>(server.StoredItems()),

@@ -33,7 +33,9 @@ ServeSettings ReadServeOptions(const ServeOptions& given, const Attempt& attempt
   server::ReportServerOptions& options = settings.report;
   attempt([&] {
     const AddressOption listen = ParseAddress("--listen", given.listen);
-    options.address = listen.address;
+    options.listening = given.sockets.reports;
+    const bool isOpen = options.listening >= 0 && given.listenGiven->count() == 0;
+    options.address = isOpen ? "" : listen.address;
     options.port = listen.port;
   });
   attempt([&] {
@@ -61,6 +63,7 @@ ServeSettings ReadServeOptions(const ServeOptions& given, const Attempt& attempt
   attempt([&] { ReserveDescriptors(given.connections); });
   attempt([&] {
     server::PageServerOptions page;
+    page.listening = given.sockets.page;
     if (ReadPageOptions(*given.page, &page)) settings.page = page;
   });
   return settings;
@@ -74,9 +77,11 @@ void AddServeOptions(CLI::App* command, ServeOptions* options) {
           "check the options and the files that they name without listening or changing anything; print "
           "\"good\" or all that is wrong")
       ->configurable(false);
-  command->add_option("--listen", options->listen, "address and port to listen on; port 0 picks a free one")
-      ->type_name("ADDRESS:PORT")
-      ->capture_default_str();
+  options->listenGiven =
+      command
+          ->add_option("--listen", options->listen, "address and port to listen on; port 0 picks a free one")
+          ->type_name("ADDRESS:PORT")
+          ->capture_default_str();
   AddOutOptions(command, &options->out);
   command
       ->add_option("--key", options->keys,

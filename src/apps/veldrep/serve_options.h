@@ -13,6 +13,7 @@
 #include "apps/veldrep/key_option.h"
 #include "apps/veldrep/out_options.h"
 #include "apps/veldrep/page_option.h"
+#include "apps/veldrep/service_manager.h"
 #include "server/page/page_server.h"
 #include "server/report_server.h"
 
@@ -34,6 +35,8 @@ struct ServeOptions {
   unsigned threads = 4;
   std::shared_ptr<PageOptions> page;
   bool checkOnly = false;
+  CLI::Option* listenGiven = nullptr;
+  PassedSockets sockets;  // not an option; in place of opening some
 };
 
 // What the servers take.

@@ -82,7 +82,8 @@ void RequireToken(const BoundAddress& bound, const std::string& token) {
 }
 
 PageAccess MakeAccess(const PageServerOptions& options, const BoundAddress& bound) {
-  std::vector<std::string> names{bound.text, options.address};
+  std::vector<std::string> names{bound.text};
+  if (!options.address.empty()) names.push_back(options.address);
   if (bound.isLoopback) names.insert(names.end(), {"localhost", "127.0.0.1", "[::1]"});
   std::array<char, 256> machine{};
   if (!bound.isLoopback && gethostname(machine.data(), machine.size() - 1) == 0)
