@@ -8,8 +8,26 @@
 
 namespace veld_report::server {
 
-ConnectionWatch::ConnectionWatch(const ConnectionLimits& limits, std::function<void(const std::string&)> log)
-    : limits_(limits), log_(std::move(log)), thread_([this] { CutOverdue(); }) {}
+namespace {
+
+const char* SentenceOf(CutReason why) {
+  switch (why) {
+    case CutReason::connections:
+      return "too many connections";
+    case CutReason::time:
+      return "its request took too long";
+    case CutReason::memory:
+      return "too much memory is in unfinished bodies";
+    case CutReason::tls:
+      break;
+  }
+  return "no agreement on TLS";
+}
+
+}  // namespace
+
+ConnectionWatch::ConnectionWatch(const ConnectionLimits& limits, OnCut onCut)
+    : limits_(limits), onCut_(std::move(onCut)), thread_([this] { CutOverdue(); }) {}
 
 ConnectionWatch::~ConnectionWatch() {
   {
@@ -55,7 +73,7 @@ bool ConnectionWatch::Hold(Connection* connection, std::size_t bodyBytes) {
   uncutBodyBytes_ += more;
   connection->bodyBytes += more;
   while (uncutBodyBytes_ > limits_.bodyBytes / 4 * 3) {
-    if (!CutLongest(connection, true, "too much memory is in unfinished bodies")) break;
+    if (!CutLongest(connection, CutReason::memory)) break;
   }
   return true;
 }
@@ -64,6 +82,11 @@ bool ConnectionWatch::Arrived(Connection* connection) {
   const Lock lock(mutex_);
   connection->arrived = true;
   return !connection->cut;
+}
+
+bool ConnectionWatch::IsCut(const Connection* connection) {
+  const Lock lock(mutex_);
+  return connection->cut;
 }
 
 ConnectionWatch::Load ConnectionWatch::CurrentLoad() {
@@ -87,7 +110,7 @@ void ConnectionWatch::CutOverdue() {
   while (!ending_.wait_for(lock, step, [this] { return ended_; })) {
     const auto latest = std::chrono::steady_clock::now() - limits_.requestTime;
     for (Connection& each : connections_) {
-      if (each.since < latest && !each.arrived && !each.cut) Cut(each, "its request took too long");
+      if (each.since < latest && !each.arrived && !each.cut) Cut(each, CutReason::time);
     }
   }
 }
@@ -95,12 +118,11 @@ void ConnectionWatch::CutOverdue() {
 void ConnectionWatch::CutOfMost(const Connection* besides) {
   const auto most = std::max_element(byAddress_.begin(), byAddress_.end(),
                                      [](const auto& a, const auto& b) { return a.second < b.second; });
-  constexpr char why[] = "too many connections";
-  if (!CutLongest(besides, false, why, &most->first)) CutLongest(besides, false, why);
+  if (!CutLongest(besides, CutReason::connections, &most->first)) CutLongest(besides, CutReason::connections);
 }
 
-bool ConnectionWatch::CutLongest(const Connection* besides, bool withBody, const char* why,
-                                 const std::string* address) {
+bool ConnectionWatch::CutLongest(const Connection* besides, CutReason why, const std::string* address) {
+  const bool withBody = why == CutReason::memory;
   Connection* longest = nullptr;
   for (Connection& each : connections_) {
     if (&each == besides || each.cut || each.arrived || (withBody && each.bodyBytes == 0)) continue;
@@ -111,12 +133,16 @@ bool ConnectionWatch::CutLongest(const Connection* besides, bool withBody, const
   return longest != nullptr;
 }
 
-void ConnectionWatch::Cut(Connection& connection, const char* why) {
+void ConnectionWatch::Cut(Connection& connection, CutReason why) {
   connection.cut = true;
   CountOut(connection);
   uncutBodyBytes_ -= connection.bodyBytes;
   shutdown(connection.socket, SHUT_RDWR);
-  if (log_) log_(connection.address + ": connection closed: " + why);
+  Tell(connection.address, why);
+}
+
+void ConnectionWatch::Tell(const std::string& address, CutReason why) const {
+  if (onCut_) onCut_(why, address + ": connection closed: " + SentenceOf(why));
 }
 
 void ConnectionWatch::CountOut(const Connection& connection) {

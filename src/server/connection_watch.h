@@ -19,6 +19,8 @@
 #include <thread>
 #include <unordered_map>
 
+#include "server/refusal_reason.h"
+
 namespace veld_report::server {
 
 struct ConnectionLimits {
@@ -43,10 +45,13 @@ class ConnectionWatch {
     std::size_t bodyBytes = 0;
     bool arrived = false;  // a whole request is being answered; such a connection isn't cut
     bool cut = false;
+    bool used = false;  // it has had the first line of a request; for its owner, on the connection's thread
   };
 
-  // `log` is called with one line for each connection that is cut.
-  ConnectionWatch(const ConnectionLimits& limits, std::function<void(const std::string&)> log);
+  // Hears of each connection that is cut, with a line for the log; called under the watch's lock. May be
+  // empty.
+  using OnCut = std::function<void(CutReason, const std::string& line)>;
+  ConnectionWatch(const ConnectionLimits& limits, OnCut onCut);
   ~ConnectionWatch();
   ConnectionWatch(const ConnectionWatch&) = delete;
   ConnectionWatch& operator=(const ConnectionWatch&) = delete;
@@ -70,22 +75,25 @@ class ConnectionWatch {
   Load CurrentLoad();
   // The request is over, whatever came of it. Frees what was reserved for it.
   void Ended(Connection* connection);
+  bool IsCut(const Connection* connection);
+
+  // Passes on that somebody else has ended a connection of this client.
+  void Tell(const std::string& address, CutReason why) const;
 
  private:
   using Lock = std::unique_lock<std::mutex>;
 
   void CutOverdue();
   // Cuts the connection that has waited longest, other than `besides`. False if there is none to cut.
-  bool CutLongest(const Connection* besides, bool withBody, const char* why,
-                  const std::string* address = nullptr);
+  bool CutLongest(const Connection* besides, CutReason why, const std::string* address = nullptr);
   void CutOfMost(const Connection* besides);
-  void Cut(Connection& connection, const char* why);
+  void Cut(Connection& connection, CutReason why);
   void CountOut(const Connection& connection);
 
   const ConnectionLimits limits_;
-  const std::function<void(const std::string&)> log_;
+  const OnCut onCut_;
 
-  std::mutex mutex_;  // guards the members below; held during shutdown() and `log`
+  std::mutex mutex_;  // guards the members below; held during shutdown() and `onCut`
   std::condition_variable ending_;
   bool ended_ = false;
   std::list<Connection> connections_;

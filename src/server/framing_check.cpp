@@ -13,8 +13,18 @@
 namespace veld_report::server {
 namespace {
 
+// Both ends of a line are replaced by zero bytes, so after each text of the head come two of them: a third
+// one was sent. The library reads a text up to its first zero byte and would overlook what follows. Other
+// versions of the library lay the head out differently, and refuse zero bytes themselves.
+constexpr std::size_t lineEndBytes = 2;
+const bool knowsLayout = std::string_view(MHD_get_version()).starts_with("0.9.75");
+
+constexpr char unclearHead[] =
+    "the head of the request has a zero byte, a folded line, or a line that doesn't end with CR and LF";
+
 struct Headers {
   std::vector<std::string_view> hosts, lengths, codings;
+  const char* next = nullptr;  // where the next header must begin
   std::string problem;
 };
 
@@ -36,10 +46,14 @@ MHD_Result Collect(void* into, MHD_ValueKind, const char* name, std::size_t name
                    std::size_t valueSize) {
   auto* const headers = static_cast<Headers*>(into);
   const std::string_view key(name, nameSize), text(value ? value : "", value ? valueSize : 0);
+  const bool isNext = key.data() == headers->next;
+  headers->next = text.data() + text.size() + lineEndBytes;
   if (key.empty() || !std::all_of(key.begin(), key.end(), IsNameByte))
     headers->problem = "the request has a header of the name " + host::Printable(key);
   else if (!std::all_of(text.begin(), text.end(), IsValueByte))
     headers->problem = "the header " + std::string(key) + " has a control character";
+  else if (!isNext && knowsLayout)
+    headers->problem = unclearHead;
   else if (IsNamed(key, MHD_HTTP_HEADER_HOST))
     headers->hosts.push_back(text);
   else if (IsNamed(key, MHD_HTTP_HEADER_CONTENT_LENGTH))
@@ -57,10 +71,33 @@ bool IsLength(std::string_view text) {
 
 }  // namespace
 
-std::string FramingProblem(MHD_Connection* connection, std::string_view version) {
+std::string TargetProblem(std::string_view target) {
+  for (std::size_t i = 0; i < target.size(); ++i) {
+    char byte = target[i];
+    unsigned escaped = 0;
+    if (byte == '%' && target.size() - i > 2 &&
+        std::from_chars(&target[i + 1], &target[i + 1] + 2, escaped, 16).ptr == &target[i + 1] + 2)
+      byte = static_cast<char>(escaped);
+    if (!IsValueByte(byte) || byte == '\t' || target[i] == ' ')
+      return "the path of the request has a control character or a blank: " + host::Printable(target);
+  }
+  return {};
+}
+
+std::string FramingProblem(MHD_Connection* connection, const RequestLine& line) {
+  const std::string_view version = line.version;
   Headers headers;
+  headers.next = version.data() + version.size() + lineEndBytes;
   MHD_get_connection_values_n(connection, MHD_HEADER_KIND, &Collect, &headers);
   if (!headers.problem.empty()) return headers.problem;
+  if (knowsLayout) {
+    const auto* const size = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);
+    const char* const end = line.method.data() + (size ? size->header_size : 0);
+    const bool isWhole =
+        line.target.data() == nullptr || (line.method.data() + line.method.size() + 1 == line.target.data() &&
+                                          line.target.data() + line.target.size() + 1 == version.data());
+    if (!isWhole || headers.next + lineEndBytes != end) return unclearHead;
+  }
   if (headers.hosts.size() > 1) return "the request has more than one Host";
   if (headers.hosts.empty() && version != MHD_HTTP_VERSION_1_0) return "the request has no Host";
   if (headers.lengths.size() > 1) return "the request has more than one Content-Length";

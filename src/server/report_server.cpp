@@ -1,6 +1,8 @@
 #include "server/report_server.h"
 
 #include <microhttpd.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -23,6 +25,7 @@
 #include "server/connection_watch.h"
 #include "server/framing_check.h"
 #include "server/json_reader.h"
+#include "server/library_refusals.h"
 #include "server/listen_socket.h"
 #include "server/peer_name.h"
 #include "server/rate_limit.h"
@@ -47,14 +50,18 @@ struct Answer {
   std::chrono::seconds retryAfter{1};  // of 429 and 503
 };
 
+// From its first line on.
 struct Request {
-  ConnectionWatch::Connection* connection;
-  std::size_t declared;  // 0 for a chunked body
-  std::string path;
-  std::string body;
-  host::Clock::WallTimePoint begun = std::chrono::system_clock::now();
+  std::string_view target;    // the place of its raw text, which the library changes after OnTarget
+  std::string targetProblem;  // what is wrong with that text
+  // The rest is set once its headers are there.
+  ConnectionWatch::Connection* connection = nullptr;  // null: until then
+  std::size_t declared = 0;                           // 0 for a chunked body
+  std::string path{};
+  std::string body{};
+  host::Clock::WallTimePoint begun{};
   std::size_t received = 0;
-  bool answered = false;            // an answer was queued before the body was read
+  bool answered = false;            // an answer was queued, or refused without one
   bool noRoom = false;              // the body is read and dropped
   std::optional<Answer> refused{};  // likewise
 };
@@ -113,6 +120,28 @@ std::string AddressOf(MHD_Connection* connection) {
   return ClientAddress(info ? info->client_addr : nullptr);
 }
 
+std::string PeerOf(MHD_Connection* connection) {
+  const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+  return PeerName(info ? info->client_addr : nullptr);
+}
+
+ConnectionWatch::Connection* WatchedOf(MHD_Connection* connection) {
+  const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+  return static_cast<ConnectionWatch::Connection*>(info->socket_context);
+}
+
+std::string AnsweredWith(unsigned status) {
+  return status == 0 ? ": closed without an answer: " : ": answered " + std::to_string(status) + ": ";
+}
+
+// Whether this side has closed first.
+bool HasEndedFirst(int socket) {
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  if (getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return false;
+  return info.tcpi_state != TCP_CLOSE_WAIT && info.tcpi_state != TCP_LAST_ACK && info.tcpi_state != TCP_CLOSE;
+}
+
 // `ends`: the connection ends with this answer.
 MHD_Result Queue(MHD_Connection* connection, const Answer& answer, bool ends) {
   const std::string text = answer.text + "\n";
@@ -150,7 +179,8 @@ class ReportServer::Impl {
         capture_(options_.capturePath.empty() ? nullptr
                                               : std::make_unique<BodyCapture>(options_.capturePath)),
         rate_(options_.rate, options_.rateBurst),
-        watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)}, options_.log) {
+        watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)},
+               [this](CutReason why, const std::string& line) { TellCut(why, line); }) {
     CompareLimits();
     // The library takes these two for a daemon with TLS only.
     const MHD_OptionItem tls[] = {
@@ -166,7 +196,8 @@ class ReportServer::Impl {
         // The library divides this among its threads, and one thread may get all connections.
         MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
         MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
-        &Impl::OnCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::OnConnection, this, MHD_OPTION_END);
+        &Impl::OnCompleted, this, MHD_OPTION_URI_LOG_CALLBACK, &Impl::OnTarget, this,
+        MHD_OPTION_NOTIFY_CONNECTION, &Impl::OnConnection, this, MHD_OPTION_END);
     if (!daemon_) throw std::runtime_error("the HTTP library can't start its threads");
   }
   ~Impl() { Stop(); }
@@ -185,6 +216,7 @@ class ReportServer::Impl {
     }
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
+    while (const auto refusal = libraryRefusals_.TakeAny()) TellLibraryRefusal(*refusal, "unknown", "");
     // A quiesced daemon leaves its socket to its owner.
     socket_.Close();
   }
@@ -211,6 +243,7 @@ class ReportServer::Impl {
   std::atomic<std::uint64_t> storedItems{0};
   std::atomic<std::uint64_t> repeatedItems{0};
   std::atomic<std::uint64_t> refusedRequests{0};
+  std::atomic<std::uint64_t> cutConnections{0};
 
  private:
   // A body has its records in base64.
@@ -223,16 +256,27 @@ class ReportServer::Impl {
           " bytes; larger ones are answered 413");
   }
 
-  // The library is written in C, so nothing may be thrown through it. It calls once with the headers, once or
-  // more with pieces of the body, and once with an empty piece at the end.
+  // The library is written in C, so nothing may be thrown through it. It calls OnTarget with the first line;
+  // then OnRequest once with the headers, once or more with pieces of the body, and once with an empty piece
+  // at the end; and OnCompleted, whatever came of it.
+  static void* OnTarget(void*, const char* target, MHD_Connection* connection) noexcept {
+    if (auto* const watched = WatchedOf(connection)) watched->used = true;
+    try {
+      return new Request{target, TargetProblem(target)};
+    } catch (const std::exception&) {
+      return nullptr;
+    }
+  }
+
   static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char* path, const char* method,
                               const char* version, const char* data, std::size_t* size,
                               void** state) noexcept {
     auto* const server = static_cast<Impl*>(self);
     try {
       auto* const request = static_cast<Request*>(*state);
-      if (!request) return server->Begin(connection, path, method, version, state);
-      if (*size != 0) return server->Receive(request, data, size);
+      if (!request) throw std::bad_alloc();
+      if (!request->connection) return server->Begin(connection, *request, path, {method, {}, version});
+      if (*size != 0) return server->Receive(connection, request, data, size);
       if (request->answered) return MHD_YES;
       if (!server->watch_.Arrived(request->connection)) return MHD_NO;
       return server->Reply(connection, *request, server->Finish(connection, *request));
@@ -242,23 +286,24 @@ class ReportServer::Impl {
     }
   }
 
-  static void OnCompleted(void* self, MHD_Connection*, void** state, MHD_RequestTerminationCode) noexcept {
-    if (!*state) return;
+  static void OnCompleted(void* self, MHD_Connection* connection, void** state,
+                          MHD_RequestTerminationCode end) noexcept {
     auto* const server = static_cast<Impl*>(self);
-    auto* const request = static_cast<Request*>(*state);
-    ConnectionWatch::Connection* const watched = request->connection;
-    delete request;
+    const std::unique_ptr<Request> request(static_cast<Request*>(*state));
     *state = nullptr;
-    server->watch_.Ended(watched);
+    if (request && !request->answered) server->EndUnanswered(connection, *request, end);
+    if (!request || !request->connection) return;
+    server->watch_.Ended(request->connection);
     const std::lock_guard lock(server->mutex_);
     if (--server->active_ == 0) server->idle_.notify_all();
   }
 
   static void OnConnection(void* self, MHD_Connection* connection, void** watched,
                            MHD_ConnectionNotificationCode code) noexcept {
-    ConnectionWatch& watch = static_cast<Impl*>(self)->watch_;
+    auto* const server = static_cast<Impl*>(self);
+    ConnectionWatch& watch = server->watch_;
     if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
-      if (*watched) watch.Closed(static_cast<ConnectionWatch::Connection*>(*watched));
+      if (*watched) server->EndConnection(connection, static_cast<ConnectionWatch::Connection*>(*watched));
       return;
     }
     const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
@@ -269,64 +314,106 @@ class ReportServer::Impl {
     }
   }
 
-  // What the library refuses by itself: a request that it can't read. Its sentences are for its developers;
-  // the status says enough. It doesn't say of which connection.
-  __attribute__((format(printf, 2, 0))) static void OnLibraryLog(void* self, const char* format,
-                                                                 va_list values) noexcept {
-    auto* const server = static_cast<Impl*>(self);
-    char line[200];
-    std::vsnprintf(line, sizeof line, format, values);
-    unsigned status = 0;
-    if (std::sscanf(line, "Error processing request (HTTP response code is %u", &status) != 1) return;
+  // A request that gets no answer from here: the library has answered, the client was silent for too long, or
+  // it has gone.
+  void EndUnanswered(MHD_Connection* connection, const Request& request,
+                     MHD_RequestTerminationCode end) noexcept {
+    const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_HTTP_STATUS);
     try {
-      const char* const what = status == MHD_HTTP_URI_TOO_LONG ? "its first line is too long"
-                               : status == MHD_HTTP_REQUEST_HEADER_FIELDS_TOO_LARGE
-                                   ? "its headers are too large"
-                               : status == MHD_HTTP_CONTENT_TOO_LARGE ? "its length is beyond all numbers"
-                                                                      : "it isn't HTTP as it must be";
-      const std::string sentence = std::string("the request can't be read: ") + what;
-      ++server->refusedRequests;
-      server->Log("answered " + std::to_string(status) + ": " + sentence);
-      if (server->options_.observer)
-        server->options_.observer->OnRefused({"", "", "unknown", ""},
-                                             {status, RefusalReason::framing, sentence});
+      const auto refusal = info ? libraryRefusals_.Take(info->http_status) : std::nullopt;
+      if (refusal) return TellLibraryRefusal(*refusal, PeerOf(connection), request.path);
+      if (end == MHD_REQUEST_TERMINATED_TIMEOUT_REACHED) watch_.Tell(AddressOf(connection), CutReason::time);
     } catch (const std::exception&) {
       // Without memory there is nothing to say it with.
     }
   }
 
-  MHD_Result Begin(MHD_Connection* connection, const char* path, std::string_view method,
-                   std::string_view version, void** state) {
-    auto* const watched = static_cast<ConnectionWatch::Connection*>(
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
+  // The library closes without a word what doesn't even begin like a request, and what is silent for too
+  // long. (With TLS a client may also have said farewell before any request.)
+  void EndConnection(MHD_Connection* connection, ConnectionWatch::Connection* watched) noexcept {
+    try {
+      const auto refusal = libraryRefusals_.Take();
+      const bool isCut = watch_.IsCut(watched);
+      if (refusal && refusal->isTls) {
+        if (!isCut) watch_.Tell(watched->address, CutReason::tls);
+      } else if (refusal) {
+        TellLibraryRefusal(*refusal, PeerOf(connection), "");
+      } else if (!watched->used && !isCut && !certificate_ && HasEndedFirst(watched->socket) &&
+                 !IsStopping()) {
+        const auto age = std::chrono::steady_clock::now() - watched->since;
+        if (age >= std::chrono::seconds(options_.idleTimeoutSeconds))
+          watch_.Tell(watched->address, CutReason::time);
+        else
+          TellLibraryRefusal(LibraryRefusals::noRequest, PeerOf(connection), "");
+      }
+    } catch (const std::exception&) {
+      // Likewise.
+    }
+    watch_.Closed(watched);
+  }
+
+  __attribute__((format(printf, 2, 0))) static void OnLibraryLog(void* self, const char* format,
+                                                                 va_list values) noexcept {
+    auto* const server = static_cast<Impl*>(self);
+    char line[200];
+    std::vsnprintf(line, sizeof line, format, values);
+    try {
+      server->libraryRefusals_.Note(line);
+    } catch (const std::exception&) {
+      // Without memory there is nothing to say it with.
+    }
+  }
+
+  void TellLibraryRefusal(const LibraryRefusal& refusal, const std::string& peer,
+                          const std::string& path) noexcept {
+    try {
+      ++refusedRequests;
+      Log(peer + AnsweredWith(refusal.status) + refusal.sentence);
+      if (options_.observer)
+        options_.observer->OnRefused({"", path, peer, ""},
+                                     {refusal.status, RefusalReason::framing, refusal.sentence});
+    } catch (const std::exception&) {
+      // Likewise.
+    }
+  }
+
+  void TellCut(CutReason why, const std::string& line) {
+    ++cutConnections;
+    Log(line);
+    if (options_.observer) options_.observer->OnCut(why);
+  }
+
+  MHD_Result Begin(MHD_Connection* connection, Request& begun, const char* path, RequestLine line) {
+    auto* const watched = WatchedOf(connection);
     if (!watched) return MHD_NO;
     watch_.BodyBegins(watched);
-    const std::size_t declared = DeclaredLength(connection);
-    auto request = std::make_unique<Request>(Request{watched, declared, path, {}});
+    begun.declared = DeclaredLength(connection);
+    begun.path = path;
+    begun.begun = std::chrono::system_clock::now();
     {
       // Counted before anything is answered, so that Stop waits for it.
       const std::lock_guard lock(mutex_);
       if (stopped_) return MHD_NO;
       ++active_;
-      *state = request.get();
+      begun.connection = watched;
     }
-    Request& begun = *request.release();  // OnCompleted deletes it
-    const bool over = declared > options_.bodyLimitBytes;
+    const bool over = begun.declared > options_.bodyLimitBytes;
     const bool waits = strcasecmp(Header(connection, MHD_HTTP_HEADER_EXPECT).data(), "100-continue") == 0;
     std::optional<Answer> now;
-    const std::string problem = FramingProblem(connection, version);
+    line.target = begun.target;
+    const std::string problem =
+        begun.targetProblem.empty() ? FramingProblem(connection, line) : begun.targetProblem;
     if (!problem.empty()) {
       now = Refuse(MHD_HTTP_BAD_REQUEST, RefusalReason::framing, problem);
-    } else if (method != MHD_HTTP_METHOD_POST) {
+    } else if (line.method != MHD_HTTP_METHOD_POST) {
       now = Refuse(MHD_HTTP_METHOD_NOT_ALLOWED, RefusalReason::method, "only POST is accepted");
-    } else if (over && (waits || declared / drainFactor > options_.bodyLimitBytes)) {
+    } else if (over && (waits || begun.declared / drainFactor > options_.bodyLimitBytes)) {
       now = TooLarge();
     } else {
       begun.refused = RefuseForNow(AddressOf(connection));
       if (waits) now = begun.refused;
     }
     if (!now) return MHD_YES;
-    begun.answered = true;
     return Reply(connection, begun, *now, !problem.empty());
   }
 
@@ -335,7 +422,7 @@ class ReportServer::Impl {
     const std::chrono::seconds wait = rate_.Take(address, RateLimit::Clock::now());
     Answer answer;
     if (IsStopping()) {
-      answer = Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, RefusalReason::memory, "the server is stopping");
+      answer = Refuse(MHD_HTTP_SERVICE_UNAVAILABLE, RefusalReason::stopping, "the server is stopping");
     } else if (wait.count() > 0) {
       answer = Refuse(MHD_HTTP_TOO_MANY_REQUESTS, RefusalReason::rate, "too many requests of this client");
       answer.retryAfter = wait;
@@ -345,8 +432,8 @@ class ReportServer::Impl {
     return answer;
   }
 
-  MHD_Result Reply(MHD_Connection* connection, const Request& request, const Answer& answer,
-                   bool ends = false) {
+  MHD_Result Reply(MHD_Connection* connection, Request& request, const Answer& answer, bool ends = false) {
+    request.answered = true;
     return Queue(connection, Tell(connection, request, answer), ends || IsStopping());
   }
 
@@ -355,7 +442,7 @@ class ReportServer::Impl {
     return stopping_;
   }
 
-  MHD_Result Receive(Request* request, const char* data, std::size_t* size) {
+  MHD_Result Receive(MHD_Connection* connection, Request* request, const char* data, std::size_t* size) {
     request->received += *size;
     const bool taken = request->received <= options_.bodyLimitBytes && !request->noRoom && !request->refused;
     if (taken && MakeRoom(request)) {
@@ -363,7 +450,13 @@ class ReportServer::Impl {
     } else {
       std::string().swap(request->body);
     }
-    if (request->received / drainFactor > options_.bodyLimitBytes) return MHD_NO;
+    if (request->received / drainFactor > options_.bodyLimitBytes) {
+      request->answered = true;
+      Answer none = TooLarge();
+      none.status = 0;
+      Tell(connection, *request, std::move(none));
+      return MHD_NO;
+    }
     *size = 0;
     return MHD_YES;
   }
@@ -475,8 +568,7 @@ class ReportServer::Impl {
     if (answer.refusal != RefusalReason::testStatus) ++refusedRequests;
     // Of sinks that fail, the log hears once (sink_set.h).
     if (answer.refusal != RefusalReason::testStatus && answer.refusal != RefusalReason::sink)
-      Log(AddressOf(connection) + ": answered " + std::to_string(answer.status) + ": " + answer.text +
-          answer.note);
+      Log(AddressOf(connection) + AnsweredWith(answer.status) + answer.text + answer.note);
     Observe(connection, request, [&](const ObservedRequest& observed) {
       options_.observer->OnRefused(observed, {answer.status, *answer.refusal, answer.text});
     });
@@ -485,8 +577,7 @@ class ReportServer::Impl {
   template <class Call>
   void Observe(MHD_Connection* connection, const Request& request, const Call& call) const {
     if (!options_.observer) return;
-    const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    const std::string peer = PeerName(info ? info->client_addr : nullptr);
+    const std::string peer = PeerOf(connection);
     call({Header(connection, MHD_HTTP_HEADER_HOST), request.path, peer, request.body});
   }
   void Log(const std::string& line) const {
@@ -499,6 +590,7 @@ class ReportServer::Impl {
   SinkSet sinks_;
   const std::unique_ptr<BodyCapture> capture_;  // may be null
   RateLimit rate_;
+  LibraryRefusals libraryRefusals_;
   ConnectionWatch watch_;
   MHD_Daemon* daemon_ = nullptr;
 
@@ -526,6 +618,7 @@ std::uint64_t ReportServer::RepeatedItems() const { return impl_->repeatedItems;
 void ReportServer::ReloadCertificate() { impl_->ReloadCertificate(); }
 void ReportServer::ReopenSinks() { impl_->Sinks().Reopen(); }
 std::uint64_t ReportServer::RefusedRequests() const { return impl_->refusedRequests; }
+std::uint64_t ReportServer::CutConnections() const { return impl_->cutConnections; }
 ServerLoad ReportServer::Load() const { return impl_->Load(); }
 void ReportServer::Stop() { impl_->Stop(); }
 

@@ -8,7 +8,8 @@
 // that says why; 405 not a POST; 413 the body is over the limit, as it arrives or decoded (body_decoder.h);
 // 415 with Accept-Encoding: its coding isn't known; 429 with Retry-After: too many requests of this client;
 // 503 with Retry-After: the sink can't store, too many bodies are arriving at once, or the server is
-// stopping. Anything but 200 has stored nothing.
+// stopping. What the HTTP library can't read it answers itself: 400, 413, 414, 431, 505. Anything but 200
+// has stored nothing.
 //
 // The memory that clients can take up is limited, whatever they do (the rules are in connection_watch.h): 32
 // KiB for each of `connectionLimit` connections, plus `bodyMemoryBytes`, plus in each of `threads` six times
@@ -85,6 +86,8 @@ class ReportServer {
   // Records that the sink had already.
   std::uint64_t RepeatedItems() const;
   std::uint64_t RefusedRequests() const;
+  // Connections that the server has closed by itself (CutReason).
+  std::uint64_t CutConnections() const;
   // Threads: any, also during Stop.
   ServerLoad Load() const;
 

@@ -10,23 +10,9 @@
 
 #include "server/message_check.h"
 #include "server/record_sink.h"
+#include "server/refusal_reason.h"
 
 namespace veld_report::server {
-
-// Why a request wasn't answered 200: a small fixed set, for counters.
-enum class RefusalReason {
-  method,      // not a POST
-  framing,     // the request isn't HTTP as it must be
-  size,        // the body is over the limit
-  memory,      // too many bodies are arriving at once
-  rate,        // too many requests of one client
-  content,     // the type or the coding of the body
-  message,     // the body isn't a message
-  signature,   // the message isn't signed as it must be
-  sink,        // its records can't be stored
-  testStatus,  // the server is set to answer another status
-};
-inline constexpr std::size_t refusalCount = 10;
 
 // Refers to memory that lasts until the call returns.
 struct ObservedRequest {
@@ -44,18 +30,19 @@ struct StoredMessage {
 };
 
 struct RefusedMessage {
-  unsigned status;
+  unsigned status;  // 0: the connection was closed without an answer
   RefusalReason reason;
   std::string_view sentence;
 };
 
-// Both are called before the answer is sent, so they must be quick and wait for nothing.
+// They are called before the answer is sent, so they must be quick and wait for nothing.
 // Threads: any, several at once.
 class ServerObserver {
  public:
   virtual ~ServerObserver() = default;
   virtual void OnStored(const ObservedRequest& request, const StoredMessage& message) noexcept = 0;
   virtual void OnRefused(const ObservedRequest& request, const RefusedMessage& message) noexcept = 0;
+  virtual void OnCut(CutReason reason) noexcept = 0;
 };
 
 }  // namespace veld_report::server

@@ -2,10 +2,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "server/page/page_server.h"
+#include "tests/common/files.h"
 #include "tests/common/temporary_folder.h"
 #include "tests/common/waiting.h"
 #include "tests/server/message_builder.h"
@@ -15,6 +19,7 @@ namespace veld_report::server {
 namespace {
 
 using server_test::Body;
+using server_test::exampleBody;
 using server_test::Exchange;
 using server_test::Post;
 using server_test::RawAnswer;
@@ -23,10 +28,10 @@ using testing::HasSubstr;
 // A server with its page.
 class PageTest : public testing::Test {
  protected:
-  void Start(const std::string& token = {}, const std::string& address = "127.0.0.1") {
+  void Start(const std::string& token = {}, const std::string& address = "127.0.0.1",
+             ReportServerOptions options = {}) {
     page_.reset();
     server_.reset();
-    ReportServerOptions options;
     options.sinks = {{folder_ / "out.ndjson"}};
     options.observer = &watch_;
     server_ = std::make_unique<ReportServer>(std::move(options));
@@ -106,6 +111,125 @@ TEST_F(PageTest, WithATokenNothingIsReadWithoutIt) {
   const std::string cookie = entered.text.substr(begin, entered.text.find(';', begin) - begin);
   EXPECT_EQ(Get("/state", "Cookie: a=b; " + cookie + "\r\n").status, 200);
   EXPECT_EQ(Get("/state", "Host: rebound.example:{port}\r\nCookie: " + cookie + "\r\n").status, 421);
+}
+
+// Whatever a client is refused or cut for, by the server or by the HTTP library, is counted once.
+TEST_F(PageTest, EachReasonIsCounted) {
+  ReportServerOptions options;
+  options.bodyLimitBytes = 1000;
+  options.bodyMemoryBytes = 1;  // raised, so there is memory for four bodies, and above three one is cut
+  options.connectionLimit = 10;
+  options.rate = 0.001;
+  options.rateBurst = 30;
+  options.verifier = [](std::string_view payload, std::string_view) {
+    return std::string(payload.find("bad") == std::string_view::npos ? "" : "a bad one");
+  };
+  std::vector<std::string> log;
+  std::mutex logMutex;
+  options.log = [&](const std::string& line) {
+    const std::lock_guard lock(logMutex);
+    log.push_back(line);
+  };
+  Start("", "127.0.0.1", options);
+  // Cuts what is silent, and speaks TLS.
+  options.requestTime = std::chrono::milliseconds(50);
+  options.certificatePath = options.certificateKeyPath = VELD_TLS_FILES "/server.pem";
+  options.sinks = {{folder_ / "other.ndjson"}};
+  options.observer = &watch_;
+  ReportServer impatient(options);
+
+  const std::string host = "Host: x\r\n", chunked = "POST / HTTP/1.1\r\n" + host +
+                                                    "Content-Type: application/json\r\n"
+                                                    "Transfer-Encoding: chunked\r\n\r\n";
+  const std::string withoutEnd = "7d0\r\n" + std::string(2000, ' ') + "\r\n";
+  const struct {
+    std::string request, reason, status;
+  } cases[] = {
+      {"GET / HTTP/1.1\r\n" + host + "Connection: close\r\n\r\n", "method", "405"},
+      {"POST / HTTP/1.1\r\n\r\n", "framing", "400"},
+      {"POST / HTTP/1.1\r\nno colon\r\n\r\n", "framing", "400"},
+      {"POST / HTTP/1.1\r\n" + host + "Content-Length: x\r\n\r\n", "framing", "400"},
+      {"POST / HTTP/2.0\r\n" + host + "\r\n", "framing", "505"},
+      {"POST /" + std::string(40'000, 'x'), "framing", "414"},
+      {"POST / HTTP/1.1\r\nName: " + std::string(40'000, 'x'), "framing", "431"},
+      {chunked + "zz\r\n", "framing", "400"},
+      {"nonsense\r\n", "framing", "none"},
+      {Post(std::string(1001, ' ')), "size", "413"},
+      {chunked + withoutEnd + withoutEnd + withoutEnd, "size", "none"},
+      {Post(exampleBody, "text/plain"), "content", "400"},
+      {Post(exampleBody, "application/json\r\nContent-Encoding: br"), "content", "415"},
+      {Post("{}"), "message", "400"},
+      {Post(Body(R"({"array":[{"bad":1}]})")), "signature", "400"},
+      {Post(exampleBody), "", "200"},
+  };
+  std::map<std::string, int> reasons, statuses;
+  for (const auto& each : cases) {
+    const RawAnswer answer = Exchange(server_->Port(), each.request);
+    EXPECT_EQ(answer.status == 0 ? "none" : std::to_string(answer.status), each.status)
+        << each.request.substr(0, 100);
+    ++statuses[each.status];
+    if (!each.reason.empty()) ++reasons[each.reason];
+  }
+
+  std::vector<int> held;
+  const auto hold = [&](std::uint16_t port, const std::string& text, const char* from) {
+    held.push_back(server_test::Connect(port, from));
+    server_test::SendAll(held.back(), text);
+  };
+  hold(server_->Port(), "", "127.0.0.2");
+  std::string requests;
+  for (int i = 0; i < 31; ++i) requests += "POST / HTTP/1.1\r\n" + host + "Content-Length: 0\r\n\r\n";
+  server_test::SendAll(held.back(), requests);
+  reasons["content"] += 30;
+  statuses["400"] += 30;
+  ++reasons["rate"];
+  ++statuses["429"];
+  for (int i = 0; i < 4; ++i) {
+    hold(server_->Port(), Post(std::string(1000, ' ')).substr(0, 1000), "127.0.0.3");
+    EXPECT_TRUE(tests::Eventually([&] { return server_->Load().bodyBytes >= 1000U * std::min(i + 1, 3); }));
+  }
+  EXPECT_TRUE(tests::Eventually([&] { return server_->CutConnections() == 1; }));
+  std::map<std::string, int> cut{{"memory", 1}, {"connections", 4}, {"time", 1}, {"tls", 1}};
+  EXPECT_TRUE(tests::Eventually([&] { return server_->Load().connections == 4; }));
+  for (int i = 0; i < 10; ++i) hold(server_->Port(), "", "127.0.0.4");
+  hold(impatient.Port(), "", "127.0.0.1");
+  EXPECT_EQ(Exchange(impatient.Port(), Post(exampleBody)).status, 0);
+
+  // What the library refuses is counted once its connection has closed.
+  const auto lines = [&](const std::string& family, const std::string& label,
+                         const std::map<std::string, int>& counts) {
+    std::string all;
+    for (const auto& [name, count] : counts)
+      all += family + "{" + label + "=\"" + name + "\"} " + std::to_string(count) + "\n";
+    return all;
+  };
+  const auto nonzero = [&](const std::string& family) {
+    std::string all;
+    for (const std::string& line : tests::Lines(Get("/metrics").text))
+      if (line.starts_with(family + "{") && !line.ends_with(" 0")) all += line + "\n";
+    return all;
+  };
+  const auto agree = [&](const std::string& family, const std::string& label,
+                         const std::map<std::string, int>& counts) {
+    EXPECT_TRUE(tests::Eventually([&] {
+      std::vector<std::string> wanted = tests::Lines(lines(family, label, counts)),
+                               found = tests::Lines(nonzero(family));
+      std::sort(found.begin(), found.end());
+      return wanted == found;
+    })) << nonzero(family)
+        << "instead of\n"
+        << lines(family, label, counts);
+  };
+  agree("veldrep_refused_requests_total", "reason", reasons);
+  agree("veldrep_requests_total", "status", statuses);
+  agree("veldrep_cut_connections_total", "reason", cut);
+  const ServerTotals totals = watch_.Counters().Totals();
+  EXPECT_EQ(server_->RefusedRequests() + impatient.RefusedRequests(), totals.refused);
+  EXPECT_EQ(server_->CutConnections() + impatient.CutConnections(), 7U);
+  for (const int each : held) close(each);
+  const std::lock_guard lock(logMutex);
+  EXPECT_EQ(log.size(), totals.refused + 7);
+  for (const std::string& line : log) EXPECT_THAT(line, testing::StartsWith("127.0.0."));
 }
 
 // Readers that never read get no memory, and don't keep the page from ending.

@@ -108,7 +108,31 @@ TEST_F(ReportServerTest, DoubtfulFramesAreRefusedAndEndTheConnection) {
       {"Host: x\r\n" + chunked + chunked, "only chunked"},
       {"Host: x\r\nTransfer-Encoding: gzip, chunked\r\n", "the Transfer-Encoding is \"gzip, chunked\""},
       {"Host: x\r\nTransfer-Encoding: xchunked\r\n", "only chunked is accepted"},
+      {"Host: x\r\n" + length + std::string("X: a\0b\r\n", 8), "a zero byte"},
+      {std::string("X:\0b\r\nHost: x\r\n", 16) + length, "a zero byte"},
+      {std::string("Host: x\0\r\n", 10) + length, "a zero byte"},
+      {"Host: x\r\n" + length + std::string("X: \0\r\n", 6), "a zero byte"},
+      {"Host: x\r\nX: a\r\n b\r\n" + length, "a folded line"},
+      {"Host: x\r\nX: a\n" + length, "doesn't end with CR and LF"},
+      {"Host: x\r\n" + length + "X: \x1b[1m\r\n", "the header X has a control character"},
+      {"Host: x\r\n" + length + "X\x7f: a\r\n", "a header of the name \"X\\x7f\""},
   };
+  const struct {
+    std::string line;
+    const char* sentence;
+  } lines[] = {
+      {"POST /a%00b", "has a control character"},    {"POST /?a=%0a", "has a control character"},
+      {"POST /a\tb", "has a control character"},     {"POST /a b", "or a blank"},
+      {std::string("POST /a\0b", 9), "a zero byte"}, {std::string("POST /?a\0b", 10), "a zero byte"},
+      {std::string("PO\0ST /", 8), "a zero byte"},
+  };
+  for (const auto& each : lines) {
+    const RawAnswer answer =
+        Exchange(server.Port(), each.line + " HTTP/1.1\r\nHost: x\r\n" + length + "\r\n");
+    EXPECT_EQ(answer.status, 400) << each.line;
+    EXPECT_THAT(answer.text, HasSubstr(each.sentence));
+    EXPECT_THAT(answer.text, HasSubstr("Connection: close"));
+  }
   for (const auto& each : cases) {
     const RawAnswer answer = Exchange(server.Port(), "POST / HTTP/1.1\r\nContent-Type: application/json\r\n" +
                                                          each.headers + "\r\n" + std::string(exampleBody));
@@ -116,8 +140,14 @@ TEST_F(ReportServerTest, DoubtfulFramesAreRefusedAndEndTheConnection) {
     EXPECT_THAT(answer.text, HasSubstr(each.sentence));
     EXPECT_THAT(answer.text, HasSubstr("Connection: close"));
   }
-  EXPECT_EQ(server.RefusedRequests(), std::size(cases));
+  EXPECT_TRUE(
+      tests::Eventually([&] { return server.RefusedRequests() == std::size(cases) + std::size(lines); }));
   EXPECT_EQ(Stored(), "");
+  // A head that is only long.
+  std::string large = Post(exampleBody), headers;
+  for (int i = 0; i < 150; ++i) headers += "X-" + std::to_string(i) + ": " + std::string(50, 'x') + "\r\n";
+  large.insert(large.find("Host"), headers);
+  EXPECT_EQ(Exchange(server.Port(), large).status, 200);
 }
 
 TEST_F(ReportServerTest, AClientOverItsRateIsAnswered429) {

@@ -48,10 +48,12 @@ int Serve(ServeOptions& given) {
   });
   logProblem(manager.Stopping());
   server.Stop();
-  std::printf("stopped: stored %llu, repeated %llu, %llu requests refused\n",
+  const std::uint64_t cut = server.CutConnections();
+  std::printf("stopped: stored %llu, repeated %llu, %llu requests refused%s\n",
               static_cast<unsigned long long>(server.StoredItems()),
               static_cast<unsigned long long>(server.RepeatedItems()),
-              static_cast<unsigned long long>(server.RefusedRequests()));
+              static_cast<unsigned long long>(server.RefusedRequests()),
+              cut == 0 ? "" : (", " + std::to_string(cut) + " connections cut").c_str());
   return exitOk;
 }
 

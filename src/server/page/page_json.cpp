@@ -57,6 +57,10 @@ void WriteTotals(const PageTotals& all, Json& json) {
   for (std::size_t i = 0; i < refusalCount; ++i) {
     if (totals.byReason[i] != 0) json.Name(refusalNames[i]).Count(totals.byReason[i]);
   }
+  json.End().Name("cut").Begin();
+  for (std::size_t i = 0; i < cutCount; ++i) {
+    if (totals.cut[i] != 0) json.Name(cutNames[i]).Count(totals.cut[i]);
+  }
   json.End();
   json.Name("second").BeginList().Count(all.second.records).Count(all.second.messages);
   json.Count(all.second.refused).EndList();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "server/connection_watch.h"
+#include "server/framing_check.h"
 #include "server/listen_socket.h"
 #include "server/page/page_access.h"
 #include "server/page/page_assets.h"
@@ -139,7 +140,8 @@ class PageServer::Impl {
 
   // As in the report server: nothing may be thrown through the library.
   static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char* path, const char* method,
-                              const char*, const char* data, std::size_t* size, void** state) noexcept {
+                              const char* version, const char* data, std::size_t* size,
+                              void** state) noexcept {
     auto* const page = static_cast<Impl*>(self);
     try {
       if (!*state) {
@@ -148,7 +150,11 @@ class PageServer::Impl {
         if (!watched) return MHD_NO;
         page->connections_.BodyBegins(watched);
         *state = new Request{watched, {}};
-        return MHD_YES;
+        const std::string problem = FramingProblem(connection, {method, {}, version});
+        if (problem.empty()) return MHD_YES;
+        Answer answer = Sentence(MHD_HTTP_BAD_REQUEST, problem);
+        answer.headers.emplace_back(MHD_HTTP_HEADER_CONNECTION, "close");
+        return Queue(connection, answer);
       }
       auto* const request = static_cast<Request*>(*state);
       if (*size != 0) {

@@ -39,6 +39,7 @@ class PageWatch final : public ServerObserver {
 
   void OnStored(const ObservedRequest& request, const StoredMessage& message) noexcept override;
   void OnRefused(const ObservedRequest& request, const RefusedMessage& message) noexcept override;
+  void OnCut(CutReason reason) noexcept override { counters_.Cut(reason); }
 
   // `load`: of the server; called on any thread until Stop returns.
   void Run(std::function<ServerLoad()> load);

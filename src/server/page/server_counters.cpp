@@ -66,6 +66,7 @@ ServerTotals ServerCounters::Totals() const {
   totals.repeated = repeated_;
   totals.bodyBytes = bodyBytes_;
   for (std::size_t i = 0; i < refusalCount; ++i) totals.refused += totals.byReason[i] = byReason_[i];
+  for (std::size_t i = 0; i < cutCount; ++i) totals.cut[i] = cut_[i];
   return totals;
 }
 
@@ -83,12 +84,16 @@ std::string ServerCounters::MetricsText(const ServerLoad& load) const {
   MetricsWriter out;
   out.Family("veldrep_requests_total", "counter", "Requests by the status of their answer.");
   for (unsigned status = 0; status < statusLimit; ++status) {
-    if (byStatus_[status] != 0)
-      out.Sample("{status=\"" + std::to_string(status) + "\"}", std::to_string(byStatus_[status]));
+    if (byStatus_[status] == 0) continue;
+    const std::string label = status == 0 ? "none" : std::to_string(status);
+    out.Sample("{status=\"" + label + "\"}", std::to_string(byStatus_[status]));
   }
   out.Family("veldrep_refused_requests_total", "counter", "Requests that stored nothing, by reason.");
   for (std::size_t i = 0; i < refusalCount; ++i)
     out.Sample(std::string("{reason=\"") + refusalNames[i] + "\"}", std::to_string(byReason_[i]));
+  out.Family("veldrep_cut_connections_total", "counter", "Connections that the server has cut, by reason.");
+  for (std::size_t i = 0; i < cutCount; ++i)
+    out.Sample(std::string("{reason=\"") + cutNames[i] + "\"}", std::to_string(cut_[i]));
   out.Single("veldrep_records_stored_total", "counter", "Records stored.", std::to_string(records_));
   out.Single("veldrep_records_repeated_total", "counter", "Records that the sink had already.",
              std::to_string(repeated_));

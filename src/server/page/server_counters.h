@@ -12,16 +12,13 @@
 
 namespace veld_report::server {
 
-// In the order of RefusalReason; the names in figures and on the page.
-inline constexpr std::array<const char*, refusalCount> refusalNames{
-    "method", "framing", "size", "memory", "rate", "content", "message", "signature", "sink", "test_status"};
-
 struct ServerTotals {
   std::uint64_t messages = 0;  // stored ones
   std::uint64_t records = 0, repeated = 0;
   std::uint64_t bodyBytes = 0;  // of all bodies that were read, refused ones too
   std::uint64_t refused = 0;
   std::array<std::uint64_t, refusalCount> byReason{};
+  std::array<std::uint64_t, cutCount> cut{};  // connections
 };
 
 // Threads: any. The figures of one text may be a request apart.
@@ -29,6 +26,7 @@ class ServerCounters {
  public:
   void Stored(const StoreResult& result, std::size_t bodyBytes, std::chrono::nanoseconds sinkTime);
   void Refused(unsigned status, RefusalReason reason, std::size_t bodyBytes);
+  void Cut(CutReason reason) { ++cut_[static_cast<std::size_t>(reason)]; }
   void SkippedByPage(std::uint64_t records) { skipped_ += records; }
 
   ServerTotals Totals() const;
@@ -49,6 +47,7 @@ class ServerCounters {
   const std::chrono::system_clock::time_point started_ = std::chrono::system_clock::now();
   std::array<Counter, statusLimit> byStatus_{};
   std::array<Counter, refusalCount> byReason_{};
+  std::array<Counter, cutCount> cut_{};
   std::array<Counter, sinkClasses.size() + 1> sinkTimes_{};  // the last is for all above
   Counter sinkNanoseconds_{0}, records_{0}, repeated_{0}, bodyBytes_{0}, skipped_{0};
 };

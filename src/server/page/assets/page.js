@@ -27,8 +27,8 @@ function showTotals(totals) {
   set("messages-rate", `${rate(messages)} a second`);
   set("repeated", count(totals.repeated));
   set("refused", count(totals.refused));
-  const reasons = Object.entries(totals.reasons).map(([name, times]) => `${name.replace("_", " ")} ${count(times)}`);
-  set("reasons", reasons.length > 0 ? reasons.join(", ") : "requests");
+  const listed = (figures) => Object.entries(figures).map(([name, times]) => `${name.replace("_", " ")} ${count(times)}`).join(", ");
+  set("reasons", listed(totals.reasons) || "requests");
   byId("refused-figure").classList.toggle("alarm", totals.refused > 0);
   set("refused-count", count(totals.refused));
   byId("refused-count").hidden = totals.refused === 0;
@@ -37,7 +37,8 @@ function showTotals(totals) {
   set("sink", totals.sinkFails ? "fails" : totals.sinkMedian > 0 ? `≤ ${duration(totals.sinkMedian)}` : "–");
   set("sink-slow", totals.sinkSlow > 0 ? `99 % ≤ ${duration(totals.sinkSlow)}` : "time to store");
   set("connections", count(totals.connections));
-  set("connection-limit", `of ${count(totals.connectionLimit)}`);
+  const cut = listed(totals.cut);
+  set("connection-limit", `of ${count(totals.connectionLimit)}${cut && `; cut: ${cut}`}`);
   addSecond(totals.time, totals.second);
   const skipped = totals.skipped - (seen.skipped ?? totals.skipped);
   tellSampling(records, seen.fitting, seen.shown, skipped, filter !== "");

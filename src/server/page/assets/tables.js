@@ -97,7 +97,7 @@ async function refusals() {
       link.download = `refused-${each.number}.body`;
       save.append(link);
     }
-    return element("tr", time, element("td.number", String(each.status)), element("td.sentence", each.sentence),
+    return element("tr", time, element("td.number", String(each.status || "none")), element("td.sentence", each.sentence),
       element("td", each.host + each.path), element("td", each.peer), element("td.number", bytes(each.bytes)), save);
   });
   replaceRows("refusals", rows, 7, "No request was refused.");
