@@ -8,7 +8,6 @@
 #include <csignal>
 #include <stdexcept>
 
-#include "tests/common/files.h"
 #include "tests/common/waiting.h"
 
 namespace veld_report::tests {
@@ -59,6 +58,8 @@ void Program::EndInput() {
   input_ = -1;
 }
 
+void Program::Kill() { Signal(SIGKILL); }
+
 void Program::Signal(int number) {
   if (process_ > 0) kill(process_, number);
 }
@@ -78,16 +79,6 @@ int Program::Wait(std::chrono::seconds limit) {
   }
   process_ = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-std::string Program::Output() const { return ReadFile(folder_ / "out"); }
-std::string Program::Errors() const { return ReadFile(folder_ / "err"); }
-
-ProgramResult RunProgram(const std::vector<std::string>& arguments, std::string_view input) {
-  Program program(arguments);
-  program.Feed(input);
-  const int exitCode = program.Wait();
-  return {exitCode, program.Output(), program.Errors()};
 }
 
 }  // namespace veld_report::tests

@@ -1,14 +1,14 @@
 // Several processes on one store. Services share it in the same way whether they are in one process or not,
-// so processes are started only where some are killed.
+// so processes are started only where some are killed. They are this program once more: FOLDER opens the
+// store when it is told to, and FOLDER NUMBER pushes to it and sends from it.
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <deque>
 #include <fstream>
+#include <iostream>
 #include <set>
-#include <thread>
 
+#include "tests/common/program.h"
 #include "tests/host/queue_test_tools.h"
 #include "tests/host/store_model.h"
 
@@ -17,38 +17,46 @@ namespace {
 
 using testing::IsEmpty;
 
-class QueueProcessesTest : public StoreTest {
- protected:
-  QueueProcessesTest() { options.shared = true; }
+constexpr int each = 1500;
+constexpr std::size_t atOnce = 20;
+std::string thisProgram;
 
-  static constexpr int processCount = 4;
-  static constexpr int each = 1500;
-  static constexpr std::size_t atOnce = 20;
+class StoreUser : QueueOperations {
+ public:
+  explicit StoreUser(host::QueueServiceOptions options)
+      : folder_(options.folder), service_(host::QueueService::Open(std::move(options))) {}
 
-  Strings Log(const char* kind) { return ReadLines(folder / kind); }
   // Notes what was pushed after it was answered 0, and what is delivered before it is acknowledged.
-  // An exception ends the process.
-  void PushAndSend(int process) noexcept {
-    Open();
-    std::ofstream pushed(folder.Path() / "pushed", std::ios::app);
-    std::ofstream delivered(folder.Path() / "delivered", std::ios::app);
+  void PushAndSend(const std::string& process) {
+    std::ofstream pushed(folder_ / "pushed", std::ios::app | std::ios::binary);
+    std::ofstream delivered(folder_ / "delivered", std::ios::app | std::ios::binary);
     const auto producer = Producer("q");
     for (int i = 0; i < each; ++i) {
-      const std::string text = std::to_string(process) + "-" + std::to_string(i);
+      const std::string text = process + "-" + std::to_string(i);
       EXPECT_EQ(PushText(*producer, text), zel::sOk);
-      pushed << text << std::endl;
+      (pushed << text + "\n").flush();
       if (i % 50 != 0) continue;
       const auto reader = Reader("q");
       for (const ReadItem& item : ReadAll(*reader, atOnce)) {
-        delivered << item.bytes << std::endl;
+        (delivered << item.bytes + "\n").flush();
         EXPECT_EQ(reader->Ack(&item.token), zel::sOk);
       }
     }
   }
+
+ private:
+  orvel::IQueueFactory& Factory() override { return *service_; }
+
+  const std::filesystem::path folder_;
+  const zel::Ref<host::QueueService> service_;
+};
+
+class QueueProcessesTest : public StoreTest {
+ protected:
+  Strings Log(const char* kind) { return ReadLines(folder / kind); }
 };
 
 TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
-  options.shared = false;
   Open();
   for (int i = 0; i < 800; ++i)
     Push(i % 3 == 0 ? "a" : "b", Numbered(static_cast<std::size_t>(i)) + std::string(300, '.'));
@@ -60,25 +68,23 @@ TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
   for (int moment = moments; moment > 0; --moment) {
     service.Reset();
     WriteInLayout(moment % 2 + 1, holding, StorePath());
+    Program upgrading({thisProgram, folder.Path().string()});
+    ASSERT_TRUE(Eventually([&] { return !upgrading.Output().empty(); }));
     const auto begin = std::chrono::steady_clock::now();
-    const pid_t upgrading = fork();
-    if (upgrading == 0) {
-      Open();
-      _exit(0);
-    }
-    int status = 0;
-    bool ended = false;
+    upgrading.EndInput();
     const std::filesystem::path half = StorePath().string() + ".upgrade";
     // Every other one as soon as the new store is begun, however fast the machine is.
-    if (moment < moments && moment % 4 < 2) std::this_thread::sleep_for(whole * moment / moments);
-    while (moment % 4 >= 2 && !ended && !std::filesystem::exists(half))
-      ended = waitpid(upgrading, &status, WNOHANG) == upgrading;
-    if (moment < moments && !ended) kill(upgrading, SIGKILL);
-    if (!ended) {
-      ASSERT_EQ(waitpid(upgrading, &status, 0), upgrading);
+    if (moment == moments) {
+      EXPECT_EQ(upgrading.Wait(), 0) << upgrading.Errors();
+      whole = std::chrono::steady_clock::now() - begin;
+    } else if (moment % 4 < 2) {
+      std::this_thread::sleep_for(whole * moment / moments);
+    } else {
+      EXPECT_TRUE(Eventually([&] { return upgrading.HasEnded() || std::filesystem::exists(half); }));
     }
-    if (moment == moments) whole = std::chrono::steady_clock::now() - begin;
-    interrupted += WIFSIGNALED(status) && std::filesystem::exists(half);
+    upgrading.Kill();
+    const bool wasKilled = moment < moments && upgrading.Wait() != 0;
+    interrupted += wasKilled && std::filesystem::exists(half);
     Open();
     ASSERT_EQ(StoreModel::Of(*service), holding) << "killed at " << moment << " of " << moments;
   }
@@ -86,21 +92,16 @@ TEST_F(QueueProcessesTest, AnUpgradeThatIsKilledAtAnyMomentLosesNothing) {
 }
 
 TEST_F(QueueProcessesTest, FourProcessesTwoKilledLoseAndRepeatNothing) {
-  options.commitEveryPush = true;  // what was answered 0 must survive the kill
-  pid_t ids[processCount];
-  for (int process = 0; process < processCount; ++process) {
-    if ((ids[process] = fork()) != 0) continue;
-    PushAndSend(process);
-    // No destructors of the test program, and no reports of its own.
-    _exit(HasFailure() ? 2 : 0);
-  }
+  std::deque<Program> processes;
+  for (const char* number : {"0", "1", "2", "3"})
+    processes.emplace_back(Strings{thisProgram, folder.Path().string(), number});
   EXPECT_TRUE(Eventually([&] { return Log("pushed").size() > each / 2; }));
-  for (int process = 0; process < processCount; ++process) {
+  for (int process = 0; process < 4; ++process) {
+    Program& running = processes[static_cast<std::size_t>(process)];
     const bool isKilled = process < 2;
-    if (isKilled) kill(ids[process], SIGKILL);
-    int status = 0;
-    EXPECT_EQ(waitpid(ids[process], &status, 0), ids[process]);
-    EXPECT_TRUE(isKilled || status == 0) << status;
+    if (isKilled) running.Kill();
+    const int code = running.Wait();
+    EXPECT_TRUE(isKilled || code == 0) << running.Output() << running.Errors();
   }
 
   Open();
@@ -116,3 +117,18 @@ TEST_F(QueueProcessesTest, FourProcessesTwoKilledLoseAndRepeatNothing) {
 
 }  // namespace
 }  // namespace veld_report::tests
+
+int main(int count, char** arguments) {
+  using namespace veld_report::tests;
+  thisProgram = arguments[0];
+  if (count > 1 && arguments[1][0] != '-') {
+    const bool isPushing = count == 3;
+    if (!isPushing) std::cout << "ready" << std::endl << std::cin.rdbuf();
+    // What was answered 0 must survive the kill.
+    StoreUser user({.folder = arguments[1], .commitEveryPush = isPushing, .shared = isPushing});
+    if (isPushing) user.PushAndSend(arguments[2]);
+    return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
+  }
+  testing::InitGoogleMock(&count, arguments);
+  return RUN_ALL_TESTS();
+}
