@@ -24,8 +24,8 @@ namespace veld_report::server {
 struct PageServerOptions {
   std::string address = "127.0.0.1";  // as in ReportServerOptions
   std::uint16_t port = 0;
-  int listening = -1;  // likewise
   std::string token;   // empty: none, which only loopback allows
+  int listening = -1;  // as in ReportServerOptions
 };
 
 // Life: listens from the constructor's return to the destructor.
