@@ -35,7 +35,8 @@ class PageTest : public testing::Test {
     options.sinks = {{folder_ / "out.ndjson"}};
     options.observer = &watch_;
     server_ = std::make_unique<ReportServer>(std::move(options));
-    page_ = std::make_unique<PageServer>(PageServerOptions{address, 0, token}, *server_, watch_);
+    page_ =
+        std::make_unique<PageServer>(PageServerOptions{.address = address, .token = token}, *server_, watch_);
   }
   // `{port}` in the headers stands for the page's. Without a Host among them it gets the page's own.
   RawAnswer Get(const std::string& path, std::string headers = {}) const {
