@@ -1,9 +1,11 @@
 // The sending process of the kill test. It sends numbered records until it is killed, and writes down which
 // numbers it is about to send ("t FIRST LAST") and which ones are known to be in the store ("c FIRST LAST").
 // Each line is one write, so a kill leaves whole lines. Even and odd numbers have endpoints of their own.
-#include <fcntl.h>
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <sys/prctl.h>
-#include <unistd.h>
+#endif
 
 #include <chrono>
 #include <csignal>
@@ -36,13 +38,26 @@ kills::Numbered RecordOf(std::uint64_t number) {
   return record;
 }
 
-void WriteDown(int notes, char what, std::uint64_t first, std::uint64_t last) {
-  const std::string line =
-      std::string(1, what) + " " + std::to_string(first) + " " + std::to_string(last) + "\n";
-  if (write(notes, line.data(), line.size()) != static_cast<ssize_t>(line.size())) std::abort();
+// Windows has no signals, so there it kills itself as soon as its stdin ends.
+void EndWithParent() {
+#ifdef _WIN32
+  std::thread([] {
+    while (std::getchar() != EOF) {
+    }
+    TerminateProcess(GetCurrentProcess(), 9);
+  }).detach();
+#else
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+#endif
 }
 
-[[noreturn]] void SendUntilKilled(veld_report::Reporter& reporter, int notes, std::uint64_t first,
+void WriteDown(std::FILE* notes, char what, std::uint64_t first, std::uint64_t last) {
+  const std::string line =
+      std::string(1, what) + " " + std::to_string(first) + " " + std::to_string(last) + "\n";
+  if (std::fputs(line.c_str(), notes) < 0 || std::fflush(notes) != 0) std::abort();
+}
+
+[[noreturn]] void SendUntilKilled(veld_report::Reporter& reporter, std::FILE* notes, std::uint64_t first,
                                   std::mt19937& random, std::chrono::milliseconds longestPause) {
   std::uint64_t next = first;
   std::uint64_t uncommitted = first;
@@ -83,8 +98,8 @@ int main(int count, char** arguments) {
                  "a FIRST of 0 drains the store\n");
     return 2;
   }
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
   const std::uint64_t first = std::strtoull(arguments[6], nullptr, 10);
+  if (first != 0) EndWithParent();
   std::mt19937 random(static_cast<std::mt19937::result_type>(first));
   constexpr std::uint32_t packetLimits[] = {1, 7, 20, 100};
   veld_report::ReporterOptions options;
@@ -103,8 +118,8 @@ int main(int count, char** arguments) {
   try {
     veld_report::Reporter reporter(options);
     if (first == 0) return Drain(reporter);
-    const int notes = open(arguments[5], O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (notes < 0) throw std::runtime_error(std::string("can't open ") + arguments[5]);
+    std::FILE* const notes = std::fopen(arguments[5], "ab");
+    if (!notes) throw std::runtime_error(std::string("can't open ") + arguments[5]);
     // Ten at full speed would leave more than the servers take in the time of the trial.
     SendUntilKilled(reporter, notes, first, random, std::chrono::milliseconds(options.stamp ? 30 : 0));
   } catch (const std::exception& error) {

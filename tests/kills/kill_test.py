@@ -36,15 +36,20 @@ class Failure(Exception):
 
 
 class Trial:
-    def __init__(self, build, kind, rounds, seed, folder):
+    def __init__(self, build, windows, kind, rounds, seed, folder):
         self.kind = kind
         self.senders = ["sender", "second"] if kind == "shared" else ["sender"]
         self.evicted = 0
         self.rounds = rounds
         self.random = random.Random(seed)
+        self.windows = windows is not None
         self.veldrep = os.path.join(build, "bin", "veldrep")
-        self.sender_program = os.path.join(build, "tests", "kill_sender")
+        self.sender_program = [os.path.join(build, "tests", "kill_sender")]
         self.module = os.path.join(build, "lib", "libveld_report.so")
+        self.slowness = 6 if windows else 1  # of a sender's start
+        if windows:
+            self.sender_program = ["wine", os.path.join(windows, "tests", "kill_sender.exe")]
+            self.module = os.path.join(windows, "bin", "veld_report.dll")
         self.path = lambda name: os.path.join(folder, name)
         self.proxy = Proxy(self.random)
         self.processes = {}
@@ -68,8 +73,9 @@ class Trial:
 
     async def start_sender(self, name, first, **options):
         self.processes[name] = await asyncio.create_subprocess_exec(
-            self.sender_program, self.module, self.path("store"), f"http://127.0.0.1:{self.proxy.port}/in",
-            self.path("key.key.pem"), self.path("notes-" + name), str(first), self.kind, **options)
+            *self.sender_program, self.module, self.path("store"), f"http://127.0.0.1:{self.proxy.port}/in",
+            self.path("key.key.pem"), self.path("notes-" + name), str(first), self.kind,
+            **{"stdin": subprocess.PIPE, **options})
 
     async def kill(self, name):
         process = self.processes[name]
@@ -77,7 +83,10 @@ class Trial:
             raise Failure(f"the {name} has ended by itself, with exit code {process.returncode}")
         # What another sender repeats may come before this one's death is noticed.
         await self.proxy.next_sender()
-        process.kill()
+        if self.windows and process.stdin:
+            process.stdin.close()  # it answers with TerminateProcess
+        else:
+            process.kill()
         await process.wait()
         await self.proxy.next_sender()
 
@@ -96,8 +105,8 @@ class Trial:
         moment, seconds = self.random.choice((("any", 0.3), ("any", 0.3), ("starting", 0.015), ("forwarded", 0.003),
                                               ("answered", 0.003)))
         if moment in self.proxy.moments:  # if none comes the server is away, or stalls; as good a moment as any
-            await asyncio.wait({asyncio.create_task(self.proxy.moments[moment].wait())}, timeout=0.5)
-        await asyncio.sleep(self.random.uniform(0, seconds))
+            await asyncio.wait({asyncio.create_task(self.proxy.moments[moment].wait())}, timeout=0.5 * self.slowness)
+        await asyncio.sleep(self.random.uniform(0, seconds * self.slowness))
 
     async def round(self, number):
         if number % 50 == 5:  # an answer that the sender no longer waits for, but takes
@@ -141,7 +150,7 @@ class Trial:
         """The kills have stopped; what the store holds goes through."""
         self.proxy.disturbing = False
         await self.server_port()
-        await self.start_sender("sender", 0, stdout=subprocess.PIPE)
+        await self.start_sender("sender", 0, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         sender, server = self.processes["sender"], self.processes["server"]
         output, _ = await asyncio.wait_for(sender.communicate(), 90)
         print("drained:", output.decode().strip())
@@ -262,20 +271,23 @@ def main():
     parser.add_argument("--kind", choices=KINDS, help="only this kind of trial; otherwise the rounds are shared out")
     parser.add_argument("--seed", type=int, default=None, help="of what is done and when, as far as that goes")
     parser.add_argument("--build", required=True, help="build folder with the programs")
+    parser.add_argument("--windows", help="build folder with the sender for Windows, which runs under Wine")
     arguments = parser.parse_args()
     seed = random.randrange(1 << 32) if arguments.seed is None else arguments.seed
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    kinds = [arguments.kind] if arguments.kind else KINDS
-    good = [run(kind, arguments.build, -(-arguments.rounds // len(kinds)), seed) for kind in kinds]
+    # What a crash takes under Wine says nothing of Windows.
+    every = [kind for kind in KINDS if not (arguments.windows and kind in LOSS_KINDS)]
+    kinds = [arguments.kind] if arguments.kind else every
+    good = [run(kind, arguments.build, arguments.windows, -(-arguments.rounds // len(kinds)), seed) for kind in kinds]
     return 0 if all(good) else 1
 
 
-def run(kind, build, rounds, seed):
+def run(kind, build, windows, rounds, seed):
     if kind in LOSS_KINDS:
         return loss_trial.run(kind, os.path.abspath(build), rounds, random.Random(seed))
     folder = tempfile.mkdtemp(prefix="kill_test.")
     print(f"seed {seed}; a failure leaves its files in {folder}", flush=True)
-    trial = Trial(os.path.abspath(build), kind, rounds, seed, folder)
+    trial = Trial(os.path.abspath(build), windows and os.path.abspath(windows), kind, rounds, seed, folder)
     good = True
     try:
         asyncio.run(trial.run())
