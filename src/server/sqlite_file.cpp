@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/base/sqlite_words.h"
+
 namespace veld_report::server {
 namespace {
 
@@ -45,7 +47,9 @@ SqliteFile::SqliteFile(const SinkOptions& options) : path_(options.out) { Open()
 SqliteFile::~SqliteFile() = default;
 
 void SqliteFile::Fail(sqlite3* database) const {
-  throw std::runtime_error(path_ + ": " + (database ? sqlite3_errmsg(database) : "out of memory"));
+  const int code = database ? sqlite3_extended_errcode(database) : SQLITE_NOMEM;
+  throw std::runtime_error(
+      path_ + ": " + host::SqliteWords(code, database ? sqlite3_errmsg(database) : sqlite3_errstr(code)));
 }
 
 void SqliteFile::Run(sqlite3* database, const char* sql) const {

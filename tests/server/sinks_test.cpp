@@ -78,7 +78,7 @@ TEST(Sinks, APacketIsStoredOnceAllSinksHaveIt) {
   EXPECT_FALSE(sinks.IsFailing());
   EXPECT_EQ(tests::ReadFile(lines), text + "2\n");
   EXPECT_EQ(Sql(database, "SELECT json FROM records"), "{\"recordId\":\"1\"},2,");
-  EXPECT_THAT(log, testing::ElementsAre(database + ": is away; nothing is until records can be stored again",
+  EXPECT_THAT(log, testing::ElementsAre(database + ": is away (SQLite 1811); nothing is until records can be stored again",
                                         database + ": records are stored again"));
 }
 

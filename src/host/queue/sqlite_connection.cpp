@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include "host/base/sqlite_words.h"
 #include "host/platform/file.h"
 
 namespace veld_report::host {
@@ -13,8 +14,7 @@ constexpr int busyTimeoutMs = 5000;
 [[noreturn]] void Fail(sqlite3* handle, int code) {
   const char* file = handle ? sqlite3_db_filename(handle, "main") : nullptr;
   const char* reason = handle ? sqlite3_errmsg(handle) : sqlite3_errstr(code);
-  throw SqliteError(
-      code, std::string(file ? file : "store") + ": " + reason + " (SQLite " + std::to_string(code) + ")");
+  throw SqliteError(code, std::string(file ? file : "store") + ": " + SqliteWords(code, reason));
 }
 
 int ErrorOf(sqlite3* handle, int code) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <system_error>
 
+#include "host/base/sqlite_words.h"
 #include "host/platform/file.h"
 #include "host/queue/sqlite_connection.h"
 #include "host/queue/store_file.h"
@@ -41,8 +42,10 @@ void Overwrite(SqliteConnection& target, const SqliteConnection& source, const s
   sqlite3_backup* const backup = sqlite3_backup_init(target.Handle(), "main", source.Handle(), "main");
   const int stepped = backup ? sqlite3_backup_step(backup, -1) : sqlite3_errcode(target.Handle());
   const int finished = sqlite3_backup_finish(backup);
-  if (stepped != SQLITE_DONE) throw SqliteError(stepped, file.string() + ": " + sqlite3_errstr(stepped));
-  if (finished != SQLITE_OK) throw SqliteError(finished, file.string() + ": " + sqlite3_errstr(finished));
+  if (stepped != SQLITE_DONE)
+    throw SqliteError(stepped, file.string() + ": " + SqliteWords(stepped, sqlite3_errstr(stepped)));
+  if (finished != SQLITE_OK)
+    throw SqliteError(finished, file.string() + ": " + SqliteWords(finished, sqlite3_errstr(finished)));
 }
 
 void Upgrade(SqliteConnection& connection, const std::filesystem::path& file,
