@@ -219,6 +219,10 @@ std::vector<JsonMember> ReadJsonObject(std::string_view text, std::size_t maxDep
   return members;
 }
 
+void CheckJsonObject(std::string_view text, std::size_t maxDepth) {
+  Scanner(text, maxDepth).WholeObject(nullptr);
+}
+
 void ReadJsonArray(std::string_view text, const OnElement& onElement, std::size_t maxDepth) {
   Scanner(text, maxDepth).WholeArray(&onElement);
 }

@@ -39,6 +39,8 @@ inline constexpr std::size_t maxJsonMembers = 16;
 
 // The members of an object in order. Duplicate keys are kept.
 std::vector<JsonMember> ReadJsonObject(std::string_view text, std::size_t maxDepth = maxJsonDepth);
+// Checks that the text is an object, with any number of members.
+void CheckJsonObject(std::string_view text, std::size_t maxDepth = maxJsonDepth);
 // Calls `onElement` for each element of an array with its exact text, without the whitespace around it. An
 // error after an element is thrown once that element has been handed out.
 void ReadJsonArray(std::string_view text, const std::function<void(std::string_view)>& onElement,

@@ -3,15 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
+#include <filesystem>
+#include <random>
+#include <regex>
 
 #include "tests/common/files.h"
+#include "tests/common/small_disk.h"
 #include "tests/common/veldrep.h"
 
 namespace veld_report::app_test {
 namespace {
 
 using testing::HasSubstr;
+using testing::StartsWith;
 using tests::Arguments;
 using tests::Eventually;
 using tests::Program;
@@ -19,11 +25,18 @@ using tests::ProgramResult;
 using tests::Veldrep;
 using tests::With;
 
-// Lines of JSON.
-std::string Records(int count) {
+// Lines of JSON, with ids by which a server knows them again.
+std::string Records(int count, const std::string& text = "") {
   std::string records;
-  for (int i = 0; i < count; ++i) records += "{\"id\":" + std::to_string(i) + "}\n";
+  for (int i = 0; i < count; ++i)
+    records += "{\"recordId\":\"" + std::to_string(i) + "\",\"text\":\"" + text + "\"}\n";
   return records;
+}
+
+// What a run that was stopped gives for --from-line; 0 if it wasn't.
+std::uint64_t LineToGoOnWith(const std::string& errors) {
+  std::smatch found;
+  return std::regex_search(errors, found, std::regex("--from-line (\\d+)\n")) ? std::stoull(found[1]) : 0;
 }
 
 class SendTest : public testing::Test {
@@ -67,6 +80,53 @@ TEST_F(SendTest, StoreIsLookedIntoBesideARunningSender) {
     EXPECT_THAT(refused.errors, HasSubstr("in use by process"));
   }
   EXPECT_EQ(sender.Wait(), 0);
+}
+
+TEST_F(SendTest, ReadingWaitsForAFullDisk) {
+  const std::string disk = folder_ / "disk", input = folder_ / "in", out = folder_ / "out";
+  const tests::SmallDisk small(disk, "12m");
+  if (!small.IsMounted()) GTEST_SKIP() << "no small disk can be mounted here";
+  tests::WriteFile(input, Records(50'000, std::string(400, 'x')));
+  const Arguments send = {"send", "--store", disk + "/s", "--url", deadUrl_};
+  const ProgramResult stopped = Veldrep(With(send, {"--wait", "1", input}));
+  EXPECT_EQ(stopped.exitCode, 1);
+  EXPECT_THAT(stopped.errors, HasSubstr("/s: the store can't be written ("));
+  const std::uint64_t line = LineToGoOnWith(stopped.errors);
+  const std::string stored = std::to_string(line - 1);
+  EXPECT_THAT(stopped.output, StartsWith("submitted " + stored + ", delivered 0,")) << stopped.errors;
+  EXPECT_THAT(stopped.output, HasSubstr("still waiting " + stored + ","));
+  // What is delivered makes room, so the rest goes through the same disk.
+  const tests::Server server({"--out", out, "--listen", deadUrl_.substr(7, deadUrl_.size() - 10)});
+  const ProgramResult rest = Veldrep(With(send, {"--from-line", std::to_string(line), input}));
+  EXPECT_EQ(rest.exitCode, 0);
+  EXPECT_TRUE(tests::ReadFile(out) == tests::ReadFile(input)) << rest.output << rest.errors;
+}
+
+TEST_F(SendTest, SignalledSendersGoOnWhereTheyStopped) {
+  const auto seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const std::string input = folder_ / "in", out = folder_ / "out", all = Records(40'000);
+  tests::WriteFile(input, all);
+  const tests::Server server({"--out", out});
+  std::uint64_t line = 1;
+  for (int round = 0; round < 20; ++round) {
+    // The small queue keeps it from having read everything at once.
+    Program sender(With(With({VELDREP_PATH}, send_), {server.Url() + "/v1", "--queue-limit", "32",
+                                                      "--from-line", std::to_string(line), input}));
+    const auto enough = std::filesystem::file_size(out) + random() % (all.size() / 20);
+    ASSERT_TRUE(Eventually([&] { return std::filesystem::file_size(out) >= enough; }));
+    sender.Signal(std::array{SIGINT, SIGTERM, SIGHUP}[random() % 3]);
+    // Before it notes signals, it has read nothing.
+    if (sender.Wait() < 0) continue;
+    const std::uint64_t next = LineToGoOnWith(sender.Errors());
+    ASSERT_GE(next, line) << sender.Errors();
+    line = next;
+  }
+  const ProgramResult rest =
+      Veldrep(With(send_, {server.Url() + "/v1", "--from-line", std::to_string(line), input}));
+  EXPECT_EQ(rest.exitCode, 0) << rest.errors;
+  EXPECT_TRUE(tests::ReadFile(out) == all) << rest.output;
 }
 
 }  // namespace

@@ -78,8 +78,9 @@ TEST(Sinks, APacketIsStoredOnceAllSinksHaveIt) {
   EXPECT_FALSE(sinks.IsFailing());
   EXPECT_EQ(tests::ReadFile(lines), text + "2\n");
   EXPECT_EQ(Sql(database, "SELECT json FROM records"), "{\"recordId\":\"1\"},2,");
-  EXPECT_THAT(log, testing::ElementsAre(database + ": is away (SQLite 1811); nothing is until records can be stored again",
-                                        database + ": records are stored again"));
+  EXPECT_THAT(log, testing::ElementsAre(
+                       database + ": is away (SQLite 1811); nothing is until records can be stored again",
+                       database + ": records are stored again"));
 }
 
 // A client per thread stores while the file is rotated by size and time, and moved away.

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <optional>
 #include <system_error>
 
@@ -21,8 +22,15 @@ void CheckStoreAccess(const std::string& path) {
   throw Failure(path, "Permission denied; only its owner can read a store, so run this as that user");
 }
 
+void RefuseFolder(const std::string& path) {
+  std::error_code error;
+  if (path != "-" && std::filesystem::is_directory(host::FromUtf8(path), error))
+    throw Failure(path, "is a folder; name a file");
+}
+
 std::string ReadWhole(const std::string& path, std::size_t limitBytes) {
   const std::string name = path == "-" ? "stdin" : path;
+  RefuseFolder(path);
   const char* failure = "can't be opened: ";
   try {
     host::Input input(path);

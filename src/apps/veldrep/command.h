@@ -46,6 +46,9 @@ void Complain(const std::string& line);
 // Throws Failure if this user may not read the store's folder or the file in it.
 void CheckStoreAccess(const std::string& path);
 
+// Throws Failure if `path`, of a file to be read, is a folder.
+void RefuseFolder(const std::string& path);
+
 // Reads a whole file, or stdin for "-". Throws Failure, also if it is larger than `limitBytes`.
 std::string ReadWhole(const std::string& path, std::size_t limitBytes = std::size_t{16} << 20);
 

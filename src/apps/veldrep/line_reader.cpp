@@ -4,6 +4,7 @@
 #include <span>
 #include <system_error>
 
+#include "apps/veldrep/command.h"
 #include "apps/veldrep/failure.h"
 
 namespace veld_report::app {
@@ -15,6 +16,7 @@ constexpr std::size_t blockBytes = 256 * 1024;
 
 LineReader::LineReader(const std::string& path, std::size_t lineLimitBytes) try
     : name_(path == "-" ? "stdin" : path), lineLimitBytes_(lineLimitBytes), input_(path) {
+  RefuseFolder(path);
 } catch (const std::system_error& error) {
   throw Failure(path == "-" ? "stdin" : path, "can't be opened: " + error.code().message());
 }

@@ -23,13 +23,14 @@ class LineReader {
     end,
   };
 
-  // `path`: "-" is stdin. Throws Failure if the file can't be opened.
+  // `path`: "-" is stdin. Throws Failure if the file can't be opened, or is a folder.
   LineReader(const std::string& path, std::size_t lineLimitBytes);
 
   // `line` is set only for Result::line, has no line end and is valid until the next call. A last line
   // without a line end counts. A signal also ends the wait. Throws Failure if the input can't be read.
   Result Next(std::chrono::milliseconds patience, std::string_view* line);
 
+  const std::string& Name() const { return name_; }
   // The number of the line that Next returned last, from 1.
   std::uint64_t LineNumber() const { return lineNumber_; }
   std::uint64_t BytesRead() const { return bytesRead_; }

@@ -22,6 +22,8 @@ void CheckSense(const SendOptions& options) {
   if (!options.consumers.empty() && options.consumers.size() != options.urls.size()) {
     throw WrongCommandLine("--consumer: give none, or one for each --url, in the same order");
   }
+  if (options.fromLine != 1 && options.file.empty())
+    throw WrongCommandLine("--from-line is the number of a line of FILE: give FILE too");
   const auto& consumers = options.consumers;
   if (!options.to.empty() && std::find(consumers.begin(), consumers.end(), options.to) == consumers.end()) {
     throw WrongCommandLine("--to " + options.to +
@@ -93,8 +95,9 @@ void AddLimits(CLI::App* command, SendOptions* options) {
       ->check(NumberFrom(1, 86'400))
       ->capture_default_str();
   command
-      ->add_option("--wait", options->waitSeconds,
-                   "maximum seconds to wait for the last deliveries, and for room in a full queue")
+      ->add_option(
+          "--wait", options->waitSeconds,
+          "maximum seconds to wait for the last deliveries, and for room in a full queue or on a full disk")
       ->type_name("S")
       ->check(NumberFrom(0, 1'000'000))
       ->capture_default_str();
@@ -114,6 +117,12 @@ void AddOthers(CLI::App* command, SendOptions* options) {
       ->add_option("--module", options->modulePath,
                    "path of the module; by default libveld_report.so is looked for near veldrep")
       ->type_name("PATH");
+  command
+      ->add_option("--from-line", options->fromLine,
+                   "number of the first line of FILE to send, as a run that was stopped has named it")
+      ->type_name("N")
+      ->check(NumberFrom(1, INT64_MAX))
+      ->capture_default_str();
   command
       ->add_option("FILE", options->file,
                    "records, one JSON object per line; - for standard input; if not given, only what waits "
@@ -135,6 +144,8 @@ Command MakeSendCommand(CLI::App& program) {
       "refused lines,\n"
       "items still waiting, seconds. What still waits stays in the store and is sent by the next run.\n"
       "A line that isn't a JSON object is refused with its number and the reason; the exit code is then 3.\n"
+      "Ctrl-C, SIGTERM or SIGHUP ends it with the number of the first line that isn't stored, for "
+      "--from-line.\n"
       "Example: veldrep send --store waiting --url http://127.0.0.1:8080/v1 records.ndjson\n"
       "         tail -f app.ndjson | veldrep send --store waiting --url https://stats.example.com/v1 -");
   return {command, [options] {

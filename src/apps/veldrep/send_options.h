@@ -23,8 +23,9 @@ struct SendOptions {
   std::string trace;
   std::uint32_t traceLevel = 300;
   std::uint32_t waitSeconds = 60;
-  std::string modulePath;  // empty: the one next to the program
-  std::string file;        // empty: no input, send only what is waiting
+  std::string modulePath;      // empty: the one next to the program
+  std::string file;            // empty: no input, send only what is waiting
+  std::uint64_t fromLine = 1;  // of the file; those before it are skipped
 };
 
 }  // namespace veld_report::app

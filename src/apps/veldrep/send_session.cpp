@@ -4,6 +4,7 @@
 
 #include "apps/veldrep/command.h"
 #include "host/platform/file.h"
+#include "host/queue/item_key.h"
 #include "veld_report/code_text.h"
 
 namespace veld_report::app {
@@ -22,13 +23,15 @@ std::vector<std::string> Certificates(const SendOptions& options) {
 
 }  // namespace
 
-SendSession::SendSession(const SendOptions& options)
+SendSession::SendSession(const SendOptions& options, std::function<void(const Ledgers&)> onOpened)
     : to_(options.to),
-      kit_(std::make_unique<host::HostKit>(KitOptions(options))),
+      urls_(options.urls),
+      kit_(std::make_unique<host::HostKit>(KitOptions(options, std::move(onOpened)))),
       memory_(*kit_, memoryLimitBytes),
       queues_(&kit_->Queues()) {}
 
-host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
+host::HostKitOptions SendSession::KitOptions(const SendOptions& options,
+                                             std::function<void(const Ledgers&)> onOpened) {
   host::HostKitOptions kit;
   kit.modulePath = options.modulePath;
   const std::vector<std::string> certificates = Certificates(options);
@@ -44,6 +47,8 @@ host::HostKitOptions SendSession::KitOptions(const SendOptions& options) {
   kit.settings.allowHttp = options.allowHttp;
   kit.stamp = options.stamp;
   kit.queues.folder = host::FromUtf8(options.store);
+  kit.queues.pushesWait = true;
+  kit.onOpened = [onOpened = std::move(onOpened)](host::QueueService& queues) { onOpened(queues.Ledgers()); };
   kit.trace.path = options.trace;
   kit.trace.level = options.trace.empty() ? 0 : options.traceLevel;
   kit.settings.signingKeyFile = options.signKey;
@@ -56,6 +61,12 @@ std::string SendSession::Submit(std::string_view json) {
   if (!submission.Accepted()) return "the sender rejected it: " + CodeText(submission.code);
   memory_.Add(submission.bytes + overheadBytes);
   return {};
+}
+
+std::map<std::string, std::uint64_t> SendSession::StoredItems() {
+  auto items = queues_->LastTokens();
+  for (auto& [queue, token] : items) token = host::PositionOf(token);
+  return items;
 }
 
 void SendSession::TriggerCycle() {
@@ -76,6 +87,14 @@ void SendSession::OnRequestFinished(const FinishedRequest& request) {
   if (request.status != 0) ++failures_.answered;
   failures_.last = request.endpoint + ": " + request.text;
   failingUrl_ = request.url;
+}
+
+std::string SendSession::WhyRecordsStandBack() const {
+  for (const std::string& url : urls_) {
+    const auto state = kit_->Http().StateOf(url);
+    if (state && !state->lastError.empty()) return state->url + ": " + state->lastError;
+  }
+  return {};
 }
 
 SendSession::Failures SendSession::RequestFailures() const {

@@ -11,6 +11,31 @@ namespace {
 constexpr std::size_t idleLimit = 8;
 constexpr std::size_t keptCapacityBytes = 1 << 20;  // a parser that has grown larger isn't kept
 
+std::string WhyNot(simdjson::error_code error) {
+  switch (error) {
+    case simdjson::NUMBER_ERROR:
+      return "it has a number that isn't valid JSON, or an integer beyond 64 bits (send that as text)";
+    case simdjson::DEPTH_ERROR:
+      return "its objects and arrays are nested deeper than " + std::to_string(JsonCheck::depthLimit) +
+             " levels";
+    case simdjson::UTF8_ERROR:
+      return "it isn't valid UTF-8";
+    case simdjson::UNESCAPED_CHARS:
+      return "a string contains a control character";
+    case simdjson::UNCLOSED_STRING:
+      return "a string isn't closed";
+    case simdjson::STRING_ERROR:
+      return "a string has an escape that isn't valid";
+    case simdjson::EMPTY:
+      return "it is empty";
+    case simdjson::CAPACITY:
+      return "it is larger than 4 GiB";
+    default:
+      return "a value, comma, colon, bracket or quote is missing, or one is too many (" +
+             std::string(simdjson::error_message(error)) + ")";
+  }
+}
+
 }  // namespace
 
 struct JsonCheck::Parser {
@@ -41,12 +66,7 @@ JsonCheck::Value::Value(JsonCheck& check, std::string_view text, std::string* wh
   const simdjson::error_code error = parser_->parser.parse(text.data(), text.size()).get(parser_->root);
   if (error == simdjson::MEMALLOC) throw std::bad_alloc();
   if (why && marked) *why = "it begins with a byte order mark";
-  if (why && !marked && error != simdjson::SUCCESS) {
-    const bool isNumber = error == simdjson::NUMBER_ERROR;
-    *why = isNumber
-               ? "it has a number that isn't valid JSON, or an integer beyond 64 bits (send that as text)"
-               : simdjson::error_message(error);
-  }
+  if (why && !marked && error != simdjson::SUCCESS) *why = WhyNot(error);
   valid_ = error == simdjson::SUCCESS && !marked;
 }
 

@@ -110,6 +110,7 @@ HostKit::HostKit(const HostKitOptions& options)
       storeLimitBytes_(options.queues.storeLimitBytes == 0 ? UINT64_MAX : options.queues.storeLimitBytes) {
   gate_->Attach(http_.Get(), timer_.Get());
   try {
+    if (options.onOpened) options.onOpened(*queues_);
     RegisterServices(options);
     MakeSenders(options.settings);
   } catch (...) {
@@ -277,6 +278,7 @@ bool HostKit::Close() {
   // queues. After that nobody arms a timer, and the HTTP client, which went with the second one, has ended
   // its requests. Once the timers' threads have ended too, no thread is left in the module's code.
   if (http_) http_->AllowRequests(false);
+  if (queues_) queues_->StopWaiting();
   intake_.reset();
   delivery_.reset();
   gate_->Detach();

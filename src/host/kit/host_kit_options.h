@@ -19,6 +19,8 @@
 
 namespace veld_report::host {
 
+class QueueService;
+
 // One report server.
 struct KitEndpoint {
   std::string url{};       // http:// or https://, UTF-8; the name of its queue is derived from it
@@ -58,6 +60,9 @@ struct HostKitOptions {
   bool stamp = false;  // adds an id and the time to each record (host/json/record_stamp.h)
   FunctionNotification::Function onRequestFinished{};  // may be empty
   std::shared_ptr<Clock> clock{};  // of the timer, the intervals and the HTTP client; null: the system's
+  // If set, called once with the open store, before a queue of a former url is removed. What it throws ends
+  // the kit's constructor.
+  std::function<void(QueueService&)> onOpened{};
   // If set, called once with the queue service; the module gets its result instead. For measuring or watching
   // the traffic between the two.
   std::function<zel::Ref<orvel::IQueueFactory>(zel::Ref<orvel::IQueueFactory>)> wrapQueues{};

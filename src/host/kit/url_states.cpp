@@ -84,6 +84,7 @@ UrlStateFile::UrlStateFile(const std::filesystem::path& storeFolder) : file_(Sta
 
 void UrlStateFile::SetUrls(const std::vector<std::string>& urls) {
   const std::lock_guard lock(mutex_);
+  open_ = true;
   urls_.clear();
   places_.clear();
   for (const std::string& url : urls) {
@@ -97,7 +98,7 @@ void UrlStateFile::Update(const std::string& url, const HttpClientFactory& http)
   const std::lock_guard lock(mutex_);
   const auto places = places_.find(url);
   const std::optional<HttpClientState> state = http.StateOf(url);
-  if (closed_ || places == places_.end() || !state) return;
+  if (!open_ || places == places_.end() || !state) return;
   UrlState& first = urls_[places->second.front()];
   const std::string before = Line(first);
   for (const std::size_t place : places->second) urls_[place].http = *state;
@@ -109,7 +110,7 @@ void UrlStateFile::Close() {
   const std::lock_guard lock(mutex_);
   for (UrlState& each : urls_) each.http.waitsUntil.reset();
   Write();
-  closed_ = true;
+  open_ = false;
 }
 
 void UrlStateFile::Append(const std::string& line) {
@@ -122,7 +123,7 @@ void UrlStateFile::Append(const std::string& line) {
 }
 
 void UrlStateFile::Write() {
-  if (closed_) return;
+  if (!open_) return;
   std::string content;
   for (const UrlState& each : urls_) content += Line(each);
   if (!ReplaceFile(file_, content)) return;

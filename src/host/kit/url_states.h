@@ -35,7 +35,8 @@ class UrlStateFile {
   // Takes the client's state of this url, and appends a line if it has changed. If the file can't be written,
   // it silently stays as it is.
   void Update(const std::string& url, const HttpClientFactory& http);
-  // Forgets the waits, which end with the process. Nothing is written afterwards.
+  // Forgets the waits, which end with the process. Nothing is written afterwards, nor if no urls were set:
+  // the file of an earlier sender then stays.
   void Close();
 
   // The content of the file; nothing if there is none or it can't be read.
@@ -51,7 +52,7 @@ class UrlStateFile {
   std::unordered_map<std::string, std::vector<std::size_t>> places_;  // in urls_, by url
   std::size_t wholeBytes_ = 0;     // of the file when it was last written as a whole
   std::size_t appendedBytes_ = 0;  // since then
-  bool closed_ = false;
+  bool open_ = false;              // between SetUrls and Close
 };
 
 }  // namespace veld_report::host

@@ -14,11 +14,15 @@ constexpr std::uint64_t reserveBytes = std::uint64_t{2} * logPages * storePageBy
 
 }  // namespace
 
-DiskReserve::DiskReserve(std::filesystem::path file) : file_(std::move(file)) { Restore(); }
+DiskReserve::DiskReserve(std::filesystem::path file) : file_(std::move(file)) {
+  const auto status = FileStatus::Of(file_);
+  givenUp_ = status && status->bytes == 0;
+  Restore();
+}
 
 void DiskReserve::Release() noexcept {
   if (!held_) return;
-  RemoveFile(file_);
+  if (!File::Open(file_, File::Mode::replace)) RemoveFile(file_);
   held_ = false;
   givenUp_ = true;
 }
@@ -35,10 +39,9 @@ void DiskReserve::Restore() noexcept {
   File file = File::Open(file_, File::Mode::write);
   if (!file) return;
   held_ = file.Reserve(reserveBytes);
-  file.Close();
   if (held_) {
     givenUp_ = false;
-  } else {
+  } else if (!file.Truncate(0) || !givenUp_) {
     RemoveFile(file_);
   }
 }

@@ -2,8 +2,9 @@
 // and removals can still be written. It covers the maximum size of the write-ahead log (logPages in
 // store_file.h): once that has been written back with its help, the log reuses its own room.
 //
-// If the disk has little room from the start, there is no reserve, and the store works without one. Threads:
-// its store's lock guards it.
+// If the disk has little room from the start, there is no reserve, and the store works without one. A reserve
+// that was given up leaves an empty file: a process that starts on the full disk must not fill its room
+// either. Threads: its store's lock guards it.
 #pragma once
 
 #include <filesystem>

@@ -209,6 +209,17 @@ void QueueService::Compact(QueueStore& store, bool rebuild) {
   throw StoreError("the store can't be written; make room on its disk and try again");
 }
 
+std::string QueueService::WhyPushWaits(const std::string& domain) { return Store(domain)->WhyPushWaits(); }
+
+void QueueService::StopWaiting() {
+  const std::lock_guard lock(mutex_);
+  for (const auto& [domain, store] : stores_) {
+    if (store) store->StopWaiting();
+  }
+}
+
+bool QueueService::EndPushes(const std::string& domain) { return Store(domain)->EndPushes(); }
+
 bool QueueService::Commit(const std::string& domain) { return Store(domain)->Commit(); }
 
 }  // namespace veld_report::host

@@ -74,6 +74,15 @@ class QueueService final : public HostObject<orvel::IQueueFactory> {
   // Writes the buffer. Returns true if everything accepted is in the file.
   bool Commit(const std::string& domain = defaultDomain);
 
+  // With pushesWait: why a Push is waiting; empty if none is.
+  std::string WhyPushWaits(const std::string& domain = defaultDomain);
+  // From now on pushes don't wait.
+  void StopWaiting();
+  // Writes the buffer. What can't be written is taken back, as if it had never been offered, and so is every
+  // later Push: it returns 0x80000063. So LastTokens then says what is stored for good. Returns true if
+  // everything accepted before is.
+  bool EndPushes(const std::string& domain = defaultDomain);
+
   QueueService(const QueueServiceOptions& options, std::shared_ptr<FileLock> folderLock);
 
  private:

@@ -25,6 +25,9 @@ struct QueueServiceOptions {
   std::chrono::milliseconds commitDelay{10};
   // Every Push is a transaction of its own: what it returned 0 for survives a crash of the process.
   bool commitEveryPush = false;
+  // While the file can't be written, a Push waits instead of being refused, until StopWaiting or EndPushes of
+  // the service. For those whose source can wait, such as a program that reads a file.
+  bool pushesWait = false;
   // Every transaction is synced: it survives a crash of the machine, at the cost of a sync each.
   bool syncEveryCommit = false;
   // What is delivered or dropped is overwritten in the file once its block is deleted, at the cost of writing

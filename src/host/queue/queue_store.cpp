@@ -19,6 +19,7 @@ constexpr std::chrono::milliseconds retryDelay{100};
 constexpr std::chrono::milliseconds deletionDelay{3000};
 // So much free room in the file does for a reserve that can't be had again.
 constexpr std::int64_t plentyOfFreeBytes = 8 << 20;
+constexpr std::int64_t fewFreeBytes = 1 << 20;
 // The file is rewritten without its free room if that is as much, and if so little is in use.
 constexpr std::int64_t manyFreeBytes = 16 << 20;
 constexpr std::int64_t fewUsedBytes = 4 << 20;
@@ -47,7 +48,8 @@ QueueStore::QueueStore(const QueueServiceOptions& options, const std::filesystem
       writer_(*file_, AccessOf(options), reserve_, figuresMutex_,
               [this](const BufferedQueue& queue, ItemCount lost) { NoteDamage(queue, lost); }),
       lease_(WithEnding(file, ".lease"), options.machine),
-      identity_(FileIdentity::Of(file)) {
+      identity_(FileIdentity::Of(file)),
+      whenUnwritable_(options.pushesWait ? Pushes::waiting : Pushes::refused) {
   AdoptRows();
   if (options_.inspectOnly) return;
   BeginTime();
@@ -127,8 +129,9 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
                                  std::uint32_t sizeLimitBytes) {
   const EvictionTracker::Refusal lastCall = EvictionTracker::BeginCall();
   const ItemCount item{1, static_cast<std::int64_t>(data.size())};
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   NoteUnrepeated(lastCall);
+  if (!WaitUntilWritable(lock)) return zel::eNotReady;
   if (const auto repeated = evictions_.TakeRepeated(queue)) Reject(queue, -*repeated);
   const std::uint64_t limitBytes = std::min<std::uint64_t>(
       {maxItemBytes, sizeLimitBytes, options_.storeLimitBytes == 0 ? UINT64_MAX : options_.storeLimitBytes});
@@ -148,27 +151,67 @@ zel::ResultCode QueueStore::Push(QueueState& queue, std::span<const std::uint8_t
     evictions_.NoteRefusal(queue, item);
     return zel::eOutOfSpace;
   }
-  if (IsRefusingWrites()) {
-    Reject(queue, item);
-    NoteLoss(queue, LossReason::rejected, item, unwritable);
-    return zel::eNotReady;
+  if (IsRefusingWrites()) return RefuseUnwritable(queue, item);
+  while (!StoreItem(queue, data)) {
+    if (whenUnwritable_ == Pushes::refused) return RefuseUnwritable(queue, item);
+    if (!WaitUntilWritable(lock)) return zel::eNotReady;
   }
-  return StoreItem(queue, data, item);
+  return zel::sOk;
 }
 
-zel::ResultCode QueueStore::StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item) {
+// Returns false if the file can't be written and the item isn't in the buffer either.
+bool QueueStore::StoreItem(QueueState& queue, std::span<const std::uint8_t> data) {
   writer_.AddItem(queue.stored, time_.NowMs(), data);
   const bool due = options_.commitEveryPush || writer_.HoldsOperations(options_.commitOperations);
   if (!due) {
     CommitIfDue();
-    return zel::sOk;
+    return true;
   }
-  if (Flush()) return zel::sOk;
+  if (Flush()) return true;
   // Push has returned 0 for the others of the group, so they stay in the buffer until they can be written.
   writer_.DropLastItem();
+  return false;
+}
+
+zel::ResultCode QueueStore::RefuseUnwritable(QueueState& queue, ItemCount item) {
   Reject(queue, item);
   NoteLoss(queue, LossReason::rejected, item, unwritable);
   return zel::eNotReady;
+}
+
+// Returns false if pushes have ended. Where they don't wait at all, the caller sees whether it is refused.
+bool QueueStore::WaitUntilWritable(std::unique_lock<std::mutex>& lock) {
+  const auto note = [&](const std::string& why) {
+    const std::lock_guard figures(figuresMutex_);
+    whyPushWaits_ = why;
+  };
+  while (whenUnwritable_ == Pushes::waiting && IsRefusingWrites()) {
+    note(writer_.Error() ? writer_.Error()->what() : "little room is left on its disk");
+    // What makes room, such as another process, wakes nobody.
+    pushMayGoOn_.wait_for(lock, retryDelay);
+  }
+  if (!whyPushWaits_.empty()) note("");
+  return whenUnwritable_ != Pushes::ended;
+}
+
+std::string QueueStore::WhyPushWaits() {
+  const std::lock_guard lock(figuresMutex_);
+  return whyPushWaits_;
+}
+
+void QueueStore::StopWaiting() {
+  const std::lock_guard lock(mutex_);
+  if (whenUnwritable_ == Pushes::waiting) whenUnwritable_ = Pushes::refused;
+  pushMayGoOn_.notify_all();
+}
+
+bool QueueStore::EndPushes() {
+  const std::lock_guard lock(mutex_);
+  whenUnwritable_ = Pushes::ended;
+  pushMayGoOn_.notify_all();
+  const bool written = FlushFigures();
+  if (!written) writer_.TakeBackItems();
+  return written;
 }
 
 // Keeps the whole store within its limit, at the cost of the largest queue.
@@ -207,11 +250,17 @@ bool QueueStore::EvictOldest(QueueState& queue) {
   return false;
 }
 
+// Whether the free room inside the file does for a reserve: it is large, or most of a small file.
+bool QueueStore::HasRoomInside() const {
+  const std::int64_t freeBytes = file_->FreeBytes();
+  return freeBytes >= plentyOfFreeBytes || (freeBytes >= fewFreeBytes && freeBytes / 3 >= file_->UsedBytes());
+}
+
 // While writes fail, items are refused: each one would only increase the loss at the end of the process. So a
 // Push first tries to write, but no more often than a group would be due.
 bool QueueStore::IsRefusingWrites() {
   if (reserve_.IsGivenUp()) reserve_.Restore();
-  if (reserve_.IsGivenUp() && file_->FreeBytes() < plentyOfFreeBytes) return true;
+  if (reserve_.IsGivenUp() && !HasRoomInside()) return true;
   if (!writer_.Error()) return false;
   if (QueueWriter::Clock::now() - writer_.LastFailure() < options_.commitDelay) return true;
   return !Flush();

@@ -106,6 +106,10 @@ class QueueStore {
   std::vector<std::string> QueueNames();
   // Writes the buffer. Returns true if all of it is in the file, and the file is still where it was.
   bool Commit();
+  // As in queue_service.h. The first doesn't wait while the file is being written.
+  std::string WhyPushWaits();
+  void StopWaiting();
+  bool EndPushes();
   // Writes the buffer and empties the log; with `rebuild` also drops the file's free space. Returns false if
   // the buffer couldn't be written. Throws SqliteError.
   bool Compact(bool rebuild);
@@ -129,7 +133,9 @@ class QueueStore {
   bool FlushFigures();
   void CommitIfDue();
   QueueWriter::Clock::time_point GroupIsDue() const;
+  bool HasRoomInside() const;
   bool IsRefusingWrites();
+  bool WaitUntilWritable(std::unique_lock<std::mutex>& lock);
   bool HasFile();
   bool MakeRoomInStore(std::int64_t bytes);
   bool EvictOldest(QueueState& queue);
@@ -140,7 +146,8 @@ class QueueStore {
   bool MayHandOut(ReaderState& reader, const ItemRow& row);
   void NoteEndOfClaim(ReaderState& reader, bool delivered);
   void EndDelivery(ReaderState& reader);
-  zel::ResultCode StoreItem(QueueState& queue, std::span<const std::uint8_t> data, ItemCount item);
+  zel::ResultCode RefuseUnwritable(QueueState& queue, ItemCount item);
+  bool StoreItem(QueueState& queue, std::span<const std::uint8_t> data);
   void Reject(QueueState& queue, ItemCount item);
   void NoteLoss(const QueueState& queue, LossReason reason, ItemCount lost, const std::string& why) const;
   void NoteDamage(const BufferedQueue& queue, ItemCount lost) const;
@@ -178,6 +185,11 @@ class QueueStore {
   bool isGone_ = false;   // the file was deleted, and that was traced
   bool failing_ = false;  // the last Flush failed, and that was traced
   bool stopping_ = false;
+  // Of the pushes.
+  enum class Pushes { refused, waiting, ended };
+  Pushes whenUnwritable_;
+  std::string whyPushWaits_;  // guarded by figuresMutex_ too
+  std::condition_variable pushMayGoOn_;
   // Until when the committer sleeps; it begins by looking.
   QueueWriter::Clock::time_point committerWakes_ = QueueWriter::Clock::time_point::min();
   std::condition_variable wake_;

@@ -51,6 +51,10 @@ class QueueWriter {
   void AddItem(BufferedQueue& queue, std::int64_t enqueuedMs, std::span<const std::uint8_t> data);
   // Removes the last added item, as if it had never been offered.
   void DropLastItem();
+  // The same for all of them.
+  void TakeBackItems() {
+    while (!items_.empty()) DropLastItem();
+  }
   // For the end of the process, after a Flush that failed: books the added items as rejected, and writes
   // everything else as far as that is possible. Returns what each queue has lost.
   std::vector<std::pair<const BufferedQueue*, ItemCount>> RejectItems();

@@ -37,8 +37,11 @@ void NoteInterrupts() noexcept {
   struct sigaction action {};
   action.sa_handler = [](int) { interrupted = 1; };
   action.sa_flags = static_cast<int>(SA_RESETHAND);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  for (const int each : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction before {};
+    if (sigaction(each, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
+    sigaction(each, &action, nullptr);
+  }
   signal(SIGPIPE, SIG_IGN);
 }
 
