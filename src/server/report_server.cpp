@@ -31,6 +31,7 @@
 #include "server/rate_limit.h"
 #include "server/sink_set.h"
 #include "server/tls_certificate.h"
+#include "server/tls_options.h"
 
 namespace veld_report::server {
 namespace {
@@ -182,17 +183,13 @@ class ReportServer::Impl {
         watch_({options_.connectionLimit, options_.requestTime, BodyMemory(options_)},
                [this](CutReason why, const std::string& line) { TellCut(why, line); }) {
     CompareLimits();
-    // The library takes these two for a daemon with TLS only.
-    const MHD_OptionItem tls[] = {
-        {MHD_OPTION_HTTPS_CERT_CALLBACK, 0, TlsCertificate::Callback()},
-        {MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(TlsCertificate::priorities)},
-        {MHD_OPTION_END, 0, nullptr}};
+    auto tls = TlsOptions(certificate_ != nullptr);
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG |
             (certificate_ ? MHD_USE_TLS : MHD_NO_FLAG),
         0, nullptr, nullptr, &Impl::OnRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &Impl::OnLibraryLog, this,
-        MHD_OPTION_ARRAY, certificate_ ? tls : tls + 2, MHD_OPTION_LISTEN_SOCKET, socket_.Handle(),
-        MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
+        MHD_OPTION_ARRAY, tls.data(), MHD_OPTION_LISTEN_SOCKET, socket_.Handle(), MHD_OPTION_THREAD_POOL_SIZE,
+        options_.threads,
         // The library divides this among its threads, and one thread may get all connections.
         MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
         MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
@@ -236,8 +233,8 @@ class ReportServer::Impl {
   const BoundAddress& Address() const { return socket_.Address(); }
   ServerLoad Load() {
     const ConnectionWatch::Load load = watch_.CurrentLoad();
-    return {load.connections, options_.connectionLimit, load.bodyBytes, BodyMemory(options_),
-            sinks_.IsFailing()};
+    return {load.connections,     options_.connectionLimit, load.bodyBytes,
+            BodyMemory(options_), sinks_.IsFailing(),       IsStopping()};
   }
 
   std::atomic<std::uint64_t> storedItems{0};
@@ -613,6 +610,7 @@ std::string ReportServer::Url() const {
   return scheme + (isNumeric ? impl_->Address().text : given) + ":" + std::to_string(Port());
 }
 
+bool ReportServer::HasCertificate() const { return !impl_->Options().certificatePath.empty(); }
 std::uint64_t ReportServer::StoredItems() const { return impl_->storedItems; }
 std::uint64_t ReportServer::RepeatedItems() const { return impl_->repeatedItems; }
 void ReportServer::ReloadCertificate() { impl_->ReloadCertificate(); }

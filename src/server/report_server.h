@@ -67,7 +67,8 @@ struct ReportServerOptions {
 struct ServerLoad {
   std::size_t connections, connectionLimit;
   std::size_t bodyBytes, bodyMemoryBytes;  // of bodies in transit
-  bool sinkFails;                          // the latest message couldn't be stored
+  bool sinkFails;                          // a sink couldn't store the latest message that it got
+  bool stopping;
 };
 
 // Life: listens from the constructor's return to Stop or the destructor. It can't be started again.
@@ -79,6 +80,7 @@ class ReportServer {
   ReportServer(const ReportServer&) = delete;
   ReportServer& operator=(const ReportServer&) = delete;
 
+  bool HasCertificate() const;  // TlsCertificate::Callback has one then
   std::uint16_t Port() const;
   // "http://127.0.0.1:4711", with the actual port; with a certificate "https://...".
   std::string Url() const;

@@ -48,10 +48,10 @@ def body(*records):
 class Server:
     """veldrep serve with a page, and what sends to it."""
 
-    def __init__(self):
+    def __init__(self, *options):
         self.folder = tempfile.mkdtemp()
         self.process = subprocess.Popen(
-            [VELDREP, "serve", "--page", "--out", os.path.join(self.folder, "out.ndjson")],
+            [VELDREP, "serve", "--out", os.path.join(self.folder, "out.ndjson"), *(options or ["--page"])],
             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         lines = iter(self.process.stdout.readline, "")
         found = {}
@@ -80,6 +80,7 @@ class Server:
             return error.code
 
     def get(self, path):
+        """Of the page."""
         return urllib.request.urlopen(self.page + path, timeout=PATIENCE).read().decode()
 
 
@@ -91,7 +92,7 @@ class Page(unittest.TestCase):
         options.binary_location = shutil.which("chromium")
         cls.downloads = os.path.join(cls.server.folder, "downloads")
         for argument in ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                         "--window-size=1300,1000", "--user-data-dir=" + os.path.join(cls.server.folder, "profile")]:
+                         "--ignore-certificate-errors", "--window-size=1300,1000", "--user-data-dir=" + os.path.join(cls.server.folder, "profile")]:
             options.add_argument(argument)
         options.add_experimental_option("prefs", {"download.default_directory": cls.downloads})
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
@@ -258,6 +259,23 @@ class Page(unittest.TestCase):
         self.assertEqual(counts, sorted(counts))
         self.assertEqual(counts[-1], value("veldrep_sink_seconds_count"))
         self.assertTrue(all(family.documentation and family.type != "unknown" for family in families.values()))
+
+    def test_8_beyond_loopback_it_speaks_tls(self):
+        pem = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "host", "tls", "server.pem")
+        server = Server("--page", "0.0.0.0:0", "--page-token", "correct-horse", "--certificate", pem,
+                        "--certificate-key", pem)
+        try:
+            self.assertTrue(server.page.startswith("https://0.0.0.0:"))
+            self.browser.get(server.page.replace("0.0.0.0", "127.0.0.1"))
+            self.browser.get_log("browser")  # the 401 of the form
+            self.browser.find_element(By.NAME, "token").send_keys("correct-horse", Keys.ENTER)
+            eventually("the page", lambda: self.browser.find_elements(By.ID, "connection"))
+            self.wait_text("connection", "live")
+            cookie = self.browser.get_cookie("veldrep_page")
+            self.assertTrue(cookie["secure"] and cookie["httpOnly"])
+        finally:
+            self.browser.get("about:blank")
+            server.end()
 
 
 if __name__ == "__main__":

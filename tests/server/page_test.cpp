@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
@@ -32,7 +33,7 @@ class PageTest : public testing::Test {
              ReportServerOptions options = {}) {
     page_.reset();
     server_.reset();
-    options.sinks = {{folder_ / "out.ndjson"}};
+    if (options.sinks.empty()) options.sinks = {{folder_ / "out.ndjson"}};
     options.observer = &watch_;
     server_ = std::make_unique<ReportServer>(std::move(options));
     page_ =
@@ -90,6 +91,7 @@ TEST_F(PageTest, OtherSitesDontReadIt) {
     EXPECT_EQ(Get(each.path, each.headers).status, each.status) << each.path << "\n" << each.headers;
   EXPECT_THAT(Ask("POST", "/state", "", "").text, HasSubstr("Allow: GET, HEAD"));
   EXPECT_EQ(Ask("POST", "/", "", std::string(5000, 'x')).status, 0);
+  EXPECT_EQ(Get("/state", std::string("A: b\0c\r\n", 8)).status, 400);
   EXPECT_THAT(Get("/").text, HasSubstr("default-src 'none'; script-src 'self'"));
 }
 
@@ -112,6 +114,31 @@ TEST_F(PageTest, WithATokenNothingIsReadWithoutIt) {
   const std::string cookie = entered.text.substr(begin, entered.text.find(';', begin) - begin);
   EXPECT_EQ(Get("/state", "Cookie: a=b; " + cookie + "\r\n").status, 200);
   EXPECT_EQ(Get("/state", "Host: rebound.example:{port}\r\nCookie: " + cookie + "\r\n").status, 421);
+}
+
+TEST_F(PageTest, IsReadyWhileEverySinkStores) {
+  ReportServerOptions options;
+  options.sinks = {{folder_ / "sub/out.ndjson"}, {folder_ / "out.ndjson"}};
+  std::filesystem::create_directory(folder_ / "sub");
+  Start("", "127.0.0.1", options);
+  const auto expect = [&](int ready, const char* sentence) {
+    EXPECT_THAT(Get("/readyz").text, HasSubstr(sentence));
+    EXPECT_EQ(Get("/readyz").status, ready);
+    EXPECT_EQ(Get("/healthz").status, 200);
+    const RawAnswer head = Ask("HEAD", "/readyz", "", "");
+    EXPECT_EQ(head.status, ready);
+    EXPECT_THAT(head.text, testing::EndsWith("\r\n\r\n"));
+  };
+  expect(200, "ok");
+  std::filesystem::remove_all(folder_ / "sub");
+  EXPECT_EQ(Exchange(server_->Port(), Post(exampleBody)).status, 503);
+  expect(503, "couldn't be stored");
+  std::filesystem::create_directory(folder_ / "sub");
+  EXPECT_EQ(Exchange(server_->Port(), Post(exampleBody)).status, 200);
+  expect(200, "ok");
+  server_->Stop();
+  expect(503, "the server is stopping");
+  EXPECT_THAT(Ask("DELETE", "/readyz", "", "").text, HasSubstr("Allow: GET, HEAD"));
 }
 
 // Whatever a client is refused or cut for, by the server or by the HTTP library, is counted once.

@@ -35,7 +35,7 @@ int Serve(ServeOptions& given) {
 
   server::ReportServer server(std::move(settings.report));
   std::optional<server::PageServer> page;
-  if (watch) page.emplace(*settings.page, server, *watch);
+  if (watch) logProblem(page.emplace(*settings.page, server, *watch).Warning());
   std::printf("listening on %s\n%s\n%s", server.Url().c_str(), DescribeKeys(settings.keys).c_str(),
               page ? ("page on " + page->Url() + "\n").c_str() : "");
   std::fflush(stdout);

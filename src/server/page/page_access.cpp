@@ -48,24 +48,27 @@ bool IsNumericAddress(std::string_view text) {
 
 }  // namespace
 
-PageAccess::PageAccess(std::vector<std::string> names, bool anyAddress, std::uint16_t port, std::string token)
+PageAccess::PageAccess(std::vector<std::string> names, bool anyAddress, std::uint16_t port, std::string token,
+                       bool isTls)
     : names_(std::move(names)),
       anyAddress_(anyAddress),
       port_(std::to_string(port)),
       token_(std::move(token)),
+      isTls_(isTls),
       session_(RandomName()) {}
 
 bool PageAccess::IsToken(std::string_view text) const { return !token_.empty() && IsSame(text, token_); }
 
 std::string PageAccess::Cookie() const {
-  return std::string(cookieName) + session_ + "; HttpOnly; SameSite=Strict; Path=/";
+  return std::string(cookieName) + session_ + "; HttpOnly; SameSite=Strict; Path=/" +
+         (isTls_ ? "; Secure" : "");
 }
 
 bool PageAccess::IsOwnHost(std::string_view host) const {
   const std::size_t colon = host.rfind(':');
   const bool hasPort = colon != std::string_view::npos && host.find(']', colon) == std::string_view::npos;
   // Browsers leave out the default port.
-  if (hasPort ? host.substr(colon + 1) != port_ : port_ != "80") return false;
+  if (hasPort ? host.substr(colon + 1) != port_ : port_ != (isTls_ ? "443" : "80")) return false;
   const std::string_view name = hasPort ? host.substr(0, colon) : host;
   return (anyAddress_ && IsNumericAddress(name)) ||
          std::any_of(names_.begin(), names_.end(),
@@ -73,12 +76,13 @@ bool PageAccess::IsOwnHost(std::string_view host) const {
 }
 
 PageAccess::Verdict PageAccess::Check(const PageRequest& request) const {
-  constexpr std::string_view bearer = "Bearer ", http = "http://";
+  constexpr std::string_view bearer = "Bearer ";
+  const std::string scheme = isTls_ ? "https://" : "http://";
   if (request.authorization.starts_with(bearer) && IsToken(request.authorization.substr(bearer.size())))
     return Verdict::granted;
   if (!IsOwnHost(request.host)) return Verdict::otherHost;
   // A link on another site may lead here; no site may fetch anything from here.
-  if (!request.origin.empty() && request.origin != std::string(http).append(request.host))
+  if (!request.origin.empty() && request.origin != scheme + std::string(request.host))
     return Verdict::otherOrigin;
   if ((request.fetchSite == "cross-site" || request.fetchSite == "same-site") && !request.isNavigation)
     return Verdict::otherOrigin;

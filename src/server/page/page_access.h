@@ -25,8 +25,9 @@ class PageAccess {
   enum class Verdict { granted, otherHost, otherOrigin, needsToken };
 
   // `names`: by which the page may be called, in brackets if they are IPv6 addresses. `anyAddress`: any
-  // numeric address will do. `token`: empty: none is needed.
-  PageAccess(std::vector<std::string> names, bool anyAddress, std::uint16_t port, std::string token);
+  // numeric address will do. `token`: empty: none is needed. `isTls`: the page is at https://.
+  PageAccess(std::vector<std::string> names, bool anyAddress, std::uint16_t port, std::string token,
+             bool isTls);
 
   Verdict Check(const PageRequest& request) const;
   bool IsToken(std::string_view text) const;
@@ -40,6 +41,7 @@ class PageAccess {
   const bool anyAddress_;
   const std::string port_;
   const std::string token_;
+  const bool isTls_;
   const std::string session_;  // a random name for this server's run
 };
 

@@ -16,6 +16,7 @@
 #include "server/listen_socket.h"
 #include "server/page/page_access.h"
 #include "server/page/page_assets.h"
+#include "server/tls_options.h"
 
 namespace veld_report::server {
 namespace {
@@ -82,14 +83,14 @@ void RequireToken(const BoundAddress& bound, const std::string& token) {
         "the page shows what the records hold, so beyond loopback it needs a token (--page-token)");
 }
 
-PageAccess MakeAccess(const PageServerOptions& options, const BoundAddress& bound) {
+PageAccess MakeAccess(const PageServerOptions& options, const BoundAddress& bound, bool isTls) {
   std::vector<std::string> names{bound.text};
   if (!options.address.empty()) names.push_back(options.address);
   if (bound.isLoopback) names.insert(names.end(), {"localhost", "127.0.0.1", "[::1]"});
   std::array<char, 256> machine{};
   if (!bound.isLoopback && gethostname(machine.data(), machine.size() - 1) == 0)
     names.emplace_back(machine.data());
-  return {std::move(names), bound.isAny, bound.port, options.token};
+  return {std::move(names), bound.isAny, bound.port, options.token, isTls};
 }
 
 }  // namespace
@@ -100,15 +101,19 @@ class PageServer::Impl {
       : server_(server),
         watch_(watch),
         listening_(Listen(options)),
-        access_(MakeAccess(options, listening_.Address())),
+        isTls_(!listening_.Address().isLoopback && server.HasCertificate()),
+        access_(MakeAccess(options, listening_.Address(), isTls_)),
         connections_({connectionLimit, requestTime, formBytes * connectionLimit}, nullptr) {
     RequireToken(listening_.Address(), options.token);
     watch_.Run([this] { return server_.Load(); });
-    daemon_ = MHD_start_daemon(
-        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr,
-        &Impl::OnRequest, this, MHD_OPTION_LISTEN_SOCKET, listening_.Handle(), MHD_OPTION_CONNECTION_LIMIT,
-        2 * connectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
-        &Impl::OnCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::OnConnection, this, MHD_OPTION_END);
+    auto tls = TlsOptions(isTls_);
+    daemon_ = MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_ALLOW_SUSPEND_RESUME |
+                                   (isTls_ ? MHD_USE_TLS : MHD_NO_FLAG),
+                               0, nullptr, nullptr, &Impl::OnRequest, this, MHD_OPTION_ARRAY, tls.data(),
+                               MHD_OPTION_LISTEN_SOCKET, listening_.Handle(), MHD_OPTION_CONNECTION_LIMIT,
+                               2 * connectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, idleTimeoutSeconds,
+                               MHD_OPTION_NOTIFY_COMPLETED, &Impl::OnCompleted, this,
+                               MHD_OPTION_NOTIFY_CONNECTION, &Impl::OnConnection, this, MHD_OPTION_END);
     if (daemon_) return;
     watch_.Stop();
     throw std::runtime_error("the HTTP library can't start the page's thread");
@@ -123,8 +128,15 @@ class PageServer::Impl {
   Impl& operator=(const Impl&) = delete;
 
   std::uint16_t Port() const { return listening_.Port(); }
+  std::string Warning() const {
+    if (listening_.Address().isLoopback || isTls_) return {};
+    return Url() +
+           ": the page's token and what it shows cross the network as clear text; with --certificate "
+           "it speaks TLS";
+  }
   std::string Url() const {
-    return "http://" + listening_.Address().text + ":" + std::to_string(listening_.Port()) + "/";
+    return (isTls_ ? "https://" : "http://") + listening_.Address().text + ":" +
+           std::to_string(listening_.Port()) + "/";
   }
 
  private:
@@ -212,9 +224,11 @@ class PageServer::Impl {
     }
     if (path == "/healthz") return Sentence(MHD_HTTP_OK, "ok");
     if (path == "/readyz") {
-      return server_.Load().sinkFails
-                 ? Sentence(MHD_HTTP_SERVICE_UNAVAILABLE, "the latest message couldn't be stored")
-                 : Sentence(MHD_HTTP_OK, "ok");
+      const ServerLoad load = server_.Load();
+      if (load.stopping) return Sentence(MHD_HTTP_SERVICE_UNAVAILABLE, "the server is stopping");
+      if (load.sinkFails)
+        return Sentence(MHD_HTTP_SERVICE_UNAVAILABLE, "the latest message couldn't be stored");
+      return Sentence(MHD_HTTP_OK, "ok");
     }
     if (const std::optional<Answer> refusal = Refused(connection, path)) return *refusal;
     if (isForm) return TakeToken(form);
@@ -352,6 +366,7 @@ class PageServer::Impl {
   const ReportServer& server_;
   PageWatch& watch_;
   const ListenSocket listening_;
+  const bool isTls_;
   const PageAccess access_;
   ConnectionWatch connections_;
   MHD_Daemon* daemon_ = nullptr;
@@ -367,5 +382,6 @@ PageServer::~PageServer() = default;
 
 std::uint16_t PageServer::Port() const { return impl_->Port(); }
 std::string PageServer::Url() const { return impl_->Url(); }
+std::string PageServer::Warning() const { return impl_->Warning(); }
 
 }  // namespace veld_report::server

@@ -9,7 +9,8 @@
 //   /readyz     200 while messages can be stored, otherwise 503 with a sentence
 //
 // The last two say nothing about records and are open to everybody; who may see the rest is in page_access.h.
-// No TLS: beyond loopback, put a proxy in front or use a tunnel.
+// Beyond loopback it speaks TLS with the server's certificate, if that has one. On loopback it doesn't: no
+// certificate names 127.0.0.1, and nobody listens there who couldn't read the process.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +42,8 @@ class PageServer {
   std::uint16_t Port() const;
   // "http://127.0.0.1:4711/".
   std::string Url() const;
+  // What its owner should hear about how it can be reached; empty: nothing.
+  std::string Warning() const;
 
  private:
   class Impl;
