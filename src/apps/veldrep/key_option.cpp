@@ -59,8 +59,10 @@ std::string DescribeKeys(const KeyRing& keys) {
   std::map<std::string, std::string> ids;
   for (const auto& [id, name] : keys.names) ids[name] = id;
   std::string text;
-  for (const auto& [name, id] : ids)
-    text += (text.empty() ? "signatures: required, of " : " or ") + name + " (" + id + ")";
+  for (const auto& [name, id] : ids) {
+    text.append(text.empty() ? "signatures: required, of " : " or ").append(name);
+    text.append(" (").append(id).append(")");
+  }
   return text;
 }
 

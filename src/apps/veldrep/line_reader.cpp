@@ -10,7 +10,7 @@
 namespace veld_report::app {
 namespace {
 
-constexpr std::size_t blockBytes = 256 * 1024;
+constexpr std::size_t blockBytes = std::size_t{256} * 1024;
 
 }  // namespace
 

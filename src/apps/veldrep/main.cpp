@@ -60,7 +60,7 @@ std::string SuggestionFor(const CLI::App& app, const std::string& given) {
 
 // The parser's own words for what is wrong with the values of an option, in this program's.
 std::string Plain(const CLI::ParseError& error) {
-  const std::string text = error.what();
+  std::string text = error.what();
   const std::string name = text.substr(0, text.find(": "));
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error))
     return name + (text.find(" missing") == std::string::npos ? ": give it only once" : ": give it a value");

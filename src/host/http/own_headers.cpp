@@ -43,7 +43,8 @@ void CheckOwnHeaders(const HttpClientOptions& options) {
     }
     if (std::ranges::any_of(reservedNames,
                             [&](const char* each) { return strcasecmp(each, name.c_str()) == 0; })) {
-      throw std::invalid_argument("header " + number + ": " + name + " is set by the client; leave it out");
+      throw std::invalid_argument(std::string("header ").append(number).append(": ").append(name).append(
+          " is set by the client; leave it out"));
     }
   }
   if (!options.userAgent.empty() && !IsHeaderLine(options.userAgent)) {

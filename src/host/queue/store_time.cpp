@@ -67,9 +67,10 @@ void StoreTime::WriteNote() noexcept {
   // Always as long, so that it replaces what is there in one write, whoever else writes it.
   std::array<char, noteBytes + 1> line{};
   const std::string_view boot = machine_->Boot();
+  const std::int64_t storeMs = base_ + uptimeMs;
   const int length =
       std::snprintf(line.data(), line.size(), "%17lld %17lld %17lld %-44.*s\n",
-                    static_cast<long long>(base_ + uptimeMs), static_cast<long long>(machine_->CalendarMs()),
+                    static_cast<long long>(storeMs), static_cast<long long>(machine_->CalendarMs()),
                     static_cast<long long>(uptimeMs), static_cast<int>(boot.size()), boot.data());
   if (length != noteBytes) return;
   File file = File::Open(file_, File::Mode::write);

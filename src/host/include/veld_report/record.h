@@ -107,7 +107,7 @@ requires(sizeof(Rep) == 8) inline constexpr std::uint32_t
 // The kind of a plain value; 0 for any other type.
 template <class T>
 consteval std::uint32_t PlainKind() {
-  if constexpr (NamedEnum<T>) {
+  if constexpr (NamedEnum<T>) {  // NOLINT(bugprone-branch-clone): the last branch gives 0 too
     return 0;
   } else if constexpr (std::is_enum_v<T>) {
     return PlainKind<std::underlying_type_t<T>>();
