@@ -2,7 +2,7 @@
 # what is different for Windows.
 #
 # Two components become two packages: `runtime` (module, C library, program, man pages, completions) and `dev`
-# (headers, the host kit's archives, CMake and pkg-config files, documents).
+# (headers, the host kit's archives, CMake and pkg-config files, documents). VeldService.cmake has a third.
 include_guard(GLOBAL)
 include(CMakePackageConfigHelpers)
 
@@ -137,4 +137,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "veld-report (= ${PROJECT_VERSION}), libcurl4-openssl-dev, libsimdjson-dev, libsqlite3-dev, libssl-dev, libzstd-dev, zlib1g-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
   "Headers, the host kit's library and the files with which CMake and pkg-config\n find them, with examples and documents.")
+if(VELD_SERVE)
+  include(VeldService)
+endif()
 include(CPack)

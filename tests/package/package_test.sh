@@ -152,6 +152,7 @@ EOF
 }
 
 root=$work/root
+service_files="etc/veld-report/server.toml usr/lib/systemd/system/veld-report-server.service usr/lib/systemd/system/veld-report-server.socket usr/share/man/man8/veld-report-server.8"
 as_root() { dpkg --root="$root" --log=/dev/null --force-not-root --force-depends --force-script-chrootless "$@"; }
 files_of_packages() { find "$root" -mindepth 1 -path "$root/var" -prune -o ! -type d -print; }
 
@@ -161,7 +162,10 @@ install_packages() {
   touch "$root/var/lib/dpkg/status"
   # The dependencies are this machine's own, which the clean root knows nothing of.
   as_root -i "$work"/packages/*.deb >"$work/dpkg.log" 2>&1 || fail "dpkg -i: $(cat "$work/dpkg.log")"
-  same "files in the packages" "$(cd "$root/usr" && find . ! -type d | sort)" "$(cd "$prefix" && find . ! -type d | sort)"
+  same "files of the service" "$(cd "$root" && ls etc/*/* usr/lib/systemd/system/* usr/share/man/man8/* | xargs)" "$service_files"
+  same "configuration files of the service" "$(as_root -s veld-report-server | sed -n '/^Conffiles/,/^[^ ]/s/^ \([^ ]*\) .*/\1/p')" "/etc/veld-report/server.toml"
+  same "files in the other packages" "$(cd "$root/usr" && find . ! -type d ! -path './lib/systemd/*' ! -path '*/man8/*' | sort)" \
+    "$(cd "$prefix" && find . ! -type d | sort)"
   prefix=$root/usr
   ! grep -r rpath "$prefix/lib/pkgconfig" || fail "a package of the system sets a RUNPATH"
   echo '{"a":1}' >"$work/record"
@@ -223,12 +227,19 @@ check_man_pages() {
 
 # The example of a configuration is one that serve takes, and shows every option and each default that is a number.
 check_configuration() {
-  local example=$prefix/share/doc/veld_report/docs/server.toml
+  local example=$root/etc/veld-report/server.toml
   same "options in $(basename "$example")" "$(sed -nE 's/^(# )?([a-z-]+) = .*/--\2/p' "$example" | sort -u | xargs)" \
     "$(options_of "$prefix/bin/veldrep" serve | grep -vE '^--(help|config|check-config)$' | sort -u | xargs)"
   same "defaults in $(basename "$example")" "$(sed -nE 's/^# ([a-z-]+) = ([0-9]+).*/--\1=\2/p' "$example" | sort | xargs)" \
     "$("$prefix/bin/veldrep" serve --help | sed -nE 's/^ *(--[a-z-]+) [^ ]*=([0-9]+)( .*)?$/\1=\2/p' | sort | xargs)"
   same "check of $(basename "$example")" "$(cd "$work" && "$prefix/bin/veldrep" serve --config "$example" --check-config 2>&1)" good
+}
+
+# The units as systemd reads them, without the system's own, and how far their sandbox goes: below 10 of 100 is "safe".
+check_units() {
+  local unit=$prefix/lib/systemd/system/veld-report-server.service
+  same "what systemd says to the units" "$(systemd-analyze verify --root="$root" --man=no "$unit" "${unit%service}socket" 2>&1 | grep -E ':[0-9]+: |/usr/bin/veldrep' || true)" ""
+  systemd-analyze security --offline=yes --threshold=9 --no-pager "$unit" >"$work/log" || fail "the sandbox: $(tail -n 1 "$work/log")"
 }
 
 complete_words() (
@@ -248,7 +259,7 @@ check_completion() {
 }
 
 remove_packages() {
-  as_root --purge veld-report-dev veld-report >"$work/dpkg.log" 2>&1 || fail "dpkg --purge: $(cat "$work/dpkg.log")"
+  as_root --purge veld-report-dev veld-report-server veld-report >"$work/dpkg.log" 2>&1 || fail "dpkg --purge: $(cat "$work/dpkg.log")"
   same "what the removed packages leave behind" "$(files_of_packages)" ""
 }
 
@@ -267,6 +278,7 @@ run_pages LD_LIBRARY_PATH="$prefix/lib"
 check_versions
 check_man_pages
 check_configuration
+check_units
 check_completion
 remove_packages
 echo "package_test: installed, used and removed"
