@@ -30,8 +30,9 @@ _veldrep() {
       mapfile -t COMPREPLY < <(compgen -W "none gzip zstd" -- "$current")
       return
       ;;
-    --listen | --url | --status | --body-limit | --body-memory | --connections | --request-time | --rate | --rate-burst | --consumer | --packet-limit | --queue-limit | --send-timeout | \
-      --to | --trace-level | --wait | -n)
+    --listen | --page | --page-token | --url | --from | --status | --threads | --body-limit | --body-memory | --connections | \
+      --request-time | --rate | --rate-burst | --remember | --rotate-size | --rotate-every | --consumer | --idle | \
+      --packet-limit | --queue-limit | --send-timeout | --to | --trace-level | --wait | -n)
       return
       ;;
   esac

@@ -253,7 +253,8 @@ complete_words() (
 
 check_completion() {
   same "completion of ke" "$(complete_words ke)" keygen
-  same "completion of serve --lis" "$(complete_words serve --lis)" --listen
+  same "completion of serve --c" "$(complete_words serve --c)" \
+    "--capture --certificate --certificate-key --check-config --config --connections"
   same "completion of queues --store x pe" "$(complete_words queues --store x pe)" peek
   same "completion of queues clear --" "$(complete_words queues clear --)" "--all --help --json --store"
 }
