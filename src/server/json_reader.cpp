@@ -3,7 +3,10 @@
 #include <simdjson.h>
 
 #include <array>
+#include <cstdint>
+#include <cstring>
 #include <string>
+#include <utility>
 
 #include "host/base/printable.h"
 #include "host/base/text.h"
@@ -37,9 +40,11 @@ class Scanner {
     Fail("not valid UTF-8");
   }
 
-  void WholeObject(std::vector<JsonMember>* members) {
+  // `list`, `onElement`: may be empty and null.
+  void WholeObject(std::vector<JsonMember>* members, std::string_view list = {},
+                   const OnElement* onElement = nullptr) {
     Begin('{', "isn't a JSON object");
-    Object(members);
+    Object(members, list, onElement);
     End();
   }
   void WholeArray(const OnElement* onElement) {
@@ -111,7 +116,8 @@ class Scanner {
     SkipBlanks();
   }
 
-  void Object(std::vector<JsonMember>* members) {
+  void Object(std::vector<JsonMember>* members, std::string_view list = {},
+              const OnElement* onElement = nullptr) {
     Descend();
     if (!Take('}')) {
       do {
@@ -123,10 +129,15 @@ class Scanner {
         SkipBlanks();
         if (!Take(':')) FailHere("\":\" after a member's name");
         SkipBlanks();
-        const std::string_view value = Value();
+        std::string name = members ? Unescaped(key) : std::string();
+        const std::size_t valueBegin = position_;
+        if (onElement && Peek() == '[' && name == list)
+          Array(onElement);
+        else
+          Value();
         if (members) {
           if (members->size() == maxJsonMembers) Fail("an object has too many members");
-          members->push_back({Unescaped(key), value});
+          members->push_back({std::move(name), text_.substr(valueBegin, position_ - valueBegin)});
         }
         SkipBlanks();
       } while (Take(','));
@@ -152,13 +163,29 @@ class Scanner {
   void String() {
     ++position_;
     for (;;) {
-      while (!AtEnd() && isPlain[static_cast<unsigned char>(Peek())]) ++position_;
+      SkipPlain();
       if (Take('"')) return;
       if (AtEnd()) Fail("a string isn't closed");
       if (static_cast<unsigned char>(Peek()) < 0x20) Fail("a string contains a control character");
       ++position_;  // a backslash
       Escape();
     }
+  }
+
+  // Eight bytes at a time: most of what arrives here is one long string, or several short ones.
+  void SkipPlain() {
+    constexpr std::uint64_t each = 0x0101010101010101, high = each << 7;
+    for (; text_.size() - position_ >= sizeof(std::uint64_t); position_ += sizeof(std::uint64_t)) {
+      std::uint64_t eight = 0;
+      std::memcpy(&eight, text_.data() + position_, sizeof eight);
+      // A byte's high bit is set here if it is below 0x20, or zero once it is compared; that of a byte after
+      // one of these may be set too, which is looked at below.
+      const std::uint64_t quote = eight ^ each * '"', backslash = eight ^ each * '\\';
+      const std::uint64_t found =
+          ((eight - each * 0x20) & ~eight) | ((quote - each) & ~quote) | ((backslash - each) & ~backslash);
+      if ((found & high) != 0) break;
+    }
+    while (!AtEnd() && isPlain[static_cast<unsigned char>(Peek())]) ++position_;
   }
 
   void Escape() {
@@ -216,6 +243,13 @@ class Scanner {
 std::vector<JsonMember> ReadJsonObject(std::string_view text, std::size_t maxDepth) {
   std::vector<JsonMember> members;
   Scanner(text, maxDepth).WholeObject(&members);
+  return members;
+}
+
+std::vector<JsonMember> ReadJsonObject(std::string_view text, std::string_view list,
+                                       const OnElement& onElement) {
+  std::vector<JsonMember> members;
+  Scanner(text, maxJsonDepth).WholeObject(&members, list, &onElement);
   return members;
 }
 

@@ -41,6 +41,10 @@ inline constexpr std::size_t maxJsonMembers = 16;
 std::vector<JsonMember> ReadJsonObject(std::string_view text, std::size_t maxDepth = maxJsonDepth);
 // Checks that the text is an object, with any number of members.
 void CheckJsonObject(std::string_view text, std::size_t maxDepth = maxJsonDepth);
+// The same in one go with the elements of a member: if `list` is an array, `onElement` gets the exact text of
+// each of its elements. An error behind an element is thrown once that element has been handed out.
+std::vector<JsonMember> ReadJsonObject(std::string_view text, std::string_view list,
+                                       const std::function<void(std::string_view)>& onElement);
 // Calls `onElement` for each element of an array with its exact text, without the whitespace around it. An
 // error after an element is thrown once that element has been handed out.
 void ReadJsonArray(std::string_view text, const std::function<void(std::string_view)>& onElement,

@@ -50,8 +50,12 @@ void RefuseOthers(const std::vector<JsonMember>& members, std::string_view first
   }
 }
 
+// `value`: of a member that was read, so it is valid JSON.
 std::string DecodeMember(std::string_view value, const std::string& name) {
-  const std::string text = Reading(name, [&] { return ReadJsonString(value); });
+  std::string unescaped;
+  std::string_view text = value.substr(1, value.size() - 2);
+  if (!value.starts_with('"') || value.find('\\') != std::string_view::npos)
+    text = unescaped = Reading(name, [&] { return ReadJsonString(value); });
   std::string bytes;
   const std::string problem = DecodeBase64(text, &bytes);
   if (!problem.empty()) throw Refusal(name + " isn't valid base-64: it " + problem);
@@ -97,20 +101,24 @@ void AppendLine(std::string_view item, std::string* lines) {
 }
 
 void ReadItems(MessageContent* content) {
-  const auto members = Reading("the payload", [&] { return ReadJsonObject(content->payloadText); });
+  std::string lines, problem;
+  std::size_t count = 0;
+  lines.reserve(content->payloadText.size());  // line ends take the place of commas and brackets
+  const auto onItem = [&](std::string_view item) {
+    ++count;
+    if (!problem.empty()) return;
+    if (item.starts_with('{'))
+      AppendLine(item, &lines);
+    else
+      problem = "item " + std::to_string(count) + " isn't a JSON object: " + host::Printable(item);
+  };
+  const auto members =
+      Reading("the payload", [&] { return ReadJsonObject(content->payloadText, "array", onItem); });
   const std::string_view array = TakeMember(members, "array", "the payload");
   RefuseOthers(members, "array", "array", "the payload");
-  std::string lines;
-  std::size_t count = 0;
-  lines.reserve(array.size());  // line ends take the place of commas and brackets
-  Reading("\"array\" of the payload", [&] {
-    ReadJsonArray(array, [&](std::string_view item) {
-      ++count;
-      if (!item.starts_with('{'))
-        throw Refusal("item " + std::to_string(count) + " isn't a JSON object: " + host::Printable(item));
-      AppendLine(item, &lines);
-    });
-  });
+  // If it is none, this says what it is.
+  if (!array.starts_with('[')) Reading("\"array\" of the payload", [&] { ReadJsonArray(array, onItem); });
+  if (!problem.empty()) throw Refusal(problem);
   content->itemLines = std::move(lines);
   content->itemCount = count;
 }

@@ -202,26 +202,31 @@ void NdjsonFile::LookAtFile() {
 }
 
 void NdjsonFile::WriteGroup(std::vector<Member>& group) {
-  std::string lines;
-  std::unordered_set<std::string> fresh;
-  for (Member& member : group) {
-    ReadRecords(member.packet->lines, [&](const SinkRecord& record) {
-      if (ids_.Contains(record.id) || fresh.contains(record.id)) {
-        ++member.result.repeated;
-        return;
-      }
-      // More than can be remembered would only fill the memory.
-      if (!record.id.empty() && fresh.size() < ids_.Limit()) fresh.insert(record.id);
-      lines.append(record.text).push_back('\n');
-      ++member.result.stored;
-    });
+  try {
+    std::string lines;
+    for (Member& member : group) {
+      ReadRecords(member.packet->lines, [&](const SinkRecord& record) {
+        if (!record.id.empty() && !ids_.Add(record.id)) {
+          ++member.result.repeated;
+          return;
+        }
+        lines.append(record.text).push_back('\n');
+        ++member.result.stored;
+      });
+    }
+    if (!lines.empty()) Write(std::move(lines));
+  } catch (...) {
+    ids_.Withdraw();
+    throw;
   }
-  if (lines.empty()) return;
+  ids_.Keep();
+}
+
+void NdjsonFile::Write(std::string lines) {
   LookAtFile();
   if (IsTimeToRotate(lines.size())) Rotate();
   if (file_.endsInLine) lines.insert(0, 1, '\n');
   Append(lines);
-  Remember(fresh);
 }
 
 void NdjsonFile::Append(const std::string& lines) {
@@ -257,11 +262,6 @@ bool NdjsonFile::CutBack() {
   return true;
 }
 
-// If memory runs out here, what is stored may be stored once more, but it is stored.
-void NdjsonFile::Remember(const std::unordered_set<std::string>& ids) {
-  for (const std::string& id : ids) ids_.Add(id);
-}
-
 void NdjsonFile::Recall() {
   constexpr std::uint64_t bytesForEach = 1024;
   constexpr std::uint64_t blockBytes = std::uint64_t{1} << 20;
@@ -276,7 +276,7 @@ void NdjsonFile::Recall() {
     // What isn't a whole line has no id that can be read; so neither has a first one that was cut.
     const std::size_t whole = lines.rfind('\n') + 1;
     ReadRecords(std::string_view(lines).substr(0, whole), [this](const SinkRecord& record) {
-      if (!record.id.empty()) ids_.Add(record.id);
+      if (!record.id.empty() && ids_.Add(record.id)) ids_.Keep();
     });
     lines.erase(0, whole);
   }

@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <string>
-#include <unordered_set>
 
 #include "server/record_sink.h"
 #include "server/remembered_ids.h"
@@ -59,9 +58,9 @@ class NdjsonFile final : public GroupingSink {
   void Rotate();
   // The path, `infix`, and the moment.
   std::string FreeName(const char* infix) const;
+  void Write(std::string lines);
   void Append(const std::string& lines);
   bool CutBack();
-  void Remember(const std::unordered_set<std::string>& ids);
   void Recall();
   [[noreturn]] void Fail(const std::string& what) const;
 

@@ -11,13 +11,12 @@ namespace veld_report::server {
 namespace {
 
 // The text of a member, or nothing if it isn't a short one.
-std::string ShortText(simdjson::ondemand::object& object, std::string_view name) {
+void ReadShortText(simdjson::ondemand::object& object, std::string_view name, std::string* into) {
   constexpr std::size_t maxBytes = 64;
   std::string_view text;
-  if (object.find_field_unordered(name).get_string().get(text) != simdjson::SUCCESS) return {};
+  if (object.find_field_unordered(name).get_string().get(text) != simdjson::SUCCESS) return;
   // Not every database takes a zero character.
-  const bool fits = text.size() <= maxBytes && text.find('\0') == std::string_view::npos;
-  return std::string(fits ? text : std::string_view());
+  if (text.size() <= maxBytes && text.find('\0') == std::string_view::npos) into->assign(text);
 }
 
 }  // namespace
@@ -27,8 +26,11 @@ std::string ShortText(simdjson::ondemand::object& object, std::string_view name)
 void ReadRecords(std::string_view lines, const std::function<void(const SinkRecord&)>& onRecord) {
   simdjson::ondemand::parser parser;
   std::string padded;
+  SinkRecord record;  // one for all, so that its texts are allocated once
   while (!lines.empty()) {
-    SinkRecord record{lines.substr(0, lines.find('\n'))};
+    record.text = lines.substr(0, lines.find('\n'));
+    record.id.clear();
+    record.time.clear();
     lines.remove_prefix(std::min(record.text.size() + 1, lines.size()));
     if (record.text.find("\"record") != std::string_view::npos) {
       padded.assign(record.text).append(simdjson::SIMDJSON_PADDING, ' ');
@@ -37,8 +39,8 @@ void ReadRecords(std::string_view lines, const std::function<void(const SinkReco
       if (parser.iterate(padded.data(), record.text.size(), padded.size()).get(document) ==
               simdjson::SUCCESS &&
           document.get_object().get(object) == simdjson::SUCCESS) {
-        record.id = ShortText(object, "recordId");
-        record.time = ShortText(object, "recordTime");
+        ReadShortText(object, "recordId", &record.id);
+        ReadShortText(object, "recordTime", &record.time);
       }
     }
     onRecord(record);

@@ -39,7 +39,8 @@ struct SinkRecord {
   std::string time{};  // of "recordTime", likewise
 };
 
-// Calls `onRecord` for each record. Throws std::bad_alloc, and what `onRecord` throws.
+// Calls `onRecord` for each record, which lasts until it returns. Throws std::bad_alloc, and what `onRecord`
+// throws.
 void ReadRecords(std::string_view lines, const std::function<void(const SinkRecord&)>& onRecord);
 
 // "2026-03-31T09:41:07.123Z", as databases get it.

@@ -180,7 +180,12 @@ TEST(Sinks, TheLatestIdsAreKnownAndNoOthers) {
       const std::string id = std::to_string(random() % (3 * limit + 2));
       const bool isKnown = std::find(latest.begin(), latest.end(), id) != latest.end();
       ASSERT_EQ(ids.Contains(id), isKnown) << "limit " << limit << ", step " << i;
+      if (random() % 5 == 0) {  // several that come to nothing
+        for (int k = 0; k < 3; ++k) ids.Add("x" + std::to_string(random() % 9));
+        ids.Withdraw();
+      }
       ids.Add(id);
+      ids.Keep();
       if (!isKnown) latest.push_back(id);
       if (latest.size() > limit) latest.pop_front();
     }
