@@ -103,7 +103,7 @@ TEST_F(Sending, FailedRequestsSayWhatIsWrong) {
     std::string text;
   } cases[] = {
       {{refuses.Url()}, "", 400, "with status 400: \"no\\x0a" + std::string(197, 'x') + "\"..."},
-      {{"https://nowhere.test"}, proxy.Url(""), 0, "tunnel failed, response 403 (0x80000059 Media error)"},
+      {{"https://nowhere.test"}, proxy.Url(""), 0, "tunnel failed, response 403) (0x80000059 Media error)"},
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(each.text);
@@ -164,7 +164,7 @@ TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
       {{"127.0.0.1/v1"}, "endpoint 1 (127.0.0.1/v1): the url must begin with http:// or https://"},
       {{"http://\xff"}, "not valid UTF-8 at byte 7"},
       {{"http://127.reports.test/v1"}, "use https, or allow http"},
-      {{"https://h:99999/"}, "the url isn't valid: Port"},
+      {{"https://h:99999/"}, "the url isn't valid: its port isn't"},
       {{"https://h", "veld_report.trigger"}, "this consumer name is reserved"},
       {{"https://h", "", {"no certificate"}}, "endpoint 1"},
       {{"http://127.0.0.1", "", {"sha256//"}}, "without TLS nothing checks them; use https"},

@@ -131,7 +131,8 @@ int FinishOutput(int exitCode) {
   errno = 0;
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exitCode;
   const std::string why = errno == 0 ? "" : ": " + std::generic_category().message(errno);
-  Complain("stdout can't be written" + why);
+  Complain(errno == EBADF ? "stdout is closed, so nothing could be printed"
+                          : "stdout can't be written" + why);
   return exitCode == exitOk ? exitFailed : exitCode;
 }
 

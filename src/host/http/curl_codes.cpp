@@ -40,6 +40,43 @@ zel::ResultCode CodeOf(CURLcode result) {
   }
 }
 
+namespace {
+
+const char* WordsOf(CURLcode result) {
+  switch (result) {
+    case CURLE_COULDNT_CONNECT:
+      return "the server can't be reached";
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return "the server's name isn't known";
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return "the proxy's name isn't known";
+    case CURLE_PROXY:
+      return "the proxy doesn't let it through";
+    case CURLE_OPERATION_TIMEDOUT:
+      return "the server took too long";
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_ISSUER_ERROR:
+      return "the server's certificate isn't trusted";
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+      return "the server has another key than the pin";
+    case CURLE_SSL_CACERT_BADFILE:
+      return "the trusted certificates can't be read";
+    case CURLE_SSL_CONNECT_ERROR:
+      return "no TLS connection came about";
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      return "the connection broke off";
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+      return "the answer isn't one of HTTP";
+    default:
+      return "the request failed";
+  }
+}
+
 const char* RemedyOf(CURLcode result) {
   switch (result) {
     case CURLE_PEER_FAILED_VERIFICATION:
@@ -54,6 +91,13 @@ const char* RemedyOf(CURLcode result) {
     default:
       return "";
   }
+}
+
+}  // namespace
+
+std::string SentenceOf(CURLcode result, const std::string& own) {
+  return std::string(WordsOf(result)) + " (" + (own.empty() ? curl_easy_strerror(result) : own) + ")" +
+         RemedyOf(result);
 }
 
 }  // namespace veld_report::host

@@ -1,7 +1,9 @@
-// Maps libcurl's results to the codes of the contract.
+// Maps libcurl's results to the codes of the contract and to sentences.
 #pragma once
 
 #include <curl/curl.h>
+
+#include <string>
 
 #include "types/result_code.h"
 
@@ -9,7 +11,8 @@ namespace veld_report::host {
 
 // Always negative, except for CURLE_OK. The codes are listed at HttpClientFactory.
 zel::ResultCode CodeOf(CURLcode result);
-// What to do about it, to follow libcurl's own sentence: "; check ...". Empty if there is nothing to add.
-const char* RemedyOf(CURLcode result);
+// What has failed, libcurl's own words in parentheses and, if there is something, what to do about it:
+// "the server can't be reached (Failed to connect to ...)". `own`: libcurl's text; empty: its usual one.
+std::string SentenceOf(CURLcode result, const std::string& own);
 
 }  // namespace veld_report::host

@@ -247,8 +247,7 @@ HttpOutcome HttpTransfer::Outcome(CURLcode result) const {
   HttpOutcome outcome;
   if (result != CURLE_OK) {
     outcome.code = CodeOf(result);
-    outcome.error = WithoutCredentials(errorText_[0] ? errorText_.data() : curl_easy_strerror(result));
-    outcome.error += RemedyOf(result);
+    outcome.error = SentenceOf(result, WithoutCredentials(errorText_.data()));
     if (zel::Failed(bodyFailure_)) {
       outcome.code = bodyFailure_;
       outcome.local = true;

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "host/http/curl_codes.h"
 #include "host/http/url_check.h"
 
 namespace veld_report::host {
@@ -95,7 +96,7 @@ ServerKeys ReadServerKeys(const std::string& url, std::chrono::milliseconds time
     curl_easy_setopt(easy.get(), CURLOPT_SSL_VERIFYHOST, 0L);
     result = curl_easy_perform(easy.get());
   }
-  if (result != CURLE_OK) throw std::runtime_error(reason[0] ? reason.data() : curl_easy_strerror(result));
+  if (result != CURLE_OK) throw std::runtime_error(SentenceOf(result, reason.data()));
   keys.chain = KeysOf(easy.get());
   return keys;
 }

@@ -23,6 +23,15 @@ bool IsLoopback(const std::string& host) {
   return host.starts_with("127.") && host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
+std::string WordsOf(CURLUcode result) {
+  const char* what = "it has a form that no url has";
+  if (result == CURLUE_BAD_PORT_NUMBER) what = "its port isn't a number up to 65535";
+  if (result == CURLUE_NO_HOST) what = "it names no host";
+  if (result == CURLUE_BAD_HOSTNAME || result == CURLUE_BAD_IPV6)
+    what = "its host isn't a name or an address";
+  return std::string(what) + " (" + curl_url_strerror(result) + ")";
+}
+
 }  // namespace
 
 UrlCheck CheckUrl(const std::string& url) {
@@ -32,7 +41,7 @@ UrlCheck CheckUrl(const std::string& url) {
   if (!parsed) throw std::bad_alloc();
   const CURLUcode result = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME);
   if (result == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
-  if (result != CURLUE_OK) return {.wrong = curl_url_strerror(result)};
+  if (result != CURLUE_OK) return {.wrong = WordsOf(result)};
   const std::string scheme = Part(parsed.get(), CURLUPART_SCHEME);
   if (scheme != "http" && scheme != "https") return {.wrong = "its scheme isn't http or https"};
   return {.isTls = scheme == "https", .isLoopback = IsLoopback(Part(parsed.get(), CURLUPART_HOST))};

@@ -55,7 +55,7 @@ BioHandle Reader(std::string_view text) {
 
 std::string ReadFile(const std::string& path) {
   std::ifstream file(FromUtf8(path), std::ios::binary);
-  if (!file) throw std::runtime_error(std::generic_category().message(errno));
+  if (!file) throw std::runtime_error("can't be opened: " + std::generic_category().message(errno));
   constexpr std::size_t limitBytes = 64 << 10;
   std::string text(limitBytes, '\0');
   file.read(text.data(), static_cast<std::streamsize>(limitBytes));

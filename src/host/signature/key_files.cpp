@@ -38,7 +38,7 @@ class NewFile {
 
  private:
   [[noreturn]] void Fail(std::error_code error) const {
-    throw std::runtime_error("key file " + path_ + ": " + error.message());
+    throw std::runtime_error("key file " + path_ + ": can't be written: " + error.message());
   }
 
   const std::string path_;

@@ -10,11 +10,14 @@ namespace {
 
 volatile sig_atomic_t interrupted = 0;
 
-// A file that is opened in place of a closed stdout would get what is printed.
+// A file that is opened in place of a closed stdout would get what is printed. What takes its place here
+// can't be written, nor that of stdin read, so whoever needs them fails.
 void KeepStandardDescriptors() {
-  for (int handle = open("/dev/null", O_RDWR); handle >= 0; handle = dup(handle)) {
-    if (handle <= STDERR_FILENO) continue;
-    close(handle);
+  for (;;) {
+    const bool stdinIsOpen = fcntl(STDIN_FILENO, F_GETFD) != -1;
+    const int handle = open("/dev/null", stdinIsOpen ? O_RDONLY : O_WRONLY);
+    if (handle <= STDERR_FILENO && handle >= 0) continue;
+    if (handle >= 0) close(handle);
     return;
   }
 }
