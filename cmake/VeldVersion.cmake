@@ -1,4 +1,5 @@
-# The header with the version is written by hand. A difference to the project's version stops the configuration.
+# The header with the version and vcpkg.json are written by hand. A difference to the project's version stops the
+# configuration.
 include_guard(GLOBAL)
 
 file(STRINGS ${PROJECT_SOURCE_DIR}/src/host/include/veld_report/version.h lines REGEX "^#define VELD_REPORT_VERSION")
@@ -11,5 +12,10 @@ foreach(line IN LISTS expected)
     message(FATAL_ERROR "veld_report/version.h lacks the line: ${line}")
   endif()
 endforeach()
-set_property(DIRECTORY APPEND PROPERTY
-  CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/host/include/veld_report/version.h)
+file(READ ${PROJECT_SOURCE_DIR}/vcpkg.json manifest)
+string(JSON version GET "${manifest}" version-semver)
+if(NOT version STREQUAL PROJECT_VERSION)
+  message(FATAL_ERROR "vcpkg.json has the version ${version}")
+endif()
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/src/host/include/veld_report/version.h ${PROJECT_SOURCE_DIR}/vcpkg.json)
