@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <list>
 #include <mutex>
@@ -25,6 +26,8 @@ std::string ReadText(const std::string& path) {
   std::string text(limitBytes, '\0');
   file.read(text.data(), static_cast<std::streamsize>(limitBytes));
   text.resize(static_cast<std::size_t>(file.gcount()));
+  if (text.empty() && std::filesystem::is_directory(path))
+    throw std::runtime_error(path + ": is a folder; name a file");
   if (text.empty()) throw std::runtime_error(path + ": is empty or can't be read");
   return text;
 }

@@ -19,12 +19,15 @@ constexpr std::size_t limitBytes = std::size_t{1} << 20;
 
 using Mistake = std::invalid_argument;  // its sentence has no place in front
 
+std::string Place(const std::string& path, toml::source_index line) {
+  return path + " line " + std::to_string(line) + ": ";
+}
+
 toml::table Parse(const std::string& path, const std::string& text) {
   try {
     return toml::parse(std::string_view(text));
   } catch (const toml::parse_error& error) {
-    throw WrongCommandLine(path + " line " + std::to_string(error.source().begin.line) + ": " +
-                           std::string(error.description()) +
+    throw WrongCommandLine(Place(path, error.source().begin.line) + std::string(error.description()) +
                            "; expected NAME = NUMBER, NAME = \"TEXT\" or NAME = [\"TEXT\", \"TEXT\"]");
   }
 }
@@ -90,7 +93,7 @@ void ReadConfig(CLI::App* command, const std::string& path) {
     try {
       Apply(command, name, value);
     } catch (const Mistake& mistake) {
-      mistakes.emplace(line, path + " line " + std::to_string(line) + ": " + name + ": " + mistake.what());
+      mistakes.emplace(line, Place(path, line).append(name).append(": ").append(mistake.what()));
     }
   }
   if (mistakes.empty()) return;

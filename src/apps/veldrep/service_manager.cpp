@@ -93,7 +93,7 @@ std::string ServiceManager::Tell(const std::string& state) const {
   const int handle = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const ssize_t sent = sendto(handle, state.data(), state.size(), MSG_NOSIGNAL,
                               reinterpret_cast<const sockaddr*>(&address), length);
-  const std::string why = sent >= 0 ? "" : failed(std::generic_category().message(errno));
+  std::string why = sent >= 0 ? "" : failed(std::generic_category().message(errno));
   if (handle >= 0) close(handle);
   return why;
 }
