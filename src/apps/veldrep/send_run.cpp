@@ -80,9 +80,9 @@ bool IsUtf16(std::string_view line) { return line.starts_with("\xff\xfe") || lin
 SendRun::SendRun(const SendOptions& options)
     : options_(options),
       started_((host::NoteInterrupts(), Clock::now())),
-      targets_(Targets(options)),
       reader_(OpenInput(options)),
       session_(options, [&options](const Ledgers& ledgers) { RefuseForeignQueues(options, ledgers); }),
+      targets_(Targets(options)),
       before_(session_.CurrentLedgers()),
       storedBefore_(session_.StoredItems()),
       room_(std::int64_t{options.queueLimitKb} << 10, targets_, before_),
@@ -142,7 +142,7 @@ void SendRun::ReadLines() {
   // The line after the last is what a run names that was stopped there.
   if (lineNumber_ + 1 >= options_.fromLine || !whyStopped_.empty()) return;
   failed_ = true;
-  Complain(reader_->Name() + ": has only " + std::to_string(lineNumber_) + " lines, so there is no line " +
+  Complain(reader_->Name() + ": ends with line " + std::to_string(lineNumber_) + ", so there is no line " +
            std::to_string(options_.fromLine) + " to begin with (--from-line)");
 }
 

@@ -60,9 +60,10 @@ class SendRun {
 
   const SendOptions options_;
   const Clock::time_point started_;
-  const std::map<std::string, std::int64_t> targets_;
   std::optional<LineReader> reader_;  // none if there is no input
   SendSession session_;
+  // The queues of each record, with how many times it goes there. Made of urls that the session has checked.
+  const std::map<std::string, std::int64_t> targets_;
   const Ledgers before_;
   const std::map<std::string, std::uint64_t> storedBefore_;
   QueueRoom room_;

@@ -32,7 +32,7 @@ void CheckLimit(const char* name, std::uint32_t value, std::uint32_t min, std::u
 
 [[noreturn]] void Refuse(std::uint64_t index, const KitEndpoint& endpoint, const std::string& why) {
   throw std::invalid_argument("settings: endpoint " + std::to_string(index + 1) + " (" +
-                              WithoutCredentials(endpoint.url) + "): " + why);
+                              WithoutControls(WithoutCredentials(endpoint.url)) + "): " + why);
 }
 
 void CheckUrlOf(const KitEndpoint& endpoint, std::uint64_t index, bool allowHttp) {

@@ -7,6 +7,7 @@
 #include <openssl/pem.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -54,6 +55,8 @@ BioHandle Reader(std::string_view text) {
 }
 
 std::string ReadFile(const std::string& path) {
+  std::error_code ignored;
+  if (std::filesystem::is_directory(FromUtf8(path), ignored)) throw std::runtime_error("is a folder");
   std::ifstream file(FromUtf8(path), std::ios::binary);
   if (!file) throw std::runtime_error("can't be opened: " + std::generic_category().message(errno));
   constexpr std::size_t limitBytes = 64 << 10;
