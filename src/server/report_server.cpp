@@ -135,7 +135,8 @@ std::string AnsweredWith(unsigned status) {
   return status == 0 ? ": closed without an answer: " : ": answered " + std::to_string(status) + ": ";
 }
 
-// Whether this side has closed first.
+// Whether this side has closed first. If the other side has closed too by now, that can't be told, and it is
+// taken for the first.
 bool HasEndedFirst(int socket) {
   tcp_info info{};
   socklen_t size = sizeof info;
@@ -185,11 +186,9 @@ class ReportServer::Impl {
     CompareLimits();
     auto tls = TlsOptions(certificate_ != nullptr);
     daemon_ = MHD_start_daemon(
-        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG |
-            (certificate_ ? MHD_USE_TLS : MHD_NO_FLAG),
-        0, nullptr, nullptr, &Impl::OnRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &Impl::OnLibraryLog, this,
-        MHD_OPTION_ARRAY, tls.data(), MHD_OPTION_LISTEN_SOCKET, socket_.Handle(), MHD_OPTION_THREAD_POOL_SIZE,
-        options_.threads,
+        WaitingFlags(certificate_ != nullptr) | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
+        &Impl::OnRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &Impl::OnLibraryLog, this, MHD_OPTION_ARRAY,
+        tls.data(), MHD_OPTION_LISTEN_SOCKET, socket_.Handle(), MHD_OPTION_THREAD_POOL_SIZE, options_.threads,
         // The library divides this among its threads, and one thread may get all connections.
         MHD_OPTION_CONNECTION_LIMIT, options_.threads * (options_.connectionLimit + spareConnections),
         MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -181,7 +182,6 @@ TEST_F(PageTest, EachReasonIsCounted) {
       {"POST /" + std::string(40'000, 'x'), "framing", "414"},
       {"POST / HTTP/1.1\r\nName: " + std::string(40'000, 'x'), "framing", "431"},
       {chunked + "zz\r\n", "framing", "400"},
-      {"nonsense\r\n", "framing", "none"},
       {Post(std::string(1001, ' ')), "size", "413"},
       {chunked + withoutEnd + withoutEnd + withoutEnd, "size", "none"},
       {Post(exampleBody, "text/plain"), "content", "400"},
@@ -204,6 +204,11 @@ TEST_F(PageTest, EachReasonIsCounted) {
     held.push_back(server_test::Connect(port, from));
     server_test::SendAll(held.back(), text);
   };
+  // Closed without an answer, which can be told from a client that goes as long as this one stays.
+  hold(server_->Port(), "nonsense\r\n", "127.0.0.1");
+  EXPECT_EQ(server_test::Receive(held.back()).text, "");
+  ++reasons["framing"];
+  ++statuses["none"];
   hold(server_->Port(), "", "127.0.0.2");
   std::string requests;
   for (int i = 0; i < 31; ++i) requests += "POST / HTTP/1.1\r\n" + host + "Content-Length: 0\r\n\r\n";
@@ -258,6 +263,20 @@ TEST_F(PageTest, EachReasonIsCounted) {
   const std::lock_guard lock(logMutex);
   EXPECT_EQ(log.size(), totals.refused + 7);
   for (const std::string& line : log) EXPECT_THAT(line, testing::StartsWith("127.0.0."));
+}
+
+// A client that begins a handshake and then waits costs no time of the processor.
+TEST_F(PageTest, HalfAHandshakeIsWaitedForQuietly) {
+  ReportServerOptions options;
+  options.requestTime = std::chrono::milliseconds(300);
+  options.certificatePath = options.certificateKeyPath = VELD_TLS_FILES "/server.pem";
+  Start("", "127.0.0.1", options);
+  const int client = server_test::Connect(server_->Port());
+  const std::clock_t before = std::clock();
+  server_test::SendAll(client, std::string("\x16\x03\x01\x00\xc8\x01", 6));
+  EXPECT_TRUE(tests::Eventually([&] { return server_->CutConnections() == 1; }));
+  EXPECT_LT(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC, 0.1);
+  close(client);
 }
 
 // Readers that never read get no memory, and don't keep the page from ending.

@@ -107,9 +107,8 @@ class PageServer::Impl {
     RequireToken(listening_.Address(), options.token);
     watch_.Run([this] { return server_.Load(); });
     auto tls = TlsOptions(isTls_);
-    daemon_ = MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_ALLOW_SUSPEND_RESUME |
-                                   (isTls_ ? MHD_USE_TLS : MHD_NO_FLAG),
-                               0, nullptr, nullptr, &Impl::OnRequest, this, MHD_OPTION_ARRAY, tls.data(),
+    daemon_ = MHD_start_daemon(WaitingFlags(isTls_) | MHD_USE_ITC | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr,
+                               nullptr, &Impl::OnRequest, this, MHD_OPTION_ARRAY, tls.data(),
                                MHD_OPTION_LISTEN_SOCKET, listening_.Handle(), MHD_OPTION_CONNECTION_LIMIT,
                                2 * connectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, idleTimeoutSeconds,
                                MHD_OPTION_NOTIFY_COMPLETED, &Impl::OnCompleted, this,
