@@ -78,6 +78,42 @@ class Programs(unittest.TestCase):
             with self.subTest(arguments):
                 self.assertIn(said, self.veldrep(*arguments, code=code, **more).stderr)
 
+    # What the system's own store says isn't tried: Wine's Schannel doesn't ask it.
+    def test_https_believes_given_authorities_and_pins_alone(self):
+        for name in "own", "other":
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                            "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-days", "2",
+                            "-keyout", name + ".key", "-out", name + ".pem"], cwd=self.folder, check=True, capture_output=True)
+        url = self.serve("--certificate", "own.pem", "--certificate-key", "own.key").replace("127.0.0.1", "localhost")
+        pin, wrong = self.veldrep("pin", url).stdout.split()[0], "sha256//" + "A" * 43 + "="
+        with open(os.path.join(self.folder, "record"), "w", encoding="utf-8") as file:
+            file.write("{}\n")
+        for number, (certificates, said) in enumerate((
+                (["own.pem"], "delivered 1"), ([pin], "delivered 1"), (["own.pem", wrong, pin], "delivered 1"),
+                (["other.pem"], "trust error"), ([wrong], "does not match pinned"), (["own.pem", wrong], "does not match pinned"),
+                (["other.pem", pin], "trust error"))):
+            with self.subTest(certificates):
+                options = [word for each in certificates for word in ("--certificate", each)]
+                wait = "10" if said == "delivered 1" else "1"
+                sent = self.veldrep("send", "--store", f"store{number}", "--wait", wait, "--url", url,
+                                    *options, "record")
+                self.assertIn(said, sent.stdout + sent.stderr)
+        self.assertEqual(self.stored(), [{}] * 3)
+
+    def test_ctrl_c_ends_a_run_in_good_order(self):
+        with open(os.path.join(self.folder, "récords"), "w", encoding="utf-8") as file:
+            file.write("{}\n")
+        with socket.create_server(("127.0.0.1", 0)) as silent, open(os.path.join(self.folder, "said"), "w+b") as said:
+            command = [r"Z:" + os.path.join(OPTIONS.build, "bin/veldrep.exe"), "send", "--store", "störe", "--wait", "60",
+                       "--url", f"http://127.0.0.1:{silent.getsockname()[1]}/", "récords"]
+            ended = subprocess.run(["wine", os.path.join(OPTIONS.build, "tests/interrupt.exe"), "störe/veld_rep.queue",
+                                    " ".join(command)], cwd=self.folder, timeout=100, stdin=subprocess.DEVNULL, stdout=said,
+                                   stderr=said)
+            said.seek(0)
+            text = said.read().decode()
+        self.assertEqual(ended.returncode, 1, text)
+        self.assertRegex(text, "veldrep: récords.*: a signal ended the run.*\r\nsubmitted")
+
     def test_static_reporter_delivers_at_exit_and_ends_in_time(self):
         program, module = "tests/reporter_static_program.exe", os.path.join(OPTIONS.build, "bin/veld_report.dll")
         self.assertEqual(run(program, module, "a", self.serve(), folder=self.folder).returncode, 0)

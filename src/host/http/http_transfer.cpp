@@ -157,6 +157,10 @@ void HttpTransfer::SetProxy() {
 void HttpTransfer::SetTls() {
   Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   Set(CURLOPT_PROXY_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  // Schannel asks whether a certificate was revoked. An authority of one's own has no list of those, and the
+  // server of a public one may be down: neither is a reason to refuse. OpenSSL doesn't ask.
+  Set(CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_REVOKE_BEST_EFFORT));
+  Set(CURLOPT_PROXY_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_REVOKE_BEST_EFFORT));
   SetTrust();
   SetOwnTrust();
 }
@@ -166,7 +170,14 @@ void HttpTransfer::SetTrust() {
   if (options.caFile.empty() && options.caDirectory.empty()) return;
   for (const CURLoption file : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO}) Set(file, OrNull(options.caFile));
   for (const CURLoption folder : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH})
-    Set(folder, OrNull(options.caDirectory));
+    SetTrustFolder(folder, options.caDirectory);
+}
+
+// Empty for none. Schannel has no such options; then there is nothing to switch off.
+void HttpTransfer::SetTrustFolder(CURLoption option, const std::string& folder) {
+  const char* const none = nullptr;
+  if (folder.empty() && curl_easy_setopt(easy_.get(), option, none) == CURLE_NOT_BUILT_IN) return;
+  Set(option, OrNull(folder));
 }
 
 // Replaces the trusted certificates by the url's own, if it has any.
@@ -183,7 +194,7 @@ void HttpTransfer::SetOwnTrust() {
   }
   // Otherwise the folder of trusted certificates would count in addition to the blob.
   Set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
-  Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  SetTrustFolder(CURLOPT_CAPATH, {});
   curl_blob blob = {const_cast<char*>(set.caPem.data()), set.caPem.size(), CURL_BLOB_NOCOPY};
   Set(CURLOPT_CAINFO_BLOB, &blob);
 }

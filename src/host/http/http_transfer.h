@@ -46,6 +46,7 @@ class HttpTransfer {
   void SetProxy();
   void SetTls();
   void SetTrust();
+  void SetTrustFolder(CURLoption option, const std::string& folder);
   void SetOwnTrust();
 
   static std::size_t ReadBody(char* buffer, std::size_t size, std::size_t count, void* self) noexcept;
