@@ -140,4 +140,12 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION
 if(VELD_SERVE)
   include(VeldService)
 endif()
+if(CMAKE_CROSSCOMPILING)
+  # The libraries, and the packages that have them, are those of the system root and not of this machine.
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${VELD_DEBIAN_ARCHITECTURE})
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+  set(CPACK_PROJECT_CONFIG_FILE ${package}/dpkg-shlibdeps.cmake)
+  file(WRITE ${CPACK_PROJECT_CONFIG_FILE}
+    "set(ENV{DPKG_ADMINDIR} ${CMAKE_SYSROOT}/var/lib/dpkg)\nset(ENV{DEB_HOST_ARCH} ${VELD_DEBIAN_ARCHITECTURE})\n")
+endif()
 include(CPack)

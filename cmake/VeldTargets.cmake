@@ -43,6 +43,23 @@ function(veld_find_headers variable header)
   set(${variable} ${path} PARENT_SCOPE)
 endfunction()
 
+# veld_startable(PATH TARGET): sets PATH to what a test starts to run the program TARGET. For another architecture that
+# is a script that runs it in QEMU: a program in QEMU starts others without it. The program takes the script for itself.
+function(veld_startable path target)
+  set(${path} $<TARGET_FILE:${target}> PARENT_SCOPE)
+  if(CMAKE_CROSSCOMPILING AND NOT WIN32)
+    set(script ${PROJECT_BINARY_DIR}/emulated/${target})
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+    get_property(isMade TARGET ${target} PROPERTY VELD_STARTABLE)
+    if(NOT isMade)
+      file(GENERATE OUTPUT ${script} CONTENT "#!/bin/sh\nexec ${emulator} -0 \"$0\" $<TARGET_FILE:${target}> \"$@\"\n"
+        FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+      set_property(TARGET ${target} PROPERTY VELD_STARTABLE ON)
+    endif()
+    set(${path} ${script} PARENT_SCOPE)
+  endif()
+endfunction()
+
 # veld_add_test(NAME SOURCES sources... LIBRARIES libraries... [ARGUMENTS arguments...])
 # One GoogleTest program, registered as one ctest test, with a name that says what it covers.
 function(veld_add_test name)
@@ -51,7 +68,11 @@ function(veld_add_test name)
   target_include_directories(${name} PRIVATE ${VELD_INCLUDES})
   target_link_libraries(${name} PRIVATE ${TEST_LIBRARIES} GTest::gmock_main veld_flags)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
-  add_test(NAME ${name} COMMAND ${name} ${TEST_ARGUMENTS})
+  set(command ${name})
+  if(CMAKE_CROSSCOMPILING AND NOT WIN32)
+    veld_startable(command ${name})
+  endif()
+  add_test(NAME ${name} COMMAND ${command} ${TEST_ARGUMENTS})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
 endfunction()
 

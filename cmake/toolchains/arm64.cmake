@@ -1,11 +1,15 @@
-# Linux on 64-bit ARM, with Debian's g++-aarch64-linux-gnu.
+# Linux on 64-bit ARM, with Debian's g++-aarch64-linux-gnu. scripts/arm64-libraries makes the system root.
+get_filename_component(root ${CMAKE_CURRENT_LIST_DIR}/../../build/arm64-libraries ABSOLUTE)
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
-set(CMAKE_FIND_ROOT_PATH /usr/aarch64-linux-gnu)
+set(CMAKE_SYSROOT ${root})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /usr/aarch64-linux-gnu)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${root})
+set(ENV{PKG_CONFIG_LIBDIR} ${root}/usr/lib/aarch64-linux-gnu/pkgconfig:${root}/usr/share/pkgconfig)
+set(VELD_DEBIAN_ARCHITECTURE arm64)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L ${root})
