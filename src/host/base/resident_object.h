@@ -24,12 +24,16 @@ class ResidentCount {
     shards_.ForEach([](Shard& shard) { shard.store(closed, std::memory_order_relaxed); });
   }
 
+  // Acquires what opened the shard: a reference that is counted here may be removed in a shard that is still
+  // closed, and by then the whole must have its bias.
   void Add() noexcept {
-    if (shards_.Own().fetch_add(one, std::memory_order_relaxed) & closed) {
+    if (shards_.Own().fetch_add(one, std::memory_order_acquire) & closed) {
+      // Whoever adds has a reference, and its removal comes after this one in the order of the whole.
       whole_.fetch_add(1, std::memory_order_relaxed);
     }
   }
-  // True if that was the last one.
+  // True if that was the last one. Releases this thread's uses of the object: to EndResidence by the shard,
+  // to the last removal by the whole. The last one acquires those of all others.
   bool Remove() noexcept {
     return (shards_.Own().fetch_sub(one, std::memory_order_acq_rel) & closed) &&
            whole_.fetch_sub(1, std::memory_order_acq_rel) == 1;
@@ -40,7 +44,8 @@ class ResidentCount {
     const std::lock_guard lock(mutex_);
     if (residences_++ != 0) return;
     whole_.fetch_add(openBias, std::memory_order_relaxed);
-    shards_.ForEach([](Shard& shard) { shard.store(0, std::memory_order_relaxed); });
+    // Publishes the bias to whoever finds the shard open.
+    shards_.ForEach([](Shard& shard) { shard.store(0, std::memory_order_release); });
   }
   void EndResidence() noexcept {
     const std::lock_guard lock(mutex_);
