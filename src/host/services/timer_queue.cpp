@@ -112,7 +112,8 @@ void TimerQueue::Remove(zel::IRunnable* sink) {
 zel::ResultCode TimerQueue::Arm(zel::IRunnable* sink, std::uint32_t delayMs) {
   if (!sink) return zel::eInvalidArgument;
   const std::chrono::milliseconds delay = std::min(std::chrono::milliseconds(delayMs), maxDelay_);
-  if (soonSink_ == sink && delay.count() >= soonDelayMs_) return zel::sOk;
+  // Asked again, since the delay may be that of another sink that was armed in between.
+  if (soonSink_ == sink && delay.count() >= soonDelayMs_ && soonSink_ == sink) return zel::sOk;
   const std::lock_guard lock(mutex_);
   if (stopped_ || (runningCancelled_ && running_ == sink)) return zel::eInvalidState;
   const auto found = pending_.find(sink);

@@ -71,7 +71,8 @@ class TimerQueue final : private IClockListener {
 
   // The sink that was armed last, as long as it is pending, and its delay. Only changed under mutex_, and
   // read without it by Arm: each submission arms the same sink again. Who reads that it is pending can rely
-  // on a Run that begins later, since it is withdrawn before its Run. The delay is changed before the sink.
+  // on a Run that begins later, since it is withdrawn before its Run. The delay is only changed while the
+  // sink is null. In sequence, so that who sees the sink twice has read its own delay in between.
   std::atomic<zel::IRunnable*> soonSink_{nullptr};
   std::atomic<std::chrono::milliseconds::rep> soonDelayMs_{0};
 
