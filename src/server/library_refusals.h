@@ -40,7 +40,9 @@ class LibraryRefusals {
  private:
   std::mutex mutex_;  // guards the map
   std::map<std::thread::id, std::deque<LibraryRefusal>> waiting_;
-  std::atomic<std::size_t> count_{0};  // of all that wait; nearly always 0
+  // Of all that wait; nearly always 0. Changed under the lock. A thread sees its own additions, and what is
+  // subtracted was added before, so it never reads 0 while one of its own waits.
+  std::atomic<std::size_t> count_{0};
 };
 
 }  // namespace veld_report::server

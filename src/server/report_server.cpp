@@ -236,6 +236,7 @@ class ReportServer::Impl {
             BodyMemory(options_), sinks_.IsFailing(),       IsStopping()};
   }
 
+  // Figures. What is answered is counted before, so who has the answer finds it counted.
   std::atomic<std::uint64_t> storedItems{0};
   std::atomic<std::uint64_t> repeatedItems{0};
   std::atomic<std::uint64_t> refusedRequests{0};

@@ -41,7 +41,7 @@ class SinkSet {
   struct Member {
     std::string out;
     std::unique_ptr<RecordSink> sink;
-    std::atomic<bool> fails{false};
+    std::atomic<bool> fails{false};  // a hint for the order, and whether the log has heard of it
   };
 
   StoreResult StoreIn(Member& member, const SinkPacket& packet);

@@ -86,6 +86,7 @@ class StreamDrain {
   const DrainOptions options_;
   SinkSet sinks_;
   StreamLink link_;
+  // Figures. After Stop, which joins the threads, they are exact.
   std::atomic<std::uint64_t> stored_{0};
   std::atomic<std::uint64_t> repeated_{0};
   std::atomic<std::uint64_t> terminated_{0};

@@ -35,7 +35,7 @@ std::string UniqueText() {
       throw std::runtime_error("no random numbers");
     return Hex(bytes.data(), bytes.size());
   }();
-  static std::atomic<std::uint64_t> number{0};
+  static std::atomic<std::uint64_t> number{0};  // each once, whatever the order
   return process + std::to_string(++number);
 }
 

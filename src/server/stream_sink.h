@@ -43,8 +43,8 @@ class StreamSink final : public RecordSink {
   const std::function<void(const std::string&)> log_;
   StreamLink link_;
   const std::vector<std::string> streams_;
-  std::atomic<bool> areKnown_{false};
-  std::mutex mutex_;  // held while the streams are asked for; guards `askAgain_`
+  std::atomic<bool> areKnown_{false};  // only spares a question to the brokers
+  std::mutex mutex_;                   // held while the streams are asked for; guards `askAgain_`
   std::chrono::steady_clock::time_point askAgain_{};
 };
 

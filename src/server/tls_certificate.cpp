@@ -52,6 +52,8 @@ struct Loaded {
   }
 };
 
+// Stored once all of it is read, and loaded by each handshake: that publishes it. It lives as long as the
+// server.
 std::atomic<Loaded*> shown{nullptr};
 
 }  // namespace

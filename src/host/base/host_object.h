@@ -25,6 +25,8 @@ class HostObject : public Interfaces... {
   HostObject(const HostObject&) = delete;
   HostObject& operator=(const HostObject&) = delete;
 
+  // Whoever adds has a reference already, so that needs no order. Each removal releases what its thread did
+  // with the object, and the last one acquires all of that before it destroys.
   std::uint32_t AddRef() override { return references_.fetch_add(1, std::memory_order_relaxed) + 1; }
   std::uint32_t Release() override {
     const std::uint32_t left = references_.fetch_sub(1, std::memory_order_acq_rel) - 1;

@@ -17,7 +17,7 @@ inline constexpr std::size_t shardCount = 16;
 
 // The place of this thread. It stays the same.
 inline std::size_t ThreadShard() noexcept {
-  static constinit std::atomic<std::size_t> next{0};
+  static constinit std::atomic<std::size_t> next{0};  // only spreads the threads, so relaxed
   constexpr std::size_t none = shardCount;
   static thread_local constinit std::size_t own = none;
   if (own == none) own = next.fetch_add(1, std::memory_order_relaxed) % shardCount;

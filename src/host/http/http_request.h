@@ -56,7 +56,7 @@ class HttpRequest final : public HostObject<network_services::IHttpRequestHandle
 
   Content content_;
   const std::shared_ptr<HttpEngine> engine_;
-  std::atomic<bool> cancelled_ = false;
+  std::atomic<bool> cancelled_ = false;  // set before the engine is woken under its lock
   std::uint64_t admission_ = 0;
   bool started_ = false;
 

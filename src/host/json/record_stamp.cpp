@@ -16,7 +16,8 @@ namespace veld_report::host {
 namespace {
 
 // Of all stamps of the process: the milliseconds since 1970 in the upper 48 bits, a counter in the others. If
-// a millisecond has more than 65536 records, or the clock goes back, the count runs ahead of the clock.
+// a millisecond has more than 65536 records, or the clock goes back, the count runs ahead of the clock. Each
+// is greater than all before it in the order of this one variable, so relaxed is enough.
 constinit std::atomic<std::uint64_t> lastTick{0};
 
 std::uint64_t NextTick(std::uint64_t nowMs) {
@@ -125,7 +126,7 @@ void RecordStamp::SetCommon(std::shared_ptr<const CommonTexts> texts) {
   const bool hasCommon = !texts->texts.empty();
   const std::lock_guard lock(mutex_);
   common_.swap(texts);
-  hasCommon_ = hasCommon;
+  hasCommon_.store(hasCommon, std::memory_order_relaxed);
 }
 
 std::shared_ptr<const RecordStamp::CommonTexts> RecordStamp::Common() const {

@@ -77,6 +77,8 @@ class RecordStamp {
   const bool stamped_;
   const std::shared_ptr<const Clock> clock_;
   std::array<std::uint64_t, 2> key_{};  // makes the random part of the ids
+  // Whether common_ has members, without the lock. Changed under it, so whoever reads true finds common_ set
+  // once it has the lock.
   std::atomic<bool> hasCommon_{false};
   mutable std::mutex mutex_;  // guards common_; held only to copy it
   std::shared_ptr<const CommonTexts> common_;

@@ -110,7 +110,8 @@ class HostKit {
   void BeginCycleWithin(std::chrono::milliseconds delay);
 
   const std::optional<std::chrono::milliseconds> storeWithin_;
-  std::atomic<bool> cycleWanted_{false};  // a cycle is to follow the next drain at once
+  // A cycle is to follow the next drain at once. Set before the drain is asked for under the timer's lock.
+  std::atomic<bool> cycleWanted_{false};
   zel::Ref<HeapAllocator> allocator_;
   zel::Ref<LineTracer> tracer_;
   const std::shared_ptr<DeliveryGate> gate_;  // shared with the store and the HTTP clients
@@ -132,7 +133,7 @@ class HostKit {
   std::unique_ptr<ModuleSender> intake_;
 
   const std::uint64_t storeLimitBytes_;
-  // No record of more bytes can ever be in a queue.
+  // No record of more bytes can ever be in a queue. A submission beside SetSettings goes by either limit.
   std::atomic<std::uint64_t> recordLimitBytes_{0};
 };
 

@@ -9,7 +9,7 @@ namespace {
 
 thread_local constinit EvictionTracker::Refusal lastRefusal;
 
-// Never returns a number twice, unlike an address or a std::thread::id.
+// Never returns a number twice, unlike an address or a std::thread::id. That needs no order.
 std::uint64_t NextNumber() {
   static constinit std::atomic<std::uint64_t> last{0};
   return last.fetch_add(1, std::memory_order_relaxed) + 1;

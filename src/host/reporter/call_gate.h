@@ -33,6 +33,8 @@ class CallGate {
   void WaitUntilEmpty() { const std::unique_lock lock(mutex_); }
 
  private:
+  // Of a call and WaitUntilEmpty, one has mutex_ first: either the wait is for the call, or the call then
+  // sees that the gate is shut. So the flag's own order only matters to calls that poll it.
   std::atomic<bool> shut_{false};
   std::shared_mutex mutex_;  // shared by the calls inside
 };

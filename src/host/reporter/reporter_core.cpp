@@ -137,7 +137,7 @@ void Reporter::Core::RequireOwn() const {
 }
 
 void Reporter::Core::Abandon(std::shared_ptr<Core> core) noexcept {
-  // Kept reachable, so that it isn't reported as a leak.
+  // Kept reachable, so that it isn't reported as a leak. Nobody follows the list.
   static constinit std::atomic<Core*> abandoned{nullptr};
   Core* const first = core.get();
   first->abandoned_ = std::move(core);

@@ -93,6 +93,7 @@ class Reporter::Core : public std::enable_shared_from_this<Core> {
   // Shared with the store, which may outlive the reporter.
   const std::shared_ptr<LossReporter> losses_ = std::make_shared<LossReporter>();
   CallGate gate_;
+  // For Stats, which may be a record apart from what else it reads.
   std::atomic<std::uint64_t> submitted_{0};
   std::atomic<std::uint64_t> refused_{0};
 
@@ -115,7 +116,9 @@ class Reporter::Core : public std::enable_shared_from_this<Core> {
   std::unique_ptr<host::MemoryMeter> recordsInMemory_;
   std::unique_ptr<host::MemoryMeter> bytesInMemory_;
 
-  std::atomic<TimePoint> closeBy_{TimePoint::max()};  // the earliest deadline of any Close
+  // The earliest deadline of any Close. The closing thread polls it, so a later one may still shorten it.
+  std::atomic<TimePoint> closeBy_{TimePoint::max()};
+  // Read after `closed_`, whose lock publishes it, or before that if the wait for it has timed out.
   std::atomic<bool> flushedAtClose_{false};
   mutable std::mutex closeMutex_;  // guards the members below; held briefly
   bool closing_ = false;

@@ -23,6 +23,7 @@ class ExecutionMode final : public HostObject<orvel::IExecutionModeProvider> {
   std::uint32_t IsBackgroundDisabled() override;
 
  private:
+  // A choice that publishes nothing. A cycle that must see it is begun after it under the timer's lock.
   std::atomic<bool> allowed_{true};
 };
 

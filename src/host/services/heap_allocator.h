@@ -22,7 +22,8 @@ class HeapAllocator final : public HostObject<zel::IAllocator> {
   // Does nothing for null.
   void Free(void* memory) override;
 
-  // Live blocks, by their requested sizes. These are snapshots: the two may differ by a call in progress.
+  // Live blocks, by their requested sizes. These are snapshots: the two may differ by a call in progress. The
+  // calls of a thread that was joined are in them, and no other order is needed.
   std::uint64_t LiveBytes() const { return liveBytes_.load(std::memory_order_relaxed); }
   std::uint64_t LiveBlocks() const { return liveBlocks_.load(std::memory_order_relaxed); }
 

@@ -59,8 +59,8 @@ class LineTracer final : public HostObject<zel::ITracer> {
   void Recycle(char* buffer);
   void WriteLine(std::uint32_t level, std::string_view text);
 
-  std::atomic<std::uint32_t> level_;
-  std::atomic<std::uint64_t> dropped_{0};
+  std::atomic<std::uint32_t> level_;       // a choice; a line that has just begun may miss it
+  std::atomic<std::uint64_t> dropped_{0};  // a figure
   const std::function<void(std::string_view)> sink_;
   const std::function<void(std::uint32_t, std::string_view)> log_;
 

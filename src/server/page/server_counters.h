@@ -39,7 +39,7 @@ class ServerCounters {
   std::chrono::system_clock::time_point Started() const { return started_; }
 
  private:
-  using Counter = std::atomic<std::uint64_t>;
+  using Counter = std::atomic<std::uint64_t>;  // a figure; publishes nothing
   static constexpr std::array<double, 13> sinkClasses{0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,
                                                       0.1,    0.25,  0.5,    1.0,   2.5,  5.0};
   static constexpr unsigned statusLimit = 600;

@@ -5,10 +5,14 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
+
 namespace veld_report::host {
 namespace {
 
-volatile sig_atomic_t interrupted = 0;
+// Written by a signal handler on any thread; publishes nothing but itself.
+constinit std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 // A file that is opened in place of a closed stdout would get what is printed. What takes its place here
 // can't be written, nor that of stdin read, so whoever needs them fails.
@@ -38,7 +42,7 @@ std::optional<unsigned> ErrorColumns() noexcept {
 
 void NoteInterrupts() noexcept {
   struct sigaction action {};
-  action.sa_handler = [](int) { interrupted = 1; };
+  action.sa_handler = [](int) { interrupted.store(true, std::memory_order_relaxed); };
   action.sa_flags = static_cast<int>(SA_RESETHAND);
   for (const int each : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction before {};
@@ -48,6 +52,6 @@ void NoteInterrupts() noexcept {
   signal(SIGPIPE, SIG_IGN);
 }
 
-bool IsInterrupted() noexcept { return interrupted != 0; }
+bool IsInterrupted() noexcept { return interrupted.load(std::memory_order_relaxed); }
 
 }  // namespace veld_report::host

@@ -9,6 +9,7 @@
 namespace veld_report::host {
 namespace {
 
+// Only compared with another one; publishes nothing but itself.
 using Number = std::atomic<std::uint64_t>;
 
 // A page that is zeroed in every child, however it was forked; a handler of pthread_atfork would miss clone.
@@ -27,7 +28,7 @@ Number* WipedOnFork() noexcept {
 std::uint64_t CurrentProcess() noexcept {
   static Number* const number = WipedOnFork();
   if (!number) return static_cast<std::uint64_t>(getpid());
-  const std::uint64_t known = number->load(std::memory_order_acquire);
+  const std::uint64_t known = number->load(std::memory_order_relaxed);
   if (known != 0) return known;
   // The counter itself is inherited, so a child continues above its parent's number.
   static constinit Number last{0};

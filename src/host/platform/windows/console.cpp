@@ -9,6 +9,7 @@
 namespace veld_report::host {
 namespace {
 
+// Written by a thread of the system; publishes nothing but itself.
 constinit std::atomic<bool> interrupted{false};
 
 BOOL WINAPI OnInterrupt(DWORD what) {

@@ -318,7 +318,7 @@ std::string WhyOthersCanRead(const std::filesystem::path& file) {
 
 // The name of a file that others have open stays taken until they close it. So it gets another one first.
 bool RemoveFile(const std::filesystem::path& file) noexcept {
-  static constinit std::atomic<unsigned> count{0};
+  static constinit std::atomic<unsigned> count{0};  // each number once, whatever the order
   try {
     const std::wstring path = LongPath(file);
     const std::wstring parting =

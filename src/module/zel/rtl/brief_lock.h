@@ -14,7 +14,8 @@ class BriefLock {
   void lock() {
     for (int tries = 0; tries < maxTries; ++tries) {
       if (mutex_.try_lock()) return;
-      // Each trial takes the cache line from the thread that is about to unlock, so not without a pause.
+      // Each trial takes the cache line from the thread that is about to unlock, so not without a pause. The
+      // fence is no instruction; it only keeps the compiler from dropping the loop.
       for (int i = 0; i < pause; ++i) std::atomic_signal_fence(std::memory_order_seq_cst);
     }
     mutex_.lock();

@@ -95,7 +95,8 @@ class Object final : private ObjectModuleAutoLockTyped<T>, public T {
 
   std::uint32_t AddRef() override { return references_.fetch_add(1) + 1; }
   std::uint32_t Release() override {
-    // Only the result of the subtraction counts, so exactly one thread sees 0.
+    // Only the result of the subtraction counts, so exactly one thread sees 0. In sequence, so it comes after
+    // what all other threads did with the object before their own Release.
     const std::uint32_t left = references_.fetch_sub(1) - 1;
     if (left == 0) Policy::End(this);
     return left;

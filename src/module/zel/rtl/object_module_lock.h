@@ -2,7 +2,8 @@
 //
 // zelCanUnloadModule reads ModuleObjectCount. The per-class values are for debuggers: how many objects of a
 // class are alive, and the XOR of their addresses, which is 0 again once the last is gone. They are three
-// separate atomics, not one transaction.
+// separate atomics, not one transaction. The count is changed in sequence: whoever reads 0 comes after the
+// destruction of every object.
 #pragma once
 
 #include <atomic>

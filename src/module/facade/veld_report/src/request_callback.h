@@ -41,7 +41,8 @@ class VeldReportSenderImpl::AsyncHttpRequestCallbackImpl
   // One for each item, in reading order.
   zel::vector_t<std::uint64_t> tokens;
   // The walk reads these three after its wait. A late answer may write them at that moment; at worst that
-  // counts a packet in the wrong sum of one cycle.
+  // counts a packet in the wrong sum of one cycle. `sent` is stored first and published by the other, so
+  // a packet is never missing from both.
   std::atomic<std::uint32_t> needToSend{0};  // bytes not acknowledged
   std::atomic<std::uint32_t> sent{0};        // bytes acknowledged
   std::atomic<zel::ResultCode> result{zel::eNotInitialized};

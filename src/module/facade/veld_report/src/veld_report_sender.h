@@ -121,9 +121,10 @@ class VeldReportSenderImpl : public zel::ObjectRootEx<zel::AllocatorTracerLocato
   SenderSnapshot live;
   std::uint32_t updateFlags = 0;
 
-  // Doesn't change after Construct has returned.
+  // Doesn't change after Construct has returned. Publishes what Construct found to other threads' calls.
   std::atomic<bool> constructed{false};
-  // Written once, by FinalRelease. The cycle reads it at its checkpoints.
+  // Written once, by FinalRelease. The cycle reads it at its checkpoints; one that reads it too late goes on
+  // to the next. Nothing is published by it: FinalRelease waits for the cycle in CancelTimer.
   std::atomic<bool> stopping{false};
 
   // Guards `pending`. Only held to append or to remove one element.
