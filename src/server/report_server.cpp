@@ -233,7 +233,8 @@ class ReportServer::Impl {
   ServerLoad Load() {
     const ConnectionWatch::Load load = watch_.CurrentLoad();
     return {load.connections,     options_.connectionLimit, load.bodyBytes,
-            BodyMemory(options_), sinks_.IsFailing(),       IsStopping()};
+            BodyMemory(options_), sinks_.IsFailing(),       sinks_.IsFailing(options_.unreadyTime),
+            IsStopping()};
   }
 
   // Figures. What is answered is counted before, so who has the answer finds it counted.

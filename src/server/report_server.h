@@ -56,6 +56,9 @@ struct ReportServerOptions {
   std::size_t bodyMemoryBytes = std::size_t{256} << 20;
   // Requests of one client address (rate_limit.h): how many a second, and at once; 0: no limit.
   double rate = 0, rateBurst = 0;
+  // After a sink has failed. Then it may be tried again: somebody who sends nothing to a server that isn't
+  // ready would otherwise never find out that the sink is back.
+  std::chrono::milliseconds unreadyTime{10'000};
   std::string capturePath;  // folder for the bodies of refused messages (body_capture.h); empty: none
   // Hears of each request; null: nobody does. It must outlive the server.
   ServerObserver* observer = nullptr;
@@ -68,6 +71,7 @@ struct ServerLoad {
   std::size_t connections, connectionLimit;
   std::size_t bodyBytes, bodyMemoryBytes;  // of bodies in transit
   bool sinkFails;                          // a sink couldn't store the latest message that it got
+  bool sinkFailedLately;                   // and that was within ReportServerOptions::unreadyTime
   bool stopping;
 };
 

@@ -47,6 +47,7 @@ StoreResult SinkSet::StoreIn(Member& member, const SinkPacket& packet) {
     if (member.fails.exchange(false)) Say(DisplayName(member.out) + ": records are stored again");
     return result;
   } catch (const std::runtime_error& error) {
+    member.failedAt = std::chrono::steady_clock::now().time_since_epoch().count();
     // Once: senders try again and again.
     if (!member.fails.exchange(true))
       Say(std::string(error.what()) + "; " + meanwhile_ + " until records can be stored again");
@@ -75,9 +76,13 @@ std::size_t SinkSet::MaxPacketBytes(std::string* name) const {
   return least;
 }
 
-bool SinkSet::IsFailing() const {
-  return std::any_of(members_.begin(), members_.end(),
-                     [](const auto& member) { return member->fails.load(); });
+bool SinkSet::IsFailing(std::optional<std::chrono::milliseconds> within) const {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point now = Clock::now();
+  return std::any_of(members_.begin(), members_.end(), [&](const auto& member) {
+    return member->fails.load() &&
+           (!within || now - Clock::time_point(Clock::duration(member->failedAt)) < *within);
+  });
 }
 
 void SinkSet::Say(const std::string& sentence) const {

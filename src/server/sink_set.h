@@ -7,8 +7,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,14 +36,15 @@ class SinkSet {
   void Reopen();
   // RecordSink::MaxPacketBytes of the one that takes least. `name`: gets its name; may be null.
   std::size_t MaxPacketBytes(std::string* name = nullptr) const;
-  // Whether one of them couldn't store the latest packet that it got.
-  bool IsFailing() const;
+  // Whether one of them couldn't store the latest packet that it got; with `within`, and got that so lately.
+  bool IsFailing(std::optional<std::chrono::milliseconds> within = std::nullopt) const;
 
  private:
   struct Member {
     std::string out;
     std::unique_ptr<RecordSink> sink;
     std::atomic<bool> fails{false};  // a hint for the order, and whether the log has heard of it
+    std::atomic<std::chrono::steady_clock::rep> failedAt{0};  // set before `fails`, of the latest attempt
   };
 
   StoreResult StoreIn(Member& member, const SinkPacket& packet);

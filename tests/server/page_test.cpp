@@ -121,6 +121,7 @@ TEST_F(PageTest, IsReadyWhileEverySinkStores) {
   ReportServerOptions options;
   options.sinks = {{folder_ / "sub/out.ndjson"}, {folder_ / "out.ndjson"}};
   std::filesystem::create_directory(folder_ / "sub");
+  options.unreadyTime = std::chrono::seconds(3);
   Start("", "127.0.0.1", options);
   const auto expect = [&](int ready, const char* sentence) {
     EXPECT_THAT(Get("/readyz").text, HasSubstr(sentence));
@@ -134,6 +135,8 @@ TEST_F(PageTest, IsReadyWhileEverySinkStores) {
   std::filesystem::remove_all(folder_ / "sub");
   EXPECT_EQ(Exchange(server_->Port(), Post(exampleBody)).status, 503);
   expect(503, "couldn't be stored");
+  // Somebody must try the sink again.
+  EXPECT_TRUE(tests::Eventually([&] { return Get("/readyz").status == 200; }));
   std::filesystem::create_directory(folder_ / "sub");
   EXPECT_EQ(Exchange(server_->Port(), Post(exampleBody)).status, 200);
   expect(200, "ok");

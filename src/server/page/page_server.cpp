@@ -225,7 +225,7 @@ class PageServer::Impl {
     if (path == "/readyz") {
       const ServerLoad load = server_.Load();
       if (load.stopping) return Sentence(MHD_HTTP_SERVICE_UNAVAILABLE, "the server is stopping");
-      if (load.sinkFails)
+      if (load.sinkFailedLately)
         return Sentence(MHD_HTTP_SERVICE_UNAVAILABLE, "the latest message couldn't be stored");
       return Sentence(MHD_HTTP_OK, "ok");
     }
