@@ -1,16 +1,20 @@
 // Where the reporter meets what isn't its own: crash handlers, key files, full disks, programs in C and those
 // with older headers.
 #include <gmock/gmock.h>
+#ifndef _WIN32
 #include <signal.h>
 #include <unistd.h>
+#endif
 
 #include <cstddef>
 #include <filesystem>
 #include <utility>
 
+#include "host/platform/library.h"
 #include "host/platform/service_thread.h"
 #include "host/signature/key_files.h"
 #include "server/message_check.h"
+#include "tests/common/file_attributes.h"
 #include "tests/common/small_disk.h"
 #include "tests/host/reporter_test_tools.h"
 #include "veld_report/veld_report.h"
@@ -20,6 +24,7 @@ namespace {
 
 class Edges : public ReporterTest {};
 
+#ifndef _WIN32  // there a fault is no signal of a thread
 TEST_F(Edges, FaultOnAServiceThreadReachesTheHandler) {
   constexpr int handled = 42;
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
@@ -30,7 +35,9 @@ TEST_F(Edges, FaultOnAServiceThreadReachesTheHandler) {
     EXPECT_EXIT(crash(), testing::ExitedWithCode(handled), "") << strsignal(fault);
   }
 }
+#endif
 
+#ifndef _WIN32  // nobody can delete an open store there
 TEST_F(Edges, DeletedFolderIsNoSafePlace) {
   ReporterOptions options = Options({{"http://127.0.0.1:1"}});
   options.sendingAllowed = false;
@@ -41,10 +48,12 @@ TEST_F(Edges, DeletedFolderIsNoSafePlace) {
   reporter.SendJson(R"({"n":2})");
   EXPECT_FALSE(reporter.FlushToStore(milliseconds(500)));
 }
+#endif
 
 TEST_F(Edges, KeyIsReplacedWhileTheReporterRunsAndABadOneChangesNothing) {
   const auto first = host::GenerateEd25519KeyPair(Path("first"));
   const auto second = host::GenerateEd25519KeyPair(Path("second"));
+  EXPECT_TRUE(tests::IsPrivate(first.privatePath));
   const tests::ScriptedServer server(tests::ScriptedReply::Status(200));
   ReporterOptions options = Options({{server.Url()}});
   options.signingKeyFile = first.privatePath;
@@ -142,6 +151,39 @@ TEST_F(Edges, ProgramInCGoesThroughEveryFunction) {
     EXPECT_THAT(request.body,
                 testing::HasSubstr("\"eyJhcnJheSI6W3siZnJvbSI6IkMiLCJ0ZXh0IjoiZ3JcdTAwZmNcdTAwZGYifV19\""));
   }
+}
+
+// An application may take a library out of its process while its reporter still works.
+TEST_F(Edges, UnloadedLibraryStaysAsLongAsItsThreads) {
+  const tests::ScriptedServer server(tests::ScriptedReply::Status(200));
+  const std::string store = Path("store"), url = server.Url();
+  veld_report_endpoint endpoint{};
+  endpoint.url = url.c_str();
+  veld_report_options options{};
+  options.struct_size = sizeof options;
+  options.store = store.c_str();
+  options.endpoints = &endpoint;
+  options.endpoint_count = 1;
+  options.module_path = VELD_MODULE_PATH;
+  for (const bool isClosedBefore : {false, true}) {
+    std::string why;
+    void* const library = host::OpenLibrary(VELD_C_LIBRARY, &why);
+    ASSERT_NE(library, nullptr) << why;
+    const auto find = [&]<class Function>(const char* name, Function*) {
+      return reinterpret_cast<Function*>(host::FindFunction(library, name));
+    };
+    const auto send = find("veld_report_send_json", &veld_report_send_json);
+    const auto close = find("veld_report_close", &veld_report_close);
+    const auto free = find("veld_report_free", &veld_report_free);
+    veld_report_handle* reporter = nullptr;
+    ASSERT_EQ(find("veld_report_open", &veld_report_open)(&options, &reporter, nullptr, 0), zel::sOk);
+    EXPECT_EQ(send(reporter, nullptr, "{}", 2, nullptr, 0), zel::sOk);
+    if (!isClosedBefore) host::CloseLibrary(library);
+    EXPECT_EQ(close(reporter, 20'000), 1);
+    if (isClosedBefore) host::CloseLibrary(library);
+    free(reporter);
+  }
+  EXPECT_EQ(server.Requests().size(), 2u);
 }
 
 // A disk that has no room when an application starts for the first time.

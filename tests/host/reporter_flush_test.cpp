@@ -9,6 +9,7 @@
 #include <mutex>
 #include <tuple>
 
+#include "tests/common/fits.h"
 #include "tests/common/waiting.h"
 #include "tests/host/reporter_test_tools.h"
 
@@ -47,11 +48,10 @@ TEST_F(Sending, AfterAFlushEveryFormOfRecordIsTheSameAtEveryServer) {
   const std::string stamp = R"("recordId":"[0-9a-f-]{36}","recordTime":"[0-9T:.-]{23}Z")";
   EXPECT_THAT(
       Stored("first"),
-      testing::ElementsAre(
-          testing::MatchesRegex(R"(\{"n":1,"app":"one",)" + stamp + "\\}"),
-          testing::MatchesRegex(R"(\{"version":"4.2.0","startupMs":312,"app":"two",)" + stamp + "\\}"),
-          testing::MatchesRegex(R"(\{"version":"","startupMs":0,"app":"two",)" + stamp + "\\}"),
-          testing::MatchesRegex(R"(\{"text": 1,"app":"two",)" + stamp + "\\}")));
+      testing::ElementsAre(tests::Fits(R"(\{"n":1,"app":"one",)" + stamp + "\\}"),
+                           tests::Fits(R"(\{"version":"4.2.0","startupMs":312,"app":"two",)" + stamp + "\\}"),
+                           tests::Fits(R"(\{"version":"","startupMs":0,"app":"two",)" + stamp + "\\}"),
+                           tests::Fits(R"(\{"text": 1,"app":"two",)" + stamp + "\\}")));
   EXPECT_EQ(Stored("first"), Stored("second"));
 }
 
@@ -67,7 +67,7 @@ TEST_F(Sending, FlushIsFalseUntilEveryQueueIsDelivered) {
   EXPECT_EQ(reporter.Stats().total.waiting.items, 1);
   // The server comes up while a flush waits: it tries again by itself, long before the retry of 30 seconds.
   std::unique_ptr<server::ReportServer> second;
-  std::thread starter([&] { second = Serve("second", port); });
+  std::thread starter([&] { EXPECT_NO_THROW(second = Serve("second", port)); });
   EXPECT_LT(TimeOf([&] { EXPECT_TRUE(reporter.Flush(seconds(25))); }), seconds(25));
   starter.join();
   EXPECT_THAT(Stored("second"), testing::ElementsAre(R"({"n":1})"));
@@ -137,7 +137,9 @@ TEST_F(Sending, FailedRequestsSayWhatIsWrong) {
 }
 
 TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
+#ifndef _WIN32  // only a privileged user can make a link there
   std::filesystem::create_symlink(Path("elsewhere"), Path("trace"));
+#endif
   std::ofstream(Path("a file")) << "a";
   Reporter holder(Options({{"http://127.0.0.1:1"}}, "held"));
   using Change = std::function<void(ReporterOptions&)>;
@@ -145,12 +147,14 @@ TEST_F(Sending, OpeningMistakesAreSentencesAndLeaveNoFile) {
       {[](auto& it) { it.store.clear(); }, "no store is given; set ReporterOptions::store to a folder"},
       {[&](auto& it) { it.store = Path("a file"); }, "a file is a file, but a store is a folder"},
       {[&](auto& it) { it.store = Path("held"); }, "in use by"},
+#ifndef _WIN32
       {[&](auto& it) { it.traceFile = Path("trace"); }, "it is a symbolic link"},
+#endif
       {[](auto& it) { it.store = "/proc/no such place/store"; }, "choose another one"},
       {[](auto& it) { it.traceFile = "/nonexistent/trace"; }, "trace file /nonexistent/trace"},
       {[](auto& it) { it.retryAfter = seconds(-1); }, "it must be 0 to 4294967"},
       {[](auto& it) { it.queueLimitKb = 4194304; }, "it must be 1 to 4194303"},
-      {[](auto& it) { it.modulePath = "libm.so.6"; }, "exports no function zelGetObjectFactory"},
+      {[](auto& it) { it.modulePath = VELD_C_LIBRARY; }, "exports no function zelGetObjectFactory"},
       {[](auto& it) { it.signingKeyFile = "none.pem"; }, "key file none.pem"},
       {[](auto& it) { it.caFile = "none.pem"; }, "caFile none.pem"},
       {[](auto& it) {

@@ -1,9 +1,15 @@
 #include "tests/host/scripted_server.h"
 
+#ifdef _WIN32
+#include <winsock2.h>
+// Needs the names of winsock2.h.
+#include <openssl/bio.h>
+#else
 #include <fcntl.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
+#endif
 
 #include <stdexcept>
 
@@ -13,21 +19,47 @@ namespace veld_report::tests {
 namespace {
 
 int Socket(BIO* bytes) { return static_cast<int>(BIO_get_fd(bytes, nullptr)); }
+
+#ifdef _WIN32
+BIO* Own(BIO* bytes) {
+  const auto handle = static_cast<SOCKET>(Socket(bytes));
+  SetHandleInformation(reinterpret_cast<HANDLE>(handle), HANDLE_FLAG_INHERIT, 0);
+  return bytes;
+}
+// Who waits for bytes isn't woken by ShutDown, but finds it out when he tries again.
+void BeginConnection(BIO* bytes) {
+  const DWORD limitMs = 50;
+  setsockopt(static_cast<SOCKET>(Socket(bytes)), SOL_SOCKET, SO_RCVTIMEO,
+             reinterpret_cast<const char*>(&limitMs), sizeof limitMs);
+}
+bool TimedOut() { return WSAGetLastError() == WSAETIMEDOUT; }
+void ShutDown(BIO* bytes) { shutdown(static_cast<SOCKET>(Socket(bytes)), SD_BOTH); }
+BIO* Encrypted(BIO* bytes, SSL_CTX*) { return bytes; }
+#else
 // Not for the programs that a test starts.
 BIO* Own(BIO* bytes) {
   fcntl(Socket(bytes), F_SETFD, FD_CLOEXEC);
   return bytes;
 }
+bool TimedOut() { return false; }
+void ShutDown(BIO* bytes) { shutdown(Socket(bytes), SHUT_RDWR); }
+BIO* Encrypted(BIO* bytes, SSL_CTX* tls) { return tls ? BIO_push(BIO_new_ssl(tls, 0), bytes) : bytes; }
+// OpenSSL writes without MSG_NOSIGNAL.
+void BeginConnection(BIO*) {
+  sigset_t brokenPipe;
+  sigemptyset(&brokenPipe);
+  sigaddset(&brokenPipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
+}
+#endif
 
-// On a free port of loopback. `port` is that.
+// On loopback. `port`: if it is 0, it becomes a free one.
 BIO* Listen(std::uint16_t* port) {
-  BIO* const listener = BIO_new_accept("127.0.0.1:0");
+  BIO* const listener = BIO_new_accept(("127.0.0.1:" + std::to_string(*port)).c_str());
   if (!listener || BIO_do_accept(listener) != 1) throw std::runtime_error("no loopback address to listen on");
   *port = static_cast<std::uint16_t>(std::stoi(BIO_get_accept_port(listener)));
   return Own(listener);
 }
-
-void ShutDown(BIO* bytes) { shutdown(Socket(bytes), SHUT_RDWR); }
 
 bool Write(BIO* to, const std::string& bytes) {
   const int size = static_cast<int>(bytes.size());
@@ -36,7 +68,9 @@ bool Write(BIO* to, const std::string& bytes) {
 
 bool ReadMore(BIO* from, std::string* pending) {
   char buffer[16384];
-  const int count = BIO_read(from, buffer, sizeof(buffer));
+  int count = 0;
+  do count = BIO_read(from, buffer, sizeof(buffer));
+  while (count < 0 && TimedOut());
   if (count > 0) pending->append(buffer, static_cast<std::size_t>(count));
   return count > 0;
 }
@@ -77,14 +111,18 @@ ScriptedReply ScriptedReply::Status(int status, const std::string& headers) {
   return {"HTTP/1.1 " + std::to_string(status) + " Scripted\r\n" + length + headers + "\r\n"};
 }
 
-ScriptedServer::ScriptedServer(Script script, SSL_CTX* tls)
-    : script_(std::move(script)), tls_(tls), listener_(Listen(&port_)) {
+ScriptedServer::ScriptedServer(Script script, SSL_CTX* tls, std::uint16_t port)
+    : script_(std::move(script)), tls_(tls), port_(port), listener_(Listen(&port_)) {
   acceptor_ = std::thread([this] { Accept(); });
 }
 
 ScriptedServer::~ScriptedServer() {
-  ShutDown(listener_);
+  // The end of the listening socket wouldn't wake who waits for it everywhere.
+  ending_ = true;
+  BIO* const last = BIO_new_connect(("127.0.0.1:" + std::to_string(port_)).c_str());
+  BIO_do_connect(last);
   acceptor_.join();
+  BIO_free_all(last);
   for (Connection& connection : open_) {
     ShutDown(connection.bytes);
     connection.thread.join();
@@ -108,19 +146,19 @@ bool ScriptedServer::WaitForRequests(std::size_t count) const {
 
 void ScriptedServer::Accept() {
   while (BIO_do_accept(listener_) == 1) {
-    ++connections_;
     BIO* bytes = Own(BIO_pop(listener_));
-    if (tls_) bytes = BIO_push(BIO_new_ssl(tls_, 0), bytes);
+    if (ending_) {
+      BIO_free_all(bytes);
+      return;
+    }
+    ++connections_;
+    bytes = Encrypted(bytes, tls_);
     open_.push_back({bytes, std::thread([this, bytes] { Serve(bytes); })});
   }
 }
 
 void ScriptedServer::Serve(BIO* bytes) {
-  // OpenSSL writes without MSG_NOSIGNAL.
-  sigset_t brokenPipe;
-  sigemptyset(&brokenPipe);
-  sigaddset(&brokenPipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
+  BeginConnection(bytes);
   std::string pending;
   ScriptedRequest request;
   bool goOn = true;

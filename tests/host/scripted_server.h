@@ -1,4 +1,5 @@
 // An HTTP server on a free loopback port that does what a test's script says, well or badly.
+// On Windows there is no TLS.
 //
 // It isn't the project's report server: it checks nothing, and it can do what no proper server would.
 #pragma once
@@ -37,7 +38,8 @@ class ScriptedServer {
  public:
   using Script = std::function<ScriptedReply(const ScriptedRequest&)>;
   // `script` is called on the connections' threads, one call at a time. `tls`: borrowed; null: in the clear.
-  explicit ScriptedServer(Script script, SSL_CTX* tls = nullptr);
+  // `port`: 0 is any free one.
+  explicit ScriptedServer(Script script, SSL_CTX* tls = nullptr, std::uint16_t port = 0);
   // Gives every request the same reply.
   explicit ScriptedServer(const ScriptedReply& reply, SSL_CTX* tls = nullptr)
       : ScriptedServer([reply](const ScriptedRequest&) { return reply; }, tls) {}
@@ -63,9 +65,10 @@ class ScriptedServer {
 
   const Script script_;
   SSL_CTX* const tls_;
-  std::uint16_t port_ = 0;
+  std::uint16_t port_;
   BIO* const listener_;
   std::atomic<int> connections_ = 0;
+  std::atomic<bool> ending_ = false;
   mutable std::mutex mutex_;  // guards the requests, and serialises the script
   std::vector<ScriptedRequest> requests_;
   std::list<Connection> open_;  // the acceptor's, until it has ended

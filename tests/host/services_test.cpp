@@ -4,7 +4,6 @@
 #include <atomic>
 #include <filesystem>
 #include <mutex>
-#include <regex>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -20,7 +19,9 @@
 #include "host/services/line_tracer.h"
 #include "host/services/queue_name.h"
 #include "host/services/service_locator.h"
+#include "tests/common/file_attributes.h"
 #include "tests/common/files.h"
+#include "tests/common/fits.h"
 #include "tests/common/temporary_folder.h"
 #include "types/text_conversion.h"
 
@@ -117,7 +118,6 @@ TEST(FunctionNotification, SwallowsWhatTheFunctionThrows) {
 }
 
 // GoogleTest's own has no classes of characters on Windows.
-MATCHER_P(Fits, pattern, "") { return std::regex_match(arg, std::regex(pattern)); }
 
 class Tracer : public testing::Test {
  protected:
@@ -136,8 +136,8 @@ TEST_F(Tracer, LineCarriesTimeAndLevelUnlessTheLevelIsOff) {
   EXPECT_NE(tracer_->AcquireBuffer(700, &buffer, 512), 0);
   EXPECT_EQ(buffer, &untouched);
   EXPECT_THAT(lines_, testing::ElementsAre(
-                          Fits("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z 300 "
-                               "veld_rep\tline\\\\x0abreak\\\\x01")));
+                          tests::Fits("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z 300 "
+                                      "veld_rep\tline\\\\x0abreak\\\\x01")));
 }
 
 TEST_F(Tracer, GrowthKeepsContentAndFailedGrowthTheBuffer) {
@@ -172,7 +172,7 @@ TEST_F(Tracer, ManyWritersNeverMixLinesAndRotationLosesNone) {
   for (const std::string& path : {path_ + ".1", path_}) {
     EXPECT_LE(std::filesystem::file_size(path), limit);
     for (const std::string& line : tests::ReadLines(path)) {
-      ASSERT_THAT(line, Fits("[-0-9T:.]+Z 300 [0-9]+\\.*!"));
+      ASSERT_THAT(line, tests::Fits("[-0-9T:.]+Z 300 [0-9]+\\.*!"));
       seen.insert(std::stoi(line.substr(line.find(" 300 ") + 5)));
     }
   }
@@ -184,9 +184,7 @@ TEST_F(Tracer, FileIsTheOwnersAloneAndNeverOutgrowsItsLimit) {
   std::filesystem::create_directories(path_ + ".1/in the way");
   const auto tracer = MakeObject<LineTracer>(LineTracerOptions{.path = path_, .limitBytes = 1000});
   for (int i = 0; i < 100; ++i) WriteTrace(tracer.Get(), 300, std::string(100, 'x'));
-#ifndef _WIN32  // there are no modes there
-  EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0600));
-#endif
+  EXPECT_TRUE(tests::IsPrivate(path_));
   EXPECT_LE(std::filesystem::file_size(path_), 1000u);
 }
 
