@@ -5,20 +5,7 @@ set -euo pipefail
 
 build=$1 system=$2 architecture=$3 toolchain=$4
 emulator=("${@:5}")
-work=$(mktemp -d)
-server=
-cleanup() {
-  [[ -z $server ]] || kill "$server" 2>/dev/null || true
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-fail() {
-  echo "cross_package_test: $*" >&2
-  exit 1
-}
-quietly() { "$@" >"$work/log" 2>&1 || fail "$*: $(cat "$work/log")"; }
+. "$(dirname "$0")/../common/delivery_trial.sh"
 run() { env -i PATH="$PATH" "${emulator[@]}" "$@"; }
 
 (cd "$build" && quietly cpack -G DEB -B "$work")
@@ -38,15 +25,7 @@ done
 version=$(run "$root/usr/bin/veldrep" --version)
 [[ $version == "veldrep $(dpkg-deb -f "$work"/veld-report_*.deb Version)" ]] || fail "its version is '$version'"
 
-: >"$work/server.log"
-run "$root/usr/bin/veldrep" serve --listen 127.0.0.1:0 --out "$work/stored" >"$work/server.log" 2>&1 &
-server=$!
-for ((try = 0; try < 1000; ++try)); do
-  url=$(sed -n 's/^listening on //p' "$work/server.log")
-  [[ -z $url ]] && kill -0 "$server" 2>/dev/null || break
-  sleep 0.02
-done
-[[ -n $url ]] || fail "the server doesn't start: $(cat "$work/server.log")"
+start_server env -i PATH="$PATH" "${emulator[@]}" "$root/usr/bin/veldrep"
 
 quietly cmake -G Ninja -S "$root/usr/share/doc/veld_report/examples/ten_lines" -B "$work/ten_lines" \
   -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$root"

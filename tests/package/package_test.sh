@@ -8,23 +8,9 @@ set -euo pipefail
 source=$1
 build=$2
 compiler=$3
-work=$(mktemp -d)
+. "$(dirname "$0")/../common/delivery_trial.sh"
 prefix=$work/prefix
-server=
-cleanup() {
-  [[ -z $server ]] || kill "$server" 2>/dev/null || true
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
 
-fail() {
-  echo "package_test: $*" >&2
-  exit 1
-}
-same() {
-  [[ $2 == "$3" ]] || fail "$1: expected '$3', got '$2'"
-}
 # Runs a command in an empty environment; what it says is only shown if it fails.
 clean() {
   env -i PATH="$PATH" HOME="$HOME" CCACHE_BASEDIR="$source" CCACHE_NOHASHDIR=1 ${CCACHE_DIR:+CCACHE_DIR="$CCACHE_DIR"} \
@@ -52,20 +38,6 @@ build_examples() {
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$warnings" -DCMAKE_CXX_FLAGS="$warnings $4" \
     -DCMAKE_NO_SYSTEM_FROM_IMPORTED=ON
   clean cmake --build "$work/$1"
-}
-
-start_server() {
-  : >"$work/server.log"  # the server's own may come after the first look
-  "$prefix/bin/veldrep" serve --listen 127.0.0.1:0 --out "$work/stored" >"$work/server.log" 2>&1 &
-  server=$!
-  local try
-  for ((try = 0; try < 500; ++try)); do
-    url=$(sed -n 's/^listening on //p' "$work/server.log")
-    [[ -z $url ]] || return 0
-    kill -0 "$server" 2>/dev/null || break
-    sleep 0.02
-  done
-  fail "the server doesn't start: $(cat "$work/server.log")"
 }
 
 # delivers RECORDS PROGRAM ARGUMENT...: run with an empty environment, it delivers these records.
@@ -268,7 +240,7 @@ install_prefix
 build_examples gcc cc "$compiler" ""
 build_examples clang clang-14 clang++-14 -D_GLIBCXX_DEBUG
 run_pages
-start_server
+start_server "$prefix/bin/veldrep"
 run_examples "$work/gcc"
 run_examples "$work/clang"
 check_pkg_config

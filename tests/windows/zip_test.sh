@@ -6,30 +6,11 @@ set -euo pipefail
 source=$1
 build=$2
 target=x86_64-w64-mingw32
-work=$(mktemp -d)
-server=
-cleanup() {
-  [[ -z $server ]] || kill "$server" 2>/dev/null || true
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+. "$(dirname "$0")/../common/delivery_trial.sh"
 
-fail() {
-  echo "zip_test: $*" >&2
-  exit 1
-}
-same() {
-  [[ $2 == "$3" ]] || fail "$1: expected '$3', got '$2'"
-}
-# What it says is only shown if it fails.
-quiet() {
-  "$@" >"$work/log" 2>&1 || fail "$*: $(cat "$work/log")"
-}
-
-(cd "$build" && quiet cpack -G ZIP -B "$work/zip")
+(cd "$build" && quietly cpack -G ZIP -B "$work/zip")
 mkdir "$work/Paket mit Lücke"
-(cd "$work/Paket mit Lücke" && quiet cmake -E tar xf "$work"/zip/*.zip)
+(cd "$work/Paket mit Lücke" && quietly cmake -E tar xf "$work"/zip/*.zip)
 prefix=$(echo "$work/Paket mit Lücke"/*)
 
 # Of the machine that built it, nothing: the compiler's own paths may stand in texts, but not in what is linked.
@@ -50,27 +31,20 @@ same "exports of veld_report_c.dll" "$exports" "$(grep -oE '^  \w+' "$prefix/lib
 cp -r "$prefix/share/doc/veld_report/examples" "$work/examples"
 printf 'cmake_minimum_required(VERSION 3.25)\nproject(examples C CXX)\n' >"$work/examples/CMakeLists.txt"
 printf 'add_subdirectory(%s)\n' ten_lines described_record c_program >>"$work/examples/CMakeLists.txt"
-quiet cmake -S "$work/examples" -B "$work/made" -DCMAKE_SYSTEM_NAME=Windows -DCMAKE_PREFIX_PATH="$prefix" \
+quietly cmake -S "$work/examples" -B "$work/made" -DCMAKE_SYSTEM_NAME=Windows -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER=$target-gcc-posix -DCMAKE_CXX_COMPILER=$target-g++-posix -DCMAKE_EXE_LINKER_FLAGS=-static
-quiet cmake --build "$work/made"
+quietly cmake --build "$work/made"
 flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs veld_report_static)
 eval "$target-g++-posix -std=c++20 -static '$work/examples/ten_lines/main.cpp' $flags -o '$work/made/one_file.exe'"
 $target-dlltool -d "$prefix/lib/veld_report_c.def" -l "$work/imports.a"
 $target-gcc-posix -I "$prefix/include" "$work/examples/c_program/main.c" "$work/imports.a" -o "$work/made/by_def.exe"
 
-"$3" serve --listen 127.0.0.1:0 --out "$work/stored" >"$work/server.log" 2>&1 &
-server=$!
-for ((try = 0; try < 500; ++try)); do
-  url=$(sed -n 's/^listening on //p' "$work/server.log")
-  [[ -z $url ]] && kill -0 "$server" || break
-  sleep 0.02
-done
-[[ -n $url ]] || fail "the server doesn't start"
+start_server "$3"
 
 # delivers RECORDS PROGRAM ARGUMENT...
 delivers() {
   : >"$work/stored"
-  (cd "$work" && rm -rf store && quiet wine "${@:2}")
+  (cd "$work" && rm -rf store && quietly wine "${@:2}")
   same "records of ${*:2}" "$(cat "$work/stored")" "$1"
 }
 ten_lines='{"version":"4.2.0","startupMs":312,"firstRun":true}'
@@ -83,7 +57,7 @@ delivers "$ten_lines" "$work/made/ten_lines/ten_lines.exe" store "$url/ten"
 export WINEPATH=$prefix/bin
 delivers "$c_program" "$work/made/c_program/c_program.exe" store "$url/c"
 delivers "$c_program" "$work/made/by_def.exe" store "$url/c"
-quiet wine "$work/made/described_record/described_record.exe" "$work/store" "$url/orders"
+quietly wine "$work/made/described_record/described_record.exe" "$work/store" "$url/orders"
 echo '{"a":"ü"}' >"$work/record"
 delivers '{"a":"ü"}' "$prefix/bin/veldrep.exe" send --store store --url "$url/program" record
 echo "zip_test: unzipped, built against and run"
