@@ -17,8 +17,8 @@ std::vector<std::string> BeginConsole(int count, const char* const* arguments);
 std::optional<unsigned> ErrorColumns() noexcept;
 
 // From now on the first Ctrl-C, SIGTERM or SIGHUP is only noted, and the second ends the program at once. One
-// that the program was started to ignore, as by nohup, stays ignored. On Windows
-// so are the end of the console, of the session and of the machine.
+// that the program was started to ignore, as by nohup, stays ignored. On Windows the end of the console, of
+// the session and of the machine are noted too.
 void NoteInterrupts() noexcept;
 bool IsInterrupted() noexcept;
 
