@@ -23,6 +23,8 @@ import tempfile
 import loss_trial
 from proxy import Proxy
 
+# More than the queue of the kind full holds: 32 KiB.
+MORE_THAN_A_FULL_QUEUE = 2000
 # An acknowledgement is in the sender's file with its group of 512 at the latest, and the largest packet has 100
 # records whose answer may have come in the moment of the kill.
 MOST_REPEATED_BY_A_KILL = 511 + 100
@@ -134,6 +136,8 @@ class Trial:
         try:
             for name in self.senders:
                 await self.start_sender(name, FIRST_NUMBERS[name])
+            if self.kind == "full":
+                await self.fill_the_queue()
             for number in range(self.rounds):
                 await self.round(number)
             for name in self.senders:
@@ -145,6 +149,15 @@ class Trial:
                     process.kill()
                     await process.wait()
             await self.proxy.close()
+
+    async def fill_the_queue(self):
+        """Until the queue has overflowed: on a slow machine its sender may be killed before that."""
+        self.proxy.passing.clear()
+        for _ in range(6000):
+            if sum(1 for _ in self.noted("c")) >= MORE_THAN_A_FULL_QUEUE:
+                break
+            await asyncio.sleep(0.01)
+        self.proxy.passing.set()
 
     async def drain(self):
         """The kills have stopped; what the store holds goes through."""

@@ -34,6 +34,8 @@ class Proxy:
     def __init__(self, random):
         self.random = random
         self.disturbing = True
+        self.passing = asyncio.Event()  # cleared: requests wait here
+        self.passing.set()
         self.server_port = None
         self.sender = 0  # rises with each death of a sender
         self.deliveries = []
@@ -84,6 +86,7 @@ class Proxy:
             while True:
                 head = await reader.readuntil(b"\r\n\r\n")
                 body = await reader.readexactly(length_of(head))
+                await self.passing.wait()
                 fault = self.draw_fault()
                 if fault:
                     self.faults[fault] += 1
