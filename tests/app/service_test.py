@@ -16,7 +16,7 @@ import unittest
 import urllib.error
 import urllib.request
 
-PATIENCE = 20
+PATIENCE = 60
 VELDREP = os.path.abspath(sys.argv.pop(1))
 
 

@@ -11,7 +11,7 @@
 //   {server address} what
 //                                 --listen takes, from here on
 //   % server TERM                 sends a signal to it and waits for its end, or with HUP for a line of its
-//   log
+//   log about the certificate
 //
 // With VELD_REWRITE_TRANSCRIPTS set, the files are written anew; the difference is to be read like code.
 #include <gtest/gtest.h>
@@ -83,7 +83,8 @@ class Transcript {
       if (words.at(1) == "HUP") {  // which it answers with a line of its log
         const std::size_t before = server.Errors().size();
         server.Signal(SIGHUP);
-        EXPECT_TRUE(tests::Eventually([&] { return server.Errors().size() > before; }));
+        EXPECT_TRUE(tests::Eventually(
+            [&] { return server.Errors().find("certificate", before) != std::string::npos; }));
         return;
       }
       servers_.at(words.at(0))->Signal(signals.at(words.at(1)));

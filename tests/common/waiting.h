@@ -9,7 +9,7 @@
 
 namespace veld_report::tests {
 
-inline constexpr std::chrono::seconds patience{20};
+inline constexpr std::chrono::seconds patience{60};
 
 // Polls, for what another thread or process brings about without a notification. Returns whether the
 // condition came true.

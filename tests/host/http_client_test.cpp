@@ -23,38 +23,55 @@ INSTANTIATE_TEST_SUITE_P(HttpClient, HttpContract, testing::Values(MakeDirect));
 TEST(HttpClient, FailuresHaveTheirCodesAndTheStateSaysWhy) {
   HttpClientOptions options = Direct();
   options.answerLimitBytes = 1000;
+  const HttpKit patient(options);
   options.stallTimeoutMs = 200;
   options.stallBytesPerSecond = 10;
-  options.totalTimeoutMs = 1500;
-  const HttpKit kit(options);
-  const auto expect = [&](const std::string& url, zel::ResultCode code, const char* error) {
+  const HttpKit stalling(options);
+  options.stallTimeoutMs = 4000;
+  options.totalTimeoutMs = 5000;
+  const HttpKit limited(options);
+  const auto expect = [](const HttpKit& kit, const std::string& url, zel::ResultCode code,
+                         const char* error) {
     EXPECT_EQ(kit.client.Send(url)->code, code) << url;
     EXPECT_THAT(kit.factory->StateOf(url).value_or(host::HttpClientState()).lastError,
                 testing::HasSubstr(error));
   };
-  expect("http://127.0.0.1:" + std::to_string(ClosedPort()) + "/", host::eMediaError, "Failed to connect");
-  expect("http://nowhere.test/", zel::eNotFound, "resolve host");
-  expect("gopher://127.0.0.1/", zel::eInvalidArgument, "http or https");
+  expect(patient, "http://127.0.0.1:" + std::to_string(ClosedPort()) + "/", host::eMediaError,
+         "Failed to connect");
+  expect(patient, "http://nowhere.test/", zel::eNotFound, "resolve host");
+  expect(patient, "gopher://127.0.0.1/", zel::eInvalidArgument, "http or https");
   const std::string head = "HTTP/1.1 200 OK\r\n";
   const std::chrono::milliseconds pause(5);
   const struct {
+    const HttpKit& kit;
     ScriptedReply reply;
     zel::ResultCode code;
     const char* error;
   } cases[] = {
-      {{"", ScriptedReply::close}, host::eMediaError, "Empty reply"},
-      {{"220 mail\r\n", ScriptedReply::close}, zel::eInvalidResult, "HTTP/0.9"},
-      {ScriptedReply::Status(404), zel::sOk, "status 404"},
-      {{head + "\r\n" + std::string(2000, 'x'), ScriptedReply::close},
+      {patient, {"", ScriptedReply::close}, host::eMediaError, "Empty reply"},
+      {patient, {"220 mail\r\n", ScriptedReply::close}, zel::eInvalidResult, "HTTP/0.9"},
+      {patient, ScriptedReply::Status(404), zel::sOk, "status 404"},
+      {patient,
+       {head + "\r\n" + std::string(2000, 'x'), ScriptedReply::close},
        zel::eInvalidResult,
        "longer than 1000 bytes"},
-      {{"", ScriptedReply::never}, zel::eOperationTimeout, "fewer than 10 bytes a second in 200 ms"},
+      {stalling,
+       {"", ScriptedReply::never},
+       zel::eOperationTimeout,
+       "fewer than 10 bytes a second in 200 ms"},
       // A total limit that isn't far larger would cut off a large packet on a slow link again and again.
-      {{head + "X: ", ScriptedReply::endless, pause}, zel::eOperationTimeout, "fewer than 10 bytes a second"},
-      {{head + "\r\n", ScriptedReply::endless, pause}, zel::eOperationTimeout, "timed out after 15"}};
+      {stalling,
+       {head + "X: ", ScriptedReply::endless, pause},
+       zel::eOperationTimeout,
+       "fewer than 10 bytes a second"},
+      // What comes at once is progress enough for the one look before the total limit.
+      {limited,
+       {head + "\r\n" + std::string(100, 'x'), ScriptedReply::endless, std::chrono::milliseconds(50)},
+       zel::eOperationTimeout,
+       "timed out after 5"}};
   for (const auto& each : cases) {
     ScriptedServer server(each.reply);
-    expect(server.Url(), each.code, each.error);
+    expect(each.kit, server.Url(), each.code, each.error);
   }
 }
 

@@ -114,7 +114,7 @@ struct ClientUnderTest {
     zel::Ref<network_services::IHttpRequestHandle> handle;
     zel::ResultCode accepted = zel::eNotInitialized;
 
-    zel::ResultCode Wait() const { return handle ? handle->Wait(20000) : accepted; }
+    zel::ResultCode Wait() const { return handle ? handle->Wait(100000) : accepted; }
     void ExpectNoReferencesLeft() const {
       EXPECT_EQ(OtherReferences(callback.Get()), 0u) << callback->url;
       EXPECT_EQ(OtherReferences(body.Get()), 0u) << callback->url;
@@ -156,10 +156,11 @@ struct ClientUnderTest {
   }
 };
 
-// What the machine says of proxies is no business of most tests.
+// What the machine says of proxies is no business of most tests, nor how long it takes for a handshake.
 inline host::HttpClientOptions Direct() {
   host::HttpClientOptions options;
   options.proxy = "";
+  options.connectTimeoutMs = 60'000;
   return options;
 }
 

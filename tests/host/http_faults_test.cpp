@@ -56,7 +56,7 @@ class HttpFaults : public testing::Test {
   }
   HttpFaults() {
     options_.backoff.enabled = false;
-    options_.connectTimeoutMs = options_.totalTimeoutMs = 2000;
+    options_.connectTimeoutMs = options_.totalTimeoutMs = 20'000;
     factory_ = CreateHttpClientFactory(options_);
   }
   ~HttpFaults() override { failAt = 0; }

@@ -162,7 +162,7 @@ int main(int count, char** arguments) {
   CHECK(veld_report_forget(reporter, error, sizeof error) == 0);
   CHECK(veld_report_stats(reporter, &stats) == 0 && stats.delivered == 2 && stats.total.removed.items == 1);
   CHECK(veld_report_is_closed(reporter) == 0);
-  CHECK(veld_report_close(reporter, 5000) == 1 && veld_report_is_closed(reporter) == 1);
+  CHECK(veld_report_close(reporter, 30000) == 1 && veld_report_is_closed(reporter) == 1);
   CHECK(veld_report_stats(reporter, &stats) < 0);
   CHECK(strcmp(losses, "evicted 1; removed 1; ") == 0);
   CHECK(finished[0] == 1 && finished[1] == 1 && sends >= 4);

@@ -74,7 +74,7 @@ void WriteDown(std::FILE* notes, char what, std::uint64_t first, std::uint64_t l
 
 // 0: everything that the store held has been delivered.
 int Drain(veld_report::Reporter& reporter) {
-  const bool flushed = reporter.Flush(std::chrono::seconds(60));
+  const bool flushed = reporter.Flush(std::chrono::seconds(240));
   const veld_report::QueueLedger total = reporter.Stats().total;
   std::printf("accepted %lld, delivered %lld, waiting %lld, evicted %lld, rejected %lld\n",
               static_cast<long long>(total.accepted.items), static_cast<long long>(total.delivered.items),

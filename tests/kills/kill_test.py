@@ -28,6 +28,8 @@ MORE_THAN_A_FULL_QUEUE = 2000
 # An acknowledgement is in the sender's file with its group of 512 at the latest, and the largest packet has 100
 # records whose answer may have come in the moment of the kill.
 MOST_REPEATED_BY_A_KILL = 511 + 100
+# In seconds. It waits five, but on a slow machine the proxy sees a request later than its sender began to wait.
+PATIENCE_OF_A_SENDER = 2
 KINDS = ("plain", "two", "full", "shared", "soon", "flood")
 LOSS_KINDS = ("soon", "flood")
 FIRST_NUMBERS = {"sender": 1, "second": 1_000_000_001}
@@ -66,7 +68,7 @@ class Trial:
                 self.path("key.pub.pem"), stdout=log, stderr=subprocess.STDOUT)
 
     async def server_port(self):
-        for _ in range(1000):
+        for _ in range(6000):
             for line in lines_of(self.path("server.log")):
                 if line.startswith("listening on "):
                     return int(line.rsplit(":", 1)[1])
@@ -165,7 +167,7 @@ class Trial:
         await self.server_port()
         await self.start_sender("sender", 0, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         sender, server = self.processes["sender"], self.processes["server"]
-        output, _ = await asyncio.wait_for(sender.communicate(), 90)
+        output, _ = await asyncio.wait_for(sender.communicate(), 260)
         print("drained:", output.decode().strip())
         if sender.returncode != 0:
             raise Failure("the store didn't drain, or its ledger tells of a loss")
@@ -235,7 +237,7 @@ def reason(first, then):
         return "server killed, or cut off, before it answered"
     if not first.answered:
         return "answer lost on its way"
-    if first.late:
+    if first.took > PATIENCE_OF_A_SENDER or then.at < first.at + first.took:
         return "answer later than the sender waits"
     if killed_between(first, then):
         return "sender killed before the acknowledgement was in its file"

@@ -8,6 +8,7 @@ import collections
 import dataclasses
 import json
 import re
+import time
 
 
 @dataclasses.dataclass
@@ -19,7 +20,8 @@ class Delivery:
     begun: int  # the proxy's when the request came
     status: int | None = None  # that the server has answered
     answered: bool = False  # the whole answer has gone to the sender
-    late: bool = False  # later than the sender waits for it, which may have sent it again by then
+    at: float = 0.0  # when the request was here
+    took: float = 0.0  # seconds from then until its answer went to the sender
 
 
 class Cut(Exception):
@@ -86,6 +88,7 @@ class Proxy:
             while True:
                 head = await reader.readuntil(b"\r\n\r\n")
                 body = await reader.readexactly(length_of(head))
+                at = time.monotonic()
                 await self.passing.wait()
                 fault = self.draw_fault()
                 if fault:
@@ -98,7 +101,7 @@ class Proxy:
                     raise Cut
                 if not upstream:
                     upstream = await asyncio.open_connection("127.0.0.1", self.server_port)
-                await self.pass_on(head, body, upstream, writer, sender, fault)
+                await self.pass_on(head, body, upstream, writer, sender, fault, at)
         except (Cut, OSError, asyncio.IncompleteReadError, asyncio.CancelledError):
             pass  # either end has gone, or the connection's time has come
         finally:
@@ -107,11 +110,11 @@ class Proxy:
                 if end:
                     end.transport.abort()
 
-    async def pass_on(self, head, body, upstream, writer, sender, fault):
+    async def pass_on(self, head, body, upstream, writer, sender, fault, at):
         from_server, to_server = upstream
         if fault == "cut request":
             await self.cut_in(head + body, to_server)
-        delivery = Delivery(numbers_of(body), sender, self.sender)
+        delivery = Delivery(numbers_of(body), sender, self.sender, at=at)
         self.deliveries.append(delivery)
         to_server.write(head + body)
         await to_server.drain()
@@ -124,10 +127,10 @@ class Proxy:
         if fault == "cut in answer":
             await self.cut_in(answer, writer)
         if fault == "late answer":
-            delivery.late = True
             await asyncio.sleep(5.5)
         # Counts as answered before it has gone: nobody can tell how much of it a dead sender has read.
         delivery.answered = True
+        delivery.took = time.monotonic() - at
         writer.write(answer)
         await writer.drain()
         self.pulse("answered")

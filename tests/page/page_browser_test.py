@@ -21,7 +21,7 @@ import urllib.request
 from prometheus_client.parser import text_string_to_metric_families
 
 SKIPPED = 77
-PATIENCE = 20
+PATIENCE = 60
 VELDREP = os.path.abspath(sys.argv.pop(1))
 
 

@@ -116,7 +116,8 @@ class ReporterTest(unittest.TestCase):
         self.assertIn("SendStatistic", str(lines))
 
     def test_end_of_the_interpreter_closes(self):
-        program = "import sys, veld_report; r = veld_report.Reporter(*sys.argv[1:2], sys.argv[2:]); r.send('{}')"
+        program = ("import sys, veld_report; "
+                   "r = veld_report.Reporter(*sys.argv[1:2], sys.argv[2:], close_deadline=60); r.send('{}')")
         subprocess.run([sys.executable, "-c", program, self.store, self.url], check=True)
         self.assertEqual(self.lines(), ["{}"])
 

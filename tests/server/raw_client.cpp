@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -16,7 +17,7 @@ int Connect(std::uint16_t port, const char* from) {
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const timeval patience{10, 0};
+  const timeval patience{60, 0};
   setsockopt(handle, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
   setsockopt(handle, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
   sockaddr_in own{};
@@ -40,9 +41,11 @@ void SendAll(int handle, std::string_view text) {
 RawAnswer Receive(int handle) {
   RawAnswer answer;
   char block[4096];
-  for (ssize_t length = 0; (length = recv(handle, block, sizeof(block), 0)) > 0;) {
+  ssize_t length = 0;
+  while ((length = recv(handle, block, sizeof(block), 0)) > 0) {
     answer.text.append(block, static_cast<std::size_t>(length));
   }
+  answer.hasEnded = length == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
   if (answer.text.starts_with("HTTP/1.1 ")) answer.status = std::atoi(answer.text.c_str() + 9);
   return answer;
 }
