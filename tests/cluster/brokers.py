@@ -12,7 +12,7 @@ class Failure(Exception):
     pass
 
 
-def await_that(condition, what, seconds=30):
+def await_that(condition, what, seconds=60):
     end = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > end:

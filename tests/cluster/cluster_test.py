@@ -203,7 +203,9 @@ class Trial:
         return next(name for name in self.brokers.running if name != self.brokers.leader("trial"))
 
     def refused_since(self, begin):
-        return not any(each > begin + 1 for each in self.answers()) and time.monotonic() > begin + 2 and any(
+        """What the brokers had taken before may still be answered for a while."""
+        quiet = time.monotonic() - 2
+        return begin < quiet and not any(each > quiet for each in self.answers()) and any(
             each[:2] == (503, "1") for client in self.clients for each in client.refusals)
 
     def longest_pause(self, begin):
