@@ -73,7 +73,7 @@ function(veld_add_test name)
     veld_startable(command ${name})
   endif()
   add_test(NAME ${name} COMMAND ${command} ${TEST_ARGUMENTS})
-  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+  set_tests_properties(${name} PROPERTIES TIMEOUT 900)
 endfunction()
 
 # Collects the sources of every target below `folder` into `out`, as absolute paths.
