@@ -10,8 +10,8 @@ import tempfile
 import unittest
 
 OPTIONS = None
-# A path that no code page of eight bits holds, and longer than MAX_PATH.
-LONG = os.path.join(*["störe-ж" * 8] * 4)
+# A path that no code page of eight bits holds, longer than MAX_PATH and than the 1,040 bytes of SQLite's usual VFS.
+LONG = os.path.join(*["störe-ж" * 8] * 16)
 
 
 def run(program, *arguments, folder, **more):
@@ -68,6 +68,11 @@ class Programs(unittest.TestCase):
         self.assertIn('{"n":2}', self.veldrep("queues", "--store", LONG, "peek", dead).stdout)
         self.assertIn("good, 1 items", self.veldrep("store", "check", "--store", LONG).stdout)
         self.assertEqual(self.stored(), [{"n": 1}, {"text": "ü ж"}])
+        with open(os.path.join(self.folder, LONG, "veld_rep.queue"), "r+b") as file:
+            file.write(b"\0" * 100)
+        self.assertIn("DAMAGED", self.veldrep("store", "check", "--store", LONG, code=1).stdout)
+        self.assertIn("1 items were salvaged and 0 are lost", self.veldrep("store", "salvage", "--store", LONG).stdout)
+        self.assertIn("good, 1 items", self.veldrep("store", "check", "--store", LONG).stdout)
         self.assertEqual(os.listdir(os.path.join(self.folder, LONG.split(os.sep)[0])), [LONG.split(os.sep)[1]])
 
     def test_veldrep_says_what_is_wrong(self):

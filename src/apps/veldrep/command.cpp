@@ -23,9 +23,7 @@ void CheckStoreAccess(const std::string& path) {
 }
 
 void RefuseFolder(const std::string& path) {
-  std::error_code error;
-  if (path != "-" && std::filesystem::is_directory(host::FromUtf8(path), error))
-    throw Failure(path, "is a folder; name a file");
+  if (path != "-" && host::IsFolder(host::FromUtf8(path))) throw Failure(path, "is a folder; name a file");
 }
 
 std::string ReadWhole(const std::string& path, std::size_t limitBytes) {

@@ -33,7 +33,7 @@ zel::Ref<host::QueueService> OpenStore(const QueuesOptions& options, bool inspec
   const std::filesystem::path file = host::StoreFilePath(host::FromUtf8(options.store), host::defaultDomain);
   CheckStoreAccess(options.store);
   CheckStoreAccess(host::Utf8(file));
-  if (!std::filesystem::exists(file)) throw Failure(options.store, "there is no store in this folder");
+  if (!host::FileStatus::Of(file)) throw Failure(options.store, "there is no store in this folder");
   host::QueueServiceOptions service;
   service.folder = host::FromUtf8(options.store);
   service.inspectOnly = inspectOnly;

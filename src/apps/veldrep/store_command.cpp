@@ -16,7 +16,7 @@ struct StoreOptions {
 
 void RequireStore(const StoreOptions& options) {
   CheckStoreAccess(options.store);
-  if (!std::filesystem::is_directory(host::FromUtf8(options.store)) ||
+  if (!host::IsFolder(host::FromUtf8(options.store)) ||
       host::StoredDomains(host::FromUtf8(options.store)).empty())
     throw Failure(options.store, "there is no store in this folder");
 }

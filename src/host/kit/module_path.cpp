@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <system_error>
 
 #include "host/platform/file.h"
 #include "host/platform/library.h"
@@ -36,8 +35,7 @@ std::unique_ptr<LoadedModule> LoadModule(const std::string& path) {
   if (const ModuleExports* linked = LinkedModule()) return std::make_unique<LoadedModule>(*linked);
   std::string looked;
   for (const fs::path& folder : ModuleFolders()) {
-    std::error_code error;
-    if (fs::is_regular_file(folder / moduleFileName, error)) {
+    if (!ReadProblem(folder / moduleFileName) && !IsFolder(folder / moduleFileName)) {
       return std::make_unique<LoadedModule>(Utf8(folder / moduleFileName));
     }
     looked += Utf8(folder) + ", ";

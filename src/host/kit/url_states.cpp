@@ -73,9 +73,7 @@ bool ReplaceFile(const std::filesystem::path& file, const std::string& content) 
   File written = File::Open(fresh, File::Mode::replace);
   if (!written || written.Write(content) != content.size()) return false;
   written.Close();
-  std::error_code error;
-  std::filesystem::rename(fresh, file, error);
-  return !error;
+  return !Rename(fresh, file);
 }
 
 }  // namespace
@@ -134,7 +132,7 @@ void UrlStateFile::Write() {
 std::vector<UrlState> UrlStateFile::Read(const std::filesystem::path& storeFolder) {
   std::vector<UrlState> states;
   std::unordered_map<std::string, std::size_t> places;
-  std::ifstream file(StateFile(storeFolder));
+  std::ifstream file(SystemPath(StateFile(storeFolder)));
   for (std::string line; std::getline(file, line);) {
     // A line without its end is still being written.
     auto state = file.eof() ? std::nullopt : ParseLine(line);

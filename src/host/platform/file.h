@@ -13,6 +13,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "host/platform/paths.h"
+
 namespace veld_report::host {
 
 // Which file a path names; another one if it was deleted and created again.
@@ -113,16 +115,6 @@ std::error_code ReadProblem(const std::filesystem::path& file) noexcept;
 // What lets other users read the file, and how to end that, for a message: "(its mode is 0644); chmod 600
 // it". Empty if only its owner can, apart from administrators, or if that isn't known.
 std::string WhyOthersCanRead(const std::filesystem::path& file);
-
-// A path as the users of this code write paths, and back: UTF-8 on Windows too. Throw std::bad_alloc.
-std::string Utf8(const std::filesystem::path& path);
-std::filesystem::path FromUtf8(std::string_view path);
-
-// The path with an ending in ASCII. Its text plus the ending isn't the same: on Windows that text is UTF-8,
-// and a path isn't made of UTF-8.
-inline std::filesystem::path WithEnding(std::filesystem::path path, const char* ending) {
-  return path += ending;
-}
 
 // Deletes a file, also one that is open (on Windows it then gives up its name at once). Returns false if it
 // is still there.

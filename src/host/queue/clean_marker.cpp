@@ -16,7 +16,7 @@ constexpr std::uint64_t smallFileBytes = 4 << 20;
 
 std::string FirstLine(const std::filesystem::path& file) {
   std::string line;
-  std::ifstream stream(file);
+  std::ifstream stream(SystemPath(file));
   std::getline(stream, line);
   return line;
 }
@@ -34,9 +34,8 @@ std::string ClosedText(const FileStatus& status) {
 }
 
 bool HasLog(const std::filesystem::path& file) {
-  std::error_code error;
-  const auto bytes = std::filesystem::file_size(WithEnding(file, "-wal"), error);
-  return !error && bytes != 0;
+  const auto log = FileStatus::Of(WithEnding(file, "-wal"));
+  return log && log->bytes != 0;
 }
 
 }  // namespace

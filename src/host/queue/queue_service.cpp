@@ -90,8 +90,8 @@ zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& given) {
   options.folder = std::filesystem::absolute(given.folder).lexically_normal();
   if (!options.folder.has_filename()) options.folder = options.folder.parent_path();
   if (!options.inspectOnly) PrepareStoreFolder(options.folder);
-  if (!std::filesystem::is_directory(options.folder)) {
-    throw StoreError("there is no folder " + options.folder.string() + "; name the folder of the store");
+  if (!IsFolder(options.folder)) {
+    throw StoreError("there is no folder " + Utf8(options.folder) + "; name the folder of the store");
   }
   RefuseInheritedStore(options.folder);
   auto service = MakeObject<QueueService>(options, LockFolder(options));

@@ -419,7 +419,7 @@ void QueueStore::NoteFailure(const std::string& what, const SqliteError& error) 
 }
 
 void QueueStore::Trace(std::uint32_t level, const std::string& line) const {
-  WriteTrace(options_.tracer.Get(), level, "store\t" + path_.string() + ": " + line);
+  WriteTrace(options_.tracer.Get(), level, "store\t" + Utf8(path_) + ": " + line);
 }
 
 }  // namespace veld_report::host

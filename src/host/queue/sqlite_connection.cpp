@@ -8,13 +8,19 @@
 namespace veld_report::host {
 namespace {
 
+// SQLite for Windows takes paths of 1,040 bytes at most, unless it is asked for by its other name.
+const char* VfsForLongPaths() {
+  const sqlite3_vfs* const standard = sqlite3_vfs_find(nullptr);
+  return standard && std::string_view(standard->zName) == "win32" ? "win32-longpath" : nullptr;
+}
+
 // How long a statement waits for another process that has locked the file.
 constexpr int busyTimeoutMs = 5000;
 
 [[noreturn]] void Fail(sqlite3* handle, int code) {
   const char* file = handle ? sqlite3_db_filename(handle, "main") : nullptr;
   const char* reason = handle ? sqlite3_errmsg(handle) : sqlite3_errstr(code);
-  throw SqliteError(code, std::string(file ? file : "store") + ": " + SqliteWords(code, reason));
+  throw SqliteError(code, (file ? WithoutPrefix(file) : "store") + ": " + SqliteWords(code, reason));
 }
 
 int ErrorOf(sqlite3* handle, int code) {
@@ -24,10 +30,10 @@ int ErrorOf(sqlite3* handle, int code) {
 
 // SQLite takes a file of one byte as empty, too, and deletes the log of an empty file.
 bool HasOnlyItsLog(const std::filesystem::path& file) {
-  std::error_code error;
-  if (std::filesystem::file_size(file, error) > 1) return false;
-  const auto logBytes = std::filesystem::file_size(WithEnding(file, "-wal"), error);
-  return !error && logBytes != 0;
+  const auto status = FileStatus::Of(file);
+  if (!status || status->bytes > 1) return false;
+  const auto log = FileStatus::Of(WithEnding(file, "-wal"));
+  return log && log->bytes != 0;
 }
 
 }  // namespace
@@ -134,12 +140,13 @@ void SqliteConnection::Close::operator()(sqlite3* handle) const { sqlite3_close_
 
 SqliteConnection::SqliteConnection(const std::filesystem::path& file, Access access, const std::string& vfs) {
   if (HasOnlyItsLog(file)) {
-    throw SqliteError(SQLITE_CORRUPT, file.string() + ": the file is empty, but its log isn't");
+    throw SqliteError(SQLITE_CORRUPT, Utf8(file) + ": the file is empty, but its log isn't");
   }
   const int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE |
                     (access == Access::read ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
   sqlite3* handle = nullptr;
-  const int code = sqlite3_open_v2(Utf8(file).c_str(), &handle, flags, vfs.empty() ? nullptr : vfs.c_str());
+  const int code = sqlite3_open_v2(Utf8(SystemPath(file)).c_str(), &handle, flags,
+                                   vfs.empty() ? VfsForLongPaths() : vfs.c_str());
   handle_.reset(handle);
   if (code != SQLITE_OK) Fail(handle, code);
   sqlite3_busy_timeout(handle, busyTimeoutMs);

@@ -68,7 +68,7 @@ SqliteConnection StoreFile::OpenLaidOut(const std::filesystem::path& file, const
   if (settings.inspectOnly) {
     connection.Execute("PRAGMA query_only=ON");
     if (connection.QueryInteger("PRAGMA user_version") == storeLayoutVersion) return connection;
-    throw StoreError("the store " + file.string() +
+    throw StoreError("the store " + Utf8(file) +
                      " has another layout than this program's; open it once for sending, "
                      "or use the program that wrote it");
   }

@@ -12,7 +12,7 @@ namespace {
 
 [[noreturn]] void FailFile(const std::filesystem::path& file, const char* action, std::error_code error) {
   const bool isRefused = error == std::errc::permission_denied || error == std::errc::operation_not_permitted;
-  throw StoreError("can't " + std::string(action) + " " + file.string() + ": " + error.message() +
+  throw StoreError("can't " + std::string(action) + " " + Utf8(file) + ": " + error.message() +
                    (isRefused ? "; give this user the right to write in that folder, or choose another one"
                               : "; choose another one"));
 }
@@ -33,24 +33,23 @@ std::filesystem::path StoreFilePath(const std::filesystem::path& folder, std::st
 void RefuseInheritedStore(const std::filesystem::path& folder) {
   const auto opener = ForkGuard().InheritedFrom(folder / storeLockName);
   if (!opener) return;
-  throw StoreError("the store in " + folder.string() + " was open in process " + std::to_string(*opener) +
+  throw StoreError("the store in " + Utf8(folder) + " was open in process " + std::to_string(*opener) +
                    " when that forked this process; use another folder, or fork before opening this one");
 }
 
 void PrepareStoreFolder(const std::filesystem::path& folder) {
-  std::error_code error;
-  if (std::filesystem::is_directory(folder, error)) return;
-  if (std::filesystem::exists(folder, error)) {
-    throw StoreError(folder.string() + " is a file, but a store is a folder; name another path");
+  if (IsFolder(folder)) return;
+  if (FileStatus::Of(folder)) {
+    throw StoreError(Utf8(folder) + " is a file, but a store is a folder; name another path");
   }
   std::vector<std::filesystem::path> grown;  // the parents of new folders
-  for (auto made = folder; !std::filesystem::exists(made, error) && made.has_parent_path();) {
+  for (auto made = folder; !FileStatus::Of(made) && made.has_parent_path();) {
     made = made.parent_path();
     grown.push_back(made);
   }
-  if (folder.has_parent_path()) std::filesystem::create_directories(folder.parent_path(), error);
+  if (folder.has_parent_path()) static_cast<void>(MakeFolders(folder.parent_path()));
   if (const std::error_code failed = MakePrivateFolder(folder)) {
-    if (failed == std::errc::file_exists && std::filesystem::is_directory(folder, error)) return;
+    if (failed == std::errc::file_exists && IsFolder(folder)) return;
     FailFile(folder, "make the folder", failed);
   }
   // A new folder lasts only once its parent is synced.

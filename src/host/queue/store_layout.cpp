@@ -74,16 +74,16 @@ void LayOutStore(SqliteConnection& connection, const std::filesystem::path& file
   const std::int64_t version = LayoutVersion(connection);
   if (version == storeLayoutVersion) return;
   if (version > storeLayoutVersion) {
-    throw StoreError("the store " + file.string() + " has layout " + std::to_string(version) +
+    throw StoreError("the store " + Utf8(file) + " has layout " + std::to_string(version) +
                      ", and this program knows layouts up to " + std::to_string(storeLayoutVersion) +
                      "; use the newer program that wrote it, or another folder");
   }
   if (version >= 1) {
-    throw EarlierLayoutError("the store " + file.string() + " has the earlier layout " +
+    throw EarlierLayoutError("the store " + Utf8(file) + " has the earlier layout " +
                              std::to_string(version) + "; open it once for sending, which upgrades it");
   }
   if (connection.QueryInteger("PRAGMA page_count") != 0) {
-    throw SqliteError(SQLITE_NOTADB, file.string() + ": it isn't a store");
+    throw SqliteError(SQLITE_NOTADB, Utf8(file) + ": it isn't a store");
   }
   InTransaction(connection, LayoutSql(storeLayoutVersion));
 }

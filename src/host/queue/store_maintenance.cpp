@@ -14,8 +14,8 @@ namespace {
 constexpr std::size_t maxFindings = 20;
 
 FileLock LockExistingFolder(const std::filesystem::path& folder) {
-  if (!std::filesystem::is_directory(folder)) {
-    throw StoreError("there is no folder " + folder.string() + "; name the folder of the store");
+  if (!IsFolder(folder)) {
+    throw StoreError("there is no folder " + Utf8(folder) + "; name the folder of the store");
   }
   return LockStoreFolder(folder, FileLock::Kind::exclusive);
 }
@@ -23,9 +23,7 @@ FileLock LockExistingFolder(const std::filesystem::path& folder) {
 std::uint64_t SizeOnDisk(const std::filesystem::path& file) {
   std::uint64_t total = 0;
   for (const char* suffix : {"", "-wal"}) {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(WithEnding(file, suffix), error);
-    if (!error) total += size;
+    if (const auto status = FileStatus::Of(WithEnding(file, suffix))) total += status->bytes;
   }
   return total;
 }
@@ -69,9 +67,9 @@ StoreCheck CheckOne(const std::filesystem::path& file, const std::string& domain
 
 std::vector<std::string> StoredDomains(const std::filesystem::path& folder) {
   std::vector<std::string> domains;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    const std::string domain = entry.path().stem().string();
-    if (entry.path() == StoreFilePath(folder, domain) && IsSafeDomainName(domain)) domains.push_back(domain);
+  for (const auto& entry : EntriesOf(folder)) {
+    const std::string domain = Utf8(entry.stem());
+    if (entry == StoreFilePath(folder, domain) && IsSafeDomainName(domain)) domains.push_back(domain);
   }
   std::ranges::sort(domains);
   return domains;
@@ -82,12 +80,12 @@ FileLock LockStoreFolder(const std::filesystem::path& folder, FileLock::Kind kin
   FileLock lock = FileLock::Try(folder / storeLockName, kind, &holder);
   if (!lock && holder == std::to_string(ProcessId())) {
     throw StoreError(
-        "the store in " + folder.string() +
+        "the store in " + Utf8(folder) +
         " is in use by this process: it is open there, or still being closed; close it first and "
         "wait until that has ended, or choose another folder");
   }
   if (!lock) {
-    throw StoreError("the store in " + folder.string() + " is in use by process " +
+    throw StoreError("the store in " + Utf8(folder) + " is in use by process " +
                      (holder.empty() ? "(unknown)" : holder) +
                      "; end that process first, or choose another folder");
   }
@@ -101,7 +99,7 @@ std::vector<StoreCheck> CheckStore(const std::filesystem::path& folder) {
     const auto file = StoreFilePath(folder, domain);
     StoreCheck check = CheckOne(file, domain);
     for (const auto& damaged : DamagedFilesOf(file)) {
-      if (!IsSalvaged(damaged)) check.findings.push_back(damaged.string() + " hasn't been salvaged yet");
+      if (!IsSalvaged(damaged)) check.findings.push_back(Utf8(damaged) + " hasn't been salvaged yet");
     }
     checks.push_back(std::move(check));
   }

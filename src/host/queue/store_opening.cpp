@@ -39,7 +39,7 @@ FileLock LockOpening(const std::filesystem::path& file) {
     FileLock lock = FileLock::Try(lockFile, FileLock::Kind::exclusive, &holder);
     if (lock) return lock;
     if (std::chrono::steady_clock::now() > deadline) {
-      throw StoreError("process " + holder + " has been opening the store " + file.string() +
+      throw StoreError("process " + holder + " has been opening the store " + Utf8(file) +
                        " for too long; end that process");
     }
     std::this_thread::sleep_for(openingStep);
@@ -53,7 +53,7 @@ std::unique_ptr<StoreFile> OpenUpgraded(const QueueServiceOptions& options, cons
   } catch (const EarlierLayoutError&) {
     if (options.shared && !folderLock.Change(FileLock::Kind::exclusive)) {
       throw StoreError(
-          "the store " + file.string() +
+          "the store " + Utf8(file) +
           " has an earlier layout and other processes use it; end them, and the next start upgrades it");
     }
   }
@@ -93,7 +93,7 @@ std::unique_ptr<StoreFile> TryOpen(const QueueServiceOptions& options, const std
 
 std::unique_ptr<StoreFile> Replace(const QueueServiceOptions& options, const std::filesystem::path& file,
                                    const std::string& damage) {
-  Say(options, file.string() + " is damaged (" + damage + ") and is replaced");
+  Say(options, Utf8(file) + " is damaged (" + damage + ") and is replaced");
   const std::int64_t nowMs = options.machine->CalendarMs();
   MoveStoreAside(file, nowMs);
   PreparePrivateFile(file);
@@ -107,7 +107,7 @@ std::unique_ptr<StoreFile> ReplaceAlone(const QueueServiceOptions& options, cons
                                         const std::string& damage, FileLock& folderLock) {
   if (!options.shared) return Replace(options, file, damage);
   if (!folderLock.Change(FileLock::Kind::exclusive)) {
-    throw StoreError("the store " + file.string() + " is damaged (" + damage +
+    throw StoreError("the store " + Utf8(file) + " is damaged (" + damage +
                      ") and other processes use it; end them, and the next start repairs it");
   }
   auto replaced = Replace(options, file, damage);
@@ -127,7 +127,7 @@ void SalvageDamagedFiles(const QueueServiceOptions& options, const std::filesyst
         options.onLoss({}, LossReason::damaged, report.lost.value_or(ItemCount{}), Describe(report));
       }
     } catch (const std::exception& error) {
-      Say(options, damaged.string() + " can't be salvaged now (" + error.what() +
+      Say(options, Utf8(damaged) + " can't be salvaged now (" + error.what() +
                        "); the next start tries again, or run veldrep store salvage");
     }
   }
@@ -140,10 +140,10 @@ void DeleteOldDamagedFiles(const QueueServiceOptions& options, const std::filesy
   for (std::size_t i = 0; i + keptDamagedFiles < salvaged.size(); ++i) {
     try {
       DeleteDamagedFile(salvaged[i]);
-      Say(options, salvaged[i].string() + " is deleted; the last " + std::to_string(keptDamagedFiles) +
+      Say(options, Utf8(salvaged[i]) + " is deleted; the last " + std::to_string(keptDamagedFiles) +
                        " damaged stores are kept");
-    } catch (const std::filesystem::filesystem_error& error) {
-      Say(options, std::string("a damaged store can't be deleted: ") + error.what());
+    } catch (const StoreError& error) {
+      Say(options, error.what());
     }
   }
 }

@@ -11,7 +11,6 @@
 #include <map>
 #include <memory>
 #include <span>
-#include <system_error>
 #include <utility>
 
 #include "host/base/utc.h"
@@ -37,8 +36,7 @@ constexpr std::size_t pageCountOffset = 28;  // in SQLite's file header, big-end
 
 void RemoveWithCompanions(const std::filesystem::path& file) {
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
-    std::error_code ignored;
-    std::filesystem::remove(WithEnding(file, suffix), ignored);
+    RemoveFile(WithEnding(file, suffix));
   }
 }
 
@@ -69,17 +67,16 @@ class CopyWithNewFirstPage {
       : copy_(WithEnding(source, ".salvage")) {
     Copy(source, copy_);
     const auto log = WithEnding(source, "-wal");
-    if (std::filesystem::exists(log)) Copy(log, WithEnding(copy_, "-wal"));
+    if (FileStatus::Of(log)) Copy(log, WithEnding(copy_, "-wal"));
     std::array<char, pageBytes> page = NewFirstPage(WithEnding(source, ".fresh"), layout, vfs);
     // SQLite opens no file that ends before the root of a table, or has more pages than its log says.
     const std::uint32_t rootPages = layout == storeLayoutVersion ? 5 : 6;
-    const auto pages =
-        std::max(rootPages, static_cast<std::uint32_t>(std::filesystem::file_size(copy_) / pageBytes));
-    std::filesystem::resize_file(copy_, pages * pageBytes);
+    File file = File::Open(copy_, File::Mode::writeExisting);
+    const auto pages = std::max(rootPages, static_cast<std::uint32_t>(file ? file.Size() / pageBytes : 0));
     for (std::size_t i = 0; i < 4; ++i) page[pageCountOffset + i] = static_cast<char>(pages >> (24 - 8 * i));
-    std::fstream stream(copy_, std::ios::in | std::ios::out | std::ios::binary);
-    stream.write(page.data(), page.size());
-    if (!stream.flush()) throw StoreError("can't write " + copy_.string() + "; make room on that disk");
+    const bool written =
+        file && file.Truncate(pages * pageBytes) && file.WriteAt({page.data(), page.size()}, 0);
+    if (!written) throw StoreError("can't write " + Utf8(copy_) + "; make room on that disk");
   }
   CopyWithNewFirstPage(const CopyWithNewFirstPage&) = delete;
   CopyWithNewFirstPage& operator=(const CopyWithNewFirstPage&) = delete;
@@ -90,12 +87,12 @@ class CopyWithNewFirstPage {
  private:
   static void Copy(const std::filesystem::path& from, const std::filesystem::path& to) {
     PreparePrivateFile(to);
-    std::ifstream in(from, std::ios::binary);
-    std::ofstream out(to, std::ios::binary | std::ios::trunc);
+    std::ifstream in(SystemPath(from), std::ios::binary);
+    std::ofstream out(SystemPath(to), std::ios::binary | std::ios::trunc);
     // An empty file would count as a failure.
     if (in && in.peek() != std::ifstream::traits_type::eof()) out << in.rdbuf();
     if (!in || !out.flush())
-      throw StoreError("can't copy " + from.string() + " to salvage it; make room on its disk");
+      throw StoreError("can't copy " + Utf8(from) + " to salvage it; make room on its disk");
   }
   static std::array<char, pageBytes> NewFirstPage(const std::filesystem::path& donor, std::int64_t layout,
                                                   const std::string& vfs) {
@@ -104,7 +101,7 @@ class CopyWithNewFirstPage {
     SqliteConnection(donor, SqliteConnection::Access::readWrite, vfs)
         .Execute("PRAGMA journal_mode=WAL;" + LayoutSql(layout));
     std::array<char, pageBytes> page{};
-    std::ifstream(donor, std::ios::binary).read(page.data(), page.size());
+    std::ifstream(SystemPath(donor), std::ios::binary).read(page.data(), page.size());
     RemoveWithCompanions(donor);
     return page;
   }
@@ -417,32 +414,29 @@ std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int
                                   utc.day, utc.hour, utc.minute, utc.second));
   const std::filesystem::path base = WithEnding(WithEnding(file, damagedInfix), time);
   std::filesystem::path aside = base;
-  for (int number = 2; std::filesystem::exists(aside); ++number)
+  for (int number = 2; FileStatus::Of(aside); ++number)
     aside = WithEnding(base, ("-" + std::to_string(number)).c_str());
   // The log first: a file without its log would look like an older, intact store.
   for (const char* suffix : {"-wal", "-journal", ""}) {
-    std::error_code error;
-    if (*suffix && std::filesystem::file_size(WithEnding(file, suffix), error) == 0 && !error)
-      std::filesystem::remove(WithEnding(file, suffix), error);
-    if (!std::filesystem::exists(WithEnding(file, suffix))) continue;
-    std::filesystem::rename(WithEnding(file, suffix), WithEnding(aside, suffix), error);
-    if (error)
-      throw StoreError("can't move the damaged store aside to " + aside.string() + ": " + error.message());
+    const auto part = WithEnding(file, suffix);
+    const auto status = FileStatus::Of(part);
+    if (!status || (*suffix && status->bytes == 0 && RemoveFile(part))) continue;
+    if (const std::error_code error = Rename(part, WithEnding(aside, suffix)))
+      throw StoreError("can't move the damaged store aside to " + Utf8(aside) + ": " + error.message());
   }
-  std::error_code ignored;
-  std::filesystem::remove(WithEnding(file, "-shm"), ignored);
+  RemoveFile(WithEnding(file, "-shm"));
   return aside;
 }
 
 std::vector<std::filesystem::path> DamagedFilesOf(const std::filesystem::path& file) {
-  const std::string prefix = file.filename().string() + damagedInfix;
+  const std::string prefix = Utf8(file.filename()) + damagedInfix;
   std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::directory_iterator(file.parent_path())) {
-    const std::string name = entry.path().filename().string();
+  for (const auto& entry : EntriesOf(file.parent_path())) {
+    const std::string name = Utf8(entry.filename());
     if (!name.starts_with(prefix)) continue;
     // The names of logs and markers continue with lower-case letters.
     const bool isFile = name.find_first_not_of("0123456789TZ-", prefix.size()) == std::string::npos;
-    if (isFile) files.push_back(entry.path());
+    if (isFile) files.push_back(entry);
   }
   std::ranges::sort(files);
   return files;
@@ -450,7 +444,9 @@ std::vector<std::filesystem::path> DamagedFilesOf(const std::filesystem::path& f
 
 void DeleteDamagedFile(const std::filesystem::path& damaged) {
   for (const char* suffix : {"", "-wal", "-shm", "-journal", salvagedSuffix}) {
-    std::filesystem::remove(WithEnding(damaged, suffix));
+    if (!RemoveFile(WithEnding(damaged, suffix)))
+      throw StoreError("can't delete the damaged store " + Utf8(damaged) + suffix +
+                       "; give this user the right to write in its folder");
   }
 }
 
@@ -463,18 +459,17 @@ void CopyInto(StoreFile& target, SqliteConnection& source) {
 SalvageReport SalvageInto(StoreFile& target, const std::filesystem::path& source, const std::string& vfs) {
   SalvageReport report = SalvageFrom(target, source, vfs);
   report.source = source;
-  std::error_code ignored;
-  std::filesystem::remove(WithEnding(source, "-shm"), ignored);
+  RemoveFile(WithEnding(source, "-shm"));
   PreparePrivateFile(WithEnding(source, salvagedSuffix));
   return report;
 }
 
 bool IsSalvaged(const std::filesystem::path& source) {
-  return std::filesystem::exists(WithEnding(source, salvagedSuffix));
+  return FileStatus::Of(WithEnding(source, salvagedSuffix)).has_value();
 }
 
 std::string Describe(const SalvageReport& report) {
-  std::string text = "the damaged store is kept as " + report.source.string() + "; " +
+  std::string text = "the damaged store is kept as " + Utf8(report.source) + "; " +
                      std::to_string(report.salvaged.items) + " items were salvaged and ";
   return text + (report.lost ? std::to_string(report.lost->items) + " are lost"
                              : std::string("an unknown number is lost"));

@@ -31,7 +31,7 @@ std::filesystem::path MoveStoreAside(const std::filesystem::path& file, std::int
 
 // The files that were moved aside from `file`, oldest first.
 std::vector<std::filesystem::path> DamagedFilesOf(const std::filesystem::path& file);
-// Deletes one of these, with its log and its marker. Throws std::filesystem::filesystem_error.
+// Deletes one of these, with its log and its marker. Throws StoreError.
 void DeleteDamagedFile(const std::filesystem::path& damaged);
 
 // One transaction on `target`: on an exception (SqliteError, StoreError) it is rolled back. Items keep their

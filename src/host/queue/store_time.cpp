@@ -28,7 +28,7 @@ struct Note {
 bool IsPlausible(std::int64_t timeMs) { return std::abs(timeMs) < std::int64_t{1} << 53; }
 
 bool ReadNote(const std::filesystem::path& path, Note* note) {
-  std::ifstream file(path);
+  std::ifstream file(SystemPath(path));
   return file >> note->timeMs >> note->calendarMs >> note->uptimeMs >> note->boot &&
          IsPlausible(note->timeMs) && IsPlausible(note->calendarMs) && IsPlausible(note->uptimeMs);
 }

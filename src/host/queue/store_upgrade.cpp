@@ -3,7 +3,6 @@
 #include <sqlite3.h>
 
 #include <memory>
-#include <system_error>
 
 #include "host/base/sqlite_words.h"
 #include "host/platform/file.h"
@@ -23,8 +22,7 @@ std::filesystem::path WorkOf(const std::filesystem::path& file) { return WithEnd
 
 void Remove(const std::filesystem::path& file) {
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
-    std::error_code ignored;
-    std::filesystem::remove(WithEnding(file, suffix), ignored);
+    RemoveFile(WithEnding(file, suffix));
   }
 }
 
@@ -33,7 +31,7 @@ void KeepCopy(SqliteConnection& connection, const std::filesystem::path& copy) {
   Remove(copy);  // left by an interrupted upgrade
   PreparePrivateFile(copy);
   std::string quoted;
-  for (const char character : copy.string()) quoted.append(character == '\'' ? 2 : 1, character);
+  for (const char character : Utf8(SystemPath(copy))) quoted.append(character == '\'' ? 2 : 1, character);
   connection.Execute("VACUUM INTO '" + quoted + "'");
 }
 
@@ -43,9 +41,9 @@ void Overwrite(SqliteConnection& target, const SqliteConnection& source, const s
   const int stepped = backup ? sqlite3_backup_step(backup, -1) : sqlite3_errcode(target.Handle());
   const int finished = sqlite3_backup_finish(backup);
   if (stepped != SQLITE_DONE)
-    throw SqliteError(stepped, file.string() + ": " + SqliteWords(stepped, sqlite3_errstr(stepped)));
+    throw SqliteError(stepped, Utf8(file) + ": " + SqliteWords(stepped, sqlite3_errstr(stepped)));
   if (finished != SQLITE_OK)
-    throw SqliteError(finished, file.string() + ": " + SqliteWords(finished, sqlite3_errstr(finished)));
+    throw SqliteError(finished, Utf8(file) + ": " + SqliteWords(finished, sqlite3_errstr(finished)));
 }
 
 void Upgrade(SqliteConnection& connection, const std::filesystem::path& file,
@@ -78,7 +76,7 @@ void UpgradeStore(const std::filesystem::path& file, const std::string& vfs) {
     Remove(WorkOf(file));
     Remove(copy);
     if (!error.IsNoRoom()) throw;
-    throw StoreError("can't upgrade the store " + file.string() + ": " + error.what() +
+    throw StoreError("can't upgrade the store " + Utf8(file) + ": " + error.what() +
                      "; make room for three times the file on its disk");
   }
 }

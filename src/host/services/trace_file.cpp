@@ -38,8 +38,7 @@ bool TraceFile::Write(std::string_view line) {
 }
 
 void TraceFile::Rotate() {
-  std::error_code notMoved;
-  std::filesystem::rename(FromUtf8(path_), FromUtf8(path_ + ".1"), notMoved);
+  const std::error_code notMoved = Rename(FromUtf8(path_), FromUtf8(path_ + ".1"));
   File fresh = File::OpenAsItIs(FromUtf8(path_), File::Mode::append, false);
   const bool isFresh = static_cast<bool>(fresh);
   if (isFresh) file_ = std::move(fresh);

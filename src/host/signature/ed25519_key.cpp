@@ -55,9 +55,8 @@ BioHandle Reader(std::string_view text) {
 }
 
 std::string ReadFile(const std::string& path) {
-  std::error_code ignored;
-  if (std::filesystem::is_directory(FromUtf8(path), ignored)) throw std::runtime_error("is a folder");
-  std::ifstream file(FromUtf8(path), std::ios::binary);
+  if (IsFolder(FromUtf8(path))) throw std::runtime_error("is a folder");
+  std::ifstream file(SystemPath(FromUtf8(path)), std::ios::binary);
   if (!file) throw std::runtime_error("can't be opened: " + std::generic_category().message(errno));
   constexpr std::size_t limitBytes = 64 << 10;
   std::string text(limitBytes, '\0');

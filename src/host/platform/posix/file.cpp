@@ -172,9 +172,6 @@ void File::Unlock() noexcept {
   lock_.reset();
 }
 
-std::string Utf8(const std::filesystem::path& path) { return path.native(); }
-std::filesystem::path FromUtf8(std::string_view path) { return path; }
-
 std::error_code ReadProblem(const std::filesystem::path& file) noexcept {
   return access(file.c_str(), R_OK) == 0 ? std::error_code()
                                          : std::error_code(errno, std::generic_category());

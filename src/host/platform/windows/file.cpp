@@ -14,7 +14,6 @@ namespace {
 
 // The lock is on one byte beyond any content, so that who can't lock the file can still read it.
 constexpr DWORD lockOffsetHigh = 0x7fffffff;
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 void Set(std::error_code* error, std::error_code value) noexcept {
   if (error) *error = value;
@@ -280,9 +279,6 @@ void File::Unlock() noexcept {
   lock_.reset();
 }
 
-std::string Utf8(const std::filesystem::path& path) { return Narrow(path.native()); }
-std::filesystem::path FromUtf8(std::string_view path) { return Wide(path); }
-
 std::error_code ReadProblem(const std::filesystem::path& file) noexcept {
   try {
     const HANDLE handle = CreateFileW(LongPath(file).c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,
@@ -319,6 +315,7 @@ std::string WhyOthersCanRead(const std::filesystem::path& file) {
 // The name of a file that others have open stays taken until they close it. So it gets another one first.
 bool RemoveFile(const std::filesystem::path& file) noexcept {
   static constinit std::atomic<unsigned> count{0};  // each number once, whatever the order
+  if (IsFolder(file)) return false;
   try {
     const std::wstring path = LongPath(file);
     const std::wstring parting =

@@ -29,9 +29,9 @@ std::wstring LongPath(const std::filesystem::path& path) {
   std::wstring text = std::filesystem::absolute(path, error).make_preferred().wstring();
   if (error) return path.wstring();
   // Devices ("\\.\NUL") and what has the prefix already.
-  if (text.starts_with(LR"(\\?\)") || text.starts_with(LR"(\\.\)")) return text;
-  if (text.starts_with(LR"(\\)")) return LR"(\\?\UNC\)" + text.substr(2);
-  return LR"(\\?\)" + text;
+  if (text.starts_with(longPrefix) || text.starts_with(LR"(\\.\)")) return text;
+  if (text.starts_with(LR"(\\)")) return std::wstring(longSharePrefix) + text.substr(2);
+  return std::wstring(longPrefix) + text;
 }
 
 }  // namespace veld_report::host

@@ -21,7 +21,14 @@ namespace veld_report::host {
 std::wstring Wide(std::string_view text);
 std::string Narrow(std::wstring_view text);
 
-// An absolute path with the prefix that lets it be longer than MAX_PATH.
+// Others may read, write, rename and delete the file meanwhile.
+inline constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+// Before a path that may be longer than MAX_PATH; the second one in place of the backslashes of
+// \\server\share.
+inline constexpr std::wstring_view longPrefix = LR"(\\?\)";
+inline constexpr std::wstring_view longSharePrefix = LR"(\\?\UNC\)";
+// The absolute path with such a prefix.
 std::wstring LongPath(const std::filesystem::path& path);
 
 inline std::error_code LastError() noexcept {
