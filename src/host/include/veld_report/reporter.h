@@ -102,6 +102,7 @@ using Listener = std::function<void(const FinishedRequest&)>;
 // the reporter. If it throws, the line is dropped.
 using Log = std::function<void(std::uint32_t level, std::string_view text)>;
 
+// Paths are UTF-8, on Windows too, where they may be longer than MAX_PATH.
 struct ReporterOptions {
   std::string store{};  // the folder of the store, created if it doesn't exist; required
   PlainVector<Endpoint> endpoints{};
