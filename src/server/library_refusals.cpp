@@ -2,7 +2,7 @@
 
 #include <microhttpd.h>
 
-#include <cstdio>
+#include <charconv>
 #include <string_view>
 #include <utility>
 
@@ -31,12 +31,16 @@ std::string SentenceOf(unsigned status) {
 const LibraryRefusal LibraryRefusals::noRequest{0, false, SentenceOf(0)};
 
 void LibraryRefusals::Note(const char* line) {
+  static constexpr std::string_view beforeStatus = "Error processing request (HTTP response code is ";
+  const std::string_view text(line);
   LibraryRefusal refusal;
   // A strange sentence, but the library has it for every handshake that fails, and for nothing else.
-  refusal.isTls = std::string_view(line).find("handshake message out of context") != std::string_view::npos;
-  if (!refusal.isTls &&
-      std::sscanf(line, "Error processing request (HTTP response code is %u", &refusal.status) != 1)
-    return;
+  refusal.isTls = text.find("handshake message out of context") != std::string_view::npos;
+  if (!refusal.isTls) {
+    if (!text.starts_with(beforeStatus)) return;
+    const char* const status = text.data() + beforeStatus.size();
+    if (std::from_chars(status, text.data() + text.size(), refusal.status).ec != std::errc()) return;
+  }
   refusal.sentence = SentenceOf(refusal.status);
   const std::lock_guard lock(mutex_);
   waiting_[std::this_thread::get_id()].push_back(std::move(refusal));

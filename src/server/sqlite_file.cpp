@@ -3,7 +3,6 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <iterator>
 #include <stdexcept>
 #include <utility>
@@ -88,13 +87,11 @@ void SqliteFile::Migrate(sqlite3* database) const {
 }
 
 int SqliteFile::Version(sqlite3* database) const {
-  int version = 0;
-  const auto take = [](void* target, int, char** values, char**) {
-    *static_cast<int*>(target) = std::atoi(values[0]);
-    return 0;
-  };
-  if (sqlite3_exec(database, "PRAGMA user_version", take, &version, nullptr) != SQLITE_OK) Fail(database);
-  return version;
+  sqlite3_stmt* raw = nullptr;
+  const int code = sqlite3_prepare_v2(database, "PRAGMA user_version", -1, &raw, nullptr);
+  const std::unique_ptr<sqlite3_stmt, Finalize> statement(raw);
+  if (code != SQLITE_OK || sqlite3_step(raw) != SQLITE_ROW) Fail(database);
+  return sqlite3_column_int(raw, 0);
 }
 
 void SqliteFile::ReopenFile() {

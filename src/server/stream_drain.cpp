@@ -85,7 +85,7 @@ class StreamDrain::Reader {
   std::string NameOf(std::size_t index) const {
     jsMsgMetaData* data = nullptr;
     if (natsMsg_GetMetaData(&data, Message(index)) != NATS_OK) return "a message of " + stream_;
-    const std::string name = "message " + std::to_string(data->Sequence.Stream) + " of " + stream_;
+    std::string name = "message " + std::to_string(data->Sequence.Stream) + " of " + stream_;
     jsMsgMetaData_Destroy(data);
     return name;
   }

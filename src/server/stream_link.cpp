@@ -56,6 +56,7 @@ StreamLink::StreamLink(StreamUrl url) : url_(std::move(url)) {
   std::vector<std::string> urls;
   for (const std::string& broker : url_.brokers) urls.push_back("nats://" + broker);
   std::vector<const char*> texts;
+  texts.reserve(urls.size());
   for (const std::string& text : urls) texts.push_back(text.c_str());
 
   natsStatus status = NATS_OK;

@@ -7,8 +7,8 @@
 #include <array>
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -71,18 +71,25 @@ std::string Unescape(std::string_view text) {
   return plain;
 }
 
-std::optional<host::Clock::WallTimePoint> ReadTime(const char* text) {
-  std::tm utc{};
-  int ms = 0;
-  int length = 0;
-  if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d.%3dZ%n", &utc.tm_year, &utc.tm_mon, &utc.tm_mday,
-                  &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &ms, &length) != 7 ||
-      text[length] != '\0' || length != 24) {
-    return std::nullopt;
-  }
-  utc.tm_year -= 1900;
-  utc.tm_mon -= 1;
-  return std::chrono::system_clock::from_time_t(timegm(&utc)) + std::chrono::milliseconds(ms);
+// None unless it is the text of a time, to the letter, in a year that a WallTimePoint holds.
+std::optional<host::Clock::WallTimePoint> ReadTime(std::string_view text) {
+  namespace chrono = std::chrono;
+  const auto number = [&](std::size_t begin, std::size_t digits) {
+    int value = 0;
+    if (begin + digits <= text.size())
+      std::from_chars(text.data() + begin, text.data() + begin + digits, value);
+    return value;
+  };
+  const chrono::year_month_day date(chrono::year(number(0, 4)),
+                                    chrono::month(static_cast<unsigned>(number(5, 2))),
+                                    chrono::day(static_cast<unsigned>(number(8, 2))));
+  if (!date.ok() || date.year() < chrono::year(1970) || date.year() > chrono::year(2261)) return std::nullopt;
+  const host::Clock::WallTimePoint time = chrono::sys_days(date) + chrono::hours(number(11, 2)) +
+                                          chrono::minutes(number(14, 2)) + chrono::seconds(number(17, 2)) +
+                                          chrono::milliseconds(number(20, 3));
+  // An hour 25, a sign or another separator doesn't come back the same.
+  if (TextOfTime(time) != text) return std::nullopt;
+  return time;
 }
 
 // Empty, or what is wrong with the lines.

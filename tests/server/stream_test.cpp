@@ -80,7 +80,14 @@ TEST_F(StreamMessage, WhatIsNoPacketIsRecognised) {
     EXPECT_NE(received.problem, "") << lines;
   }
   const std::vector<std::pair<const char*, const char*>> headers = {
-      {"Report-Format", "2"}, {"Report-Time", "2026-03-31"}, {"Report-Key", "%FF"}, {"Report-Key", "%00"}};
+      {"Report-Format", "2"},
+      {"Report-Key", "%FF"},
+      {"Report-Key", "%00"},
+      {"Report-Time", "2026-03-31"},
+      {"Report-Time", "2026-02-30T09:41:07.123Z"},
+      {"Report-Time", "2026-03-31T25:41:07.123Z"},
+      {"Report-Time", "2026-03-31T+9:41:07.123Z"},
+      {"Report-Time", "9999-03-31T09:41:07.123Z"}};
   for (const auto& [name, value] : headers) {
     const NatsMessage message = MakeMessage("in.00", "id", whole);
     natsMsgHeader_Set(message.get(), name, value);
