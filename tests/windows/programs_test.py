@@ -79,6 +79,8 @@ class Programs(unittest.TestCase):
         for arguments, more, code, said in (
                 (["serve", "--out", "x"], {}, 1, "serve: isn't part of veldrep for this system"),
                 (["store", "check", "--store", "nö"], {}, 1, "nö: there is no store in this folder"),
+                (["send", "--store", r"Q:\no\drive", "--url", "http://127.0.0.1:9/", "-"], {"input": "{}\n"}, 1,
+                 "can't make the folder"),
                 (["decode"], {"input": "{}"}, 1, 'stdin: the body has no member "payload"'),
                 (["decode", "nö"], {}, 1, "nö: can't be opened: "),
                 (["snd"], {}, 2, "there is no command snd; did you mean send?")):

@@ -22,6 +22,8 @@ inline std::filesystem::path WithEnding(std::filesystem::path path, const char* 
   return path += ending;
 }
 
+// The path from its root and without dots, as the working folder stands now. Throws filesystem_error.
+std::filesystem::path AbsolutePath(const std::filesystem::path& path);
 // The path in the form that streams and libraries can open at any length: absolute and with a prefix on
 // Windows, unchanged elsewhere. Not for messages, and not for std::filesystem.
 std::filesystem::path SystemPath(const std::filesystem::path& path);

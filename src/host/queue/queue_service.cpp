@@ -4,6 +4,7 @@
 
 #include "host/base/text.h"
 #include "host/base/write_trace.h"
+#include "host/platform/paths.h"
 #include "host/queue/store_maintenance.h"
 #include "host/queue/store_upgrade.h"
 
@@ -87,7 +88,7 @@ zel::Ref<QueueService> QueueService::Open(const QueueServiceOptions& given) {
   if (given.folder.empty()) throw StoreError("no folder for the store is given; name one");
   QueueServiceOptions options = given;
   // The process may change its working folder while the store is open.
-  options.folder = std::filesystem::absolute(given.folder).lexically_normal();
+  options.folder = AbsolutePath(given.folder);
   if (!options.folder.has_filename()) options.folder = options.folder.parent_path();
   if (!options.inspectOnly) PrepareStoreFolder(options.folder);
   if (!IsFolder(options.folder)) {

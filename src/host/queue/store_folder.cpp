@@ -43,7 +43,8 @@ void PrepareStoreFolder(const std::filesystem::path& folder) {
     throw StoreError(Utf8(folder) + " is a file, but a store is a folder; name another path");
   }
   std::vector<std::filesystem::path> grown;  // the parents of new folders
-  for (auto made = folder; !FileStatus::Of(made) && made.has_parent_path();) {
+  // The root may be missing too, as the drive of a path on Windows.
+  for (auto made = folder; !FileStatus::Of(made) && made.has_parent_path() && made != made.root_path();) {
     made = made.parent_path();
     grown.push_back(made);
   }

@@ -6,6 +6,7 @@ namespace fs = std::filesystem;
 
 std::string Utf8(const fs::path& path) { return path.native(); }
 fs::path FromUtf8(std::string_view path) { return path; }
+fs::path AbsolutePath(const fs::path& path) { return fs::absolute(path).lexically_normal(); }
 fs::path SystemPath(const fs::path& path) { return path; }
 std::string WithoutPrefix(std::string_view systemPath) { return std::string(systemPath); }
 

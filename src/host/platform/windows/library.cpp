@@ -29,7 +29,7 @@ void* OpenLibrary(const std::string& path, std::string* why) {
   // With its folder named, what the library needs is looked for there first.
   const DWORD flags =
       file.has_parent_path() ? LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS : 0;
-  std::wstring name = file.has_parent_path() ? fs::absolute(file).wstring() : file.wstring();
+  std::wstring name = file.has_parent_path() ? FullPath(file) : file.wstring();
   if (name.size() >= MAX_PATH) name = LongPath(name);
   HMODULE const library = LoadLibraryExW(name.c_str(), nullptr, flags);
   if (!library) *why = path + ": " + LastError().message();

@@ -20,6 +20,7 @@ bool IsDotName(std::wstring_view name) { return name == L"." || name == L".."; }
 
 std::string Utf8(const fs::path& path) { return Narrow(path.native()); }
 fs::path FromUtf8(std::string_view path) { return Wide(path); }
+fs::path AbsolutePath(const fs::path& path) { return FullPath(path); }
 fs::path SystemPath(const fs::path& path) { return LongPath(path); }
 
 std::string WithoutPrefix(std::string_view systemPath) {

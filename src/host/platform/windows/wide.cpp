@@ -24,12 +24,23 @@ std::string Narrow(std::wstring_view text) {
   return narrow;
 }
 
+std::wstring FullPath(const std::filesystem::path& path) {
+  // std::filesystem::absolute isn't enough: libstdc++ takes \\server for a folder of the present drive, and
+  // leaves dots in paths that are absolute already.
+  const std::wstring text = std::filesystem::path(path).make_preferred().wstring();
+  if (text.starts_with(longPrefix)) return text;
+  std::wstring full(GetFullPathNameW(text.c_str(), 0, nullptr, nullptr), L'\0');
+  const DWORD size = static_cast<DWORD>(full.size());
+  const DWORD length = GetFullPathNameW(text.c_str(), size, full.data(), nullptr);
+  if (length == 0 || length >= size) return text;  // it doesn't say, or the working folder changed meanwhile
+  full.resize(length);
+  return full;
+}
+
 std::wstring LongPath(const std::filesystem::path& path) {
-  std::error_code error;
-  std::wstring text = std::filesystem::absolute(path, error).make_preferred().wstring();
-  if (error) return path.wstring();
-  // Devices ("\\.\NUL") and what has the prefix already.
-  if (text.starts_with(longPrefix) || text.starts_with(LR"(\\.\)")) return text;
+  std::wstring text = FullPath(path);
+  // Nothing, devices ("\\.\NUL") and what has the prefix already.
+  if (text.empty() || text.starts_with(longPrefix) || text.starts_with(LR"(\\.\)")) return text;
   if (text.starts_with(LR"(\\)")) return std::wstring(longSharePrefix) + text.substr(2);
   return std::wstring(longPrefix) + text;
 }

@@ -28,7 +28,9 @@ inline constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHAR
 // \\server\share.
 inline constexpr std::wstring_view longPrefix = LR"(\\?\)";
 inline constexpr std::wstring_view longSharePrefix = LR"(\\?\UNC\)";
-// The absolute path with such a prefix.
+// The absolute path without dots and with backslashes, also of \\server\share. A prefix stays.
+std::wstring FullPath(const std::filesystem::path& path);
+// That path with such a prefix.
 std::wstring LongPath(const std::filesystem::path& path);
 
 inline std::error_code LastError() noexcept {
