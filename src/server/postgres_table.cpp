@@ -1,6 +1,6 @@
 #include "server/postgres_table.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <iterator>
 #include <stdexcept>
 #include <utility>
@@ -139,7 +139,10 @@ void PostgresTable::Migrate() {
 
 int PostgresTable::Version() {
   if (connection_->Run("SELECT to_regclass('records_version')").empty()) return 0;
-  return std::atoi(connection_->Run("SELECT version FROM records_version").c_str());
+  const std::string text = connection_->Run("SELECT version FROM records_version");
+  int version = -1;  // none that this program knows
+  std::from_chars(text.data(), text.data() + text.size(), version);
+  return version;
 }
 
 void PostgresTable::ReopenFile() { connection_.reset(); }

@@ -121,11 +121,9 @@ TEST_F(Fork, ChildOfAKilledParentHoldsNoLock) {
   ASSERT_EQ(pipe(ends), 0);
   Child parent([&] {
     const Reporter reporter(Options({{"http://127.0.0.1:1"}}));
-    const pid_t grandchild = fork();
-    if (grandchild != 0) {
-      return write(ends[1], &grandchild, sizeof grandchild) == sizeof grandchild ? pause() : 1;
-    }
-    return pause();
+    if (fork() != 0) return pause();
+    const pid_t own = getpid();  // told by itself, so after what a fork does in the child
+    return write(ends[1], &own, sizeof own) == sizeof own ? pause() : 1;
   });
   pid_t grandchild = 0;
   ASSERT_EQ(read(ends[0], &grandchild, sizeof grandchild), static_cast<ssize_t>(sizeof grandchild));
