@@ -120,8 +120,10 @@ TEST_F(SendTest, SignalledSendersGoOnWhereTheyStopped) {
     // Before it notes signals, it has read nothing.
     if (sender.Wait() < 0) continue;
     const std::uint64_t next = LineToGoOnWith(sender.Errors());
-    if (next == 0) line = 40'001;  // it had read everything before the signal came
-    if (next == 0) break;
+    if (next == 0) {  // it had read everything before the signal came
+      line = 40'001;
+      break;
+    }
     ASSERT_GE(next, line) << sender.Errors();
     line = next;
   }
